@@ -1,0 +1,35 @@
+# Flags that concern every target: sanitizers, unresolved symbols, checks of the standard library.
+
+include_guard(GLOBAL)
+
+if(KELM_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "KELM_FUZZ needs Clang")
+    endif()
+    set(sanitizers fuzzer-no-link,address,undefined)
+elseif(KELM_SANITIZE)
+    set(sanitizers address,undefined)
+endif()
+
+if(sanitizers)
+    add_compile_options(
+        -fsanitize=${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${sanitizers})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        # GCC sees uses of uninitialised values in code that the sanitizers insert.
+        add_compile_options(-Wno-maybe-uninitialized)
+    endif()
+endif()
+
+if(NOT "${KELM_ROOMS}" STREQUAL "${all_rooms}")
+    # What the rooms left out define is missing; programs that never call it link all the same.
+    add_link_options(-Wl,--allow-shlib-undefined)
+elseif(KELM_WERROR AND UNIX AND NOT APPLE AND NOT sanitizers)
+    # A library names all that it links, so that no symbol is found by luck only. The run time of
+    # the sanitizers is linked into programs alone, hence not with them.
+    add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,--no-undefined>)
+endif()
+
+if(sanitizers OR CMAKE_BUILD_TYPE STREQUAL "Debug")
+    add_compile_definitions(_GLIBCXX_ASSERTIONS)
+endif()
