@@ -1,0 +1,48 @@
+#pragma once
+
+#include <string_view>
+
+#include "kelm/format/descriptor_entry.h"
+
+namespace kelm {
+
+/// The extent line of a descriptor, such as `RW 4192256 SPARSE "disk-s001.vmdk"`: which file, or
+/// which part of one, holds the next sectors of the disk.
+class KELM_API CVMDKExtentInfo : public CVMDKDescriptorEntry {
+public:
+    /// `offset` is -1 for a line without one. Nothing is tested.
+    CVMDKExtentInfo(yx::String const& access, __int64 sizeSectors, yx::String const& type,
+                    yx::String const& filename, __int64 offset);
+
+    yx::String getAccess() const { return m_access; }
+    __int64 getSizeSectors() const { return m_sizeSectors; }
+    yx::String getType() const { return m_type; }
+
+    /// The text between the quotes, as it stands.
+    yx::String getFilename() const { return m_filename; }
+
+    /// -1 if the line has none.
+    __int64 getOffset() const { return m_offset; }
+
+    /// Reads a line of an access word, a size in sectors, a type word, a file name in double quotes
+    /// and, if anything follows, an offset, separated by blanks. Which words they are is not
+    /// tested. Any other line, also one with bad numbers, yields an empty pointer.
+    static yx::P<CVMDKExtentInfo> tryParseDescriptorLine(yx::String const& line);
+
+    yx::String toString() override;
+    yx::P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
+
+private:
+    friend class CVMDKDescriptor;
+
+    /// The same for a part of a text.
+    static yx::P<CVMDKExtentInfo> tryParse(std::wstring_view line);
+
+    yx::String m_access;
+    __int64 m_sizeSectors;
+    yx::String m_type;
+    yx::String m_filename;
+    __int64 m_offset;
+};
+
+} // namespace kelm

@@ -1,0 +1,133 @@
+#pragma once
+
+#include "kelm/export.h"
+#include "yx/data_in_stream.h"
+#include "yx/data_out_stream.h"
+
+namespace kelm {
+
+/// The 512-byte binary record at the start of a sparse extent file, and in a stream-optimized one
+/// near its end too. Sizes and offsets count sectors of 512 bytes.
+///
+/// The record's layout is drawn in the source file. Its magic number and its new-line detection
+/// bytes have no field: the first follows from `getEncryptionExtensionEnabled`, the others are
+/// constants. A new header holds zeros, no encryption extension and an empty key hash. The setters
+/// test nothing.
+class KELM_API CVMDKSparseExtentHeader : public yx::CBase {
+public:
+    CVMDKSparseExtentHeader();
+
+    /// Copies take all fields, the buffers by content.
+    CVMDKSparseExtentHeader(CVMDKSparseExtentHeader const&) = default;
+    CVMDKSparseExtentHeader& operator=(CVMDKSparseExtentHeader const&) = default;
+    ~CVMDKSparseExtentHeader() override = default;
+
+    /// Reads a record at the stream's position, which then stands 512 bytes further on. Judges the
+    /// magic number, the new-line detection bytes (if their flag is set) and the length of the key
+    /// hash, and no other field; the redundant directory's offset loads as 0 unless its flag is
+    /// set.
+    ///
+    /// Throws `yx::CIOError` `CorruptData`: "Invalid magic number in VMDK sparse header" with "num"
+    /// (the magic in decimal); "VMDK image is corrupted (probably by having been transferred in FTP
+    /// ASCII mode)."; "Invalid encryption key hash size in VMDK sparse header: " and the size,
+    /// which is above 427, with "uri". Errors of the stream pass through. After a failure the
+    /// fields read so far are set and the header is not to be used.
+    void load(yx::CDataInStream& stream);
+
+    /// Writes the record, 512 bytes, at the stream's position. What `load` found behind the fields
+    /// is written back as far as it fits; the rest is zero. A key hash above 427 bytes is
+    /// `yx::CError`, and nothing is written then.
+    void store(yx::CDataOutStream& stream);
+
+    unsigned int getVersion() const { return m_version; }
+    void setVersion(unsigned int version) { m_version = version; }
+
+    /// Bits: `kFlagNewLineDetectionValid` and its neighbours.
+    unsigned int getFlags() const { return m_flags; }
+    void setFlags(unsigned int flags) { m_flags = flags; }
+
+    unsigned long long getCapacitySectors() const { return m_capacitySectors; }
+    void setCapacitySectors(unsigned long long sectors) { m_capacitySectors = sectors; }
+
+    unsigned long long getGrainSizeSectors() const { return m_grainSizeSectors; }
+    void setGrainSizeSectors(unsigned long long sectors) { m_grainSizeSectors = sectors; }
+
+    /// Sector of the embedded descriptor, and the sectors reserved for it; 0 if there is none.
+    unsigned long long getDescriptorOffsetSectors() const { return m_descriptorOffsetSectors; }
+    void setDescriptorOffsetSectors(unsigned long long sectors) {
+        m_descriptorOffsetSectors = sectors;
+    }
+    unsigned long long getDescriptorSizeSectors() const { return m_descriptorSizeSectors; }
+    void setDescriptorSizeSectors(unsigned long long sectors) { m_descriptorSizeSectors = sectors; }
+
+    unsigned int getGrainTableEntryCount() const { return m_grainTableEntryCount; }
+    void setGrainTableEntryCount(unsigned int count) { m_grainTableEntryCount = count; }
+
+    unsigned long long getRedundantGrainDirectoryOffsetSectors() const {
+        return m_redundantGrainDirectoryOffsetSectors;
+    }
+    void setRedundantGrainDirectoryOffsetSectors(unsigned long long sectors) {
+        m_redundantGrainDirectoryOffsetSectors = sectors;
+    }
+
+    unsigned long long getGrainDirectoryOffsetSectors() const {
+        return m_grainDirectoryOffsetSectors;
+    }
+    void setGrainDirectoryOffsetSectors(unsigned long long sectors) {
+        m_grainDirectoryOffsetSectors = sectors;
+    }
+
+    /// Sectors before the first data grain.
+    unsigned long long getOverheadSectors() const { return m_overheadSectors; }
+    void setOverheadSectors(unsigned long long sectors) { m_overheadSectors = sectors; }
+
+    bool getUncleanShutdown() const { return m_uncleanShutdown; }
+    void setUncleanShutdown(bool unclean) { m_uncleanShutdown = unclean; }
+
+    /// `kCompressAlgorithmNone` or `kCompressAlgorithmDeflate`.
+    unsigned short getCompressAlgorithm() const { return m_compressAlgorithm; }
+    void setCompressAlgorithm(unsigned short algorithm) { m_compressAlgorithm = algorithm; }
+
+    bool getEncryptionExtensionEnabled() const { return m_encryptionExtensionEnabled; }
+    void setEncryptionExtensionEnabled(bool enabled) { m_encryptionExtensionEnabled = enabled; }
+
+    // The names of the next two setters are deliberate: hosts link against them.
+    unsigned short getEncryptionAlgorithm() const { return m_encryptionAlgorithm; }
+    void setEncryptionAlgorthm(unsigned short algorithm) { m_encryptionAlgorithm = algorithm; }
+
+    unsigned short getEncryptionKeyHashAlgorithm() const { return m_encryptionKeyHashAlgorithm; }
+    void setEncryptionKeyHashAlgorthm(unsigned short algorithm) {
+        m_encryptionKeyHashAlgorithm = algorithm;
+    }
+
+    yx::TBuffer<unsigned char> const& getEncryptionKeyHash() const { return m_encryptionKeyHash; }
+    void setEncryptionKeyHash(yx::TBuffer<unsigned char> const& hash) {
+        m_encryptionKeyHash = hash;
+    }
+
+private:
+    void loadEncryptionExtension(yx::CDataInStream& stream);
+    void storeEncryptionExtension(yx::CDataOutStream& stream);
+    int getPaddingSizeBytes() const;
+    void resizePadding();
+
+    unsigned int m_version = 0;
+    unsigned int m_flags = 0;
+    unsigned long long m_capacitySectors = 0;
+    unsigned long long m_grainSizeSectors = 0;
+    unsigned long long m_descriptorOffsetSectors = 0;
+    unsigned long long m_descriptorSizeSectors = 0;
+    unsigned int m_grainTableEntryCount = 0;
+    unsigned long long m_redundantGrainDirectoryOffsetSectors = 0;
+    unsigned long long m_grainDirectoryOffsetSectors = 0;
+    unsigned long long m_overheadSectors = 0;
+    bool m_uncleanShutdown = false;
+    unsigned short m_compressAlgorithm = 0;
+    yx::TBuffer<unsigned char> m_padding;
+    bool m_encryptionExtensionEnabled = false;
+    unsigned short m_encryptionAlgorithm = 0;
+    unsigned short m_encryptionKeyHashAlgorithm = 0;
+    yx::TBuffer<unsigned char> m_encryptionKeyHash;
+};
+
+} // namespace kelm
