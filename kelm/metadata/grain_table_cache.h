@@ -1,0 +1,75 @@
+#pragma once
+
+#include "kelm/metadata/grain_table.h"
+#include "yx/most_recently_used_cache.h"
+
+namespace kelm {
+
+class CVMDKGrainDirectory;
+
+/// The grain tables that are in memory, of any number of directories, least recently used out
+/// first.
+///
+/// It is the only owner of a table between uses, and so decides when a changed table reaches the
+/// file: a table that leaves the cache flushes itself at its last release. Eviction goes by recency
+/// alone, whether or not a table is changed. A flush that fails on that way is reported to
+/// `yx::onExceptionInDestructorIgnored`, and that table's changes are lost.
+///
+/// Disks that share a cache must together be used by one thread at a time.
+class KELM_API CVMDKGrainTableCache : public yx::CBase, public virtual yx::IBase {
+public:
+    /// The directory by its address, on which no reference is held, and the table's index in it.
+    struct CKey {
+        CVMDKGrainDirectory* directory;
+        __int64 tableIndex;
+
+        /// By address, then by index: one directory's tables lie together, in rising index.
+        bool operator<(CKey const& other) const;
+    };
+
+    static constexpr int kDefaultLimit = 1024;
+
+    /// `limit` is the most tables kept, over all directories; negative for no limit, 0 to keep
+    /// none.
+    explicit CVMDKGrainTableCache(int limit = kDefaultLimit);
+
+    /// A copy shares the tables.
+    CVMDKGrainTableCache(CVMDKGrainTableCache const&) = default;
+    CVMDKGrainTableCache& operator=(CVMDKGrainTableCache const&) = default;
+
+    ~CVMDKGrainTableCache() override;
+
+    /// The table, which thereby becomes the most recently used; null if it is not here.
+    yx::P<CVMDKGrainTable> getCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex);
+
+    /// Inserts or replaces, and makes the table the most recently used. A replaced table is
+    /// released when the new one is in place. Only an insertion evicts, if automatic enforcement is
+    /// on.
+    void setCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex, CVMDKGrainTable* table);
+
+    /// Flushes that directory's tables in rising index and keeps them, with their recency. The
+    /// first failure passes; the tables behind it stay changed.
+    void flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory);
+
+    /// Drops that directory's tables in rising index.
+    void removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory);
+
+    /// Whether insertions evict down to the limit; true at first. Switching it on evicts at once.
+    /// While it is off the cache grows without bound.
+    void setAutoEnforceLimit(bool enabled);
+
+    /// Evicts down to the limit, also while automatic enforcement is off.
+    void enforceLimit();
+
+    /// Drops all tables.
+    void clear();
+
+    int getCachedTableCount() const;
+
+private:
+    using Tables = yx::TMostRecentlyUsedCache<CKey, CVMDKGrainTable>;
+
+    yx::P<Tables> m_tables;
+};
+
+} // namespace kelm

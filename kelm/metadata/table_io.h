@@ -1,0 +1,77 @@
+#pragma once
+
+#include <bit>
+#include <climits>
+
+#include "yx/props.h"
+#include "yx/stream.h"
+
+namespace kelm {
+
+// How grain tables and directories travel between memory and file: runs of little-endian numbers
+// that begin at a sector.
+
+/// Metadata up to this size may be larger than the file that it is said to lie in, since tables can
+/// share sectors (a directory entry of 0 means sector 0). Beyond it the file must have room for all
+/// of it, so that memory and time stay in proportion to the file.
+constexpr __int64 kFreeMetadataSizeBytes = 4 * 1024 * 1024;
+
+/// "uri" of the stream.
+yx::CProps uriProps(yx::IStreamBase& stream);
+
+/// Throws `yx::CIOError` `CorruptData`: "Invalid <field> in VMDK sparse extent: <value>" with
+/// "uri".
+[[noreturn]] void throwCorruptField(yx::IStreamBase& stream, char const* field, __int64 value);
+
+/// Whether metadata of this size can be in the stream; see `kFreeMetadataSizeBytes`.
+bool isMetadataSizePlausible(yx::IStreamBase& stream, __int64 sizeBytes);
+
+/// Seeks to a sector. A position that no file can have is reported as `field`.
+void seekToSector(yx::IStreamBase& stream, __int64 posSectors, char const* field);
+
+namespace detail {
+
+template <class T>
+T swapBytes(T value) {
+    T swapped = 0;
+    for (unsigned int i = 0; i < sizeof(T); ++i)
+        swapped = static_cast<T>(swapped << CHAR_BIT | (value >> i * CHAR_BIT & UCHAR_MAX));
+    return swapped;
+}
+
+/// Between the file's byte order and the machine's, either way.
+template <class T>
+void convertByteOrder(yx::TBuffer<T>& numbers) {
+    if constexpr (std::endian::native == std::endian::big) {
+        for (int i = 0; i < numbers.getUsed(); ++i)
+            numbers.getData()[i] = swapBytes(numbers.getData()[i]);
+    }
+}
+
+} // namespace detail
+
+/// Sizes `numbers` to `count`, at most `INT_MAX` bytes, and reads them from a sector on.
+template <class T>
+void readNumbers(yx::IInStream& stream, __int64 posSectors, char const* field,
+                 yx::TBuffer<T>& numbers, int count) {
+    numbers.setUsed(count);
+    seekToSector(stream, posSectors, field);
+    stream.read(numbers.getData(), count * static_cast<int>(sizeof(T)));
+    detail::convertByteOrder(numbers);
+}
+
+/// Writes all of `numbers` from a sector on.
+template <class T>
+void writeNumbers(yx::IOutStream& stream, __int64 posSectors, char const* field,
+                  yx::TBuffer<T> const& numbers) {
+    seekToSector(stream, posSectors, field);
+    int const sizeBytes = numbers.getUsed() * static_cast<int>(sizeof(T));
+    if constexpr (std::endian::native == std::endian::big) {
+        yx::TBuffer<T> converted(numbers);
+        detail::convertByteOrder(converted);
+        stream.write(converted.getData(), sizeBytes, nullptr);
+    } else
+        stream.write(numbers.getData(), sizeBytes, nullptr);
+}
+
+} // namespace kelm
