@@ -1,0 +1,33 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "yx/uri.h"
+
+namespace test_support {
+
+/// The `file:` URI of an absolute path.
+yx::CURI toURI(std::filesystem::path const& path);
+
+/// A new, empty directory of the operating system, removed with all that is in it at the end, also
+/// where a test took permissions away.
+class TempDirectory {
+public:
+    TempDirectory();
+    TempDirectory(TempDirectory const&) = delete;
+    TempDirectory& operator=(TempDirectory const&) = delete;
+    ~TempDirectory();
+
+    /// Absolute, without links in it.
+    std::filesystem::path const& path() const { return m_path; }
+
+    /// Of the directory itself, or of a file in it.
+    yx::CURI uri() const { return toURI(m_path); }
+    yx::CURI uri(std::string const& name) const { return toURI(m_path / name); }
+
+private:
+    std::filesystem::path m_path;
+};
+
+} // namespace test_support

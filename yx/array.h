@@ -1,0 +1,36 @@
+#pragma once
+
+#include <vector>
+
+#include "yx/base.h"
+
+namespace yx {
+
+/// A reference-counted array over a vector. Indices are not checked.
+template <class T>
+class TArray : public CBase {
+public:
+    int getSize() const { return static_cast<int>(m_items.size()); }
+    bool isEmpty() const { return m_items.empty(); }
+
+    T& operator[](int index) { return m_items[static_cast<std::size_t>(index)]; }
+    T const& operator[](int index) const { return m_items[static_cast<std::size_t>(index)]; }
+
+    /// Appends.
+    void add(T item) { m_items.push_back(std::move(item)); }
+
+    /// Inserts before the item at `index`; an index of `getSize()` appends.
+    void insert(int index, T item) { m_items.insert(m_items.begin() + index, std::move(item)); }
+    void remove(int index) { m_items.erase(m_items.begin() + index); }
+    void clear() { m_items.clear(); }
+
+    auto begin() { return m_items.begin(); }
+    auto end() { return m_items.end(); }
+    auto begin() const { return m_items.begin(); }
+    auto end() const { return m_items.end(); }
+
+private:
+    std::vector<T> m_items;
+};
+
+} // namespace yx

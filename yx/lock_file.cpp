@@ -1,0 +1,100 @@
+#include "yx/lock_file.h"
+
+#include <chrono>
+#include <thread>
+
+#include "yx/file_error.h"
+#include "yx/log.h"
+#include "yx/open_lock_file.h"
+
+namespace yx {
+
+namespace {
+
+/// How long to wait for somebody who removes the file. It takes a few calls of the file system, so
+/// nobody waits that long unless the one who does it is stopped in the middle.
+constexpr std::chrono::milliseconds kMaxRemovalTime{500};
+
+bool isLockingUnsupported(CError const& error) {
+    if (auto const* const ioError = dynamic_cast<CIOError const*>(&error))
+        return ioError->getIOCode() == CIOError::NotSupported;
+    auto const* const fileSystemError = dynamic_cast<CFileSystemError const*>(&error);
+    return fileSystemError &&
+           fileSystemError->getProblem() == CFileSystemError::LockingNotSupported;
+}
+
+/// For cleaning up behind a failure: the caller is told that one and not what follows from it.
+template <class Action>
+void tryTo(Action const& action) {
+    try {
+        action();
+    } catch (CError const& error) {
+        error.nop();
+    }
+}
+
+} // namespace
+
+CLockFile::CLockFile(IFileSystem* fileSystem, CURI const& uri, LockType type, bool keepFile,
+                     bool createFile)
+    : m_uri(uri), m_keepFile(keepFile) {
+    try {
+        take(fileSystem, type, createFile);
+    } catch (CLockFileError const&) {
+        throw;
+    } catch (CError const& error) {
+        throw CLockFileError("Cannot take the lock file: " + error.getMessage(),
+                             detail::makeUriProps(m_uri), &error);
+    }
+}
+
+CLockFile::~CLockFile() {
+    try {
+        if (!m_keepFile)
+            m_file->removeIfAlone();
+    } catch (std::exception& error) {
+        onExceptionInDestructorIgnored("yx::CLockFile", error, true);
+    }
+}
+
+void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
+    bool const existed = fileSystem->fileExists(m_uri);
+    if (!existed && !createFile) {
+        throw CLockFileError("The lock file does not exist.", detail::makeUriProps(m_uri), nullptr);
+    }
+    m_file = enter(fileSystem, existed);
+    try {
+        m_file->lock(type == Exclusive ? IStreamBase::Exclusive : IStreamBase::Shared);
+    } catch (CIOError const& error) {
+        if (error.getIOCode() != CIOError::AccessDenied)
+            throw;
+        // The holder may be leaving and may count on the one it saw present to remove the file.
+        if (!m_keepFile)
+            tryTo([this] { m_file->removeIfAlone(); });
+        throw CLockFileError("The disk is in use: its lock file is held by another program or "
+                             "another open disk.",
+                             detail::makeUriProps(m_uri), &error);
+    }
+}
+
+std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem,
+                                                       bool existed) const {
+    auto const end = std::chrono::steady_clock::now() + kMaxRemovalTime;
+    do {
+        auto file = std::make_unique<detail::OpenLockFile>(fileSystem, m_uri);
+        try {
+            if (file->tryEnter())
+                return file;
+        } catch (CError const& error) {
+            // Where nobody can lock, the file would only keep readers from going on without one.
+            if (!existed && isLockingUnsupported(error))
+                tryTo([&] { fileSystem->deleteFile(m_uri, true); });
+            throw;
+        }
+        std::this_thread::yield();
+    } while (std::chrono::steady_clock::now() < end);
+    throw CLockFileError("The lock file is being removed by another program.",
+                         detail::makeUriProps(m_uri), nullptr);
+}
+
+} // namespace yx

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <memory>
+
+#include "yx/error.h"
+#include "yx/file_system.h"
+
+namespace yx {
+
+namespace detail {
+class OpenLockFile;
+}
+
+/// Holds a lock file for as long as it lives.
+///
+/// The lock belongs to the open file and vanishes with its process, so a crash leaves nothing that
+/// blocks. Two objects in one process conflict just as two processes do; shared holders coexist.
+/// The last holder removes the file, without a race in which two parties hold the lock on different
+/// files of that name. It works on every file system whose streams lock ranges; bytes 0 and 1 of
+/// the file are locked, and its length is 0.
+///
+/// A failure to remove the file at the end is reported to `onExceptionInDestructorIgnored`; the file
+/// that stays is in nobody's way.
+class YX_API CLockFile : public CBase {
+public:
+    enum LockType {
+        Shared = 1,
+        Exclusive = 2,
+    };
+
+    /// Takes the lock or throws `CLockFileError` with "uri", without waiting for a holder. The
+    /// messages:
+    ///
+    /// - "The disk is in use: its lock file is held by another program or another open disk."
+    /// - "The lock file does not exist.", if `createFile` is false.
+    /// - "The lock file is being removed by another program.", if that takes half a second.
+    /// - "Cannot take the lock file: " and the message of the cause, if the file cannot be made,
+    ///   opened for writing or locked; each type needs all of that.
+    ///
+    /// The cause is the file system's own error, where there is one. `keepFile` leaves the file in
+    /// place at the end; `createFile` makes it when it is missing. On a file system that cannot
+    /// lock, a file that was made for this is removed again.
+    CLockFile(IFileSystem* fileSystem, CURI const& uri, LockType type, bool keepFile,
+              bool createFile);
+    CLockFile(CLockFile const&) = delete;
+    CLockFile& operator=(CLockFile const&) = delete;
+    ~CLockFile() override;
+
+private:
+    std::unique_ptr<detail::OpenLockFile> enter(IFileSystem* fileSystem, bool existed) const;
+    void take(IFileSystem* fileSystem, LockType type, bool createFile);
+
+    CURI m_uri;
+    bool m_keepFile;
+
+    /// Present and locked.
+    std::unique_ptr<detail::OpenLockFile> m_file;
+};
+
+} // namespace yx

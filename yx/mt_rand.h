@@ -1,0 +1,31 @@
+#pragma once
+
+#include <random>
+
+#include "yx/mutex.h"
+
+namespace yx {
+
+/// The random source. An object is not safe for several threads at once: callers hold the global
+/// instance mutex around each draw from the global instance.
+class YX_API CMTRand : public CBase {
+public:
+    /// Seeds the whole state of the generator from the operating system. Throws `CError` if the
+    /// operating system gives no random bytes.
+    CMTRand();
+
+    static P<CMTRand> const& getGlobal();
+    static P<CMutex> const& getGlobalInstanceMutex();
+
+    /// A value of the Mersenne Twister; fit for identifiers, not for keys.
+    unsigned int rand32();
+
+    /// Fills bytes from the operating system's cryptographic source, since keys are drawn with it.
+    /// Throws `CError` if that fails.
+    void randData(unsigned char* target, int sizeBytes);
+
+private:
+    std::mt19937 m_generator;
+};
+
+} // namespace yx

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <mutex>
+
+#include "yx/base.h"
+
+namespace yx {
+
+class YX_API IMutex : public virtual IBase {
+public:
+    virtual void lock() = 0;
+    virtual void unlock() = 0;
+};
+
+/// A mutex that one thread at a time may hold, once.
+class YX_API CMutex : public CBase, public virtual IMutex {
+public:
+    void lock() override;
+    void unlock() override;
+
+private:
+    std::mutex m_mutex;
+};
+
+/// Holds a mutex for as long as it lives.
+class YX_API CMutexLock {
+public:
+    explicit CMutexLock(IMutex* mutex);
+    CMutexLock(CMutexLock const&) = delete;
+    CMutexLock& operator=(CMutexLock const&) = delete;
+    ~CMutexLock();
+
+private:
+    P<IMutex> m_mutex;
+};
+
+} // namespace yx

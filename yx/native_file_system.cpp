@@ -1,0 +1,79 @@
+#include "yx/native_file_system.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "yx/file_descriptor.h"
+#include "yx/file_error.h"
+#include "yx/native_file_stream.h"
+
+namespace yx {
+
+namespace {
+
+using detail::FileAction;
+
+std::string toPath(CURI const& uri) {
+    return toNativePath(uri).toStdString();
+}
+
+/// Why a file of this kind cannot be a stream with positions, as an `errno` value; 0 if it can.
+int getRefusal(mode_t mode) {
+    if (S_ISDIR(mode))
+        return EISDIR;
+    return S_ISFIFO(mode) || S_ISSOCK(mode) ? ESPIPE : 0;
+}
+
+/// Names the same file after a change of the current directory. Empty if that directory is gone.
+std::string toAbsolute(std::string const& path) {
+    std::error_code error;
+    return std::filesystem::absolute(path, error).string();
+}
+
+} // namespace
+
+CNativeFileSystem::CNativeFileSystem(NativeFlush flush) : m_flush(flush) {}
+
+P<IIOStream> CNativeFileSystem::openFile(CURI const& uri, IIOStream::Access access, unsigned int*) {
+    std::string const path = toPath(uri);
+    int const flags = access == IIOStream::ReadWrite ? O_RDWR | O_CREAT : O_RDONLY;
+    auto descriptor =
+        std::make_shared<detail::FileDescriptor>(detail::openDescriptor(path.c_str(), flags));
+    int error = descriptor->get() < 0 ? -descriptor->get() : 0;
+    struct stat status {};
+    if (error == 0 && ::fstat(descriptor->get(), &status) != 0)
+        error = errno;
+    if (error == 0)
+        error = getRefusal(status.st_mode);
+    if (error != 0)
+        throw detail::makeFileError(FileAction::Open, error, detail::makeUriProps(uri));
+    return makeObject<CNativeFileStream>(std::move(descriptor), uri,
+                                         toAbsolute(path), access, m_flush);
+}
+
+bool CNativeFileSystem::fileExists(CURI const& uri) {
+    struct stat status {};
+    if (::stat(toPath(uri).c_str(), &status) == 0)
+        return !S_ISDIR(status.st_mode);
+    // A name that is too long can have no file either.
+    if (errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG)
+        return false;
+    throw detail::makeFileError(FileAction::Query, errno, detail::makeUriProps(uri));
+}
+
+void CNativeFileSystem::deleteFile(CURI const& uri, bool ignoreMissing) {
+    if (::unlink(toPath(uri).c_str()) == 0)
+        return;
+    if (ignoreMissing && (errno == ENOENT || errno == ENOTDIR))
+        return;
+    throw detail::makeFileError(FileAction::Delete, errno, detail::makeUriProps(uri));
+}
+
+} // namespace yx

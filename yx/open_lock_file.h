@@ -1,0 +1,64 @@
+#pragma once
+
+#include "yx/file_system.h"
+
+namespace yx::detail {
+
+/// A lock file that is open, as one party of the agreement between all users of lock files on its
+/// name. Internal.
+///
+/// What the parties agree on:
+///
+/// | Of the file | Meaning                                                                        |
+/// |-------------|--------------------------------------------------------------------------------|
+/// | byte 0      | The lock itself, shared or exclusive.                                          |
+/// | byte 1      | Presence: everybody who uses the file holds it shared, from before the first   |
+/// |             | look at the file to the end. Who holds it exclusively is alone.                |
+/// | length      | 0: the file is alive. Anything else: it is dead, removed or about to be.       |
+///
+/// - The length changes, and the file is deleted, only by one who is alone on the file, and a file
+///   is deleted only when it is dead. So a file that was seen alive by one who is present stays
+///   alive and keeps its name as long as that party is present: nobody else can lock another file
+///   of that name.
+/// - Whoever leaves tries to be alone and then removes the file. If others are present, one of them
+///   comes to leave after, so the last one removes it, whether it ever got the lock or not.
+/// - A party that opened the file before it was removed finds it dead, and opens the name again.
+/// - A crash frees all ranges. It may leave the file behind, alive: then the next one uses it; or
+///   dead: then the next one makes it alive again.
+///
+/// Whether a dead file still has its name is told by its length: one who is alone makes it a random
+/// number and looks whether the file at the name has just that length. A living file never has it.
+class OpenLockFile {
+public:
+    /// Opens the file, and makes it if there is none. Errors are those of the file system.
+    OpenLockFile(IFileSystem* fileSystem, CURI const& uri);
+    OpenLockFile(OpenLockFile const&) = delete;
+    OpenLockFile& operator=(OpenLockFile const&) = delete;
+
+    /// Ends the presence and the lock, and leaves the file in place.
+    ~OpenLockFile() = default;
+
+    /// Becomes present. False if the file is dead or is being removed: then this object is of no
+    /// more use, and the name is to be opened again. Errors are those of the stream.
+    bool tryEnter();
+
+    /// Takes the lock, once present. Another holder in the way is `CIOError` `AccessDenied`.
+    void lock(IStreamBase::LockType type);
+
+    /// Removes the file unless others are present; the last step of one who leaves. Errors are those
+    /// of the file system; the file may then stay, and is none the worse for it.
+    void removeIfAlone();
+
+private:
+    P<IStreamLock> tryLockPresence(IStreamBase::LockType type);
+    bool becomeAloneOnNamedFile();
+    bool isLengthOfNamedFile(__int64 length);
+
+    P<IFileSystem> m_fileSystem;
+    CURI m_uri;
+    P<IIOStream> m_stream;
+    P<IStreamLock> m_presence;
+    P<IStreamLock> m_lock;
+};
+
+} // namespace yx::detail

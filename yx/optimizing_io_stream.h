@@ -1,0 +1,51 @@
+#pragma once
+
+#include "yx/optimizing_in_stream.h"
+
+namespace yx {
+
+/// The buffering layer between everything that works on a file and the file. Reading is told at
+/// `COptimizingInStream`.
+///
+/// - Writes of 64 KiB and more pass through without a copy. So do bytes given to `writeKeepBuffer`
+///   from 16 KiB on; what is held back just before them goes with them in one step, if the stream
+///   under it is an `IGatherOutStream`. Nothing refers to a caller's bytes after the call.
+/// - Other writes are held back, adjacent ones gathered, at up to eight places and up to 1 MiB
+///   together. They reach the stream by `flush`, `close`, `createWriteBarrier`, the destructor,
+///   when that room is taken, and before a write that passes through. Then bytes that make the
+///   file longer go first, since the others may point to them, and the others in the order in
+///   which their places were first written to.
+/// - Every read sees every earlier write, and `getLength` counts what is still held back.
+/// - A failure to write back keeps the bytes, and the next operation that writes back tries them
+///   again. An operation that fails so has not begun its own work, and the position stays.
+/// - After a failed write that passes through, its range holds whatever the stream under it made
+///   of it, and reads show that.
+/// - A position or length above 2^62 - 1 cannot be written to: `CIOError` `NoSpace`, with "uri",
+///   "position" and "bytesToWrite".
+class YX_API COptimizingIOStream : public COptimizingInStream, public virtual IIOStream {
+public:
+    /// As for `COptimizingInStream`. `close`, inherited from there, first writes back, and fails with
+    /// all bytes kept if it cannot.
+    explicit COptimizingIOStream(IIOStream* stream);
+
+    /// Writes back, without a flush of the stream under it. A failure goes to
+    /// `onExceptionInDestructorIgnored`; to see it, call `close` or `flush` first.
+    ~COptimizingIOStream() override;
+
+    /// With a barrier, the bytes pass through behind all earlier ones, whatever their size.
+    void write(void const* source, int sizeBytes, IWriteBarrier* barrier) override;
+    void writeKeepBuffer(TConstBufferSlice<unsigned char> const& slice,
+                         IWriteBarrier* barrier) override;
+
+    /// Writes back and returns a barrier of the stream under it.
+    P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
+
+    /// Writes back, then flushes the stream under it.
+    void flush() override;
+
+    /// Acts on the stream under it at once, and drops what is held back behind `length`. A length
+    /// below 0 is `CIOError` `BadPosition` with "uri" and "length".
+    void setLength(__int64 length) override;
+};
+
+} // namespace yx

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "yx/string.h"
+
+namespace yx {
+
+/// What formats share: the text so far.
+class YX_API CStringFormatBase {
+protected:
+    explicit CStringFormatBase(String const& format);
+
+    /// Replaces the next integer place of the format, such as "%d" or "%05d", by `value`. Throws
+    /// `CError` if no place is left.
+    void insertValue(__int64 value);
+
+    String m_text;
+
+private:
+    std::size_t m_nextPos = 0;
+};
+
+/// Fills the integer places of a format: `String name = CStringFormat("%05d") << 7;`.
+/// "%%" stands for a percent sign.
+class YX_API CStringFormat : public CStringFormatBase {
+public:
+    explicit CStringFormat(String const& format);
+
+    CStringFormat& operator<<(__int64 value);
+
+    /// The text with the values given so far.
+    operator String() const;
+};
+
+} // namespace yx

@@ -1,0 +1,459 @@
+#include "yx/uri.h"
+
+#include <algorithm>
+#include <charconv>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "yx/error.h"
+#include "yx/uri_escape.h"
+#include "yx/uri_path.h"
+
+namespace yx {
+
+using namespace detail;
+
+namespace {
+
+constexpr char kFileScheme[] = "file";
+constexpr char kThisHost[] = "localhost";
+constexpr __int64 kNoPort = -1;
+constexpr __int64 kMaxPort = 65535;
+
+[[noreturn]] void throwInvalid(String const& text) {
+    throw CError("Invalid URI: '" + text + "'", "", -1, CProps(), nullptr);
+}
+
+/// A part of the text of `uri` with all escapes in place.
+std::string completeEscapes(std::string_view part, CharTest isAllowed, String const& uri) {
+    std::optional<std::string> const escaped = detail::completeEscapes(part, isAllowed);
+    if (!escaped)
+        throwInvalid(uri);
+    return *escaped;
+}
+
+/// Escaped text for people; stays escaped if it stands for no text, or for control characters.
+String unescapeForPeople(String const& escaped) {
+    std::string const bytes = unescape(escaped.toStdString());
+    bool const hasControls = std::any_of(bytes.begin(), bytes.end(), [](char character) {
+        auto const byte = static_cast<unsigned char>(character);
+        return byte < 0x20 || byte == 0x7f;
+    });
+    return hasControls ? escaped : String::tryFromUTF8(bytes).value_or(escaped);
+}
+
+/// The length of the scheme in front of the first colon, 0 if the text begins with none.
+size_t getSchemeLength(std::string_view text) {
+    if (text.empty() || !isAlpha(text[0]))
+        return 0;
+    for (size_t i = 1; i < text.size(); ++i) {
+        if (text[i] == ':')
+            return i;
+        if (!isAlpha(text[i]) && !isDigit(text[i]) && !isOneOf(text[i], "+-."))
+            return 0;
+    }
+    return 0;
+}
+
+/// An IPv6 or later address in brackets.
+bool isAddressLiteral(std::string_view host) {
+    return host.size() > 2 && host.front() == '[' && host.back() == ']' &&
+           std::all_of(host.begin() + 1, host.end() - 1, [](char character) {
+               return isAuthorityChar(character) || character == ':';
+           });
+}
+
+std::string escapeHost(std::string const& host) {
+    return isAddressLiteral(host) ? host : escape(host, isAuthorityChar);
+}
+
+/// Where the extension of a name starts; its end if there is none.
+size_t getExtensionStart(wxString const& name) {
+    size_t const dot = name.rfind('.');
+    bool const onlyDotsBefore = dot == wxString::npos || name.find_first_not_of('.') >= dot;
+    return onlyDotsBefore ? name.length() : dot;
+}
+
+std::optional<String> toOptional(TConstOptRef<String> const& text) {
+    return text ? std::optional<String>(*text) : std::nullopt;
+}
+
+TConstOptRef<String> toOptRef(std::optional<String> const& text) {
+    return text ? TConstOptRef<String>(*text) : TConstOptRef<String>();
+}
+
+/// An absolute Windows path with "/" for separators: the server of a network share, the part that
+/// ".." cannot leave, and the rest.
+struct WindowsPathParts {
+    std::string server;
+    std::string root;
+    std::string rest;
+};
+
+bool isDriveAt(std::string_view path, size_t position) {
+    return position + 1 < path.size() && isAlpha(path[position]) && path[position + 1] == ':';
+}
+
+WindowsPathParts splitWindowsPath(std::string_view path) {
+    constexpr std::string_view kVerbatimPrefix = "//?/";
+    constexpr std::string_view kVerbatimSharePrefix = "//?/unc/";
+    std::string text(path);
+    if (toLowerAscii(text.substr(0, kVerbatimSharePrefix.size())) == kVerbatimSharePrefix)
+        text.replace(0, kVerbatimSharePrefix.size(), "//");
+    else if (text.starts_with(kVerbatimPrefix) && isDriveAt(text, kVerbatimPrefix.size()))
+        text.erase(0, kVerbatimPrefix.size());
+
+    if (isDriveAt(text, 0) && text.size() > 2 && text[2] == '/')
+        return {"", "/" + toUpperAscii(text.substr(0, 2)), text.substr(2)};
+    if (text.starts_with("//") && text.size() > 2 && text[2] != '/') {
+        size_t const serverEnd = std::min(text.find('/', 2), text.size());
+        size_t const shareStart = std::min(text.find_first_not_of('/', serverEnd), text.size());
+        size_t const shareEnd = std::min(text.find('/', shareStart), text.size());
+        return {text.substr(2, serverEnd - 2), "/" + text.substr(shareStart, shareEnd - shareStart),
+                text.substr(shareEnd)};
+    }
+    return {"", "", text};
+}
+
+[[noreturn]] void throwNoNativePath(CURI const& uri, char const* reason) {
+    throw CIOError(CIOError::NotSupported,
+                   "The URI names no file of the operating system: " + String(reason),
+                   CProps().add("uri", uri.toString(true)), nullptr);
+}
+
+bool holdsZeroOrOneOf(std::string_view text, std::string_view characters) {
+    return text.find('\0') != std::string_view::npos ||
+           text.find_first_of(characters) != std::string_view::npos;
+}
+
+/// The host, if it is another system than this one.
+std::string getForeignHost(CURI const& uri) {
+    TConstOptRef<String> const host = uri.getHostOptRef();
+    std::string const name = host ? host->toStdString() : "";
+    return toLowerAscii(name) == kThisHost ? "" : name;
+}
+
+/// The path of a `file:` URI or of a relative reference, unescaped; `separators` may not come out
+/// of an escape. The host is the caller's business.
+std::string toPathBytes(CURI const& uri, std::string_view separators) {
+    bool const isFile = toLowerAscii(uri.getScheme().toStdString()) == kFileScheme;
+    if (!isFile && uri.isAbsolute())
+        throwNoNativePath(uri, "its scheme is not \"file\".");
+    if (uri.getUserNameOptRef() || uri.getPort() != kNoPort)
+        throwNoNativePath(uri, "it has a user name or a port.");
+    if (uri.getEscapedUnicodeQueryOptRef() || uri.getFragmentOptRef())
+        throwNoNativePath(uri, "it has a query or a fragment.");
+
+    std::string const path = uri.getPath().toStdString();
+    if (isFile && !path.starts_with('/'))
+        throwNoNativePath(uri, "its path is not absolute.");
+    std::string bytes = unescape(path);
+    // The separators of the URI itself are the only ones that may come out.
+    std::string names = path;
+    std::replace(names.begin(), names.end(), '/', ' ');
+    if (holdsZeroOrOneOf(unescape(names), separators))
+        throwNoNativePath(uri, "a name in its path holds a zero byte or a separator.");
+    if (!String::tryFromUTF8(bytes))
+        throwNoNativePath(uri, "its path is no UTF-8.");
+    return bytes;
+}
+
+} // namespace
+
+CURI::CURI(String const& text) {
+    std::string const utf8 = text.toStdString();
+    std::string_view rest = utf8;
+    if (size_t const start = rest.find('#'); start != std::string_view::npos) {
+        m_fragment =
+            String::fromUTF8(unescape(completeEscapes(rest.substr(start + 1), isQueryChar, text)));
+        rest = rest.substr(0, start);
+    }
+    if (size_t const start = rest.find('?'); start != std::string_view::npos) {
+        m_query = String::fromUTF8(completeEscapes(rest.substr(start + 1), isQueryChar, text));
+        rest = rest.substr(0, start);
+    }
+    if (size_t const length = getSchemeLength(rest); length > 0) {
+        m_scheme = String::fromUTF8(rest.substr(0, length));
+        rest = rest.substr(length + 1);
+    }
+    if (rest.starts_with("//")) {
+        size_t const end = std::min(rest.find('/', 2), rest.size());
+        parseAuthority(rest.substr(2, end - 2), text);
+        rest = rest.substr(end);
+    }
+    setPath(completeEscapes(rest, isPathChar, text));
+}
+
+CURI::CURI(CURI const& other, String const*) : CURI(other) {}
+
+CURI::CURI(String const& scheme, String const& path, TConstOptRef<String> userName,
+           TConstOptRef<String> userAuthInfo, TConstOptRef<String> host, __int64 port,
+           TConstOptRef<String> query, TConstOptRef<String> fragment)
+    : m_scheme(scheme),
+      m_userName(toOptional(userName)),
+      m_userAuthInfo(toOptional(userAuthInfo)),
+      m_host(toOptional(host)),
+      m_port(port),
+      m_fragment(toOptional(fragment)) {
+    std::string const schemeStart = scheme.toStdString() + ":";
+    if (!scheme.isEmpty() && getSchemeLength(schemeStart) + 1 != schemeStart.size())
+        throw CInvalidArgError("CURI", "Invalid URI scheme: '" + scheme + "'", CProps());
+    if (port < kNoPort || port > kMaxPort)
+        throw CInvalidArgError("CURI", "Invalid URI port: " + yx::toString(port), CProps());
+    // The text form has no place for one of these without those on its left.
+    if (m_userAuthInfo && !m_userName)
+        m_userName = String();
+    if ((m_userName || m_port != kNoPort) && !m_host)
+        m_host = String();
+    if (query)
+        m_query = String::fromUTF8(completeEscapes(query->toStdString(), isQueryChar, *query));
+    setPath(completeEscapes(path.toStdString(), isPathChar, path));
+}
+
+CURI::CURI(TPathImpl<CUnixPathTraits> const& path, bool asFolder) {
+    if (path.isAbsolute()) {
+        m_scheme = kFileScheme;
+        m_host = String();
+    }
+    setNativePath(escapeNativePath(path.getPath().toStdString()), asFolder);
+}
+
+CURI::CURI(TPathImpl<CWindowsPathTraits> const& path, bool asFolder) {
+    String text = path.getPath();
+    text.wx().Replace("\\", "/");
+    if (!path.isAbsolute()) {
+        setNativePath(escapeNativePath(text.toStdString()), asFolder);
+        return;
+    }
+    WindowsPathParts const parts = splitWindowsPath(text.toStdString());
+    m_scheme = kFileScheme;
+    m_host = String::fromUTF8(parts.server);
+    std::string const rest = removeDotSegments(escapeNativePath(parts.rest), false);
+    setNativePath(escapeNativePath(parts.root) + rest, asFolder);
+}
+
+bool CURI::operator==(CURI const& other) const {
+    return m_scheme == other.m_scheme && m_path == other.m_path && m_userName == other.m_userName &&
+           m_userAuthInfo == other.m_userAuthInfo && m_host == other.m_host &&
+           m_port == other.m_port && m_query == other.m_query && m_fragment == other.m_fragment;
+}
+
+bool CURI::operator<(CURI const& other) const {
+    return toString(true) < other.toString(true);
+}
+
+bool CURI::isEmpty() const {
+    return *this == CURI();
+}
+
+String CURI::toString(bool escaped) const {
+    auto const show = [escaped](String const& text, std::string const& escapedText) {
+        return escaped ? String::fromUTF8(escapedText) : text;
+    };
+    auto const showEscaped = [escaped](String const& text) {
+        return escaped ? text : unescapeForPeople(text);
+    };
+    String text;
+    if (!m_scheme.isEmpty())
+        text += m_scheme + ":";
+    if (m_host) {
+        text += "//";
+        if (m_userName)
+            text += show(*m_userName, escape(m_userName->toStdString(), isAuthorityChar));
+        if (m_userAuthInfo)
+            text +=
+                ":" + show(*m_userAuthInfo, escape(m_userAuthInfo->toStdString(), isAuthorityChar));
+        if (m_userName)
+            text += "@";
+        text += show(*m_host, escapeHost(m_host->toStdString()));
+        if (m_port != kNoPort)
+            text += ":" + yx::toString(m_port);
+    }
+    text += showEscaped(m_path);
+    if (m_query)
+        text += "?" + showEscaped(*m_query);
+    if (m_fragment)
+        text += "#" + show(*m_fragment, escape(m_fragment->toStdString(), isQueryChar));
+    return text;
+}
+
+CURI CURI::toNormalized() const {
+    CURI result = *this;
+    result.m_scheme = String::fromUTF8(toLowerAscii(m_scheme.toStdString()));
+    if (m_host)
+        result.m_host = String::fromUTF8(toLowerAscii(m_host->toStdString()));
+    if (m_query)
+        result.m_query = String::fromUTF8(normalizeEscapes(m_query->toStdString(), isUnreserved));
+
+    std::string path = normalizeEscapes(m_path.toStdString(), isSegmentChar);
+    path = removeDotSegments(collapseSeps(path), !isAbsolute() && !m_host);
+    if (result.m_host && path.empty())
+        path = "/";
+    if (result.m_scheme == kFileScheme && path.starts_with('/') &&
+        (!result.m_host || *result.m_host == kThisHost))
+        result.m_host = String();
+    result.setPath(path);
+    return result;
+}
+
+CURI CURI::getParent() const {
+    CURI result = *this;
+    result.m_query.reset();
+    result.m_fragment.reset();
+    result.setPath(getParentPath(m_path.toStdString(), !isAbsolute()));
+    return result;
+}
+
+String CURI::getName() const {
+    std::string const path = m_path.toStdString();
+    std::string_view const trimmed = withoutTrailingSeps(path);
+    return String::fromUTF8(unescape(trimmed.substr(getNameStart(trimmed))));
+}
+
+String CURI::getTitle() const {
+    wxString const name = getName().wx();
+    return name.Left(getExtensionStart(name));
+}
+
+String CURI::getExtension() const {
+    wxString const name = getName().wx();
+    return name.Mid(getExtensionStart(name));
+}
+
+TConstOptRef<String> CURI::getUserNameOptRef() const {
+    return toOptRef(m_userName);
+}
+
+TConstOptRef<String> CURI::getUserAuthInfoOptRef() const {
+    return toOptRef(m_userAuthInfo);
+}
+
+TConstOptRef<String> CURI::getHostOptRef() const {
+    return toOptRef(m_host);
+}
+
+TConstOptRef<String> CURI::getEscapedUnicodeQueryOptRef() const {
+    return toOptRef(m_query);
+}
+
+TConstOptRef<String> CURI::getFragmentOptRef() const {
+    return toOptRef(m_fragment);
+}
+
+CURI CURI::operator<<(String const& component) const {
+    CURI result = *this;
+    result.m_query.reset();
+    result.m_fragment.reset();
+    result.setPath(getFolderPath() + escape(component.toStdString(), isSegmentChar));
+    return result;
+}
+
+CURI CURI::operator<<(CURI const& reference) const {
+    if (reference.isAbsolute()) {
+        CURI result = reference;
+        result.setPath(removeDotSegments(reference.m_path.toStdString(), false));
+        return result;
+    }
+    CURI result = reference;
+    result.m_scheme = m_scheme;
+    std::string path = reference.m_path.toStdString();
+    if (!reference.m_host) {
+        result.m_userName = m_userName;
+        result.m_userAuthInfo = m_userAuthInfo;
+        result.m_host = m_host;
+        result.m_port = m_port;
+        if (path.empty() && !reference.m_query)
+            result.m_query = m_query;
+        if (!path.starts_with('/'))
+            path = getFolderPath() + path;
+    }
+    result.setPath(removeDotSegments(path, !isAbsolute()));
+    return result;
+}
+
+void CURI::parseAuthority(std::string_view authority, String const& uri) {
+    auto const decode = [&uri](std::string_view text) {
+        return String::fromUTF8(unescape(completeEscapes(text, isAuthorityChar, uri)));
+    };
+    if (size_t const at = authority.rfind('@'); at != std::string_view::npos) {
+        std::string_view const user = authority.substr(0, at);
+        size_t const colon = user.find(':');
+        m_userName = decode(user.substr(0, colon));
+        if (colon != std::string_view::npos)
+            m_userAuthInfo = decode(user.substr(colon + 1));
+        authority = authority.substr(at + 1);
+    }
+
+    size_t const literalEnd = authority.starts_with('[') ? authority.find(']') : 0;
+    if (literalEnd == std::string_view::npos)
+        throwInvalid(uri);
+    size_t const hostEnd = std::min(authority.find(':', literalEnd), authority.size());
+    std::string_view const host = authority.substr(0, hostEnd);
+    if (literalEnd > 0 && !isAddressLiteral(host))
+        throwInvalid(uri);
+    m_host = literalEnd > 0 ? String::fromUTF8(host) : decode(host);
+
+    if (hostEnd + 1 >= authority.size())
+        return;
+    std::string_view const digits = authority.substr(hostEnd + 1);
+    bool const isNumber = std::all_of(digits.begin(), digits.end(), isDigit);
+    auto const [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), m_port);
+    if (!isNumber || error != std::errc() || m_port > kMaxPort)
+        throwInvalid(uri);
+}
+
+void CURI::setPath(std::string path) {
+    if (m_host) {
+        if (!path.empty() && path[0] != '/')
+            path.insert(0, "/");
+    } else if (path.starts_with("//")) {
+        path.insert(0, "/.");
+    } else if (m_scheme.isEmpty()) {
+        path = escapeColonsInFirstSegment(path);
+    }
+    m_path = String::fromUTF8(path);
+}
+
+void CURI::setNativePath(std::string path, bool asFolder) {
+    if (asFolder && !path.empty() && !path.ends_with('/'))
+        path += "/";
+    setPath(path);
+}
+
+std::string CURI::getFolderPath() const {
+    std::string path = m_path.toStdString();
+    bool const needsSep = path.empty() ? m_host.has_value() : path.back() != '/';
+    return needsSep ? path + "/" : path;
+}
+
+std::ostream& operator<<(std::ostream& stream, CURI const& uri) {
+    return stream << uri.toString(true);
+}
+
+String toUnixPath(CURI const& uri) {
+    String const path = String::fromUTF8(toPathBytes(uri, "/"));
+    if (!getForeignHost(uri).empty())
+        throwNoNativePath(uri, "its host is another system.");
+    return path;
+}
+
+String toWindowsPath(CURI const& uri) {
+    constexpr std::string_view kSeparators = "/\\";
+    std::string path = toPathBytes(uri, kSeparators);
+    std::string const server = getForeignHost(uri);
+    if (holdsZeroOrOneOf(server, kSeparators))
+        throwNoNativePath(uri, "its host is no server's name.");
+    if (!server.empty())
+        path.insert(0, "//" + server);
+    else if (path.starts_with('/') && isDriveAt(path, 1))
+        path = path.substr(1) + (path.size() == 3 ? "/" : "");
+    std::replace(path.begin(), path.end(), '/', '\\');
+    return String::fromUTF8(path);
+}
+
+String toNativePath(CURI const& uri) {
+    return CWindowsPathTraits::isNativePathType() ? toWindowsPath(uri) : toUnixPath(uri);
+}
+
+} // namespace yx
