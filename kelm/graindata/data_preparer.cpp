@@ -1,0 +1,120 @@
+#include "kelm/graindata/data_preparer.h"
+
+#include "kelm/graindata/compressor.h"
+#include "kelm/graindata/grain_record.h"
+#include "yx/error.h"
+
+namespace kelm {
+
+namespace {
+
+using Buffer = yx::TBuffer<unsigned char>;
+
+constexpr char kConstructorName[] = "CVMDKDataPreparer constructor";
+constexpr char kPrepareName[] = "CVMDKDataPreparer::prepareGrainData";
+constexpr char kUnprepareName[] = "CVMDKDataPreparer::unprepareGrainData";
+
+void verifyBuffersGiven(char const* function, Buffer const* source, Buffer const* aux) {
+    if (!source)
+        throw yx::CInvalidArgError(function, "pSourceBuffer must not be NULL", yx::CProps());
+    if (!aux)
+        throw yx::CInvalidArgError(function, "pAuxBuffer must not be NULL", yx::CProps());
+}
+
+void verifyBuffersDiffer(char const* function, Buffer const* source, Buffer const* aux) {
+    if (source == aux)
+        throw yx::CInvalidArgError(function, "source and auxiliary buffer must not be the same",
+                                   yx::CProps());
+}
+
+void verifyHasRecordHeader(Buffer const& prepared) {
+    if (prepared.getUsed() < kGrainRecordHeaderSizeBytes)
+        throw yx::CIOError(
+            yx::CIOError::CorruptData,
+            "Prepared VMDK grain data is too short: " + yx::toString(prepared.getUsed()) + " bytes",
+            yx::CProps(), nullptr);
+}
+
+/// Fills from `beginBytes` on to the end.
+void clearRest(Buffer& buffer, int beginBytes) {
+    yx::initMemory(buffer.getData() + beginBytes, 0,
+                   static_cast<std::size_t>(buffer.getUsed() - beginBytes));
+}
+
+} // namespace
+
+CVMDKDataPreparer::CVMDKDataPreparer(__int64 grainSizeSectors, bool compressed,
+                                     int compressionLevel)
+    : m_grainSizeSectors(grainSizeSectors) {
+    if (grainSizeSectors < 1 || grainSizeSectors > kMaxGrainSizeSectors)
+        throw yx::CInvalidArgError(
+            kConstructorName, "Invalid grain size: " + yx::toString(grainSizeSectors) + " sectors",
+            yx::CProps());
+    m_grainSizeBytes = grainSizeSectors * kSectorSizeBytes;
+    m_worstCaseGrainSizeSectors = grainSizeSectors;
+    if (!compressed)
+        return;
+    m_compressor = yx::makeObject<CVMDKCompressor>(compressionLevel);
+    m_compressedSizeUpperBound =
+        m_compressor->getCompressedSizeUpperBound(static_cast<int>(m_grainSizeBytes));
+    m_worstCaseGrainSizeSectors =
+        roundUpToSectors(m_compressedSizeUpperBound + kGrainRecordHeaderSizeBytes);
+}
+
+unsigned long long CVMDKDataPreparer::calcLBA(__int64 grainIndex) const {
+    return static_cast<unsigned long long>(m_grainSizeSectors) *
+           static_cast<unsigned long long>(grainIndex);
+}
+
+yx::P<Buffer> CVMDKDataPreparer::prepareGrainData(Buffer* source, __int64 grainIndex, Buffer* aux) {
+    verifyBuffersGiven(kPrepareName, source, aux);
+    if (source->getUsed() > m_grainSizeBytes)
+        throw yx::CInvalidArgError(kPrepareName,
+                                   "source buffer is bigger than grain size (" +
+                                       yx::toString(m_grainSizeBytes) + ").",
+                                   yx::CProps());
+    if (!m_compressor)
+        return source;
+    verifyBuffersDiffer(kPrepareName, source, aux);
+
+    aux->setUsed(static_cast<int>(m_worstCaseGrainSizeSectors * kSectorSizeBytes));
+    unsigned char* const record = aux->getData();
+    int const compressedSizeBytes = m_compressor->compressSingleStep(
+        source->getData(), source->getUsed(), record + kGrainRecordHeaderSizeBytes,
+        static_cast<int>(m_compressedSizeUpperBound));
+    // A record of what failed would read back as damage, long after the grain itself is gone.
+    if (compressedSizeBytes < 0)
+        throw yx::CError("Not enough memory to compress.", "", -1, yx::CProps(), nullptr);
+    storeGrainRecordLBA(record, calcLBA(grainIndex));
+    storeGrainRecordCompressedSize(record, static_cast<unsigned int>(compressedSizeBytes));
+
+    int const recordSizeBytes = compressedSizeBytes + kGrainRecordHeaderSizeBytes;
+    aux->setUsed(static_cast<int>(roundUpToMultiple(recordSizeBytes, kSectorSizeBytes)));
+    clearRest(*aux, recordSizeBytes);
+    return aux;
+}
+
+yx::P<Buffer> CVMDKDataPreparer::unprepareGrainData(Buffer* source, Buffer* aux) {
+    if (!m_compressor)
+        return source;
+    verifyBuffersGiven(kUnprepareName, source, aux);
+    verifyBuffersDiffer(kUnprepareName, source, aux);
+    verifyHasRecordHeader(*source);
+
+    aux->setUsed(static_cast<int>(m_grainSizeBytes));
+    // The decoder finds the end of its stream by itself, so the padding may go along.
+    int const plainSizeBytes = m_compressor->decompressSingleStep(
+        source->getData() + kGrainRecordHeaderSizeBytes,
+        source->getUsed() - kGrainRecordHeaderSizeBytes, aux->getData(), aux->getUsed());
+    clearRest(*aux, plainSizeBytes);
+    return aux;
+}
+
+void CVMDKDataPreparer::patchGrainIndexInPreparedGrainData(Buffer& prepared, __int64 grainIndex) {
+    if (!m_compressor)
+        return;
+    verifyHasRecordHeader(prepared);
+    storeGrainRecordLBA(prepared.getData(), calcLBA(grainIndex));
+}
+
+} // namespace kelm

@@ -1,0 +1,219 @@
+#include "kelm/graindata/grain.h"
+
+#include <limits>
+
+#include "kelm/graindata/grain_record.h"
+#include "yx/error.h"
+#include "yx/log.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr char kConstructorName[] = "CVMDKGrain constructor";
+constexpr char kOpenName[] = "CVMDKGrain::open";
+constexpr char kSeekName[] = "CVMDKGrain::seek";
+
+constexpr __int64 kClosed = -1;
+
+constexpr __int64 kMaxPositionBytes = std::numeric_limits<__int64>::max();
+
+/// The last sector whose byte position leaves room for the size of a transfer.
+constexpr __int64 kMaxPosSectors = kMaxPositionBytes / 2 / kSectorSizeBytes;
+
+} // namespace
+
+CVMDKGrain::CVMDKGrain(yx::IIOStream* stream, yx::IIOStream::Access access,
+                       __int64 grainSizeSectors, IVMDKGrainAllocator* allocator, bool compressed,
+                       int compressionLevel, IVMDKDataProvider* fallbackDataProvider,
+                       krym::ICipher* cipher, yx::TCryptBuffer<unsigned char> const& encryptionKey,
+                       yx::TBuffer<unsigned char> const& encryptionIV)
+    : m_stream(stream),
+      m_access(access),
+      m_allocator(allocator),
+      m_grainSizeSectors(grainSizeSectors),
+      m_compressed(compressed),
+      m_compressionLevel(compressionLevel),
+      m_fallbackDataProvider(fallbackDataProvider),
+      m_cipher(cipher),
+      m_cipherBlockSize(cipher ? cipher->getBlockSize() : 0),
+      m_encryptionKey(encryptionKey),
+      m_encryptionIV(encryptionIV) {
+    verifySizes();
+    m_grainSizeBytes = m_grainSizeSectors * kSectorSizeBytes;
+    m_dataPreparer = createDataPreparer();
+    m_worstCaseGrainSizeSectors = calcWorstCaseGrainSizeSectors();
+}
+
+CVMDKGrain::~CVMDKGrain() {
+    try {
+        close();
+    } catch (std::exception& error) {
+        yx::onExceptionInDestructorIgnored("kelm::CVMDKGrain", error, true);
+    }
+}
+
+void CVMDKGrain::verifySizes() const {
+    if (m_grainSizeSectors < 1 || m_grainSizeSectors > CVMDKDataPreparer::kMaxGrainSizeSectors)
+        throw yx::CIOError(yx::CIOError::CorruptData,
+                           "Invalid grain size of VMDK grain: " + yx::toString(m_grainSizeSectors) +
+                               " sectors",
+                           uriProps(), nullptr);
+    if (m_cipher && (m_cipherBlockSize < 1 || m_cipherBlockSize > kSectorSizeBytes))
+        throw yx::CInvalidArgError(
+            kConstructorName,
+            "Invalid block size of cipher: " + yx::toString(m_cipherBlockSize) + " bytes",
+            uriProps());
+}
+
+__int64 CVMDKGrain::calcWorstCaseGrainSizeSectors() const {
+    __int64 const plainSectors = m_dataPreparer->getWorstCaseGrainSizeSectors();
+    if (!m_cipher)
+        return plainSectors;
+    int const headerSizeBytes = m_compressed ? kGrainRecordHeaderSizeBytes : 0;
+    __int64 const encipheredBytes =
+        roundUpToMultiple(plainSectors * kSectorSizeBytes - headerSizeBytes, m_cipherBlockSize);
+    return roundUpToSectors(encipheredBytes + headerSizeBytes);
+}
+
+yx::P<CVMDKDataPreparer> CVMDKGrain::createDataPreparer() {
+    return yx::makeObject<CVMDKDataPreparer>(m_grainSizeSectors, m_compressed, m_compressionLevel);
+}
+
+void CVMDKGrain::setFallbackDataProvider(IVMDKDataProvider* provider) {
+    m_fallbackDataProvider = provider;
+}
+
+void CVMDKGrain::open(__int64 extentGrainIndex, __int64 diskGrainIndex, __int64 posSectors,
+                      __int64 slotSizeSectors) {
+    flushChangesToStream();
+    // Before the checks, so that what they refuse leaves the grain closed.
+    resetToClosed();
+    if (posSectors >= 1)
+        verifySlot(slotSizeSectors);
+    verifyPlace(diskGrainIndex, posSectors);
+    m_extentGrainIndex = extentGrainIndex;
+    m_diskGrainIndex = diskGrainIndex;
+    m_grainPosSectors = posSectors;
+    m_slotSizeSectors = posSectors >= 1 ? slotSizeSectors : 0;
+}
+
+void CVMDKGrain::verifySlot(__int64 slotSizeSectors) const {
+    if (m_compressed && slotSizeSectors < 1)
+        throw yx::CInvalidArgError(kOpenName,
+                                   "Invalid slot size for allocated compressed grain: " +
+                                       yx::toString(slotSizeSectors) + " sectors",
+                                   yx::CProps());
+    // Deliberate: the message has no closing bracket; logs are searched for it as it is.
+    if (!m_compressed && slotSizeSectors < m_grainSizeSectors)
+        throw yx::CInvalidArgError(
+            kOpenName,
+            "Slot size for allocated uncompressed grain is smaller than the grain size (slot "
+            "size: " +
+                yx::toString(slotSizeSectors) +
+                " sectors, grain size: " + yx::toString(m_grainSizeSectors) + " sectors",
+            yx::CProps());
+}
+
+void CVMDKGrain::verifyPlace(__int64 diskGrainIndex, __int64 posSectors) const {
+    if (posSectors > kMaxPosSectors)
+        throw yx::CInvalidArgError(
+            kOpenName, "Invalid grain position: " + yx::toString(posSectors) + " sectors",
+            yx::CProps());
+    if (diskGrainIndex < 0 || diskGrainIndex >= kMaxPositionBytes / m_grainSizeBytes)
+        throw yx::CInvalidArgError(
+            kOpenName, "Invalid disk grain index: " + yx::toString(diskGrainIndex), yx::CProps());
+}
+
+void CVMDKGrain::close() {
+    flushChangesToStream();
+    resetToClosed();
+}
+
+void CVMDKGrain::resetToClosed() {
+    m_extentGrainIndex = kClosed;
+    m_diskGrainIndex = kClosed;
+    m_grainPosSectors = kClosed;
+    m_slotSizeSectors = kClosed;
+    m_abandonedPosSectors = 0;
+    m_posInGrain = 0;
+    dropLoadedData();
+}
+
+void CVMDKGrain::dropLoadedData() {
+    m_grainData.setUsed(0);
+    m_preparedData.setUsed(0);
+    m_dirty = false;
+}
+
+bool CVMDKGrain::isOpen() const {
+    return m_grainPosSectors != kClosed;
+}
+
+void CVMDKGrain::seek(__int64 position) {
+    // Deliberate: the very end is refused although reading can lead there; the extent opens the
+    // next grain instead.
+    if (position < 0 || position >= m_grainSizeBytes)
+        throw yx::CInvalidArgError(kSeekName,
+                                   "Invalid seek position in VMDK grain: " + yx::toString(position),
+                                   uriProps()
+                                       .add("position", yx::toString(position))
+                                       .add("grainSize", yx::toString(m_grainSizeBytes)));
+    m_posInGrain = position;
+}
+
+__int64 CVMDKGrain::getPosition() const {
+    return isOpen() ? m_posInGrain : 0;
+}
+
+int CVMDKGrain::getBytesLeft() {
+    return isOpen() ? static_cast<int>(m_grainSizeBytes - m_posInGrain) : 0;
+}
+
+bool CVMDKGrain::isGrainWritten() {
+    if (isGrainWrittenAndIndependentOfParent())
+        return true;
+    return m_fallbackDataProvider && m_fallbackDataProvider->isGrainWritten(calcDiskPosition());
+}
+
+bool CVMDKGrain::isGrainWrittenAndIndependentOfParent() {
+    return m_dirty || m_grainPosSectors != 0 || m_abandonedPosSectors != 0;
+}
+
+__int64 CVMDKGrain::calcDiskPosition() const {
+    return m_diskGrainIndex * m_grainSizeBytes;
+}
+
+void CVMDKGrain::seekToGrain() {
+    m_stream->seek(getStoredPosSectors() * kSectorSizeBytes);
+}
+
+/// So that a buffer which lives as long as the grain grows once, and not record by record.
+void CVMDKGrain::reserveWorstCase(yx::TBuffer<unsigned char>& buffer) const {
+    buffer.ensureAllocated(static_cast<int>(m_worstCaseGrainSizeSectors * kSectorSizeBytes));
+}
+
+void CVMDKGrain::makeCurrentGrainIV() {
+    // The cipher is handed bare bytes and takes a block of them.
+    if (m_encryptionIV.getUsed() < m_cipherBlockSize)
+        throw yx::CInvalidArgError(kConstructorName,
+                                   "Initialization vector is shorter than a cipher block (size: " +
+                                       yx::toString(m_encryptionIV.getUsed()) +
+                                       " bytes, block size: " + yx::toString(m_cipherBlockSize) +
+                                       " bytes)",
+                                   uriProps());
+    makeGrainEncryptIV(m_grainIV, m_encryptionIV, m_diskGrainIndex);
+}
+
+yx::CProps CVMDKGrain::uriProps() const {
+    return yx::CProps().add("uri", m_stream->getURI().toString(true));
+}
+
+yx::CProps CVMDKGrain::placeProps() const {
+    return uriProps()
+        .add("posInGrain", yx::toString(m_posInGrain))
+        .add("diskGrainIndex", yx::toString(m_diskGrainIndex))
+        .add("extentGrainIndex", yx::toString(m_extentGrainIndex));
+}
+
+} // namespace kelm

@@ -1,0 +1,211 @@
+#include "kelm/graindata/grain.h"
+#include "kelm/graindata/grain_record.h"
+#include "yx/error.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr char kReadName[] = "CVMDKGrain::read";
+
+/// A record with more compressed data than so many grains is taken for damage.
+constexpr int kMaxRecordGrains = 2;
+
+/// Deciphered records end with their data. Decoders are many times slower over the last bytes of
+/// their input, which is all of it for a grain of zeros, so they get padding as plain records have.
+void padToSector(yx::TBuffer<unsigned char>& record) {
+    int const sizeBytes = record.getUsed();
+    record.setUsed(static_cast<int>(roundUpToMultiple(sizeBytes, kSectorSizeBytes)));
+    yx::initMemory(record.getData() + sizeBytes, 0,
+                   static_cast<std::size_t>(record.getUsed() - sizeBytes));
+}
+
+} // namespace
+
+void CVMDKGrain::read(void* target, int size) {
+    if (size == 0)
+        return;
+    verifyReadRange(size);
+    if (getStoredPosSectors() == 0 && !isLoaded()) {
+        readFallbackData(m_posInGrain, target, size);
+    } else {
+        if (!isLoaded())
+            readGrainData();
+        yx::copyMemory(target, m_grainData.getData() + m_posInGrain,
+                       static_cast<std::size_t>(size));
+    }
+    m_posInGrain += size;
+}
+
+void CVMDKGrain::verifyReadRange(int size) const {
+    if (size < 0)
+        throw yx::CInvalidArgError(
+            kReadName, "Invalid number of bytes to read: " + yx::toString(size), uriProps());
+    if (m_posInGrain + size > m_grainSizeBytes)
+        throw yx::CIOError(yx::CIOError::UnexpectedEnd,
+                           "Unexpected end of data trying to read " + yx::toString(size) +
+                               " bytes from VMDK grain.",
+                           uriProps()
+                               .add("position", yx::toString(m_posInGrain))
+                               .add("bytesToRead", yx::toString(size)),
+                           nullptr);
+}
+
+void CVMDKGrain::readFallbackData(__int64 posInGrain, void* target, int size) {
+    if (m_fallbackDataProvider)
+        m_fallbackDataProvider->getData(calcDiskPosition() + posInGrain, target, size);
+    else
+        yx::initMemory(target, 0, static_cast<std::size_t>(size));
+}
+
+void CVMDKGrain::readGrainData() {
+    try {
+        loadGrainData();
+    } catch (...) {
+        m_grainData.setUsed(0);
+        m_preparedData.setUsed(0);
+        throw;
+    }
+}
+
+void CVMDKGrain::loadGrainData() {
+    m_grainData.setUsed(static_cast<int>(m_grainSizeBytes));
+    if (getStoredPosSectors() == 0) {
+        readFallbackData(0, m_grainData.getData(), m_grainData.getUsed());
+        return;
+    }
+    seekToGrain();
+    if (!m_compressed) {
+        readUncompressedGrain(m_grainData);
+        return;
+    }
+    reserveWorstCase(m_preparedData);
+    readCompressedGrain(m_preparedData);
+    int const preparedSizeBytes = m_preparedData.getUsed();
+    padToSector(m_preparedData);
+    if (m_dataPreparer->unprepareGrainData(&m_preparedData, &m_grainData).get() != &m_grainData)
+        throw yx::CError("Internal error. VMDK data unprepare returned original buffer instead of "
+                         "aux buffer, even though compression is used.",
+                         "", -1, yx::CProps(), nullptr);
+    m_preparedData.setUsed(preparedSizeBytes);
+}
+
+void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
+    if (m_cipher)
+        reserveWorstCase(m_cipherData);
+    yx::TBuffer<unsigned char>& record = m_cipher ? m_cipherData : target;
+    record.setUsed(kSectorSizeBytes);
+    m_stream->read(record.getData(), kSectorSizeBytes);
+
+    unsigned int const compressedSizeBytes = verifiedCompressedSize(record.getData());
+    __int64 const storedSizeBytes =
+        m_cipher ? roundUpToMultiple(compressedSizeBytes, m_cipherBlockSize) : compressedSizeBytes;
+    record.setUsed(static_cast<int>(
+        roundUpToMultiple(storedSizeBytes + kGrainRecordHeaderSizeBytes, kSectorSizeBytes)));
+    if (record.getUsed() > kSectorSizeBytes)
+        m_stream->read(record.getData() + kSectorSizeBytes, record.getUsed() - kSectorSizeBytes);
+
+    if (m_cipher) {
+        decipherRecord(static_cast<int>(storedSizeBytes), target);
+        // What fills the last cipher block is no part of the prepared form.
+        target.setUsed(static_cast<int>(compressedSizeBytes) + kGrainRecordHeaderSizeBytes);
+    }
+}
+
+/// The compressed size from the record's header. `lba` is compared with nothing: the grain tables
+/// decide which grain a record is.
+unsigned int CVMDKGrain::verifiedCompressedSize(unsigned char const* record) const {
+    unsigned int const compressedSizeBytes = loadGrainRecordCompressedSize(record);
+    if (compressedSizeBytes > kMaxRecordGrains * m_grainSizeBytes)
+        throw yx::CIOError(
+            yx::CIOError::CorruptData,
+            "Error reading compressed data from VMDK. Invalid compressed grain size.",
+            uriProps()
+                .add("position", yx::toString(getStoredPosSectors() * kSectorSizeBytes))
+                .add("lba", yx::toString(loadGrainRecordLBA(record)))
+                .add("compressedGrainSize", yx::toString(compressedSizeBytes)),
+            nullptr);
+    return compressedSizeBytes;
+}
+
+void CVMDKGrain::decipherRecord(int storedSizeBytes, yx::TBuffer<unsigned char>& target) {
+    makeCurrentGrainIV();
+    // First to full size, so that the cipher need not make the buffer grow.
+    target.setUsed(storedSizeBytes + kGrainRecordHeaderSizeBytes);
+    yx::copyMemory(target.getData(), m_cipherData.getData(), kGrainRecordHeaderSizeBytes);
+    target.setUsed(kGrainRecordHeaderSizeBytes);
+    m_cipher->decrypt(m_encryptionKey, m_cipherData.getData() + kGrainRecordHeaderSizeBytes,
+                      storedSizeBytes, target, true, m_grainIV.getData());
+}
+
+void CVMDKGrain::readUncompressedGrain(yx::TBuffer<unsigned char>& target) {
+    target.setUsed(static_cast<int>(m_grainSizeBytes));
+    if (!m_cipher) {
+        m_stream->read(target.getData(), target.getUsed());
+        return;
+    }
+    m_cipherData.setUsed(static_cast<int>(m_grainSizeBytes));
+    m_stream->read(m_cipherData.getData(), m_cipherData.getUsed());
+    makeCurrentGrainIV();
+    m_cipher->decrypt(m_encryptionKey, m_cipherData.getData(), m_cipherData.getUsed(), target,
+                      false, m_grainIV.getData());
+    if (target.getUsed() != m_grainSizeBytes)
+        throw yx::CError("Internal error: CVMDKGrain::readUncompressedGrain decrypted data size is "
+                         "not uncompressed grain size",
+                         "", -1,
+                         yx::CProps()
+                             .add("decryptedSize", yx::toString(target.getUsed()))
+                             .add("uncompressedGrainSize", yx::toString(m_grainSizeBytes)),
+                         nullptr);
+}
+
+void CVMDKGrain::readPreparedGrainData(yx::TBuffer<unsigned char>& target) {
+    target.setUsed(0);
+    // Deliberate: the message names an operation that does not exist; logs are searched for it.
+    if (m_posInGrain != 0)
+        throw yx::CIOError(yx::CIOError::NotAllowed,
+                           "CVMDKGrain::tryReadPreparedGrainData can only be called when the "
+                           "position in the grain is 0.",
+                           placeProps(), nullptr);
+    flushChangesToStream();
+    if (getStoredPosSectors() > 0)
+        readPreparedFromExtent(target);
+    else if (m_fallbackDataProvider)
+        m_fallbackDataProvider->getPreparedGrainData(
+            calcDiskPosition(), target, static_cast<int>(m_grainSizeBytes), m_compressed);
+    else {
+        initZeroGrainData(m_diskGrainIndex);
+        target.assign(*m_preparedZeroGrainData);
+    }
+    m_posInGrain = m_grainSizeBytes;
+}
+
+void CVMDKGrain::readPreparedFromExtent(yx::TBuffer<unsigned char>& target) {
+    yx::TBuffer<unsigned char> const& loaded = m_compressed ? m_preparedData : m_grainData;
+    if (loaded.getUsed() != 0) {
+        target.assign(loaded);
+        return;
+    }
+    seekToGrain();
+    if (m_compressed)
+        readCompressedGrain(target);
+    else
+        readUncompressedGrain(target);
+}
+
+void CVMDKGrain::initZeroGrainData(__int64 grainIndex) {
+    if (!m_zeroGrainData) {
+        yx::P<yx::TBuffer<unsigned char>> const zeros =
+            yx::makeObject<yx::TBuffer<unsigned char>>(static_cast<int>(m_grainSizeBytes), -1);
+        yx::initMemory(zeros->getData(), 0, static_cast<std::size_t>(m_grainSizeBytes));
+        m_zeroGrainData = zeros;
+    }
+    if (!m_preparedZeroGrainData) {
+        m_zeroGrainAuxData = yx::makeObject<yx::TBuffer<unsigned char>>();
+        m_preparedZeroGrainData =
+            m_dataPreparer->prepareGrainData(m_zeroGrainData.get(), 0, m_zeroGrainAuxData.get());
+    }
+    m_dataPreparer->patchGrainIndexInPreparedGrainData(*m_preparedZeroGrainData, grainIndex);
+}
+
+} // namespace kelm
