@@ -1,0 +1,32 @@
+#pragma once
+
+#include <limits>
+
+#include "kelm/format/constants.h"
+#include "yx/base.h"
+
+namespace kelm {
+
+/// The largest sector number whose byte position still leaves room to add the size of a transfer in
+/// 64 bits.
+constexpr __int64 kMaxPositionSectors = std::numeric_limits<__int64>::max() / 2 / kSectorSizeBytes;
+
+/// The byte position of a grain. An index that no position can express yields the nearest end of
+/// the range, which every seek refuses.
+inline __int64 grainPositionBytes(__int64 grainIndex, __int64 grainSizeBytes) {
+    using Limits = std::numeric_limits<__int64>;
+    if (grainIndex > Limits::max() / grainSizeBytes)
+        return Limits::max();
+    if (grainIndex < Limits::min() / grainSizeBytes)
+        return Limits::min();
+    return grainIndex * grainSizeBytes;
+}
+
+/// The index in the whole disk of an extent's grain. One that no number can express yields the
+/// largest, which every grain and provider refuses.
+inline __int64 diskGrainIndexOf(__int64 startGrainIndex, __int64 extentGrainIndex) {
+    constexpr __int64 kMax = std::numeric_limits<__int64>::max();
+    return startGrainIndex > kMax - extentGrainIndex ? kMax : startGrainIndex + extentGrainIndex;
+}
+
+} // namespace kelm

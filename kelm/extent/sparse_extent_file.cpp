@@ -1,0 +1,204 @@
+#include "kelm/extent/sparse_extent_file.h"
+
+#include <cstring>
+#include <limits>
+
+#include "kelm/extent/grain_position.h"
+#include "kelm/format/constants.h"
+#include "kelm/format/marker.h"
+#include "yx/buffer_stream.h"
+#include "yx/data_in_stream.h"
+#include "yx/data_out_stream.h"
+#include "yx/error.h"
+#include "yx/log.h"
+
+namespace kelm {
+
+namespace {
+
+constexpr char kConstructorName[] = "CVMDKSparseExtentFile constructor";
+
+/// The directory offset by which a file says that its real header is the footer.
+constexpr unsigned long long kDirectoryInFooter = 0xFFFFFFFFFFFFFFFF;
+
+constexpr int kTrailSizeBytes = 3 * kSectorSizeBytes;
+
+} // namespace
+
+CVMDKSparseExtentFile::CVMDKSparseExtentFile(yx::IIOStream* stream, yx::IIOStream::Access access,
+                                             __int64 startGrainIndex, int compressionLevel,
+                                             CVMDKGrainTableCache* grainTableCache,
+                                             IVMDKDataProvider* fallbackDataProvider,
+                                             CVMDKContentIDUpdater* contentIDUpdater,
+                                             krym::ICipher* cipher,
+                                             yx::TCryptBuffer<unsigned char> const& encryptionKey,
+                                             yx::TBuffer<unsigned char> const& encryptionIV)
+    : m_stream(stream),
+      m_access(access),
+      m_grainTableCache(grainTableCache),
+      m_startGrainIndex(startGrainIndex),
+      m_fallbackDataProvider(fallbackDataProvider),
+      m_contentIDUpdater(contentIDUpdater),
+      m_header(yx::makeObject<CVMDKSparseExtentHeader>()),
+      m_compressionLevel(compressionLevel),
+      m_cipher(cipher),
+      m_encryptionKey(encryptionKey),
+      m_encryptionIV(encryptionIV) {
+    yx::CDataInStream in(stream);
+    m_header->load(in);
+    verifyCipherAndKey();
+    verifyVersion();
+    readSizesAndFlags();
+    verifySizes();
+    m_grainDirectory = yx::makeObject<CVMDKGrainDirectory>(
+        stream, access, static_cast<__int64>(m_header->getGrainDirectoryOffsetSectors()),
+        static_cast<__int64>(m_header->getRedundantGrainDirectoryOffsetSectors()),
+        m_capacitySectors, m_grainSizeSectors,
+        static_cast<int>(m_header->getGrainTableEntryCount()), m_compressed, grainTableCache);
+    __int64 const allocationUnitSectors = m_compressed ? 1 : m_grainSizeSectors;
+    m_grainAllocator = yx::makeObject<CVMDKGrainAllocator>(
+        stream, access, m_grainSizeSectors, allocationUnitSectors, m_grainDirectory.get(),
+        makeTrailingImage());
+    m_grain = yx::makeObject<CVMDKGrain>(stream, access, m_grainSizeSectors, m_grainAllocator.get(),
+                                         m_compressed, compressionLevel, fallbackDataProvider,
+                                         cipher, encryptionKey, encryptionIV);
+}
+
+CVMDKSparseExtentFile::~CVMDKSparseExtentFile() {
+    try {
+        CVMDKSparseExtentFile::flushChanges();
+    } catch (std::exception& error) {
+        yx::onExceptionInDestructorIgnored("kelm::CVMDKSparseExtentFile", error, true);
+    }
+}
+
+yx::CProps CVMDKSparseExtentFile::uriProps() const {
+    return yx::CProps().add("uri", m_stream->getURI().toString(true));
+}
+
+bool CVMDKSparseExtentFile::isEnciphered() const {
+    return m_header->getEncryptionExtensionEnabled() &&
+           m_header->getEncryptionAlgorithm() != kEncryptionAlgorithmNone;
+}
+
+void CVMDKSparseExtentFile::verifyCipherAndKey() {
+    if (!isEnciphered()) {
+        if (m_cipher) {
+            throw yx::CInvalidArgError(
+                kConstructorName,
+                "VMDK extent file is NOT encrypted but a cipher object was specified.", uriProps());
+        }
+        return;
+    }
+    if (!m_cipher) {
+        throw yx::CInvalidArgError(
+            kConstructorName, "VMDK extent file is encrypted but no cipher object was specified.",
+            uriProps());
+    }
+    yx::String const cipherID = m_cipher->getID();
+    if (cipherID != "aes256cbc") {
+        throw yx::CInvalidArgError(kConstructorName,
+                                   "Cipher object has an unsupported ID: " + cipherID, uriProps());
+    }
+    if (m_encryptionKey.getUsed() != m_cipher->getKeySize()) {
+        throw yx::CInvalidArgError(kConstructorName,
+                                   "Specified encryption key has an incorrect size for the cipher",
+                                   uriProps()
+                                       .add("expectedKeySize", yx::toString(m_cipher->getKeySize()))
+                                       .add("keySize", yx::toString(m_encryptionKey.getUsed()))
+                                       .add("cipherID", cipherID));
+    }
+    verifyKeyHash();
+}
+
+void CVMDKSparseExtentFile::verifyKeyHash() {
+    unsigned int const algorithm = m_header->getEncryptionAlgorithm();
+    if (algorithm != kEncryptionAlgorithmAES256CBC) {
+        throw yx::CError("Unsupported encryption algorithm used by VMDK extent file: " +
+                             yx::toString(algorithm),
+                         "", -1, uriProps(), nullptr);
+    }
+    unsigned int const hashAlgorithm = m_header->getEncryptionKeyHashAlgorithm();
+    if (hashAlgorithm != kKeyHashAlgorithmSHA256) {
+        throw yx::CError("Unsupported key hash algorithm used in VMDK: " +
+                             yx::toString(hashAlgorithm),
+                         "", -1, uriProps(), nullptr);
+    }
+    krym::CDigestType_SHA256 digestType;
+    yx::P<krym::IDigest> const digest = digestType.createDigest();
+    digest->update(m_encryptionKey.getData(), m_encryptionKey.getUsed());
+    digest->finish();
+    yx::TBuffer<unsigned char> const& expected = m_header->getEncryptionKeyHash();
+    if (expected.getUsed() != digest->getSize() ||
+        std::memcmp(expected.getData(), digest->getData(),
+                    static_cast<std::size_t>(digest->getSize())) != 0) {
+        throw yx::CError("Specified VMDK extent file encryption key is not correct.", "", -1,
+                         uriProps(), nullptr);
+    }
+}
+
+void CVMDKSparseExtentFile::verifyVersion() {
+    unsigned int const version = m_header->getVersion();
+    if (version < kOldestVersion || version > kNewestVersion) {
+        throw yx::CIOError(yx::CIOError::UnsupportedVersion,
+                           "VMDK file has an unsupported version: " + yx::toString(version),
+                           uriProps(), nullptr);
+    }
+}
+
+void CVMDKSparseExtentFile::readSizesAndFlags() {
+    m_capacitySectors = static_cast<__int64>(m_header->getCapacitySectors());
+    m_grainSizeSectors = static_cast<__int64>(m_header->getGrainSizeSectors());
+    m_compressed = (m_header->getFlags() & kFlagCompressed) != 0;
+    bool const metaMarkers = (m_header->getFlags() & kFlagMetaMarkers) != 0;
+    if (m_compressed != metaMarkers) {
+        throw yx::CIOError(yx::CIOError::CorruptData,
+                           "VMDK flags 'compressed' and 'metaMarkers' are different (compressed: " +
+                               yx::toString(m_compressed) +
+                               ", metaMarkers: " + yx::toString(metaMarkers) + ")",
+                           uriProps(), nullptr);
+    }
+    if (m_header->getGrainDirectoryOffsetSectors() == kDirectoryInFooter) {
+        throw yx::CIOError(
+            yx::CIOError::CorruptData,
+            "VMDK file uses an unsupported variant of the 'stream optimized' format.", uriProps(),
+            nullptr);
+    }
+}
+
+void CVMDKSparseExtentFile::verifySizes() {
+    // Everything below works with byte counts in 64 bits and with table sizes in 32.
+    constexpr unsigned int kMaxEntries = std::numeric_limits<int>::max();
+
+    auto const refuse = [this](char const* field, yx::String const& value) {
+        throw yx::CIOError(yx::CIOError::CorruptData,
+                           "Invalid " + yx::String(field) + " in VMDK sparse header: " + value,
+                           uriProps(), nullptr);
+    };
+    if (m_capacitySectors < 0 || m_capacitySectors > kMaxPositionSectors)
+        refuse("capacity", yx::toString(m_header->getCapacitySectors()));
+    if (m_grainSizeSectors < 1 || m_grainSizeSectors > CVMDKDataPreparer::kMaxGrainSizeSectors)
+        refuse("grain size", yx::toString(m_header->getGrainSizeSectors()));
+    unsigned int const entries = m_header->getGrainTableEntryCount();
+    if (entries < 1 || entries > kMaxEntries)
+        refuse("grain table entry count", yx::toString(entries));
+    m_capacityBytes = m_capacitySectors * kSectorSizeBytes;
+    m_grainSizeBytes = m_grainSizeSectors * kSectorSizeBytes;
+}
+
+/// What must close a compressed file after each change: footer marker, header copy, end marker.
+yx::TBuffer<unsigned char> CVMDKSparseExtentFile::makeTrailingImage() {
+    yx::TBuffer<unsigned char> image;
+    if (!m_compressed)
+        return image;
+    yx::TBuffer<unsigned char> padding(kTrailSizeBytes, -1);
+    yx::initMemory(padding.getData(), 0, kTrailSizeBytes);
+    yx::CBufferStream stream(&image, 2.0);
+    yx::CDataOutStream out(&stream);
+    writeVMDKMarker(out, VMDKMarkerFooter, 1, padding);
+    m_header->store(out);
+    writeVMDKMarker(out, VMDKMarkerEndOfStream, 0, padding);
+    return image;
+}
+
+} // namespace kelm
