@@ -13,6 +13,15 @@ using testing::ElementsAre;
 namespace test_support {
 namespace {
 
+/// How the descriptor of every disk of 8 MiB ends.
+constexpr char kDiskDataBase[] = "\n"
+                                 "# The Disk Data Base\n"
+                                 "#DDB\n"
+                                 "ddb.adapterType = \"lsilogic\"\n"
+                                 "ddb.geometry.sectors = \"63\"\n"
+                                 "ddb.geometry.heads = \"255\"\n"
+                                 "ddb.geometry.cylinders = \"2\"\n";
+
 class DiskCreation : public DiskTest {
 protected:
     /// The descriptor in the first sectors behind the header of a sparse extent.
@@ -51,22 +60,16 @@ TEST_F(DiskCreation, SinglePlainFileHoldsItsDescriptor) {
     create({});
 
     EXPECT_THAT(fileNames(), ElementsAre("disk.vmdk"));
-    EXPECT_EQ("# Disk DescriptorFile\n"
-              "version=1\n"
-              "encoding=\"UTF-8\"\n"
-              "CID=<id>\n"
-              "parentCID=ffffffff\n"
-              "createType=\"monolithicSparse\"\n"
-              "\n"
-              "# Extent description\n"
-              "RW 16384 SPARSE \"disk.vmdk\"\n"
-              "\n"
-              "# The Disk Data Base\n"
-              "#DDB\n"
-              "ddb.adapterType = \"lsilogic\"\n"
-              "ddb.geometry.sectors = \"63\"\n"
-              "ddb.geometry.heads = \"255\"\n"
-              "ddb.geometry.cylinders = \"2\"\n",
+    EXPECT_EQ(std::string("# Disk DescriptorFile\n"
+                          "version=1\n"
+                          "encoding=\"UTF-8\"\n"
+                          "CID=<id>\n"
+                          "parentCID=ffffffff\n"
+                          "createType=\"monolithicSparse\"\n"
+                          "\n"
+                          "# Extent description\n"
+                          "RW 16384 SPARSE \"disk.vmdk\"\n") +
+                  kDiskDataBase,
               withoutRandomValues(embeddedText("disk.vmdk")));
 }
 
@@ -74,34 +77,158 @@ TEST_F(DiskCreation, SinglePlainFileIsLaidOutToTheByte) {
     create({});
 
     // 128 grains: one table. Header, descriptor of 65 sectors, then twice directory and table.
-    ByteBuilder expected;
-    auto const header = [] {
-        return ByteBuilder()
-            .u32(0x564D444B)
-            .u32(1)
-            .u32(3)
-            .u64(16384)
+    Bytes const header = ByteBuilder()
+                             .u32(0x564D444B)
+                             .u32(1)
+                             .u32(3)
+                             .u64(16384)
+                             .u64(128)
+                             .u64(1)
+                             .u64(65)
+                             .u32(512)
+                             .u64(66)
+                             .u64(71)
+                             .u64(128)
+                             .u8(0)
+                             .text("\n \r\n")
+                             .u16(0)
+                             .padTo(512)
+                             .bytes();
+    Bytes const file = toBytes(files->getFile(uriOf("disk.vmdk")));
+    Bytes const text = slice(file, 512, 65 * 512); // tested by itself
+    Bytes const tables =
+        ByteBuilder().u32(67).padTo(512).zeros(2048).u32(72).padTo(512).zeros(2048).bytes();
+    EXPECT_TRUE(sameBytes(
+        ByteBuilder().append(header).append(text).append(tables).padTo(65536).bytes(), file));
+}
+
+/// What an empty extent file of new disks is, laid out from the format alone.
+class EmptyExtent {
+public:
+    EmptyExtent(bool compressed, std::uint64_t grains, Bytes descriptor, Bytes keyHash)
+        : m_compressed(compressed),
+          m_grains(grains),
+          m_tables((grains + 511) / 512),
+          m_descriptor(std::move(descriptor)),
+          m_keyHash(std::move(keyHash)) {
+        m_body.append(m_descriptor);
+        addDirectory(m_redundantDirectory);
+        addDirectory(m_directory);
+        if (compressed)
+            addSlotSizes();
+        // The header is to come in front.
+        while ((m_body.size() + 512) % 65536 != 0)
+            m_body.zeros(512);
+    }
+
+    Bytes bytes() const {
+        ByteBuilder file;
+        file.append(header()).append(m_body.bytes());
+        if (m_compressed) {
+            file.append(marker(1, 3)).append(header()).append(marker(0, 0));
+        }
+        return file.bytes();
+    }
+
+private:
+    std::uint32_t sector() const { return static_cast<std::uint32_t>(m_body.size() / 512) + 1; }
+
+    static Bytes marker(std::uint64_t value, std::uint32_t type) {
+        return ByteBuilder().u64(value).u32(0).u32(type).padTo(512).bytes();
+    }
+
+    void addDirectory(std::uint32_t& position) {
+        std::uint32_t const directorySectors = static_cast<std::uint32_t>(m_tables * 4 + 511) / 512;
+        if (m_compressed)
+            m_body.append(marker(directorySectors, 2));
+        position = sector();
+        std::uint32_t table = position + directorySectors + (m_compressed ? 1 : 0);
+        for (std::uint64_t i = 0; i < m_tables; ++i, table += m_compressed ? 5 : 4)
+            m_body.u32(table);
+        m_body.padTo(512);
+        for (std::uint64_t i = 0; i < m_tables; ++i) {
+            if (m_compressed)
+                m_body.append(marker(4, 1));
+            m_body.zeros(2048);
+        }
+    }
+
+    void addSlotSizes() {
+        std::uint32_t const directorySectors = static_cast<std::uint32_t>(m_tables * 4 + 511) / 512;
+        m_body.append(marker(directorySectors, 0x18349002));
+        std::uint32_t table = sector() + directorySectors + 1;
+        for (std::uint64_t i = 0; i < m_tables; ++i, table += 3)
+            m_body.u32(table);
+        m_body.padTo(512);
+        for (std::uint64_t i = 0; i < m_tables; ++i)
+            m_body.append(marker(2, 0x18349001)).zeros(1024);
+    }
+
+    Bytes header() const {
+        ByteBuilder header;
+        header.u32(m_keyHash.empty() ? 0x564D444B : 0x05644B45)
+            .u32(m_compressed ? 3 : 1)
+            .u32(m_compressed ? 0x30003 : 3)
+            .u64(m_grains * 128)
             .u64(128)
-            .u64(1)
-            .u64(65)
+            .u64(m_descriptor.empty() ? 0 : 1)
+            .u64(m_descriptor.size() / 512)
             .u32(512)
-            .u64(66)
-            .u64(71)
-            .u64(128)
+            .u64(m_redundantDirectory)
+            .u64(m_directory)
+            .u64((m_body.size() + 512) / 512)
             .u8(0)
             .text("\n \r\n")
-            .u16(0)
-            .padTo(512)
-            .bytes();
-    };
-    expected.append(header());
-    Bytes const file = toBytes(files->getFile(uriOf("disk.vmdk")));
-    ASSERT_EQ(65536u, file.size());
-    expected.append(slice(file, 512, 65 * 512)); // the text, tested by itself
-    expected.u32(67).padTo(512).zeros(2048);
-    expected.u32(72).padTo(512).zeros(2048);
-    expected.padTo(65536);
-    EXPECT_TRUE(sameBytes(expected.bytes(), file));
+            .u16(m_compressed ? 1 : 0);
+        if (!m_keyHash.empty()) {
+            header.u16(1)
+                .u16(1)
+                .u16(static_cast<std::uint16_t>(m_keyHash.size()))
+                .append(m_keyHash);
+        }
+        return header.padTo(512).bytes();
+    }
+
+    bool m_compressed;
+    std::uint64_t m_grains;
+    std::uint64_t m_tables;
+    Bytes m_descriptor;
+    Bytes m_keyHash;
+    ByteBuilder m_body;
+    std::uint32_t m_redundantDirectory = 0;
+    std::uint32_t m_directory = 0;
+};
+
+TEST_F(DiskCreation, ExtentsOfEveryKindAreLaidOutToTheByte) {
+    for (DiskKind const& kind : allDiskKinds()) {
+        for (char const* parent : {"", "parent.vmdk"}) {
+            SCOPED_TRACE(std::string(kind.name) + " " + parent);
+            files = yx::makeObject<yx::CMemoryFileSystem>();
+            yx::P<kelm::CVMDKDisk> const disk = create(kind, "disk.vmdk", kSmallestDiskBytes,
+                                                       parent, *parent == '\0' ? kNoParentID : 42);
+            yx::P<kelm::CVMDKDescriptor> const descriptor = disk->getDescriptor();
+            bool const isEncrypted = kind.password[0] != '\0';
+            Bytes const keyHash =
+                isEncrypted ? toBytes(descriptor->getYxEncryptionKeyHash()) : Bytes();
+            yx::TArray<yx::P<kelm::CVMDKExtentInfo>> infos;
+            descriptor->getExtentEntries(infos);
+            for (yx::P<kelm::CVMDKExtentInfo> const& info : infos) {
+                std::string const name = info->getFilename().toStdString();
+                if (!files->fileExists(uriOf(name)))
+                    continue;
+                Bytes const file = toBytes(files->getFile(uriOf(name)));
+                // The text itself is tested for each kind of its own; here it must fill its area.
+                Bytes const text = name == "disk.vmdk" ? slice(file, 512, 65 * 512) : Bytes();
+                EXPECT_TRUE(
+                    sameBytes(EmptyExtent(kind.compressed,
+                                          static_cast<std::uint64_t>(info->getSizeSectors()) / 128,
+                                          text, keyHash)
+                                  .bytes(),
+                              file))
+                    << name;
+            }
+        }
+    }
 }
 
 TEST_F(DiskCreation, LimitMakesATextFileAndNumberedExtents) {
@@ -109,24 +236,18 @@ TEST_F(DiskCreation, LimitMakesATextFileAndNumberedExtents) {
 
     EXPECT_THAT(fileNames(), ElementsAre("disk-s00000.vmdk", "disk-s00001.vmdk", "disk-s00002.vmdk",
                                          "disk.vmdk"));
-    EXPECT_EQ("# Disk DescriptorFile\n"
-              "version=1\n"
-              "encoding=\"UTF-8\"\n"
-              "CID=<id>\n"
-              "parentCID=ffffffff\n"
-              "createType=\"twoGbMaxExtentSparse\"\n"
-              "\n"
-              "# Extent description\n"
-              "RW 5888 SPARSE \"disk-s00000.vmdk\"\n"
-              "RW 5888 SPARSE \"disk-s00001.vmdk\"\n"
-              "RW 4608 SPARSE \"disk-s00002.vmdk\"\n"
-              "\n"
-              "# The Disk Data Base\n"
-              "#DDB\n"
-              "ddb.adapterType = \"lsilogic\"\n"
-              "ddb.geometry.sectors = \"63\"\n"
-              "ddb.geometry.heads = \"255\"\n"
-              "ddb.geometry.cylinders = \"2\"\n",
+    EXPECT_EQ(std::string("# Disk DescriptorFile\n"
+                          "version=1\n"
+                          "encoding=\"UTF-8\"\n"
+                          "CID=<id>\n"
+                          "parentCID=ffffffff\n"
+                          "createType=\"twoGbMaxExtentSparse\"\n"
+                          "\n"
+                          "# Extent description\n"
+                          "RW 5888 SPARSE \"disk-s00000.vmdk\"\n"
+                          "RW 5888 SPARSE \"disk-s00001.vmdk\"\n"
+                          "RW 4608 SPARSE \"disk-s00002.vmdk\"\n") +
+                  kDiskDataBase,
               withoutRandomValues(textOf("disk.vmdk")));
     // 65 sectors of descriptor; extents of a header, two directories and tables, one grain in all.
     EXPECT_EQ(65 * 512, files->getFile(uriOf("disk.vmdk")).getUsed());
@@ -155,26 +276,20 @@ TEST_F(DiskCreation, CompressedLimitPutsTheFirstExtentIntoTheMainFile) {
 
     EXPECT_THAT(fileNames(), ElementsAre("disk-s00001.vmdk", "disk-s00002.vmdk", "disk-s00003.vmdk",
                                          "disk-s00004.vmdk", "disk.vmdk"));
-    EXPECT_EQ("# Disk DescriptorFile\n"
-              "version=1\n"
-              "encoding=\"UTF-8\"\n"
-              "CID=<id>\n"
-              "parentCID=ffffffff\n"
-              "createType=\"streamOptimized\"\n"
-              "\n"
-              "# Extent description\n"
-              "RW 3840 SPARSE \"disk.vmdk\"\n"
-              "RW 3840 SPARSE \"disk-s00001.vmdk\"\n"
-              "RW 3840 SPARSE \"disk-s00002.vmdk\"\n"
-              "RW 3840 SPARSE \"disk-s00003.vmdk\"\n"
-              "RW 1024 SPARSE \"disk-s00004.vmdk\"\n"
-              "\n"
-              "# The Disk Data Base\n"
-              "#DDB\n"
-              "ddb.adapterType = \"lsilogic\"\n"
-              "ddb.geometry.sectors = \"63\"\n"
-              "ddb.geometry.heads = \"255\"\n"
-              "ddb.geometry.cylinders = \"2\"\n",
+    EXPECT_EQ(std::string("# Disk DescriptorFile\n"
+                          "version=1\n"
+                          "encoding=\"UTF-8\"\n"
+                          "CID=<id>\n"
+                          "parentCID=ffffffff\n"
+                          "createType=\"streamOptimized\"\n"
+                          "\n"
+                          "# Extent description\n"
+                          "RW 3840 SPARSE \"disk.vmdk\"\n"
+                          "RW 3840 SPARSE \"disk-s00001.vmdk\"\n"
+                          "RW 3840 SPARSE \"disk-s00002.vmdk\"\n"
+                          "RW 3840 SPARSE \"disk-s00003.vmdk\"\n"
+                          "RW 1024 SPARSE \"disk-s00004.vmdk\"\n") +
+                  kDiskDataBase,
               withoutRandomValues(embeddedText("disk.vmdk")));
 }
 
@@ -183,33 +298,27 @@ TEST_F(DiskCreation, PasswordParentAndOnDemandHaveTheirKeysInOrder) {
            kSmallestDiskBytes, "base/parent.vmdk", 0x1a2b3c4d);
 
     EXPECT_THAT(fileNames(), ElementsAre("disk-s00000.vmdk", "disk.vmdk"));
-    EXPECT_EQ("# Disk DescriptorFile\n"
-              "version=1\n"
-              "encoding=\"UTF-8\"\n"
-              "CID=<id>\n"
-              "parentFileNameHint=\"base/parent.vmdk\"\n"
-              "parentCID=1a2b3c4d\n"
-              "createType=\"twoGbMaxExtentSparse\"\n"
-              "yxCreateExtentFilesOnDemand=\"true\"\n"
-              "yxEncAlg=aes256cbc\n"
-              "yxEncIV=<16 bytes>\n"
-              "yxEncKeyDerivAlg=pkcs5-pbkdf2-hmac-sha1:10000\n"
-              "yxEncKeyDerivSalt=<32 bytes>\n"
-              "yxEncEncKey=<32 bytes>\n"
-              "yxEncKeyHashAlg=sha256\n"
-              "yxEncKeyHash=<32 bytes>\n"
-              "\n"
-              "# Extent description\n"
-              "RW 5888 SPARSE \"disk-s00000.vmdk\"\n"
-              "RW 5888 SPARSE \"disk-s00001.vmdk\"\n"
-              "RW 4608 SPARSE \"disk-s00002.vmdk\"\n"
-              "\n"
-              "# The Disk Data Base\n"
-              "#DDB\n"
-              "ddb.adapterType = \"lsilogic\"\n"
-              "ddb.geometry.sectors = \"63\"\n"
-              "ddb.geometry.heads = \"255\"\n"
-              "ddb.geometry.cylinders = \"2\"\n",
+    EXPECT_EQ(std::string("# Disk DescriptorFile\n"
+                          "version=1\n"
+                          "encoding=\"UTF-8\"\n"
+                          "CID=<id>\n"
+                          "parentFileNameHint=\"base/parent.vmdk\"\n"
+                          "parentCID=1a2b3c4d\n"
+                          "createType=\"twoGbMaxExtentSparse\"\n"
+                          "yxCreateExtentFilesOnDemand=\"true\"\n"
+                          "yxEncAlg=aes256cbc\n"
+                          "yxEncIV=<16 bytes>\n"
+                          "yxEncKeyDerivAlg=pkcs5-pbkdf2-hmac-sha1:10000\n"
+                          "yxEncKeyDerivSalt=<32 bytes>\n"
+                          "yxEncEncKey=<32 bytes>\n"
+                          "yxEncKeyHashAlg=sha256\n"
+                          "yxEncKeyHash=<32 bytes>\n"
+                          "\n"
+                          "# Extent description\n"
+                          "RW 5888 SPARSE \"disk-s00000.vmdk\"\n"
+                          "RW 5888 SPARSE \"disk-s00001.vmdk\"\n"
+                          "RW 4608 SPARSE \"disk-s00002.vmdk\"\n") +
+                  kDiskDataBase,
               withoutRandomValues(textOf("disk.vmdk")));
 }
 
