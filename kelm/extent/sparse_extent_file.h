@@ -60,11 +60,12 @@ public:
     void seek(__int64 position) override;
     __int64 getPosition() const override { return m_position; }
 
-    /// Past the capacity: `yx::CIOError` `UnexpectedEnd`, nothing read.
+    /// Past the capacity: `yx::CIOError` `UnexpectedEnd`, nothing read. A count below 1 reads
+    /// nothing.
     void read(void* buffer, int bytes) override;
 
     /// Past the capacity: `yx::CIOError` `NotAllowed`, nothing written. Without updater or write
-    /// access: `yx::CError`.
+    /// access: `yx::CError`. A count below 1 writes nothing, but changes the content ID.
     void write(void const* buffer, int bytes) override;
 
     /// Writes, in this order: the grain, the trail of a compressed extent, (stream flush), the

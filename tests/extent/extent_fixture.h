@@ -1,10 +1,9 @@
 #pragma once
 
-#include <openssl/sha.h>
-
 #include <ostream>
 
 #include <gtest/gtest.h>
+#include <openssl/sha.h>
 
 #include "kelm/extent/low_level_file_stream.h"
 #include "kelm/extent/on_demand_extent_file.h"
@@ -120,11 +119,13 @@ class ExtentTest : public testing::Test {
 protected:
     ExtentTest() { updater->setContentIDUpdatesEnabled(false); }
 
+    /// Makes an empty extent, in place of what is there.
     void createExtent(Kind const& kind, __int64 grainCount = kGrainCount,
                       __int64 grainSizeSectors = kGrainSizeSectors) {
-        kelm::createEmptyVMDKSparseExtentFile(
-            memory.get(), uri, kind.compressed, grainCount, grainSizeSectors,
-            toBuffer(zeros(65536)), nullptr, 0, kind.enciphered ? toBuffer(keyHash()) : Buffer());
+        memory->deleteFile(uri, true);
+        kelm::createEmptyVMDKSparseExtentFile(memory.get(), uri, kind.compressed, grainCount,
+                                              grainSizeSectors, toBuffer(zeros(65536)), nullptr, 0,
+                                              kind.enciphered ? toBuffer(keyHash()) : Buffer());
     }
 
     yx::P<IIOStream> openStream(Opening const& opening) {
@@ -190,8 +191,8 @@ protected:
     Bytes iv = pattern(16, 78);
 
     /// Allows changes and leaves the content ID alone.
-    yx::P<kelm::CVMDKContentIDUpdater> updater = yx::makeObject<kelm::CVMDKContentIDUpdater>(
-        memory.get(), yx::CURI(kMainURI), nullptr);
+    yx::P<kelm::CVMDKContentIDUpdater> updater =
+        yx::makeObject<kelm::CVMDKContentIDUpdater>(memory.get(), yx::CURI(kMainURI), nullptr);
 };
 
 } // namespace extent_test

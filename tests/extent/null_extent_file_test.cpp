@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/allocation_counter.h"
 #include "tests/support/bytes.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/fake_data_provider.h"
@@ -254,6 +255,11 @@ TEST_F(NullExtentFile, ZeroGrainIsPreparedOnce) {
     extent->seek(0);
     EXPECT_EQ(readPrepared(*extent), first);
     EXPECT_EQ(extent->count, 1);
+
+    Buffer data = test_support::toBuffer(first);
+    test_support::AllocationCounter const counter;
+    extent->readPreparedGrainData(data);
+    EXPECT_EQ(counter.count(), 0) << "a copy and no more";
 }
 
 TEST_F(NullExtentFile, PreparedGrainOfAnUncompressedDiskIsZeros) {

@@ -5,13 +5,15 @@
 namespace test_support {
 
 unsigned char FakeDataProvider::byteAt(__int64 position) {
-    return static_cast<unsigned char>(position * 7 + position / 512 + 1);
+    // Without a sign, so that the last positions that there are have bytes, too.
+    auto const place = static_cast<unsigned long long>(position);
+    return static_cast<unsigned char>(place * 7 + place / 512 + 1);
 }
 
 std::vector<unsigned char> FakeDataProvider::bytesAt(__int64 position, int sizeBytes) {
     std::vector<unsigned char> bytes(static_cast<std::size_t>(sizeBytes));
-    for (unsigned char& byte : bytes)
-        byte = byteAt(position++);
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = byteAt(position + static_cast<__int64>(i));
     return bytes;
 }
 
