@@ -26,9 +26,9 @@ yx::P<kelm::CVMDKDisk> createDisk(yx::IFileSystem& files, char const* name) {
 /// Prepares every grain. A disk serves one thread, but each preparer is an object of its own, so
 /// the threads share nothing.
 std::vector<Buffer> prepareOnSeveralThreads(kelm::CVMDKDisk& disk) {
-    std::vector<yx::P<kelm::CVMDKDataPreparer>> preparers;
-    for (int i = 0; i < kThreads; ++i)
-        preparers.push_back(disk.createDataPreparer());
+    std::vector<yx::P<kelm::CVMDKDataPreparer>> preparers(kThreads);
+    for (yx::P<kelm::CVMDKDataPreparer>& preparer : preparers)
+        preparer = disk.createDataPreparer();
     int const grainSizeBytes = static_cast<int>(disk.getGrainSizeBytes());
 
     std::vector<Buffer> prepared(kGrains);
@@ -43,6 +43,7 @@ std::vector<Buffer> prepareOnSeveralThreads(kelm::CVMDKDisk& disk) {
         }
     };
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i)
         threads.emplace_back(work, i);
     for (std::thread& thread : threads)

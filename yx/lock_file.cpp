@@ -59,18 +59,17 @@ CLockFile::~CLockFile() {
 
 void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
     bool const existed = fileSystem->fileExists(m_uri);
-    if (!existed && !createFile) {
+    if (!existed && !createFile)
         throw CLockFileError("The lock file does not exist.", detail::makeUriProps(m_uri), nullptr);
-    }
     m_file = enter(fileSystem, existed);
     try {
         m_file->lock(type == Exclusive ? IStreamBase::Exclusive : IStreamBase::Shared);
     } catch (CIOError const& error) {
-        if (error.getIOCode() != CIOError::AccessDenied)
-            throw;
-        // The holder may be leaving and may count on the one it saw present to remove the file.
+        // A holder who is leaving may count on the one it saw present to remove the file.
         if (!m_keepFile)
             tryTo([this] { m_file->removeIfAlone(); });
+        if (error.getIOCode() != CIOError::AccessDenied)
+            throw;
         throw CLockFileError("The disk is in use: its lock file is held by another program or "
                              "another open disk.",
                              detail::makeUriProps(m_uri), &error);

@@ -14,10 +14,11 @@ class OpenLockFile;
 /// Holds a lock file for as long as it lives.
 ///
 /// The lock belongs to the open file and vanishes with its process, so a crash leaves nothing that
-/// blocks. Two objects in one process conflict just as two processes do; shared holders coexist.
-/// The last holder removes the file, without a race in which two parties hold the lock on different
-/// files of that name. It works on every file system whose streams lock ranges; bytes 0 and 1 of
-/// the file are locked, and its length is 0.
+/// blocks (a process that was forked off meanwhile and runs no other program shares the lock). Two
+/// objects in one process conflict just as two processes do; shared holders coexist. The last holder
+/// removes the file, without a race in which two parties hold the lock on different files of that
+/// name. It works on every file system whose streams lock ranges; bytes 0 and 1 of the file are
+/// locked, and its length is 0.
 ///
 /// A failure to remove the file at the end is reported to `onExceptionInDestructorIgnored`; the file
 /// that stays is in nobody's way.

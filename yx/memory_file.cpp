@@ -80,7 +80,9 @@ void MemoryFile::writeToChunk(__int64 index, int offset, unsigned char const* so
     if (chunk == m_chunks.end()) {
         if (isAllZero(source, size))
             return;
-        chunk = m_chunks.emplace(index, std::make_unique<Chunk>()).first;
+        auto fresh = sizeBytes == kChunkSizeBytes ? std::make_unique_for_overwrite<Chunk>()
+                                                  : std::make_unique<Chunk>();
+        chunk = m_chunks.emplace(index, std::move(fresh)).first;
     }
     copyMemory(chunk->second->data() + offset, source, size);
 }

@@ -7,9 +7,11 @@
 
 namespace yx {
 
-/// Files in memory under any absolute URI, with the behaviour of `CNativeFileSystem`: for tests and
-/// for hosts. Spellings of a URI that are equal when normalised name one file. Safe for several
-/// threads as far as each stream has one user.
+/// Files in memory under any absolute URI, with the behaviour and the errors of `CNativeFileSystem`:
+/// for tests and for hosts. A relative URI is `CIOError` `NotSupported`. Spellings of a URI that are
+/// equal when normalised name one file. There are no folders to make; a URI that ends in "/" names
+/// no file. Open streams keep a deleted or replaced file as it is for them. Stretches of zeros that
+/// nobody wrote take no memory. Safe for several threads as far as each stream has one user.
 class YX_API CMemoryFileSystem : public CBase, public virtual IFileSystem {
 public:
     CMemoryFileSystem();
@@ -20,13 +22,14 @@ public:
     bool fileExists(CURI const& uri) override;
     void deleteFile(CURI const& uri, bool ignoreMissing) override;
 
-    /// Makes or replaces a file. Open streams of a replaced file keep the old content.
+    /// Makes or replaces a file with a copy of `content`.
     void putFile(CURI const& uri, TBuffer<unsigned char> const& content);
 
-    /// A copy of the content; a missing file is `CIOError` `NotFound`.
+    /// A copy of the content; a missing file is `CIOError` `NotFound`, one of 2 GiB and more
+    /// `NoSpace`.
     TBuffer<unsigned char> getFile(CURI const& uri);
 
-    /// The URIs of all files, in URI order.
+    /// The normalised URIs of all files, in URI order.
     TArray<CURI> listFiles();
 
 private:

@@ -2,22 +2,31 @@
 
 #include "yx/file_system.h"
 
-namespace yx
-{
+namespace yx {
 
 /// How far `flush` on a native stream goes.
-enum class NativeFlush
-{
+enum class NativeFlush {
     ToDevice, ///< returns when the data is on the device
     ToSystem, ///< leaves syncing to the host; nothing needs to be done
 };
 
-/// Files of the operating system, named by `file:` URIs. Its streams use positioned reads and
-/// writes that restart after interruption and finish short transfers; they do not buffer. Errors
-/// carry "uri" and the operating system's words. The folder entry of a new file is synced at the
-/// first flush.
-class YX_API CNativeFileSystem : public CBase, public virtual IFileSystem
-{
+/// Files of the operating system, named by `file:` URIs; a relative reference starts at the current
+/// directory, and any other URI is `CIOError` `NotSupported`. Files and block devices can be opened;
+/// folders are `AccessDenied`, pipes and sockets `NotSupported`. `fileExists` is false for a folder.
+///
+/// Its streams use positioned reads and writes that restart after interruption and finish short
+/// transfers; they do not buffer. `flush` with `NativeFlush::ToDevice` returns when all that was
+/// written through the stream is on the device; the first one also syncs the file's entry in its
+/// folder. A sync that fails is final for the stream, since the operating system may have dropped
+/// what it could not write: every later `flush` fails, too, and what was written is to be written
+/// again through a new stream.
+///
+/// Errors have a message that ends in the operating system's words, and carry "uri", a transfer
+/// "position" and "bytesToRead" or "bytesToWrite", a change of length "length", and a lock
+/// "position" and "length". A full device, an exceeded quota and a file too long for its file system
+/// are `NoSpace`; what the system refuses is `AccessDenied`; a change through a stream that is open
+/// for reading is `NotAllowed`.
+class YX_API CNativeFileSystem : public CBase, public virtual IFileSystem {
 public:
     explicit CNativeFileSystem(NativeFlush flush = NativeFlush::ToDevice);
 

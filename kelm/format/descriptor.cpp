@@ -155,11 +155,11 @@ std::string_view textOf(yx::TBuffer<unsigned char> const& buffer) {
 
 /// Whether all characters are such that UTF-8 has them and a text in a file can hold them.
 bool isStorable(wxString const& text) {
-    constexpr wxUint32 kGreatestCharacter = 0x10FFFF;
+    constexpr __int64 kGreatestCharacter = 0x10FFFF;
     std::wstring const& characters = text.ToStdWstring();
     return std::all_of(characters.begin(), characters.end(), [](wchar_t character) {
-        auto const value = static_cast<wxUint32>(character);
-        return value != 0 && value <= kGreatestCharacter;
+        __int64 const value = character;
+        return value > 0 && value <= kGreatestCharacter;
     });
 }
 
@@ -204,7 +204,7 @@ CVMDKDescriptor::CVMDKDescriptor(yx::TBuffer<unsigned char> const& text) {
 }
 
 CVMDKDescriptor::CVMDKDescriptor(CVMDKDescriptor const& other)
-    : CBase(), m_headerEndIndex(other.m_headerEndIndex) {
+    : CBase(other), m_headerEndIndex(other.m_headerEndIndex) {
     for (auto const& entry : other.m_entries)
         m_entries.add(entry->cloneDescriptorEntry());
 }
@@ -254,7 +254,7 @@ void CVMDKDescriptor::findHeaderEnd() {
 yx::P<CVMDKDescriptor::CNameValueEntry> CVMDKDescriptor::findValueEntry(
     yx::String const& key) const {
     for (auto const& line : m_entries) {
-        auto const entry = yx::cast<CNameValueEntry>(line);
+        auto entry = yx::cast<CNameValueEntry>(line);
         if (entry && isSameKey(entry->getName().wx(), key.wx()))
             return entry;
     }

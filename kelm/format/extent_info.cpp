@@ -86,7 +86,7 @@ yx::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParse(std::wstring_view line) {
         return {};
     if (!offsetText.empty() && !tryParseNumber(offsetText, offset))
         return {};
-    auto const extent = yx::makeObject<CVMDKExtentInfo>("", sizeSectors, "", "", offset);
+    auto extent = yx::makeObject<CVMDKExtentInfo>("", sizeSectors, "", "", offset);
     detail::assign(extent->m_access, access);
     detail::assign(extent->m_type, type);
     detail::assign(extent->m_filename, filename);

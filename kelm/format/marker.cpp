@@ -74,9 +74,10 @@ void writeDirectoryEntries(yx::CDataOutStream& stream, __int64 tableCount, __int
     __int64 sector = firstSector;
     while (tableCount > 0) {
         int const entries = static_cast<int>(std::min<__int64>(tableCount, kEntriesPerPiece));
+        unsigned char* entry = piece.data();
         for (int i = 0; i < entries; ++i) {
-            storeLittleEndian(piece.data() + i * kDirectoryEntrySizeBytes,
-                              static_cast<unsigned int>(sector));
+            storeLittleEndian(entry, static_cast<unsigned int>(sector));
+            entry += kDirectoryEntrySizeBytes;
             sector += stepSectors;
         }
         stream.write(piece.data(), entries * kDirectoryEntrySizeBytes, nullptr);

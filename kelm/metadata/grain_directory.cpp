@@ -195,7 +195,8 @@ void CVMDKGrainDirectory::findSlotDirectory() {
     unsigned int const probeSector = calcProbeSector();
     // Deliberately a product in 32 bits: which sector is looked at behind 4 GiB, and so whether an
     // extent counts as one with slot sizes, depends on the wrap.
-    m_stream->seek(probeSector * static_cast<unsigned int>(kSectorSizeBytes));
+    unsigned int const probePosBytes = probeSector * static_cast<unsigned int>(kSectorSizeBytes);
+    m_stream->seek(probePosBytes);
     unsigned char sector[kSectorSizeBytes];
     if (m_stream->readLax(sector, kSectorSizeBytes) != kSectorSizeBytes)
         return;

@@ -313,6 +313,16 @@ TEST_F(GrainFaults, PreparedDataThatOutgrewTheirSlotLeaveTheOldGrainAfterARefuse
     }
 }
 
+TEST_F(GrainFaults, AbandonedSlotIsForgottenWithItsGrain) {
+    yx::P<CVMDKGrain> const grain = openStored(kCompressed, oldPlain);
+    allocator->setFailing(true);
+    EXPECT_THROW(grain->writePreparedGrainData(toBuffer(preparedForm(kCompressed, newPlain, 10))),
+                 yx::CIOError);
+    grain->open(1, 11, 0, 0);
+    EXPECT_FALSE(grain->isGrainWrittenAndIndependentOfParent());
+    EXPECT_EQ(readAll(*grain), zeros(kGrainSizeBytes));
+}
+
 TEST_F(GrainFaults, FailureOfTheProviderPassesAndSucceedsAgain) {
     for (Kind const kind : kAllKinds) {
         provider = yx::makeObject<FakeDataProvider>();

@@ -305,6 +305,35 @@ TEST_F(GrainWriting, CompressedGrainThatOutgrowsItsSlotMovesOnceToTheLargest) {
     }
 }
 
+TEST_F(GrainWriting, LargestSlotIsTheWorstCaseHoweverLittleTheGrainHasGrown) {
+    Bytes const plain = concat({pattern(1000, 25), zeros(kGrainSizeBytes - 1000)});
+    struct {
+        Kind kind;
+        int cipherBlockSizeBytes;
+        int worstCaseSectors;
+    } const cases[] = {
+        {kCompressed, 16, 9},
+        {kCompressedAndEnciphered, 16, 10},
+        {kCompressedAndEnciphered, 12, 9}, // blocks that leave 9 sectors without the header whole
+        {kCompressedAndEnciphered, 512, 10},
+    };
+    for (auto const& [kind, cipherBlockSizeBytes, worstCaseSectors] : cases) {
+        cipher = yx::makeObject<FakeCipher>(cipherBlockSizeBytes);
+        auto const grain = yx::makeObject<CVMDKGrain>(
+            stream.get(), kReadWrite, kGrainSizeSectors, allocator.get(), kind.compressed, 6,
+            nullptr, kind.enciphered ? cipher.get() : nullptr, cryptKey(), toBuffer(Bytes(512, 1)));
+        allocator->allocations().clear();
+        grain->open(0, 0, 1, 1);
+        write(*grain, plain);
+        grain->flushChangesToStream();
+        ASSERT_EQ(allocator->allocations().size(), 1U);
+        EXPECT_LE(allocator->allocations()[0].sizeBytes, 4 * 512);
+        EXPECT_EQ(allocator->allocations()[0].slotSizeSectors, worstCaseSectors);
+        grain->open(0, 0, allocator->slotOf(0).posSectors, worstCaseSectors);
+        EXPECT_EQ(readAll(*grain), plain);
+    }
+}
+
 TEST_F(GrainWriting, DataThatJustFillTheSlotStay) {
     for (auto const& [kind, zeroSectors, randomSectors, worstCaseSectors] : kSlotSizes) {
         putGrain(kind, zeros(kGrainSizeBytes), 0, randomSectors - zeroSectors);

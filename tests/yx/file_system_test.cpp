@@ -484,12 +484,15 @@ TYPED_TEST(RangeLock, BadRangesAreRefused) {
     EXPECT_TRUE(throwsIOError(CIOError::BadPosition, "Invalid stream position: -1",
                               {{"uri", this->text("a")}, {"position", "-1"}},
                               [&] { this->one->lockRange(-1, 1, IStreamBase::Shared); }));
-    for (auto const& [position, length] : std::vector<std::pair<long long, long long>>{
-             {0, 0}, {0, -1}, {1, std::numeric_limits<long long>::max()}}) {
-        EXPECT_TRUE(
-            throwsIOError(CIOError::BadPosition, "Invalid stream length: " + std::to_string(length),
-                          {{"uri", this->text("a")}, {"length", std::to_string(length)}},
-                          [&] { this->one->lockRange(position, length, IStreamBase::Shared); }));
+    struct Range {
+        long long position;
+        long long length;
+    };
+    for (Range const range : {Range{0, 0}, Range{0, -1}, Range{1, 9223372036854775807}}) {
+        EXPECT_TRUE(throwsIOError(
+            CIOError::BadPosition, "Invalid stream length: " + std::to_string(range.length),
+            {{"uri", this->text("a")}, {"length", std::to_string(range.length)}},
+            [&] { this->one->lockRange(range.position, range.length, IStreamBase::Shared); }));
     }
 }
 

@@ -251,6 +251,20 @@ TEST_F(NativeFileSystem, ALengthThatTheFileSystemCannotHoldIsNoSpace) {
     EXPECT_EQ(stream->getLength(), 0);
 }
 
+TEST_F(NativeFileSystem, ABlockDeviceIsAsLongAsItsSize) {
+    writeAt(*open("device"), 0, pattern(4096, 1));
+    faults::Scope calls;
+    calls.pretendBlockDevices();
+    auto const stream = open("device");
+    EXPECT_EQ(stream->getLength(), 4096);
+    EXPECT_EQ(readAt(*stream, 4000, 1024).size(), 96U);
+    EXPECT_TRUE(stream->isEndOfStream());
+    writeAt(*stream, 0, fromText("x"));
+    stream->flush();
+    EXPECT_EQ(calls.count(Call::Fdatasync), 1);
+    EXPECT_EQ(calls.count(Call::Fsync), 0);
+}
+
 // Transfers that the system cuts or interrupts.
 
 TEST_F(NativeFileSystem, ShortTransfersAreFinished) {

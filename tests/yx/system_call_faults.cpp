@@ -8,6 +8,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -27,6 +28,7 @@ struct Rule {
 };
 
 bool isActive = false;
+bool pretendsBlockDevices = false;
 Rule rules[static_cast<int>(Call::Count_)];
 
 Rule& ruleOf(Call call) {
@@ -66,6 +68,7 @@ Function* findNext(char const* name) {
 Scope::Scope() {
     std::fill(std::begin(rules), std::end(rules), Rule());
     isActive = true;
+    pretendsBlockDevices = false;
 }
 
 Scope::~Scope() {
@@ -80,6 +83,10 @@ void Scope::fail(Call call, int errorNumber, int times, int after) {
 
 void Scope::limit(Call call, std::size_t sizeBytes) {
     ruleOf(call).limitBytes = sizeBytes;
+}
+
+void Scope::pretendBlockDevices() {
+    pretendsBlockDevices = true;
 }
 
 int Scope::count(Call call) const {
@@ -124,6 +131,16 @@ FAULTS_EXPORT int ftruncate(int descriptor, off_t length) noexcept {
     static auto* const next = faults::findNext<decltype(ftruncate)>("ftruncate64");
     int result = 0;
     return faults::isToFail(Call::Ftruncate, result) ? result : next(descriptor, length);
+}
+
+FAULTS_EXPORT int fstat(int descriptor, struct stat* status) noexcept {
+    static auto* const next = faults::findNext<int(int, struct stat*)>("fstat64");
+    int const result = next(descriptor, status);
+    if (result == 0 && faults::isActive && faults::pretendsBlockDevices) {
+        status->st_mode = (status->st_mode & ~static_cast<mode_t>(S_IFMT)) | S_IFBLK;
+        status->st_size = 0;
+    }
+    return result;
 }
 
 FAULTS_EXPORT int fdatasync(int descriptor) {

@@ -33,6 +33,9 @@ public:
     /// Lets each transfer move this many bytes at most; 0 makes it move none and succeed.
     void limit(Call call, std::size_t sizeBytes);
 
+    /// Lets all open files look like block devices, whose status tells no size.
+    void pretendBlockDevices();
+
     /// How often the call was made, failures included.
     int count(Call call) const;
 };

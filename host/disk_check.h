@@ -1,0 +1,24 @@
+#pragma once
+
+#include <functional>
+
+#include "host/transfer.h"
+
+namespace kelm::host {
+
+/// Receives what is wrong: the file and a sentence about it.
+using FindingCallback = std::function<void(yx::CURI const& file, std::string const& text)>;
+
+/// Reads all of a disk and of its parents, changes nothing, and reports everything that breaks a
+/// rule of the format: the descriptor, the headers, the tables against their redundant copies, the
+/// places of the grains, the records and the trail of compressed extents, the key hash, every grain
+/// that does not decode, and parents that are missing or have changed. Returns how many findings
+/// there were.
+///
+/// Not findings but errors, which pass through: a main file that does not exist, a disk in use, a
+/// wrong or missing password, `CancelledError`. Takes 8 bytes of memory for each stored grain of an
+/// extent.
+__int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
+                  TransferOptions const& options, FindingCallback const& report);
+
+} // namespace kelm::host

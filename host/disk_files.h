@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+
+#include "yx/uri.h"
+
+namespace kelm::host {
+
+/// Whether a file looks like the main file of a disk: a sparse extent, or a descriptor text. False
+/// for a file that cannot be read, and for all that is no regular file.
+bool isDiskMainFile(std::string const& path);
+
+/// What a file takes on its file system, in bytes.
+struct FileUse {
+    bool exists = false;
+    __int64 lengthBytes = 0;
+
+    /// Without the holes.
+    __int64 allocatedBytes = 0;
+};
+
+/// Asks the operating system about a file. What cannot be asked counts as missing.
+FileUse measureFile(yx::CURI const& uri);
+
+} // namespace kelm::host

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "host/cancel.h"
+#include "yx/error.h"
+
+namespace kelm::host {
+
+/// Owns a file descriptor of the operating system, or borrows one of the standard streams.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    static FileDescriptor own(int value) { return FileDescriptor(value, true); }
+    static FileDescriptor borrow(int value) { return FileDescriptor(value, false); }
+
+    FileDescriptor(FileDescriptor&& other) noexcept
+        : m_value(std::exchange(other.m_value, -1)), m_owned(other.m_owned) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+        std::swap(m_value, other.m_value);
+        std::swap(m_owned, other.m_owned);
+        return *this;
+    }
+    ~FileDescriptor();
+
+    int get() const { return m_value; }
+    bool isOpen() const { return m_value >= 0; }
+
+private:
+    FileDescriptor(int value, bool owned) : m_value(value), m_owned(owned) {}
+
+    int m_value = -1;
+    bool m_owned = false;
+};
+
+/// Waits until one of `events` of `poll` has come, or throws `CancelledError`. A signal between the
+/// look at the flag and the waiting is noticed a little later.
+void waitUntilReady(int fileDescriptor, short events, CancelFlag const& cancel);
+
+/// Throws a `CIOError` with the operating system's words for the present `errno`, and "path".
+[[noreturn]] void throwSystemError(std::string const& what, std::string const& path);
+
+} // namespace kelm::host

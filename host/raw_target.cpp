@@ -1,0 +1,135 @@
+#include "host/raw_target.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kelm::host {
+
+namespace {
+
+constexpr std::size_t kZerosSizeBytes = 65536;
+
+std::string realPath(std::string const& path) {
+    std::unique_ptr<char, decltype(&std::free)> const resolved(::realpath(path.c_str(), nullptr),
+                                                               &std::free);
+    return resolved ? resolved.get() : path;
+}
+
+} // namespace
+
+RawTarget::RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel)
+    : m_path(path), m_cancel(cancel) {
+    if (path == "-")
+        m_file = FileDescriptor::borrow(STDOUT_FILENO);
+    else
+        open(overwrite);
+}
+
+void RawTarget::open(bool overwrite) {
+    constexpr mode_t kMode = 0666;
+    constexpr int kFlags = O_WRONLY | O_CLOEXEC;
+    m_file = FileDescriptor::own(::open(m_path.c_str(), kFlags | O_CREAT | O_EXCL, kMode));
+    bool const made = m_file.isOpen();
+    if (!made && errno != EEXIST)
+        throwSystemError("Cannot make the image", m_path);
+    struct stat status = {};
+    if (!made) {
+        bool const replaces = ::stat(m_path.c_str(), &status) != 0 || S_ISREG(status.st_mode) ||
+                              S_ISBLK(status.st_mode) || S_ISDIR(status.st_mode);
+        if (replaces && !overwrite) {
+            errno = EEXIST;
+            throwSystemError("Cannot make the image", m_path);
+        }
+        m_file = FileDescriptor::own(::open(m_path.c_str(), kFlags));
+        if (!m_file.isOpen())
+            throwSystemError("Cannot make the image", m_path);
+    }
+    if (::fstat(m_file.get(), &status) != 0)
+        throwSystemError("Cannot make the image", m_path);
+    if (S_ISREG(status.st_mode))
+        m_kind = Kind::File;
+    else if (S_ISBLK(status.st_mode))
+        m_kind = Kind::Device;
+    m_realPath = realPath(m_path);
+    m_isOurs = made;
+}
+
+RawTarget::~RawTarget() {
+    if (m_isOurs && !m_finished)
+        ::unlink(m_realPath.c_str());
+}
+
+void RawTarget::beginWriting() {
+    if (m_kind != Kind::File || m_isOurs)
+        return;
+    if (::ftruncate(m_file.get(), 0) != 0)
+        throwSystemError("Cannot write the image", m_path);
+    m_isOurs = true;
+}
+
+void RawTarget::write(unsigned char const* data, int bytes) {
+    writeBytes(data, bytes);
+}
+
+void RawTarget::writeZeros(__int64 bytes) {
+    beginWriting();
+    if (m_kind == Kind::File) {
+        m_positionBytes += bytes;
+        return;
+    }
+    static constexpr std::array<unsigned char, kZerosSizeBytes> kZeros{};
+    while (bytes > 0) {
+        int const step = static_cast<int>(std::min<__int64>(bytes, kZerosSizeBytes));
+        writeBytes(kZeros.data(), step);
+        bytes -= step;
+    }
+}
+
+void RawTarget::writeBytes(unsigned char const* data, int bytes) {
+    beginWriting();
+    while (bytes > 0) {
+        if (m_kind == Kind::Pipe && m_cancel)
+            waitUntilReady(m_file.get(), POLLOUT, *m_cancel);
+        auto const size = static_cast<std::size_t>(bytes);
+        ssize_t const count = m_kind == Kind::Pipe
+                                  ? ::write(m_file.get(), data, size)
+                                  : ::pwrite(m_file.get(), data, size, m_positionBytes);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            throwSystemError("Cannot write the image", m_path);
+        m_positionBytes += count;
+        data += count;
+        bytes -= static_cast<int>(count);
+    }
+}
+
+void RawTarget::syncFolder() const {
+    std::string const folder = m_realPath.substr(0, m_realPath.rfind('/') + 1);
+    FileDescriptor const descriptor =
+        FileDescriptor::own(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // A folder that may be written to but not read cannot be synced.
+    if (descriptor.isOpen() && ::fsync(descriptor.get()) != 0)
+        throwSystemError("Cannot write the image", m_path);
+}
+
+void RawTarget::finish() {
+    beginWriting();
+    if (m_kind == Kind::File && ::ftruncate(m_file.get(), m_positionBytes) != 0)
+        throwSystemError("Cannot write the image", m_path);
+    if (m_kind != Kind::Pipe && ::fdatasync(m_file.get()) != 0)
+        throwSystemError("Cannot write the image", m_path);
+    if (m_kind == Kind::File)
+        syncFolder();
+    m_finished = true;
+}
+
+} // namespace kelm::host

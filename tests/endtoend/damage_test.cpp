@@ -1,0 +1,154 @@
+#include "tests/endtoend/tool_fixture.h"
+
+namespace endtoend {
+
+namespace {
+
+constexpr std::size_t kSector = 512;
+
+/// A disk with data, whose places `check` should find to be damaged.
+class Damage : public ToolTest {
+protected:
+    void makeDisk(Arguments options) {
+        std::string image = makeImage(std::size_t{8} << 20, 7);
+        image.replace(0, 4 * 65536, 4 * 65536, 'x');
+        writeFile("image", image);
+        options.insert(options.begin(), {"import", "image", "disk.vmdk"});
+        runWell(options);
+        ASSERT_EQ(runWell({"check", "disk.vmdk"}), "");
+    }
+
+    std::size_t number(std::size_t position, int bytes) const {
+        std::string const file = readFile("disk.vmdk");
+        std::size_t value = 0;
+        for (int i = bytes; i-- > 0;)
+            value = value << 8 |
+                    static_cast<unsigned char>(file[position + static_cast<std::size_t>(i)]);
+        return value;
+    }
+
+    /// Where the first table lies, in bytes.
+    std::size_t firstTable() const { return number(number(56, 8) * kSector, 4) * kSector; }
+    std::size_t firstRedundantTable() const { return number(number(48, 8) * kSector, 4) * kSector; }
+
+    /// Where the data of a grain lies, in bytes.
+    std::size_t grain(std::size_t index) const {
+        return number(firstTable() + index * 4, 4) * kSector;
+    }
+
+    void patchBothTables(std::size_t grainIndex, std::string const& entry) {
+        patchFile("disk.vmdk", firstRedundantTable() + grainIndex * 4, entry);
+        patchFile("disk.vmdk", firstTable() + grainIndex * 4, entry);
+    }
+
+    void expectFinding(std::string const& words) {
+        Outcome const outcome = run({"check", "disk.vmdk"});
+        EXPECT_EQ(outcome.status, 1) << outcome.err;
+        EXPECT_NE(outcome.out.find(path("disk.vmdk") + ": " + words), std::string::npos)
+            << outcome.out;
+        EXPECT_EQ(listFiles().count("disk.vmdk.lock"), 0u);
+    }
+};
+
+TEST_F(Damage, TablesThatDifferAreFound) {
+    makeDisk({});
+    patchFile("disk.vmdk", firstRedundantTable() + 5, "?");
+    expectFinding("grain table 0 differs from its redundant copy\n");
+}
+
+TEST_F(Damage, GrainOutsideTheFileIsFound) {
+    makeDisk({});
+    patchBothTables(1, std::string("\xff\xff\xff\x7f", 4));
+    expectFinding("grain 1 lies outside the file\n");
+}
+
+TEST_F(Damage, GrainInTheMetadataIsFound) {
+    makeDisk({});
+    patchBothTables(1, std::string("\x01\x00\x00\x00", 4));
+    expectFinding("grain 1 lies in the metadata\n");
+}
+
+TEST_F(Damage, GrainsThatOverlapAreFound) {
+    makeDisk({});
+    std::string const table = readFile("disk.vmdk").substr(firstTable(), 4);
+    patchBothTables(1, table);
+    expectFinding("two grains share the place at sector " + std::to_string(grain(0) / kSector));
+}
+
+TEST_F(Damage, CapacityThatIsNotTheDescriptorsIsFound) {
+    makeDisk({});
+    patchFile("disk.vmdk", 12, std::string("\x80\x3f", 2));
+    expectFinding("the header has a capacity of 16256 sectors, the descriptor says 16384\n");
+}
+
+TEST_F(Damage, FileThatWasCutOffIsFound) {
+    makeDisk({});
+    std::filesystem::resize_file(path("disk.vmdk"), grain(1));
+    expectFinding("grain ");
+}
+
+TEST_F(Damage, RecordOfAnotherGrainIsFound) {
+    makeDisk({"--compressed"});
+    patchFile("disk.vmdk", grain(2), "\x01");
+    expectFinding("the record of grain 2 names another grain\n");
+}
+
+TEST_F(Damage, RecordThatIsTooLongIsFound) {
+    makeDisk({"--compressed"});
+    patchFile("disk.vmdk", grain(2) + 9, "\x7f");
+    expectFinding("the record of grain 2 does not fit its slot\n");
+}
+
+TEST_F(Damage, GrainThatDoesNotDecodeIsFound) {
+    makeDisk({"--compressed"});
+    patchFile("disk.vmdk", grain(3) + 12, "\xff\xff\xff\xff");
+    expectFinding("grain 3: ");
+}
+
+TEST_F(Damage, BrokenTrailIsFound) {
+    makeDisk({"--compressed"});
+    std::size_t const end = readFile("disk.vmdk").size();
+    patchFile("disk.vmdk", end - 1, "!");
+    patchFile("disk.vmdk", end - 600, "!");
+    patchFile("disk.vmdk", end - 1100, "!");
+    expectFinding("the trail has no footer marker\n");
+    expectFinding("the footer is no copy of the header\n");
+    expectFinding("the trail has no end-of-stream marker\n");
+}
+
+TEST_F(Damage, MissingExtentFileIsFound) {
+    makeDisk({"--split", "4M"});
+    std::string missing;
+    for (std::string const& name : listFiles()) {
+        if (name != "disk.vmdk" && name != "image")
+            missing = name;
+    }
+    std::filesystem::remove(path(missing));
+    Outcome const outcome = run({"check", "disk.vmdk"});
+    EXPECT_EQ(outcome.status, 1) << outcome.err;
+    EXPECT_NE(outcome.out.find(path(missing) + ": the file is missing\n"), std::string::npos)
+        << outcome.out;
+}
+
+TEST_F(Damage, ChangedParentIsFound) {
+    makeDisk({});
+    runWell({"child", "disk.vmdk", "child.vmdk"});
+    std::size_t const position = readFile("disk.vmdk").find("\nCID=");
+    ASSERT_NE(position, std::string::npos);
+    char const digit = readFile("disk.vmdk")[position + 5];
+    patchFile("disk.vmdk", position + 5, digit == '7' ? "8" : "7");
+    Outcome const outcome = run({"check", "child.vmdk"});
+    EXPECT_EQ(outcome.status, 1) << outcome.err;
+    EXPECT_NE(outcome.out.find(path("disk.vmdk") + ": the parent has changed: "), std::string::npos)
+        << outcome.out;
+}
+
+TEST_F(Damage, NoiseIsNoDisk) {
+    writeFile("disk.vmdk", makeImage(100000, 8).substr(0, 3));
+    EXPECT_EQ(run({"info", "disk.vmdk"}).status, 3);
+    EXPECT_EQ(run({"check", "disk.vmdk"}).status, 1);
+}
+
+} // namespace
+
+} // namespace endtoend

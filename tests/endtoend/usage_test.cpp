@@ -1,0 +1,77 @@
+#include "tests/endtoend/tool_fixture.h"
+
+namespace endtoend {
+
+namespace {
+
+using Usage = ToolTest;
+
+TEST_F(Usage, WithoutACommandIsWrong) {
+    EXPECT_EQ(runBadly(2, {}), "kelm: A subcommand is required (see kelm --help)\n");
+}
+
+TEST_F(Usage, VersionIsPrinted) {
+    EXPECT_EQ(runWell({"--version"}), "kelm 0.1.0\n");
+}
+
+TEST_F(Usage, EveryCommandHasHelpWithAnExample) {
+    for (std::string const command : {"create", "info", "import", "export", "convert", "compare",
+                                      "check", "map", "child", "flatten", "rebase"}) {
+        std::string const help = runWell({command, "--help"});
+        EXPECT_NE(help.find("Example:\n  kelm " + command), std::string::npos) << help;
+    }
+}
+
+TEST_F(Usage, BadArgumentsAreToldInOneLineAndMakeNothing) {
+    Arguments const cases[] = {
+        {"format"},
+        {"create"},
+        {"create", "disk.vmdk"},
+        {"create", "disk.vmdk", "--size", "40X"},
+        {"create", "disk.vmdk", "--size", "-1"},
+        {"create", "disk.vmdk", "--size", "8M", "--level", "10"},
+        {"create", "disk.vmdk", "--size", "8M", "--colour"},
+        {"create", "disk.vmdk", "--size", "3T"},
+        {"create", "disk.vmdk", "--size", "64M", "--split", "64K"},
+        {"create", "disk.vmdk", "--size", "8M", "--password-file", "a", "--password-env", "B"},
+        {"import", "-", "disk.vmdk"},
+        {"import", "only-one"},
+        {"rebase", "disk.vmdk"},
+    };
+    for (Arguments const& arguments : cases)
+        runBadly(2, arguments);
+    EXPECT_EQ(listFiles(), std::set<std::string>());
+}
+
+TEST_F(Usage, AMissingDiskIsAnErrorOfTheFile) {
+    for (std::string const command : {"info", "check", "map", "flatten"}) {
+        EXPECT_EQ(runBadly(3, {command, "no.vmdk"}),
+                  "kelm: The disk does not exist. (uri: " + path("no.vmdk") + ")\n");
+    }
+    EXPECT_EQ(listFiles(), std::set<std::string>());
+}
+
+TEST_F(Usage, AnExistingFileIsNotReplacedWithoutForce) {
+    writeFile("disk.vmdk", "precious");
+    EXPECT_EQ(runBadly(3, {"create", "disk.vmdk", "--size", "8M"}),
+              "kelm: The file exists already. (uri: " + path("disk.vmdk") + ")\n");
+    EXPECT_EQ(readFile("disk.vmdk"), "precious");
+
+    runWell({"create", "disk.vmdk", "--size", "8M", "--force"});
+    EXPECT_NE(readFile("disk.vmdk"), "precious");
+    EXPECT_EQ(listFiles(), std::set<std::string>{"disk.vmdk"});
+}
+
+TEST_F(Usage, ADiskIsNeverWrittenOverItself) {
+    runWell({"create", "disk.vmdk", "--size", "8M"});
+    std::string const before = readFile("disk.vmdk");
+    runBadly(2, {"convert", "disk.vmdk", "./disk.vmdk", "--force"});
+    runBadly(2, {"export", "disk.vmdk", "disk.vmdk", "--force"});
+    runBadly(2, {"import", "disk.vmdk", "disk.vmdk", "--force"});
+    runBadly(2, {"child", "disk.vmdk", "disk.vmdk", "--force"});
+    EXPECT_EQ(readFile("disk.vmdk"), before);
+}
+
+} // namespace
+
+} // namespace endtoend

@@ -1,0 +1,54 @@
+#include <memory>
+
+#include "host/file_names.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/new_disk_options.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string child;
+    NewDiskOptions newDisk;
+    PasswordOptions passwords;
+};
+
+ExitStatus makeChild(Invocation& invocation, Arguments& arguments) {
+    yx::CURI const uri = host::uriFromArgument(arguments.child);
+    std::vector<yx::CURI> parentFiles;
+    {
+        std::unique_ptr<host::SafeDisk> const parent = openDisk(
+            invocation, arguments.newDisk.parent, yx::IIOStream::ReadOnly, arguments.passwords);
+        parentFiles = listChainFiles(invocation, *parent, usedPassword(arguments.passwords));
+        verifyIsNoneOf(parentFiles, uri);
+        arguments.newDisk.compressed = parent->getDisk().getCompressed();
+    }
+    host::NewDisk const request =
+        arguments.newDisk.makeRequest(invocation, -1, arguments.passwords);
+    NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, parentFiles);
+    disk.finish();
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addChildCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command = *program.add_subcommand(
+        "child", "Make an empty child of a disk, of its size and its kind of compression");
+    addFileArgument(command, "PARENT", arguments->newDisk.parent,
+                    "The main file of the parent, which must not change from then on");
+    addFileArgument(command, "CHILD", arguments->child, "The main file of the new disk");
+    arguments->newDisk.addCommonTo(command);
+    arguments->passwords.addTo(command, "", "of both disks");
+    setExample(command, "kelm child monday.vmdk tuesday.vmdk");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return makeChild(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

@@ -1,0 +1,75 @@
+#include <cstdio>
+#include <memory>
+
+#include "host/compare.h"
+#include "host/disk_files.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/options.h"
+#include "tools/kelm/two_disk_passwords.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string left;
+    std::string right;
+    TwoDiskPasswords passwords;
+};
+
+/// A disk or a raw image, whichever the file is.
+class Side {
+public:
+    Side(Invocation& invocation, std::string const& file, PasswordOptions& passwords) {
+        if (file != "-" && host::isDiskMainFile(file)) {
+            m_disk = openDisk(invocation, file, yx::IIOStream::ReadOnly, passwords);
+            m_reader = std::make_unique<host::DiskContentReader>(*m_disk);
+        } else {
+            m_source = std::make_unique<host::RawSource>(file, &invocation.getCancel());
+            m_reader = std::make_unique<host::RawContentReader>(*m_source);
+        }
+    }
+
+    host::ContentReader& getReader() { return *m_reader; }
+
+private:
+    std::unique_ptr<host::SafeDisk> m_disk;
+    std::unique_ptr<host::RawSource> m_source;
+    std::unique_ptr<host::ContentReader> m_reader;
+};
+
+ExitStatus compare(Invocation& invocation, Arguments& arguments) {
+    Side left(invocation, arguments.left, arguments.passwords.ofFirst());
+    Side right(invocation, arguments.right, arguments.passwords.ofSecond());
+    host::Comparison result;
+    {
+        LongWork const work(invocation, "compare");
+        result = host::compareContent(left.getReader(), right.getReader(), work.getOptions());
+    }
+    if (result.isEqual()) {
+        std::printf("equal\n");
+        return ExitStatus::Done;
+    }
+    std::printf("first difference at byte %lld\n%lld bytes differ\n", *result.firstDifferenceBytes,
+                result.differingBytes);
+    return ExitStatus::Differences;
+}
+
+} // namespace
+
+void addCompareCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command =
+        *program.add_subcommand("compare", "Compare two disks or raw images by their content");
+    addFileArgument(command, "A", arguments->left,
+                    "A disk's main file, a raw image, or '-' for a raw image on standard input");
+    addFileArgument(command, "B", arguments->right, "The same");
+    arguments->passwords.addTo(command);
+    setExample(command, "kelm compare /dev/sdb backup.vmdk");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return compare(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

@@ -1,0 +1,65 @@
+#include <algorithm>
+#include <memory>
+
+#include "host/file_names.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/new_disk_options.h"
+#include "tools/kelm/options.h"
+#include "tools/kelm/two_disk_passwords.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string from;
+    std::string to;
+    __int64 sizeBytes = -1;
+    int threads = 0;
+    NewDiskOptions newDisk;
+    TwoDiskPasswords passwords;
+};
+
+ExitStatus convert(Invocation& invocation, Arguments& arguments) {
+    std::unique_ptr<host::SafeDisk> const from = openDisk(
+        invocation, arguments.from, yx::IIOStream::ReadOnly, arguments.passwords.ofFirst());
+    yx::CURI const uri = host::uriFromArgument(arguments.to);
+    std::vector<yx::CURI> const sourceFiles =
+        listChainFiles(invocation, *from, usedPassword(arguments.passwords.ofFirst()));
+    verifyIsNoneOf(sourceFiles, uri);
+    if (arguments.sizeBytes == -1)
+        arguments.sizeBytes = from->getSizeBytes();
+    if (arguments.sizeBytes < from->getSizeBytes())
+        throw UsageError("A disk can be made larger, not smaller.");
+    host::NewDisk const request = arguments.newDisk.makeRequest(invocation, arguments.sizeBytes,
+                                                                arguments.passwords.ofSecond());
+    NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);
+    LongWork const work(invocation, "convert", arguments.threads);
+    host::convertDisk(*from, to.getDisk(), work.getOptions());
+    to.finish();
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addConvertCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command =
+        *program.add_subcommand("convert", "Copy a disk, with its parents, to one of another kind");
+    addFileArgument(command, "FROM", arguments->from, "The main file of the disk");
+    addFileArgument(command, "TO", arguments->to, "The main file of the new disk");
+    addSizeOption(command, "--size", arguments->sizeBytes,
+                  "Size of the new disk, if it is to be larger");
+    arguments->newDisk.addCompressedTo(command);
+    arguments->newDisk.addCommonTo(command);
+    addThreadsOption(command, arguments->threads);
+    arguments->passwords.addTo(command);
+    setExample(command, "kelm convert disk.vmdk archive.vmdk --compressed --split 2G");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return convert(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

@@ -1,0 +1,47 @@
+#include <memory>
+
+#include "host/file_names.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/new_disk_options.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string disk;
+    __int64 sizeBytes = -1;
+    NewDiskOptions newDisk;
+    PasswordOptions passwords;
+};
+
+ExitStatus create(Invocation& invocation, Arguments& arguments) {
+    yx::CURI const uri = host::uriFromArgument(arguments.disk);
+    host::NewDisk const request =
+        arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
+    NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force);
+    disk.finish();
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addCreateCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command = *program.add_subcommand("create", "Make an empty disk");
+    addFileArgument(command, "MAIN", arguments->disk, "The main file of the new disk");
+    addSizeOption(command, "--size", arguments->sizeBytes,
+                  "Size of the disk; that of the parent by default");
+    arguments->newDisk.addCompressedTo(command);
+    arguments->newDisk.addCommonTo(command);
+    arguments->newDisk.addParentTo(command);
+    arguments->passwords.addTo(command, "", "of the disk");
+    setExample(command, "kelm create backup.vmdk --size 40G --compressed --split 2G");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return create(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

@@ -1,0 +1,51 @@
+#include <memory>
+
+#include "host/file_names.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string disk;
+    std::string image;
+    int threads = 0;
+    bool force = false;
+    PasswordOptions passwords;
+};
+
+ExitStatus exportImage(Invocation& invocation, Arguments& arguments) {
+    std::unique_ptr<host::SafeDisk> const disk =
+        openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
+    if (arguments.image != "-") {
+        verifyIsNoneOf(listChainFiles(invocation, *disk, usedPassword(arguments.passwords)),
+                       host::uriFromArgument(arguments.image));
+    }
+    host::RawTarget target(arguments.image, arguments.force, &invocation.getCancel());
+    LongWork const work(invocation, "export", arguments.threads);
+    host::exportRaw(*disk, target, work.getOptions());
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addExportCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command = *program.add_subcommand("export", "Make a raw image of a disk");
+    addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
+    addFileArgument(command, "RAW", arguments->image,
+                    "The image: a file, a block device, or '-' for standard output");
+    addForceOption(command, arguments->force);
+    addThreadsOption(command, arguments->threads);
+    arguments->passwords.addTo(command, "", "of the disk");
+    setExample(command, "kelm export backup.vmdk restored.img\n"
+                        "  kelm export backup.vmdk - | zstd > backup.img.zst");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return exportImage(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

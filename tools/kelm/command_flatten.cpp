@@ -1,0 +1,43 @@
+#include <memory>
+
+#include "host/parent_link.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string disk;
+    PasswordOptions passwords;
+};
+
+ExitStatus flatten(Invocation& invocation, Arguments& arguments) {
+    std::unique_ptr<host::SafeDisk> const disk =
+        openDisk(invocation, arguments.disk, yx::IIOStream::ReadWrite, arguments.passwords);
+    if (!disk->hasParent())
+        throw UsageError("The disk has no parent: " + arguments.disk);
+    LongWork const work(invocation, "flatten");
+    host::makeIndependentOfParent(*disk, work.getOptions());
+    host::dropParentLink(*disk);
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addFlattenCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command = *program.add_subcommand(
+        "flatten", "Give a child disk all that it has from its parents, and leave them");
+    addFileArgument(command, "CHILD", arguments->disk, "The main file of the child disk");
+    arguments->passwords.addTo(command, "", "of the disk");
+    setExample(command, "kelm flatten tuesday.vmdk");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return flatten(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

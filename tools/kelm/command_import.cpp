@@ -1,0 +1,61 @@
+#include <memory>
+
+#include "host/file_names.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/new_disk_options.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string image;
+    std::string disk;
+    __int64 sizeBytes = -1;
+    int threads = 0;
+    NewDiskOptions newDisk;
+    PasswordOptions passwords;
+};
+
+ExitStatus importImage(Invocation& invocation, Arguments& arguments) {
+    yx::CURI const uri = host::uriFromArgument(arguments.disk);
+    host::RawSource source(arguments.image, &invocation.getCancel());
+    if (arguments.image != "-" && host::uriFromArgument(arguments.image) == uri)
+        throw UsageError("The image and the disk are the same file.");
+    if (arguments.sizeBytes == -1)
+        arguments.sizeBytes = source.getLength() - source.getPosition();
+    host::NewDisk const request =
+        arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
+    NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force);
+    LongWork const work(invocation, "import", arguments.threads);
+    host::importRaw(source, disk.getDisk(), work.getOptions());
+    disk.finish();
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addImportCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command = *program.add_subcommand("import", "Make a disk of a raw image");
+    addFileArgument(command, "RAW", arguments->image,
+                    "The image: a file, a block device, or '-' for standard input");
+    addFileArgument(command, "MAIN", arguments->disk, "The main file of the new disk");
+    addSizeOption(command, "--size", arguments->sizeBytes,
+                  "Size of the disk; that of the image or the parent by default");
+    arguments->newDisk.addCompressedTo(command);
+    arguments->newDisk.addCommonTo(command);
+    arguments->newDisk.addParentTo(command);
+    addThreadsOption(command, arguments->threads);
+    arguments->passwords.addTo(command, "", "of the disk");
+    setExample(command, "kelm import /dev/sdb backup.vmdk --compressed --encrypt\n"
+                        "  zstdcat sdb.img.zst | kelm import - backup.vmdk --size 40G");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return importImage(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

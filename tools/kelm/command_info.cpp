@@ -1,0 +1,74 @@
+#include <cstdio>
+#include <memory>
+
+#include "host/file_names.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct Arguments {
+    std::string disk;
+    bool json = false;
+    bool space = false;
+    PasswordOptions passwords;
+};
+
+/// The chain as far as it can be opened. A parent that cannot be is told of, since that is what the
+/// user wants to know.
+Json reportParents(Invocation& invocation, host::SafeDisk& disk, yx::String const& password) {
+    Json parents = Json::array();
+    if (!disk.hasParent())
+        return parents;
+    try {
+        for (std::unique_ptr<host::SafeDisk> const& parent :
+             openParents(invocation, disk, password)) {
+            CVMDKDisk& opened = parent->getDisk();
+            parents.push_back(
+                {{"file", host::displayName(opened.getMainFileURI())},
+                 {"contentID",
+                  yx::toHexString(opened.getDescriptor()->getContentID()).toStdString()}});
+        }
+    } catch (yx::CError const& error) {
+        parents = Json::array({{{"file", host::displayName(disk.getDisk().getParentDiskMainURI())},
+                                {"error", describeError(error)}}});
+    }
+    return parents;
+}
+
+ExitStatus showInfo(Invocation& invocation, Arguments& arguments) {
+    std::unique_ptr<host::SafeDisk> const disk =
+        openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
+    Json report = reportDisk(*disk);
+    report["parents"] = reportParents(invocation, *disk, usedPassword(arguments.passwords));
+    if (arguments.space)
+        report["space"] = reportSpace(*disk);
+    std::printf("%s",
+                arguments.json ? (report.dump(2) + "\n").c_str() : formatReport(report).c_str());
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addInfoCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command = *program.add_subcommand("info", "Tell what a disk is");
+    addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
+    command.add_flag("--json", arguments->json, "Print JSON");
+    command.add_flag("--space", arguments->space,
+                     "Tell also what the grains take; reads all tables of the disk");
+    arguments->passwords.addTo(command, "", "of the disk");
+    setExample(command, "kelm info backup.vmdk --space");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return showInfo(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

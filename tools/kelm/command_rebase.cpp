@@ -1,0 +1,57 @@
+#include <memory>
+
+#include "host/file_names.h"
+#include "host/parent_link.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct Arguments {
+    std::string child;
+    std::string parent;
+    bool unsafe = false;
+    PasswordOptions passwords;
+};
+
+ExitStatus rebase(Invocation& invocation, Arguments& arguments) {
+    std::unique_ptr<host::SafeDisk> const child =
+        openDisk(invocation, arguments.child, yx::IIOStream::ReadWrite, arguments.passwords);
+    if (!child->hasParent())
+        throw UsageError("The disk has no parent: " + arguments.child);
+    yx::CURI const parentURI = host::uriFromArgument(arguments.parent);
+    if (parentURI == child->getDisk().getMainFileURI())
+        throw UsageError("A disk cannot be its own parent: " + arguments.child);
+    std::unique_ptr<host::SafeDisk> const parent =
+        openDisk(invocation, arguments.parent, yx::IIOStream::ReadOnly, arguments.passwords);
+    // Opening the whole chain finds a parent that stands on the child, which is locked.
+    openParents(invocation, *parent, usedPassword(arguments.passwords));
+    host::repointToParent(*child, *parent,
+                          arguments.unsafe ? host::ParentCheck::None : host::ParentCheck::Content);
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addRebaseCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<Arguments>();
+    CLI::App& command =
+        *program.add_subcommand("rebase", "Tell a child disk where its parent is now");
+    addFileArgument(command, "CHILD", arguments->child, "The main file of the child disk");
+    command.add_option("--parent", arguments->parent, "The main file of the parent")
+        ->required()
+        ->type_name("FILE");
+    command.add_flag("--unsafe", arguments->unsafe,
+                     "Take a parent whose content is not what the child was made of");
+    arguments->passwords.addTo(command, "", "of both disks");
+    setExample(command, "kelm rebase tuesday.vmdk --parent /backup/monday.vmdk");
+    command.callback([arguments, &run] {
+        run = [arguments](Invocation& invocation) { return rebase(invocation, *arguments); };
+    });
+}
+
+} // namespace kelm::tool

@@ -1,0 +1,119 @@
+#include "tools/kelm/disk_access.h"
+
+#include <algorithm>
+
+#include "host/file_names.h"
+#include "tools/kelm/errors.h"
+#include "yx/lock_file.h"
+
+namespace kelm::tool {
+
+namespace {
+
+constexpr std::size_t kMaxChainLength = 255;
+
+/// How the library begins to tell that the files of a split disk would be too small.
+constexpr char kSplitTooSmallMessage[] = "Internal error: calculated VMDK maxExtentPayloadBytes";
+
+std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
+                                         yx::IIOStream::Access access, yx::String const& password) {
+    return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password);
+}
+
+/// Throws `CLockFileError` if the disk that is to be replaced is in use.
+void verifyIsNotInUse(Invocation& invocation, yx::CURI const& uri) {
+    yx::CURI const lockURI = uri.getParent() << (uri.getName() + ".lock");
+    yx::CLockFile const lock(invocation.getFiles(), lockURI, yx::CLockFile::Exclusive, false, true);
+}
+
+} // namespace
+
+std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
+                                         yx::IIOStream::Access access, PasswordOptions& passwords) {
+    yx::CURI const uri = host::uriFromArgument(file);
+    try {
+        return openWith(invocation, uri, access, usedPassword(passwords));
+    } catch (yx::CError const& error) {
+        if (!isPasswordMissing(error))
+            throw;
+    }
+    return openWith(invocation, uri, access, askForPassword(file, passwords).get());
+}
+
+host::Password const& askForPassword(std::string const& file, PasswordOptions& passwords) {
+    return passwords.readOrPrompt("Password of " + file, false);
+}
+
+yx::String usedPassword(PasswordOptions& passwords) {
+    return passwords.isKnown() ? passwords.read().get() : yx::String();
+}
+
+bool isEncrypted(host::SafeDisk& disk) {
+    return !disk.getDisk().getDescriptor()->getYxEncryptionAlgorithm().isEmpty();
+}
+
+std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
+                                                         host::SafeDisk& disk,
+                                                         yx::String const& password) {
+    std::vector<std::unique_ptr<host::SafeDisk>> parents;
+    host::SafeDisk* child = &disk;
+    while (child->hasParent()) {
+        yx::CURI const uri = child->getDisk().getParentDiskMainURI();
+        if (parents.size() >= kMaxChainLength) {
+            throw yx::CIOError(yx::CIOError::CorruptData, "VMDK parent chain is too long.",
+                               yx::CProps().add("parentURI", uri.toString(true)), nullptr);
+        }
+        parents.push_back(openWith(invocation, uri, yx::IIOStream::ReadOnly, password));
+        child = parents.back().get();
+    }
+    return parents;
+}
+
+std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& disk,
+                                     yx::String const& password) {
+    std::vector<yx::CURI> files = disk.listFiles();
+    for (std::unique_ptr<host::SafeDisk> const& parent : openParents(invocation, disk, password)) {
+        std::vector<yx::CURI> const more = parent->listFiles();
+        files.insert(files.end(), more.begin(), more.end());
+    }
+    return files;
+}
+
+void verifyIsNoneOf(std::vector<yx::CURI> const& files, yx::CURI const& file) {
+    if (std::find(files.begin(), files.end(), file) != files.end()) {
+        throw UsageError("The file to be written belongs to a disk that is to be read: " +
+                         host::displayName(file));
+    }
+}
+
+NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri,
+                                     host::NewDisk const& request, bool force,
+                                     std::vector<yx::CURI> const& protectedFiles)
+    : m_invocation(invocation),
+      m_guard(yx::makeObject<host::FileGuard>(invocation.getFiles(), force)) {
+    m_guard->protect(protectedFiles);
+    if (force && invocation.getFiles()->fileExists(uri))
+        verifyIsNotInUse(invocation, uri);
+    create(uri, request);
+}
+
+void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request) {
+    try {
+        m_disk = host::SafeDisk::create(m_guard.get(), uri, request);
+    } catch (yx::CInvalidArgError const& error) {
+        throw UsageError(error.what());
+    } catch (yx::CError const& error) {
+        if (!error.getMessage().wx().StartsWith(kSplitTooSmallMessage))
+            throw;
+        throw UsageError("Files of this size have no room for a grain; give a larger --split.");
+    }
+}
+
+void NewDiskInProgress::finish() {
+    m_invocation.getCancel().check();
+    m_disk->flush();
+    m_disk.reset();
+    m_guard->keep();
+}
+
+} // namespace kelm::tool

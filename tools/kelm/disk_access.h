@@ -1,0 +1,63 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/safe_disk.h"
+#include "tools/kelm/invocation.h"
+#include "tools/kelm/password_options.h"
+
+namespace kelm::tool {
+
+/// Opens the disk that the user names. If it is encrypted and no option names a password, the user
+/// is asked, if there is a terminal.
+std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
+                                         yx::IIOStream::Access access, PasswordOptions& passwords);
+
+/// The password that the options name or the user types, for a disk that turned out to need one.
+host::Password const& askForPassword(std::string const& file, PasswordOptions& passwords);
+
+/// Opens the parents of a disk for reading, the nearest first. The parents' password is that of the
+/// disk. A chain that never ends is `CIOError` `CorruptData`.
+std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
+                                                         host::SafeDisk& disk,
+                                                         yx::String const& password);
+
+/// The password that opened a disk; empty if none was needed so far.
+yx::String usedPassword(PasswordOptions& passwords);
+
+bool isEncrypted(host::SafeDisk& disk);
+
+/// All files of a disk and of its parents.
+std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& disk,
+                                     yx::String const& password);
+
+/// Refuses, with `UsageError`, a file to be written that is one of `files`, which are to be read.
+void verifyIsNoneOf(std::vector<yx::CURI> const& files, yx::CURI const& file);
+
+/// A disk on its way to be: what has been made of it goes away again unless it is finished.
+class NewDiskInProgress {
+public:
+    /// Makes the disk. Files that exist are `CIOError` `AlreadyExists` unless `force` is given, and
+    /// a disk in use is `CLockFileError` even then, and so
+    /// are `protectedFiles` `NotAllowed`. A request that makes no sense is `UsageError`.
+    NewDiskInProgress(Invocation& invocation, yx::CURI const& uri, host::NewDisk const& request,
+                      bool force, std::vector<yx::CURI> const& protectedFiles = {});
+
+    host::SafeDisk& getDisk() { return *m_disk; }
+
+    /// Flushes and closes the disk; its files stay.
+    void finish();
+
+private:
+    void create(yx::CURI const& uri, host::NewDisk const& request);
+
+    Invocation& m_invocation;
+
+    // The disk goes before the guard, which deletes its files.
+    yx::P<host::FileGuard> m_guard;
+    std::unique_ptr<host::SafeDisk> m_disk;
+};
+
+} // namespace kelm::tool

@@ -1,0 +1,164 @@
+#include "tools/kelm/disk_report.h"
+
+#include "host/disk_files.h"
+#include "host/file_names.h"
+#include "host/size_text.h"
+#include "tools/kelm/disk_access.h"
+
+namespace kelm::tool {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+/// Adds a value of the descriptor, unless the descriptor lacks it or it cannot be read.
+template <class Get>
+void addOptional(Json& report, char const* name, Get const& get) {
+    try {
+        report[name] = get();
+    } catch (yx::CError const&) {
+        return;
+    }
+}
+
+Json reportGeometry(CVMDKDescriptor const& descriptor) {
+    Json geometry = Json::object();
+    addOptional(geometry, "cylinders", [&] { return descriptor.getGeometryCylinders(); });
+    addOptional(geometry, "heads", [&] { return descriptor.getGeometryHeads(); });
+    addOptional(geometry, "sectors", [&] { return descriptor.getGeometrySectors(); });
+    return geometry;
+}
+
+Json reportFile(yx::CURI const& uri) {
+    host::FileUse const use = host::measureFile(uri);
+    return {{"file", host::displayName(uri)},
+            {"exists", use.exists},
+            {"lengthBytes", use.lengthBytes},
+            {"allocatedBytes", use.allocatedBytes}};
+}
+
+void addFiles(Json& report, host::SafeDisk& disk) {
+    __int64 lengthBytes = 0;
+    __int64 allocatedBytes = 0;
+    Json files = Json::array();
+    for (yx::CURI const& uri : disk.listFiles()) {
+        files.push_back(reportFile(uri));
+        lengthBytes += files.back()["lengthBytes"].get<__int64>();
+        allocatedBytes += files.back()["allocatedBytes"].get<__int64>();
+    }
+    report["lengthBytes"] = lengthBytes;
+    report["allocatedBytes"] = allocatedBytes;
+    report["files"] = files;
+}
+
+Json reportExtents(host::SafeDisk& disk) {
+    yx::TArray<yx::P<CVMDKExtentInfo>> infos;
+    disk.getDisk().getDescriptor()->getExtentEntries(infos);
+    Json extents = Json::array();
+    for (yx::P<CVMDKExtentInfo> const& info : infos) {
+        extents.push_back({{"file", info->getFilename().toStdString()},
+                           {"sizeBytes", info->getSizeSectors() * kSectorSizeBytes}});
+    }
+    return extents;
+}
+
+std::string line(std::string const& label, std::string const& value) {
+    constexpr std::size_t kValueColumn = 14;
+    std::string text = label + ":";
+    text.resize(std::max(text.size() + 1, kValueColumn), ' ');
+    return text + value + "\n";
+}
+
+std::string formatBytes(Json const& bytes) {
+    auto const count = bytes.get<__int64>();
+    std::string const text = host::formatSize(count);
+    std::string const exact = std::to_string(count) + " bytes";
+    return text == exact ? text : text + " (" + exact + ")";
+}
+
+std::string formatGeometry(Json const& geometry) {
+    if (geometry.size() != 3)
+        return "not known";
+    return geometry["cylinders"].dump() + " cylinders, " + geometry["heads"].dump() + " heads, " +
+           geometry["sectors"].dump() + " sectors";
+}
+
+std::string formatFiles(Json const& files) {
+    std::string text;
+    for (Json const& file : files) {
+        std::string const state = file["exists"].get<bool>()
+                                      ? host::formatSize(file["lengthBytes"].get<__int64>())
+                                      : "not there";
+        text += line(text.empty() ? "files" : "", file["file"].get<std::string>() + ", " + state);
+    }
+    return text;
+}
+
+std::string formatParents(Json const& parents) {
+    std::string text;
+    for (Json const& parent : parents) {
+        std::string value = parent["file"].get<std::string>();
+        if (parent.contains("error"))
+            value += ": " + parent["error"].get<std::string>();
+        else
+            value += ", content ID " + parent["contentID"].get<std::string>();
+        text += line(text.empty() ? "parents" : "", value);
+    }
+    return text;
+}
+
+std::string formatSpace(Json const& space) {
+    return line("grains", formatBytes(space["payloadBytes"]) + " in " +
+                              host::formatSize(space["payloadBytesInFile"].get<__int64>())) +
+           line("tables", formatBytes(space["headerBytes"])) +
+           line("dead space", formatBytes(space["deadBytes"]));
+}
+
+} // namespace
+
+Json reportDisk(host::SafeDisk& disk) {
+    CVMDKDescriptor const& descriptor = *disk.getDisk().getDescriptor();
+    Json report;
+    report["file"] = host::displayName(disk.getDisk().getMainFileURI());
+    report["kind"] = descriptor.getCreateType().toStdString();
+    report["compressed"] = disk.getDisk().getCompressed();
+    report["encrypted"] = isEncrypted(disk);
+    report["sizeBytes"] = disk.getSizeBytes();
+    report["grainSizeBytes"] = disk.getGrainSizeBytes();
+    addOptional(report, "contentID",
+                [&] { return yx::toHexString(descriptor.getContentID()).toStdString(); });
+    addOptional(report, "adapterType", [&] { return descriptor.getAdapterType().toStdString(); });
+    report["geometry"] = reportGeometry(descriptor);
+    report["extents"] = reportExtents(disk);
+    addFiles(report, disk);
+    return report;
+}
+
+Json reportSpace(host::SafeDisk& disk) {
+    yx::P<CVMDKSpaceInfo> const space = disk.getDisk().gatherSpaceInfo();
+    return {{"payloadBytes", space->getPayloadSize()},
+            {"payloadBytesInFile", space->getPayloadSizeInFile()},
+            {"headerBytes", space->getHeaderSize()},
+            {"deadBytes", space->getDeadSpaceSize()}};
+}
+
+std::string formatReport(Json const& report) {
+    bool const compressed = report["compressed"].get<bool>();
+    bool const encrypted = report["encrypted"].get<bool>();
+    std::string text = line("disk", report["file"].get<std::string>());
+    text += line("kind", report["kind"].get<std::string>() + (compressed ? ", compressed" : "") +
+                             (encrypted ? ", encrypted" : ""));
+    text += line("size", formatBytes(report["sizeBytes"]));
+    text += line("grain size", formatBytes(report["grainSizeBytes"]));
+    text += line("geometry", formatGeometry(report["geometry"]));
+    text += line("content ID", report.value("contentID", "none"));
+    text += line("extents", std::to_string(report["extents"].size()));
+    text += line("space used", formatBytes(report["allocatedBytes"]));
+    text += formatFiles(report["files"]);
+    text += formatParents(report["parents"]);
+    if (report.contains("space"))
+        text += formatSpace(report["space"]);
+    return text;
+}
+
+} // namespace kelm::tool

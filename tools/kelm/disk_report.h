@@ -1,0 +1,19 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include "host/safe_disk.h"
+
+namespace kelm::tool {
+
+/// All that is to be told about one disk, in the order in which it is told. What a descriptor does
+/// not have is left out.
+nlohmann::ordered_json reportDisk(host::SafeDisk& disk);
+
+/// The space of a disk's grains by kind of use; reads all tables.
+nlohmann::ordered_json reportSpace(host::SafeDisk& disk);
+
+/// A report in lines for people.
+std::string formatReport(nlohmann::ordered_json const& report);
+
+} // namespace kelm::tool

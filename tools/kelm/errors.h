@@ -1,0 +1,40 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "tools/kelm/exit_status.h"
+#include "yx/error.h"
+
+namespace kelm::tool {
+
+/// The user asked for something that makes no sense.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// A password that cannot be had, for the reason that `cause` tells.
+class PasswordError : public yx::CError {
+public:
+    explicit PasswordError(yx::CError const& cause)
+        : CError(cause.getMessage(), "", -1, cause.getParams(), &cause) {}
+    explicit PasswordError(char const* message) : CError(message, "", -1, yx::CProps(), nullptr) {}
+    std::shared_ptr<yx::CError const> clone() const override {
+        return std::make_shared<PasswordError>(*this);
+    }
+};
+
+/// Whether a disk could not be opened for want of a password.
+bool isPasswordMissing(yx::CError const& error);
+
+ExitStatus exitStatusOf(std::exception const& error);
+
+/// An error in one line: the message, then the properties in parentheses.
+std::string describeError(std::exception const& error);
+
+/// Sends warnings of the library to standard error, in the words of this program, and leaves out
+/// the errors that it logs: they are thrown too, and told once.
+void routeLibraryMessages();
+
+} // namespace kelm::tool

@@ -1,0 +1,21 @@
+#include "tools/kelm/invocation.h"
+
+#include <csignal>
+
+#include <unistd.h>
+
+namespace kelm::tool {
+
+Invocation::Invocation() : m_files(yx::makeObject<yx::CNativeFileSystem>()), m_signals(m_cancel) {
+    // A reader that goes away must show as an error of writing, so that the work is cleaned up.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+LongWork::LongWork(Invocation const& invocation, char const* label, int threads)
+    : m_bar(label, STDERR_FILENO) {
+    m_options.threads = threads;
+    m_options.progress = m_bar.callback();
+    m_options.cancel = &invocation.getCancel();
+}
+
+} // namespace kelm::tool

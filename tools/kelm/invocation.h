@@ -1,0 +1,37 @@
+#pragma once
+
+#include "host/cancel.h"
+#include "host/progress.h"
+#include "host/transfer.h"
+#include "yx/native_file_system.h"
+
+namespace kelm::tool {
+
+/// What every command works with: the files of this machine, and the wish of the user to stop.
+class Invocation {
+public:
+    Invocation();
+
+    yx::IFileSystem* getFiles() { return m_files.get(); }
+    host::CancelFlag const& getCancel() const { return m_cancel; }
+
+private:
+    yx::P<yx::CNativeFileSystem> m_files;
+    host::CancelFlag m_cancel;
+    host::SignalCancellation m_signals;
+};
+
+/// Long work: a bar on standard error, if that is a terminal, and an end at the user's wish.
+class LongWork {
+public:
+    LongWork(Invocation const& invocation, char const* label, int threads = 0);
+
+    /// The work must end before this object.
+    host::TransferOptions const& getOptions() const { return m_options; }
+
+private:
+    host::ProgressBar m_bar;
+    host::TransferOptions m_options;
+};
+
+} // namespace kelm::tool

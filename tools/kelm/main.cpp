@@ -1,0 +1,63 @@
+#include <cstdio>
+#include <exception>
+
+#include "tools/kelm/commands.h"
+#include "tools/kelm/errors.h"
+
+namespace {
+
+using kelm::tool::ExitStatus;
+using kelm::tool::Run;
+
+void addCommands(CLI::App& program, Run& run) {
+    program.set_version_flag("--version", "kelm " KELM_VERSION, "Print the version and exit");
+    program.require_subcommand(1);
+    kelm::tool::addCreateCommand(program, run);
+    kelm::tool::addInfoCommand(program, run);
+    kelm::tool::addImportCommand(program, run);
+    kelm::tool::addExportCommand(program, run);
+    kelm::tool::addConvertCommand(program, run);
+    kelm::tool::addCompareCommand(program, run);
+    kelm::tool::addCheckCommand(program, run);
+    kelm::tool::addMapCommand(program, run);
+    kelm::tool::addChildCommand(program, run);
+    kelm::tool::addFlattenCommand(program, run);
+    kelm::tool::addRebaseCommand(program, run);
+    program.footer("'kelm COMMAND --help' tells more about a command and has an example.\n"
+                   "Sizes are bytes, or numbers with one of the letters K, M, G, T.");
+}
+
+/// The help and the version are no errors; all else is told in one line.
+ExitStatus answerParseError(CLI::App const& program, CLI::ParseError const& error) {
+    if (error.get_exit_code() == 0) {
+        program.exit(error);
+        return ExitStatus::Done;
+    }
+    std::fprintf(stderr, "kelm: %s (see kelm --help)\n", error.what());
+    return ExitStatus::WrongUsage;
+}
+
+ExitStatus runProgram(int argc, char** argv) {
+    CLI::App program("Disk images on sparse virtual disks", "kelm");
+    Run run;
+    addCommands(program, run);
+    try {
+        program.parse(argc, argv);
+    } catch (CLI::ParseError const& error) {
+        return answerParseError(program, error);
+    }
+    kelm::tool::routeLibraryMessages();
+    kelm::tool::Invocation invocation;
+    return run(invocation);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return static_cast<int>(runProgram(argc, argv));
+    } catch (std::exception const& error) {
+        std::fprintf(stderr, "kelm: %s\n", kelm::tool::describeError(error).c_str());
+        return static_cast<int>(kelm::tool::exitStatusOf(error));
+    }
+}

@@ -1,0 +1,65 @@
+#include "tools/kelm/new_disk_options.h"
+
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/options.h"
+
+namespace kelm::tool {
+
+namespace {
+
+constexpr int kMaxLevel = 9;
+
+} // namespace
+
+void NewDiskOptions::addCommonTo(CLI::App& command) {
+    command.add_option("--level", level, "Compression level, 0 to 9")
+        ->check(CLI::Range(0, kMaxLevel))
+        ->type_name("N");
+    addSizeOption(command, "--split", splitBytes, "Split the disk into files of at most this size");
+    command.add_flag("--encrypt", encrypt, "Encrypt the disk under a password");
+    command.add_flag("--on-demand", onDemand,
+                     "Make the files of a split disk when they are needed");
+    addForceOption(command, force);
+}
+
+void NewDiskOptions::addCompressedTo(CLI::App& command) {
+    command.add_flag("--compressed", compressed, "Compress the disk");
+}
+
+void NewDiskOptions::addParentTo(CLI::App& command) {
+    command
+        .add_option("--parent", parent, "Make a child of this disk: only differences are stored")
+        ->type_name("FILE");
+}
+
+void NewDiskOptions::inheritFromParent(Invocation& invocation, PasswordOptions& passwords,
+                                       host::NewDisk& request) const {
+    std::unique_ptr<host::SafeDisk> const disk =
+        openDisk(invocation, parent, yx::IIOStream::ReadOnly, passwords);
+    request.parent = disk->getDisk().getMainFileURI();
+    if (request.sizeBytes == -1)
+        request.sizeBytes = disk->getSizeBytes();
+    // One password opens a whole chain.
+    if (isEncrypted(*disk))
+        request.password = usedPassword(passwords);
+}
+
+host::NewDisk NewDiskOptions::makeRequest(Invocation& invocation, __int64 sizeBytes,
+                                          PasswordOptions& passwords) const {
+    host::NewDisk request;
+    request.sizeBytes = sizeBytes;
+    request.compressed = compressed;
+    request.compressionLevel = level;
+    request.fileSizeLimitBytes = splitBytes;
+    request.createExtentFilesOnDemand = onDemand;
+    if (!parent.empty())
+        inheritFromParent(invocation, passwords, request);
+    if (request.sizeBytes == -1)
+        throw UsageError("The size of the disk is not known; give --size.");
+    if (encrypt && request.password.isEmpty())
+        request.password = passwords.readOrPrompt("New password", true).get();
+    return request;
+}
+
+} // namespace kelm::tool

@@ -1,0 +1,70 @@
+#include "tools/kelm/password_options.h"
+
+#include <limits>
+
+#include "tools/kelm/errors.h"
+
+namespace kelm::tool {
+
+namespace {
+
+constexpr char kHelpGroup[] = "Passwords";
+
+/// Runs `obtain` and turns what it throws into a `PasswordError`.
+template <class Obtain>
+host::Password obtainPassword(Obtain const& obtain) {
+    try {
+        host::Password password = obtain();
+        if (password.isEmpty())
+            throw PasswordError("The password is empty.");
+        return password;
+    } catch (PasswordError const&) {
+        throw;
+    } catch (yx::CError const& error) {
+        throw PasswordError(error);
+    }
+}
+
+} // namespace
+
+void PasswordOptions::addTo(CLI::App& command, std::string const& prefix,
+                            std::string const& whose) {
+    std::string const name = "--" + prefix + "password-";
+    CLI::Option* const file =
+        command.add_option(name + "file", m_file, "Read the password " + whose + " from a file");
+    CLI::Option* const fileDescriptor =
+        command.add_option(name + "fd", m_fileDescriptor,
+                           "Read the password " + whose + " from an open file descriptor");
+    CLI::Option* const variable = command.add_option(
+        name + "env", m_variable, "Take the password " + whose + " from an environment variable");
+    file->type_name("FILE")->group(kHelpGroup);
+    fileDescriptor->type_name("N")
+        ->group(kHelpGroup)
+        ->check(CLI::Range(0, std::numeric_limits<int>::max()))
+        ->excludes(file);
+    variable->type_name("NAME")->group(kHelpGroup)->excludes(file)->excludes(fileDescriptor);
+}
+
+host::Password PasswordOptions::readFromOptions() const {
+    if (!m_file.empty())
+        return host::readPasswordFile(m_file);
+    if (m_fileDescriptor >= 0)
+        return host::readPasswordFileDescriptor(m_fileDescriptor);
+    return host::readPasswordVariable(m_variable);
+}
+
+host::Password const& PasswordOptions::read() {
+    if (!m_password)
+        m_password = obtainPassword([this] { return readFromOptions(); });
+    return *m_password;
+}
+
+host::Password const& PasswordOptions::readOrPrompt(std::string const& prompt, bool twice) {
+    if (isGiven())
+        return read();
+    if (!m_password)
+        m_password = obtainPassword([&] { return host::promptForPassword(prompt, twice); });
+    return *m_password;
+}
+
+} // namespace kelm::tool

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "host/password.h"
+
+namespace kelm::tool {
+
+/// The options that say where a password comes from. There is none that takes the password itself,
+/// which every user of the machine could read.
+class PasswordOptions {
+public:
+    /// Adds "--password-file" and its like to `command`, with `prefix` behind the dashes; this
+    /// object must outlive it. `whose` ends the descriptions, as in "of the disk".
+    void addTo(CLI::App& command, std::string const& prefix, std::string const& whose);
+
+    bool isGiven() const { return !m_file.empty() || m_fileDescriptor >= 0 || !m_variable.empty(); }
+
+    /// Whether `read` has something to give: an option, or what the user typed before.
+    bool isKnown() const { return isGiven() || m_password; }
+
+    /// The password that the options name, read at most once. `PasswordError` if it cannot be read
+    /// or is empty.
+    host::Password const& read();
+
+    /// The same, or what the user types at the prompt if no option is given.
+    host::Password const& readOrPrompt(std::string const& prompt, bool twice);
+
+private:
+    host::Password readFromOptions() const;
+
+    std::string m_file;
+    int m_fileDescriptor = -1;
+    std::string m_variable;
+    std::optional<host::Password> m_password;
+};
+
+} // namespace kelm::tool
