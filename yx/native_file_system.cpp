@@ -54,8 +54,8 @@ P<IIOStream> CNativeFileSystem::openFile(CURI const& uri, IIOStream::Access acce
         error = getRefusal(status.st_mode);
     if (error != 0)
         throw detail::makeFileError(FileAction::Open, error, detail::makeUriProps(uri));
-    return makeObject<CNativeFileStream>(std::move(descriptor), uri,
-                                         toAbsolute(path), access, m_flush);
+    return makeObject<CNativeFileStream>(std::move(descriptor), uri, toAbsolute(path), access,
+                                         m_flush);
 }
 
 bool CNativeFileSystem::fileExists(CURI const& uri) {
