@@ -22,7 +22,7 @@ constexpr __int64 kEncipheringSectors = 1;
 constexpr __int64 kTrailSectors = 3;
 
 /// Room for a text descriptor to grow: an encoding line and longer content IDs.
-constexpr __int64 kDescriptorRoomBytes = 4 * kSectorSizeBytes;
+constexpr __int64 kDescriptorRoomBytes = __int64{4} * kSectorSizeBytes;
 
 yx::P<CVMDKDisk> openDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                           yx::IIOStream::Access access, yx::String const& password,
@@ -128,7 +128,7 @@ SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStre
     giveDescriptorRoom();
 }
 
-SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> disk)
+SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk)
     : m_fileSystem(fileSystem),
       m_disk(disk),
       m_hasParent(!disk->getParentDiskMainURI().isEmpty()),

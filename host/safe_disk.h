@@ -116,7 +116,7 @@ private:
         __int64 lengthBoundBytes;
     };
 
-    SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> disk);
+    SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk);
 
     void collectExtents();
     void verifyWholeGrainExtents();
