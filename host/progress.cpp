@@ -27,7 +27,7 @@ __int64 nowNanoseconds() {
 std::string formatDuration(double seconds) {
     constexpr double kLongestSeconds = 999 * 3600.0;
     std::array<char, 32> text{};
-    auto const whole = static_cast<long long>(std::min(seconds, kLongestSeconds) + 0.5);
+    long long const whole = std::llround(std::min(seconds, kLongestSeconds));
     if (whole >= 3600)
         std::snprintf(text.data(), text.size(), "%lld:%02lld:%02lld", whole / 3600, whole / 60 % 60,
                       whole % 60);
