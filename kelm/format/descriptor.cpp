@@ -155,11 +155,11 @@ std::string_view textOf(yx::TBuffer<unsigned char> const& buffer) {
 
 /// Whether all characters are such that UTF-8 has them and a text in a file can hold them.
 bool isStorable(wxString const& text) {
-    constexpr __int64 kGreatestCharacter = 0x10FFFF;
+    constexpr wxUint32 kGreatestCharacter = 0x10FFFF;
     std::wstring const& characters = text.ToStdWstring();
     return std::all_of(characters.begin(), characters.end(), [](wchar_t character) {
-        __int64 const value = character;
-        return value > 0 && value <= kGreatestCharacter;
+        wxUint32 const value = wxUniChar(character).GetValue();
+        return value != 0 && value <= kGreatestCharacter;
     });
 }
 
