@@ -101,10 +101,14 @@ printf '%-28s %5s %9s %6s %8s %7s %8s %7s\n' \
     '' files MiB ratio 'backup s' 'MiB/s' 'restore s' 'MiB/s'
 round_trip 'plain' plain "$image"
 round_trip 'plain, split' split "$image" --split "$split"
+round_trip 'plain, split, on demand' on-demand "$image" --split "$split" --on-demand
 round_trip 'compressed' compressed "$image" --compressed
 round_trip 'compressed, split' compressed-split "$image" --compressed --split "$split"
 round_trip 'plain, encrypted' encrypted "$image" --encrypt
 round_trip 'compressed, encrypted' compressed-encrypted "$image" --compressed --encrypt
+round_trip 'plain, split, encrypted' encrypted-split "$image" --split "$split" --encrypt
+round_trip 'compressed, split, encrypted' compressed-encrypted-split "$image" --compressed \
+    --split "$split" --encrypt
 change_image "$image" "$scratch/changed"
 round_trip 'child of plain' child "$scratch/changed" --parent "$scratch/plain/disk.vmdk"
 
