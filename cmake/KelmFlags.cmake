@@ -21,10 +21,7 @@ if(sanitizers)
     endif()
 endif()
 
-if(NOT "${KELM_ROOMS}" STREQUAL "${all_rooms}")
-    # What the rooms left out define is missing; programs that never call it link all the same.
-    add_link_options(-Wl,--allow-shlib-undefined)
-elseif(KELM_WERROR AND UNIX AND NOT APPLE AND NOT sanitizers)
+if(KELM_WERROR AND UNIX AND NOT APPLE AND NOT sanitizers)
     # A library names all that it links, so that no symbol is found by luck only. The run time of
     # the sanitizers is linked into programs alone, hence not with them.
     add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,--no-undefined>)
