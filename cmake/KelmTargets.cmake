@@ -35,6 +35,13 @@ function(kelm_own_code target)
     endif()
 endfunction()
 
+# kelm_compile_in_batches(<target>): with KELM_UNITY, compiles several sources of a library as one.
+function(kelm_compile_in_batches target)
+    if(KELM_UNITY)
+        set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+    endif()
+endfunction()
+
 # kelm_link(<target> <scope> <library>...): links each library of ours that is built, and every
 # other one by its imported name (which has "::").
 function(kelm_link target scope)
@@ -61,6 +68,7 @@ function(kelm_add_library name)
     add_library(${name} SHARED ${sources})
     add_library(kelm::${name} ALIAS ${name})
     kelm_own_code(${name})
+    kelm_compile_in_batches(${name})
     set_target_properties(${name} PROPERTIES
         VERSION ${PROJECT_VERSION}
         SOVERSION ${PROJECT_VERSION_MAJOR}
@@ -90,6 +98,7 @@ function(kelm_add_static_library name)
         add_library(kelm::${arg_ALIAS} ALIAS ${name})
     endif()
     kelm_own_code(${name})
+    kelm_compile_in_batches(${name})
     set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
     target_include_directories(${name} PUBLIC "${PROJECT_SOURCE_DIR}")
     kelm_link(${name} PUBLIC ${arg_PUBLIC})

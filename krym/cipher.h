@@ -15,11 +15,13 @@ public:
     /// The cipher's name, as it is stored beside what it enciphered.
     virtual yx::String getID() = 0;
 
+    /// The size of the key.
     virtual int getKeySize() = 0;
 
     /// The size of the initialization vector.
     virtual int getIVSize() = 0;
 
+    /// The size of the blocks that are enciphered as one.
     virtual int getBlockSize() = 0;
 
     /// Enciphers `sizeBytes` bytes of `source` with `key` and `iv`, which holds `getIVSize()`

@@ -9,14 +9,14 @@ namespace krym {
 
 namespace {
 
-struct Free {
+struct FreeDigestType {
     void operator()(EVP_MD* algorithm) const { EVP_MD_free(algorithm); }
 };
 
 } // namespace
 
 struct CDigestType_SHA256::State {
-    std::unique_ptr<EVP_MD, Free> algorithm;
+    std::unique_ptr<EVP_MD, FreeDigestType> algorithm;
 };
 
 CDigestType_SHA256::CDigestType_SHA256() : m_state(std::make_unique<State>()) {

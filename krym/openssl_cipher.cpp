@@ -11,12 +11,12 @@ namespace krym {
 
 namespace {
 
-struct Free {
+struct FreeCipher {
     void operator()(EVP_CIPHER* cipher) const { EVP_CIPHER_free(cipher); }
     void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
 };
-using CipherPtr = std::unique_ptr<EVP_CIPHER, Free>;
-using ContextPtr = std::unique_ptr<EVP_CIPHER_CTX, Free>;
+using CipherPtr = std::unique_ptr<EVP_CIPHER, FreeCipher>;
+using ContextPtr = std::unique_ptr<EVP_CIPHER_CTX, FreeCipher>;
 
 /// The values are those that OpenSSL takes.
 enum Direction {

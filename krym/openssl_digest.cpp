@@ -15,14 +15,14 @@ namespace {
     throw yx::CError(message, "", -1, yx::CProps(), nullptr);
 }
 
-struct Free {
+struct FreeDigest {
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
 
 } // namespace
 
 struct COpenSSLDigest::State {
-    std::unique_ptr<EVP_MD_CTX, Free> context;
+    std::unique_ptr<EVP_MD_CTX, FreeDigest> context;
     bool isFinished = false;
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
 };

@@ -59,6 +59,7 @@ public:
     /// Answers true for every type.
     bool checkCastAllowed(std::type_info const& type) const override;
 
+    /// Heap objects are made with the tag alone; see `makeObject`.
     static void* operator new(std::size_t sizeBytes, RawNew const&);
     static void operator delete(void* object, RawNew const&);
     static void operator delete(void* object);
@@ -75,6 +76,7 @@ private:
 template <class T>
 class P {
 public:
+    /// Null.
     P() noexcept = default;
     P(std::nullptr_t) noexcept {}
 
@@ -84,6 +86,7 @@ public:
             m_object->addRef();
     }
 
+    /// A copy adds a reference, a move hands it over.
     P(P const& other) : P(other.m_object) {}
     P(P&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
 
@@ -107,6 +110,7 @@ public:
         return *this;
     }
 
+    /// Hands the reference over.
     P& operator=(P&& other) noexcept {
         P(std::move(other)).swap(*this);
         return *this;
@@ -122,11 +126,18 @@ public:
     /// Hands this pointer's reference to the caller and becomes null.
     T* detach() noexcept { return std::exchange(m_object, nullptr); }
 
+    /// The object, null if there is none; the pointer keeps its reference.
     T* get() const noexcept { return m_object; }
     T* operator->() const noexcept { return m_object; }
     T& operator*() const noexcept { return *m_object; }
+
+    /// Whether there is an object.
     explicit operator bool() const noexcept { return m_object != nullptr; }
+
+    /// Gives the reference back and becomes null.
     void reset() { P().swap(*this); }
+
+    /// Exchanges the objects without touching their counts.
     void swap(P& other) noexcept { std::swap(m_object, other.m_object); }
 
 private:

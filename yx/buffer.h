@@ -19,6 +19,7 @@ class TBuffer : public CBase {
     static_assert(std::is_trivially_copyable_v<T>);
 
 public:
+    /// Empty, nothing allocated.
     TBuffer() = default;
 
     /// Reserves `allocated` elements, or `used` if that is more; `used` of -1 means all that are
@@ -33,6 +34,7 @@ public:
     /// Copies content and used size.
     TBuffer(TBuffer const& other) : CBase() { assign(other); }
 
+    /// Copies content and used size.
     TBuffer& operator=(TBuffer const& other) {
         assign(other);
         return *this;
@@ -43,6 +45,7 @@ public:
         TBuffer::deleteData(m_data, m_allocated);
     }
 
+    /// The same as the assignment. What is allocated here stays and is reused.
     void assign(TBuffer const& other) {
         if (this == &other)
             return;
@@ -74,8 +77,12 @@ public:
         m_allocated = allocated;
     }
 
+    /// The elements, `getUsed()` of them content and `getAllocated()` writable; null while nothing
+    /// is allocated. Valid until the buffer grows.
     T* getData() { return m_data; }
     T const* getData() const { return m_data; }
+
+    /// The two sizes, in elements.
     int getUsed() const { return m_used; }
     int getAllocated() const { return m_allocated; }
 
@@ -104,6 +111,7 @@ private:
 template <class T>
 class TCryptBuffer : public TBuffer<T> {
 public:
+    /// As for `TBuffer`.
     TCryptBuffer() = default;
     TCryptBuffer(int allocated, int used) : TBuffer<T>(allocated, used) {}
     TCryptBuffer(TCryptBuffer const&) = default;
@@ -123,9 +131,11 @@ protected:
 template <class T>
 class TConstBufferSlice {
 public:
+    /// `length` elements from `offset` on, all of which the buffer has.
     TConstBufferSlice(TBuffer<T> const* buffer, int offset, int length)
         : m_data(buffer->getData() ? buffer->getData() + offset : nullptr), m_length(length) {}
 
+    /// The elements, and how many.
     T const* getData() const { return m_data; }
     int getLength() const { return m_length; }
 

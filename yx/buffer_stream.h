@@ -18,6 +18,7 @@ public:
     void seek(__int64 position) override;
     /// Always `CIOError` `NotSupported`.
     P<IStreamLock> lockRange(__int64 position, __int64 length, LockType type) override;
+
     void close() override;
 
     void read(void* target, int sizeBytes) override;
@@ -33,6 +34,7 @@ public:
     void write(void const* source, int sizeBytes, IWriteBarrier* barrier) override;
     void writeKeepBuffer(TConstBufferSlice<unsigned char> const& slice,
                          IWriteBarrier* barrier) override;
+
     P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) override;
     void flush() override;
     void setLength(__int64 length) override;

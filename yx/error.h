@@ -15,12 +15,19 @@ public:
     /// `cause` may be null; a clone of it with its own type is kept.
     CError(String const& message, String const& detail, __int64 code, CProps const& props,
            CError const* cause);
+
+    /// A copy shares the facts.
     CError(CError const&) noexcept;
     CError& operator=(CError const&) noexcept;
     ~CError() override;
 
+    /// A sentence for people.
     String const& getMessage() const;
+
+    /// More of it, often empty.
     String const& getDetail() const;
+
+    /// A number for programs; -1 where there is none.
     __int64 getCode() const;
 
     /// The facts of the situation, in the order in which they were added. The writable form first
@@ -49,6 +56,7 @@ private:
 /// A failure of a stream or of the format of a file.
 class YX_API CIOError : public CError {
 public:
+    /// What has gone wrong. The numbers are fixed.
     enum Code {
         IOFailure = 1,          ///< the device or the operating system reports a failure
         NotFound = 2,           ///< no such file
@@ -57,14 +65,15 @@ public:
         CorruptData = 5,        ///< stored data is corrupt or not usable
         UnsupportedVersion = 6, ///< unsupported version of a format
         BadPosition = 7,        ///< bad seek position
-        AlreadyExists = 8,
-        AccessDenied = 9,  ///< the operating system or another lock holder refuses
-        Closed = 10,       ///< the stream is closed
-        NotAligned = 11,   ///< position not on a required boundary
-        NoSpace = 12,      ///< the device is full
-        NotSupported = 13, ///< the stream does not support the operation
+        AlreadyExists = 8,      ///< a file is in the way
+        AccessDenied = 9,       ///< the operating system or another lock holder refuses
+        Closed = 10,            ///< the stream is closed
+        NotAligned = 11,        ///< position not on a required boundary
+        NoSpace = 12,           ///< the device is full
+        NotSupported = 13,      ///< the stream does not support the operation
     };
 
+    /// `cause` may be null.
     CIOError(Code code, String const& message, CProps const& props, CError const* cause);
 
     /// The code; `getCode()` is the same number.
@@ -82,6 +91,7 @@ public:
     /// `function` names the function that refuses, such as "CVMDKGrain::seek".
     CInvalidArgError(String const& function, String const& message, CProps const& props);
 
+    /// The name given to the constructor.
     String const& getFunction() const { return *m_function; }
 
     std::shared_ptr<CError const> clone() const override;
@@ -93,12 +103,15 @@ private:
 /// A file system that cannot do what was asked. Its message is that of its cause.
 class YX_API CFileSystemError : public CError {
 public:
+    /// What the file system cannot do. The numbers are fixed.
     enum Problem {
-        LockingNotSupported = 6,
+        LockingNotSupported = 6, ///< lock a range of a file
     };
 
+    /// The code is the problem's number; a clone of `cause` is kept.
     CFileSystemError(Problem problem, CError const& cause);
 
+    /// The problem given to the constructor.
     Problem getProblem() const { return m_problem; }
 
     std::shared_ptr<CError const> clone() const override;
@@ -110,6 +123,7 @@ private:
 /// A path that cannot be used: "Invalid path: " and the path. Code -1.
 class YX_API CBadPathError : public CError {
 public:
+    /// `path` as it was given.
     explicit CBadPathError(String const& path);
 
     std::shared_ptr<CError const> clone() const override;
@@ -118,6 +132,7 @@ public:
 /// A lock file that cannot be had. Code -1, with "uri" of the lock file.
 class YX_API CLockFileError : public CError {
 public:
+    /// `cause`, which may be null, is the file system's own error.
     CLockFileError(String const& message, CProps const& props, CError const* cause);
 
     std::shared_ptr<CError const> clone() const override;

@@ -13,6 +13,7 @@ public:
     virtual P<IIOStream> openFile(CURI const& uri, IIOStream::Access access,
                                   unsigned int* reserved) = 0;
 
+    /// Whether a file of that name is there.
     virtual bool fileExists(CURI const& uri) = 0;
 
     /// Deletes a file. With `ignoreMissing`, a file that is not there is no error; otherwise it is

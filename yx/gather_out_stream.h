@@ -8,7 +8,9 @@ namespace yx {
 /// step implements it too, and the buffering layer then asks for it by `dynamic_cast`.
 class YX_API IGatherOutStream : public virtual IBase {
 public:
+    /// A stretch of memory.
     struct Piece {
+        /// Where it is; it must stay as it is during the call.
         void const* data;
         int sizeBytes; ///< 1 or more
     };

@@ -24,9 +24,10 @@ class OpenLockFile;
 /// that stays is in nobody's way.
 class YX_API CLockFile : public CBase {
 public:
+    /// Whether others may hold the lock at the same time.
     enum LockType {
-        Shared = 1,
-        Exclusive = 2,
+        Shared = 1,    ///< with other shared holders
+        Exclusive = 2, ///< alone
     };
 
     /// Takes the lock or throws `CLockFileError` with "uri", without waiting for a holder. The

@@ -7,13 +7,18 @@
 
 namespace yx {
 
+/// How bad it is.
 enum class LogLevel {
-    Warning,
-    Error,
+    Warning, ///< the work goes on, and somebody should know
+    Error,   ///< something failed
 };
 
+/// What a log handler is given.
 struct LogEntry {
+    /// How bad it is.
     LogLevel level;
+
+    /// A sentence, and more of it, which is often empty.
     String message;
     String detail;
 

@@ -18,13 +18,17 @@ public:
     auto find(K const& key) { return m_items.find(key); }
     auto find(K const& key) const { return m_items.find(key); }
 
+    /// How many entries there are.
     int getSize() const { return static_cast<int>(m_items.size()); }
     bool isEmpty() const { return m_items.empty(); }
 
     /// Removes the entry of an equivalent key, if there is one.
     void remove(K const& key) { m_items.erase(key); }
+
+    /// Removes all entries.
     void clear() { m_items.clear(); }
 
+    /// Iterators over pairs of key and value, in key order.
     auto begin() { return m_items.begin(); }
     auto end() { return m_items.end(); }
     auto begin() const { return m_items.begin(); }

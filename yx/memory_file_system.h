@@ -14,6 +14,7 @@ namespace yx {
 /// nobody wrote take no memory. Safe for several threads as far as each stream has one user.
 class YX_API CMemoryFileSystem : public CBase, public virtual IFileSystem {
 public:
+    /// No files.
     CMemoryFileSystem();
     ~CMemoryFileSystem() override;
 

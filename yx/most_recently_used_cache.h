@@ -25,6 +25,7 @@ class TMostRecentlyUsedCache : public CBase {
     };
 
 public:
+    /// Empty.
     explicit TMostRecentlyUsedCache(int limit) : m_limit(limit) {}
     TMostRecentlyUsedCache(TMostRecentlyUsedCache const&) = delete;
     TMostRecentlyUsedCache& operator=(TMostRecentlyUsedCache const&) = delete;
@@ -77,17 +78,20 @@ public:
             enforceLimit();
     }
 
+    /// Drops all entries, in key order.
     void clear() {
         while (!m_entries.empty())
             erase(m_entries.begin());
     }
 
+    /// How many entries there are.
     int getCount() const { return static_cast<int>(m_entries.size()); }
 
     /// Enumerates the entries in key order and leaves recency alone. The cache must not change
     /// meanwhile.
     class CEnum {
     public:
+        /// Starts at the first entry.
         explicit CEnum(TMostRecentlyUsedCache const& cache)
             : m_position(cache.m_entries.begin()), m_end(cache.m_entries.end()) {}
 
@@ -95,8 +99,11 @@ public:
         CEnum(TMostRecentlyUsedCache const& cache, K const& first)
             : m_position(cache.m_entries.lower_bound(first)), m_end(cache.m_entries.end()) {}
 
+        /// Whether all entries have been passed; if not, `next` goes on by one.
         bool atEnd() const { return m_position == m_end; }
         void next() { ++m_position; }
+
+        /// The present entry's key and object; not at the end.
         K const& getKey() const { return m_position->first; }
         P<V> const& getValue() const { return m_position->second.value; }
 

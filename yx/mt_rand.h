@@ -14,6 +14,8 @@ public:
     /// operating system gives no random bytes.
     CMTRand();
 
+    /// The generator that all share, made at first use, and the mutex to hold while drawing from
+    /// it.
     static P<CMTRand> const& getGlobal();
     static P<CMutex> const& getGlobalInstanceMutex();
 

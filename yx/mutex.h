@@ -6,9 +6,13 @@
 
 namespace yx {
 
+/// What can be locked.
 class YX_API IMutex : public virtual IBase {
 public:
+    /// Waits until nobody holds it, and holds it.
     virtual void lock() = 0;
+
+    /// Gives it back. The caller must hold it.
     virtual void unlock() = 0;
 };
 
@@ -25,6 +29,7 @@ private:
 /// Holds a mutex for as long as it lives.
 class YX_API CMutexLock {
 public:
+    /// Locks `mutex`, which must not be null, and shares its ownership.
     explicit CMutexLock(IMutex* mutex);
     CMutexLock(CMutexLock const&) = delete;
     CMutexLock& operator=(CMutexLock const&) = delete;

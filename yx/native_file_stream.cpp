@@ -21,7 +21,7 @@ namespace {
 
 using detail::FileAction;
 
-constexpr __int64 kMaxLengthBytes = std::numeric_limits<off_t>::max();
+constexpr __int64 kMaxFileLengthBytes = std::numeric_limits<off_t>::max();
 
 /// Pieces of one call; the system's own limit is at least 1024.
 constexpr std::size_t kMaxPiecesPerCall = 64;
@@ -166,7 +166,7 @@ P<IStreamLock> CNativeFileStream::lockRange(__int64 position, __int64 length, Lo
     int const descriptor = getDescriptor();
     if (position < 0)
         detail::throwBadPosition(m_uri, position);
-    if (length < 1 || length > kMaxLengthBytes - position)
+    if (length < 1 || length > kMaxFileLengthBytes - position)
         detail::throwBadLength(m_uri, length);
     bool const exclusive = type == Exclusive;
     if (exclusive && m_access != ReadWrite)
@@ -282,7 +282,7 @@ void CNativeFileStream::writePieces(__int64 position, Piece const* pieces, int c
     __int64 sizeBytes = 0;
     for (int i = 0; i < count; ++i)
         sizeBytes += pieces[i].sizeBytes;
-    if (position > kMaxLengthBytes - sizeBytes)
+    if (position > kMaxFileLengthBytes - sizeBytes)
         detail::throwTooLong(m_uri, position, sizeBytes);
 
     m_contentNeedsSync = true;
@@ -318,7 +318,8 @@ int CNativeFileStream::getWritableDescriptor() const {
 
 int CNativeFileStream::readAt(__int64 position, void* target, int sizeBytes) const {
     // No file reaches up to the largest number, and the system refuses ranges that pass it.
-    auto const wanted = static_cast<int>(std::min<__int64>(sizeBytes, kMaxLengthBytes - position));
+    auto const wanted =
+        static_cast<int>(std::min<__int64>(sizeBytes, kMaxFileLengthBytes - position));
     int done = 0;
     while (done < wanted) {
         ssize_t const count =

@@ -28,6 +28,7 @@ enum class NativeFlush {
 /// for reading is `NotAllowed`.
 class YX_API CNativeFileSystem : public CBase, public virtual IFileSystem {
 public:
+    /// `flush` is for all streams that it makes.
     explicit CNativeFileSystem(NativeFlush flush = NativeFlush::ToDevice);
 
     P<IIOStream> openFile(CURI const& uri, IIOStream::Access access,

@@ -32,7 +32,10 @@ public:
     COptimizingInStream& operator=(COptimizingInStream const&) = delete;
     ~COptimizingInStream() override;
 
+    /// That of the stream under it, with what is still held back here.
     __int64 getLength() const override;
+
+    /// This layer's own position.
     __int64 getPosition() const override;
     CURI getURI() override;
     void seek(__int64 position) override;
@@ -47,6 +50,7 @@ public:
 
     /// What a window holds from the position on, else what the stream under it has available.
     int readAvailable(void* target, int sizeBytes) override;
+
     bool waitReadable(int timeLimit) const override;
     bool isEndOfStream() const override;
     int isEndOfStream_NonBlocking() const override;
@@ -62,6 +66,7 @@ protected:
     /// For the class that adds writing.
     explicit COptimizingInStream(std::unique_ptr<detail::StreamBuffering> buffering);
 
+    /// What both halves work on.
     std::unique_ptr<detail::StreamBuffering> m_buffering;
 };
 

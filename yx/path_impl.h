@@ -10,6 +10,7 @@ namespace yx {
 template <class Traits>
 class TPathImpl : public CBase {
 public:
+    /// The empty path.
     TPathImpl() = default;
 
     /// With `normalizeIfNeeded`, a path that is not normalised and cannot be used as it stands is
@@ -20,9 +21,16 @@ public:
             m_path = normalize(false, TPathImpl()).m_path;
     }
 
+    /// The text.
     String const& getPath() const { return m_path; }
+
+    /// Whether the path is known to be normalised.
     bool getIsNormalized() const { return m_isNormalized; }
+
+    /// Whether there is no text.
     bool isEmpty() const { return m_path.isEmpty(); }
+
+    /// Whether the path begins at a root, by the rules of `Traits`.
     bool isAbsolute() const { return Traits::isAbsolute(m_path); }
 
     /// The path without ".", "..", empty components and foreign separators; made absolute first

@@ -14,10 +14,17 @@ class YX_API CPathTraitsBase {};
 /// No text needs to be normalised to be valid.
 class YX_API CUnixPathTraits : public CPathTraitsBase {
 public:
+    /// Whether the path begins at a root.
     static bool isAbsolute(String const& path);
+
+    /// Whether a character separates components.
     static bool isSep(wchar_t character);
+
+    /// The separator that normal forms use.
     static String getSep();
     static wchar_t getSepChar();
+
+    /// All separators, in one text.
     static String getAllSeps();
 
     /// Whether this path type is that of the running system.
@@ -29,10 +36,18 @@ protected:
     /// The length of the root part, -1 if there is none. `rebuiltLength`, which may be null,
     /// receives the length that the root takes in the rebuilt path.
     static int getRootLength(String const& path, int* rebuiltLength);
+
+    /// Makes every separator the normal one.
     static void normalizeSeparators(String& path);
+
+    /// Brings the root part, or a single component, to its normal form.
     static void normalizeRoot(String& root);
     static void normalizeComponent(String& component);
+
+    /// The last touch to a path that was put together from normal parts.
     static void finalizeNormalizedPath(String& path);
+
+    /// Whether the system would not take the path as it stands.
     static bool pathNeedsToBeNormalizedToBeValid(String const& path);
 };
 
@@ -43,6 +58,7 @@ protected:
 /// behind its root, ".", ".." or an empty component needs to be normalised to be valid.
 class YX_API CWindowsPathTraits : public CPathTraitsBase {
 public:
+    /// See `CUnixPathTraits`.
     static bool isAbsolute(String const& path);
     static bool isSep(wchar_t character);
     static String getSep();
@@ -53,6 +69,7 @@ public:
 protected:
     friend class TPathImpl<CWindowsPathTraits>;
 
+    /// See `CUnixPathTraits`.
     static int getRootLength(String const& path, int* rebuiltLength);
     static void normalizeSeparators(String& path);
 
@@ -62,6 +79,8 @@ protected:
 
     /// Trailing dots and blanks go, as the system drops them too.
     static void normalizeComponent(String& component);
+
+    /// See `CUnixPathTraits`.
     static void finalizeNormalizedPath(String& path);
     static bool pathNeedsToBeNormalizedToBeValid(String const& path);
 };

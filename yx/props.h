@@ -11,6 +11,7 @@ public:
     /// Appends a pair, also if the name is there already; returns this object, so calls chain.
     CProps& add(String const& name, String const& value);
 
+    /// How many pairs there are.
     int getCount() const { return m_items.getSize(); }
 
     /// `index` is from 0 and below `getCount()`.

@@ -18,12 +18,16 @@ class YX_API IStreamLock : public virtual IBase {};
 /// What all streams have. Positions and lengths are in bytes.
 class YX_API IStreamBase : public virtual IBase {
 public:
+    /// Whether others may hold a lock on the range at the same time.
     enum LockType {
-        Shared = 1,
-        Exclusive = 2,
+        Shared = 1,    ///< with other shared holders
+        Exclusive = 2, ///< alone
     };
 
+    /// How many bytes there are.
     virtual __int64 getLength() const = 0;
+
+    /// Where the next transfer starts.
     virtual __int64 getPosition() const = 0;
 
     /// What the stream is open on; every error reports it under "uri".
@@ -41,6 +45,7 @@ public:
     virtual void close() = 0;
 };
 
+/// A stream that can be read.
 class YX_API IInStream : public virtual IStreamBase {
 public:
     /// Reads exactly `sizeBytes` bytes and moves the position on. Fewer bytes before the end of the
@@ -63,6 +68,7 @@ public:
     virtual int isEndOfStream_NonBlocking() const = 0;
 };
 
+/// A stream that can be written.
 class YX_API IOutStream : public virtual IStreamBase {
 public:
     /// Writes all the bytes at the position and moves it on. `barrier` may be null.
@@ -84,22 +90,28 @@ public:
     virtual void setLength(__int64 length) = 0;
 };
 
+/// A stream that can be read and, unless it was opened read-only, written.
 class YX_API IIOStream : public virtual IInStream, public virtual IOutStream {
 public:
+    /// What a file is opened for.
     enum Access {
-        ReadOnly = 1,
-        ReadWrite = 3,
+        ReadOnly = 1,  ///< reading
+        ReadWrite = 3, ///< reading and writing
     };
 };
 
 /// What a stream demands and likes of positions and buffers, in bytes; 1 for no demand.
 class YX_API IAlignedStreamBase : public virtual IBase {
 public:
+    /// Positions and sizes, and addresses of buffers, must be multiples of these.
     virtual int getPositionAlign() = 0;
     virtual int getBufferAlign() = 0;
+
+    /// Transfers are fastest at multiples of this.
     virtual int getBestPerformancePositionAlign() = 0;
 };
 
+/// A stream with such demands.
 class YX_API IAlignedInStream : public virtual IInStream, public virtual IAlignedStreamBase {};
 
 } // namespace yx

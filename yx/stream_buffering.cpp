@@ -11,7 +11,7 @@ namespace yx::detail {
 namespace {
 
 /// Positions from here on hold nothing: the sum of a position and a size must not overflow.
-constexpr __int64 kMaxLengthBytes = std::numeric_limits<__int64>::max() / 2;
+constexpr __int64 kMaxStreamLengthBytes = std::numeric_limits<__int64>::max() / 2;
 
 } // namespace
 
@@ -112,12 +112,12 @@ void StreamBuffering::setLength(__int64 length) {
     requireOpen();
     if (length < 0)
         throwBadLength(getURI(), length);
-    if (length > kMaxLengthBytes)
+    if (length > kMaxStreamLengthBytes)
         throwTooLong(getURI(), 0, length);
     // The windows go first: after a failure nobody knows what is there.
     __int64 const position = getPosition();
     leaveWindow(position);
-    m_windows.drop(length, kMaxLengthBytes);
+    m_windows.drop(length, kMaxStreamLengthBytes);
     enterWindow(position);
     m_stream.setLength(length);
     m_pending.cut(length);
@@ -175,7 +175,7 @@ int StreamBuffering::readUpTo(void* target, int sizeBytes) {
 }
 
 int StreamBuffering::readAt(__int64 position, unsigned char* target, int sizeBytes) {
-    if (position >= kMaxLengthBytes)
+    if (position >= kMaxStreamLengthBytes)
         return 0;
     if (sizeBytes >= kPassThroughBytes)
         return readContent(position, target, sizeBytes);
@@ -225,7 +225,7 @@ void StreamBuffering::requireWritable(int sizeBytes) const {
     requireOpen();
     if (sizeBytes < 0)
         throwBadSize("COptimizingIOStream::write", sizeBytes);
-    if (getPosition() > kMaxLengthBytes - sizeBytes)
+    if (getPosition() > kMaxStreamLengthBytes - sizeBytes)
         throwTooLong(getURI(), getPosition(), sizeBytes);
 }
 

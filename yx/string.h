@@ -17,6 +17,7 @@ namespace yx {
 /// Usable as a value, as a key of ordered and hashed maps, and in test output.
 class YX_API String : public CBase {
 public:
+    /// The empty text.
     String() = default;
 
     /// `text` is ASCII or UTF-8; bytes that are neither are taken as Latin-1. Null is empty.
@@ -31,10 +32,12 @@ public:
     /// Text from UTF-8 bytes; absent if the bytes are no UTF-8.
     static std::optional<String> tryFromUTF8(std::string_view utf8);
 
+    /// As the constructors take them.
     String& operator=(char const* text);
     String& operator=(wxString const& text);
     String& operator=(String const&) = default;
 
+    /// Appends.
     String& operator+=(String const& text);
     String& operator+=(char const* text);
     String& operator+=(wchar_t character);
@@ -50,6 +53,8 @@ public:
 
     /// Length in characters.
     int getLength() const { return static_cast<int>(m_text.length()); }
+
+    /// Whether there is no character.
     bool isEmpty() const { return m_text.empty(); }
 
     /// Removes blank, tab, carriage return, line feed, vertical tab and form feed from both ends.
@@ -65,6 +70,7 @@ public:
     /// Overwrites the characters with zeros and leaves the empty text, for texts that are secret.
     void wipe();
 
+    /// The text inside, to work on directly.
     wxString const& wx() const { return m_text; }
     wxString& wx() { return m_text; }
 

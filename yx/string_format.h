@@ -7,12 +7,14 @@ namespace yx {
 /// What formats share: the text so far.
 class YX_API CStringFormatBase {
 protected:
+    /// `format` has the places still to be filled.
     explicit CStringFormatBase(String const& format);
 
     /// Replaces the next integer place of the format, such as "%d" or "%05d", by `value`. Throws
     /// `CError` if no place is left.
     void insertValue(__int64 value);
 
+    /// The format with the places filled so far.
     String m_text;
 
 private:
@@ -23,8 +25,10 @@ private:
 /// "%%" stands for a percent sign.
 class YX_API CStringFormat : public CStringFormatBase {
 public:
+    /// `format` has integer places such as "%d" or "%05d".
     explicit CStringFormat(String const& format);
 
+    /// Fills the next place. Throws `CError` if none is left.
     CStringFormat& operator<<(__int64 value);
 
     /// The text with the values given so far.

@@ -47,12 +47,14 @@ public:
     CURI(TPathImpl<CUnixPathTraits> const& path, bool asFolder);
     CURI(TPathImpl<CWindowsPathTraits> const& path, bool asFolder);
 
+    /// Part by part, without normalising.
     bool operator==(CURI const& other) const;
     bool operator!=(CURI const& other) const { return !(*this == other); }
 
     /// The order of `toString(true)`.
     bool operator<(CURI const& other) const;
 
+    /// Whether no part is there.
     bool isEmpty() const;
 
     /// Whether it has a scheme.
@@ -80,12 +82,16 @@ public:
     String getTitle() const;
     String getExtension() const;
 
+    /// In the case in which it was given; empty for a relative reference.
     String const& getScheme() const { return m_scheme; }
 
     /// Escaped.
     String const& getPath() const { return m_path; }
+
     /// -1 if there is none.
     __int64 getPort() const { return m_port; }
+
+    /// The other parts, unescaped but for the query. They live as long as the URI.
     TConstOptRef<String> getUserNameOptRef() const;
     TConstOptRef<String> getUserAuthInfoOptRef() const;
     TConstOptRef<String> getHostOptRef() const;

@@ -49,8 +49,12 @@ public:
               yx::String const& password, int compressionLevel,
               CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk);
 
+    /// A copy shares everything that is behind the disk, the open extent and the lock included, and
+    /// has a cursor of its own; two such objects must not both be written to.
     CVMDKDisk(CVMDKDisk const&) = default;
     CVMDKDisk& operator=(CVMDKDisk const&) = default;
+
+    /// Flushes; a failure is reported to `yx::onExceptionInDestructorIgnored`. Gives the lock back.
     ~CVMDKDisk() override;
 
     /// Makes a new, empty disk of at least `minSizeBytes` bytes, and returns it opened for writing.
@@ -90,6 +94,7 @@ public:
                                  yx::String const& keyDerivationAlgorithm,
                                  yx::TBuffer<unsigned char> const& salt);
 
+    /// The sum of the extents.
     __int64 getSizeBytes() const { return m_sizeBytes; }
 
     /// Of this disk, as its first extent has it.
@@ -105,6 +110,8 @@ public:
 
     /// The disk's working copy, not a copy of it. Changes reach the file with `storeDescriptor`.
     yx::P<CVMDKDescriptor> getDescriptor() { return m_descriptor; }
+
+    /// The cache given to the constructor, or the disk's own. Parents use it too.
     yx::P<CVMDKGrainTableCache> getGrainTableCache() { return m_grainTableCache; }
 
     /// A new preparer of this disk's settings, for preparing grains elsewhere, on any thread.
@@ -126,6 +133,8 @@ public:
 
     /// Sets the cursor, from 0 to the disk's size; else `yx::CIOError` `BadPosition`.
     void seek(__int64 position);
+
+    /// The cursor, in bytes. 0 at first.
     __int64 getPosition() const { return m_position; }
 
     /// Reads exactly `bytes` bytes from the cursor and moves it on. Past the end: `yx::CIOError`
@@ -172,22 +181,27 @@ protected:
     /// search for one sector finds the extent that holds it.
     class CExtentKey {
     public:
+        /// First sector in the disk, and how many there are.
         __int64 m_startSector = 0;
         __int64 m_sizeSectors = 0;
 
+        /// By end against start, which makes overlapping keys equivalent.
         bool operator<(CExtentKey const& other) const {
             return m_startSector + m_sizeSectors <= other.m_startSector;
         }
     };
 
+    /// What is known of an extent that need not be open.
     class CExtentValue {
     public:
+        /// The extent's file.
         yx::CURI m_uri;
 
         /// The disk grain index of the extent's first grain; -1 until the grain size is known.
         __int64 m_startGrainIndex = -1;
     };
 
+    /// All extents in disk order, and one of them.
     using ExtentMap = yx::TMap<CExtentKey, CExtentValue>;
     using ExtentEntry = std::pair<CExtentKey const, CExtentValue>;
 

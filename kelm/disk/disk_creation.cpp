@@ -16,7 +16,6 @@ namespace kelm {
 
 namespace {
 
-constexpr __int64 kUnlimited = -1;
 constexpr __int64 kDefaultFileSizeLimitBytes = 0x80000000;
 constexpr __int64 kMinDiskSizeBytes = 8388608;
 
@@ -67,7 +66,8 @@ yx::String getCreateType(Request const& request) {
     // A compressed disk that is split is "streamOptimized" all the same.
     if (request.compressed)
         return "streamOptimized";
-    return request.fileSizeLimit == kUnlimited ? "monolithicSparse" : "twoGbMaxExtentSparse";
+    return request.fileSizeLimit == kUnlimitedFileSize ? "monolithicSparse"
+                                                       : "twoGbMaxExtentSparse";
 }
 
 void addHeaderLines(Request const& request, CVMDKDescriptor& descriptor) {
@@ -181,7 +181,7 @@ yx::P<CVMDKDisk> CVMDKDisk::create(yx::IFileSystem* fileSystem, yx::CURI const& 
                           createExtentFilesOnDemand};
     verifyParentArguments(request);
     __int64 const sizeBytes = getVirtualDiskSizeBytesFromMinSizeBytes(minSizeBytes);
-    if (sizeBytes > kMaxFileSizeLimitBytes && fileSizeLimit == kUnlimited) {
+    if (sizeBytes > kMaxFileSizeLimitBytes && fileSizeLimit == kUnlimitedFileSize) {
         throw yx::CInvalidArgError("CVMDKDisk::create",
                                    "Invalid VMDK disk size for single unsplittable disk file: " +
                                        yx::toString(sizeBytes) + " bytes.",

@@ -18,11 +18,16 @@ public:
     CVMDKDiskIOStream(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                       yx::IIOStream::Access access, yx::String const& password);
 
+    /// The disk's size.
     __int64 getLength() const override;
+
+    /// The disk's cursor.
     __int64 getPosition() const override;
 
     /// The disk's main file; also after `close`.
     yx::CURI getURI() override { return m_uri; }
+
+    /// Unlike that of a file, the position must not lie behind the end; see `CVMDKDisk::seek`.
     void seek(__int64 position) override;
 
     /// Always `yx::CFileSystemError` `LockingNotSupported`.
@@ -51,6 +56,7 @@ public:
     void setLength(__int64 length) override;
 
 protected:
+    /// What both constructors end with.
     void construct(CVMDKDisk* disk);
 
 private:

@@ -10,7 +10,6 @@ namespace kelm {
 
 namespace {
 
-constexpr __int64 kUnlimited = -1;
 constexpr __int64 kMaxExtentLines = 32768;
 constexpr __int64 kDescriptorBaseBytes = 32768;
 constexpr int kExtentLineBytesBesideName = 48;
@@ -28,7 +27,7 @@ struct FileBudget {
 /// file gets half of the limit, since rewritten grains leave their old places dead.
 FileBudget calcFileBudget(__int64 sizeBytes, bool compressed, __int64 fileSizeLimit) {
     constexpr __int64 kSlackBytes = 5242880;
-    if (fileSizeLimit == kUnlimited)
+    if (fileSizeLimit == kUnlimitedFileSize)
         return {(sizeBytes * 5 + kSlackBytes) * 2, true};
     // A limit of any sign is a number to report; only one that the next line would overflow is not.
     __int64 const limit = std::max(fileSizeLimit, std::numeric_limits<__int64>::min() / 2);

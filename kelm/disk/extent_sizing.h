@@ -5,6 +5,9 @@
 
 namespace kelm {
 
+/// The file size limit of a disk in one file.
+constexpr __int64 kUnlimitedFileSize = -1;
+
 /// How a new disk is cut into extents so that no file exceeds its limit.
 struct ExtentSizing {
     /// Payload of the largest extent.
@@ -21,7 +24,8 @@ struct ExtentSizing {
 /// The grain size of new disks, in bytes, by which they are sized.
 constexpr __int64 kNewDiskGrainSizeBytes = __int64{kNewDiskGrainSizeSectors} * kSectorSizeBytes;
 
-/// Sizes the extents of a disk of `sizeBytes` bytes. `fileSizeLimit` is in bytes, -1 for one file;
+/// Sizes the extents of a disk of `sizeBytes` bytes. `fileSizeLimit` is in bytes or
+/// `kUnlimitedFileSize`;
 /// `mainFileNameBytes` is the UTF-8 length of the main file's name, which the extents' names are
 /// about as long as. Throws `yx::CError` if the limit leaves no room for a grain, or if the disk
 /// would need more extent lines than the descriptor may have.

@@ -22,15 +22,19 @@ public:
     /// The index in the whole disk of the extent's first grain.
     virtual __int64 getStartGrainIndex() const = 0;
 
+    /// The grain size, which is that of the whole disk.
     virtual __int64 getGrainSizeSectors() const = 0;
 
     /// Whether grains are stored compressed.
     virtual bool getCompressed() const = 0;
 
+    /// The extent's file, which need not exist.
     virtual yx::CURI getURI() const = 0;
 
     /// Sets the cursor; the extent's end itself is allowed.
     virtual void seek(__int64 position) = 0;
+
+    /// The cursor.
     virtual __int64 getPosition() const = 0;
 
     /// Reads exactly `bytes` bytes at the cursor and moves it on.

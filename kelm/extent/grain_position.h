@@ -2,14 +2,9 @@
 
 #include <limits>
 
-#include "kelm/format/constants.h"
 #include "yx/base.h"
 
 namespace kelm {
-
-/// The largest sector number whose byte position still leaves room to add the size of a transfer in
-/// 64 bits.
-constexpr __int64 kMaxPositionSectors = std::numeric_limits<__int64>::max() / 2 / kSectorSizeBytes;
 
 /// The byte position of a grain. An index that no position can express yields the nearest end of
 /// the range, which every seek refuses.

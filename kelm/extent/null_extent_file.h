@@ -24,6 +24,7 @@ public:
     /// A position outside 0 to the extent's size is `yx::CInvalidArgError` "Invalid position: <n>"
     /// with "uri".
     void seek(__int64 position) override;
+
     __int64 getPosition() const override { return m_position; }
 
     /// Past the extent's end: `yx::CIOError` `UnexpectedEnd` with "uri", "position" and

@@ -28,6 +28,7 @@ public:
                                 __int64 grainSizeSectors, yx::String const& password,
                                 int compressionLevel, CVMDKGrainTableCache* grainTableCache,
                                 CVMDKDisk* parentDisk);
+
     ~CVMDKParentDiskDataProvider() override;
 
     /// The parent's main file.

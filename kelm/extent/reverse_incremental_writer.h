@@ -10,7 +10,9 @@ namespace kelm {
 /// the shape that hosts link against and has no operations yet.
 class KELM_API CVMDKReverseIncrementalWriter : public yx::CBase {
 public:
+    /// A grain that waits to be stored. What its members mean is not settled.
     struct PostponedGrain {
+        /// Reserved.
         __int64 m_value1 = 0;
         yx::P<yx::CBase> m_object;
         __int64 m_value2 = 0;

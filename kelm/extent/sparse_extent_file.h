@@ -58,6 +58,7 @@ public:
 
     /// A position outside 0 to the capacity is `yx::CInvalidArgError` "Invalid position: <n>".
     void seek(__int64 position) override;
+
     __int64 getPosition() const override { return m_position; }
 
     /// Past the capacity: `yx::CIOError` `UnexpectedEnd`, nothing read. A count below 1 reads
@@ -89,6 +90,7 @@ protected:
     /// Called before every change of the contents: changes the disk's content ID if that is due.
     void onAboutToChange();
 
+    /// Throws `yx::CError` unless the extent was opened for reading and writing.
     void verifyHaveWriteAccess();
 
 private:

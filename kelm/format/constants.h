@@ -1,5 +1,9 @@
 #pragma once
 
+#include <limits>
+
+#include "yx/base.h"
+
 namespace kelm {
 
 /// The numbers of the file format that several classes need. All sizes are fixed by the format.
@@ -56,6 +60,11 @@ inline constexpr unsigned short kKeyHashAlgorithmSHA256 = 1;
 
 /// What stands for the content ID of a parent in a disk that has none.
 inline constexpr unsigned int kNoParentContentID = 0xFFFFFFFF;
+
+/// The largest sector number whose byte position still leaves room to add the size of a transfer in
+/// 64 bits.
+inline constexpr __int64 kMaxPositionSectors =
+    std::numeric_limits<__int64>::max() / 2 / kSectorSizeBytes;
 
 /// What the header record has room for.
 inline constexpr int kMaxEncryptionKeyHashSizeBytes = 427;

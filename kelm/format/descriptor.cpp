@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
 #include "kelm/format/text_view.h"
 #include "yx/error.h"
@@ -45,8 +46,6 @@ constexpr char kEncryptionIVKey[] = "yxEncIV";
 constexpr char kEncryptedEncryptionKeyKey[] = "yxEncEncKey";
 constexpr char kEncryptionKeyHashKey[] = "yxEncKeyHash";
 constexpr char kKeyDerivationSaltKey[] = "yxEncKeyDerivSalt";
-
-constexpr unsigned int kNoParentContentID = 0xFFFFFFFF;
 
 /// Compares as if both were put in lower case. Asking for the length first spares the comparison
 /// for most keys of a long text.

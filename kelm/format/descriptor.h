@@ -24,6 +24,7 @@ public:
     /// A line that is kept verbatim: a comment, an empty line, or anything not understood.
     class KELM_API CGenericEntry : public CVMDKDescriptorEntry {
     public:
+        /// `text` is the line without its line end.
         explicit CGenericEntry(yx::String const& text);
 
         yx::String toString() override;
@@ -41,8 +42,12 @@ public:
 
         /// In the case in which the text has it.
         yx::String const& getName() const { return m_name; }
+
+        /// The value without quotes, and whether the line has them.
         yx::String const& getValue() const { return m_value; }
         bool getQuoted() const { return m_quoted; }
+
+        /// Quotes, or none, stay as they are.
         void setValue(yx::String const& value) { m_value = value; }
 
         yx::String toString() override;
@@ -66,8 +71,10 @@ public:
     /// Copies share no line with their source.
     CVMDKDescriptor(CVMDKDescriptor const& other);
     CVMDKDescriptor& operator=(CVMDKDescriptor const& other);
+
     ~CVMDKDescriptor() override = default;
 
+    /// Whether a line has that key.
     bool hasValue(yx::String const& key) const;
 
     /// Whether the key exists; `value` is empty if it does not.

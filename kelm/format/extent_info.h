@@ -14,6 +14,8 @@ public:
     CVMDKExtentInfo(yx::String const& access, __int64 sizeSectors, yx::String const& type,
                     yx::String const& filename, __int64 offset);
 
+    /// The fields of the line: an access word such as "RW", the size, and a type word such as
+    /// "SPARSE".
     yx::String getAccess() const { return m_access; }
     __int64 getSizeSectors() const { return m_sizeSectors; }
     yx::String getType() const { return m_type; }

@@ -39,6 +39,7 @@ public:
     /// `yx::CError`, and nothing is written then.
     void store(yx::CDataOutStream& stream);
 
+    /// The format version, `kOldestVersion` to `kNewestVersion` in a file that can be opened.
     unsigned int getVersion() const { return m_version; }
     void setVersion(unsigned int version) { m_version = version; }
 
@@ -46,9 +47,11 @@ public:
     unsigned int getFlags() const { return m_flags; }
     void setFlags(unsigned int flags) { m_flags = flags; }
 
+    /// The extent's share of the disk; a whole number of grains.
     unsigned long long getCapacitySectors() const { return m_capacitySectors; }
     void setCapacitySectors(unsigned long long sectors) { m_capacitySectors = sectors; }
 
+    /// The size of a grain.
     unsigned long long getGrainSizeSectors() const { return m_grainSizeSectors; }
     void setGrainSizeSectors(unsigned long long sectors) { m_grainSizeSectors = sectors; }
 
@@ -60,9 +63,11 @@ public:
     unsigned long long getDescriptorSizeSectors() const { return m_descriptorSizeSectors; }
     void setDescriptorSizeSectors(unsigned long long sectors) { m_descriptorSizeSectors = sectors; }
 
+    /// Entries of one grain table, 512 in every file made here.
     unsigned int getGrainTableEntryCount() const { return m_grainTableEntryCount; }
     void setGrainTableEntryCount(unsigned int count) { m_grainTableEntryCount = count; }
 
+    /// Sector of the redundant grain directory; 0 if there is none.
     unsigned long long getRedundantGrainDirectoryOffsetSectors() const {
         return m_redundantGrainDirectoryOffsetSectors;
     }
@@ -70,6 +75,7 @@ public:
         m_redundantGrainDirectoryOffsetSectors = sectors;
     }
 
+    /// Sector of the grain directory.
     unsigned long long getGrainDirectoryOffsetSectors() const {
         return m_grainDirectoryOffsetSectors;
     }
@@ -81,6 +87,7 @@ public:
     unsigned long long getOverheadSectors() const { return m_overheadSectors; }
     void setOverheadSectors(unsigned long long sectors) { m_overheadSectors = sectors; }
 
+    /// Kept as found; nothing here sets it.
     bool getUncleanShutdown() const { return m_uncleanShutdown; }
     void setUncleanShutdown(bool unclean) { m_uncleanShutdown = unclean; }
 
@@ -88,18 +95,22 @@ public:
     unsigned short getCompressAlgorithm() const { return m_compressAlgorithm; }
     void setCompressAlgorithm(unsigned short algorithm) { m_compressAlgorithm = algorithm; }
 
+    /// Whether the record has the encryption fields, which its magic number tells.
     bool getEncryptionExtensionEnabled() const { return m_encryptionExtensionEnabled; }
     void setEncryptionExtensionEnabled(bool enabled) { m_encryptionExtensionEnabled = enabled; }
 
-    // The names of the next two setters are deliberate: hosts link against them.
+    /// `kEncryptionAlgorithmNone` or `kEncryptionAlgorithmAES256CBC`. The setter's name is deliberate:
+    /// hosts link against it.
     unsigned short getEncryptionAlgorithm() const { return m_encryptionAlgorithm; }
     void setEncryptionAlgorthm(unsigned short algorithm) { m_encryptionAlgorithm = algorithm; }
 
+    /// `kKeyHashAlgorithmSHA256`. The setter's name is deliberate here too.
     unsigned short getEncryptionKeyHashAlgorithm() const { return m_encryptionKeyHashAlgorithm; }
     void setEncryptionKeyHashAlgorthm(unsigned short algorithm) {
         m_encryptionKeyHashAlgorithm = algorithm;
     }
 
+    /// The hash of the disk's key; at most 427 bytes can be stored.
     yx::TBuffer<unsigned char> const& getEncryptionKeyHash() const { return m_encryptionKeyHash; }
     void setEncryptionKeyHash(yx::TBuffer<unsigned char> const& hash) {
         m_encryptionKeyHash = hash;

@@ -13,6 +13,7 @@ class KELM_API CVMDKCompressor : public yx::CBase,
                                  public virtual yx::IBase,
                                  public virtual yx::ISimpleCompressor {
 public:
+    /// The level to give for the usual one, which is 1.
     static constexpr int kDefaultLevel = -1;
 
     /// `level` is that of the fast coder; `kDefaultLevel` stands for 1. Level 0 stores, without the

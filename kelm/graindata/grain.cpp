@@ -18,9 +18,6 @@ constexpr __int64 kClosed = -1;
 
 constexpr __int64 kMaxPositionBytes = std::numeric_limits<__int64>::max();
 
-/// The last sector whose byte position leaves room for the size of a transfer.
-constexpr __int64 kMaxPosSectors = kMaxPositionBytes / 2 / kSectorSizeBytes;
-
 } // namespace
 
 CVMDKGrain::CVMDKGrain(yx::IIOStream* stream, yx::IIOStream::Access access,
@@ -116,7 +113,7 @@ void CVMDKGrain::verifySlot(__int64 slotSizeSectors) const {
 }
 
 void CVMDKGrain::verifyPlace(__int64 diskGrainIndex, __int64 posSectors) const {
-    if (posSectors > kMaxPosSectors)
+    if (posSectors > kMaxPositionSectors)
         throw yx::CInvalidArgError(
             kOpenName, "Invalid grain position: " + yx::toString(posSectors) + " sectors",
             yx::CProps());

@@ -71,6 +71,8 @@ public:
 
     /// Flushes and leaves the grain. If the flush fails, the grain stays open, changes and all.
     void close();
+
+    /// Whether it stands on a grain.
     bool isOpen() const;
 
     /// Sets the position in the grain, in bytes. Outside 0 to the grain size, which is excluded, it
@@ -169,6 +171,7 @@ protected:
     /// Makes the prepared zero grain that of the given disk grain index.
     void initZeroGrainData(__int64 grainIndex);
 
+    /// What both public forms do.
     void writePreparedGrainDataImpl(yx::TConstBufferSlice<unsigned char> const& data,
                                     bool keepBuffer);
 
@@ -193,6 +196,7 @@ private:
     __int64 getStoredPosSectors() const {
         return m_grainPosSectors > 0 ? m_grainPosSectors : m_abandonedPosSectors;
     }
+
     bool isLoaded() const { return m_grainData.getUsed() != 0; }
     void resetToClosed();
     void dropLoadedData();

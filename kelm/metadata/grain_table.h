@@ -57,6 +57,7 @@ public:
     /// Whether the table keeps a slot size for each grain.
     bool getSlotSizeTrackingEnabled() const { return m_slotSizes.getUsed() > 0; }
 
+    /// Whether a flush would write.
     bool hasUnflushedChanges() const { return m_entriesDirty || m_slotSizesDirty; }
 
     /// Writes what has changed: the table, its redundant copy, the slot sizes. After a failure the

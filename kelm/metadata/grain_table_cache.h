@@ -20,6 +20,7 @@ class KELM_API CVMDKGrainTableCache : public yx::CBase, public virtual yx::IBase
 public:
     /// The directory by its address, on which no reference is held, and the table's index in it.
     struct CKey {
+        /// Whose table it is, and which.
         CVMDKGrainDirectory* directory;
         __int64 tableIndex;
 
@@ -27,6 +28,7 @@ public:
         bool operator<(CKey const& other) const;
     };
 
+    /// Tables of 512 grains each: 32 GiB of disk with grains of 64 KiB.
     static constexpr int kDefaultLimit = 1024;
 
     /// `limit` is the most tables kept, over all directories; negative for no limit, 0 to keep
@@ -64,6 +66,7 @@ public:
     /// Drops all tables.
     void clear();
 
+    /// The tables of all directories together.
     int getCachedTableCount() const;
 
 private:
