@@ -3,12 +3,12 @@
 
 JOBS ?= $(shell nproc)
 
-ROOMS := yx krym compressors kelm host tools integrations tests fuzz bench examples
+ROOMS := yx krym compressors kelm host tools integrations tests fuzz bench examples docs
 OWN_FILES = find $(wildcard $(ROOMS)) -name '*.h' -o -name '*.cpp'
 # Everything but the tests and benchmarks, where the macros of their frameworks set off most checks.
-LINT_FILES = find $(wildcard $(filter-out tests bench,$(ROOMS))) -name '*.cpp'
+LINT_FILES = find $(wildcard $(filter-out tests bench docs,$(ROOMS))) -name '*.cpp'
 
-.PHONY: all demo test bench sanitize fuzz format format-check lint install-packages clean
+.PHONY: all demo test bench package symbols sanitize tsan fuzz fuzz-corpus soak format format-check lint docs format-dumps install-packages clean
 
 all: install-packages
 	cmake --preset release
@@ -29,12 +29,31 @@ sanitize: install-packages
 	cmake --build --preset sanitize -j $(JOBS)
 	ctest --preset sanitize -j $(JOBS)
 
-# Builds the fuzz targets and runs each on its seeds and then for FUZZ_SECONDS.
+# Looks for data races in what has threads: the grain pipeline, and the commands that use it.
+tsan: install-packages
+	cmake --preset tsan
+	cmake --build --preset tsan -j $(JOBS)
+	ctest --preset tsan -j $(JOBS)
+
+# Builds the fuzz targets and runs each, or those in FUZZ_TARGETS, on its seeds and then for
+# FUZZ_SECONDS, two at a time.
 FUZZ_SECONDS ?= 20
+FUZZ_TARGETS ?=
 fuzz: install-packages
 	cmake --preset fuzz
 	cmake --build --preset fuzz -j $(JOBS)
-	fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
+	fuzz/run.sh build/fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
+# Writes the seeds of the fuzz targets anew; inputs that were found stay.
+fuzz-corpus: all
+	build/release/bin/fuzz/make_corpus fuzz/corpus
+
+# Runs histories of writing, killing and reopening on every kind of disk for SOAK_SECONDS, in the
+# folder for temporary files. SOAK_ARGS may be "--seed <n>".
+SOAK_SECONDS ?= 60
+SOAK_ARGS ?=
+soak: all
+	build/release/bin/helpers/soak/soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
 bench: install-packages
 	cmake --preset bench
@@ -42,6 +61,18 @@ bench: install-packages
 	@set -e; for program in build/bench/bin/bench/*; do \
 		echo "== $${program##*/}"; "$$program" $(BENCH_ARGS); \
 	done
+
+# Lists anew what the libraries export; a test compares them with the lists.
+symbols: all
+	tests/structure/symbols/check_symbols.sh --update build/release/lib
+
+# Debian packages, in build/package/packages.
+package: install-packages
+	cmake --preset package
+	cmake --build --preset package -j $(JOBS)
+	rm -rf build/package/packages
+	cd build/package && cpack
+	.ci/check_packages build/package/packages
 
 format: install-packages
 	$(OWN_FILES) | xargs clang-format -i
@@ -55,6 +86,16 @@ lint: install-packages
 
 install-packages:
 	@.ci/install_packages
+
+# The API reference, in build/docs/html. Fails if a public declaration has no contract.
+docs: install-packages
+	mkdir -p build/docs
+	doxygen Doxyfile
+
+# Makes the dumps of docs/file-format.md again.
+format-dumps: install-packages
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target format_dumps
 
 clean:
 	rm -rf build

@@ -1,4 +1,5 @@
-# Install rules: libraries, headers, the CMake package and kelm.pc.
+# Install rules: libraries, headers, the CMake package and kelm.pc. Every rule names its component,
+# from which KelmPackage makes packages.
 #
 # Headers go to include/kelm/<room>, so that "kelm/kelm.h" and "yx/yx.h" are found under
 # include/kelm just as they are under the root of the tree.
@@ -14,10 +15,12 @@ endif()
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/kelm")
 
 install(TARGETS ${libraries} EXPORT kelm
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
-install(EXPORT kelm NAMESPACE kelm:: FILE kelmTargets.cmake DESTINATION "${package_dir}")
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT libraries
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT libraries
+        NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
+install(EXPORT kelm NAMESPACE kelm:: FILE kelmTargets.cmake
+    DESTINATION "${package_dir}" COMPONENT development)
 
 # What no header of the interface includes stays here. A consumer that is built from an installed
 # copy, as a test does, tells if one of these is needed after all.
@@ -35,7 +38,7 @@ foreach(header IN LISTS internal_headers)
     list(APPEND exclusions PATTERN "${header}" EXCLUDE)
 endforeach()
 install(DIRECTORY yx krym compressors kelm
-    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/kelm"
+    DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/kelm" COMPONENT development
     FILES_MATCHING PATTERN "*.h" ${exclusions})
 
 configure_package_config_file(
@@ -48,7 +51,7 @@ install(FILES
     "${PROJECT_BINARY_DIR}/kelmConfig.cmake"
     "${PROJECT_BINARY_DIR}/kelmConfigVersion.cmake"
     "${PROJECT_SOURCE_DIR}/cmake/FindwxBase.cmake"
-    DESTINATION "${package_dir}")
+    DESTINATION "${package_dir}" COMPONENT development)
 
 # wxWidgets has no pkg-config file, so kelm.pc states its flags itself.
 get_target_property(wx_include_dirs wxBase::wxBase INTERFACE_INCLUDE_DIRECTORIES)
@@ -66,4 +69,4 @@ file(RELATIVE_PATH KELM_PC_PREFIX "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 string(REGEX REPLACE "/$" "" KELM_PC_PREFIX "${KELM_PC_PREFIX}")
 configure_file("${PROJECT_SOURCE_DIR}/cmake/kelm.pc.in" "${PROJECT_BINARY_DIR}/kelm.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/kelm.pc"
-    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)

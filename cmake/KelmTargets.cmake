@@ -39,6 +39,10 @@ endfunction()
 function(kelm_compile_in_batches target)
     if(KELM_UNITY)
         set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+        if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+            # GCC takes the sources of a batch for headers.
+            target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+        endif()
     endif()
 endfunction()
 

@@ -21,7 +21,7 @@ constexpr char kConstructorName[] = "CVMDKSparseExtentFile constructor";
 /// The directory offset by which a file says that its real header is the footer.
 constexpr unsigned long long kDirectoryInFooter = 0xFFFFFFFFFFFFFFFF;
 
-constexpr int kTrailSizeBytes = 3 * kSectorSizeBytes;
+constexpr int kTrailSizeBytes = kTrailSectors * kSectorSizeBytes;
 
 } // namespace
 

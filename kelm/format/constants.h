@@ -61,6 +61,10 @@ inline constexpr unsigned short kKeyHashAlgorithmSHA256 = 1;
 /// What stands for the content ID of a parent in a disk that has none.
 inline constexpr unsigned int kNoParentContentID = 0xFFFFFFFF;
 
+/// What ends a compressed extent file: a marker, the footer, and the end-of-stream marker, each a
+/// sector.
+inline constexpr int kTrailSectors = 3;
+
 /// The largest sector number whose byte position still leaves room to add the size of a transfer in
 /// 64 bits.
 inline constexpr __int64 kMaxPositionSectors =

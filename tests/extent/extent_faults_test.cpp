@@ -1,8 +1,8 @@
 #include <set>
 
 #include "tests/extent/extent_fixture.h"
-#include "tests/graindata/grain_contents.h"
 #include "tests/support/faulty_file_system.h"
+#include "tests/support/grain_contents.h"
 
 namespace extent_test {
 
@@ -62,7 +62,7 @@ protected:
                  Buffer data;
                  extent.readPreparedGrainData(data);
                  Bytes const plain = kind.compressed
-                                         ? graindata_test::takeApart(toBytes(data), 4096).plain
+                                         ? test_support::takeApart(toBytes(data), 4096).plain
                                          : toBytes(data);
                  EXPECT_TRUE(sameBytes(pattern(4096, 3), plain));
              }},
@@ -85,7 +85,7 @@ protected:
     static Bytes preparedForm(Kind const& kind, Bytes const& plain, __int64 grainIndex) {
         if (!kind.compressed)
             return plain;
-        return graindata_test::makeRecord(
+        return test_support::makeRecord(
             static_cast<unsigned long long>((grainIndex + kStartGrainIndex) * kGrainSizeSectors),
             test_support::compressWithZlib(plain, 6));
     }

@@ -2,7 +2,7 @@
 
 #include "kelm/extent/null_extent_file.h"
 #include "tests/extent/extent_fixture.h"
-#include "tests/graindata/grain_contents.h"
+#include "tests/support/grain_contents.h"
 
 namespace extent_test {
 
@@ -80,8 +80,8 @@ public:
         EXPECT_EQ(grainSizeBytes, m_grainSizeBytes);
         Bytes const plain = at(position, grainSizeBytes);
         data.assign(toBuffer(
-            compressed ? graindata_test::makeRecord(static_cast<unsigned long long>(position / 512),
-                                                    test_support::compressWithZlib(plain, 1))
+            compressed ? test_support::makeRecord(static_cast<unsigned long long>(position / 512),
+                                                  test_support::compressWithZlib(plain, 1))
                        : plain));
     }
 
@@ -333,7 +333,7 @@ private:
         case 3:
             return pattern(size, seed);
         default:
-            return graindata_test::sparse(size, seed);
+            return test_support::sparse(size, seed);
         }
     }
 
@@ -445,7 +445,7 @@ private:
             return;
         }
         auto const record =
-            graindata_test::takeApart(toBytes(data), static_cast<int>(m_grainSizeBytes));
+            test_support::takeApart(toBytes(data), static_cast<int>(m_grainSizeBytes));
         EXPECT_EQ(record.lba, lba);
         EXPECT_TRUE(sameBytes(expected, record.plain));
     }
@@ -454,10 +454,9 @@ private:
         Bytes const plain = makeContent(m_grainSizeBytes);
         unsigned long long const lba = static_cast<unsigned long long>(
             (m_model->grainUnderCursor() + kStartGrainIndex) * m_geometry->grainSizeSectors);
-        Buffer const data =
-            toBuffer(isCompressed()
-                         ? graindata_test::makeRecord(lba, test_support::compressWithZlib(plain, 1))
-                         : plain);
+        Buffer const data = toBuffer(
+            isCompressed() ? test_support::makeRecord(lba, test_support::compressWithZlib(plain, 1))
+                           : plain);
         if (isNull()) {
             EXPECT_THROW(m_extent->writePreparedGrainData(data), yx::CError);
             return;

@@ -1,8 +1,8 @@
 #include "kelm/extent/on_demand_extent_file.h"
 
 #include "tests/extent/extent_fixture.h"
-#include "tests/graindata/grain_contents.h"
 #include "tests/support/faulty_file_system.h"
+#include "tests/support/grain_contents.h"
 
 namespace extent_test {
 

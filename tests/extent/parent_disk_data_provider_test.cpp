@@ -2,7 +2,7 @@
 
 #include "kelm/disk/disk.h"
 #include "tests/extent/extent_fixture.h"
-#include "tests/graindata/grain_contents.h"
+#include "tests/support/grain_contents.h"
 #include "tests/support/hooked_file_system.h"
 
 namespace extent_test {
@@ -174,7 +174,7 @@ TEST_F(ParentDiskDataProvider, PreparedGrainsComeFromTheParent) {
         Buffer data;
         parent->getPreparedGrainData(8192, data, 4096, compressed);
         Bytes const plain =
-            compressed ? graindata_test::takeApart(toBytes(data), 4096).plain : toBytes(data);
+            compressed ? test_support::takeApart(toBytes(data), 4096).plain : toBytes(data);
         EXPECT_EQ(plain, slice(parentBytes, 8192, 4096));
     }
 }
@@ -189,7 +189,7 @@ TEST_F(ParentDiskDataProvider, PreparedGrainBehindTheParentsEndIsAZeroGrainOfThe
     for (auto const& [position, lba] : cases) {
         Buffer data = toBuffer(pattern(7, 1));
         parent->getPreparedGrainData(position, data, 4096, true);
-        auto const record = graindata_test::takeApart(toBytes(data), 4096);
+        auto const record = test_support::takeApart(toBytes(data), 4096);
         EXPECT_EQ(record.lba, lba);
         EXPECT_EQ(record.plain, zeros(4096));
     }

@@ -2,7 +2,7 @@
 #include <limits>
 
 #include "tests/extent/extent_fixture.h"
-#include "tests/graindata/grain_contents.h"
+#include "tests/support/grain_contents.h"
 
 namespace extent_test {
 
@@ -26,13 +26,13 @@ protected:
     static Bytes preparedForm(Kind const& kind, Bytes const& plain, __int64 grainIndex) {
         if (!kind.compressed)
             return plain;
-        return graindata_test::makeRecord(
+        return test_support::makeRecord(
             static_cast<unsigned long long>((grainIndex + kStartGrainIndex) * kGrainSizeSectors),
             test_support::compressWithZlib(plain, 6));
     }
 
     static Bytes plainForm(Kind const& kind, Bytes const& prepared) {
-        return kind.compressed ? graindata_test::takeApart(prepared, 4096).plain : prepared;
+        return kind.compressed ? test_support::takeApart(prepared, 4096).plain : prepared;
     }
 
     /// One grain of 8 sectors and then 4 of the next one.

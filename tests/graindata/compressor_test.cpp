@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/graindata/grain_contents.h"
+#include "tests/support/grain_contents.h"
 #include "tests/support/reference_codec.h"
 
 namespace kelm {
@@ -80,7 +80,7 @@ TEST(Compressor, OtherSoftwareReadsWhatEveryLevelWrites) {
         for (Bytes const& plain : {Bytes(), Bytes{42}, test_support::zeros(kGrainSizeBytes),
                                    test_support::textPattern(kGrainSizeBytes, 2),
                                    test_support::pattern(kGrainSizeBytes, 3),
-                                   graindata_test::sparse(kGrainSizeBytes, 4)}) {
+                                   test_support::sparse(kGrainSizeBytes, 4)}) {
             Bytes const stream = compress(compressor, plain);
             EXPECT_EQ(test_support::decompressWithZlib(stream, kGrainSizeBytes), plain) << level;
             EXPECT_EQ(decompress(compressor, stream, kGrainSizeBytes), plain) << level;
@@ -135,7 +135,7 @@ TEST(Compressor, DamagedDataAreCorruptData) {
     for (int const level : {0, 1}) {
         CVMDKCompressor compressor(level);
         EXPECT_TRUE(
-            graindata_test::reportsCorruptData([&] { decompress(compressor, stream, 5000); }));
+            test_support::reportsCorruptData([&] { decompress(compressor, stream, 5000); }));
         EXPECT_EQ(compressor.getCompressFallbackCount(), 0);
     }
 }

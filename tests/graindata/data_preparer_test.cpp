@@ -6,17 +6,17 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/graindata/grain_contents.h"
 #include "tests/support/expect_error.h"
+#include "tests/support/grain_contents.h"
 #include "tests/support/reference_codec.h"
 
 namespace kelm {
 
 namespace {
 
-using graindata_test::Record;
 using test_support::Buffer;
 using test_support::Bytes;
+using test_support::Record;
 using test_support::throwsInvalidArg;
 using test_support::throwsIOError;
 using test_support::toBuffer;
@@ -26,7 +26,7 @@ constexpr __int64 kGrainSizeSectors = 128;
 constexpr int kGrainSizeBytes = 65536;
 
 Record takeApart(Bytes const& record) {
-    return graindata_test::takeApart(record, kGrainSizeBytes);
+    return test_support::takeApart(record, kGrainSizeBytes);
 }
 
 Bytes prepare(CVMDKDataPreparer& preparer, Bytes const& plain, __int64 grainIndex) {
@@ -62,7 +62,7 @@ TEST(DataPreparer, OtherSoftwareReadsTheRecordsOfEveryLevel) {
         CVMDKDataPreparer preparer(kGrainSizeSectors, true, level);
         for (Bytes const& plain :
              {test_support::zeros(kGrainSizeBytes), test_support::textPattern(kGrainSizeBytes, 1),
-              test_support::pattern(kGrainSizeBytes, 2), graindata_test::sparse(kGrainSizeBytes, 3),
+              test_support::pattern(kGrainSizeBytes, 2), test_support::sparse(kGrainSizeBytes, 3),
               test_support::textPattern(kGrainSizeBytes - 1, 4)}) {
             Bytes const record = prepare(preparer, plain, 0x123456789A);
             Record const parts = takeApart(record);
@@ -82,7 +82,7 @@ TEST(DataPreparer, EveryLevelReadsTheRecordsOfOtherSoftware) {
         CVMDKDataPreparer preparer(kGrainSizeSectors, true, level);
         for (int const otherLevel : {0, 1, 6, 9}) {
             Bytes const stream = test_support::compressWithZlib(plain, otherLevel);
-            EXPECT_EQ(unprepare(preparer, graindata_test::makeRecord(0, stream)), plain);
+            EXPECT_EQ(unprepare(preparer, test_support::makeRecord(0, stream)), plain);
         }
     }
 }
@@ -246,8 +246,8 @@ TEST(DataPreparer, RecordTooShortForItsHeaderIsCorruptData) {
     }
     Buffer headerAlone(12, -1);
     Buffer aux;
-    EXPECT_TRUE(graindata_test::reportsCorruptData(
-        [&] { preparer.unprepareGrainData(&headerAlone, &aux); }));
+    EXPECT_TRUE(
+        test_support::reportsCorruptData([&] { preparer.unprepareGrainData(&headerAlone, &aux); }));
 }
 
 TEST(DataPreparer, NoDamageAndNoCutGivesWrongBytes) {
@@ -270,7 +270,7 @@ TEST(DataPreparer, NoDamageAndNoCutGivesWrongBytes) {
                 ++refusedCount;
             }
             Bytes const cut = test_support::slice(record, 0, i);
-            EXPECT_TRUE(graindata_test::reportsCorruptData([&] { unprepare(preparer, cut); }));
+            EXPECT_TRUE(test_support::reportsCorruptData([&] { unprepare(preparer, cut); }));
         }
         EXPECT_GE(refusedCount, static_cast<int>(endBytes) - 12 - 2);
     }
@@ -278,10 +278,10 @@ TEST(DataPreparer, NoDamageAndNoCutGivesWrongBytes) {
 
 TEST(DataPreparer, RecordOfMoreThanAGrainIsCorruptData) {
     Bytes const stream = test_support::compressWithZlib(Bytes(4097, 7), 6);
-    Bytes const record = graindata_test::makeRecord(0, stream);
+    Bytes const record = test_support::makeRecord(0, stream);
     for (int const level : {0, 1}) {
         CVMDKDataPreparer preparer(8, true, level);
-        EXPECT_TRUE(graindata_test::reportsCorruptData([&] { unprepare(preparer, record); }));
+        EXPECT_TRUE(test_support::reportsCorruptData([&] { unprepare(preparer, record); }));
     }
 }
 

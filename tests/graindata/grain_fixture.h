@@ -5,24 +5,33 @@
 #include <gtest/gtest.h>
 
 #include "kelm/graindata/grain.h"
-#include "tests/graindata/grain_contents.h"
 #include "tests/support/bytes.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/fake_data_provider.h"
 #include "tests/support/fake_grain_allocator.h"
+#include "tests/support/grain_contents.h"
 #include "tests/support/scripted_stream.h"
 
 namespace graindata_test {
 
 using test_support::Buffer;
+using test_support::Bytes;
 using test_support::concat;
+using test_support::encipherRecord;
 using test_support::FakeDataProvider;
 using test_support::FakeGrainAllocator;
+using test_support::littleEndian;
+using test_support::makeRecord;
+using test_support::padded;
 using test_support::pattern;
 using test_support::Props;
+using test_support::Record;
+using test_support::reportsCorruptData;
 using test_support::sameBytes;
 using test_support::ScriptedStream;
 using test_support::slice;
+using test_support::sparse;
+using test_support::takeApart;
 using test_support::textPattern;
 using test_support::throwsError;
 using test_support::throwsInvalidArg;

@@ -9,9 +9,7 @@
 #include "tests/support/reference_codec.h"
 #include "yx/error.h"
 
-namespace graindata_test {
-
-using test_support::Bytes;
+namespace test_support {
 
 /// Zeros with a byte here and there.
 inline Bytes sparse(std::size_t sizeBytes, unsigned int seed) {
@@ -81,4 +79,4 @@ inline testing::AssertionResult reportsCorruptData(std::function<void()> const& 
     return testing::AssertionFailure() << "threw nothing";
 }
 
-} // namespace graindata_test
+} // namespace test_support
