@@ -161,12 +161,6 @@ private:
     std::map<std::string, std::vector<double>> m_seconds;
 };
 
-/// A line whose figure should not exceed its aim.
-void reportAtMost(char const* name, double figure, double aim) {
-    std::printf("%-58s %8.2f %-4s aim <= %4.2f %s\n", name, figure, "x", aim,
-                figure <= aim ? "ok" : "ABOVE");
-}
-
 void print(Bench& bench) {
     double const cores = std::max(1U, std::thread::hardware_concurrency());
     double const megabytes = bench.dataMegabytes();
@@ -174,10 +168,10 @@ void print(Bench& bench) {
          {"cp", "plain import", "plain export", "encrypted import", "compressed import",
           "compressed export", "compress", "decompress", "cipher"})
         bench::note(name, megabytes / bench.of(name), "MB/s");
-    reportAtMost("plain import, time of cp and sync", bench.of("plain import") / bench.of("cp"),
-                 kMaxCopyRatio);
-    reportAtMost("plain export, time of cp and sync", bench.of("plain export") / bench.of("cp"),
-                 kMaxCopyRatio);
+    bench::reportAtMost("plain import, time of cp and sync",
+                        bench.of("plain import") / bench.of("cp"), kMaxCopyRatio);
+    bench::reportAtMost("plain export, time of cp and sync",
+                        bench.of("plain export") / bench.of("cp"), kMaxCopyRatio);
     bench::report("compressed import, speed of cores x codec",
                   bench.of("compress") / cores / bench.of("compressed import"), kCodecShare, "x");
     bench::report("compressed export, speed of cores x codec",

@@ -50,6 +50,12 @@ inline void report(char const* name, double figure, double aim, char const* unit
                 figure >= aim ? "ok" : "BELOW");
 }
 
+/// A line whose figure should not exceed its aim.
+inline void reportAtMost(char const* name, double figure, double aim) {
+    std::printf("%-58s %8.2f %-4s aim <= %4.2f %s\n", name, figure, "x", aim,
+                figure <= aim ? "ok" : "ABOVE");
+}
+
 /// A line without an aim, for what explains another one.
 inline void note(char const* name, double figure, char const* unit) {
     std::printf("%-58s %8.2f %s\n", name, figure, unit);

@@ -1,0 +1,137 @@
+// What a copy of a disk costs when it goes through nbdkit: `nbdcopy` from the plugin against
+// `nbdcopy` from nbdkit's own file plugin on the raw image of the same content.
+//
+//   bench_nbdkit [folder of the files to put into the image] [scratch folder] [rounds]
+//
+// The image is made by `mke2fs -d`, is larger than its content, and holds at least 100 MB. Each copy
+// goes to nowhere, so that the server alone counts. A round takes the copies in turn, so that what
+// else the machine does hits them alike; each figure is the median of the rounds.
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "bench/interleaved.h"
+#include "host/transfer.h"
+#include "yx/native_file_system.h"
+
+namespace {
+
+using namespace kelm;
+
+constexpr long long kMinImageBytes = 100'000'000;
+
+struct Kind {
+    char const* name;
+    bool isCompressed;
+    char const* password;
+
+    /// The most times as long as from the file plugin that a copy should take. Compressed and
+    /// encrypted disks pay for one thread that decompresses and deciphers.
+    double maxRatio;
+};
+
+constexpr Kind kKinds[] = {
+    {"plain", false, "", 1.1},
+    {"encrypted", false, "password", 1.5},
+    {"compressed", true, "", 3.5},
+    {"compressed-encrypted", true, "password", 4.0},
+};
+
+void runCommand(std::string const& command) {
+    if (std::system(command.c_str()) != 0) {
+        std::fprintf(stderr, "failed: %s\n", command.c_str());
+        std::exit(1);
+    }
+}
+
+yx::CURI toURI(std::string const& path) {
+    return {yx::TPathImpl<yx::CUnixPathTraits>(path.c_str(), true, false), false};
+}
+
+/// Makes the image and returns its path.
+std::string makeImage(std::string const& content, std::filesystem::path const& folder) {
+    std::string const image = folder / "image.raw";
+    runCommand("PATH=$PATH:/usr/sbin:/sbin mke2fs -q -F -t ext4 -d " + content + " " + image +
+               " 4G");
+    struct stat status = {};
+    if (::stat(image.c_str(), &status) != 0 || status.st_blocks * 512LL < kMinImageBytes) {
+        std::fprintf(stderr, "%s holds less than 100 MB\n", content.c_str());
+        std::exit(1);
+    }
+    return image;
+}
+
+void makeDisk(std::string const& path, std::string const& image, Kind const& kind) {
+    yx::P<yx::CNativeFileSystem> const files = yx::makeObject<yx::CNativeFileSystem>();
+    yx::P<host::FileGuard> const guard = yx::makeObject<host::FileGuard>(files.get(), false);
+    guard->keep();
+    host::NewDisk request;
+    request.sizeBytes = static_cast<__int64>(std::filesystem::file_size(image));
+    request.password = kind.password;
+    request.compressed = kind.isCompressed;
+    std::unique_ptr<host::SafeDisk> const disk =
+        host::SafeDisk::create(guard.get(), toURI(path), request);
+    host::RawSource source(image);
+    host::importRaw(source, *disk, {});
+}
+
+/// Seconds by the clock of a copy from a server that is started for it.
+double copySeconds(std::string const& server) {
+    auto const start = std::chrono::steady_clock::now();
+    runCommand("nbdcopy -- [ nbdkit -r " + server + " ] null:");
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::string pluginOn(std::string const& disk, Kind const& kind) {
+    std::string const command = std::string(KELM_NBDKIT_PLUGIN) + " " + disk;
+    return *kind.password == '\0' ? command : command + " password=" + kind.password;
+}
+
+void measure(std::filesystem::path const& folder, std::string const& image, int rounds) {
+    std::map<std::string, std::vector<double>> seconds;
+    for (Kind const& kind : kKinds)
+        makeDisk(folder / kind.name, image, kind);
+    for (int i = 0; i <= rounds; ++i) {
+        std::map<std::string, double> round;
+        round["raw image, file plugin"] = copySeconds("file " + image);
+        for (Kind const& kind : kKinds) {
+            std::string const disk = "'" + (folder / kind.name).string() + "'";
+            round[kind.name] = copySeconds(pluginOn(disk, kind));
+        }
+        // The first round only warms up.
+        for (auto const& [name, value] : round) {
+            if (i > 0)
+                seconds[name].push_back(value);
+        }
+    }
+    double const reference = bench::median(seconds["raw image, file plugin"]);
+    bench::note("raw image, file plugin", reference, "s");
+    for (Kind const& kind : kKinds) {
+        double const own = bench::median(seconds[kind.name]);
+        bench::note(kind.name, own, "s");
+        bench::reportAtMost((std::string(kind.name) + " disk, time of the file plugin").c_str(),
+                            own / reference, kind.maxRatio);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::string const content = argc > 1 ? argv[1] : "/usr/share";
+    std::string folder = argc > 2 ? argv[2] : std::filesystem::temp_directory_path();
+    int const rounds = argc > 3 ? std::max(1, std::atoi(argv[3])) : 5;
+    folder += "/bench_nbdkit.XXXXXX";
+    if (!::mkdtemp(folder.data())) {
+        std::perror(folder.c_str());
+        return 1;
+    }
+    measure(folder, makeImage(content, folder), rounds);
+    std::filesystem::remove_all(folder);
+    return 0;
+}

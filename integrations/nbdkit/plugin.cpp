@@ -1,0 +1,293 @@
+// The callbacks by which nbdkit serves a disk. nbdkit calls them one at a time.
+//
+// nbdkit may fork after `get_ready`, and whichever process goes on must be the one that holds the
+// disk. So the disk is only tried out in `get_ready`, where errors still reach the user's terminal,
+// and opened for good in `after_fork` or for the first client; all connections share it.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#define NBDKIT_API_VERSION 2
+#include <nbdkit-plugin.h>
+
+#include "host/error_text.h"
+#include "host/file_names.h"
+#include "integrations/nbdkit/command_line.h"
+#include "integrations/nbdkit/errno_of.h"
+#include "integrations/nbdkit/served_disk.h"
+#include "yx/log.h"
+
+// The library serves one thread.
+#define THREAD_MODEL NBDKIT_THREAD_MODEL_SERIALIZE_ALL_REQUESTS
+
+namespace kelm::nbd {
+
+namespace {
+
+/// One grain of the usual size, for disks whose grains are of no size that can be preferred.
+constexpr uint32_t kUsualGrainBytes = 65536;
+
+// What the protocol lets a server prefer, in powers of two, and what any client may send at once.
+constexpr __int64 kMinPreferredBytes = 512;
+constexpr __int64 kMaxPreferredBytes = 32 << 20;
+constexpr uint32_t kMaxRequestBytes = 32 << 20;
+
+constexpr std::size_t kMaxRunsPerAnswer = 4096;
+
+DiskSettings settings;
+std::unique_ptr<ServedDisk> servedDisk;
+
+void report(std::exception const& error) {
+    nbdkit_error("%s", host::describeError(error).c_str());
+    nbdkit_set_error(errnoOf(error));
+}
+
+/// What a callback returns: 0, or -1 after the error has been told.
+template <class Action>
+int guarded(Action const& action) {
+    try {
+        action();
+        return 0;
+    } catch (std::exception const& error) {
+        report(error);
+        return -1;
+    }
+}
+
+/// Whether the disk will certainly be opened for writing.
+bool isServedForWriting() {
+    return !mayOpenReadOnly(readCommandLine());
+}
+
+void load() {
+    // Errors that the library logs are thrown too, and told then.
+    yx::setLogHandler([](yx::LogEntry const& entry) {
+        if (entry.level == yx::LogLevel::Warning) {
+            nbdkit_error("warning: %s", host::inOneLine(entry.message.toStdString()).c_str());
+        }
+    });
+    yx::setIgnoredExceptionHandler([](char const*, std::exception& error, bool) {
+        nbdkit_error("warning: %s", host::describeError(error).c_str());
+    });
+}
+
+void unload() {
+    // The library may stay in memory longer than these handlers.
+    yx::setLogHandler({});
+    yx::setIgnoredExceptionHandler({});
+}
+
+void printCapabilities() {
+    std::printf("kelm_version=%s\n"
+                "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
+                "kelm_parameters=file,password,cache-tables\n"
+                "kelm_requests=read,write,zero,flush,fua,extents,cache\n",
+                KELM_VERSION);
+}
+
+bool configurePassword(char const* value) {
+    char* text = nullptr;
+    if (nbdkit_read_password(value, &text) != 0)
+        return false;
+    yx::String password = yx::String::fromUTF8(text);
+    ::explicit_bzero(text, std::strlen(text));
+    std::free(text);
+    settings.password = host::Password(password);
+    password.wipe();
+    return true;
+}
+
+bool configureCacheTables(char const* value) {
+    int tables = 0;
+    if (nbdkit_parse_int("cache-tables", value, &tables) != 0)
+        return false;
+    if (tables < 1)
+        throw std::runtime_error("cache-tables must be at least 1");
+    settings.maxCachedTables = tables;
+    return true;
+}
+
+bool configureParameter(std::string_view key, char const* value) {
+    if (key == "file") {
+        // At once, since nbdkit may change its working directory later.
+        settings.uri = host::uriFromArgument(value);
+        return true;
+    }
+    if (key == "password")
+        return configurePassword(value);
+    if (key == "cache-tables")
+        return configureCacheTables(value);
+    throw std::runtime_error("unknown parameter '" + std::string(key) + "'");
+}
+
+int configure(char const* key, char const* value) {
+    bool done = false;
+    int const result = guarded([&] { done = configureParameter(key, value); });
+    return done ? result : -1;
+}
+
+int completeConfiguration() {
+    if (!settings.uri.isEmpty())
+        return 0;
+    nbdkit_error("the parameter file=<FILENAME> is missing");
+    return -1;
+}
+
+int getReady() {
+    return guarded([] {
+        ServedDisk(settings).open(isServedForWriting() ? yx::IIOStream::ReadWrite
+                                                       : yx::IIOStream::ReadOnly);
+    });
+}
+
+int afterFork() {
+    return guarded([] {
+        servedDisk = std::make_unique<ServedDisk>(settings);
+        if (isServedForWriting())
+            servedDisk->open(yx::IIOStream::ReadWrite);
+    });
+}
+
+void cleanUp() {
+    if (servedDisk)
+        guarded([] { servedDisk->close(); });
+    servedDisk.reset();
+}
+
+void* openConnection(int readOnly) {
+    int const result = guarded([readOnly] {
+        servedDisk->open(readOnly != 0 ? yx::IIOStream::ReadOnly : yx::IIOStream::ReadWrite);
+    });
+    return result == 0 ? NBDKIT_HANDLE_NOT_NEEDED : nullptr;
+}
+
+void closeConnection(void*) {
+    // Not every client flushes, and nbdkit may be killed long after its last one has gone.
+    if (servedDisk->isWritable())
+        guarded([] { servedDisk->flush(); });
+}
+
+int64_t getSize(void*) {
+    int64_t size = -1;
+    guarded([&size] { size = servedDisk->getSizeBytes(); });
+    return size;
+}
+
+int getBlockSize(void*, uint32_t* minimum, uint32_t* preferred, uint32_t* maximum) {
+    return guarded([=] {
+        __int64 const grainBytes = servedDisk->getGrainSizeBytes();
+        bool const isPreferable = grainBytes >= kMinPreferredBytes &&
+                                  grainBytes <= kMaxPreferredBytes &&
+                                  (grainBytes & (grainBytes - 1)) == 0;
+        *minimum = 1;
+        *preferred = isPreferable ? static_cast<uint32_t>(grainBytes) : kUsualGrainBytes;
+        *maximum = kMaxRequestBytes;
+    });
+}
+
+int canWrite(void*) {
+    return servedDisk->isWritable() ? 1 : 0;
+}
+
+int canFlush(void*) {
+    return 1;
+}
+
+int canForceUnitAccess(void*) {
+    return NBDKIT_FUA_EMULATE;
+}
+
+int canTellExtents(void*) {
+    return 1;
+}
+
+int canCache(void*) {
+    return NBDKIT_CACHE_EMULATE;
+}
+
+/// All connections share the disk, so a flush on one of them covers them all.
+int canServeSeveralConnections(void*) {
+    return 1;
+}
+
+int readBytes(void*, void* buffer, uint32_t count, uint64_t offset, uint32_t) {
+    return guarded(
+        [=] { servedDisk->read(static_cast<__int64>(offset), buffer, static_cast<int>(count)); });
+}
+
+int writeBytes(void*, void const* buffer, uint32_t count, uint64_t offset, uint32_t) {
+    return guarded(
+        [=] { servedDisk->write(static_cast<__int64>(offset), buffer, static_cast<int>(count)); });
+}
+
+int writeZeros(void*, uint32_t count, uint64_t offset, uint32_t) {
+    return guarded([=] { servedDisk->writeZeros(static_cast<__int64>(offset), __int64{count}); });
+}
+
+int flush(void*, uint32_t) {
+    return guarded([] { servedDisk->flush(); });
+}
+
+int tellExtents(void*, uint32_t count, uint64_t offset, uint32_t flags, nbdkit_extents* extents) {
+    bool added = true;
+    int const result = guarded([&] {
+        std::size_t const maxRuns = (flags & NBDKIT_FLAG_REQ_ONE) != 0 ? 1 : kMaxRunsPerAnswer;
+        for (StoredRun const& run :
+             servedDisk->listRuns(static_cast<__int64>(offset), __int64{count}, maxRuns)) {
+            auto const length = static_cast<uint64_t>(run.lengthBytes);
+            uint32_t const type = run.isStored ? 0 : NBDKIT_EXTENT_HOLE | NBDKIT_EXTENT_ZERO;
+            added = added && nbdkit_add_extent(extents, offset, length, type) == 0;
+            offset += length;
+        }
+    });
+    return added ? result : -1;
+}
+
+nbdkit_plugin describePlugin() {
+    nbdkit_plugin plugin = {};
+    plugin.name = "kelm";
+    plugin.longname = "kelm virtual disk plugin";
+    plugin.version = KELM_VERSION;
+    plugin.description = "Serves VMDK sparse virtual disks: compressed, encrypted, child disks.";
+    plugin.magic_config_key = "file";
+    plugin.config_help = "[file=]<FILENAME>     (required) The main file of the disk.\n"
+                         "password=<PASSWORD>   The password of the disk and its parents:\n"
+                         "                      -, +FILENAME, -FD, or the password itself.\n"
+                         "cache-tables=<N>      The most grain tables to keep in memory.\n";
+    plugin.load = load;
+    plugin.unload = unload;
+    plugin.dump_plugin = printCapabilities;
+    plugin.config = configure;
+    plugin.config_complete = completeConfiguration;
+    plugin.get_ready = getReady;
+    plugin.after_fork = afterFork;
+    plugin.cleanup = cleanUp;
+    plugin.open = openConnection;
+    plugin.close = closeConnection;
+    plugin.get_size = getSize;
+    plugin.block_size = getBlockSize;
+    plugin.can_write = canWrite;
+    plugin.can_flush = canFlush;
+    plugin.can_fua = canForceUnitAccess;
+    plugin.can_extents = canTellExtents;
+    plugin.can_cache = canCache;
+    plugin.can_multi_conn = canServeSeveralConnections;
+    plugin.pread = readBytes;
+    plugin.pwrite = writeBytes;
+    plugin.zero = writeZeros;
+    plugin.flush = flush;
+    plugin.extents = tellExtents;
+    return plugin;
+}
+
+nbdkit_plugin kelmPlugin = describePlugin();
+
+} // namespace
+
+NBDKIT_REGISTER_PLUGIN(kelmPlugin)
+
+} // namespace kelm::nbd

@@ -1,0 +1,97 @@
+#include "integrations/nbdkit/served_disk.h"
+
+#include <algorithm>
+
+#include "host/parent_chain.h"
+#include "yx/native_file_system.h"
+
+namespace kelm::nbd {
+
+namespace {
+
+constexpr __int64 kMaxGrainsLookedAt = 16384;
+constexpr int kDefaultCompressionLevel = -1;
+
+} // namespace
+
+ServedDisk::ServedDisk(DiskSettings const& settings)
+    : m_settings(settings), m_fileSystem(yx::makeObject<yx::CNativeFileSystem>()) {}
+
+host::SafeDisk& ServedDisk::disk() const {
+    if (!m_disk) {
+        throw yx::CIOError(yx::CIOError::Closed, "The disk is not open.",
+                           yx::CProps().add("uri", m_settings.uri.toString(true)), nullptr);
+    }
+    return *m_disk;
+}
+
+void ServedDisk::open(yx::IIOStream::Access access) {
+    if (m_disk && (access == yx::IIOStream::ReadOnly || isWritable()))
+        return;
+    close();
+    yx::String const& password = m_settings.password.get();
+    auto opened = std::make_unique<host::SafeDisk>(
+        m_fileSystem.get(), m_settings.uri, access, password, kDefaultCompressionLevel,
+        m_settings.maxCachedTables.value_or(CVMDKGrainTableCache::kDefaultLimit));
+    m_parents = host::openParents(m_fileSystem.get(), *opened, password);
+    m_disk = std::move(opened);
+    m_access = access;
+}
+
+void ServedDisk::close() {
+    std::unique_ptr<host::SafeDisk> const closing = std::move(m_disk);
+    m_parents.clear();
+    if (closing)
+        closing->flush();
+}
+
+void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
+    disk().read(positionBytes, buffer, bytes);
+    limitCache();
+}
+
+void ServedDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
+    disk().write(positionBytes, buffer, bytes);
+    limitCache();
+}
+
+void ServedDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
+    disk().writeZeros(positionBytes, bytes);
+    limitCache();
+}
+
+std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes,
+                                            std::size_t maxRuns) {
+    host::SafeDisk& served = disk();
+    __int64 const grainSizeBytes = served.getGrainSizeBytes();
+    __int64 const firstGrain = positionBytes / grainSizeBytes;
+    __int64 const endBytes = positionBytes + std::min(bytes, kMaxGrainsLookedAt * grainSizeBytes);
+    std::vector<StoredRun> runs;
+    for (__int64 grain = firstGrain; positionBytes < endBytes; ++grain) {
+        bool const isStored = served.isGrainWritten(grain);
+        if (runs.empty() || runs.back().isStored != isStored) {
+            if (runs.size() == maxRuns)
+                break;
+            runs.push_back({0, isStored});
+        }
+        __int64 const nextBytes = std::min(endBytes, (grain + 1) * grainSizeBytes);
+        runs.back().lengthBytes += nextBytes - positionBytes;
+        positionBytes = nextBytes;
+    }
+    limitCache();
+    return runs;
+}
+
+void ServedDisk::limitCache() {
+    if (!m_settings.maxCachedTables || !isWritable())
+        return;
+    CVMDKGrainTableCache& cache = *disk().getDisk().getGrainTableCache();
+    if (cache.getCachedTableCount() <= *m_settings.maxCachedTables)
+        return;
+    // A table that left the cache by itself could come back stale while it has changes; after a
+    // flush, none has.
+    disk().flush();
+    cache.clear();
+}
+
+} // namespace kelm::nbd

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "host/password.h"
+#include "host/safe_disk.h"
+
+namespace kelm::nbd {
+
+/// What the server's command line says about its disk.
+struct DiskSettings {
+    yx::CURI uri;
+    host::Password password;
+
+    /// The most grain tables to keep in memory. By default, a disk opened for writing keeps all
+    /// that it has reached, and one opened for reading those that the library keeps.
+    std::optional<int> maxCachedTables;
+};
+
+/// Neighbouring bytes that are stored somewhere in the chain, or nowhere.
+struct StoredRun {
+    __int64 lengthBytes = 0;
+    bool isStored = false;
+};
+
+/// The one disk of a server, which all connections share, and its parents: they are kept open too,
+/// so that nobody changes them meanwhile. Errors are those of `host::SafeDisk`; while the disk is
+/// not open, every request is `CIOError` `Closed`. Serves one thread at a time.
+class ServedDisk {
+public:
+    explicit ServedDisk(DiskSettings const& settings);
+    ServedDisk(ServedDisk const&) = delete;
+    ServedDisk& operator=(ServedDisk const&) = delete;
+    ~ServedDisk() = default;
+
+    /// Opens the disk and its parents, unless it is open with that access or more. A disk that is
+    /// open for reading is closed and opened anew for writing; if that fails it is closed.
+    void open(yx::IIOStream::Access access);
+
+    /// Flushes and closes the disk; closed it is even if the flush fails. Does nothing on a disk
+    /// that is not open.
+    void close();
+
+    bool isWritable() const { return m_disk && m_access == yx::IIOStream::ReadWrite; }
+
+    __int64 getSizeBytes() const { return disk().getSizeBytes(); }
+    __int64 getGrainSizeBytes() const { return disk().getGrainSizeBytes(); }
+
+    void read(__int64 positionBytes, void* buffer, int bytes);
+    void write(__int64 positionBytes, void const* buffer, int bytes);
+    void writeZeros(__int64 positionBytes, __int64 bytes);
+
+    /// Brings all changes to the device.
+    void flush() { disk().flush(); }
+
+    /// Runs of alternating kind from `positionBytes` on, without gaps, at most `maxRuns`. They end
+    /// after `bytes` bytes or earlier, since one call looks at no more than 16384 grains (1 GiB of
+    /// the usual 64 KiB), but not before one grain's end.
+    std::vector<StoredRun> listRuns(__int64 positionBytes, __int64 bytes, std::size_t maxRuns);
+
+private:
+    host::SafeDisk& disk() const;
+    void limitCache();
+
+    DiskSettings m_settings;
+    yx::P<yx::IFileSystem> m_fileSystem;
+    yx::IIOStream::Access m_access = yx::IIOStream::ReadOnly;
+    std::unique_ptr<host::SafeDisk> m_disk;
+    std::vector<std::unique_ptr<host::SafeDisk>> m_parents;
+};
+
+} // namespace kelm::nbd

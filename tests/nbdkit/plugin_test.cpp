@@ -1,0 +1,312 @@
+#include <cerrno>
+#include <csignal>
+#include <fstream>
+#include <random>
+
+#include <fcntl.h>
+#include <libnbd.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include "tests/nbdkit/plugin_fixture.h"
+
+namespace nbdkit {
+
+namespace {
+
+DiskKind const kPlain{"Plain", {}};
+DiskKind const kCompressed{"Compressed", {"--compressed"}};
+DiskKind const kEncrypted{"Encrypted", {}, true};
+
+class Plugin : public PluginTest {
+protected:
+    /// Starts a server that must refuse to serve, and returns its words.
+    std::string refusalOf(Arguments const& arguments) const {
+        Arguments command{KELM_NBDKIT_PLUGIN};
+        command.insert(command.end(), arguments.begin(), arguments.end());
+        Outcome const outcome = Server(folder(), command).waitForEnd();
+        EXPECT_EQ(outcome.status, 1);
+        return outcome.err;
+    }
+
+    /// Serves with these parameters and expects that the disk reads as zeros.
+    void expectServed(Arguments const& parameters, ServerSurroundings const& surroundings = {}) {
+        Arguments command{KELM_NBDKIT_PLUGIN};
+        command.insert(command.end(), parameters.begin(), parameters.end());
+        Server server(folder(), command, surroundings);
+        EXPECT_EQ(Client(server.socketPath()).read(0, 4), std::string(4, '\0'));
+        stopWell(server);
+    }
+};
+
+TEST_F(Plugin, TellsWhatItCanDo) {
+    Outcome const outcome =
+        test_support::RunningProgram(folder(), {"nbdkit", KELM_NBDKIT_PLUGIN, "--dump-plugin"})
+            .finish();
+    EXPECT_EQ(outcome.status, 0);
+    std::string const expected = std::string("kelm_version=") + KELM_VERSION +
+                                 "\n"
+                                 "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
+                                 "kelm_parameters=file,password,cache-tables\n"
+                                 "kelm_requests=read,write,zero,flush,fua,extents,cache\n";
+    EXPECT_NE(outcome.out.find(expected), std::string::npos) << outcome.out;
+    for (char const* const line :
+         {"name=kelm\n", "magic_config_key=file\n", "thread_model=serialize_all_requests\n"})
+        EXPECT_NE(outcome.out.find(line), std::string::npos) << line << outcome.out;
+}
+
+TEST_F(Plugin, OffersItsRequestsToClients) {
+    makeDisk(kPlain);
+    std::unique_ptr<Server> const server = serve();
+    Client const client(server->socketPath());
+    EXPECT_EQ(::nbd_is_read_only(client.get()), 0);
+    EXPECT_EQ(::nbd_can_flush(client.get()), 1);
+    EXPECT_EQ(::nbd_can_fua(client.get()), 1);
+    EXPECT_EQ(::nbd_can_zero(client.get()), 1);
+    EXPECT_EQ(::nbd_can_cache(client.get()), 1);
+    EXPECT_EQ(::nbd_can_multi_conn(client.get()), 1);
+    EXPECT_EQ(::nbd_can_trim(client.get()), 0);
+    EXPECT_EQ(::nbd_get_block_size(client.get(), LIBNBD_SIZE_MINIMUM), 1);
+    EXPECT_EQ(::nbd_get_block_size(client.get(), LIBNBD_SIZE_PREFERRED), 65536);
+    EXPECT_EQ(::nbd_get_block_size(client.get(), LIBNBD_SIZE_MAXIMUM), 33554432);
+}
+
+TEST_F(Plugin, SharesItsDiskAmongConnections) {
+    makeDisk(kPlain);
+    std::unique_ptr<Server> const server = serve();
+    Client const writer(server->socketPath());
+    Client const reader(server->socketPath());
+    ASSERT_EQ(writer.write(123456, "shared"), 0);
+    EXPECT_EQ(reader.read(123456, 6), "shared");
+}
+
+TEST_F(Plugin, RefusesWrongParameters) {
+    makeDisk(kPlain);
+    EXPECT_EQ(refusalOf({}), "nbdkit: error: the parameter file=<FILENAME> is missing\n");
+    EXPECT_EQ(refusalOf({"disk.vmdk", "size=5"}), "nbdkit: error: unknown parameter 'size'\n");
+    EXPECT_EQ(refusalOf({"disk.vmdk", "cache-tables=0"}),
+              "nbdkit: error: cache-tables must be at least 1\n");
+    EXPECT_NE(refusalOf({"disk.vmdk", "cache-tables=many"}).find("cache-tables"),
+              std::string::npos);
+    EXPECT_EQ(refusalOf({"missing.vmdk"}),
+              "nbdkit: error: The disk does not exist. (uri: " + path("missing.vmdk") + ")\n");
+    writeFile("text", "no disk\n");
+    EXPECT_EQ(refusalOf({"file=text"}),
+              "nbdkit: error: VMDK descriptor value 'createType' not found.\n");
+}
+
+TEST_F(Plugin, TakesThePasswordInEachForm) {
+    makeDisk(kEncrypted);
+    expectServed({"file=disk.vmdk", "password=correct horse"});
+    expectServed({"disk.vmdk", "password=+password"});
+    std::string const file = path("password");
+    constexpr int kDescriptor = 7;
+    auto const openPassword = [&file] { ::dup2(::open(file.c_str(), O_RDONLY), kDescriptor); };
+    expectServed({"disk.vmdk", "password=-7"}, {openPassword, ""});
+}
+
+TEST_F(Plugin, RefusesAWrongOrMissingPasswordBeforeItServes) {
+    makeDisk(kEncrypted);
+    for (char const* const option : {"-f", "-r"}) {
+        EXPECT_EQ(refusalOf({option, "disk.vmdk", "password=incorrect horse"}),
+                  "nbdkit: error: Specified VMDK encryption password is not correct. (uri: " +
+                      path("disk.vmdk") + ")\n");
+        EXPECT_EQ(refusalOf({option, "disk.vmdk"}),
+                  "nbdkit: error: VMDK is encrypted but no password provided (uri: " +
+                      path("disk.vmdk") + ")\n");
+    }
+}
+
+TEST_F(Plugin, RefusesAChildWithoutItsParentBeforeItServes) {
+    makeDisk({"Child", {}, false, true}, std::string(kDiskBytes, 'p'));
+    std::filesystem::remove(path("parent.vmdk"));
+    EXPECT_EQ(refusalOf({"disk.vmdk"}),
+              "nbdkit: error: The disk does not exist. (uri: " + path("parent.vmdk") + ")\n");
+}
+
+TEST_F(Plugin, KeepsOthersFromWritingToAParent) {
+    makeDisk({"Child", {}, false, true}, std::string(kDiskBytes, 'p'));
+    std::unique_ptr<Server> const server = serve();
+    Client const client(server->socketPath());
+    EXPECT_EQ(refusalOf({"parent.vmdk"}), wordsForDiskInUse("parent.vmdk"));
+}
+
+TEST_F(Plugin, TakesADiskForWritingBeforeTheFirstClient) {
+    makeDisk(kPlain);
+    std::unique_ptr<Server> const server = serve();
+    // The server may still be on its way when the first of these looks at the disk.
+    constexpr int kAttempts = 1000;
+    Outcome looked = run({"info", "disk.vmdk"});
+    for (int i = 0; i < kAttempts && looked.status == 0; ++i)
+        looked = run({"info", "disk.vmdk"});
+    EXPECT_EQ(looked.status, 3);
+    EXPECT_NE(looked.err.find("The disk is in use"), std::string::npos) << looked.err;
+}
+
+TEST_F(Plugin, ServesReadersBesideEachOther) {
+    std::string const image = makeImage(kDiskBytes, 12);
+    makeDisk(kCompressed, "", image);
+    std::unique_ptr<Server> const first = serve({"-r"});
+    std::unique_ptr<Server> const second = serve({"-r"});
+    Client const ofFirst(first->socketPath());
+    Client const ofSecond(second->socketPath());
+    EXPECT_EQ(ofFirst.read(0, 300000), image.substr(0, 300000));
+    EXPECT_EQ(ofSecond.read(0, 300000), image.substr(0, 300000));
+    EXPECT_EQ(::nbd_is_read_only(ofFirst.get()), 1);
+    // Nothing but a refusal comes of a write, and nbdkit has it as "not permitted".
+    EXPECT_EQ(ofFirst.write(0, "nothing"), EPERM);
+}
+
+TEST_F(Plugin, TakesAFilterThatWantsItReadOnly) {
+    std::string const image = makeImage(kDiskBytes, 13);
+    makeDisk(kPlain, "", image);
+    std::unique_ptr<Server> const server = serve({"--filter=cow"});
+    {
+        Client const client(server->socketPath());
+        ASSERT_EQ(client.write(0, "in the filter"), 0);
+        EXPECT_EQ(client.read(0, 13), "in the filter");
+    }
+    stopWell(*server);
+    expectContent(image);
+}
+
+TEST_F(Plugin, KeepsToItsCacheWhileItWrites) {
+    constexpr std::size_t kLargeBytes = std::size_t{256} << 20;
+    runWell({"create", "disk.vmdk", "--size", "256M"});
+    std::unique_ptr<Server> server = serve({}, {"cache-tables=1"});
+    std::map<std::size_t, std::string> written;
+    std::mt19937 random(14);
+    {
+        Client const client(server->socketPath());
+        for (int i = 0; i < 100; ++i) {
+            std::size_t const at = random() % (kLargeBytes / 4096) * 4096;
+            written[at] = std::string(4096, static_cast<char>('a' + i % 26));
+            ASSERT_EQ(client.write(at, written[at]), 0);
+        }
+    }
+    stopWell(*server);
+    runWell({"check", "disk.vmdk"});
+    server = serve({"-r"}, {"cache-tables=1"});
+    Client const client(server->socketPath());
+    for (auto const& [at, bytes] : written)
+        ASSERT_EQ(client.read(at, bytes.size()), bytes) << at;
+}
+
+TEST_F(Plugin, AnswersAFlushWhenTheDeviceHasTheData) {
+    makeDisk(kPlain);
+    std::string const log = path("sync.log");
+    auto const setLog = [&log] { ::setenv("KELM_SYNC_LOG", log.c_str(), 1); };
+    std::unique_ptr<Server> const server = serve({}, {}, {setLog, KELM_SYNC_LOG_LIBRARY});
+    Client const client(server->socketPath());
+    ASSERT_EQ(client.write(0, "data"), 0);
+    std::size_t const beforeFlush = readFile("sync.log").size();
+    ASSERT_EQ(client.flush(), 0);
+    std::size_t const afterFlush = readFile("sync.log").size();
+    EXPECT_GT(afterFlush, beforeFlush);
+    ASSERT_EQ(client.write(kGrainBytes, "data"), 0);
+    EXPECT_EQ(readFile("sync.log").size(), afterFlush);
+    ASSERT_EQ(client.write(2 * kGrainBytes, "data", LIBNBD_CMD_FLAG_FUA), 0);
+    EXPECT_GT(readFile("sync.log").size(), afterFlush);
+}
+
+TEST_F(Plugin, TellsOfAFullDevice) {
+    makeDisk(kPlain);
+    // A file that cannot grow is to a program what a full device is.
+    auto const limitFiles = [] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit const limit{1 << 20, 1 << 20};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    };
+    std::unique_ptr<Server> const server = serve({}, {}, {limitFiles, ""});
+    {
+        Client const client(server->socketPath());
+        std::string const data(std::size_t{2} << 20, 'x');
+        int error = client.write(0, data);
+        if (error == 0)
+            error = client.flush();
+        EXPECT_EQ(error, ENOSPC);
+    }
+    Outcome const outcome = server->stop();
+    EXPECT_NE(outcome.err.find("error: Cannot write to the file: File too large (uri: " +
+                               path("disk.vmdk")),
+              std::string::npos)
+        << outcome.err;
+}
+
+TEST_F(Plugin, TellsOfDamage) {
+    std::string const image(kDiskBytes, 'x');
+    makeDisk(kCompressed, "", image);
+    // The last grain that was written, which begins with the place and the length of its data.
+    std::string const file = readFile("disk.vmdk");
+    std::string const record("\x80\x7f\0\0\0\0\0\0", 8);
+    std::size_t const at = file.rfind(record);
+    ASSERT_NE(at, std::string::npos);
+    patchFile("disk.vmdk", at + 14, std::string(40, '\xee'));
+    std::unique_ptr<Server> const server = serve({"-r"});
+    {
+        Client const client(server->socketPath());
+        EXPECT_EQ(client.tryRead(kDiskBytes - 100, 50), EIO);
+        EXPECT_EQ(client.read(0, 100), std::string(100, 'x'));
+    }
+    Outcome const outcome = server->stop();
+    EXPECT_NE(outcome.err.find("error: Compressed data is corrupt, incomplete or larger than its "
+                               "target. (sourceSize: "),
+              std::string::npos)
+        << outcome.err;
+}
+
+TEST_F(Plugin, LooksAtPartOfALargeDiskOnly) {
+    runWell({"create", "disk.vmdk", "--size", "1T"});
+    std::unique_ptr<Server> const server = serve();
+    Client const client(server->socketPath());
+    ASSERT_EQ(client.write(std::uint64_t{1} << 39, "data"), 0);
+    constexpr std::uint64_t kMost = 0xFFFF0000;
+    EXPECT_EQ(client.listExtents(0, kMost), (std::vector<Extent>{{1 << 30, true}}));
+    std::uint64_t const start = (std::uint64_t{1} << 39) - 65536 - 512;
+    EXPECT_EQ(client.listExtents(start, kMost),
+              (std::vector<Extent>{
+                  {65536 + 512, true}, {65536, false}, {(1 << 30) - 2 * 65536 - 512, true}}));
+    EXPECT_EQ(client.listExtents(start, kMost, LIBNBD_CMD_FLAG_REQ_ONE),
+              (std::vector<Extent>{{65536 + 512, true}}));
+}
+
+TEST_F(Plugin, CopiesStaySparse) {
+    std::string image(kDiskBytes, '\0');
+    image.replace(100 * kGrainBytes, kGrainBytes, kGrainBytes, 'x');
+    makeDisk(kPlain, "", image);
+    std::unique_ptr<Server> const server = serve({"-r"});
+    runClient({"nbdcopy", server->uri(), "copy.img"});
+    EXPECT_TRUE(readFile("copy.img") == image);
+    EXPECT_EQ(runClient({"du", "-k", "copy.img"}), "64\tcopy.img\n");
+}
+
+/// nbdkit as users start it: it opens its socket itself and goes into the background.
+TEST_F(Plugin, ServesFromTheBackground) {
+    makeDisk(kEncrypted);
+    std::string const socketPath = path("sock");
+    Outcome const started = test_support::RunningProgram(
+                                folder(), {"nbdkit", "-U", socketPath, "-P", path("pid"),
+                                           KELM_NBDKIT_PLUGIN, "disk.vmdk", "password=+password"})
+                                .finish();
+    ASSERT_EQ(started.status, 0) << started.err;
+    {
+        Client const client(socketPath);
+        ASSERT_EQ(client.write(5, "from the background"), 0);
+    }
+    int const id = std::stoi(readFile("pid"));
+    int const process = openProcess(id);
+    ASSERT_GE(process, 0);
+    EXPECT_EQ(refusalOf({"disk.vmdk", "password=+password"}), wordsForDiskInUse("disk.vmdk"));
+    ASSERT_EQ(::kill(id, SIGTERM), 0);
+    pollfd ended{process, POLLIN, 0};
+    ::poll(&ended, 1, -1);
+    ::close(process);
+    std::string image(kDiskBytes, '\0');
+    image.replace(5, 19, "from the background");
+    expectContent(image);
+}
+
+} // namespace
+
+} // namespace nbdkit
