@@ -13,8 +13,11 @@ using Piece = yx::IGatherOutStream::Piece;
 
 class HookedStream : public yx::CBase, public virtual yx::IIOStream {
 public:
-    HookedStream(HookedFileSystem* fileSystem, yx::P<yx::IIOStream> stream)
-        : m_fileSystem(fileSystem), m_stream(std::move(stream)), m_uri(m_stream->getURI()) {}
+    HookedStream(HookedFileSystem* fileSystem, yx::P<yx::IIOStream> stream, int opening)
+        : m_fileSystem(fileSystem),
+          m_stream(std::move(stream)),
+          m_uri(m_stream->getURI()),
+          m_opening(opening) {}
 
     ~HookedStream() override {
         try {
@@ -131,6 +134,7 @@ protected:
         FileOperation operation{};
         operation.kind = kind;
         operation.uri = m_uri;
+        operation.opening = m_opening;
         operation.position = position;
         operation.length = length;
         return operation;
@@ -160,6 +164,7 @@ protected:
     yx::P<HookedFileSystem> m_fileSystem;
     yx::P<yx::IIOStream> m_stream;
     yx::CURI m_uri;
+    int m_opening;
     bool m_isClosed = false;
 };
 
@@ -257,12 +262,13 @@ yx::P<yx::IIOStream> HookedFileSystem::openFile(yx::CURI const& uri, yx::IIOStre
     FileOperation operation{};
     operation.kind = Kind::Open;
     operation.uri = uri;
+    operation.opening = ++m_openings;
     operation.access = access;
     yx::P<yx::IIOStream> stream;
     run(operation, [&] { stream = m_fileSystem->openFile(uri, access, reserved); });
     if (dynamic_cast<yx::IGatherOutStream*>(stream.get()))
-        return yx::makeObject<HookedGatherStream>(this, std::move(stream));
-    return yx::makeObject<HookedStream>(this, std::move(stream));
+        return yx::makeObject<HookedGatherStream>(this, std::move(stream), operation.opening);
+    return yx::makeObject<HookedStream>(this, std::move(stream), operation.opening);
 }
 
 bool HookedFileSystem::fileExists(yx::CURI const& uri) {

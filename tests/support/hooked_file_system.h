@@ -31,6 +31,10 @@ struct FileOperation {
     Kind kind;
     yx::CURI uri;
 
+    /// Which opening of the file system the stream comes from, counted from 1, also for `Open`; 0
+    /// for `Exists` and `Delete`.
+    int opening = 0;
+
     /// Where a read, a write or a lock begins; the new position of a seek; else 0.
     long long position = 0;
 
@@ -85,6 +89,7 @@ public:
 private:
     yx::P<yx::IFileSystem> m_fileSystem;
     Hook m_hook;
+    int m_openings = 0;
 };
 
 } // namespace test_support
