@@ -19,7 +19,10 @@ public:
 /// Tells long work to stop. May be set from another thread and from a signal handler.
 class CancelFlag {
 public:
+    /// Tells the work to stop; nothing takes that back.
     void set() noexcept { m_set.store(true, std::memory_order_relaxed); }
+
+    /// Whether the work was told to stop.
     bool isSet() const noexcept { return m_set.load(std::memory_order_relaxed); }
 
     /// Throws `CancelledError` if the flag is set.
@@ -38,6 +41,7 @@ private:
 /// a process.
 class SignalCancellation {
 public:
+    /// `flag` must outlive the object.
     explicit SignalCancellation(CancelFlag& flag);
     SignalCancellation(SignalCancellation const&) = delete;
     SignalCancellation& operator=(SignalCancellation const&) = delete;

@@ -22,6 +22,7 @@ public:
 /// The content of a disk. The disk must outlive the reader.
 class DiskContentReader : public ContentReader {
 public:
+    /// Starts at the disk's first byte.
     explicit DiskContentReader(SafeDisk& disk) : m_disk(disk) {}
 
     __int64 getLength() const override { return m_disk.getSizeBytes(); }
@@ -37,6 +38,7 @@ private:
 /// The content of a raw image. The source must outlive the reader.
 class RawContentReader : public ContentReader {
 public:
+    /// Goes on where the source stands.
     explicit RawContentReader(RawSource& source) : m_source(source) {}
 
     __int64 getLength() const override { return m_source.getLength(); }
@@ -48,6 +50,7 @@ private:
     RawSource& m_source;
 };
 
+/// What a comparison found.
 struct Comparison {
     /// Where the first byte differs, if one does.
     std::optional<__int64> firstDifferenceBytes;
@@ -60,6 +63,7 @@ struct Comparison {
     __int64 leftBytes = 0;
     __int64 rightBytes = 0;
 
+    /// Whether nothing differs.
     bool isEqual() const { return differingBytes == 0; }
 };
 

@@ -1,47 +1,40 @@
 #include "host/disk_check.h"
 
 #include <algorithm>
+#include <memory>
+#include <optional>
 #include <vector>
 
+#include "host/check_errors.h"
+#include "host/error_text.h"
 #include "host/extent_check.h"
-#include "host/password_errors.h"
+#include "host/file_names.h"
+#include "host/grain_check.h"
 #include "kelm/format/constants.h"
-#include "kelm/format/file_reference.h"
 
 namespace kelm::host {
 
 namespace {
 
-constexpr int kMaxChainLength = 255;
-
-/// Whether an error tells of the caller's situation, not of the disk's state.
-bool isNoFinding(yx::CError const& error) {
-    return dynamic_cast<CancelledError const*>(&error) ||
-           dynamic_cast<yx::CLockFileError const*>(&error) || isPasswordMissing(error) ||
-           isPasswordWrong(error);
-}
-
 class DiskCheck {
 public:
     DiskCheck(yx::IFileSystem* fileSystem, yx::String const& password,
               TransferOptions const& options, FindingCallback const& report)
-        : m_fileSystem(fileSystem),
-          m_password(password),
-          m_options(options),
-          m_throttle(options.progress),
-          m_report(report) {}
+        : m_fileSystem(fileSystem), m_password(password), m_options(options), m_report(report) {}
 
     void checkChain(yx::CURI uri) {
-        for (int length = 0; !uri.isEmpty(); ++length) {
-            if (length == kMaxChainLength) {
-                find(uri, "the chain of parents is too long");
-                return;
-            }
-            if (length > 0 && !m_fileSystem->fileExists(uri)) {
+        std::vector<yx::CURI> checked;
+        while (!uri.isEmpty()) {
+            if (!checked.empty() && !m_fileSystem->fileExists(uri)) {
                 find(uri, "the parent does not exist");
                 return;
             }
+            checked.push_back(uri.toNormalized());
             uri = checkOneDisk(uri);
+            if (std::find(checked.begin(), checked.end(), uri) != checked.end()) {
+                find(checked.back(), "the chain of parents leads back to " + displayName(uri));
+                return;
+            }
         }
     }
 
@@ -50,103 +43,79 @@ public:
 private:
     void find(yx::CURI const& file, std::string const& text) {
         ++m_findingCount;
-        m_report(file, text);
-    }
-
-    /// Runs a part of the check; an error that it ends with is a finding about `file`.
-    template <class Step>
-    void attempt(yx::CURI const& file, std::string const& what, Step const& step) {
-        try {
-            step();
-        } catch (yx::CError const& error) {
-            if (isNoFinding(error))
-                throw;
-            find(file, what + error.getMessage().toStdString());
-        }
+        m_report(file, inOneLine(text));
     }
 
     /// Returns the URI of the parent, empty if there is none or it cannot be known.
     yx::CURI checkOneDisk(yx::CURI const& uri) {
-        yx::CURI parent;
-        attempt(uri, "the disk cannot be opened: ", [&] {
-            SafeDisk disk(m_fileSystem.get(), uri, yx::IIOStream::ReadOnly, m_password);
-            checkContentID(disk);
-            parent = disk.getDisk().getParentDiskMainURI();
-            checkExtents(disk);
-            checkGrains(disk);
+        std::unique_ptr<SafeDisk> disk;
+        auto const failure = findingOf([&] {
+            disk = std::make_unique<SafeDisk>(m_fileSystem.get(), uri, yx::IIOStream::ReadOnly,
+                                              m_password);
         });
-        return parent;
+        if (failure) {
+            find(uri, "the disk cannot be opened: " + *failure);
+            return {};
+        }
+        checkContentID(*disk);
+        checkExtents(*disk);
+        checkGrains(*disk, m_options, [&](std::string const& text) { find(uri, text); });
+        return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
+                                 : yx::CURI();
     }
 
     void checkContentID(SafeDisk& disk) {
         yx::P<CVMDKDescriptor> const descriptor = disk.getDisk().getDescriptor();
-        unsigned int const contentID = descriptor->getContentID();
-        if (m_childIsKnown && contentID != m_expectedContentID) {
-            find(disk.getDisk().getMainFileURI(),
-                 "the parent has changed: its content ID is " +
-                     yx::toHexString(contentID).toStdString() + ", the child was made of " +
-                     yx::toHexString(m_expectedContentID).toStdString());
+        yx::CURI const uri = disk.getDisk().getMainFileURI();
+        unsigned int contentID = 0;
+        auto const failure = findingOf([&] { contentID = descriptor->getContentID(); });
+        if (failure) {
+            find(uri, "the disk has no content ID: " + *failure);
+        } else if (m_expectedContentID && contentID != *m_expectedContentID) {
+            find(uri, "the parent has changed: its content ID is " +
+                          yx::toHexString(contentID).toStdString() + ", the child was made of " +
+                          yx::toHexString(*m_expectedContentID).toStdString());
         }
-        m_childIsKnown = true;
         m_expectedContentID = descriptor->getParentContentID();
     }
 
     void checkExtents(SafeDisk& disk) {
-        yx::P<CVMDKDescriptor> const descriptor = disk.getDisk().getDescriptor();
-        yx::CURI const folder = disk.getDisk().getMainFileURI().getParent();
-        yx::TArray<yx::P<CVMDKExtentInfo>> infos;
-        descriptor->getExtentEntries(infos);
-        __int64 startSectors = 0;
-        __int64 const grainSizeSectors = disk.getGrainSizeBytes() / kSectorSizeBytes;
-        for (yx::P<CVMDKExtentInfo> const& info : infos) {
-            yx::CURI const uri = vmdkFileReferenceToURI(folder, info->getFilename());
-            bool const mayBeMissing = descriptor->getYxCreateExtentFilesOnDemand();
-            if (m_fileSystem->fileExists(uri)) {
-                checkExtentFile(uri, {info->getSizeSectors(),
-                                      (startSectors + grainSizeSectors - 1) / grainSizeSectors});
-            } else if (!mayBeMissing) {
-                find(uri, "the file is missing");
+        __int64 const grainSizeBytes = disk.getGrainSizeBytes();
+        for (DiskExtent const& extent : disk.listExtents()) {
+            if (m_fileSystem->fileExists(extent.uri)) {
+                checkExtentFile(extent.uri,
+                                {(extent.endBytes - extent.startBytes) / kSectorSizeBytes,
+                                 (extent.startBytes + grainSizeBytes - 1) / grainSizeBytes,
+                                 grainSizeBytes / kSectorSizeBytes,
+                                 disk.getDisk().getCompressed()});
+            } else if (!disk.createsExtentFilesOnDemand()) {
+                find(extent.uri, "the file is missing");
             }
-            startSectors += info->getSizeSectors();
         }
     }
 
     void checkExtentFile(yx::CURI const& uri, ExtentPlace const& place) {
-        attempt(uri, "", [&] {
+        yx::P<yx::IIOStream> stream;
+        auto const failure = findingOf([&] {
             unsigned int reserved = 0;
-            yx::P<yx::IIOStream> const stream =
-                m_fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &reserved);
-            checkExtent(*stream, place, m_options.cancel,
-                        [&](std::string const& text) { find(uri, text); });
+            stream = m_fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &reserved);
         });
-    }
-
-    /// Decodes every grain that the disk itself holds. Those of the parents come with the parents.
-    void checkGrains(SafeDisk& disk) {
-        yx::TBuffer<unsigned char> grain(static_cast<int>(disk.getGrainSizeBytes()), -1);
-        for (__int64 index = 0; index < disk.getGrainCount(); ++index) {
-            __int64 const startBytes = index * disk.getGrainSizeBytes();
-            if (m_options.cancel)
-                m_options.cancel->check();
-            m_throttle.report(startBytes, disk.getSizeBytes());
-            attempt(disk.getDisk().getMainFileURI(), "grain " + std::to_string(index) + ": ", [&] {
-                if (disk.isGrainWrittenHere(index)) {
-                    disk.read(startBytes, grain.getData(),
-                              static_cast<int>(std::min(disk.getGrainSizeBytes(),
-                                                        disk.getSizeBytes() - startBytes)));
-                }
-            });
+        if (failure) {
+            find(uri, *failure);
+            return;
         }
+        checkExtent(*stream, place, m_options.cancel,
+                    [&](std::string const& text) { find(uri, text); });
     }
 
     yx::P<yx::IFileSystem> m_fileSystem;
     yx::String const& m_password;
     TransferOptions const& m_options;
-    ProgressThrottle m_throttle;
     FindingCallback const& m_report;
     __int64 m_findingCount = 0;
-    bool m_childIsKnown = false;
-    unsigned int m_expectedContentID = 0;
+
+    /// What a disk that was checked says of the parent's content.
+    std::optional<unsigned int> m_expectedContentID;
 };
 
 } // namespace

@@ -14,7 +14,8 @@ namespace kelm::host {
 
 namespace {
 
-/// What the text of a descriptor must have, soon after its start.
+/// The comment that a descriptor usually begins with, and what it must have, in small letters.
+constexpr std::string_view kDescriptorTitle = "# disk descriptorfile";
 constexpr std::string_view kDescriptorKey = "createtype";
 constexpr std::size_t kProbeSizeBytes = 1024;
 
@@ -48,6 +49,8 @@ bool looksLikeDescriptor(std::string_view start) {
         if (character >= 'A' && character <= 'Z')
             character = static_cast<char>(character - 'A' + 'a');
     }
+    if (lower.starts_with(kDescriptorTitle))
+        return true;
     return lower.find(kDescriptorKey) != std::string::npos &&
            lower.find('\0') >= lower.find(kDescriptorKey);
 }

@@ -12,7 +12,10 @@ bool isDiskMainFile(std::string const& path);
 
 /// What a file takes on its file system, in bytes.
 struct FileUse {
+    /// Whether the file is there; if not, the sizes are 0.
     bool exists = false;
+
+    /// With the holes.
     __int64 lengthBytes = 0;
 
     /// Without the holes.

@@ -6,30 +6,61 @@ namespace kelm::host {
 
 namespace {
 
-GrainPlace findPlace(SafeDisk& disk, __int64 grainIndex) {
-    if (disk.isGrainWrittenHere(grainIndex))
+GrainPlace findPlace(CVMDKDisk& disk, __int64 positionBytes) {
+    disk.seek(positionBytes);
+    if (disk.isGrainWrittenAndIndependentOfParent())
         return GrainPlace::Here;
-    if (disk.hasParent() && disk.isGrainWritten(grainIndex))
-        return GrainPlace::Parent;
-    return GrainPlace::Absent;
+    return disk.isGrainWritten() ? GrainPlace::Parent : GrainPlace::Absent;
 }
+
+/// Puts neighbours of one place together.
+class RunJoiner {
+public:
+    explicit RunJoiner(std::function<void(GrainRun const&)> const& use) : m_use(use) {}
+
+    void add(GrainRun const& part) {
+        if (part.place == m_run.place) {
+            m_run.lengthBytes += part.lengthBytes;
+            return;
+        }
+        finish();
+        m_run = part;
+    }
+
+    void finish() {
+        if (m_run.lengthBytes > 0)
+            m_use(m_run);
+    }
+
+private:
+    std::function<void(GrainRun const&)> const& m_use;
+    GrainRun m_run;
+};
 
 } // namespace
 
-std::vector<GrainRun> mapDisk(SafeDisk& disk, TransferOptions const& options) {
+void forEachGrainRun(SafeDisk& disk, TransferOptions const& options,
+                     std::function<void(GrainRun const&)> const& use) {
     ProgressThrottle throttle(options.progress);
-    std::vector<GrainRun> runs;
-    __int64 const grainSizeBytes = disk.getGrainSizeBytes();
-    for (__int64 index = 0; index < disk.getGrainCount(); ++index) {
-        if (options.cancel)
-            options.cancel->check();
-        __int64 const startBytes = index * grainSizeBytes;
-        throttle.report(startBytes, disk.getSizeBytes());
-        GrainPlace const place = findPlace(disk, index);
-        if (runs.empty() || runs.back().place != place)
-            runs.push_back({startBytes, 0, place});
-        runs.back().lengthBytes += std::min(grainSizeBytes, disk.getSizeBytes() - startBytes);
+    RunJoiner joiner(use);
+    // Extent by extent, since one may begin within a grain of the disk.
+    for (DiskExtent const& extent : disk.listExtents()) {
+        for (__int64 position = extent.startBytes; position < extent.endBytes;) {
+            if (options.cancel)
+                options.cancel->check();
+            throttle.report(position, disk.getSizeBytes());
+            __int64 const length = std::min(disk.getGrainSizeBytes(), extent.endBytes - position);
+            joiner.add({position, length, findPlace(disk.getDisk(), position)});
+            position += length;
+        }
     }
+    joiner.finish();
+    throttle.report(disk.getSizeBytes(), disk.getSizeBytes());
+}
+
+std::vector<GrainRun> mapDisk(SafeDisk& disk, TransferOptions const& options) {
+    std::vector<GrainRun> runs;
+    forEachGrainRun(disk, options, [&runs](GrainRun const& run) { runs.push_back(run); });
     return runs;
 }
 

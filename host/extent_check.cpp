@@ -1,13 +1,16 @@
 #include "host/extent_check.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
+#include <optional>
 #include <vector>
 
+#include "host/check_errors.h"
+#include "host/sector_map.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
 #include "kelm/format/sparse_extent_header.h"
+#include "kelm/graindata/data_preparer.h"
 #include "kelm/graindata/grain_record.h"
 
 namespace kelm::host {
@@ -15,9 +18,17 @@ namespace kelm::host {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+using Report = std::function<void(std::string const&)>;
 
-constexpr __int64 kTrailSectors = 3;
 constexpr __int64 kCipherBlockSizeBytes = 16;
+constexpr int kSlotSizeEntrySizeBytes = kSlotSizeTableSizeBytes / kGrainTableEntryCount;
+constexpr int kGrainTableEntrySizeBytes = kGrainTableSizeBytes / kGrainTableEntryCount;
+
+/// How much of a file is looked at for overlaps in one go: 128 GiB, for 32 MiB of memory.
+constexpr __int64 kStretchSectors = 1LL << 28;
+
+/// Tables name sectors in 32 bits.
+constexpr __int64 kMaxReachSectors = 1LL << 32;
 
 /// The least-significant byte comes first.
 __int64 numberAt(Bytes const& bytes, __int64 offset, int size) {
@@ -27,257 +38,349 @@ __int64 numberAt(Bytes const& bytes, __int64 offset, int size) {
     return static_cast<__int64>(value);
 }
 
+/// Where the tables of one run of grains are; -1 for one that is not known.
+struct TablePlaces {
+    __int64 table = -1;
+    __int64 redundantTable = -1;
+    __int64 slotSizeTable = -1;
+};
+
+/// What the tables of one run of grains hold; no slot sizes where no table has them.
+struct Tables {
+    Bytes entries;
+    Bytes slotSizes;
+};
+
 class ExtentCheck {
 public:
     ExtentCheck(yx::IIOStream& stream, ExtentPlace const& place, CancelFlag const* cancel,
-                std::function<void(std::string const&)> const& report)
+                Report const& report)
         : m_stream(stream), m_place(place), m_cancel(cancel), m_report(report) {}
 
     void run() {
-        m_stream.seek(0);
-        yx::CDataInStream in(&m_stream);
-        m_header.load(in);
-        m_fileSectors = m_stream.getLength() / kSectorSizeBytes;
-        if (!checkHeader())
+        if (!readHeader() || !checkHeader())
             return;
-        m_compressed = (m_header.getFlags() & kFlagCompressed) != 0;
         m_tableCount = getVMDKTableCount(m_grainCount);
-        checkTables();
-        checkOverlaps();
+        if (m_tableCount > 0 && findDirectories())
+            checkStretches();
         if (m_compressed)
             checkTrail();
     }
 
 private:
-    struct Slot {
-        unsigned int startSectors;
-        unsigned int sizeSectors;
-    };
-
-    /// The tables of one run of grains.
-    struct Tables {
-        Bytes entries;
-        Bytes slotSizes;
-    };
+    /// Reports what belongs to no stretch of the file, once.
+    void find(std::string const& text) {
+        if (m_isFirstStretch)
+            m_report(text);
+    }
 
     bool isInFile(__int64 sector, __int64 bytes) const {
         return sector > 0 && sector <= m_fileSectors &&
-               bytes <= m_stream.getLength() - sector * kSectorSizeBytes;
+               bytes <= m_fileBytes - sector * kSectorSizeBytes;
     }
 
-    Bytes readAt(__int64 sector, __int64 bytes) {
+    /// Reads a stretch that is in the file. Nothing, with a finding, if that fails.
+    std::optional<Bytes> readAt(__int64 sector, __int64 bytes, std::string const& name) {
         Bytes data(static_cast<std::size_t>(bytes));
-        m_stream.seek(sector * kSectorSizeBytes);
-        m_stream.read(data.data(), static_cast<int>(bytes));
-        return data;
+        auto const failure = findingOf([&] {
+            m_stream.seek(sector * kSectorSizeBytes);
+            m_stream.read(data.data(), static_cast<int>(bytes));
+        });
+        if (!failure)
+            return data;
+        find(name + " cannot be read: " + *failure);
+        return std::nullopt;
+    }
+
+    bool readHeader() {
+        auto const failure = findingOf([this] {
+            m_fileBytes = m_stream.getLength();
+            m_fileSectors = m_fileBytes / kSectorSizeBytes;
+            m_stream.seek(0);
+            yx::CDataInStream in(&m_stream);
+            m_header.load(in);
+        });
+        if (failure)
+            find(*failure);
+        return !failure;
     }
 
     bool checkHeader() {
         auto const capacity = m_header.getCapacitySectors();
         auto const grainSize = m_header.getGrainSizeSectors();
         constexpr unsigned long long kLimit = std::numeric_limits<__int64>::max() / 1024;
-        if (grainSize == 0 || grainSize > kLimit || capacity > kLimit) {
-            m_report("the header's sizes are not possible");
+        if (grainSize == 0 || grainSize > CVMDKDataPreparer::kMaxGrainSizeSectors ||
+            capacity > kLimit) {
+            find("the header's sizes are not possible");
             return false;
         }
         if (m_header.getGrainTableEntryCount() != kGrainTableEntryCount) {
-            m_report("the header's tables have " +
-                     std::to_string(m_header.getGrainTableEntryCount()) + " entries, not " +
-                     std::to_string(kGrainTableEntryCount));
+            find("the header's tables have " + std::to_string(m_header.getGrainTableEntryCount()) +
+                 " entries, not " + std::to_string(kGrainTableEntryCount));
             return false;
         }
         m_grainSizeSectors = static_cast<__int64>(grainSize);
         m_grainCount =
             (static_cast<__int64>(capacity) + m_grainSizeSectors - 1) / m_grainSizeSectors;
-        if (static_cast<__int64>(capacity) != m_place.sizeSectors) {
-            m_report("the header has a capacity of " + std::to_string(capacity) +
-                     " sectors, the descriptor says " + std::to_string(m_place.sizeSectors));
-        }
+        m_compressed = (m_header.getFlags() & kFlagCompressed) != 0;
+        compareWithDisk();
         if (m_header.getUncleanShutdown())
-            m_report("the header says that the disk was not closed");
+            find("the header says that the disk was not closed");
         return true;
     }
 
-    /// The directory at `sector`, empty with a finding if it is not in the file.
-    Bytes readDirectory(unsigned long long sector, char const* what) {
-        auto const start = static_cast<__int64>(std::min<unsigned long long>(
-            sector, static_cast<unsigned long long>(m_fileSectors) + 1));
-        __int64 const bytes = m_tableCount * kDirectoryEntrySizeBytes;
-        if (bytes <= std::numeric_limits<int>::max() && isInFile(start, bytes))
-            return readAt(start, bytes);
-        m_report(std::string(what) + " lies outside the file");
-        return {};
+    void compareWithDisk() {
+        auto const capacity = static_cast<__int64>(m_header.getCapacitySectors());
+        if (capacity != m_place.sizeSectors) {
+            find("the header has a capacity of " + std::to_string(capacity) +
+                 " sectors, the descriptor says " + std::to_string(m_place.sizeSectors));
+        }
+        if (m_grainSizeSectors != m_place.grainSizeSectors) {
+            find("the header has a grain size of " + std::to_string(m_grainSizeSectors) +
+                 " sectors, the disk has one of " + std::to_string(m_place.grainSizeSectors));
+        }
+        if (m_compressed != m_place.compressed) {
+            find(m_compressed ? "the extent is compressed, the disk is not"
+                              : "the extent is not compressed, the disk is");
+        }
     }
 
-    void checkTables() {
-        if (m_tableCount == 0)
-            return;
-        Bytes const directory =
-            readDirectory(m_header.getGrainDirectoryOffsetSectors(), "the grain directory");
-        if (directory.empty())
-            return;
-        Bytes redundant;
-        if (m_header.getRedundantGrainDirectoryOffsetSectors() != 0) {
-            redundant = readDirectory(m_header.getRedundantGrainDirectoryOffsetSectors(),
-                                      "the redundant grain directory");
+    /// Whether all directories can be read that there must be.
+    bool findDirectories() {
+        m_directorySector = m_header.getGrainDirectoryOffsetSectors();
+        m_redundantDirectorySector = m_header.getRedundantGrainDirectoryOffsetSectors();
+        if (m_tableCount > m_fileBytes / kGrainTableSizeBytes) {
+            find("the file is too short for the tables of " + std::to_string(m_grainCount) +
+                 " grains");
+            return false;
         }
-        Bytes const slotDirectory = m_compressed ? readSlotDirectory(directory) : Bytes();
-        for (__int64 table = 0; table < m_tableCount; ++table) {
-            if (m_cancel)
-                m_cancel->check();
-            checkTable(table, directory, redundant, slotDirectory);
+        if (!isDirectoryInFile(m_directorySector)) {
+            find("the grain directory lies outside the file");
+            return false;
         }
+        if (m_redundantDirectorySector != 0 && !isDirectoryInFile(m_redundantDirectorySector)) {
+            find("the redundant grain directory lies outside the file");
+            m_redundantDirectorySector = 0;
+        }
+        if (m_compressed)
+            findSlotSizeDirectory();
+        return true;
+    }
+
+    bool isDirectoryInFile(unsigned long long sector) const {
+        return sector <= static_cast<unsigned long long>(m_fileSectors) &&
+               isInFile(static_cast<__int64>(sector), m_tableCount * kDirectoryEntrySizeBytes);
     }
 
     /// Behind the last table; disks of other makers have none.
-    Bytes readSlotDirectory(Bytes const& directory) {
-        __int64 const marker = tablePosition(directory, m_tableCount - 1) + kGrainTableSizeSectors;
+    void findSlotSizeDirectory() {
+        TablePlaces const last = readPlaces(m_tableCount - 1);
+        __int64 const marker = std::max(last.table, last.redundantTable) + kGrainTableSizeSectors;
         if (!isInFile(marker, kSectorSizeBytes))
-            return {};
-        Bytes const sector = readAt(marker, kSectorSizeBytes);
-        if (!isVMDKMarker(sector.data(), VMDKMarkerYxSlotSizeDirectory, nullptr))
-            return {};
-        return readDirectory(static_cast<unsigned long long>(marker + 1),
-                             "the slot size directory");
+            return;
+        std::optional<Bytes> const sector =
+            readAt(marker, kSectorSizeBytes, "the marker of the slot size directory");
+        if (!sector || !isVMDKMarker(sector->data(), VMDKMarkerYxSlotSizeDirectory, nullptr))
+            return;
+        if (isDirectoryInFile(static_cast<unsigned long long>(marker + 1)))
+            m_slotSizeDirectorySector = static_cast<unsigned long long>(marker + 1);
+        else
+            find("the slot size directory lies outside the file");
     }
 
-    static __int64 tablePosition(Bytes const& directory, __int64 table) {
-        return numberAt(directory, table * kDirectoryEntrySizeBytes, kDirectoryEntrySizeBytes);
+    /// The entry of a directory; -1 where there is no directory.
+    __int64 readPlace(unsigned long long directorySector, __int64 table) {
+        if (directorySector == 0)
+            return -1;
+        Bytes entry(kDirectoryEntrySizeBytes);
+        m_stream.seek(static_cast<__int64>(directorySector) * kSectorSizeBytes +
+                      table * kDirectoryEntrySizeBytes);
+        m_stream.read(entry.data(), kDirectoryEntrySizeBytes);
+        return numberAt(entry, 0, kDirectoryEntrySizeBytes);
     }
 
-    void checkTable(__int64 table, Bytes const& directory, Bytes const& redundant,
-                    Bytes const& slotDirectory) {
+    TablePlaces readPlaces(__int64 table) {
+        TablePlaces places;
+        auto const failure = findingOf([&] {
+            places.table = readPlace(m_directorySector, table);
+            places.redundantTable = readPlace(m_redundantDirectorySector, table);
+            places.slotSizeTable = readPlace(m_slotSizeDirectorySector, table);
+        });
+        if (failure)
+            find("the directories cannot be read: " + *failure);
+        return places;
+    }
+
+    void checkStretches() {
+        __int64 const reachSectors = std::min(m_fileSectors, kMaxReachSectors);
+        for (__int64 start = 0; start < reachSectors; start += kStretchSectors) {
+            SectorMap taken(start, std::min(kStretchSectors, reachSectors - start));
+            m_isFirstStretch = start == 0;
+            for (__int64 table = 0; table < m_tableCount; ++table) {
+                if (m_cancel)
+                    m_cancel->check();
+                checkTable(table, taken);
+            }
+        }
+        m_isFirstStretch = true;
+    }
+
+    void checkTable(__int64 table, SectorMap& taken) {
         std::string const name = "grain table " + std::to_string(table);
-        __int64 const position = tablePosition(directory, table);
-        if (!isInFile(position, kGrainTableSizeBytes)) {
-            m_report(name + " lies outside the file");
+        TablePlaces const places = readPlaces(table);
+        if (!isInFile(places.table, kGrainTableSizeBytes)) {
+            find(name + " lies outside the file");
             return;
         }
-        Tables tables;
-        tables.entries = readAt(position, kGrainTableSizeBytes);
-        if (!redundant.empty())
-            checkRedundantTable(name, tables.entries, position, tablePosition(redundant, table));
-        if (!slotDirectory.empty()) {
-            __int64 const slotTable = tablePosition(slotDirectory, table);
-            if (isInFile(slotTable, kSlotSizeTableSizeBytes))
-                tables.slotSizes = readAt(slotTable, kSlotSizeTableSizeBytes);
-            else
-                m_report("slot size table " + std::to_string(table) + " lies outside the file");
+        // Its grains would be findings too, each of them twice.
+        if (taken.take(places.table, kGrainTableSizeSectors) != -1) {
+            m_report(name + " shares its place with something else");
+            return;
         }
+        std::optional<Bytes> entries = readAt(places.table, kGrainTableSizeBytes, name);
+        if (!entries)
+            return;
+        Tables tables{std::move(*entries), {}};
+        if (m_isFirstStretch && m_redundantDirectorySector != 0)
+            checkRedundantTable(name, tables.entries, places);
+        if (m_slotSizeDirectorySector != 0)
+            tables.slotSizes = readSlotSizes(table, places);
         for (int entry = 0; entry < kGrainTableEntryCount; ++entry)
-            checkEntry(table * kGrainTableEntryCount + entry, entry, tables);
+            checkEntry(table * kGrainTableEntryCount + entry, entry, tables, taken);
     }
 
-    void checkRedundantTable(std::string const& name, Bytes const& entries, __int64 position,
-                             __int64 redundantPosition) {
-        if (redundantPosition == position)
-            m_report(name + " is its own redundant copy");
-        else if (!isInFile(redundantPosition, kGrainTableSizeBytes))
-            m_report("the redundant copy of " + name + " lies outside the file");
-        else if (readAt(redundantPosition, kGrainTableSizeBytes) != entries)
-            m_report(name + " differs from its redundant copy");
+    void checkRedundantTable(std::string const& name, Bytes const& entries,
+                             TablePlaces const& places) {
+        std::string const copyName = "the redundant copy of " + name;
+        if (places.redundantTable == places.table) {
+            find(name + " is its own redundant copy");
+        } else if (!isInFile(places.redundantTable, kGrainTableSizeBytes)) {
+            find(copyName + " lies outside the file");
+        } else {
+            std::optional<Bytes> const copy =
+                readAt(places.redundantTable, kGrainTableSizeBytes, copyName);
+            if (copy && *copy != entries)
+                find(name + " differs from its redundant copy");
+        }
     }
 
-    void checkEntry(__int64 grain, __int64 entry, Tables const& tables) {
-        __int64 const position = numberAt(tables.entries, entry * 4, 4);
+    Bytes readSlotSizes(__int64 table, TablePlaces const& places) {
+        std::string const name = "slot size table " + std::to_string(table);
+        if (!isInFile(places.slotSizeTable, kSlotSizeTableSizeBytes)) {
+            find(name + " lies outside the file");
+            return {};
+        }
+        return readAt(places.slotSizeTable, kSlotSizeTableSizeBytes, name).value_or(Bytes());
+    }
+
+    void checkEntry(__int64 grain, __int64 entry, Tables const& tables, SectorMap& taken) {
+        __int64 const position =
+            numberAt(tables.entries, entry * kGrainTableEntrySizeBytes, kGrainTableEntrySizeBytes);
         if (position == 0)
             return;
         std::string const name = "grain " + std::to_string(grain + m_place.startGrainIndex);
         if (grain >= m_grainCount) {
-            m_report("the entry of " + name + " is set, which is behind the end");
+            find("the entry of " + name + " is set, which is behind the end");
             return;
         }
-        if (position < static_cast<__int64>(m_header.getOverheadSectors())) {
-            m_report(name + " lies in the metadata");
+        if (position < static_cast<__int64>(std::min<unsigned long long>(
+                           m_header.getOverheadSectors(), kMaxReachSectors))) {
+            find(name + " lies in the metadata");
             return;
         }
         if (!isInFile(position, m_compressed ? kSectorSizeBytes : 1)) {
-            m_report(name + " lies outside the file");
+            find(name + " lies outside the file");
             return;
         }
-        __int64 size = m_grainSizeSectors;
-        if (m_compressed)
-            size = checkRecord(name, grain, position,
-                               tables.slotSizes.empty() ? -1
-                                                        : numberAt(tables.slotSizes, entry * 2, 2));
+        __int64 const size = checkSlot(name, grain, position, tables.slotSizes, entry);
         if (!isInFile(position, size * kSectorSizeBytes))
-            m_report(name + " reaches behind the end of the file");
-        m_slots.push_back({static_cast<unsigned int>(position), static_cast<unsigned int>(size)});
+            find(name + " reaches behind the end of the file");
+        __int64 const shared = taken.take(position, size);
+        if (shared != -1)
+            m_report(name + " shares its place with something else, at sector " +
+                     std::to_string(shared));
+        m_dataEndSectors = std::max(m_dataEndSectors, position + size);
     }
 
-    /// Returns the size of the record's slot. `slotSectors` is -1 where no table has it.
-    __int64 checkRecord(std::string const& name, __int64 grain, __int64 position,
-                        __int64 slotSectors) {
-        Bytes const record = readAt(position, kSectorSizeBytes);
-        if (numberAt(record, kGrainRecordLBAOffset, 8) !=
-            (grain + m_place.startGrainIndex) * m_grainSizeSectors)
-            m_report("the record of " + name + " names another grain");
-        __int64 const compressedBytes = numberAt(record, kGrainRecordCompressedSizeOffset, 4);
-        __int64 storedBytes = compressedBytes;
-        if (m_header.getEncryptionExtensionEnabled() &&
-            m_header.getEncryptionAlgorithm() != kEncryptionAlgorithmNone)
-            storedBytes = roundUpToMultiple(compressedBytes, kCipherBlockSizeBytes);
-        __int64 const recordSectors = roundUpToSectors(kGrainRecordHeaderSizeBytes + storedBytes);
-        if (slotSectors == -1)
-            return recordSectors;
-        if (recordSectors > slotSectors)
-            m_report("the record of " + name + " does not fit its slot");
+    /// Returns the size of the slot in sectors.
+    __int64 checkSlot(std::string const& name, __int64 grain, __int64 position,
+                      Bytes const& slotSizes, __int64 entry) {
+        if (!m_compressed)
+            return m_grainSizeSectors;
+        if (slotSizes.empty())
+            return checkRecord(name, grain, position);
+        __int64 const slotSectors =
+            numberAt(slotSizes, entry * kSlotSizeEntrySizeBytes, kSlotSizeEntrySizeBytes);
+        if (m_isFirstStretch && checkRecord(name, grain, position) > slotSectors)
+            find("the record of " + name + " does not fit its slot");
         return slotSectors;
     }
 
-    void checkOverlaps() {
-        std::sort(m_slots.begin(), m_slots.end(), [](Slot const& left, Slot const& right) {
-            return left.startSectors < right.startSectors;
-        });
-        __int64 freeFrom = 0;
-        for (Slot const& slot : m_slots) {
-            if (slot.startSectors < freeFrom) {
-                m_report("two grains share the place at sector " +
-                         std::to_string(slot.startSectors));
-            }
-            freeFrom = std::max<__int64>(freeFrom, static_cast<__int64>(slot.startSectors) +
-                                                       slot.sizeSectors);
-        }
-        m_dataEndSectors = freeFrom;
+    /// Returns how many sectors the record takes; 0 for one that cannot be read.
+    __int64 checkRecord(std::string const& name, __int64 grain, __int64 position) {
+        std::optional<Bytes> const record =
+            readAt(position, kSectorSizeBytes, "the record of " + name);
+        if (!record)
+            return 0;
+        // Without a sign, since the index of a bad descriptor may be anything.
+        auto const lba = static_cast<unsigned long long>(grain + m_place.startGrainIndex) *
+                         static_cast<unsigned long long>(m_grainSizeSectors);
+        if (loadGrainRecordLBA(record->data()) != lba)
+            find("the record of " + name + " names another grain");
+        __int64 storedBytes = loadGrainRecordCompressedSize(record->data());
+        if (m_header.getEncryptionExtensionEnabled() &&
+            m_header.getEncryptionAlgorithm() != kEncryptionAlgorithmNone)
+            storedBytes = roundUpToMultiple(storedBytes, kCipherBlockSizeBytes);
+        return roundUpToSectors(kGrainRecordHeaderSizeBytes + storedBytes);
     }
 
     void checkTrail() {
         __int64 const start = m_fileSectors - kTrailSectors;
-        if (m_stream.getLength() % kSectorSizeBytes != 0 || !isInFile(start, 1)) {
-            m_report("the file does not end in whole sectors");
+        if (m_fileBytes % kSectorSizeBytes != 0 || !isInFile(start, 1)) {
+            find("the file does not end in whole sectors");
             return;
         }
         if (start < m_dataEndSectors)
-            m_report("the grains reach into the trail");
-        if (!isVMDKMarker(readAt(start, kSectorSizeBytes).data(), VMDKMarkerFooter, nullptr))
-            m_report("the trail has no footer marker");
-        if (readAt(start + 1, kSectorSizeBytes) != readFirstSector())
-            m_report("the footer is no copy of the header");
-        if (!isVMDKMarker(readAt(start + 2, kSectorSizeBytes).data(), VMDKMarkerEndOfStream,
-                          nullptr))
-            m_report("the trail has no end-of-stream marker");
+            find("the grains reach into the trail");
+        std::optional<Bytes> const trail =
+            readAt(start, kTrailSectors * kSectorSizeBytes, "the trail");
+        std::optional<Bytes> const header = readAt(0, kSectorSizeBytes, "the header");
+        if (!trail || !header)
+            return;
+        unsigned char const* const footer = trail->data() + kSectorSizeBytes;
+        if (!isVMDKMarker(trail->data(), VMDKMarkerFooter, nullptr))
+            find("the trail has no footer marker");
+        if (!std::equal(header->begin(), header->end(), footer))
+            find("the footer is no copy of the header");
+        if (!isVMDKMarker(footer + kSectorSizeBytes, VMDKMarkerEndOfStream, nullptr))
+            find("the trail has no end-of-stream marker");
     }
 
-    Bytes readFirstSector() { return readAt(0, kSectorSizeBytes); }
-
     yx::IIOStream& m_stream;
-    ExtentPlace const& m_place;
+    ExtentPlace m_place;
     CancelFlag const* m_cancel;
-    std::function<void(std::string const&)> const& m_report;
+    Report const& m_report;
     CVMDKSparseExtentHeader m_header;
+    __int64 m_fileBytes = 0;
     __int64 m_fileSectors = 0;
     __int64 m_grainSizeSectors = 0;
     __int64 m_grainCount = 0;
     __int64 m_tableCount = 0;
-    __int64 m_dataEndSectors = 0;
     bool m_compressed = false;
-    std::vector<Slot> m_slots;
+
+    /// 0 for a directory that is not there.
+    unsigned long long m_directorySector = 0;
+    unsigned long long m_redundantDirectorySector = 0;
+    unsigned long long m_slotSizeDirectorySector = 0;
+
+    bool m_isFirstStretch = true;
+    __int64 m_dataEndSectors = 0;
 };
 
 } // namespace
 
 void checkExtent(yx::IIOStream& stream, ExtentPlace const& place, CancelFlag const* cancel,
-                 std::function<void(std::string const&)> const& report) {
+                 Report const& report) {
     ExtentCheck(stream, place, cancel, report).run();
 }
 

@@ -11,10 +11,16 @@ namespace kelm::host {
 /// Owns a file descriptor of the operating system, or borrows one of the standard streams.
 class FileDescriptor {
 public:
+    /// None.
     FileDescriptor() = default;
+
+    /// Takes a descriptor over, and closes it at the end.
     static FileDescriptor own(int value) { return FileDescriptor(value, true); }
+
+    /// Uses a descriptor that stays open, such as a standard stream.
     static FileDescriptor borrow(int value) { return FileDescriptor(value, false); }
 
+    /// Moving hands the descriptor over; a moved-from object has none, or what the target had.
     FileDescriptor(FileDescriptor&& other) noexcept
         : m_value(std::exchange(other.m_value, -1)), m_owned(other.m_owned) {}
     FileDescriptor& operator=(FileDescriptor&& other) noexcept {
@@ -24,7 +30,10 @@ public:
     }
     ~FileDescriptor();
 
+    /// The operating system's number; -1 for none.
     int get() const { return m_value; }
+
+    /// Whether there is a descriptor.
     bool isOpen() const { return m_value >= 0; }
 
 private:

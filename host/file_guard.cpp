@@ -19,8 +19,8 @@ bool contains(std::vector<yx::CURI> const& uris, yx::CURI const& uri) {
 
 } // namespace
 
-FileGuard::FileGuard(yx::IFileSystem* fileSystem, bool overwrite)
-    : m_fileSystem(fileSystem), m_overwrite(overwrite) {}
+FileGuard::FileGuard(yx::IFileSystem* fileSystem, bool overwrite, CancelFlag const* cancel)
+    : m_fileSystem(fileSystem), m_overwrite(overwrite), m_cancel(cancel) {}
 
 FileGuard::~FileGuard() {
     if (m_kept)
@@ -61,6 +61,8 @@ yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Acc
     bool const mayMakeFile =
         access == yx::IIOStream::ReadWrite && !isLockFile(uri) && !wasMadeHere(uri);
     if (mayMakeFile) {
+        if (m_cancel)
+            m_cancel->check();
         if (m_fileSystem->fileExists(uri)) {
             verifyMayReplace(uri);
             // Nothing of the old file may shine through behind the end of the new one.

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "host/cancel.h"
 #include "yx/file_system.h"
 
 namespace kelm::host {
@@ -13,8 +14,9 @@ namespace kelm::host {
 class FileGuard : public yx::CBase, public virtual yx::IFileSystem {
 public:
     /// With `overwrite`, files that were there before may be replaced and deleted; what replaced
-    /// them is taken away like any new file.
-    FileGuard(yx::IFileSystem* fileSystem, bool overwrite);
+    /// them is taken away like any new file. `cancel`, which may be null and must outlive the guard,
+    /// is looked at before each new file, since a disk may have thousands.
+    FileGuard(yx::IFileSystem* fileSystem, bool overwrite, CancelFlag const* cancel = nullptr);
     FileGuard(FileGuard const&) = delete;
     FileGuard& operator=(FileGuard const&) = delete;
 
@@ -29,9 +31,13 @@ public:
     /// being read consists of them. Trying to is `CIOError` `NotAllowed` with "uri".
     void protect(std::vector<yx::CURI> const& files);
 
+    /// What was protected, as normalised URIs.
+    std::vector<yx::CURI> const& getProtectedFiles() const { return m_protected; }
+
     /// Opening for writing a file that was there before is `CIOError` `AlreadyExists` with "uri".
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* reserved) override;
+
     bool fileExists(yx::CURI const& uri) override;
 
     /// Deleting a file that was there before is `CIOError` `AlreadyExists` with "uri".
@@ -43,6 +49,7 @@ private:
 
     yx::P<yx::IFileSystem> m_fileSystem;
     bool m_overwrite;
+    CancelFlag const* m_cancel;
     bool m_kept = false;
     std::vector<yx::CURI> m_made;
     std::vector<yx::CURI> m_protected;

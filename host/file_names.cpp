@@ -100,6 +100,16 @@ std::string displayName(yx::CURI const& uri) {
                                      : uri.toString(true).toStdString();
 }
 
+bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file) {
+    try {
+        return vmdkFileReferenceToURI(folder, reference) == file.toNormalized();
+    } catch (yx::CError& error) {
+        // A name such as "a:5%" reads as a URI, and as one that is wrong.
+        error.nop();
+        return false;
+    }
+}
+
 yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file) {
     yx::CURI const target = file.toNormalized();
     std::vector<wxString> const from = splitPath(folder.toNormalized());
@@ -120,8 +130,7 @@ yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file) {
     // that its reader takes for a sign of something else, only the reader knows.
     bool const storable = relative.wx().find_first_of("\"\n\r") == wxString::npos &&
                           relative.wx() == relative.wx().Strip(wxString::both);
-    return storable && vmdkFileReferenceToURI(folder, relative) == target ? relative
-                                                                          : target.toString(true);
+    return storable && isReferenceTo(folder, relative, target) ? relative : target.toString(true);
 }
 
 } // namespace kelm::host

@@ -16,6 +16,9 @@ yx::CURI uriFromArgument(std::string const& argument);
 /// How to show a file to a user: the path of a `file:` URI, the text of any other.
 std::string displayName(yx::CURI const& uri);
 
+/// Whether a descriptor in `folder` that says `reference` means `file`.
+bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file);
+
 /// The text by which a descriptor in `folder` refers to `file`: a relative path if `file` lies in or
 /// below the folder or beside it, otherwise its URI. Read back by `vmdkFileReferenceToURI`.
 yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file);

@@ -126,6 +126,7 @@ GrainPipeline::Item& GrainPipeline::takeOldest() {
 void GrainPipeline::recycle() {
     std::lock_guard const lock(m_mutex);
     itemAt(m_taken).done = false;
+    itemAt(m_taken).error = nullptr;
     itemAt(m_taken).result.reset();
     ++m_taken;
 }

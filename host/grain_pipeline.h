@@ -20,7 +20,9 @@ namespace kelm::host {
 ///     owner: getFree, fill, submit  ->  workers  ->  owner: takeOldest, use, recycle
 class GrainPipeline {
 public:
+    /// One grain on its way.
     struct Item {
+        /// The grain's index in the disk. The pipeline does not look at it.
         __int64 grainIndex = 0;
 
         /// What the owner fills, and whether that is a grain in prepared form.
@@ -66,7 +68,8 @@ public:
     bool isBusy() const { return m_submitted != m_taken; }
 
     /// Waits for the oldest item on its way and returns it; what its work threw is thrown. There
-    /// must be one. It is the owner's until `recycle`.
+    /// must be one. It is the owner's until `recycle`, which is due after a throw too if the pipeline
+    /// is to go on.
     Item& takeOldest();
 
     /// Frees the item of the last `takeOldest`.

@@ -1,5 +1,6 @@
 #include "host/password.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -7,6 +8,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "host/cancel.h"
 #include "host/file_descriptor.h"
 #include "yx/buffer.h"
 #include "yx/error.h"
@@ -55,6 +57,9 @@ Password readFrom(int fileDescriptor, std::string const& path, bool oneLine) {
             throwTooLong();
         unsigned char* const next = bytes.getData() + bytes.getUsed();
         ssize_t const count = ::read(fileDescriptor, next, 1);
+        // Only a signal that the process listens to comes through, and that is the wish to stop.
+        if (count < 0 && errno == EINTR)
+            throw CancelledError();
         if (count < 0)
             throwSystemError("Cannot read the password", path);
         atEnd = count == 0 || (oneLine && *next == '\n');
@@ -99,6 +104,8 @@ Password& Password::operator=(Password const& other) {
 
 Password readPasswordFile(std::string const& path) {
     FileDescriptor const file = FileDescriptor::own(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.isOpen() && errno == EINTR)
+        throw CancelledError();
     if (!file.isOpen())
         throwSystemError("Cannot open the password file", path);
     return readFrom(file.get(), path, false);

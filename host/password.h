@@ -9,13 +9,22 @@ namespace kelm::host {
 /// A password in memory, overwritten when it is given up.
 class Password {
 public:
+    /// The empty password.
     Password() = default;
+
+    /// A copy of `text`, whose owner wipes the original.
     explicit Password(yx::String const& text) : m_text(text) {}
+
     Password(Password const&) = default;
+
+    /// Overwrites the old password first.
     Password& operator=(Password const& other);
     ~Password() { m_text.wipe(); }
 
+    /// The text, as long as the object is unchanged.
     yx::String const& get() const { return m_text; }
+
+    /// Whether there is no password.
     bool isEmpty() const { return m_text.isEmpty(); }
 
 private:
@@ -23,7 +32,8 @@ private:
 };
 
 /// Passwords are UTF-8 and at most 4096 bytes. A line end at the end does not count. What cannot be
-/// read or is too long is `yx::CIOError`, an unset variable `NotFound`.
+/// read or is too long is `yx::CIOError`, an unset variable `NotFound`. A signal that ends the
+/// waiting for a password is `CancelledError`.
 Password readPasswordFile(std::string const& path);
 Password readPasswordFileDescriptor(int fileDescriptor);
 Password readPasswordVariable(std::string const& name);

@@ -83,9 +83,14 @@ ProgressBar::ProgressBar(char const* label, int fileDescriptor)
       m_startNanoseconds(nowNanoseconds()) {}
 
 ProgressBar::~ProgressBar() {
+    hide();
+}
+
+void ProgressBar::hide() {
     constexpr char kClearLine[] = "\r\x1b[K";
     if (m_shown)
         writeLine(m_fileDescriptor, kClearLine);
+    m_shown = false;
 }
 
 void ProgressBar::show(__int64 doneBytes, __int64 totalBytes) {

@@ -14,6 +14,7 @@ using ProgressCallback = std::function<void(__int64 doneBytes, __int64 totalByte
 /// Calls a callback no more often than a person can read, so that work may tell it everything.
 class ProgressThrottle {
 public:
+    /// `callback` may be empty: then nothing is reported.
     explicit ProgressThrottle(ProgressCallback callback);
 
     /// `totalBytes` of -1 means that nobody knows.
@@ -34,7 +35,11 @@ public:
     ProgressBar& operator=(ProgressBar const&) = delete;
     ~ProgressBar();
 
+    /// Draws the line. `totalBytes` of -1 means that nobody knows.
     void show(__int64 doneBytes, __int64 totalBytes);
+
+    /// Takes the line off the terminal, so that other text can go there, until the next `show`.
+    void hide();
 
     /// A callback that shows; the bar must outlive it.
     ProgressCallback callback();

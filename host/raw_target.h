@@ -43,11 +43,13 @@ private:
 
     /// The file itself, which the path may be a link to.
     std::string m_realPath;
+
     Kind m_kind = Kind::Pipe;
     bool m_finished = false;
 
     /// Whether the file holds nothing but what was written here.
     bool m_isOurs = false;
+
     __int64 m_positionBytes = 0;
 };
 

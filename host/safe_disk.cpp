@@ -1,10 +1,15 @@
 #include "host/safe_disk.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "host/file_names.h"
+#include "host/slot_repair.h"
 #include "kelm/format/constants.h"
 #include "yx/lock_file.h"
+#include "yx/log.h"
+#include "yx/memory_file_system.h"
+#include "yx/mt_rand.h"
 
 namespace kelm::host {
 
@@ -15,26 +20,51 @@ constexpr int kNoCacheLimit = -1;
 /// How the library tells that a parent's grains cannot be passed on as they are.
 constexpr char kParentIncompatibleMessage[] = "Parent disk is incompatible with diff disk.";
 
-constexpr std::size_t kMaxChainLength = 255;
+/// What the error of a lock that nobody holds begins with: its file cannot be made, opened or
+/// locked.
+constexpr char kLockNotTakenPrefix[] = "Cannot take the lock file: ";
 
-/// What enciphering can add to a prepared grain, and the trail behind the last one.
+/// What enciphering can add to a prepared grain.
 constexpr __int64 kEncipheringSectors = 1;
-constexpr __int64 kTrailSectors = 3;
 
 /// Room for a text descriptor to grow: an encoding line and longer content IDs.
 constexpr __int64 kDescriptorRoomBytes = __int64{4} * kSectorSizeBytes;
 
+yx::CURI lockURIOf(yx::CURI const& uri) {
+    return uri.getParent() << (uri.getName() + ".lock");
+}
+
+/// A reader's lock on a disk that is about to be opened; null where it cannot be had although
+/// nobody holds it, as on read-only media.
+///
+/// A disk that is opened for reading goes on without a lock if there is no lock file, also when the
+/// lock was refused and its holder took the file away only then. The next writer would not notice
+/// such a reader.
+yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
+    try {
+        return yx::makeObject<yx::CLockFile>(fileSystem, lockURIOf(uri), yx::CLockFile::Shared,
+                                             false, true);
+    } catch (yx::CLockFileError const& error) {
+        if (!error.getMessage().wx().StartsWith(kLockNotTakenPrefix))
+            throw;
+        return nullptr;
+    }
+}
+
 yx::P<CVMDKDisk> openDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                           yx::IIOStream::Access access, yx::String const& password,
-                          int compressionLevel) {
+                          int compressionLevel, int readCacheLimit) {
     // Opening for writing would make the main file.
     if (!fileSystem->fileExists(uri)) {
         throw yx::CIOError(yx::CIOError::NotFound, "The disk does not exist.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
-    yx::P<CVMDKGrainTableCache> cache;
-    if (access == yx::IIOStream::ReadWrite)
-        cache = yx::makeObject<CVMDKGrainTableCache>(kNoCacheLimit);
+    yx::P<CVMDKGrainTableCache> const cache = yx::makeObject<CVMDKGrainTableCache>(
+        access == yx::IIOStream::ReadWrite ? kNoCacheLimit : readCacheLimit);
+    // Until the disk has its own.
+    yx::P<yx::CLockFile> lock;
+    if (access == yx::IIOStream::ReadOnly)
+        lock = takeReaderLock(fileSystem, uri);
     return yx::makeObject<CVMDKDisk>(fileSystem, uri, access, password, compressionLevel,
                                      cache.get(), nullptr);
 }
@@ -71,23 +101,46 @@ void verifyFitsOneFile(NewDisk const& request) {
 void verifyIsNotInUse(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     if (!fileSystem->fileExists(uri))
         return;
-    yx::CURI const lockURI = uri.getParent() << (uri.getName() + ".lock");
-    yx::CLockFile const lock(fileSystem, lockURI, yx::CLockFile::Exclusive, false, true);
+    yx::CLockFile const lock(fileSystem, lockURIOf(uri), yx::CLockFile::Exclusive, false, true);
 }
 
-/// Keeps a disk's content ID while its content stays the same, so that its children still know it.
-class ContentIDPause {
-public:
-    explicit ContentIDPause(CVMDKDisk& disk) : m_disk(disk) {
-        m_disk.setContentIDUpdatesEnabled(false);
-    }
-    ContentIDPause(ContentIDPause const&) = delete;
-    ContentIDPause& operator=(ContentIDPause const&) = delete;
-    ~ContentIDPause() { m_disk.setContentIDUpdatesEnabled(true); }
+/// Brings a file that is closed to the device, whoever wrote it, and its name too. A stream flushes
+/// what is on its file only if it wrote there itself.
+void syncFile(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
+    yx::P<yx::IIOStream> const stream =
+        openVMDKFileStream(fileSystem, uri, yx::IIOStream::ReadWrite);
+    unsigned char first = 0;
+    stream->read(&first, 1);
+    stream->seek(0);
+    stream->write(&first, 1, nullptr);
+    stream->flush();
+    stream->close();
+}
 
-private:
-    CVMDKDisk& m_disk;
-};
+/// A value that is written with as many digits as `contentID`, and is neither that nor one of the
+/// two that mean no disk.
+unsigned int drawContentIDLike(unsigned int contentID) {
+    std::size_t const digits = yx::toHexString(contentID).toStdString().size();
+    for (;;) {
+        yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
+        unsigned int const drawn = yx::CMTRand::getGlobal()->rand32() >> (32 - 4 * digits);
+        if (drawn != 0 && drawn != kNoParentContentID && drawn != contentID &&
+            yx::toHexString(drawn).toStdString().size() == digits)
+            return drawn;
+    }
+}
+
+/// Whether a file holds nothing but parts of `whole`, its first sector aside.
+bool isPartOf(yx::TBuffer<unsigned char> const& whole, yx::TBuffer<unsigned char> const& part) {
+    for (int at = kSectorSizeBytes; at < part.getUsed(); at += kSectorSizeBytes) {
+        auto const size =
+            static_cast<std::size_t>(std::min<int>(kSectorSizeBytes, part.getUsed() - at));
+        if (!yx::isAllZero(part.getData() + at, size) &&
+            std::memcmp(part.getData() + at, whole.getData() + at, size) != 0)
+            return false;
+    }
+    return true;
+}
 
 /// A record from an enciphered disk ends with its data. Stored like that, in another enciphered
 /// disk, it would be enciphered without the padding that belongs to a record.
@@ -111,7 +164,7 @@ void verifyName(yx::CURI const& uri) {
         refuse("The name of a disk must not end in '.lock'.");
     yx::String const name = uri.getName();
     bool const storable = name.wx().find_first_of("\"\n\r") == wxString::npos &&
-                          vmdkFileReferenceToURI(uri.getParent(), name) == uri.toNormalized();
+                          isReferenceTo(uri.getParent(), name, uri);
     if (!storable)
         refuse("A disk cannot have this name, since its descriptor could not name its files.");
 }
@@ -119,13 +172,15 @@ void verifyName(yx::CURI const& uri) {
 } // namespace
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
-                   yx::String const& password, int compressionLevel)
-    : SafeDisk(fileSystem, openDisk(fileSystem, uri, access, password, compressionLevel)) {
+                   yx::String const& password, int compressionLevel, int readCacheLimit)
+    : SafeDisk(fileSystem,
+               openDisk(fileSystem, uri, access, password, compressionLevel, readCacheLimit)) {
     if (access != yx::IIOStream::ReadWrite)
         return;
     verifyWholeGrainExtents();
     verifyExtentFilesExist();
     giveDescriptorRoom();
+    recoverFromPowerCut();
 }
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk)
@@ -136,6 +191,8 @@ SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk)
       m_preparer(disk->createDataPreparer()) {
     m_worstCaseGrainBytes = calcWorstCaseGrainBytes(*m_preparer);
     collectExtents();
+    // It is changed here, by `changeContentID`.
+    m_disk->setContentIDUpdatesEnabled(false);
 }
 
 std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri,
@@ -161,8 +218,14 @@ std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri
                       request.compressionLevel, request.fileSizeLimitBytes, parentRelPath,
                       parentContentID, request.createExtentFilesOnDemand);
     // Opened anew, for the cache without limit.
-    return std::make_unique<SafeDisk>(files, uri, yx::IIOStream::ReadWrite, request.password,
-                                      request.compressionLevel);
+    std::unique_ptr<SafeDisk> disk(
+        new SafeDisk(files, openDisk(files, uri, yx::IIOStream::ReadWrite, request.password,
+                                     request.compressionLevel, kNoCacheLimit)));
+    for (yx::CURI const& file : disk->listFiles()) {
+        if (files->fileExists(file))
+            syncFile(files, file);
+    }
+    return disk;
 }
 
 void SafeDisk::collectExtents() {
@@ -174,7 +237,8 @@ void SafeDisk::collectExtents() {
         if (endBytes % getGrainSizeBytes() != 0)
             m_extentsAreWholeGrains = false;
         endBytes += info->getSizeSectors() * kSectorSizeBytes;
-        m_extents.push_back({endBytes, vmdkFileReferenceToURI(folder, info->getFilename()), -1});
+        m_extents.push_back({endBytes, vmdkFileReferenceToURI(folder, info->getFilename()), -1,
+                             !m_createsExtentFilesOnDemand});
     }
 }
 
@@ -217,6 +281,97 @@ void SafeDisk::giveDescriptorRoom() {
     stream->close();
 }
 
+void SafeDisk::recoverFromPowerCut() {
+    for (DiskExtent const& extent : listExtents()) {
+        if (!m_fileSystem->fileExists(extent.uri))
+            continue;
+        if (m_createsExtentFilesOnDemand && extent.startBytes > 0 && isUnfinished(extent)) {
+            yx::logWarning("Removing the unfinished extent file '" + extent.uri.toString(true) +
+                           "'. It holds no data.");
+            m_fileSystem->deleteFile(extent.uri, true);
+        } else if (m_disk->getCompressed()) {
+            repairSlotsOf(extent);
+        }
+    }
+}
+
+/// Whether a file is a part of an empty extent file, as a power cut leaves it that comes while the
+/// file is made. Such a file cannot be opened, and it holds no data.
+bool SafeDisk::isUnfinished(DiskExtent const& extent) {
+    auto const empty = yx::makeObject<yx::CMemoryFileSystem>();
+    makeExtentFile(empty.get(), extent);
+    yx::TBuffer<unsigned char> const whole = empty->getFile(extent.uri);
+    yx::P<yx::IIOStream> const stream =
+        openVMDKFileStream(m_fileSystem.get(), extent.uri, yx::IIOStream::ReadOnly);
+    if (stream->getLength() > whole.getUsed())
+        return false;
+    yx::TBuffer<unsigned char> part(static_cast<int>(stream->getLength()), -1);
+    stream->read(part.getData(), part.getUsed());
+    bool const isWhole = part.getUsed() == whole.getUsed() &&
+                         std::memcmp(part.getData(), whole.getData(),
+                                     static_cast<std::size_t>(whole.getUsed())) == 0;
+    return !isWhole && isPartOf(whole, part);
+}
+
+void SafeDisk::repairSlotsOf(DiskExtent const& extent) {
+    yx::P<yx::IIOStream> const stream =
+        openVMDKFileStream(m_fileSystem.get(), extent.uri, yx::IIOStream::ReadWrite);
+    ExtentPlace place;
+    place.startGrainIndex = extent.startBytes / getGrainSizeBytes();
+    __int64 const count = repairSlots(*stream, place);
+    if (count > 0) {
+        yx::logWarning("Repaired the sizes of " + yx::toString(count) +
+                       " slots in the extent file '" + extent.uri.toString(true) + "'.");
+    }
+    stream->close();
+}
+
+void SafeDisk::makeExtentFile(yx::IFileSystem* fileSystem, DiskExtent const& extent) {
+    yx::TBuffer<unsigned char> zeroBuffer(static_cast<int>(getGrainSizeBytes()), -1);
+    yx::initMemory(zeroBuffer.getData(), 0, static_cast<std::size_t>(zeroBuffer.getUsed()));
+    yx::P<CVMDKDescriptor> const descriptor = m_disk->getDescriptor();
+    yx::TBuffer<unsigned char> keyHash;
+    if (!descriptor->getYxEncryptionAlgorithm().isEmpty())
+        keyHash = descriptor->getYxEncryptionKeyHash();
+    createEmptyVMDKSparseExtentFile(fileSystem, extent.uri, m_disk->getCompressed(),
+                                    (extent.endBytes - extent.startBytes) / getGrainSizeBytes(),
+                                    getGrainSizeBytes() / kSectorSizeBytes, zeroBuffer, nullptr, 0,
+                                    keyHash);
+}
+
+void SafeDisk::makeExtentFilesOnDemand(__int64 positionBytes, __int64 bytes) {
+    if (!m_createsExtentFilesOnDemand)
+        return;
+    __int64 startBytes = 0;
+    for (Extent& extent : m_extents) {
+        bool const isReached =
+            extent.endBytes > positionBytes && startBytes < positionBytes + bytes;
+        if (isReached && !extent.isThere) {
+            if (!m_fileSystem->fileExists(extent.uri)) {
+                makeExtentFile(m_fileSystem.get(), {extent.uri, startBytes, extent.endBytes});
+                syncFile(m_fileSystem.get(), extent.uri);
+            }
+            extent.isThere = true;
+        }
+        startBytes = extent.endBytes;
+    }
+}
+
+void SafeDisk::changeContentID() {
+    if (m_hasNewContentID)
+        return;
+    yx::P<CVMDKDescriptor> const descriptor = m_disk->getDescriptor();
+    unsigned int const oldContentID = descriptor->getContentID();
+    descriptor->setContentID(drawContentIDLike(oldContentID));
+    try {
+        m_disk->storeDescriptor();
+    } catch (...) {
+        descriptor->setContentID(oldContentID);
+        throw;
+    }
+    m_hasNewContentID = true;
+}
+
 std::vector<yx::CURI> SafeDisk::listFiles() {
     std::vector<yx::CURI> files{m_disk->getMainFileURI()};
     for (Extent const& extent : m_extents) {
@@ -224,6 +379,16 @@ std::vector<yx::CURI> SafeDisk::listFiles() {
             files.push_back(extent.uri);
     }
     return files;
+}
+
+std::vector<DiskExtent> SafeDisk::listExtents() const {
+    std::vector<DiskExtent> extents;
+    __int64 startBytes = 0;
+    for (Extent const& extent : m_extents) {
+        extents.push_back({extent.uri, startBytes, extent.endBytes});
+        startBytes = extent.endBytes;
+    }
+    return extents;
 }
 
 __int64 SafeDisk::getGrainCount() const {
@@ -285,6 +450,8 @@ void SafeDisk::read(__int64 positionBytes, void* buffer, int bytes) {
 }
 
 void SafeDisk::writePlain(__int64 positionBytes, void const* buffer, int bytes) {
+    changeContentID();
+    makeExtentFilesOnDemand(positionBytes, bytes);
     m_disk->seek(positionBytes);
     m_disk->write(buffer, bytes);
     m_haveUnflushedWrites = true;
@@ -351,6 +518,7 @@ void SafeDisk::writeZerosToGrain(__int64 positionBytes, int bytes) {
         return;
     yx::initMemory(range, 0, rangeSize);
     reserveRoom(positionBytes, bytes);
+    changeContentID();
     if (!m_hasParent || !yx::isAllZero(grain, static_cast<std::size_t>(grainBytes)))
         writePlain(positionBytes, range, bytes);
     else if (isWholeGrain(grainIndex))
@@ -369,6 +537,7 @@ void SafeDisk::storeZeroGrain(__int64 grainIndex) {
         m_preparedZeroGrain = m_preparer->prepareGrainData(zeroGrain.get(), 0, aux.get());
     }
     m_preparer->patchGrainIndexInPreparedGrainData(*m_preparedZeroGrain, grainIndex);
+    makeExtentFilesOnDemand(grainIndex * getGrainSizeBytes(), 1);
     m_disk->seek(grainIndex * getGrainSizeBytes());
     m_disk->writePreparedGrainData(*m_preparedZeroGrain);
 }
@@ -386,7 +555,12 @@ void SafeDisk::zeroShortGrain(__int64 grainStartBytes, int grainBytes) {
 
 void SafeDisk::writePreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& data) {
     __int64 const positionBytes = grainIndex * getGrainSizeBytes();
+    verifyMayWrite(positionBytes, 0);
     reserveRoom(positionBytes, getGrainSizeBytes());
+    if (isWholeGrain(grainIndex)) {
+        changeContentID();
+        makeExtentFilesOnDemand(positionBytes, 1);
+    }
     m_disk->seek(positionBytes);
     m_disk->writePreparedGrainData(data);
 }
@@ -418,7 +592,8 @@ void SafeDisk::makeGrainIndependentOfParent(__int64 grainIndex) {
     if (isGrainWrittenHere(grainIndex) || !isGrainWritten(grainIndex))
         return;
     reserveRoom(grainIndex * getGrainSizeBytes(), 1);
-    ContentIDPause const pause(*m_disk);
+    makeExtentFilesOnDemand(grainIndex * getGrainSizeBytes(), 1);
+    // The content stays the same, and so does the content ID: its children still know the disk.
     // `CVMDKDisk::makeGrainIndependentOfParent` would take a record from an enciphered parent
     // without its padding.
     if (!tryReadPreparedGrain(grainIndex, m_parentsGrain)) {

@@ -13,12 +13,6 @@ namespace {
 using Buffer = yx::TBuffer<unsigned char>;
 using Item = GrainPipeline::Item;
 
-int threadCountOf(TransferOptions const& options) {
-    if (options.threads > 0)
-        return options.threads;
-    return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
-}
-
 /// What every transfer does between two grains.
 class Ticker {
 public:
@@ -370,10 +364,16 @@ void convertBytes(SafeDisk& from, SafeDisk& to, Ticker& ticker) {
 
 } // namespace
 
+int countThreads(TransferOptions const& options) {
+    if (options.threads > 0)
+        return options.threads;
+    return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+}
+
 void importRaw(RawSource& source, SafeDisk& disk, TransferOptions const& options) {
     Ticker ticker(options, source.getLength());
     if (disk.getDisk().getCompressed() && !disk.hasParent())
-        importCompressed(source, disk, threadCountOf(options), ticker);
+        importCompressed(source, disk, countThreads(options), ticker);
     else
         importDirectly(source, disk, ticker);
     disk.flush();
@@ -384,7 +384,7 @@ void exportRaw(SafeDisk& disk, RawTarget& target, TransferOptions const& options
     Ticker ticker(options, disk.getSizeBytes());
     ImageWriter writer(disk, target);
     if (disk.getDisk().getCompressed())
-        exportCompressed(disk, writer, threadCountOf(options), ticker);
+        exportCompressed(disk, writer, countThreads(options), ticker);
     else
         exportPlain(disk, writer, ticker);
     writer.finish();
@@ -401,7 +401,7 @@ void convertDisk(SafeDisk& from, SafeDisk& to, TransferOptions const& options) {
     }
     Ticker ticker(options, from.getSizeBytes());
     if (from.getGrainSizeBytes() == to.getGrainSizeBytes())
-        convertGrains(from, to, threadCountOf(options), ticker);
+        convertGrains(from, to, countThreads(options), ticker);
     else
         convertBytes(from, to, ticker);
     to.flush();

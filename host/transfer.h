@@ -8,14 +8,20 @@
 
 namespace kelm::host {
 
+/// How a transfer is to go about its work.
 struct TransferOptions {
     /// Workers that compress and decompress; 0 for as many as the machine has cores.
     int threads = 0;
+
+    /// Is told how far the work has come; may be empty.
     ProgressCallback progress;
 
     /// May be null. When it is set, the transfer ends with `CancelledError`.
     CancelFlag const* cancel = nullptr;
 };
+
+/// How many workers these options ask for.
+int countThreads(TransferOptions const& options);
 
 /// Copies a raw image to the start of a disk, and flushes the disk. Zeros take no space. On a child
 /// disk only grains that differ from the parent are stored. What lies behind the image's end stays. An image longer than the disk is

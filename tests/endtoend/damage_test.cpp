@@ -72,7 +72,18 @@ TEST_F(Damage, GrainsThatOverlapAreFound) {
     makeDisk({});
     std::string const table = readFile("disk.vmdk").substr(firstTable(), 4);
     patchBothTables(1, table);
-    expectFinding("two grains share the place at sector " + std::to_string(grain(0) / kSector));
+    expectFinding("grain 1 shares its place with something else, at sector " +
+                  std::to_string(grain(0) / kSector) + "\n");
+}
+
+TEST_F(Damage, GrainsThatOverlapFarBehindAreFound) {
+    makeDisk({});
+    patchBothTables(1, std::string("\x40\x00\x00\x12", 4));
+    patchBothTables(2, std::string("\x80\x00\x00\x12", 4));
+    // A file of 160 GiB, but for its hole, which is more than is looked at in one go.
+    std::filesystem::resize_file(path("disk.vmdk"), std::uintmax_t{160} << 30);
+    expectFinding("grain 2 shares its place with something else, at sector " +
+                  std::to_string(0x12000080) + "\n1 finding\n");
 }
 
 TEST_F(Damage, CapacityThatIsNotTheDescriptorsIsFound) {
@@ -141,6 +152,23 @@ TEST_F(Damage, ChangedParentIsFound) {
     EXPECT_EQ(outcome.status, 1) << outcome.err;
     EXPECT_NE(outcome.out.find(path("disk.vmdk") + ": the parent has changed: "), std::string::npos)
         << outcome.out;
+}
+
+TEST_F(Damage, FindingsComeInOrderWhateverTheThreads) {
+    makeDisk({"--compressed"});
+    for (std::size_t const index : {0, 1, 3})
+        patchFile("disk.vmdk", grain(index) + 12, "\xff\xff\xff\xff");
+    Outcome const one = run({"check", "disk.vmdk", "--threads", "1"});
+    Outcome const many = run({"check", "disk.vmdk", "--threads", "4"});
+    EXPECT_EQ(one.status, 1);
+    EXPECT_EQ(one.out, many.out);
+    std::size_t const first = one.out.find("grain 0: ");
+    std::size_t const second = one.out.find("grain 1: ");
+    std::size_t const third = one.out.find("grain 3: ");
+    EXPECT_LT(first, second) << one.out;
+    EXPECT_LT(second, third) << one.out;
+    EXPECT_NE(third, std::string::npos) << one.out;
+    EXPECT_NE(one.out.find("3 findings\n"), std::string::npos) << one.out;
 }
 
 TEST_F(Damage, NoiseIsNoDisk) {

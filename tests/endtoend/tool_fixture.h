@@ -8,47 +8,19 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
+#include "tests/support/running_program.h"
 #include "tests/support/temp_directory.h"
 
 namespace endtoend {
 
-using Arguments = std::vector<std::string>;
+using test_support::Arguments;
+using test_support::Outcome;
 
-/// What a run of the program left behind.
-struct Outcome {
-    /// The exit status, -1 if a signal ended the program.
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-/// A program that runs, with standard input and output as pipes.
-class RunningTool {
+/// The program kelm, running.
+class RunningTool : public test_support::RunningProgram {
 public:
-    explicit RunningTool(std::filesystem::path const& folder, Arguments const& arguments);
-    RunningTool(RunningTool const&) = delete;
-    RunningTool& operator=(RunningTool const&) = delete;
-    ~RunningTool();
-
-    /// Writes to the program's standard input, as far as the program reads.
-    void feed(std::string const& bytes);
-    void closeInput();
-
-    /// Reads that many bytes of the program's standard output, fewer at its end.
-    std::string readOutput(std::size_t bytes);
-
-    void signal(int number);
-
-    /// Closes the program's input, reads all of its output, and waits for its end.
-    Outcome finish();
-
-private:
-    pid_t m_id = -1;
-    int m_input = -1;
-    int m_output = -1;
-    std::filesystem::path m_errorFile;
+    RunningTool(std::filesystem::path const& folder, Arguments const& arguments);
 };
 
 /// Runs the program in a folder of its own, as a user would.

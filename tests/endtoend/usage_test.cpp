@@ -11,7 +11,7 @@ TEST_F(Usage, WithoutACommandIsWrong) {
 }
 
 TEST_F(Usage, VersionIsPrinted) {
-    EXPECT_EQ(runWell({"--version"}), "kelm 0.1.0\n");
+    EXPECT_EQ(runWell({"--version"}), "kelm 1.0.0\n");
 }
 
 TEST_F(Usage, EveryCommandHasHelpWithAnExample) {

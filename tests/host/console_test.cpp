@@ -114,6 +114,28 @@ TEST(Progress, BarIsShownOnATerminalAndGoesAway) {
     ::close(slave);
 }
 
+TEST(Progress, BarMakesRoomForOtherText) {
+    int master = -1;
+    int slave = -1;
+    ASSERT_EQ(0, ::openpty(&master, &slave, nullptr, nullptr, nullptr));
+    {
+        ProgressBar bar("check", slave);
+        bar.hide();
+        bar.show(1 << 20, 2 << 20);
+        bar.hide();
+        bar.hide();
+    }
+    ASSERT_EQ(1, ::write(slave, "!", 1));
+    std::string text;
+    char byte = 0;
+    while (text.find('!') == std::string::npos && ::read(master, &byte, 1) == 1)
+        text += byte;
+    EXPECT_EQ(0U, text.find("\rcheck  50%")) << text;
+    EXPECT_EQ(text.size() - 8, text.find("\x1b[K\r\x1b[K!")) << text;
+    ::close(master);
+    ::close(slave);
+}
+
 class PasswordTest : public HostTest {
 protected:
     std::string putFile(std::string const& content) {
@@ -187,12 +209,13 @@ TEST_F(PasswordTest, GivenUpPasswordIsOverwritten) {
 }
 
 /// Runs a prompt on a terminal of its own and plays the user. Returns what the terminal showed.
-struct Session {
+struct PromptPlay {
     std::string shown;
     std::string result;
 };
 
-Session playPrompt(bool twice, std::vector<std::pair<std::string, std::string>> const& dialogue) {
+PromptPlay playPrompt(bool twice,
+                      std::vector<std::pair<std::string, std::string>> const& dialogue) {
     int result[2];
     EXPECT_EQ(0, ::pipe(result));
     int master = -1;
@@ -208,16 +231,16 @@ Session playPrompt(bool twice, std::vector<std::pair<std::string, std::string>> 
         ::_exit(0);
     }
     ::close(result[1]);
-    Session session;
-    auto const readMore = [&session, master] {
+    PromptPlay play;
+    auto const readMore = [&play, master] {
         char part[256];
         ssize_t const count = ::read(master, part, sizeof part);
         if (count > 0)
-            session.shown.append(part, static_cast<std::size_t>(count));
+            play.shown.append(part, static_cast<std::size_t>(count));
         return count > 0;
     };
     for (auto const& [prompt, answer] : dialogue) {
-        while (session.shown.find(prompt) == std::string::npos && readMore())
+        while (play.shown.find(prompt) == std::string::npos && readMore())
             continue;
         EXPECT_EQ(static_cast<ssize_t>(answer.size()),
                   ::write(master, answer.data(), answer.size()));
@@ -226,30 +249,30 @@ Session playPrompt(bool twice, std::vector<std::pair<std::string, std::string>> 
         continue;
     char part[256];
     for (ssize_t count = 0; (count = ::read(result[0], part, sizeof part)) > 0;)
-        session.result.append(part, static_cast<std::size_t>(count));
+        play.result.append(part, static_cast<std::size_t>(count));
     ::close(result[0]);
     ::close(master);
     ::waitpid(child, nullptr, 0);
-    return session;
+    return play;
 }
 
 TEST(PasswordPrompt, DoesNotShowWhatIsTyped) {
-    Session const session = playPrompt(false, {{"Password: ", "secret\n"}});
-    EXPECT_EQ("got secret", session.result);
-    EXPECT_EQ("Password: \r\n", session.shown);
+    PromptPlay const play = playPrompt(false, {{"Password: ", "secret\n"}});
+    EXPECT_EQ("got secret", play.result);
+    EXPECT_EQ("Password: \r\n", play.shown);
 }
 
 TEST(PasswordPrompt, AsksTwiceAndTakesEqualAnswers) {
-    Session const session =
+    PromptPlay const play =
         playPrompt(true, {{"Password: ", "secret\n"}, {"Password again: ", "secret\n"}});
-    EXPECT_EQ("got secret", session.result);
-    EXPECT_EQ("Password: \r\nPassword again: \r\n", session.shown);
+    EXPECT_EQ("got secret", play.result);
+    EXPECT_EQ("Password: \r\nPassword again: \r\n", play.shown);
 }
 
 TEST(PasswordPrompt, RefusesAnswersThatDiffer) {
-    Session const session =
+    PromptPlay const play =
         playPrompt(true, {{"Password: ", "secret\n"}, {"Password again: ", "sekret\n"}});
-    EXPECT_EQ("The two passwords differ.", session.result);
+    EXPECT_EQ("The two passwords differ.", play.result);
 }
 
 TEST(PasswordPrompt, NeedsATerminal) {

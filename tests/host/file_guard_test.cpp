@@ -129,5 +129,19 @@ TEST_F(FileGuardTest, AbandonedDiskLeavesNothingThoughItMadeExtentsLate) {
     EXPECT_THAT(fileNames(), ElementsAre());
 }
 
+TEST_F(FileGuardTest, StopsTheMakingOfFilesWhenItIsTold) {
+    kelm::host::CancelFlag flag;
+    {
+        yx::P<FileGuard> const guard = yx::makeObject<FileGuard>(files.get(), false, &flag);
+        put(*guard, "a", "new");
+        flag.set();
+        EXPECT_THROW(put(*guard, "b", "new"), kelm::host::CancelledError);
+        // What is there already can still be brought to an end.
+        EXPECT_NO_THROW(put(*guard, "a", "NEW"));
+        EXPECT_THAT(fileNames(), ElementsAre("a"));
+    }
+    EXPECT_THAT(fileNames(), ElementsAre());
+}
+
 } // namespace
 } // namespace test_support

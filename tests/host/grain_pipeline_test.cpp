@@ -178,5 +178,21 @@ TEST(GrainPipeline, TakesAtMost64MiB) {
     EXPECT_EQ(1, GrainPipeline::calcItemCount(1LL << 30, 8));
 }
 
+TEST(GrainPipeline, GoesOnBehindAnErrorWhenItsItemIsRecycled) {
+    GrainPipeline pipeline(2, 2, [](Item& item, int) {
+        if (item.grainIndex % 2 == 0)
+            throw yx::CError("odd ones only", "", -1, yx::CProps(), nullptr);
+    });
+    for (__int64 index = 0; index < 10; ++index) {
+        submit(pipeline, index);
+        if (index % 2 == 0)
+            EXPECT_THROW(pipeline.takeOldest(), yx::CError);
+        else
+            EXPECT_EQ(index, pipeline.takeOldest().grainIndex);
+        pipeline.recycle();
+    }
+    EXPECT_FALSE(pipeline.isBusy());
+}
+
 } // namespace
 } // namespace kelm::host

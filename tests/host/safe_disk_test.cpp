@@ -334,6 +334,23 @@ TEST_F(SafeDiskTest, NameOfALockFileIsRefused) {
     EXPECT_EQ("a letter", toText(toBytes(files->getFile(uriOf("disk.lock")))));
 }
 
+TEST_F(SafeDiskTest, KeepsAsManyGrainTablesForReadingAsToldTo) {
+    constexpr __int64 kBytesPerTable = __int64{512} * kGrainBytes;
+    {
+        std::unique_ptr<SafeDisk> const disk = createSafe({}, "disk.vmdk", "", 3 * kBytesPerTable);
+        for (__int64 table = 0; table < 3; ++table)
+            writeTo(*disk, table * kBytesPerTable, Bytes{7});
+    }
+    auto const countTables = [this](SafeDisk& disk) {
+        for (__int64 table = 0; table < 3; ++table)
+            EXPECT_EQ(Bytes{7}, readFrom(disk, table * kBytesPerTable, 1));
+        return disk.getDisk().getGrainTableCache()->getCachedTableCount();
+    };
+    EXPECT_EQ(3, countTables(*openSafe("disk.vmdk", kReadOnly)));
+    SafeDisk limited(files.get(), uriOf("disk.vmdk"), kReadOnly, "", -1, 1);
+    EXPECT_EQ(1, countTables(limited));
+}
+
 TEST_F(SafeDiskTest, ListsItsFiles) {
     auto const names = [](SafeDisk& disk) {
         std::vector<std::string> list;

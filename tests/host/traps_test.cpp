@@ -6,6 +6,7 @@
 
 #include "host/file_names.h"
 #include "tests/host/host_fixture.h"
+#include "tests/support/hooked_file_system.h"
 
 using testing::Contains;
 using testing::Not;
@@ -14,6 +15,38 @@ namespace test_support {
 namespace {
 
 using Traps = HostTest;
+
+/// A disk that a writer has open until the moment when a reader, refused the lock, looks whether
+/// there is a lock file at all.
+class LeavingWriter : public HostTest {
+protected:
+    LeavingWriter() {
+        createSafe({});
+        writer = open(kReadWrite);
+    }
+
+    yx::P<kelm::CVMDKDisk> writer;
+    int lockFileQuestions = 0;
+    yx::P<HookedFileSystem> hooked = yx::makeObject<HookedFileSystem>(
+        files.get(), [this](FileOperation& operation, HookedFileSystem::Proceed const& proceed) {
+            if (operation.kind == FileOperation::Kind::Exists &&
+                operation.file() == "disk.vmdk.lock" && ++lockFileQuestions == 2)
+                writer.reset();
+            proceed();
+        });
+};
+
+TEST_F(LeavingWriter, BareReaderGoesOnUnnoticedByTheNextWriter) {
+    kelm::CVMDKDisk const reader(hooked.get(), uriOf("disk.vmdk"), kReadOnly, "", 1, nullptr,
+                                 nullptr);
+    EXPECT_EQ(2, lockFileQuestions);
+    EXPECT_TRUE(open(kReadWrite));
+}
+
+TEST_F(LeavingWriter, RefusesTheReader) {
+    EXPECT_THROW(SafeDisk(hooked.get(), uriOf("disk.vmdk"), kReadOnly, ""), yx::CLockFileError);
+    EXPECT_EQ(1, lockFileQuestions);
+}
 
 /// "parent.vmdk" with a grain of data, and an empty "child.vmdk" upon it.
 class ChildTraps : public HostTest {

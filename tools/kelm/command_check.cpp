@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <memory>
 
 #include "host/disk_check.h"
@@ -7,6 +6,7 @@
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -14,15 +14,19 @@ namespace {
 
 struct Arguments {
     std::string disk;
+    int threads = 0;
     PasswordOptions passwords;
 };
 
-__int64 checkWith(Invocation& invocation, yx::CURI const& uri, yx::String const& password) {
-    LongWork const work(invocation, "check");
+__int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
+                  yx::String const& password) {
+    LongWork work(invocation, "check", threads);
     return host::checkDisk(invocation.getFiles(), uri, password, work.getOptions(),
-                           [](yx::CURI const& file, std::string const& text) {
-                               std::printf("%s: %s\n", host::displayName(file).c_str(),
-                                           text.c_str());
+                           [&work](yx::CURI const& file, std::string const& text) {
+                               work.hideBar();
+                               print(host::displayName(file) + ": " + text + "\n");
+                               // Long before the next one, perhaps.
+                               flushOutput();
                            });
 }
 
@@ -30,19 +34,20 @@ __int64 checkWith(Invocation& invocation, yx::CURI const& uri, yx::String const&
 __int64 checkAskingForPassword(Invocation& invocation, Arguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     try {
-        return checkWith(invocation, uri, usedPassword(arguments.passwords));
+        return checkWith(invocation, uri, arguments.threads, usedPassword(arguments.passwords));
     } catch (yx::CError const& error) {
         if (!isPasswordMissing(error))
             throw;
     }
-    return checkWith(invocation, uri, askForPassword(arguments.disk, arguments.passwords).get());
+    return checkWith(invocation, uri, arguments.threads,
+                     askForPassword(arguments.disk, arguments.passwords).get());
 }
 
 ExitStatus check(Invocation& invocation, Arguments& arguments) {
     __int64 const findings = checkAskingForPassword(invocation, arguments);
     if (findings == 0)
         return ExitStatus::Done;
-    std::printf("%lld findings\n", findings);
+    print(std::to_string(findings) + (findings == 1 ? " finding\n" : " findings\n"));
     return ExitStatus::Differences;
 }
 
@@ -50,14 +55,13 @@ ExitStatus check(Invocation& invocation, Arguments& arguments) {
 
 void addCheckCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand(
-        "check", "Read everything of a disk and its parents, and tell what is wrong");
+    CLI::App& command = addCommand(
+        program, run, "check", "Read everything of a disk and its parents, and tell what is wrong",
+        "kelm check backup.vmdk && echo sound",
+        [arguments](Invocation& invocation) { return check(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
+    addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
-    setExample(command, "kelm check backup.vmdk && echo sound");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return check(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

@@ -38,17 +38,17 @@ ExitStatus makeChild(Invocation& invocation, Arguments& arguments) {
 
 void addChildCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand(
-        "child", "Make an empty child of a disk, of its size and its kind of compression");
+    CLI::App& command =
+        addCommand(program, run, "child",
+                   "Make an empty child of a disk, of its size and its kind of compression",
+                   "kelm child monday.vmdk tuesday.vmdk", [arguments](Invocation& invocation) {
+                       return makeChild(invocation, *arguments);
+                   });
     addFileArgument(command, "PARENT", arguments->newDisk.parent,
                     "The main file of the parent, which must not change from then on");
     addFileArgument(command, "CHILD", arguments->child, "The main file of the new disk");
     arguments->newDisk.addCommonTo(command);
     arguments->passwords.addTo(command, "", "of both disks");
-    setExample(command, "kelm child monday.vmdk tuesday.vmdk");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return makeChild(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

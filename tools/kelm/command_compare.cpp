@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <memory>
 
 #include "host/compare.h"
@@ -6,6 +5,7 @@
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/output.h"
 #include "tools/kelm/two_disk_passwords.h"
 
 namespace kelm::tool {
@@ -48,11 +48,12 @@ ExitStatus compare(Invocation& invocation, Arguments& arguments) {
         result = host::compareContent(left.getReader(), right.getReader(), work.getOptions());
     }
     if (result.isEqual()) {
-        std::printf("equal\n");
+        print("equal\n");
         return ExitStatus::Done;
     }
-    std::printf("first difference at byte %lld\n%lld bytes differ\n", *result.firstDifferenceBytes,
-                result.differingBytes);
+    print("first difference at byte " + std::to_string(*result.firstDifferenceBytes) + "\n" +
+          std::to_string(result.differingBytes) +
+          (result.differingBytes == 1 ? " byte differs\n" : " bytes differ\n"));
     return ExitStatus::Differences;
 }
 
@@ -61,15 +62,13 @@ ExitStatus compare(Invocation& invocation, Arguments& arguments) {
 void addCompareCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
     CLI::App& command =
-        *program.add_subcommand("compare", "Compare two disks or raw images by their content");
+        addCommand(program, run, "compare", "Compare two disks or raw images by their content",
+                   "kelm compare /dev/sdb backup.vmdk",
+                   [arguments](Invocation& invocation) { return compare(invocation, *arguments); });
     addFileArgument(command, "A", arguments->left,
                     "A disk's main file, a raw image, or '-' for a raw image on standard input");
     addFileArgument(command, "B", arguments->right, "The same");
     arguments->passwords.addTo(command);
-    setExample(command, "kelm compare /dev/sdb backup.vmdk");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return compare(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

@@ -47,7 +47,9 @@ ExitStatus convert(Invocation& invocation, Arguments& arguments) {
 void addConvertCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
     CLI::App& command =
-        *program.add_subcommand("convert", "Copy a disk, with its parents, to one of another kind");
+        addCommand(program, run, "convert", "Copy a disk, with its parents, to one of another kind",
+                   "kelm convert disk.vmdk archive.vmdk --compressed --split 2G",
+                   [arguments](Invocation& invocation) { return convert(invocation, *arguments); });
     addFileArgument(command, "FROM", arguments->from, "The main file of the disk");
     addFileArgument(command, "TO", arguments->to, "The main file of the new disk");
     addSizeOption(command, "--size", arguments->sizeBytes,
@@ -56,10 +58,6 @@ void addConvertCommand(CLI::App& program, Run& run) {
     arguments->newDisk.addCommonTo(command);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command);
-    setExample(command, "kelm convert disk.vmdk archive.vmdk --compressed --split 2G");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return convert(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

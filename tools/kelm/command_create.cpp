@@ -30,7 +30,10 @@ ExitStatus create(Invocation& invocation, Arguments& arguments) {
 
 void addCreateCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand("create", "Make an empty disk");
+    CLI::App& command =
+        addCommand(program, run, "create", "Make an empty disk",
+                   "kelm create backup.vmdk --size 40G --compressed --split 2G",
+                   [arguments](Invocation& invocation) { return create(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the new disk");
     addSizeOption(command, "--size", arguments->sizeBytes,
                   "Size of the disk; that of the parent by default");
@@ -38,10 +41,6 @@ void addCreateCommand(CLI::App& program, Run& run) {
     arguments->newDisk.addCommonTo(command);
     arguments->newDisk.addParentTo(command);
     arguments->passwords.addTo(command, "", "of the disk");
-    setExample(command, "kelm create backup.vmdk --size 40G --compressed --split 2G");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return create(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

@@ -34,18 +34,17 @@ ExitStatus exportImage(Invocation& invocation, Arguments& arguments) {
 
 void addExportCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand("export", "Make a raw image of a disk");
+    CLI::App& command = addCommand(
+        program, run, "export", "Make a raw image of a disk",
+        "kelm export backup.vmdk restored.img\n"
+        "  kelm export backup.vmdk - | zstd > backup.img.zst",
+        [arguments](Invocation& invocation) { return exportImage(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
     addFileArgument(command, "RAW", arguments->image,
                     "The image: a file, a block device, or '-' for standard output");
     addForceOption(command, arguments->force);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
-    setExample(command, "kelm export backup.vmdk restored.img\n"
-                        "  kelm export backup.vmdk - | zstd > backup.img.zst");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return exportImage(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

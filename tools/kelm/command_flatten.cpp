@@ -30,14 +30,13 @@ ExitStatus flatten(Invocation& invocation, Arguments& arguments) {
 
 void addFlattenCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand(
-        "flatten", "Give a child disk all that it has from its parents, and leave them");
+    CLI::App& command =
+        addCommand(program, run, "flatten",
+                   "Give a child disk all that it has from its parents, and leave them",
+                   "kelm flatten tuesday.vmdk",
+                   [arguments](Invocation& invocation) { return flatten(invocation, *arguments); });
     addFileArgument(command, "CHILD", arguments->disk, "The main file of the child disk");
     arguments->passwords.addTo(command, "", "of the disk");
-    setExample(command, "kelm flatten tuesday.vmdk");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return flatten(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

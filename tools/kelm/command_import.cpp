@@ -40,7 +40,11 @@ ExitStatus importImage(Invocation& invocation, Arguments& arguments) {
 
 void addImportCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand("import", "Make a disk of a raw image");
+    CLI::App& command = addCommand(
+        program, run, "import", "Make a disk of a raw image",
+        "kelm import /dev/sdb backup.vmdk --compressed --encrypt\n"
+        "  zstdcat sdb.img.zst | kelm import - backup.vmdk --size 40G",
+        [arguments](Invocation& invocation) { return importImage(invocation, *arguments); });
     addFileArgument(command, "RAW", arguments->image,
                     "The image: a file, a block device, or '-' for standard input");
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the new disk");
@@ -51,11 +55,6 @@ void addImportCommand(CLI::App& program, Run& run) {
     arguments->newDisk.addParentTo(command);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
-    setExample(command, "kelm import /dev/sdb backup.vmdk --compressed --encrypt\n"
-                        "  zstdcat sdb.img.zst | kelm import - backup.vmdk --size 40G");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return importImage(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

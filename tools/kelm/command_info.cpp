@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <memory>
 
 #include "host/file_names.h"
@@ -7,6 +6,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -48,10 +48,11 @@ ExitStatus showInfo(Invocation& invocation, Arguments& arguments) {
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     Json report = reportDisk(*disk);
     report["parents"] = reportParents(invocation, *disk, usedPassword(arguments.passwords));
-    if (arguments.space)
-        report["space"] = reportSpace(*disk);
-    std::printf("%s",
-                arguments.json ? (report.dump(2) + "\n").c_str() : formatReport(report).c_str());
+    if (arguments.space) {
+        LongWork const work(invocation, "info");
+        report["space"] = reportSpace(*disk, work.getOptions());
+    }
+    print(arguments.json ? report.dump(2) + "\n" : formatReport(report));
     return ExitStatus::Done;
 }
 
@@ -59,16 +60,14 @@ ExitStatus showInfo(Invocation& invocation, Arguments& arguments) {
 
 void addInfoCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand("info", "Tell what a disk is");
+    CLI::App& command = addCommand(
+        program, run, "info", "Tell what a disk is", "kelm info backup.vmdk --space",
+        [arguments](Invocation& invocation) { return showInfo(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
-    command.add_flag("--json", arguments->json, "Print JSON");
-    command.add_flag("--space", arguments->space,
-                     "Tell also what the grains take; reads all tables of the disk");
+    addFlag(command, "--json", arguments->json, "Print JSON");
+    addFlag(command, "--space", arguments->space,
+            "Tell also what the grains take; reads all tables of the disk");
     arguments->passwords.addTo(command, "", "of the disk");
-    setExample(command, "kelm info backup.vmdk --space");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return showInfo(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

@@ -1,14 +1,16 @@
-#include <cstdio>
+#include <algorithm>
 #include <memory>
 
 #include <nlohmann/json.hpp>
 
 #include "host/disk_map.h"
+#include "host/disk_space.h"
 #include "host/file_names.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/map_picture.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -36,57 +38,84 @@ char const* nameOf(host::GrainPlace place) {
     return "absent";
 }
 
-void printRuns(std::vector<host::GrainRun> const& runs) {
-    for (host::GrainRun const& run : runs)
-        std::printf("%15lld %15lld %s\n", run.startBytes, run.lengthBytes, nameOf(run.place));
-}
-
-void printJson(host::SafeDisk& disk, std::vector<host::GrainRun> const& runs) {
-    Json list = Json::array();
-    for (host::GrainRun const& run : runs) {
-        list.push_back({{"startBytes", run.startBytes},
-                        {"lengthBytes", run.lengthBytes},
-                        {"place", nameOf(run.place)}});
+/// Writes the runs as they come, for there may be more than fit the memory.
+class RunPrinter {
+public:
+    RunPrinter(host::SafeDisk& disk, bool json) : m_json(json) {
+        if (!json)
+            return;
+        std::string const head = Json{{"file", host::displayName(disk.getDisk().getMainFileURI())},
+                                      {"sizeBytes", disk.getSizeBytes()},
+                                      {"grainSizeBytes", disk.getGrainSizeBytes()}}
+                                     .dump(2);
+        // Without the brace and its line.
+        print(head.substr(0, head.size() - 2) + ",\n  \"runs\": [");
     }
-    Json const report = {{"file", host::displayName(disk.getDisk().getMainFileURI())},
-                         {"sizeBytes", disk.getSizeBytes()},
-                         {"grainSizeBytes", disk.getGrainSizeBytes()},
-                         {"runs", list}};
-    std::printf("%s\n", report.dump(2).c_str());
-}
 
-void writePicture(host::SafeDisk& disk, std::vector<host::GrainRun> const& runs,
-                  Arguments const& arguments) {
-    yx::P<CVMDKSpaceInfo> const space = disk.getDisk().gatherSpaceInfo();
-    MapPicture picture;
-    picture.title = disk.getDisk().getMainFileURI().getName().toStdString();
-    picture.sizeBytes = disk.getSizeBytes();
-    picture.grainSizeBytes = disk.getGrainSizeBytes();
-    picture.runs = runs;
-    picture.tableBytes = space->getHeaderSize();
-    picture.grainBytes = space->getPayloadSizeInFile();
-    picture.deadBytes = space->getDeadSpaceSize();
-    std::string const text = drawMap(picture);
-    host::RawTarget target(arguments.picture, arguments.force);
+    void add(host::GrainRun const& run) {
+        std::string const start = std::to_string(run.startBytes);
+        std::string const length = std::to_string(run.lengthBytes);
+        // Put together by hand, since there may be millions.
+        if (m_json)
+            print(std::string(m_first ? "" : ",") + "\n    {\"startBytes\":" + start +
+                  ",\"lengthBytes\":" + length + ",\"place\":\"" + nameOf(run.place) + "\"}");
+        else
+            print(inColumn(start) + " " + inColumn(length) + " " + nameOf(run.place) + "\n");
+        m_first = false;
+    }
+
+    void finish() {
+        if (m_json)
+            print(m_first ? "]\n}\n" : "\n  ]\n}\n");
+    }
+
+private:
+    static std::string inColumn(std::string const& digits) {
+        constexpr std::size_t kWidth = 15;
+        return std::string(kWidth - std::min(kWidth, digits.size()), ' ') + digits;
+    }
+
+    bool m_json;
+    bool m_first = true;
+};
+
+void writePicture(Invocation& invocation, MapPicture const& picture, Arguments const& arguments) {
+    std::string const text = picture.draw();
+    host::RawTarget target(arguments.picture, arguments.force, &invocation.getCancel());
     target.write(reinterpret_cast<unsigned char const*>(text.data()),
                  static_cast<int>(text.size()));
     target.finish();
 }
 
+void draw(Invocation& invocation, host::SafeDisk& disk, Arguments const& arguments) {
+    MapPicture picture(disk.getDisk().getMainFileURI().getName().toStdString(), disk.getSizeBytes(),
+                       disk.getGrainSizeBytes());
+    {
+        LongWork const work(invocation, "map");
+        host::forEachGrainRun(disk, work.getOptions(),
+                              [&](host::GrainRun const& run) { picture.addRun(run); });
+        picture.setSpace(host::gatherSpace(disk, work.getOptions()));
+    }
+    writePicture(invocation, picture, arguments);
+}
+
+void list(Invocation& invocation, host::SafeDisk& disk, Arguments const& arguments) {
+    // The lines tell how far it is; a bar between them would be in their way.
+    host::TransferOptions options;
+    options.cancel = &invocation.getCancel();
+    RunPrinter printer(disk, arguments.json);
+    host::forEachGrainRun(disk, options, [&](host::GrainRun const& run) { printer.add(run); });
+    printer.finish();
+}
+
 ExitStatus map(Invocation& invocation, Arguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
-    std::vector<host::GrainRun> runs;
-    {
-        LongWork const work(invocation, "map");
-        runs = host::mapDisk(*disk, work.getOptions());
-    }
+    // The picture comes last, so that an interruption leaves none.
+    if (arguments.json || arguments.picture.empty())
+        list(invocation, *disk, arguments);
     if (!arguments.picture.empty())
-        writePicture(*disk, runs, arguments);
-    if (arguments.json)
-        printJson(*disk, runs);
-    else if (arguments.picture.empty())
-        printRuns(runs);
+        draw(invocation, *disk, arguments);
     return ExitStatus::Done;
 }
 
@@ -94,18 +123,16 @@ ExitStatus map(Invocation& invocation, Arguments& arguments) {
 
 void addMapCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
-    CLI::App& command = *program.add_subcommand(
-        "map", "Tell which parts of a disk it holds itself, and which its parents hold");
+    CLI::App& command =
+        addCommand(program, run, "map",
+                   "Tell which parts of a disk it holds itself, and which its parents hold",
+                   "kelm map backup.vmdk --svg backup.svg",
+                   [arguments](Invocation& invocation) { return map(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
-    command.add_flag("--json", arguments->json, "Print JSON");
-    command.add_option("--svg", arguments->picture, "Draw the disk as a picture")
-        ->type_name("FILE");
+    addFlag(command, "--json", arguments->json, "Print JSON");
+    addFileOption(command, "--svg", arguments->picture, "Draw the disk as a picture", false);
     addForceOption(command, arguments->force);
     arguments->passwords.addTo(command, "", "of the disk");
-    setExample(command, "kelm map backup.vmdk --svg backup.svg");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return map(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

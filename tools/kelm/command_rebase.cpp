@@ -40,18 +40,14 @@ ExitStatus rebase(Invocation& invocation, Arguments& arguments) {
 void addRebaseCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<Arguments>();
     CLI::App& command =
-        *program.add_subcommand("rebase", "Tell a child disk where its parent is now");
+        addCommand(program, run, "rebase", "Tell a child disk where its parent is now",
+                   "kelm rebase tuesday.vmdk --parent /backup/monday.vmdk",
+                   [arguments](Invocation& invocation) { return rebase(invocation, *arguments); });
     addFileArgument(command, "CHILD", arguments->child, "The main file of the child disk");
-    command.add_option("--parent", arguments->parent, "The main file of the parent")
-        ->required()
-        ->type_name("FILE");
-    command.add_flag("--unsafe", arguments->unsafe,
-                     "Take a parent whose content is not what the child was made of");
+    addFileOption(command, "--parent", arguments->parent, "The main file of the parent", true);
+    addFlag(command, "--unsafe", arguments->unsafe,
+            "Take a parent whose content is not what the child was made of");
     arguments->passwords.addTo(command, "", "of both disks");
-    setExample(command, "kelm rebase tuesday.vmdk --parent /backup/monday.vmdk");
-    command.callback([arguments, &run] {
-        run = [arguments](Invocation& invocation) { return rebase(invocation, *arguments); };
-    });
 }
 
 } // namespace kelm::tool

@@ -1,16 +1,24 @@
 #pragma once
 
 #include <functional>
-
-#include <CLI/CLI.hpp>
+#include <string>
 
 #include "tools/kelm/exit_status.h"
 #include "tools/kelm/invocation.h"
+
+namespace CLI {
+class App;
+}
 
 namespace kelm::tool {
 
 /// What the command line asks for.
 using Run = std::function<ExitStatus(Invocation&)>;
+
+/// Adds a command, with an example under its help. Parsing a command line that names it sets `run`
+/// to `action`.
+CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
+                     std::string const& description, std::string const& example, Run action);
 
 // Each adds its command to the program. Parsing a command line that names the command sets `run`,
 // which is then to be called; what it throws are `UsageError` and the errors of the library.

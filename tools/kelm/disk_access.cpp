@@ -3,14 +3,13 @@
 #include <algorithm>
 
 #include "host/file_names.h"
+#include "host/parent_chain.h"
 #include "tools/kelm/errors.h"
 #include "yx/lock_file.h"
 
 namespace kelm::tool {
 
 namespace {
-
-constexpr std::size_t kMaxChainLength = 255;
 
 /// How the library begins to tell that the files of a split disk would be too small.
 constexpr char kSplitTooSmallMessage[] = "Internal error: calculated VMDK maxExtentPayloadBytes";
@@ -55,18 +54,7 @@ bool isEncrypted(host::SafeDisk& disk) {
 std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
                                                          host::SafeDisk& disk,
                                                          yx::String const& password) {
-    std::vector<std::unique_ptr<host::SafeDisk>> parents;
-    host::SafeDisk* child = &disk;
-    while (child->hasParent()) {
-        yx::CURI const uri = child->getDisk().getParentDiskMainURI();
-        if (parents.size() >= kMaxChainLength) {
-            throw yx::CIOError(yx::CIOError::CorruptData, "VMDK parent chain is too long.",
-                               yx::CProps().add("parentURI", uri.toString(true)), nullptr);
-        }
-        parents.push_back(openWith(invocation, uri, yx::IIOStream::ReadOnly, password));
-        child = parents.back().get();
-    }
-    return parents;
+    return host::openParents(invocation.getFiles(), disk, password);
 }
 
 std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& disk,
@@ -90,10 +78,13 @@ NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri
                                      host::NewDisk const& request, bool force,
                                      std::vector<yx::CURI> const& protectedFiles)
     : m_invocation(invocation),
-      m_guard(yx::makeObject<host::FileGuard>(invocation.getFiles(), force)) {
+      m_guard(
+          yx::makeObject<host::FileGuard>(invocation.getFiles(), force, &invocation.getCancel())) {
     m_guard->protect(protectedFiles);
-    if (force && invocation.getFiles()->fileExists(uri))
+    if (force && invocation.getFiles()->fileExists(uri)) {
         verifyIsNotInUse(invocation, uri);
+        m_formerDisk.emplace(invocation.getFiles(), uri);
+    }
     create(uri, request);
 }
 
@@ -112,8 +103,15 @@ void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request
 void NewDiskInProgress::finish() {
     m_invocation.getCancel().check();
     m_disk->flush();
+    std::vector<yx::CURI> keptFiles = m_disk->listFiles();
     m_disk.reset();
     m_guard->keep();
+    if (m_formerDisk) {
+        // A descriptor that was copied may make a file part of two disks.
+        std::vector<yx::CURI> const& sources = m_guard->getProtectedFiles();
+        keptFiles.insert(keptFiles.end(), sources.begin(), sources.end());
+        m_formerDisk->removeFilesBut(keptFiles);
+    }
 }
 
 } // namespace kelm::tool

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "host/former_disk.h"
 #include "host/safe_disk.h"
 #include "tools/kelm/invocation.h"
 #include "tools/kelm/password_options.h"
@@ -18,8 +20,7 @@ std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string con
 /// The password that the options name or the user types, for a disk that turned out to need one.
 host::Password const& askForPassword(std::string const& file, PasswordOptions& passwords);
 
-/// Opens the parents of a disk for reading, the nearest first. The parents' password is that of the
-/// disk. A chain that never ends is `CIOError` `CorruptData`.
+/// Opens the parents of a disk for reading, as `host::openParents` does.
 std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
                                                          host::SafeDisk& disk,
                                                          yx::String const& password);
@@ -47,13 +48,15 @@ public:
 
     host::SafeDisk& getDisk() { return *m_disk; }
 
-    /// Flushes and closes the disk; its files stay.
+    /// Flushes and closes the disk; its files stay. Extent files of a disk that it has replaced,
+    /// and that it has not replaced by its own, go.
     void finish();
 
 private:
     void create(yx::CURI const& uri, host::NewDisk const& request);
 
     Invocation& m_invocation;
+    std::optional<host::FormerDisk> m_formerDisk;
 
     // The disk goes before the guard, which deletes its files.
     yx::P<host::FileGuard> m_guard;

@@ -1,6 +1,7 @@
 #include "tools/kelm/disk_report.h"
 
 #include "host/disk_files.h"
+#include "host/disk_space.h"
 #include "host/file_names.h"
 #include "host/size_text.h"
 #include "tools/kelm/disk_access.h"
@@ -134,12 +135,12 @@ Json reportDisk(host::SafeDisk& disk) {
     return report;
 }
 
-Json reportSpace(host::SafeDisk& disk) {
-    yx::P<CVMDKSpaceInfo> const space = disk.getDisk().gatherSpaceInfo();
-    return {{"payloadBytes", space->getPayloadSize()},
-            {"payloadBytesInFile", space->getPayloadSizeInFile()},
-            {"headerBytes", space->getHeaderSize()},
-            {"deadBytes", space->getDeadSpaceSize()}};
+Json reportSpace(host::SafeDisk& disk, host::TransferOptions const& options) {
+    CVMDKSpaceInfo const space = host::gatherSpace(disk, options);
+    return {{"payloadBytes", space.getPayloadSize()},
+            {"payloadBytesInFile", space.getPayloadSizeInFile()},
+            {"headerBytes", space.getHeaderSize()},
+            {"deadBytes", space.getDeadSpaceSize()}};
 }
 
 std::string formatReport(Json const& report) {

@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/safe_disk.h"
+#include "host/transfer.h"
 
 namespace kelm::tool {
 
@@ -11,7 +11,7 @@ namespace kelm::tool {
 nlohmann::ordered_json reportDisk(host::SafeDisk& disk);
 
 /// The space of a disk's grains by kind of use; reads all tables.
-nlohmann::ordered_json reportSpace(host::SafeDisk& disk);
+nlohmann::ordered_json reportSpace(host::SafeDisk& disk, host::TransferOptions const& options);
 
 /// A report in lines for people.
 std::string formatReport(nlohmann::ordered_json const& report);

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "host/error_text.h"
 #include "tools/kelm/exit_status.h"
 #include "yx/error.h"
 
@@ -30,8 +31,7 @@ bool isPasswordMissing(yx::CError const& error);
 
 ExitStatus exitStatusOf(std::exception const& error);
 
-/// An error in one line: the message, then the properties in parentheses.
-std::string describeError(std::exception const& error);
+using host::describeError;
 
 /// Sends warnings of the library to standard error, in the words of this program, and leaves out
 /// the errors that it logs: they are thrown too, and told once.

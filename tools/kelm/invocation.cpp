@@ -11,6 +11,15 @@ Invocation::Invocation() : m_files(yx::makeObject<yx::CNativeFileSystem>()), m_s
     std::signal(SIGPIPE, SIG_IGN);
 }
 
+Invocation::~Invocation() {
+    // Handlers are about to go, and the program's end would be that of an interrupted one.
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int const signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&signals, signal);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+}
+
 LongWork::LongWork(Invocation const& invocation, char const* label, int threads)
     : m_bar(label, STDERR_FILENO) {
     m_options.threads = threads;

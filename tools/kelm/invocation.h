@@ -11,6 +11,11 @@ namespace kelm::tool {
 class Invocation {
 public:
     Invocation();
+    Invocation(Invocation const&) = delete;
+    Invocation& operator=(Invocation const&) = delete;
+
+    /// From here on the work is done, and a wish to stop comes too late to be told by the status.
+    ~Invocation();
 
     yx::IFileSystem* getFiles() { return m_files.get(); }
     host::CancelFlag const& getCancel() const { return m_cancel; }
@@ -28,6 +33,9 @@ public:
 
     /// The work must end before this object.
     host::TransferOptions const& getOptions() const { return m_options; }
+
+    /// Makes room on the terminal for a line of output.
+    void hideBar() { m_bar.hide(); }
 
 private:
     host::ProgressBar m_bar;

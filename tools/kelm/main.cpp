@@ -1,8 +1,12 @@
 #include <cstdio>
 #include <exception>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
 
 #include "tools/kelm/commands.h"
 #include "tools/kelm/errors.h"
+#include "tools/kelm/output.h"
 
 namespace {
 
@@ -30,7 +34,10 @@ void addCommands(CLI::App& program, Run& run) {
 /// The help and the version are no errors; all else is told in one line.
 ExitStatus answerParseError(CLI::App const& program, CLI::ParseError const& error) {
     if (error.get_exit_code() == 0) {
-        program.exit(error);
+        std::ostringstream text;
+        program.exit(error, text, text);
+        kelm::tool::print(text.str());
+        kelm::tool::flushOutput();
         return ExitStatus::Done;
     }
     std::fprintf(stderr, "kelm: %s (see kelm --help)\n", error.what());
@@ -48,7 +55,9 @@ ExitStatus runProgram(int argc, char** argv) {
     }
     kelm::tool::routeLibraryMessages();
     kelm::tool::Invocation invocation;
-    return run(invocation);
+    ExitStatus const status = run(invocation);
+    kelm::tool::flushOutput();
+    return status;
 }
 
 } // namespace
@@ -57,6 +66,7 @@ int main(int argc, char** argv) {
     try {
         return static_cast<int>(runProgram(argc, argv));
     } catch (std::exception const& error) {
+        kelm::tool::dropOutput();
         std::fprintf(stderr, "kelm: %s\n", kelm::tool::describeError(error).c_str());
         return static_cast<int>(kelm::tool::exitStatusOf(error));
     }

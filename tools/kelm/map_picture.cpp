@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "host/size_text.h"
 
@@ -25,12 +26,6 @@ constexpr char kAbsentFill[] = "#e6e9ec";
 constexpr char kTableFill[] = "#56b4e9";
 constexpr char kDeadFill[] = "url(#dead)";
 
-/// What share of a cell is held where.
-struct Cell {
-    double here = 0;
-    double parent = 0;
-};
-
 std::string escape(std::string const& text) {
     std::string escaped;
     for (char const character : text) {
@@ -38,6 +33,8 @@ std::string escape(std::string const& text) {
             escaped += "&lt;";
         else if (character == '&')
             escaped += "&amp;";
+        else if (static_cast<unsigned char>(character) < ' ')
+            escaped += '?';
         else
             escaped += character;
     }
@@ -60,113 +57,16 @@ std::string label(double x, double y, int size, std::string const& text) {
            std::to_string(size) + "\">" + escape(text) + "</text>\n";
 }
 
-__int64 calcCellBytes(MapPicture const& picture) {
-    __int64 const grains =
-        (picture.sizeBytes + picture.grainSizeBytes - 1) / picture.grainSizeBytes;
+__int64 calcCellBytes(__int64 sizeBytes, __int64 grainSizeBytes) {
+    __int64 const grains = (sizeBytes + grainSizeBytes - 1) / grainSizeBytes;
     constexpr __int64 kMaxCells = __int64{kColumns} * kMaxRows;
     __int64 const grainsPerCell = (grains + kMaxCells - 1) / kMaxCells;
-    return std::max<__int64>(grainsPerCell, 1) * picture.grainSizeBytes;
-}
-
-void addRun(std::vector<Cell>& cells, host::GrainRun const& run, __int64 cellBytes) {
-    for (__int64 position = run.startBytes; position < run.endBytes();) {
-        auto const index = static_cast<std::size_t>(position / cellBytes);
-        __int64 const end = std::min(run.endBytes(), (static_cast<__int64>(index) + 1) * cellBytes);
-        double const share = static_cast<double>(end - position) / static_cast<double>(cellBytes);
-        if (run.place == host::GrainPlace::Here)
-            cells[index].here += share;
-        else
-            cells[index].parent += share;
-        position = end;
-    }
-}
-
-std::vector<Cell> fillCells(MapPicture const& picture, __int64 cellBytes) {
-    std::vector<Cell> cells(
-        static_cast<std::size_t>((picture.sizeBytes + cellBytes - 1) / cellBytes));
-    for (host::GrainRun const& run : picture.runs) {
-        if (run.place != host::GrainPlace::Absent)
-            addRun(cells, run, cellBytes);
-    }
-    return cells;
+    return std::max<__int64>(grainsPerCell, 1) * grainSizeBytes;
 }
 
 /// A little that is held must still be seen.
 double shownHeight(double share) {
     return share > 0 ? std::max(1.5, share * kCellSize) : 0;
-}
-
-std::string drawCell(Cell const& cell, double x, double y) {
-    std::string text = rect(x, y, kCellSize, kCellSize, kAbsentFill);
-    double const here = std::min<double>(shownHeight(cell.here), kCellSize);
-    double const parent = std::min(shownHeight(cell.parent), kCellSize - here);
-    if (here > 0)
-        text += rect(x, y + kCellSize - here, kCellSize, here, kHereFill);
-    if (parent > 0)
-        text += rect(x, y + kCellSize - here - parent, kCellSize, parent, kParentFill);
-    return text;
-}
-
-std::string drawGrid(std::vector<Cell> const& cells) {
-    std::string text;
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        auto const column = static_cast<int>(i % kColumns);
-        auto const row = static_cast<int>(i / kColumns);
-        text += drawCell(cells[i], kMargin + column * kCellPitch, kGridTop + row * kCellPitch);
-    }
-    return text;
-}
-
-std::string drawSpaceBar(MapPicture const& picture, int top) {
-    constexpr double kBarWidth = kColumns * kCellPitch - (kCellPitch - kCellSize);
-    auto const total =
-        static_cast<double>(picture.tableBytes + picture.grainBytes + picture.deadBytes);
-    std::string text =
-        label(kMargin, top - 8, 13,
-              "Space in the files: " +
-                  host::formatSize(picture.tableBytes + picture.grainBytes + picture.deadBytes));
-    double x = kMargin;
-    auto const add = [&](__int64 bytes, char const* fill) {
-        if (bytes <= 0)
-            return;
-        double const width = static_cast<double>(bytes) / total * kBarWidth;
-        text += rect(x, top, width, kBarHeight, fill);
-        x += width;
-    };
-    add(picture.tableBytes, kTableFill);
-    add(picture.grainBytes, kHereFill);
-    add(picture.deadBytes, kDeadFill);
-    return text;
-}
-
-__int64 sumOf(MapPicture const& picture, host::GrainPlace place) {
-    __int64 bytes = 0;
-    for (host::GrainRun const& run : picture.runs)
-        bytes += run.place == place ? run.lengthBytes : 0;
-    return bytes;
-}
-
-std::string drawLegend(MapPicture const& picture, int top) {
-    struct Entry {
-        char const* fill;
-        std::string text;
-    };
-    Entry const entries[] = {
-        {kHereFill, "data here, " + host::formatSize(sumOf(picture, host::GrainPlace::Here))},
-        {kParentFill, "in a parent, " + host::formatSize(sumOf(picture, host::GrainPlace::Parent))},
-        {kAbsentFill, "nothing, " + host::formatSize(sumOf(picture, host::GrainPlace::Absent))},
-        {kTableFill, "tables, " + host::formatSize(picture.tableBytes)},
-        {kDeadFill, "dead space, " + host::formatSize(picture.deadBytes)},
-    };
-    constexpr int kEntryWidth = kColumns * kCellPitch / 5;
-    std::string text;
-    double x = kMargin;
-    for (Entry const& entry : entries) {
-        text += rect(x, top, kCellSize, kCellSize, entry.fill);
-        text += label(x + kCellSize + 6, top + kCellSize - 2, 12, entry.text);
-        x += kEntryWidth;
-    }
-    return text;
 }
 
 std::string openDocument(std::string const& title, int height) {
@@ -187,20 +87,102 @@ std::string openDocument(std::string const& title, int height) {
 
 } // namespace
 
-std::string drawMap(MapPicture const& picture) {
-    __int64 const cellBytes = calcCellBytes(picture);
-    std::vector<Cell> const cells = fillCells(picture, cellBytes);
-    int const rows = static_cast<int>((cells.size() + kColumns - 1) / kColumns);
+MapPicture::MapPicture(std::string title, __int64 sizeBytes, __int64 grainSizeBytes)
+    : m_title(std::move(title)),
+      m_sizeBytes(sizeBytes),
+      m_cellBytes(calcCellBytes(sizeBytes, grainSizeBytes)),
+      m_cells(static_cast<std::size_t>((sizeBytes + m_cellBytes - 1) / m_cellBytes)) {}
+
+void MapPicture::addRun(host::GrainRun const& run) {
+    if (run.place == host::GrainPlace::Absent)
+        return;
+    bool const here = run.place == host::GrainPlace::Here;
+    (here ? m_hereBytes : m_parentBytes) += run.lengthBytes;
+    for (__int64 position = run.startBytes; position < run.endBytes();) {
+        __int64 const index = position / m_cellBytes;
+        __int64 const end = std::min(run.endBytes(), (index + 1) * m_cellBytes);
+        double const share = static_cast<double>(end - position) / static_cast<double>(m_cellBytes);
+        Cell& cell = m_cells[static_cast<std::size_t>(index)];
+        (here ? cell.here : cell.parent) += share;
+        position = end;
+    }
+}
+
+std::string MapPicture::drawCell(Cell const& cell, double x, double y) {
+    std::string text = rect(x, y, kCellSize, kCellSize, kAbsentFill);
+    double const here = std::min<double>(shownHeight(cell.here), kCellSize);
+    double const parent = std::min(shownHeight(cell.parent), kCellSize - here);
+    if (here > 0)
+        text += rect(x, y + kCellSize - here, kCellSize, here, kHereFill);
+    if (parent > 0)
+        text += rect(x, y + kCellSize - here - parent, kCellSize, parent, kParentFill);
+    return text;
+}
+
+std::string MapPicture::drawGrid() const {
+    std::string text;
+    for (std::size_t i = 0; i < m_cells.size(); ++i) {
+        auto const column = static_cast<int>(i % kColumns);
+        auto const row = static_cast<int>(i / kColumns);
+        text += drawCell(m_cells[i], kMargin + column * kCellPitch, kGridTop + row * kCellPitch);
+    }
+    return text;
+}
+
+std::string MapPicture::drawSpaceBar(int top) const {
+    constexpr double kBarWidth = kColumns * kCellPitch - (kCellPitch - kCellSize);
+    __int64 const totalBytes =
+        m_space.getHeaderSize() + m_space.getPayloadSizeInFile() + m_space.getDeadSpaceSize();
+    std::string text =
+        label(kMargin, top - 8, 13, "Space in the files: " + host::formatSize(totalBytes));
+    double x = kMargin;
+    auto const add = [&](__int64 bytes, char const* fill) {
+        if (bytes <= 0)
+            return;
+        double const width =
+            static_cast<double>(bytes) / static_cast<double>(totalBytes) * kBarWidth;
+        text += rect(x, top, width, kBarHeight, fill);
+        x += width;
+    };
+    add(m_space.getHeaderSize(), kTableFill);
+    add(m_space.getPayloadSizeInFile(), kHereFill);
+    add(m_space.getDeadSpaceSize(), kDeadFill);
+    return text;
+}
+
+std::string MapPicture::drawLegend(int top) const {
+    struct Entry {
+        char const* fill;
+        std::string text;
+    };
+    Entry const entries[] = {
+        {kHereFill, "data here, " + host::formatSize(m_hereBytes)},
+        {kParentFill, "in a parent, " + host::formatSize(m_parentBytes)},
+        {kAbsentFill, "nothing, " + host::formatSize(m_sizeBytes - m_hereBytes - m_parentBytes)},
+        {kTableFill, "tables, " + host::formatSize(m_space.getHeaderSize())},
+        {kDeadFill, "dead space, " + host::formatSize(m_space.getDeadSpaceSize())},
+    };
+    constexpr int kEntryWidth = kColumns * kCellPitch / 5;
+    std::string text;
+    double x = kMargin;
+    for (Entry const& entry : entries) {
+        text += rect(x, top, kCellSize, kCellSize, entry.fill);
+        text += label(x + kCellSize + 6, top + kCellSize - 2, 12, entry.text);
+        x += kEntryWidth;
+    }
+    return text;
+}
+
+std::string MapPicture::draw() const {
+    int const rows = static_cast<int>((m_cells.size() + kColumns - 1) / kColumns);
     int const barTop = kGridTop + rows * kCellPitch + 38;
     int const legendTop = barTop + kBarHeight + 22;
-    return openDocument(picture.title, legendTop + kCellSize + kMargin) +
-           label(kMargin, 38, 20, picture.title) +
+    return openDocument(m_title, legendTop + kCellSize + kMargin) +
+           label(kMargin, 38, 20, m_title) +
            label(kMargin, 60, 13,
-                 host::formatSize(picture.sizeBytes) + "; each cell is " +
-                     host::formatSize(cellBytes) +
+                 host::formatSize(m_sizeBytes) + "; each cell is " + host::formatSize(m_cellBytes) +
                      ", filled by as much as is held; the disk begins at the top left") +
-           drawGrid(cells) + drawSpaceBar(picture, barTop) + drawLegend(picture, legendTop) +
-           "</svg>\n";
+           drawGrid() + drawSpaceBar(barTop) + drawLegend(legendTop) + "</svg>\n";
 }
 
 } // namespace kelm::tool

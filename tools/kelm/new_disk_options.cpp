@@ -13,24 +13,21 @@ constexpr int kMaxLevel = 9;
 } // namespace
 
 void NewDiskOptions::addCommonTo(CLI::App& command) {
-    command.add_option("--level", level, "Compression level, 0 to 9")
-        ->check(CLI::Range(0, kMaxLevel))
-        ->type_name("N");
+    addNumberOption(command, "--level", level, 0, kMaxLevel, "Compression level, 0 to 9");
     addSizeOption(command, "--split", splitBytes, "Split the disk into files of at most this size");
-    command.add_flag("--encrypt", encrypt, "Encrypt the disk under a password");
-    command.add_flag("--on-demand", onDemand,
-                     "Make the files of a split disk when they are needed");
+    addFlag(command, "--encrypt", encrypt, "Encrypt the disk under a password");
+    addFlag(command, "--on-demand", onDemand,
+            "Make the files of a split disk when they are needed");
     addForceOption(command, force);
 }
 
 void NewDiskOptions::addCompressedTo(CLI::App& command) {
-    command.add_flag("--compressed", compressed, "Compress the disk");
+    addFlag(command, "--compressed", compressed, "Compress the disk");
 }
 
 void NewDiskOptions::addParentTo(CLI::App& command) {
-    command
-        .add_option("--parent", parent, "Make a child of this disk: only differences are stored")
-        ->type_name("FILE");
+    addFileOption(command, "--parent", parent,
+                  "Make a child of this disk: only differences are stored", false);
 }
 
 void NewDiskOptions::inheritFromParent(Invocation& invocation, PasswordOptions& passwords,

@@ -2,11 +2,13 @@
 
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 #include "host/safe_disk.h"
 #include "tools/kelm/invocation.h"
 #include "tools/kelm/password_options.h"
+
+namespace CLI {
+class App;
+}
 
 namespace kelm::tool {
 

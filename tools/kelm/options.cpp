@@ -1,5 +1,7 @@
 #include "tools/kelm/options.h"
 
+#include <CLI/CLI.hpp>
+
 #include "host/size_text.h"
 #include "yx/error.h"
 
@@ -11,8 +13,18 @@ constexpr int kMaxThreads = 1024;
 
 } // namespace
 
-CLI::Option* addSizeOption(CLI::App& command, std::string const& name, __int64& target,
-                           std::string const& description) {
+void addFlag(CLI::App& command, std::string const& name, bool& target,
+             std::string const& description) {
+    command.add_flag(name, target, description);
+}
+
+void addFileOption(CLI::App& command, std::string const& name, std::string& target,
+                   std::string const& description, bool required) {
+    command.add_option(name, target, description)->required(required)->type_name("FILE");
+}
+
+void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
+                   std::string const& description) {
     auto const parse = [name, &target](std::string const& text) {
         try {
             target = host::parseSize(text);
@@ -20,26 +32,26 @@ CLI::Option* addSizeOption(CLI::App& command, std::string const& name, __int64& 
             throw CLI::ValidationError(name, error.what());
         }
     };
-    return command.add_option_function<std::string>(name, parse, description)->type_name("SIZE");
+    command.add_option_function<std::string>(name, parse, description)->type_name("SIZE");
+}
+
+void addNumberOption(CLI::App& command, std::string const& name, int& target, int min, int max,
+                     std::string const& description) {
+    command.add_option(name, target, description)->check(CLI::Range(min, max))->type_name("N");
 }
 
 void addThreadsOption(CLI::App& command, int& target) {
-    command.add_option("--threads", target, "Threads that work on grains; all cores by default")
-        ->check(CLI::Range(1, kMaxThreads))
-        ->type_name("N");
+    addNumberOption(command, "--threads", target, 1, kMaxThreads,
+                    "Threads that work on grains; all cores by default");
 }
 
 void addForceOption(CLI::App& command, bool& target) {
-    command.add_flag("--force", target, "Replace files that exist already");
+    addFlag(command, "--force", target, "Replace files that exist already");
 }
 
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,
                      std::string const& description) {
-    command.add_option(name, target, description)->required()->type_name("FILE");
-}
-
-void setExample(CLI::App& command, std::string const& example) {
-    command.footer("Example:\n  " + example);
+    addFileOption(command, name, target, description, true);
 }
 
 } // namespace kelm::tool

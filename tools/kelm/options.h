@@ -2,15 +2,31 @@
 
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 #include "yx/base.h"
+
+// Only the sources that deal with its templates include the command line library: it takes longer
+// to compile than all the rest.
+namespace CLI {
+class App;
+}
 
 namespace kelm::tool {
 
+/// Adds an option without a value, which sets `target`.
+void addFlag(CLI::App& command, std::string const& name, bool& target,
+             std::string const& description);
+
+/// Adds an option that names a file.
+void addFileOption(CLI::App& command, std::string const& name, std::string& target,
+                   std::string const& description, bool required);
+
 /// Adds an option whose value is a size, such as "40G".
-CLI::Option* addSizeOption(CLI::App& command, std::string const& name, __int64& target,
-                           std::string const& description);
+void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
+                   std::string const& description);
+
+/// Adds an option whose value is a number from `min` to `max`.
+void addNumberOption(CLI::App& command, std::string const& name, int& target, int min, int max,
+                     std::string const& description);
 
 /// Adds "--threads".
 void addThreadsOption(CLI::App& command, int& target);
@@ -21,8 +37,5 @@ void addForceOption(CLI::App& command, bool& target);
 /// Adds a required positional argument that names a file.
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,
                      std::string const& description);
-
-/// Puts an example under the command's help.
-void setExample(CLI::App& command, std::string const& example);
 
 } // namespace kelm::tool

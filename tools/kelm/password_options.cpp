@@ -2,6 +2,9 @@
 
 #include <limits>
 
+#include <CLI/CLI.hpp>
+
+#include "host/cancel.h"
 #include "tools/kelm/errors.h"
 
 namespace kelm::tool {
@@ -19,6 +22,8 @@ host::Password obtainPassword(Obtain const& obtain) {
             throw PasswordError("The password is empty.");
         return password;
     } catch (PasswordError const&) {
+        throw;
+    } catch (host::CancelledError const&) {
         throw;
     } catch (yx::CError const& error) {
         throw PasswordError(error);

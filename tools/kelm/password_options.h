@@ -3,9 +3,11 @@
 #include <optional>
 #include <string>
 
-#include <CLI/CLI.hpp>
-
 #include "host/password.h"
+
+namespace CLI {
+class App;
+}
 
 namespace kelm::tool {
 

@@ -1,0 +1,90 @@
+#include "tests/endtoend/tool_fixture.h"
+
+namespace endtoend {
+
+namespace {
+
+/// What `--force` replaces, and what it leaves alone.
+class Force : public ToolTest {
+protected:
+    void makeSplitDisk() const {
+        writeFile("image", makeImage(std::size_t{12} << 20, 21));
+        runWell({"import", "image", "disk.vmdk", "--split", "4M"});
+        ASSERT_EQ(listFiles(),
+                  (std::set<std::string>{"disk-s00000.vmdk", "disk-s00001.vmdk", "disk-s00002.vmdk",
+                                         "disk-s00003.vmdk", "disk.vmdk", "image"}));
+    }
+};
+
+TEST_F(Force, FilesOfASplitDiskGoWithIt) {
+    makeSplitDisk();
+    runWell({"import", "image", "disk.vmdk", "--force"});
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"disk.vmdk", "image"}));
+    EXPECT_EQ(runWell({"compare", "image", "disk.vmdk"}), "equal\n");
+}
+
+TEST_F(Force, FilesThatTheNewDiskNeedsTooStay) {
+    makeSplitDisk();
+    runWell({"import", "image", "disk.vmdk", "--split", "8M", "--force"});
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"disk-s00000.vmdk", "disk-s00001.vmdk",
+                                                  "disk.vmdk", "image"}));
+    EXPECT_EQ(runWell({"compare", "image", "disk.vmdk"}), "equal\n");
+    EXPECT_EQ(runWell({"check", "disk.vmdk"}), "");
+}
+
+TEST_F(Force, OldDataDoesNotShineThroughFilesThatAreMadeLater) {
+    makeSplitDisk();
+    runWell({"create", "disk.vmdk", "--size", "12M", "--split", "4M", "--on-demand", "--force"});
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"disk-s00000.vmdk", "disk.vmdk", "image"}));
+    writeFile("zeros", std::string(std::size_t{12} << 20, '\0'));
+    EXPECT_EQ(runWell({"compare", "zeros", "disk.vmdk"}), "equal\n");
+}
+
+TEST_F(Force, AFailureRemovesNoneOfTheFormerFilesThatItDidNotReplace) {
+    makeSplitDisk();
+    // More than the disk holds, which shows only at the end.
+    Outcome const outcome = run({"import", "-", "disk.vmdk", "--size", "8M", "--force"},
+                                makeImage(std::size_t{9} << 20, 22));
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(listFiles(),
+              (std::set<std::string>{"disk-s00000.vmdk", "disk-s00001.vmdk", "disk-s00002.vmdk",
+                                     "disk-s00003.vmdk", "image"}));
+}
+
+TEST_F(Force, ACopiedDescriptorDoesNotCostTheParentItsFiles) {
+    makeSplitDisk();
+    std::filesystem::copy(path("disk.vmdk"), path("copy.vmdk"));
+    runWell({"child", "disk.vmdk", "copy.vmdk", "--force"});
+    EXPECT_EQ(runWell({"compare", "image", "copy.vmdk"}), "equal\n");
+    runWell({"create", "copy.vmdk", "--parent", "disk.vmdk", "--force"});
+    EXPECT_EQ(runWell({"compare", "image", "copy.vmdk"}), "equal\n");
+}
+
+TEST_F(Force, FilesThatADescriptorOnlyClaimsAreLeftAlone) {
+    runWell({"create", "other.vmdk", "--size", "8M"});
+    writeFile("precious", "precious");
+    std::filesystem::copy(path("other.vmdk"), path("disk-other.vmdk"));
+    writeFile("disk.vmdk", "version=1\nCID=1\nparentCID=ffffffff\n"
+                           "createType=\"twoGbMaxExtentSparse\"\n"
+                           "RW 16384 SPARSE \"other.vmdk\"\n"
+                           "RW 16384 SPARSE \"precious\"\n"
+                           "RW 16384 SPARSE \"disk-other.vmdk\"\n");
+    runWell({"create", "disk.vmdk", "--size", "8M", "--force"});
+    EXPECT_EQ(listFiles(),
+              (std::set<std::string>{"disk-other.vmdk", "disk.vmdk", "other.vmdk", "precious"}));
+}
+
+TEST_F(Force, ADiskInUseIsNotReplaced) {
+    makeSplitDisk();
+    std::set<std::string> before = listFiles();
+    RunningTool reader(folder(), {"export", "disk.vmdk", "-"});
+    reader.readOutput(1);
+    std::string const error = runBadly(3, {"create", "disk.vmdk", "--size", "8M", "--force"});
+    EXPECT_NE(error.find("in use"), std::string::npos) << error;
+    EXPECT_EQ(reader.finish().status, 0);
+    EXPECT_EQ(listFiles(), before);
+}
+
+} // namespace
+
+} // namespace endtoend

@@ -1,0 +1,129 @@
+#include <cerrno>
+#include <csignal>
+
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/endtoend/tool_fixture.h"
+
+namespace endtoend {
+
+namespace {
+
+/// What a user at a terminal sees.
+struct TerminalPlay {
+    int status = -1;
+    std::string shown;
+};
+
+/// What the terminal is to show, and what is then typed.
+using Dialogue = std::vector<std::pair<std::string, std::string>>;
+
+class Terminal : public ToolTest {
+protected:
+    /// Runs the program on a terminal of its own.
+    TerminalPlay play(Arguments const& arguments, Dialogue const& dialogue = {}) const {
+        int master = -1;
+        std::vector<char*> words{const_cast<char*>("kelm")};
+        for (std::string const& argument : arguments)
+            words.push_back(const_cast<char*>(argument.c_str()));
+        words.push_back(nullptr);
+        pid_t const child = ::forkpty(&master, nullptr, nullptr, nullptr);
+        if (child == 0) {
+            if (::chdir(folder().c_str()) == 0)
+                ::execv(KELM_TOOL, words.data());
+            ::_exit(127);
+        }
+        TerminalPlay result;
+        auto next = dialogue.begin();
+        char part[4096];
+        for (ssize_t count = 0; (count = ::read(master, part, sizeof part)) > 0;) {
+            result.shown.append(part, static_cast<std::size_t>(count));
+            if (next != dialogue.end() && result.shown.find(next->first) != std::string::npos) {
+                EXPECT_EQ(static_cast<ssize_t>(next->second.size()),
+                          ::write(master, next->second.data(), next->second.size()));
+                ++next;
+            }
+        }
+        EXPECT_TRUE(next == dialogue.end()) << result.shown;
+        ::close(master);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return result;
+    }
+
+    void makeEncryptedDisk() const {
+        writeFile("password", "secret\n");
+        runWell(
+            {"create", "disk.vmdk", "--size", "8M", "--encrypt", "--password-file", "password"});
+    }
+};
+
+TEST_F(Terminal, PasswordIsAskedForWithoutEcho) {
+    makeEncryptedDisk();
+    TerminalPlay const right =
+        play({"info", "disk.vmdk"}, {{"Password of disk.vmdk: ", "secret\n"}});
+    EXPECT_EQ(right.status, 0) << right.shown;
+    EXPECT_EQ(right.shown.find("secret"), std::string::npos) << right.shown;
+    EXPECT_NE(right.shown.find("encrypted"), std::string::npos) << right.shown;
+
+    TerminalPlay const wrong =
+        play({"check", "disk.vmdk"}, {{"Password of disk.vmdk: ", "sekret\n"}});
+    EXPECT_EQ(wrong.status, 4) << wrong.shown;
+    EXPECT_NE(wrong.shown.find("kelm: Specified VMDK encryption password is not correct."),
+              std::string::npos)
+        << wrong.shown;
+}
+
+TEST_F(Terminal, PasswordOfANewDiskIsAskedForTwice) {
+    Arguments const create{"create", "disk.vmdk", "--size", "8M", "--encrypt"};
+    TerminalPlay const differs =
+        play(create, {{"New password: ", "secret\n"}, {"New password again: ", "sekret\n"}});
+    EXPECT_EQ(differs.status, 4) << differs.shown;
+    EXPECT_NE(differs.shown.find("kelm: The two passwords differ."), std::string::npos)
+        << differs.shown;
+    EXPECT_EQ(listFiles(), std::set<std::string>());
+
+    TerminalPlay const equal =
+        play(create, {{"New password: ", "secret\n"}, {"New password again: ", "secret\n"}});
+    EXPECT_EQ(equal.status, 0) << equal.shown;
+    EXPECT_EQ(runBadly(4, {"info", "disk.vmdk"}),
+              "kelm: There is no terminal to ask for the password on.\n");
+}
+
+TEST_F(Terminal, InterruptingThePromptIsAnInterruption) {
+    makeEncryptedDisk();
+    // The terminal turns this character into the signal.
+    TerminalPlay const stopped = play({"info", "disk.vmdk"}, {{"Password of disk.vmdk: ", "\x03"}});
+    EXPECT_EQ(stopped.status, 3) << stopped.shown;
+    EXPECT_NE(stopped.shown.find("kelm: Cancelled."), std::string::npos) << stopped.shown;
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"disk.vmdk", "password"}));
+}
+
+TEST_F(Terminal, LongWorkShowsABarThatGoesAway) {
+    writeFile("image", makeImage(std::size_t{8} << 20, 41));
+    TerminalPlay const imported = play({"import", "image", "disk.vmdk"});
+    EXPECT_EQ(imported.status, 0);
+    EXPECT_NE(imported.shown.find("\rimport 100% [##############################] "),
+              std::string::npos)
+        << imported.shown;
+    EXPECT_EQ(imported.shown.rfind("\r\x1b[K"), imported.shown.size() - 4) << imported.shown;
+}
+
+TEST_F(Terminal, FindingsStandOnLinesOfTheirOwn) {
+    writeFile("image", makeImage(std::size_t{8} << 20, 42));
+    runWell({"import", "image", "disk.vmdk", "--split", "4M"});
+    std::filesystem::remove(path("disk-s00001.vmdk"));
+    TerminalPlay const checked = play({"check", "disk.vmdk"});
+    EXPECT_EQ(checked.status, 1);
+    std::size_t const finding = checked.shown.find(path("disk.vmdk") + ": grains ");
+    ASSERT_NE(finding, std::string::npos) << checked.shown;
+    std::string const before = checked.shown.substr(0, finding);
+    EXPECT_TRUE(before.ends_with("\n") || before.ends_with("\r\x1b[K")) << checked.shown;
+}
+
+} // namespace
+
+} // namespace endtoend
