@@ -185,10 +185,14 @@ std::ostream& operator<<(std::ostream& stream, Parameter const& parameter) {
 
 std::vector<Parameter> allParameters() {
     std::vector<Parameter> parameters;
-    for (CrashKind const& kind : allCrashKinds())
-        parameters.push_back({Way::Safe, kind});
-    for (DiskKind const& kind : allDiskKinds())
-        parameters.push_back({Way::Bare, {kind}});
+    for (CrashKind const& kind : allCrashKinds()) {
+        // Enciphering changes no operation, and stretching the password takes time.
+        std::string const name = kind.name();
+        if (!kind.isEncrypted() || name == "encrypted" || name == "encryptedCompressedSplit")
+            parameters.push_back({Way::Safe, kind});
+    }
+    for (std::size_t const index : {0U, 4U, 7U})
+        parameters.push_back({Way::Bare, {allDiskKinds()[index]}});
     return parameters;
 }
 
@@ -215,9 +219,15 @@ protected:
     bool isSkipped(Phase const& phase) const {
         if (phase.onlyChildren && !kind().isChild)
             return true;
-        // Making an enciphered disk stretches its password at full length.
-        return phase.createsDisk &&
-               (way() == Way::Bare || (kind().isEncrypted() && kind().isChild));
+        // Making an enciphered disk stretches its password at full length, so one kind must do.
+        bool const isSlow = kind().isEncrypted() && kind().name() != "encrypted";
+        return phase.createsDisk && (way() == Way::Bare || isSlow);
+    }
+
+    /// Children are the same but for what lies below them.
+    bool isSkipped(FaultKind const& fault, Sequel sequel) const {
+        return sequel != Sequel::RepeatAtOnce &&
+               (kind().isChild || fault.kinds.size() < kAllOperations.size());
     }
 
     /// Fails the `nth` operation; false if there were fewer.
@@ -395,6 +405,8 @@ TEST_P(SingleFaults, ArriveAndLoseNothing) {
             continue;
         for (FaultKind const& fault : faultKinds()) {
             for (Sequel const sequel : kSequels) {
+                if (isSkipped(fault, sequel))
+                    continue;
                 for (int nth = 1;; ++nth) {
                     SCOPED_TRACE(std::string(phase.name) + ", " + fault.name + ", sequel " +
                                  std::to_string(static_cast<int>(sequel)) + ", operation " +

@@ -48,7 +48,9 @@ private:
     /// After a writer was killed: the disk holds what was flushed or written since; what it holds is
     /// what counts from now on.
     void takeStock();
-    void takeStockOfGrain(int grain);
+
+    /// Returns false for a grain that cannot be read, which is then zeros.
+    bool takeStockOfGrain(int grain);
     void mendGrain(int grain);
 
     void compareGrain(int grain);
