@@ -4,6 +4,7 @@
 
 #include "host/cancel.h"
 #include "host/file_descriptor.h"
+#include "yx/early_write_back.h"
 
 namespace kelm::host {
 
@@ -49,6 +50,7 @@ private:
     /// Whether the file holds nothing but what was written here.
     bool m_isOurs = false;
     __int64 m_positionBytes = 0;
+    yx::detail::EarlyWriteBack m_earlyWriteBack;
 };
 
 } // namespace kelm::host
