@@ -7,6 +7,9 @@
 
 namespace bench {
 
+/// Where the program finds the password of encrypted disks.
+constexpr char kPasswordVariable[] = "KELM_BENCH_PASSWORD";
+
 /// What all parts of the report share.
 struct Context {
     Report report;

@@ -29,11 +29,13 @@ void BareCodec::compressAll() {
                                    m_target.getUsed());
 }
 
-void BareCodec::decompressAll() {
+void BareCodec::decompressAll(std::function<void(unsigned char const*)> const& use) {
     for (yx::P<Buffer> const& record : m_records) {
         if (m_coder.decompressSingleStep(record->getData(), record->getUsed(), m_target.getData(),
                                          kGrainBytes) != kGrainBytes)
             fail("a grain does not decompress");
+        if (use)
+            use(m_target.getData());
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "bench/report/work_files.h"
@@ -15,7 +16,9 @@ public:
     explicit BareCodec(std::vector<yx::P<Buffer>> const& grains);
 
     void compressAll();
-    void decompressAll();
+
+    /// Calls `use`, if given, with each grain.
+    void decompressAll(std::function<void(unsigned char const*)> const& use = {});
 
     double getPlainBytes() const { return static_cast<double>(m_grains.size()) * kGrainBytes; }
     double getCompressedBytes() const { return m_compressedBytes; }

@@ -29,8 +29,7 @@ void measureCompressed(Context& context) {
     Measurements times;
     for (int round = 0; round <= context.rounds; ++round) {
         Measurements& series = times;
-        yx::P<kelm::CVMDKDisk> const target =
-            createDisk(path, bytes, {.compressed = true}, false);
+        yx::P<kelm::CVMDKDisk> const target = createDisk(path, bytes, {.compressed = true}, false);
         settle(path);
         double const compress = secondsOf([&] { codec.compressAll(); });
         double const write = secondsOf([&] {
@@ -67,12 +66,9 @@ void measureEncrypted(Context& context) {
     BareCipher cipher;
     Measurements times;
     for (int round = 0; round <= context.rounds; ++round) {
-        yx::P<kelm::CVMDKDisk> const disk =
-            createDisk(path, bytes, {.password = kPassword}, false);
+        yx::P<kelm::CVMDKDisk> const disk = createDisk(path, bytes, {.password = kPassword}, false);
         removeAndSettle(barePath);
-        auto const grainAt = [&data](long long position) {
-            return data.data() + position % kMiB;
-        };
+        auto const grainAt = [&data](long long position) { return data.data() + position % kMiB; };
         double const bareWrite = secondsOf([&] {
             BareFile const file(barePath, BareFile::Mode::New);
             for (long long position = 0; position < bytes; position += kGrainBytes) {

@@ -124,11 +124,10 @@ void addOpening(Context& context, GrowthTable& table) {
 /// A disk with a cache without limit, of which a grain of so many tables was written.
 yx::P<kelm::CVMDKDisk> makeReachedDisk(std::string const& path, long long tables) {
     constexpr long long kTableReachBytes = 32 * kMiB;
-    yx::P<kelm::CVMDKGrainTableCache> const cache =
-        yx::makeObject<kelm::CVMDKGrainTableCache>(-1);
-    yx::P<kelm::CVMDKDisk> const disk = yx::makeObject<kelm::CVMDKDisk>(
-        nativeFiles(false).get(), uriOf(path), yx::IIOStream::ReadWrite, "", -1, cache.get(),
-        nullptr);
+    yx::P<kelm::CVMDKGrainTableCache> const cache = yx::makeObject<kelm::CVMDKGrainTableCache>(-1);
+    yx::P<kelm::CVMDKDisk> const disk =
+        yx::makeObject<kelm::CVMDKDisk>(nativeFiles(false).get(), uriOf(path),
+                                        yx::IIOStream::ReadWrite, "", -1, cache.get(), nullptr);
     unsigned char const byte = 1;
     for (long long table = 0; table < tables; ++table) {
         disk->seek(table * kTableReachBytes);

@@ -122,6 +122,8 @@ void measureParts(Context& context, Arguments const& arguments) {
 int main(int argc, char** argv) {
     constexpr char kMemoryFolder[] = "/dev/shm";
     Arguments const arguments = parse(argc, argv);
+    ::setenv(kPasswordVariable, "password", 1);
+    startLauncher();
     WorkFolder const work(arguments.work);
     Context context;
     context.folder = work.getPath();

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,32 +37,16 @@ pid_t forkOrFail() {
 
 std::string nameOfSystemCall(unsigned long long number) {
     static std::map<unsigned long long, char const*> const kNames = {
-        {SYS_read, "read"},
-        {SYS_write, "write"},
-        {SYS_pread64, "pread"},
-        {SYS_pwrite64, "pwrite"},
-        {SYS_pwritev, "pwritev"},
-        {SYS_openat, "open"},
-        {SYS_close, "close"},
-        {SYS_fstat, "fstat"},
-        {SYS_newfstatat, "stat"},
-        {SYS_lseek, "lseek"},
-        {SYS_fcntl, "fcntl"},
-        {SYS_fdatasync, "fdatasync"},
-        {SYS_fsync, "fsync"},
-        {SYS_ftruncate, "ftruncate"},
-        {SYS_unlinkat, "unlink"},
-        {SYS_brk, "brk"},
-        {SYS_mmap, "mmap"},
-        {SYS_munmap, "munmap"},
-        {SYS_futex, "futex"},
-        {SYS_getrandom, "getrandom"},
+        {SYS_read, "read"},       {SYS_write, "write"},         {SYS_pread64, "pread"},
+        {SYS_pwrite64, "pwrite"}, {SYS_pwritev, "pwritev"},     {SYS_openat, "open"},
+        {SYS_close, "close"},     {SYS_fstat, "fstat"},         {SYS_newfstatat, "stat"},
+        {SYS_lseek, "lseek"},     {SYS_fcntl, "fcntl"},         {SYS_fdatasync, "fdatasync"},
+        {SYS_fsync, "fsync"},     {SYS_ftruncate, "ftruncate"}, {SYS_unlinkat, "unlink"},
+        {SYS_brk, "brk"},         {SYS_mmap, "mmap"},           {SYS_munmap, "munmap"},
+        {SYS_futex, "futex"},     {SYS_getrandom, "getrandom"},
 #ifdef SYS_open
-        {SYS_open, "open"},
-        {SYS_stat, "stat"},
-        {SYS_lstat, "lstat"},
-        {SYS_access, "access"},
-        {SYS_unlink, "unlink"},
+        {SYS_open, "open"},       {SYS_stat, "stat"},           {SYS_lstat, "lstat"},
+        {SYS_access, "access"},   {SYS_unlink, "unlink"},
 #endif
     };
     auto const found = kNames.find(number);
@@ -102,7 +87,64 @@ SystemCalls traceChild(pid_t child) {
     return calls;
 }
 
+/// Runs a program and tells what it took; the exit status is that of `wait4`.
+struct LaunchResult {
+    ProcessUse use;
+    int status;
+};
+
+LaunchResult launch(std::vector<char*> const& arguments) {
+    LaunchResult result = {};
+    result.use.seconds = secondsOf([&] {
+        pid_t const child = forkOrFail();
+        if (child == 0) {
+            int const nowhere = ::open("/dev/null", O_WRONLY);
+            ::dup2(nowhere, STDOUT_FILENO);
+            ::execvp(arguments[0], arguments.data());
+            ::_exit(127);
+        }
+        rusage usage = {};
+        if (::wait4(child, &result.status, 0, &usage) != child)
+            fail("lost a child process");
+        result.use.peakMemoryBytes = usage.ru_maxrss * 1024LL;
+    });
+    return result;
+}
+
+/// The launcher's end of the line and ours.
+int launcherSocket = -1;
+
+/// Takes commands, each one message of arguments that end with a zero byte, until we are gone.
+[[noreturn]] void serveLaunches(int socket) {
+    std::vector<char> message(64 * 1024);
+    while (true) {
+        ssize_t const size = ::recv(socket, message.data(), message.size(), 0);
+        if (size <= 0)
+            ::_exit(0);
+        std::vector<char*> arguments;
+        for (char* next = message.data(); next < message.data() + size;
+             next += std::strlen(next) + 1)
+            arguments.push_back(next);
+        arguments.push_back(nullptr);
+        LaunchResult const result = launch(arguments);
+        if (::send(socket, &result, sizeof(result), 0) != sizeof(result))
+            ::_exit(1);
+    }
+}
+
 } // namespace
+
+void startLauncher() {
+    int sockets[2];
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sockets) != 0)
+        fail(std::string("cannot make a socket: ") + std::strerror(errno));
+    if (forkOrFail() == 0) {
+        ::close(sockets[0]);
+        serveLaunches(sockets[1]);
+    }
+    ::close(sockets[1]);
+    launcherSocket = sockets[0];
+}
 
 void fail(std::string const& message) {
     std::fprintf(stderr, "bench_report: %s\n", message.c_str());
@@ -110,33 +152,19 @@ void fail(std::string const& message) {
 }
 
 ProcessUse runProgram(std::vector<std::string> const& arguments) {
-    std::vector<char*> pointers;
-    for (std::string const& argument : arguments)
-        pointers.push_back(const_cast<char*>(argument.c_str()));
-    pointers.push_back(nullptr);
-
-    ProcessUse use = {};
-    int status = 0;
-    use.seconds = secondsOf([&] {
-        pid_t const child = forkOrFail();
-        if (child == 0) {
-            int const nowhere = ::open("/dev/null", O_WRONLY);
-            ::dup2(nowhere, STDOUT_FILENO);
-            ::execvp(pointers[0], pointers.data());
-            ::_exit(127);
-        }
-        rusage usage = {};
-        if (::wait4(child, &status, 0, &usage) != child)
-            fail("lost a child process");
-        use.peakMemoryBytes = usage.ru_maxrss * 1024LL;
-    });
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        std::string command;
-        for (std::string const& argument : arguments)
-            command += argument + " ";
-        fail("failed: " + command);
+    std::string message;
+    std::string command;
+    for (std::string const& argument : arguments) {
+        message += argument + '\0';
+        command += argument + " ";
     }
-    return use;
+    LaunchResult result = {};
+    if (::send(launcherSocket, message.data(), message.size(), 0) < 0 ||
+        ::recv(launcherSocket, &result, sizeof(result), 0) != sizeof(result))
+        fail("cannot run: " + command);
+    if (!WIFEXITED(result.status) || WEXITSTATUS(result.status) != 0)
+        fail("failed: " + command);
+    return result.use;
 }
 
 SystemCalls countSystemCalls(std::function<void()> const& run) {

@@ -15,6 +15,10 @@ struct ProcessUse {
     __INT64_TYPE__ peakMemoryBytes;
 };
 
+/// Starts the process from which `runProgram` starts all others. To be called before this one takes
+/// memory: the system counts what a process held before it became the program as the program's.
+void startLauncher();
+
 /// Runs a program, found by PATH, without its standard output, and waits for it. A failure ends
 /// this one with a message.
 ProcessUse runProgram(std::vector<std::string> const& arguments);

@@ -99,8 +99,7 @@ yx::P<kelm::CVMDKDisk> createDisk(std::string const& path, long long sizeBytes,
 
 void makeFullDisk(std::string const& path, long long sizeBytes, char const* password) {
     std::vector<unsigned char> const bytes = randomBytes(kMiB);
-    yx::P<kelm::CVMDKDisk> const disk =
-        createDisk(path, sizeBytes, {.password = password}, false);
+    yx::P<kelm::CVMDKDisk> const disk = createDisk(path, sizeBytes, {.password = password}, false);
     for (long long position = 0; position < sizeBytes; position += kMiB)
         disk->write(bytes.data(), kMiB);
     disk->flushChanges();
