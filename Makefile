@@ -55,12 +55,15 @@ SOAK_ARGS ?=
 soak: all
 	build/release/bin/helpers/soak/soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
+# Measures everything beside its limit and writes one report. BENCH_WORK is a folder on the disk
+# whose speed matters, with 8 GB free; BENCH_CONTENT one with files for the image of a file system.
+REPORT ?= build/bench/report.md
+BENCH_WORK ?= /var/tmp
+BENCH_CONTENT ?= /usr/share
 bench: install-packages
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
-	@set -e; for program in build/bench/bin/bench/*; do \
-		echo "== $${program##*/}"; "$$program" $(BENCH_ARGS); \
-	done
+	bench/run.sh build/bench "$(REPORT)" "$(BENCH_WORK)" "$(BENCH_CONTENT)"
 
 # Lists anew what the libraries export; a test compares them with the lists.
 symbols: all

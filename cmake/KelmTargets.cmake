@@ -28,6 +28,11 @@ function(kelm_own_code target)
     else()
         target_compile_options(${target} PRIVATE
             -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${KELM_WERROR}>:-Werror>)
+        if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+            # Nobody replaces functions of our libraries from outside; so calls inside one of them
+            # need no detour, and may be inlined. Clang takes that for granted.
+            target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+        endif()
         if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION MATCHES "^12\\.")
             # GCC 12 takes "text" + std::string for overlapping copies (GCC bug 105651).
             target_compile_options(${target} PRIVATE -Wno-restrict)

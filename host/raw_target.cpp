@@ -106,6 +106,8 @@ void RawTarget::writeBytes(unsigned char const* data, int bytes) {
             continue;
         if (count < 0)
             throwSystemError("Cannot write the image", m_path);
+        if (m_kind != Kind::Pipe)
+            m_earlyWriteBack.onWritten(m_file.get(), m_positionBytes, count);
         m_positionBytes += count;
         data += count;
         bytes -= static_cast<int>(count);

@@ -4,6 +4,7 @@
 
 #include "host/cancel.h"
 #include "host/file_descriptor.h"
+#include "yx/early_write_back.h"
 
 namespace kelm::host {
 
@@ -51,6 +52,7 @@ private:
     bool m_isOurs = false;
 
     __int64 m_positionBytes = 0;
+    yx::detail::EarlyWriteBack m_earlyWriteBack;
 };
 
 } // namespace kelm::host

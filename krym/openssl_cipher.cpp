@@ -1,5 +1,6 @@
 #include "krym/openssl_cipher.h"
 
+#include <array>
 #include <limits>
 
 #include <openssl/evp.h>
@@ -67,13 +68,22 @@ public:
     /// Puts a partial block through, filled with zeros to `blockSizeBytes`.
     void updateFilled(unsigned char* target, void const* source, int sizeBytes,
                       int blockSizeBytes) {
-        yx::TCryptBuffer<unsigned char> block(blockSizeBytes, -1);
-        yx::initMemory(block.getData(), 0, static_cast<std::size_t>(blockSizeBytes));
-        yx::copyMemory(block.getData(), source, static_cast<std::size_t>(sizeBytes));
-        update(target, block.getData(), blockSizeBytes);
+        WipedBlock block;
+        yx::copyMemory(block.bytes.data(), source, static_cast<std::size_t>(sizeBytes));
+        update(target, block.bytes.data(), blockSizeBytes);
     }
 
 private:
+    /// Zeros, before and after.
+    struct WipedBlock {
+        WipedBlock() = default;
+        WipedBlock(WipedBlock const&) = delete;
+        WipedBlock& operator=(WipedBlock const&) = delete;
+        ~WipedBlock() { yx::initMemory(bytes.data(), 0, bytes.size()); }
+
+        std::array<unsigned char, EVP_MAX_BLOCK_LENGTH> bytes{};
+    };
+
     struct Reset {
         void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_reset(context); }
     };

@@ -33,6 +33,9 @@ public:
 
     /// The object of the key, which thereby becomes the most recently used; null if there is none.
     P<V> get(K const& key) {
+        // Mostly it is the one that was asked for before.
+        if (!m_recency.empty() && isSame(m_recency.front()->first, key))
+            return m_recency.front()->second.value;
         auto const found = m_entries.find(key);
         if (found == m_entries.end())
             return {};
@@ -113,6 +116,8 @@ public:
     };
 
 private:
+    static bool isSame(K const& left, K const& right) { return !(left < right) && !(right < left); }
+
     void touch(typename Entries::iterator entry) {
         m_recency.splice(m_recency.begin(), m_recency, entry->second.place);
     }

@@ -21,7 +21,9 @@ namespace {
 
 using detail::FileAction;
 
-constexpr __int64 kMaxFileLengthBytes = std::numeric_limits<off_t>::max();
+constexpr __int64 kMaxLengthBytes = std::numeric_limits<off_t>::max();
+static_assert(kMaxLengthBytes == std::numeric_limits<__int64>::max(),
+              "positions are checked against that before they come here");
 
 /// Pieces of one call; the system's own limit is at least 1024.
 constexpr std::size_t kMaxPiecesPerCall = 64;
@@ -119,8 +121,10 @@ bool isSyncUnsupported(int errorNumber) {
 CNativeFileStream::CNativeFileStream(std::shared_ptr<detail::FileDescriptor> descriptor,
                                      CURI const& uri, std::string path, Access access,
                                      NativeFlush flush)
-    : m_descriptor(std::move(descriptor)), m_uri(uri), m_path(std::move(path)), m_access(access) {
-    struct stat const status = queryFile(m_descriptor->get(), m_uri);
+    : CFileStream("CNativeFileStream", uri, access),
+      m_descriptor(std::move(descriptor)),
+      m_path(std::move(path)) {
+    struct stat const status = queryFile(m_descriptor->get(), uri);
     bool const isFile = S_ISREG(status.st_mode);
     m_neverSyncs = flush == NativeFlush::ToSystem || (!isFile && !S_ISBLK(status.st_mode));
     m_folderNeedsSync = isFile;
@@ -137,47 +141,25 @@ CNativeFileStream::~CNativeFileStream() {
 }
 
 __int64 CNativeFileStream::getLength() const {
-    struct stat const status = queryFile(getDescriptor(), m_uri);
+    requireOpen();
+    struct stat const status = queryFile(m_descriptor->get(), uri());
     if (!S_ISBLK(status.st_mode))
         return status.st_size;
-    off_t const size = ::lseek(getDescriptor(), 0, SEEK_END);
+    off_t const size = ::lseek(m_descriptor->get(), 0, SEEK_END);
     if (size < 0)
-        throw detail::makeFileError(FileAction::Query, errno, detail::makeUriProps(m_uri));
+        throw detail::makeFileError(FileAction::Query, errno, detail::makeUriProps(uri()));
     return size;
 }
 
-__int64 CNativeFileStream::getPosition() const {
-    getDescriptor();
-    return m_position;
-}
-
-CURI CNativeFileStream::getURI() {
-    return m_uri;
-}
-
-void CNativeFileStream::seek(__int64 position) {
-    getDescriptor();
-    if (position < 0)
-        detail::throwBadPosition(m_uri, position);
-    m_position = position;
-}
-
-P<IStreamLock> CNativeFileStream::lockRange(__int64 position, __int64 length, LockType type) {
-    int const descriptor = getDescriptor();
-    if (position < 0)
-        detail::throwBadPosition(m_uri, position);
-    if (length < 1 || length > kMaxFileLengthBytes - position)
-        detail::throwBadLength(m_uri, length);
-    bool const exclusive = type == Exclusive;
-    if (exclusive && m_access != ReadWrite)
-        detail::throwReadOnly(m_uri);
-    int const error = setRangeLock(descriptor, exclusive ? F_WRLCK : F_RDLCK, position, length);
+P<IStreamLock> CNativeFileStream::lockAt(__int64 position, __int64 length, bool exclusive) {
+    int const error =
+        setRangeLock(m_descriptor->get(), exclusive ? F_WRLCK : F_RDLCK, position, length);
     if (error == EAGAIN || error == EACCES)
-        detail::throwRangeLocked(m_uri, position, length);
+        detail::throwRangeLocked(uri(), position, length);
     if (error != 0) {
         // The one thing that can be invalid here is the command, on a system too old for it.
         throw detail::makeFileError(FileAction::Lock, error == EINVAL ? ENOTSUP : error,
-                                    makeTransferProps(m_uri, position, "length", length));
+                                    makeTransferProps(uri(), position, "length", length));
     }
     return makeObject<CNativeRangeLock>(m_descriptor, position, length);
 }
@@ -188,67 +170,12 @@ void CNativeFileStream::close() {
     if (!descriptor || descriptor.use_count() > 1)
         return;
     if (int const error = descriptor->close(); error != 0)
-        throw detail::makeFileError(FileAction::Close, error, detail::makeUriProps(m_uri));
-}
-
-void CNativeFileStream::read(void* target, int sizeBytes) {
-    getDescriptor();
-    if (sizeBytes < 0)
-        detail::throwBadSize("CNativeFileStream::read", sizeBytes);
-    if (readAt(m_position, target, sizeBytes) < sizeBytes)
-        detail::throwUnexpectedEnd(m_uri, m_position, sizeBytes);
-    m_position += sizeBytes;
-}
-
-int CNativeFileStream::readLax(void* target, int sizeBytes) {
-    getDescriptor();
-    if (sizeBytes < 0)
-        detail::throwBadSize("CNativeFileStream::readLax", sizeBytes);
-    int const count = readAt(m_position, target, sizeBytes);
-    m_position += count;
-    return count;
-}
-
-int CNativeFileStream::readAvailable(void* target, int sizeBytes) {
-    return readLax(target, sizeBytes);
-}
-
-bool CNativeFileStream::waitReadable(int) const {
-    return !isEndOfStream();
-}
-
-bool CNativeFileStream::isEndOfStream() const {
-    return m_position >= getLength();
-}
-
-int CNativeFileStream::isEndOfStream_NonBlocking() const {
-    return isEndOfStream() ? 1 : 0;
-}
-
-void CNativeFileStream::write(void const* source, int sizeBytes, IWriteBarrier*) {
-    getWritableDescriptor();
-    if (sizeBytes < 0)
-        detail::throwBadSize("CNativeFileStream::write", sizeBytes);
-    if (sizeBytes == 0)
-        return;
-    Piece const piece{source, sizeBytes};
-    writePieces(m_position, &piece, 1);
-    m_position += sizeBytes;
-}
-
-void CNativeFileStream::writeKeepBuffer(TConstBufferSlice<unsigned char> const& slice,
-                                        IWriteBarrier* barrier) {
-    write(slice.getData(), slice.getLength(), barrier);
-}
-
-P<IWriteBarrier> CNativeFileStream::createWriteBarrier(IWriteBarrier*) {
-    getDescriptor();
-    return makeObject<CDummyWriteBarrier>();
+        throw detail::makeFileError(FileAction::Close, error, detail::makeUriProps(uri()));
 }
 
 void CNativeFileStream::flush() {
-    getDescriptor();
-    if (m_neverSyncs || m_access != ReadWrite)
+    requireOpen();
+    if (m_neverSyncs || !isWritable())
         return;
     if (m_syncError != 0)
         throwSyncError();
@@ -262,29 +189,22 @@ void CNativeFileStream::flush() {
 }
 
 void CNativeFileStream::setLength(__int64 length) {
-    int const descriptor = getWritableDescriptor();
+    requireWritable();
     if (length < 0)
-        detail::throwBadLength(m_uri, length);
+        detail::throwBadLength(uri(), length);
     m_contentNeedsSync = true;
-    while (::ftruncate(descriptor, length) != 0) {
+    while (::ftruncate(m_descriptor->get(), length) != 0) {
         if (errno != EINTR) {
             throw detail::makeFileError(
                 FileAction::SetLength, errno,
-                detail::makeUriProps(m_uri).add("length", toString(length)));
+                detail::makeUriProps(uri()).add("length", toString(length)));
         }
     }
 }
 
-void CNativeFileStream::writePieces(__int64 position, Piece const* pieces, int count) {
-    int const descriptor = getWritableDescriptor();
-    if (position < 0)
-        detail::throwBadPosition(m_uri, position);
-    __int64 sizeBytes = 0;
-    for (int i = 0; i < count; ++i)
-        sizeBytes += pieces[i].sizeBytes;
-    if (position > kMaxFileLengthBytes - sizeBytes)
-        detail::throwTooLong(m_uri, position, sizeBytes);
-
+void CNativeFileStream::writeAt(__int64 position, Piece const* pieces, int count,
+                                __int64 sizeBytes) {
+    int const descriptor = m_descriptor->get();
     m_contentNeedsSync = true;
     RemainingPieces remaining(pieces, count);
     for (__int64 next = position; !remaining.isEmpty();) {
@@ -298,28 +218,16 @@ void CNativeFileStream::writePieces(__int64 position, Piece const* pieces, int c
             // No progress without a reason would repeat itself for ever.
             throw detail::makeFileError(
                 FileAction::Write, written == 0 ? EIO : errno,
-                makeTransferProps(m_uri, position, "bytesToWrite", sizeBytes));
+                makeTransferProps(uri(), position, "bytesToWrite", sizeBytes));
         }
     }
-}
-
-int CNativeFileStream::getDescriptor() const {
-    if (!m_descriptor)
-        detail::throwStreamClosed(m_uri);
-    return m_descriptor->get();
-}
-
-int CNativeFileStream::getWritableDescriptor() const {
-    int const descriptor = getDescriptor();
-    if (m_access != ReadWrite)
-        detail::throwReadOnly(m_uri);
-    return descriptor;
+    if (!m_neverSyncs)
+        m_earlyWriteBack.onWritten(descriptor, position, sizeBytes);
 }
 
 int CNativeFileStream::readAt(__int64 position, void* target, int sizeBytes) const {
     // No file reaches up to the largest number, and the system refuses ranges that pass it.
-    auto const wanted =
-        static_cast<int>(std::min<__int64>(sizeBytes, kMaxFileLengthBytes - position));
+    auto const wanted = static_cast<int>(std::min<__int64>(sizeBytes, kMaxLengthBytes - position));
     int done = 0;
     while (done < wanted) {
         ssize_t const count =
@@ -332,7 +240,7 @@ int CNativeFileStream::readAt(__int64 position, void* target, int sizeBytes) con
         else if (errno != EINTR)
             throw detail::makeFileError(
                 FileAction::Read, errno,
-                makeTransferProps(m_uri, position, "bytesToRead", sizeBytes));
+                makeTransferProps(uri(), position, "bytesToRead", sizeBytes));
     }
     return done;
 }
@@ -352,7 +260,7 @@ void CNativeFileStream::syncFolder() {
     if (error == std::errc::no_such_file_or_directory)
         return; // It was deleted or moved away: there is no entry to keep.
     if (error)
-        throw detail::makeFileError(FileAction::Flush, error.value(), detail::makeUriProps(m_uri));
+        throw detail::makeFileError(FileAction::Flush, error.value(), detail::makeUriProps(uri()));
 
     detail::FileDescriptor const folder(
         detail::openDescriptor(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY));
@@ -364,7 +272,7 @@ void CNativeFileStream::syncFolder() {
         throwSyncError();
     }
     if (folder.get() < 0)
-        throw detail::makeFileError(FileAction::Flush, -folder.get(), detail::makeUriProps(m_uri));
+        throw detail::makeFileError(FileAction::Flush, -folder.get(), detail::makeUriProps(uri()));
     while (::fsync(folder.get()) != 0) {
         if (errno == EINTR)
             continue;
@@ -376,7 +284,7 @@ void CNativeFileStream::syncFolder() {
 }
 
 void CNativeFileStream::throwSyncError() const {
-    throw detail::makeFileError(FileAction::Flush, m_syncError, detail::makeUriProps(m_uri));
+    throw detail::makeFileError(FileAction::Flush, m_syncError, detail::makeUriProps(uri()));
 }
 
 } // namespace yx

@@ -1,6 +1,7 @@
 #include "yx/string.h"
 
 #include <algorithm>
+#include <array>
 #include <ostream>
 
 #include "yx/memory.h"
@@ -24,7 +25,29 @@ bool exceedsCodePoints(std::string_view utf8) {
     return false;
 }
 
+bool isAscii(std::string_view bytes) {
+    return std::all_of(bytes.begin(), bytes.end(),
+                       [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
+}
+
+bool isAscii(std::wstring_view characters) {
+    return std::all_of(characters.begin(), characters.end(),
+                       [](wchar_t character) { return static_cast<wxUint32>(character) < 0x80; });
+}
+
+/// Nearly all names and keys are ASCII, and need no converter.
+wxString widenAscii(std::string_view ascii) {
+    constexpr std::size_t kShort = 128;
+    if (ascii.size() > kShort)
+        return wxString(std::wstring(ascii.begin(), ascii.end()));
+    std::array<wchar_t, kShort> characters;
+    std::copy(ascii.begin(), ascii.end(), characters.begin());
+    return wxString(characters.data(), ascii.size());
+}
+
 std::optional<wxString> tryDecode(std::string_view utf8) {
+    if (isAscii(utf8))
+        return widenAscii(utf8);
     if (exceedsCodePoints(utf8))
         return std::nullopt;
     wxString text = wxString::FromUTF8(utf8.data(), utf8.size());
@@ -55,6 +78,12 @@ std::string encodeCodePoints(std::wstring_view characters) {
 
 std::string encode(wxString const& text) {
     std::wstring_view const characters(text.wc_str(), text.length());
+    if (isAscii(characters)) {
+        std::string ascii(characters.size(), '\0');
+        std::transform(characters.begin(), characters.end(), ascii.begin(),
+                       [](wchar_t character) { return static_cast<char>(character); });
+        return ascii;
+    }
     auto const isInvalid = [](wchar_t character) {
         return static_cast<wxUint32>(character) > kLastCodePoint;
     };

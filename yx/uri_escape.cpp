@@ -76,6 +76,7 @@ std::string toUpperAscii(std::string text) {
 
 std::string escape(std::string_view bytes, CharTest isAllowed) {
     std::string escaped;
+    escaped.reserve(bytes.size());
     for (char const character : bytes) {
         if (isAllowed(character))
             escaped += character;
@@ -87,6 +88,7 @@ std::string escape(std::string_view bytes, CharTest isAllowed) {
 
 std::optional<std::string> completeEscapes(std::string_view text, CharTest isAllowed) {
     std::string escaped;
+    escaped.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '%' && !isEscapeAt(text, i))
             return std::nullopt;
@@ -99,7 +101,10 @@ std::optional<std::string> completeEscapes(std::string_view text, CharTest isAll
 }
 
 std::string unescape(std::string_view escaped) {
+    if (escaped.find('%') == std::string_view::npos)
+        return std::string(escaped);
     std::string bytes;
+    bytes.reserve(escaped.size());
     for (size_t i = 0; i < escaped.size(); ++i) {
         if (isEscapeAt(escaped, i)) {
             bytes += escapedByteAt(escaped, i);
@@ -112,7 +117,10 @@ std::string unescape(std::string_view escaped) {
 }
 
 std::string normalizeEscapes(std::string_view escaped, CharTest isUnescaped) {
+    if (escaped.find('%') == std::string_view::npos)
+        return std::string(escaped);
     std::string normalized;
+    normalized.reserve(escaped.size());
     for (size_t i = 0; i < escaped.size(); ++i) {
         if (!isEscapeAt(escaped, i)) {
             normalized += escaped[i];

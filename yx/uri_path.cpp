@@ -11,12 +11,15 @@ namespace {
 
 // A dot needs no escape, so an escaped one means the same.
 
+/// Names are longer than that, mostly, and need no look at their escapes.
+constexpr size_t kLongestDotSegment = std::string_view("%2E%2E").size();
+
 bool isCurrentFolder(std::string_view segment) {
-    return unescape(segment) == ".";
+    return segment.size() <= kLongestDotSegment && unescape(segment) == ".";
 }
 
 bool isParentFolder(std::string_view segment) {
-    return unescape(segment) == "..";
+    return segment.size() <= kLongestDotSegment && unescape(segment) == "..";
 }
 
 bool isDotSegment(std::string_view segment) {
@@ -46,7 +49,7 @@ public:
     std::string join() const {
         std::string text;
         for (std::string_view const segment : m_segments)
-            text += std::string(segment) + "/";
+            text.append(segment).push_back('/');
         return text;
     }
 
@@ -63,6 +66,7 @@ std::string escapeNativePath(std::string_view path) {
 
 std::string collapseSeps(std::string_view path) {
     std::string collapsed;
+    collapsed.reserve(path.size());
     for (char const character : path) {
         if (character != '/' || collapsed.empty() || collapsed.back() != '/')
             collapsed += character;

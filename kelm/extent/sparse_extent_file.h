@@ -128,6 +128,8 @@ private:
     yx::P<krym::ICipher> m_cipher;
     yx::TCryptBuffer<unsigned char> m_encryptionKey;
     yx::TBuffer<unsigned char> m_encryptionIV;
+    /// Where a request to read ended that took in the whole of its last grain; -1 after any other.
+    __int64 m_wholeGrainsReadEnd = -1;
 };
 
 } // namespace kelm

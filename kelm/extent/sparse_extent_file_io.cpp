@@ -68,10 +68,19 @@ void CVMDKSparseExtentFile::read(void* buffer, int bytes) {
                            nullptr);
     }
     auto* target = static_cast<unsigned char*>(buffer);
+    // Who reads on behind a grain will not want it again, and neither will who goes on like that
+    // request by request.
+    bool const goesOn = m_position == m_wholeGrainsReadEnd;
     while (bytes > 0) {
         int const step = static_cast<int>(beginIOOp(bytes));
-        m_grain->read(target, step);
+        bool const isWholeGrain = step == m_grainSizeBytes;
+        if (isWholeGrain && (bytes > step || goesOn))
+            m_grain->readAndLeave(target);
+        else
+            m_grain->read(target, step);
         m_position += step;
+        if (bytes == step)
+            m_wholeGrainsReadEnd = isWholeGrain ? m_position : -1;
         target += step;
         bytes -= step;
     }
@@ -206,17 +215,15 @@ yx::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
     flushChanges();
     __int64 const grainCount =
         CVMDKGrainDirectory::calcExtentGrainCount(m_capacitySectors, m_grainSizeSectors);
-    __int64 payloadSize = 0;
-    __int64 payloadSizeInFile = 0;
-    for (__int64 index = 0; index < grainCount; ++index) {
-        __int64 posSectors = 0;
-        __int64 slotSizeSectors = 0;
-        m_grainDirectory->getGrainInfo(index, posSectors, slotSizeSectors);
-        if (posSectors <= 0)
-            continue;
-        payloadSize += m_grainSizeBytes;
-        payloadSizeInFile += m_compressed ? slotSizeSectors * kSectorSizeBytes : m_grainSizeBytes;
+    __int64 const entriesPerTable = m_header->getGrainTableEntryCount();
+    CVMDKGrainTable::Usage usage;
+    for (__int64 index = 0; index < grainCount; index += entriesPerTable) {
+        int const entries = static_cast<int>(std::min(entriesPerTable, grainCount - index));
+        usage += m_grainDirectory->getGrainTable(index / entriesPerTable)->calcUsage(entries);
     }
+    __int64 const payloadSize = usage.grains * m_grainSizeBytes;
+    __int64 const payloadSizeInFile =
+        m_compressed ? usage.slotSectors * kSectorSizeBytes : payloadSize;
     // The overhead is a number from the file that nothing has judged yet.
     __int64 const headerSize = static_cast<__int64>(std::min<unsigned long long>(
                                    m_header->getOverheadSectors(), kMaxPositionSectors)) *

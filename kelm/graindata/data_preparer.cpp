@@ -13,6 +13,7 @@ using Buffer = yx::TBuffer<unsigned char>;
 constexpr char kConstructorName[] = "CVMDKDataPreparer constructor";
 constexpr char kPrepareName[] = "CVMDKDataPreparer::prepareGrainData";
 constexpr char kUnprepareName[] = "CVMDKDataPreparer::unprepareGrainData";
+constexpr char kUnprepareToName[] = "CVMDKDataPreparer::unprepareGrainDataTo";
 
 void verifyBuffersGiven(char const* function, Buffer const* source, Buffer const* aux) {
     if (!source)
@@ -102,12 +103,27 @@ yx::P<Buffer> CVMDKDataPreparer::unprepareGrainData(Buffer* source, Buffer* aux)
     verifyHasRecordHeader(*source);
 
     aux->setUsed(static_cast<int>(m_grainSizeBytes));
+    decode(*source, aux->getData());
+    return aux;
+}
+
+void CVMDKDataPreparer::unprepareGrainDataTo(Buffer* source, void* target) {
+    if (!m_compressor)
+        throw yx::CInvalidArgError(kUnprepareToName, "grains are not compressed", yx::CProps());
+    if (!source)
+        throw yx::CInvalidArgError(kUnprepareToName, "pSourceBuffer must not be NULL",
+                                   yx::CProps());
+    verifyHasRecordHeader(*source);
+    decode(*source, static_cast<unsigned char*>(target));
+}
+
+void CVMDKDataPreparer::decode(Buffer const& source, unsigned char* target) {
     // The decoder finds the end of its stream by itself, so the padding may go along.
     int const plainSizeBytes = m_compressor->decompressSingleStep(
-        source->getData() + kGrainRecordHeaderSizeBytes,
-        source->getUsed() - kGrainRecordHeaderSizeBytes, aux->getData(), aux->getUsed());
-    clearRest(*aux, plainSizeBytes);
-    return aux;
+        source.getData() + kGrainRecordHeaderSizeBytes,
+        source.getUsed() - kGrainRecordHeaderSizeBytes, target, static_cast<int>(m_grainSizeBytes));
+    yx::initMemory(target + plainSizeBytes, 0,
+                   static_cast<std::size_t>(m_grainSizeBytes - plainSizeBytes));
 }
 
 void CVMDKDataPreparer::patchGrainIndexInPreparedGrainData(Buffer& prepared, __int64 grainIndex) {

@@ -74,12 +74,18 @@ public:
     yx::P<yx::TBuffer<unsigned char>> unprepareGrainData(yx::TBuffer<unsigned char>* source,
                                                          yx::TBuffer<unsigned char>* aux);
 
+    /// The same with compression only, into memory of the caller's own, which has room for a grain
+    /// and is undefined after a failure. Without compression there is nothing to undo, and this is
+    /// `yx::CInvalidArgError`, as for a null source.
+    void unprepareGrainDataTo(yx::TBuffer<unsigned char>* source, void* target);
+
     /// Makes a prepared grain that of another index: with compression it overwrites `lba`, without
     /// it does nothing. A record too short for its header is `yx::CIOError` `CorruptData`.
     void patchGrainIndexInPreparedGrainData(yx::TBuffer<unsigned char>& prepared,
                                             __int64 grainIndex);
 
 private:
+    void decode(yx::TBuffer<unsigned char> const& source, unsigned char* target);
     unsigned long long calcLBA(__int64 grainIndex) const;
 
     __int64 m_grainSizeSectors;

@@ -90,8 +90,15 @@ public:
     /// "bytesToRead".
     ///
     /// A grain without a position is not fetched: the bytes asked for come straight from the
-    /// provider. A load that fails leaves nothing loaded.
+    /// provider. A whole compressed grain is decoded straight into `target`, and its record stays
+    /// in memory for what comes next. A load that fails leaves nothing loaded, and `target`
+    /// undefined.
     void read(void* target, int size);
+
+    /// Reads the whole grain, whose first byte the position is at, for a caller that goes on to
+    /// another grain then: like `read`, but where the file holds the grain as it is, the bytes go
+    /// straight to `target` and do not stay in memory.
+    void readAndLeave(void* target);
 
     /// Fills `target` with the whole grain in prepared form, deciphered, after flushing, and moves
     /// to the grain's end. A position other than 0 is `yx::CIOError` `NotAllowed` with "uri",
@@ -198,6 +205,8 @@ private:
     }
 
     bool isLoaded() const { return m_grainData.getUsed() != 0; }
+    /// Also when the plain bytes are not.
+    bool isRecordLoaded() const { return m_preparedData.getUsed() != 0; }
     void resetToClosed();
     void dropLoadedData();
     void seekToGrain();
@@ -206,6 +215,8 @@ private:
 
     void readFallbackData(__int64 posInGrain, void* target, int size);
     void loadGrainData();
+    void loadRecord();
+    void readWholeCompressedGrain(void* target);
     void readPreparedFromExtent(yx::TBuffer<unsigned char>& target);
     void decipherRecord(int storedSizeBytes, yx::TBuffer<unsigned char>& target);
 

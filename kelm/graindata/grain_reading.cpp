@@ -12,13 +12,24 @@ constexpr char kReadName[] = "CVMDKGrain::read";
 constexpr int kMaxRecordGrains = 2;
 
 /// Deciphered records end with their data. Decoders are many times slower over the last bytes of
-/// their input, which is all of it for a grain of zeros, so they get padding as plain records have.
-void padToSector(yx::TBuffer<unsigned char>& record) {
-    int const sizeBytes = record.getUsed();
-    record.setUsed(static_cast<int>(roundUpToMultiple(sizeBytes, kSectorSizeBytes)));
-    yx::initMemory(record.getData() + sizeBytes, 0,
-                   static_cast<std::size_t>(record.getUsed() - sizeBytes));
-}
+/// their input, which is all of it for a grain of zeros, so while this lives, a record has padding
+/// as plain records have.
+class RecordPadding {
+public:
+    explicit RecordPadding(yx::TBuffer<unsigned char>& record)
+        : m_record(record), m_sizeBytes(record.getUsed()) {
+        record.setUsed(static_cast<int>(roundUpToMultiple(m_sizeBytes, kSectorSizeBytes)));
+        yx::initMemory(record.getData() + m_sizeBytes, 0,
+                       static_cast<std::size_t>(record.getUsed() - m_sizeBytes));
+    }
+    RecordPadding(RecordPadding const&) = delete;
+    RecordPadding& operator=(RecordPadding const&) = delete;
+    ~RecordPadding() { m_record.setUsed(m_sizeBytes); }
+
+private:
+    yx::TBuffer<unsigned char>& m_record;
+    int m_sizeBytes;
+};
 
 } // namespace
 
@@ -28,6 +39,8 @@ void CVMDKGrain::read(void* target, int size) {
     verifyReadRange(size);
     if (getStoredPosSectors() == 0 && !isLoaded()) {
         readFallbackData(m_posInGrain, target, size);
+    } else if (m_compressed && size == m_grainSizeBytes && !isLoaded() && !isRecordLoaded()) {
+        readWholeCompressedGrain(target);
     } else {
         if (!isLoaded())
             readGrainData();
@@ -35,6 +48,17 @@ void CVMDKGrain::read(void* target, int size) {
                        static_cast<std::size_t>(size));
     }
     m_posInGrain += size;
+}
+
+void CVMDKGrain::readAndLeave(void* target) {
+    bool const isStoredAsItIs = getStoredPosSectors() != 0 && !m_compressed && !m_cipher;
+    if (m_posInGrain != 0 || isLoaded() || !isStoredAsItIs) {
+        read(target, static_cast<int>(m_grainSizeBytes));
+        return;
+    }
+    seekToGrain();
+    m_stream->read(target, static_cast<int>(m_grainSizeBytes));
+    m_posInGrain = m_grainSizeBytes;
 }
 
 void CVMDKGrain::verifyReadRange(int size) const {
@@ -68,26 +92,43 @@ void CVMDKGrain::readGrainData() {
     }
 }
 
+/// The record stays, so that a further read of the grain finds all it needs in memory.
+void CVMDKGrain::readWholeCompressedGrain(void* target) {
+    try {
+        loadRecord();
+        RecordPadding const padding(m_preparedData);
+        m_dataPreparer->unprepareGrainDataTo(&m_preparedData, target);
+    } catch (...) {
+        m_preparedData.setUsed(0);
+        throw;
+    }
+}
+
+void CVMDKGrain::loadRecord() {
+    if (isRecordLoaded())
+        return;
+    seekToGrain();
+    reserveWorstCase(m_preparedData);
+    readCompressedGrain(m_preparedData);
+}
+
 void CVMDKGrain::loadGrainData() {
     m_grainData.setUsed(static_cast<int>(m_grainSizeBytes));
     if (getStoredPosSectors() == 0) {
         readFallbackData(0, m_grainData.getData(), m_grainData.getUsed());
         return;
     }
-    seekToGrain();
     if (!m_compressed) {
+        seekToGrain();
         readUncompressedGrain(m_grainData);
         return;
     }
-    reserveWorstCase(m_preparedData);
-    readCompressedGrain(m_preparedData);
-    int const preparedSizeBytes = m_preparedData.getUsed();
-    padToSector(m_preparedData);
+    loadRecord();
+    RecordPadding const padding(m_preparedData);
     if (m_dataPreparer->unprepareGrainData(&m_preparedData, &m_grainData).get() != &m_grainData)
         throw yx::CError("Internal error. VMDK data unprepare returned original buffer instead of "
                          "aux buffer, even though compression is used.",
                          "", -1, yx::CProps(), nullptr);
-    m_preparedData.setUsed(preparedSizeBytes);
 }
 
 void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {

@@ -76,15 +76,42 @@ void CVMDKGrainTable::setGrainInfo(__int64 index, __int64 posSectors, __int64 sl
     unsigned int& entry = m_entries.getData()[index];
     if (entry != posSectors) {
         entry = static_cast<unsigned int>(posSectors);
-        m_entriesDirty = true;
+        noteChange(m_entriesDirty);
     }
     if (!getSlotSizeTrackingEnabled())
         return;
     unsigned short& slotSize = m_slotSizes.getData()[index];
     if (slotSize != slotSizeSectors) {
         slotSize = static_cast<unsigned short>(slotSizeSectors);
-        m_slotSizesDirty = true;
+        noteChange(m_slotSizesDirty);
     }
+}
+
+void CVMDKGrainTable::noteChange(bool& dirtyFlag) {
+    if (m_changeCount && !hasUnflushedChanges())
+        m_changeCount->increment();
+    dirtyFlag = true;
+}
+
+bool CVMDKGrainTable::countChangesIn(CVMDKTableChangeCount* count) {
+    if (!m_changeCount)
+        m_changeCount = count;
+    return m_changeCount.get() == count;
+}
+
+CVMDKGrainTable::Usage CVMDKGrainTable::calcUsage(int entryCount) const {
+    unsigned int const* const entries = m_entries.getData();
+    Usage usage;
+    for (int i = 0; i < entryCount; ++i)
+        usage.grains += entries[i] != 0 ? 1 : 0;
+    usage.slotSectors = usage.grains * m_grainSizeSectors;
+    if (!getSlotSizeTrackingEnabled() || usage.grains == 0)
+        return usage;
+    unsigned short const* const slotSizes = m_slotSizes.getData();
+    usage.slotSectors = 0;
+    for (int i = 0; i < entryCount; ++i)
+        usage.slotSectors += entries[i] != 0 ? slotSizes[i] : 0;
+    return usage;
 }
 
 void CVMDKGrainTable::flushChangesToStream() {

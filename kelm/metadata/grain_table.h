@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kelm/export.h"
+#include "kelm/metadata/table_change_count.h"
 #include "yx/stream.h"
 
 namespace kelm {
@@ -24,6 +25,18 @@ namespace kelm {
 /// before it reads or writes, and none restores the stream's position. Not thread-safe.
 class KELM_API CVMDKGrainTable : public yx::CBase, public virtual yx::IBase {
 public:
+    /// What grains take: how many have data, and the slots of those together.
+    struct Usage {
+        __int64 grains = 0;
+        __int64 slotSectors = 0;
+
+        Usage& operator+=(Usage const& other) {
+            grains += other.grains;
+            slotSectors += other.slotSectors;
+            return *this;
+        }
+    };
+
     /// Loads the table. `redundantTablePosSectors` or `slotTablePosSectors` of 0 or below means
     /// that the file has no such table; without slot-size table, tracking of slot sizes is off.
     ///
@@ -54,17 +67,25 @@ public:
     /// and for a slot size below 1; then `yx::CError` for a table that is not open for writing.
     void setGrainInfo(__int64 index, __int64 posSectors, __int64 slotSizeSectors);
 
+    /// Adds up what `getGrainInfo` tells of the first `entryCount` grains, which must be there.
+    Usage calcUsage(int entryCount) const;
+
     /// Whether the table keeps a slot size for each grain.
     bool getSlotSizeTrackingEnabled() const { return m_slotSizes.getUsed() > 0; }
 
     /// Whether a flush would write.
     bool hasUnflushedChanges() const { return m_entriesDirty || m_slotSizesDirty; }
 
+    /// From now on the table counts each time that it gets its first unflushed change. It counts in
+    /// one place only: false if it does so in another already, and goes on there.
+    bool countChangesIn(CVMDKTableChangeCount* count);
+
     /// Writes what has changed: the table, its redundant copy, the slot sizes. After a failure the
     /// area that failed still counts as changed, so the next call tries it again.
     void flushChangesToStream();
 
 private:
+    void noteChange(bool& dirtyFlag);
     void verifyIndex(__int64 index, char const* function);
     void verifySlotSize(__int64 posSectors, __int64 slotSizeSectors);
     void verifyWritable() const;
@@ -80,6 +101,7 @@ private:
     bool m_entriesDirty = false;
     yx::TBuffer<unsigned short> m_slotSizes;
     bool m_slotSizesDirty = false;
+    yx::P<CVMDKTableChangeCount> m_changeCount;
 };
 
 } // namespace kelm

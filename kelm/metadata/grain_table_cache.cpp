@@ -26,7 +26,9 @@ bool CVMDKGrainTableCache::CKey::operator<(CKey const& other) const {
     return tableIndex < other.tableIndex;
 }
 
-CVMDKGrainTableCache::CVMDKGrainTableCache(int limit) : m_tables(yx::makeObject<Tables>(limit)) {}
+CVMDKGrainTableCache::CVMDKGrainTableCache(int limit)
+    : m_tables(yx::makeObject<Tables>(limit)),
+      m_changeCount(yx::makeObject<CVMDKTableChangeCount>()) {}
 
 CVMDKGrainTableCache::~CVMDKGrainTableCache() = default;
 
@@ -37,15 +39,25 @@ yx::P<CVMDKGrainTable> CVMDKGrainTableCache::getCachedTable(CVMDKGrainDirectory*
 
 void CVMDKGrainTableCache::setCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex,
                                           CVMDKGrainTable* table) {
+    if (!table->countChangesIn(m_changeCount.get()))
+        m_changeCount->setIncomplete();
+    if (table->hasUnflushedChanges())
+        m_changeCount->increment();
     m_tables->set({directory, tableIndex}, table);
 }
 
 void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory) {
+    constexpr unsigned long long kNever = std::numeric_limits<unsigned long long>::max();
+    unsigned long long& flushedAt = m_flushedAt.try_emplace(directory, kNever).first->second;
+    if (m_changeCount->isComplete() && flushedAt == m_changeCount->get())
+        return;
     forEachTable(*m_tables, directory,
                  [](CKey const&, CVMDKGrainTable& table) { table.flushChangesToStream(); });
+    flushedAt = m_changeCount->get();
 }
 
 void CVMDKGrainTableCache::removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory) {
+    m_flushedAt.erase(directory);
     yx::TList<CKey> keys;
     forEachTable(*m_tables, directory,
                  [&](CKey const& key, CVMDKGrainTable&) { keys.pushBack(key); });

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <map>
+
 #include "kelm/metadata/grain_table.h"
+#include "kelm/metadata/table_change_count.h"
 #include "yx/most_recently_used_cache.h"
 
 namespace kelm {
@@ -50,7 +53,8 @@ public:
     void setCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex, CVMDKGrainTable* table);
 
     /// Flushes that directory's tables in rising index and keeps them, with their recency. The
-    /// first failure passes; the tables behind it stay changed.
+    /// first failure passes; the tables behind it stay changed. Where no table was changed since,
+    /// the cost does not depend on how many there are.
     void flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory);
 
     /// Drops that directory's tables in rising index.
@@ -73,6 +77,12 @@ private:
     using Tables = yx::TMostRecentlyUsedCache<CKey, CVMDKGrainTable>;
 
     yx::P<Tables> m_tables;
+
+    /// Of all tables that are or were in the cache, shared with its copies as they are.
+    yx::P<CVMDKTableChangeCount> m_changeCount;
+
+    /// The change count at which a directory's tables were last flushed, all of them.
+    std::map<CVMDKGrainDirectory*, unsigned long long> m_flushedAt;
 };
 
 } // namespace kelm

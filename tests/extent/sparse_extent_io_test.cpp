@@ -176,6 +176,48 @@ TEST_F(SparseExtentIO, ReadsAreCutAtGrains) {
     EXPECT_EQ(extent->getPosition(), 12288);
 }
 
+TEST_F(SparseExtentIO, WholeGrainsReadInSequenceAreWhatWasWritten) {
+    for (Kind const& kind : kAllKinds) {
+        SCOPED_TRACE(kind.name);
+        createExtent(kind);
+        Bytes const written = pattern(10 * 4096, 2);
+        yx::P<CVMDKSparseExtentFile> const extent =
+            openExtent(kind, {.provider = provider.get(), .bare = true});
+        writeAt(*extent, 2 * 4096, written);
+        extent->flushChanges();
+        Bytes const expected = concat({FakeDataProvider::bytesAt(40960, 2 * 4096), written,
+                                       FakeDataProvider::bytesAt(40960 + 12 * 4096, 4 * 4096)});
+        for (__int64 const requestBytes : {4096, 2 * 4096, 8 * 4096, 3000}) {
+            extent->seek(0);
+            Bytes all;
+            while (extent->getPosition() < kCapacityBytes) {
+                Bytes const piece =
+                    read(*extent, std::min(requestBytes, kCapacityBytes - extent->getPosition()));
+                all.insert(all.end(), piece.begin(), piece.end());
+            }
+            EXPECT_TRUE(sameBytes(expected, all)) << requestBytes;
+        }
+        // Back into the grain that the last read ended with.
+        EXPECT_EQ(readAt(*extent, 3 * 4096, 2 * 4096), slice(expected, 3 * 4096, 2 * 4096));
+        EXPECT_EQ(readAt(*extent, 4 * 4096 + 100, 200), slice(expected, 4 * 4096 + 100, 200));
+    }
+}
+
+TEST_F(SparseExtentIO, GrainThatAReadEndsWithStaysInMemory) {
+    createExtent(kPlain);
+    yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain, {.bare = true});
+    writeAt(*extent, 0, pattern(3 * 4096, 2));
+    extent->flushChanges();
+    extent->seek(0);
+    files->clear();
+    EXPECT_EQ(read(*extent, 3 * 4096), pattern(3 * 4096, 2));
+    EXPECT_EQ(files->lines(test_support::kTransfers),
+              (std::vector<std::string>{"read extent.vmdk 8192+4096", "read extent.vmdk 12288+4096",
+                                        "read extent.vmdk 16384+4096"}));
+    EXPECT_EQ(readAt(*extent, 2 * 4096, 4096), slice(pattern(3 * 4096, 2), 2 * 4096, 4096));
+    EXPECT_EQ(files->count({test_support::FileOperation::Kind::Read}), 3U);
+}
+
 TEST_F(SparseExtentIO, FailureAmidAReadLeavesThePositionAtTheFailedStep) {
     createExtent(kPlain);
     yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain, {.provider = provider.get()});

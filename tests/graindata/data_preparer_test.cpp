@@ -220,6 +220,13 @@ TEST(DataPreparer, BuffersThatACompressionCannotUseAreRefused) {
     EXPECT_TRUE(throwsInvalidArg("CVMDKDataPreparer::prepareGrainData",
                                  "source and auxiliary buffer must not be the same", {},
                                  [&] { preparer.prepareGrainData(&buffer, 0, &buffer); }));
+    EXPECT_TRUE(throwsInvalidArg("CVMDKDataPreparer::unprepareGrainDataTo",
+                                 "pSourceBuffer must not be NULL", {},
+                                 [&] { preparer.unprepareGrainDataTo(nullptr, nullptr); }));
+    CVMDKDataPreparer plainPreparer(kGrainSizeSectors, false, 6);
+    EXPECT_TRUE(throwsInvalidArg("CVMDKDataPreparer::unprepareGrainDataTo",
+                                 "grains are not compressed", {},
+                                 [&] { plainPreparer.unprepareGrainDataTo(&buffer, nullptr); }));
     EXPECT_TRUE(throwsInvalidArg("CVMDKDataPreparer::unprepareGrainData",
                                  "source and auxiliary buffer must not be the same", {},
                                  [&] { preparer.unprepareGrainData(&buffer, &buffer); }));

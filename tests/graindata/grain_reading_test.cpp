@@ -147,6 +147,80 @@ TEST_F(GrainReading, OneReadOfTheFileServesManyOfTheGrain) {
     }
 }
 
+TEST_F(GrainReading, OneReadOfTheFileServesAllThatIsAskedOfACompressedGrain) {
+    for (Kind const kind : {kCompressed, kCompressedAndEnciphered}) {
+        Bytes const plain = textPattern(kGrainSizeBytes, 5);
+        putGrain(kind, plain);
+        yx::P<CVMDKGrain> const grain = makeGrain(kind);
+        openGrain(*grain);
+        EXPECT_EQ(readAll(*grain), plain);
+        std::size_t const operations = stream->operations().size();
+        grain->seek(1000);
+        EXPECT_EQ(read(*grain, 10), slice(plain, 1000, 10)) << kind;
+        EXPECT_EQ(readAll(*grain), plain) << kind;
+        grain->seek(0);
+        Bytes const prepared = readPrepared(*grain);
+        EXPECT_EQ(takeApart(prepared, kGrainSizeBytes).plain, plain) << kind;
+        EXPECT_EQ(stream->operations().size(), operations) << kind;
+    }
+}
+
+TEST_F(GrainReading, PartWrittenAfterAReadOfTheWholeGoesOverWhatWasRead) {
+    for (Kind const kind : kAllKinds) {
+        Bytes plain = textPattern(kGrainSizeBytes, 6);
+        putGrain(kind, plain, 0, 4);
+        yx::P<CVMDKGrain> const grain = makeGrain(kind);
+        openGrain(*grain);
+        EXPECT_EQ(readAll(*grain), plain);
+        Bytes const part = pattern(100, 7);
+        grain->seek(500);
+        write(*grain, part);
+        std::copy(part.begin(), part.end(), plain.begin() + 500);
+        EXPECT_EQ(readAll(*grain), plain) << kind;
+        grain->flushChangesToStream();
+        EXPECT_TRUE(sameBytes(plain, plainInFile(kind))) << kind;
+        EXPECT_EQ(readAll(*grain), plain) << kind;
+    }
+}
+
+TEST_F(GrainReading, GrainThatIsReadAndLeftReadsLikeAnyOther) {
+    Bytes const plain = pattern(kGrainSizeBytes, 8);
+    for (Kind const kind : kAllKinds) {
+        putGrain(kind, plain);
+        yx::P<CVMDKGrain> const grain = makeGrain(kind);
+        for (__int64 const index : {0, 1}) {
+            openGrain(*grain, index);
+            Bytes target(kGrainSizeBytes, 0xEE);
+            grain->readAndLeave(target.data());
+            EXPECT_EQ(target, index == 0 ? plain : zeros(kGrainSizeBytes)) << kind;
+            EXPECT_EQ(grain->getBytesLeft(), 0);
+            // Whoever does not leave it after all is served all the same.
+            EXPECT_EQ(readAll(*grain), target) << kind;
+        }
+    }
+}
+
+TEST_F(GrainReading, GrainThatIsReadAndLeftShowsUnflushedChanges) {
+    for (Kind const kind : kAllKinds) {
+        putGrain(kind, pattern(kGrainSizeBytes, 9));
+        yx::P<CVMDKGrain> const grain = makeGrain(kind);
+        openGrain(*grain);
+        Bytes const changed = textPattern(kGrainSizeBytes, 10);
+        write(*grain, changed);
+        grain->seek(0);
+        Bytes target(kGrainSizeBytes, 0xEE);
+        grain->readAndLeave(target.data());
+        EXPECT_EQ(target, changed) << kind;
+        // Its position must be at the start, like that of any read of the whole.
+        EXPECT_TRUE(
+            throwsIOError(yx::CIOError::UnexpectedEnd,
+                          "Unexpected end of data trying to read 4096 bytes from VMDK "
+                          "grain.",
+                          {{"uri", "test:/stream"}, {"position", "4096"}, {"bytesToRead", "4096"}},
+                          [&] { grain->readAndLeave(target.data()); }));
+    }
+}
+
 TEST_F(GrainReading, RecordTakesTwoReadsAtMost) {
     Bytes const big = pattern(kGrainSizeBytes, 6);
     struct {

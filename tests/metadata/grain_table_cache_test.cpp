@@ -261,6 +261,65 @@ TEST_F(GrainTableCache, FlushWritesOneDirectoryInRisingIndexAndKeepsItsTables) {
     EXPECT_EQ(takeWrittenSectors(), (Sectors{11, 13, 15}));
 }
 
+TEST_F(GrainTableCache, ChangeAfterAFlushIsFlushedByTheNextOne) {
+    CVMDKGrainTableCache cache(8);
+    put(cache, kOne, 1, makeChangedTable(1));
+    put(cache, kTwo, 2, makeTable(2));
+    cache.flushCachedTablesFromDirectoryToStream(kOne);
+    cache.flushCachedTablesFromDirectoryToStream(kTwo);
+    takeWrittenSectors();
+    cache.getCachedTable(kTwo, 2)->setGrainInfo(0, 7, 128);
+    cache.flushCachedTablesFromDirectoryToStream(kOne);
+    EXPECT_EQ(takeWrittenSectors(), Sectors{});
+    cache.flushCachedTablesFromDirectoryToStream(kTwo);
+    EXPECT_EQ(takeWrittenSectors(), (Sectors{2}));
+    // Changed to what the file holds already.
+    cache.getCachedTable(kTwo, 2)->setGrainInfo(0, 7, 128);
+    cache.flushCachedTablesFromDirectoryToStream(kTwo);
+    EXPECT_EQ(takeWrittenSectors(), Sectors{});
+}
+
+TEST_F(GrainTableCache, TableThatChangedOutsideIsFlushedOnceItIsBack) {
+    CVMDKGrainTableCache cache(8);
+    yx::P<CVMDKGrainTable> const table = makeTable(1);
+    put(cache, kOne, 1, table);
+    put(cache, kOne, 2, makeTable(2));
+    cache.removeCachedTablesFromDirectory(kOne);
+    table->setGrainInfo(0, 7, 128);
+    cache.flushCachedTablesFromDirectoryToStream(kOne);
+    EXPECT_EQ(takeWrittenSectors(), Sectors{});
+    put(cache, kOne, 1, table);
+    cache.flushCachedTablesFromDirectoryToStream(kOne);
+    EXPECT_EQ(takeWrittenSectors(), (Sectors{1}));
+}
+
+TEST_F(GrainTableCache, TableInTwoCachesIsFlushedByEither) {
+    CVMDKGrainTableCache first(8);
+    CVMDKGrainTableCache second(8);
+    yx::P<CVMDKGrainTable> const table = makeTable(1);
+    put(first, kOne, 1, table);
+    put(second, kTwo, 1, table);
+    __int64 posSectors = 0;
+    for (CVMDKGrainTableCache* const cache : {&first, &second, &first, &second}) {
+        CVMDKGrainDirectory* const directory = cache == &first ? kOne : kTwo;
+        cache->flushCachedTablesFromDirectoryToStream(directory);
+        takeWrittenSectors();
+        table->setGrainInfo(0, ++posSectors, 128);
+        cache->flushCachedTablesFromDirectoryToStream(directory);
+        EXPECT_EQ(takeWrittenSectors(), (Sectors{1}));
+    }
+}
+
+TEST_F(GrainTableCache, CopyFlushesWhatChangedInTheTablesThatItShares) {
+    CVMDKGrainTableCache cache(8);
+    put(cache, kOne, 1, makeTable(1));
+    cache.flushCachedTablesFromDirectoryToStream(kOne);
+    CVMDKGrainTableCache copy(cache);
+    cache.getCachedTable(kOne, 1)->setGrainInfo(0, 7, 128);
+    copy.flushCachedTablesFromDirectoryToStream(kOne);
+    EXPECT_EQ(takeWrittenSectors(), (Sectors{1}));
+}
+
 TEST_F(GrainTableCache, FlushIsNoUse) {
     CVMDKGrainTableCache cache(3);
     for (int const i : {3, 1, 2})

@@ -207,6 +207,29 @@ TEST_F(GrainTable, SetEntryIsReportedBack) {
     EXPECT_EQ(writes(), Operations{});
 }
 
+TEST_F(GrainTable, UsageCountsGrainsWithDataAndTheirSlots) {
+    yx::P<CVMDKGrainTable> const tracked = openTracked();
+    yx::P<CVMDKGrainTable> const untracked = openUntracked();
+    for (int i = 0; i < kEntryCount; ++i) {
+        tracked->setGrainInfo(i, 0, 1);
+        untracked->setGrainInfo(i, 0, kGrainSizeSectors);
+    }
+    EXPECT_EQ(tracked->calcUsage(kEntryCount).grains, 0);
+    EXPECT_EQ(tracked->calcUsage(kEntryCount).slotSectors, 0);
+
+    tracked->setGrainInfo(0, 0, 9); // a slot size without data does not count
+    tracked->setGrainInfo(1, 1, 5);
+    tracked->setGrainInfo(3, 0xFFFFFFFF, 130);
+    EXPECT_EQ(tracked->calcUsage(kEntryCount).grains, 2);
+    EXPECT_EQ(tracked->calcUsage(kEntryCount).slotSectors, 135);
+    EXPECT_EQ(tracked->calcUsage(3).slotSectors, 5);
+    EXPECT_EQ(tracked->calcUsage(0).grains, 0);
+
+    untracked->setGrainInfo(2, 7, kGrainSizeSectors);
+    EXPECT_EQ(untracked->calcUsage(kEntryCount).grains, 1);
+    EXPECT_EQ(untracked->calcUsage(kEntryCount).slotSectors, kGrainSizeSectors);
+}
+
 TEST_F(GrainTable, PositionZeroWithAPositiveSlotSizeClearsTheEntry) {
     yx::P<CVMDKGrainTable> const tracked = openTracked();
     tracked->setGrainInfo(2, 0, 5);

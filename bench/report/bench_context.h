@@ -1,0 +1,55 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "bench/report/report.h"
+
+namespace bench {
+
+/// Where the program finds the password of encrypted disks.
+constexpr char kPasswordVariable[] = "KELM_BENCH_PASSWORD";
+
+/// What all parts of the report share.
+struct Context {
+    Report report;
+
+    /// For work files; emptied at the end.
+    std::filesystem::path folder;
+
+    /// The same in memory, where no device is in the way; empty if there is none.
+    std::filesystem::path memoryFolder;
+
+    /// The folder whose files fill the image of a file system.
+    std::filesystem::path content;
+
+    /// The program kelm.
+    std::string tool;
+
+    /// Each figure is the median of so many rounds.
+    int rounds = 5;
+
+    /// Divides the sizes of what is measured, for a quick look; figures are then no good.
+    int shrink = 1;
+};
+
+// The parts of the report.
+
+/// The library on one thread, on plain disks.
+void measurePlainDisk(Context& context);
+
+/// Writing in small pieces with frequent flushes.
+void measureRandomWrites(Context& context);
+
+/// The library on one thread, on compressed and on encrypted disks.
+void measureCodedDisks(Context& context);
+
+/// The program on a whole image.
+void measureTool(Context& context);
+
+void measureOpening(Context& context);
+void measureChains(Context& context);
+void measureMemory(Context& context);
+void measureGrowth(Context& context);
+
+} // namespace bench

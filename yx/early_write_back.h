@@ -1,0 +1,56 @@
+#pragma once
+
+#include <fcntl.h>
+
+#include "yx/base.h"
+
+namespace yx::detail {
+
+/// Lets the device begin with what a file is given one piece behind the other, so that it works
+/// while more is made ready, and a sync at the end finds most of it done. Internal.
+///
+/// It is told of each write. What is written at random is left alone, since it may be written again
+/// before it has to reach the device. It promises nothing: that is what a sync is for, and failures
+/// of the device show there.
+class EarlyWriteBack {
+public:
+    /// `position` and `sizeBytes` are of a write that was done.
+    void onWritten(int descriptor, __int64 position, __int64 sizeBytes) {
+        bool const goesOn = position >= m_end && position - m_end <= kMaxGapBytes;
+        if (!goesOn) {
+            m_begin = position;
+            m_newBytes = 0;
+        }
+        m_end = position + sizeBytes;
+        m_newBytes += sizeBytes;
+        if (m_newBytes >= kBatchBytes)
+            begin(descriptor);
+    }
+
+private:
+    /// Large enough that the device is kept busy by few calls.
+    static constexpr __int64 kBatchBytes = 8 << 20;
+
+    /// Holes in a file that is written in order.
+    static constexpr __int64 kMaxGapBytes = 64 << 20;
+
+    /// A page that is not full yet is left for the next time.
+    static constexpr __int64 kPageBytes = 4096;
+
+    void begin(int descriptor) {
+        __int64 const end = m_end / kPageBytes * kPageBytes;
+#if defined(SYNC_FILE_RANGE_WRITE)
+        ::sync_file_range(descriptor, m_begin, end - m_begin, SYNC_FILE_RANGE_WRITE);
+#else
+        static_cast<void>(descriptor);
+#endif
+        m_begin = end;
+        m_newBytes = 0;
+    }
+
+    __int64 m_begin = 0;
+    __int64 m_end = 0;
+    __int64 m_newBytes = 0;
+};
+
+} // namespace yx::detail
