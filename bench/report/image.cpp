@@ -29,13 +29,17 @@ long long findEndOfData(std::string const& path, long long dataBytes) {
 
 } // namespace
 
-void makeImage(std::string const& path, std::filesystem::path const& content, long long dataBytes) {
-    runProgram({"mke2fs", "-q", "-F", "-t", "ext4", "-d", content, path, "16G"});
-    long long const end = findEndOfData(path, dataBytes);
+void makeImage(std::string const& path, std::filesystem::path const& content, long long dataBytes,
+               std::filesystem::path const& scratchFolder) {
+    std::string const whole = scratchFolder / "whole.raw";
+    runProgram({"mke2fs", "-q", "-F", "-t", "ext4", "-d", content, whole, "16G"});
+    long long const end = findEndOfData(whole, dataBytes);
     if (end < 0)
         fail(content.string() + " holds less than " + formatBytes(static_cast<double>(dataBytes)) +
              "; name a fuller folder");
-    std::filesystem::resize_file(path, static_cast<std::uintmax_t>(end));
+    std::filesystem::resize_file(whole, static_cast<std::uintmax_t>(end));
+    runProgram({"cp", "--sparse=always", whole, path});
+    std::filesystem::remove(whole);
     settle(path);
 }
 

@@ -108,7 +108,8 @@ void measureParts(Context& context, Arguments const& arguments) {
             continue;
         if (part.needsImage && !haveImage) {
             makeImage(context.folder / "image.raw", context.content,
-                      kImageDataBytes / context.shrink);
+                      kImageDataBytes / context.shrink,
+                      context.memoryFolder.empty() ? context.folder : context.memoryFolder);
             haveImage = true;
         }
         context.report.addHeading(part.heading);
