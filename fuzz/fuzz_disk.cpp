@@ -42,6 +42,9 @@ constexpr __int64 kMaxWalkedGrains = 2048;
 constexpr int kMaxWalkedExtents = 16;
 constexpr int kMaxWalkedParents = 8;
 
+/// And the checker looks at the whole length of a file, which a damaged table makes terabytes of.
+constexpr int kMaxWalks = 4;
+
 /// A sound disk up to this size is compared with a model.
 constexpr __int64 kMaxModelBytes = 1 << 20;
 
@@ -192,7 +195,8 @@ private:
     }
 
     void step(Input& script) {
-        switch (static_cast<Operation>(script.takeByte() % fuzz::kOperationCount)) {
+        auto const operation = static_cast<Operation>(script.takeByte() % fuzz::kOperationCount);
+        switch (operation) {
         case Operation::Read:
             read(script);
             break;
@@ -224,14 +228,9 @@ private:
             makeIndependent(script);
             break;
         case Operation::GatherSpaceInfo:
-            if (isSmall(*m_disk))
-                attempt([&] { m_disk->getDisk().gatherSpaceInfo(); });
-            break;
         case Operation::Map:
-            map();
-            break;
         case Operation::Check:
-            check();
+            walk(operation);
             break;
         case Operation::ChangeParent:
             changeParent(script);
@@ -352,9 +351,20 @@ private:
         attempt([&] { m_disk->makeGrainIndependentOfParent(index); });
     }
 
-    void map() {
-        if (!isChainSmall())
+    /// Does what looks at all grains.
+    void walk(Operation operation) {
+        if (m_walks == kMaxWalks || !isChainSmall())
             return;
+        ++m_walks;
+        if (operation == Operation::Map)
+            map();
+        else if (operation == Operation::Check)
+            check();
+        else
+            attempt([&] { m_disk->getDisk().gatherSpaceInfo(); });
+    }
+
+    void map() {
         attempt([&] {
             std::vector<host::GrainRun> const runs = host::mapDisk(*m_disk, {});
             __int64 endBytes = 0;
@@ -368,10 +378,8 @@ private:
     }
 
     void check() {
-        bool const small = isChainSmall();
         m_disk.reset();
-        if (small)
-            countFindings();
+        countFindings();
         reopen();
     }
 
@@ -408,6 +416,7 @@ private:
     std::unique_ptr<host::SafeDisk> m_disk;
 
     bool m_wantsModel;
+    int m_walks = 0;
 
     /// The checker found nothing, and nothing was done since that may break the disk.
     bool m_isSound = false;

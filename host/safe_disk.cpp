@@ -238,7 +238,7 @@ void SafeDisk::collectExtents() {
             m_extentsAreWholeGrains = false;
         endBytes += info->getSizeSectors() * kSectorSizeBytes;
         m_extents.push_back({endBytes, vmdkFileReferenceToURI(folder, info->getFilename()), -1,
-                             !m_createsExtentFilesOnDemand});
+                             !m_createsExtentFilesOnDemand || m_extents.empty()});
     }
 }
 
@@ -282,21 +282,28 @@ void SafeDisk::giveDescriptorRoom() {
 }
 
 void SafeDisk::recoverFromPowerCut() {
-    for (DiskExtent const& extent : listExtents()) {
-        if (!m_fileSystem->fileExists(extent.uri))
-            continue;
-        if (m_createsExtentFilesOnDemand && extent.startBytes > 0 && isUnfinished(extent)) {
-            yx::logWarning("Removing the unfinished extent file '" + extent.uri.toString(true) +
-                           "'. It holds no data.");
-            m_fileSystem->deleteFile(extent.uri, true);
-        } else if (m_disk->getCompressed()) {
-            repairSlotsOf(extent);
-        }
+    __int64 startBytes = 0;
+    for (Extent& extent : m_extents) {
+        DiskExtent const stretch{extent.uri, startBytes, extent.endBytes};
+        startBytes = extent.endBytes;
+        if (m_createsExtentFilesOnDemand && stretch.startBytes > 0)
+            removeIfUnfinished(stretch);
+        extent.isThere = m_fileSystem->fileExists(extent.uri);
+        if (extent.isThere && m_disk->getCompressed())
+            repairSlotsOf(stretch);
     }
 }
 
-/// Whether a file is a part of an empty extent file, as a power cut leaves it that comes while the
-/// file is made. Such a file cannot be opened, and it holds no data.
+void SafeDisk::removeIfUnfinished(DiskExtent const& extent) {
+    if (!m_fileSystem->fileExists(extent.uri) || !isUnfinished(extent))
+        return;
+    yx::logWarning("Removing the unfinished extent file '" + extent.uri.toString(true) +
+                   "'. It holds no data.");
+    m_fileSystem->deleteFile(extent.uri, true);
+}
+
+/// Whether a file is a part of an empty extent file, as a power cut or a failing device leaves it
+/// while the file is made. Such a file cannot be opened, and it holds no data.
 bool SafeDisk::isUnfinished(DiskExtent const& extent) {
     auto const empty = yx::makeObject<yx::CMemoryFileSystem>();
     makeExtentFile(empty.get(), extent);
@@ -347,10 +354,11 @@ void SafeDisk::makeExtentFilesOnDemand(__int64 positionBytes, __int64 bytes) {
         bool const isReached =
             extent.endBytes > positionBytes && startBytes < positionBytes + bytes;
         if (isReached && !extent.isThere) {
-            if (!m_fileSystem->fileExists(extent.uri)) {
-                makeExtentFile(m_fileSystem.get(), {extent.uri, startBytes, extent.endBytes});
-                syncFile(m_fileSystem.get(), extent.uri);
-            }
+            DiskExtent const stretch{extent.uri, startBytes, extent.endBytes};
+            removeIfUnfinished(stretch);
+            if (!m_fileSystem->fileExists(extent.uri))
+                makeExtentFile(m_fileSystem.get(), stretch);
+            syncFile(m_fileSystem.get(), extent.uri);
             extent.isThere = true;
         }
         startBytes = extent.endBytes;

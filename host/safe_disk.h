@@ -165,6 +165,7 @@ private:
     SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk);
 
     void recoverFromPowerCut();
+    void removeIfUnfinished(DiskExtent const& extent);
     bool isUnfinished(DiskExtent const& extent);
     void repairSlotsOf(DiskExtent const& extent);
     void makeExtentFile(yx::IFileSystem* fileSystem, DiskExtent const& extent);

@@ -2,8 +2,9 @@
 
 #include "fuzz/support/disk_input.h"
 #include "fuzz/support/disk_script.h"
-#include "host/safe_disk.h"
+#include "kelm/disk/disk.h"
 #include "kelm/format/constants.h"
+#include "kelm/format/empty_sparse_extent_file.h"
 
 namespace kelm::fuzz {
 
@@ -163,17 +164,20 @@ private:
 
     /// Grains that only this disk of the chain has, and some that others have too.
     void writeSome(int depth) {
-        yx::String const password = m_kind.enciphered ? kPassword : "";
-        host::SafeDisk disk(m_files.get(), getFileURI(kNames[depth].main), yx::IIOStream::ReadWrite,
-                            password, 6);
-        disk.getDisk().setContentIDUpdatesEnabled(false);
-        int const grainBytes = static_cast<int>(disk.getGrainSizeBytes());
-        Buffer const text = makeSteps(grainBytes / 4, 17 * depth + 1);
+        // The bare library, since a new content ID would be another one every time.
+        CVMDKDisk disk(m_files.get(), getFileURI(kNames[depth].main), yx::IIOStream::ReadWrite,
+                       m_kind.enciphered ? kPassword : "", 6, nullptr, nullptr);
+        disk.setContentIDUpdatesEnabled(false);
+        __int64 const grainBytes = disk.getGrainSizeBytes();
+        Buffer const text = makeSteps(static_cast<int>(grainBytes / 4), 17 * depth + 1);
         // An on-demand extent that is written comes to be; its file is to be missing.
-        __int64 const ownGrains = m_kind.onDemand ? m_kind.grainsPerExtent : disk.getGrainCount();
-        for (__int64 const grain : {__int64{1}, __int64{2} + depth, ownGrains / 2, ownGrains - 1})
-            disk.write(grain * grainBytes + 40, text.getData(), text.getUsed());
-        disk.flush();
+        __int64 const ownGrains =
+            m_kind.onDemand ? m_kind.grainsPerExtent : disk.getSizeBytes() / grainBytes;
+        for (__int64 const grain : {__int64{1}, __int64{2} + depth, ownGrains / 2, ownGrains - 1}) {
+            disk.seek(grain * grainBytes + 40);
+            disk.write(text.getData(), text.getUsed());
+        }
+        disk.flushChanges();
     }
 
     Kind const m_kind;

@@ -25,11 +25,14 @@ namespace kelm {
 /// before it reads or writes, and none restores the stream's position. Not thread-safe.
 class KELM_API CVMDKGrainTable : public yx::CBase, public virtual yx::IBase {
 public:
-    /// What grains take: how many have data, and the slots of those together.
+    /// What grains take.
     struct Usage {
+        /// How many have data.
         __int64 grains = 0;
+        /// The slots of those together.
         __int64 slotSectors = 0;
 
+        /// Adds what other grains take.
         Usage& operator+=(Usage const& other) {
             grains += other.grains;
             slotSectors += other.slotSectors;

@@ -8,6 +8,7 @@ namespace kelm {
 /// were flushed at some count need not look at them again while it stays. Internal.
 class CVMDKTableChangeCount : public yx::CBase {
 public:
+    /// The count, and one more.
     unsigned long long get() const { return m_count; }
     void increment() { ++m_count; }
 

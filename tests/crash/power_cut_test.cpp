@@ -17,14 +17,17 @@ namespace test_support {
 namespace {
 
 constexpr int kStepsOfAHistory = 15;
-constexpr unsigned int kHistories = 3;
-
-/// Stretching the password takes most of the time there.
-constexpr unsigned int kHistoriesOfEncryptedDisks = 1;
 constexpr int kFewestStates = 20000;
 
 /// Of so many states, one is also used further.
 constexpr int kStatesOfWhichOneIsUsed = 4;
+
+/// More where a state takes less time. Stretching a password takes the most.
+unsigned int historiesOf(CrashKind const& kind) {
+    if (kind.isEncrypted())
+        return 1;
+    return kind.isChild ? 4 : 12;
+}
 
 unsigned int roundsFromEnvironment() {
     char const* const rounds = std::getenv("KELM_CRASH_ROUNDS");
@@ -202,8 +205,7 @@ class PowerCuts : public testing::TestWithParam<Parameter> {};
 
 TEST_P(PowerCuts, LeaveWhatWasFlushed) {
     LogCapture const log;
-    unsigned int const histories =
-        GetParam().kind.isEncrypted() ? kHistoriesOfEncryptedDisks : kHistories;
+    unsigned int const histories = historiesOf(GetParam().kind);
     for (unsigned int round = 0; round < histories * roundsFromEnvironment(); ++round) {
         SCOPED_TRACE("history " + std::to_string(round));
         Cuts(GetParam(), 100 + round).run();

@@ -186,9 +186,11 @@ std::ostream& operator<<(std::ostream& stream, Parameter const& parameter) {
 std::vector<Parameter> allParameters() {
     std::vector<Parameter> parameters;
     for (CrashKind const& kind : allCrashKinds()) {
-        // Enciphering changes no operation, and stretching the password takes time.
+        // Enciphering changes no operation, and stretching the password takes time. Of the children,
+        // those with the most files add nothing new either.
         std::string const name = kind.name();
-        if (!kind.isEncrypted() || name == "encrypted" || name == "encryptedCompressedSplit")
+        bool const isSlow = kind.isChild && kind.disk.compressed && kind.disk.fileSizeLimit > 0;
+        if (!isSlow && (!kind.isEncrypted() || name == "encrypted"))
             parameters.push_back({Way::Safe, kind});
     }
     for (std::size_t const index : {0U, 4U, 7U})
@@ -219,9 +221,8 @@ protected:
     bool isSkipped(Phase const& phase) const {
         if (phase.onlyChildren && !kind().isChild)
             return true;
-        // Making an enciphered disk stretches its password at full length, so one kind must do.
-        bool const isSlow = kind().isEncrypted() && kind().name() != "encrypted";
-        return phase.createsDisk && (way() == Way::Bare || isSlow);
+        // Making an enciphered disk stretches its password at full length.
+        return phase.createsDisk && (way() == Way::Bare || kind().isEncrypted());
     }
 
     /// Children are the same but for what lies below them.
