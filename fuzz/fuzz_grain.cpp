@@ -74,12 +74,12 @@ public:
         fillWithSteps(m_key, 32);
         fillWithSteps(m_iv, 16);
         m_file.setUsed(kPosSectors * kSectorSizeBytes);
-        yx::initMemory(m_file.getData(), 0, kPosSectors * kSectorSizeBytes);
+        yx::initMemory(m_file.getData(), 0, static_cast<std::size_t>(m_file.getUsed()));
     }
 
     /// Reads a grain whose place in the file holds `content`, in both forms.
     void readBack(Bytes content) {
-        m_stream->seek(kPosSectors * kSectorSizeBytes);
+        m_stream->seek(__int64{kPosSectors} * kSectorSizeBytes);
         m_stream->write(content.data(), static_cast<int>(content.size()), nullptr);
 
         Buffer plain;
@@ -151,7 +151,7 @@ private:
     }
 
     yx::P<CVMDKGrain> openForReading(__int64 posSectors, __int64 slotSizeSectors) {
-        yx::P<CVMDKGrain> const grain = makeGrain(yx::IIOStream::ReadOnly);
+        yx::P<CVMDKGrain> grain = makeGrain(yx::IIOStream::ReadOnly);
         grain->open(0, m_grainIndex, posSectors, slotSizeSectors);
         return grain;
     }

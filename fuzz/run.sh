@@ -5,7 +5,7 @@
 # so do its log and the input of a crash.
 #
 # An input may take 10 seconds and 512 MiB, and no single allocation more than 64 MiB: the largest
-# that a target asks for with reason is a file of 1 MiB many times over. The 512 MiB are what the
+# that is needed is the checker's map of the sectors of a file, 32 MiB. The 512 MiB are what the
 # process takes, so the address sanitizer's own needs count too: one byte for each eight, and freed
 # memory that it holds back, which is kept to 32 MiB here.
 set -euo pipefail

@@ -343,7 +343,7 @@ private:
         if (start < m_dataEndSectors)
             find("the grains reach into the trail");
         std::optional<Bytes> const trail =
-            readAt(start, kTrailSectors * kSectorSizeBytes, "the trail");
+            readAt(start, __int64{kTrailSectors} * kSectorSizeBytes, "the trail");
         std::optional<Bytes> const header = readAt(0, kSectorSizeBytes, "the header");
         if (!trail || !header)
             return;

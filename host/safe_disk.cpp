@@ -425,7 +425,7 @@ void SafeDisk::reserveRoom(__int64 positionBytes, __int64 bytes) {
 }
 
 void SafeDisk::reserveRoomInExtent(Extent& extent, __int64 growthBytes) {
-    __int64 const limitBytes = kMaxExtentFileBytes - kTrailSectors * kSectorSizeBytes;
+    __int64 const limitBytes = kMaxExtentFileBytes - __int64{kTrailSectors} * kSectorSizeBytes;
     if (extent.lengthBoundBytes >= 0 && extent.lengthBoundBytes + growthBytes <= limitBytes) {
         extent.lengthBoundBytes += growthBytes;
         return;

@@ -2,9 +2,8 @@
 
 #include "fuzz/support/disk_input.h"
 #include "fuzz/support/disk_script.h"
-#include "kelm/disk/disk.h"
 #include "kelm/format/constants.h"
-#include "kelm/format/empty_sparse_extent_file.h"
+#include "kelm/kelm.h"
 
 namespace kelm::fuzz {
 
@@ -90,7 +89,8 @@ public:
             makeOne(depth, made);
             writeSome(depth);
         }
-        for (std::uint8_t index = 0; index < std::size(kFileNames); ++index) {
+        for (std::size_t name = 0; name < std::size(kFileNames); ++name) {
+            auto const index = static_cast<std::uint8_t>(name);
             if (m_files->fileExists(getFileURI(index)))
                 made.files.push_back({index, m_files->getFile(getFileURI(index))});
         }

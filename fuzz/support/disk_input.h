@@ -41,7 +41,7 @@ struct DiskInput {
     std::vector<std::uint8_t> script;
     std::vector<InputFile> files;
 
-    static DiskInput parse(Bytes input);
+    static DiskInput parse(Bytes bytes);
 
     /// What `parse` makes this of, but for what it cuts.
     std::vector<std::uint8_t> serialize() const;
@@ -50,7 +50,7 @@ struct DiskInput {
     void addFile(std::uint8_t nameIndex, yx::TBuffer<unsigned char> const& content);
 
     /// Puts all files in place.
-    void putFiles(yx::CMemoryFileSystem& files) const;
+    void putFiles(yx::CMemoryFileSystem& target) const;
 };
 
 /// Files are cut there, so that what a file claims by its mere length stays small.

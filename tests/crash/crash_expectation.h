@@ -21,7 +21,7 @@ namespace test_support {
 ///     error.
 class CrashExpectation {
 public:
-    CrashExpectation(CrashKind const& kind, CrashHistory const& history,
+    CrashExpectation(Way way, CrashKind const& kind, CrashHistory const& history,
                      std::vector<int> extentStarts);
 
     /// Moves on to the moment when so many operations of the record were done. Never goes back.
@@ -51,6 +51,7 @@ private:
     void finishStep(CrashHistory::Step const& step);
     int extentOf(int grain) const;
 
+    Way m_way;
     CrashKind const& m_kind;
     CrashHistory const& m_history;
     std::vector<int> m_extentStarts;

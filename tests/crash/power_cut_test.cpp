@@ -83,7 +83,7 @@ public:
 
     void run() {
         PowerCut cut(m_start, m_record->entries());
-        CrashExpectation expectation(m_kind, *m_history, extentStarts(m_live.get()));
+        CrashExpectation expectation(m_way, m_kind, *m_history, extentStarts(m_live.get()));
         m_expectation = &expectation;
         do {
             if (!cut.hasChanged())

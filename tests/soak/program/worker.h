@@ -48,9 +48,7 @@ private:
     /// After a writer was killed: the disk holds what was flushed or written since; what it holds is
     /// what counts from now on.
     void takeStock();
-
-    /// Returns false for a grain that cannot be read, which is then zeros.
-    bool takeStockOfGrain(int grain);
+    void takeStockOfGrain(int grain);
     void mendGrain(int grain);
 
     void compareGrain(int grain);
