@@ -47,6 +47,9 @@ function(kelm_compile_in_batches target)
         if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
             # GCC takes the sources of a batch for headers.
             target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+        else()
+            # In a batch the private names of one source meet those of another.
+            target_compile_options(${target} PRIVATE -Wno-shadow -Wno-unused-private-field)
         endif()
     endif()
 endfunction()
