@@ -18,6 +18,23 @@ inline char const* nameOf(Way way) {
     return way == Way::Bare ? "bare" : "safe";
 }
 
+struct WayAndKind {
+    Way way;
+    CrashKind kind;
+};
+
+inline std::ostream& operator<<(std::ostream& stream, WayAndKind const& parameter) {
+    return stream << nameOf(parameter.way) << "_" << parameter.kind;
+}
+
+/// Sanitizers take ten times as long and look at memory, not at disks. There, a part of the cuts
+/// and faults will do.
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
 /// An open disk, the same for both ways.
 class CrashDisk {
 public:
