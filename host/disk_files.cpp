@@ -9,6 +9,7 @@
 
 #include "host/file_descriptor.h"
 #include "kelm/format/constants.h"
+#include "kelm/format/little_endian.h"
 
 namespace kelm::host {
 
@@ -35,11 +36,10 @@ std::string_view readStart(std::string const& path, Probe& probe) {
 }
 
 bool startsWithHeaderMagic(std::string_view start) {
-    if (start.size() < 4)
+    if (start.size() < sizeof(unsigned int))
         return false;
-    unsigned int magic = 0;
-    for (std::size_t i = 4; i-- > 0;)
-        magic = magic << 8 | static_cast<unsigned char>(start[i]);
+    auto const magic =
+        loadLittleEndian<unsigned int>(reinterpret_cast<unsigned char const*>(start.data()));
     return magic == kHeaderMagic || magic == kEncryptionExtensionHeaderMagic;
 }
 

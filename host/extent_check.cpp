@@ -6,12 +6,11 @@
 #include <vector>
 
 #include "host/check_errors.h"
+#include "host/record_size.h"
 #include "host/sector_map.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
-#include "kelm/format/sparse_extent_header.h"
 #include "kelm/graindata/data_preparer.h"
-#include "kelm/graindata/grain_record.h"
 
 namespace kelm::host {
 
@@ -20,7 +19,6 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using Report = std::function<void(std::string const&)>;
 
-constexpr __int64 kCipherBlockSizeBytes = 16;
 constexpr int kSlotSizeEntrySizeBytes = kSlotSizeTableSizeBytes / kGrainTableEntryCount;
 constexpr int kGrainTableEntrySizeBytes = kGrainTableSizeBytes / kGrainTableEntryCount;
 
@@ -327,11 +325,7 @@ private:
                          static_cast<unsigned long long>(m_grainSizeSectors);
         if (loadGrainRecordLBA(record->data()) != lba)
             find("the record of " + name + " names another grain");
-        __int64 storedBytes = loadGrainRecordCompressedSize(record->data());
-        if (m_header.getEncryptionExtensionEnabled() &&
-            m_header.getEncryptionAlgorithm() != kEncryptionAlgorithmNone)
-            storedBytes = roundUpToMultiple(storedBytes, kCipherBlockSizeBytes);
-        return roundUpToSectors(kGrainRecordHeaderSizeBytes + storedBytes);
+        return recordSizeSectors(m_header, loadGrainRecordCompressedSize(record->data()));
     }
 
     void checkTrail() {

@@ -13,7 +13,7 @@ namespace kelm::host {
 constexpr __int64 kMaxExtentFileBytes = 0x20000000000;
 
 /// The most parents that a chain can have.
-constexpr std::size_t kMaxChainLength = 255;
+constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDepth;
 
 /// What a new disk is to be.
 struct NewDisk {
@@ -83,9 +83,10 @@ public:
     /// Makes a disk through `files` and opens it for writing. An existing file in the place of one
     /// of the disk's files is `CIOError` `AlreadyExists`, unless `files` may overwrite. A single
     /// file that could pass 2 TiB is `CInvalidArgError`, with splitting named as the way out, and so
-    /// is a name that ends in ".lock" or that a descriptor cannot hold. Even where `files` may overwrite, an existing disk that is in
-    /// use is `CLockFileError`, and a file of one of the parents is `NotAllowed`. The guard takes away what was made, unless it is told to keep it once the disk is as it should
-    /// be; the disk must be gone first.
+    /// is a name that ends in ".lock" or that a descriptor cannot hold. Even where `files` may
+    /// overwrite, an existing disk that is in use is `CLockFileError`, and a file of one of the
+    /// parents is `NotAllowed`. The guard takes away what was made, unless it is told to keep it
+    /// once the disk is as it should be; the disk must be gone first.
     static std::unique_ptr<SafeDisk> create(FileGuard* files, yx::CURI const& uri,
                                             NewDisk const& request);
 
@@ -164,6 +165,10 @@ private:
 
     SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk);
 
+    static void verifyFitsOneFile(NewDisk const& request);
+    static __int64 calcWorstCaseGrainBytes(CVMDKDataPreparer const& preparer);
+
+    static void syncFile(yx::IFileSystem* fileSystem, yx::CURI const& uri);
     void recoverFromPowerCut();
     void removeIfUnfinished(DiskExtent const& extent);
     bool isUnfinished(DiskExtent const& extent);

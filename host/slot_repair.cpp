@@ -3,18 +3,14 @@
 #include <algorithm>
 #include <vector>
 
+#include "host/record_size.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
-#include "kelm/format/sparse_extent_header.h"
-#include "kelm/graindata/grain_record.h"
 #include "kelm/metadata/grain_directory.h"
 
 namespace kelm::host {
 
 namespace {
-
-constexpr int kNoCacheLimit = -1;
-constexpr __int64 kCipherBlockSizeBytes = 16;
 
 class SlotRepair {
 public:
@@ -32,7 +28,7 @@ public:
             static_cast<__int64>(m_header.getCapacitySectors()),
             static_cast<__int64>(m_header.getGrainSizeSectors()),
             static_cast<int>(m_header.getGrainTableEntryCount()), true,
-            yx::makeObject<CVMDKGrainTableCache>(kNoCacheLimit).get());
+            yx::makeObject<CVMDKGrainTableCache>(CVMDKGrainTableCache::kNoLimit).get());
         collectSlots();
         for (std::size_t i = 0; i < m_slots.size(); ++i) {
             __int64 const limitSectors =
@@ -105,11 +101,7 @@ private:
             static_cast<unsigned long long>(slot.grainIndex + m_place.startGrainIndex);
         if (loadGrainRecordLBA(record) != diskGrainIndex * m_header.getGrainSizeSectors())
             return 0;
-        __int64 storedBytes = loadGrainRecordCompressedSize(record);
-        if (m_header.getEncryptionExtensionEnabled() &&
-            m_header.getEncryptionAlgorithm() != kEncryptionAlgorithmNone)
-            storedBytes = roundUpToMultiple(storedBytes, kCipherBlockSizeBytes);
-        return roundUpToSectors(kGrainRecordHeaderSizeBytes + storedBytes);
+        return recordSizeSectors(m_header, loadGrainRecordCompressedSize(record));
     }
 
     yx::IIOStream& m_stream;

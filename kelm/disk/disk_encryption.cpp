@@ -2,6 +2,7 @@
 
 #include "kelm/disk/disk.h"
 #include "kelm/disk/disk_key.h"
+#include "kelm/extent/disk_key_hash.h"
 #include "yx/error.h"
 #include "yx/mt_rand.h"
 #include "yx/number.h"
@@ -22,7 +23,6 @@ constexpr int kKeyDerivationIterations = 10000;
 constexpr __int64 kMinKeyDerivationIterations = 1000;
 constexpr int kMinSaltSizeBytes = 8;
 
-constexpr char kCipherID[] = "aes256cbc";
 constexpr char kKeyHashAlgorithm[] = "sha256";
 
 /// The UTF-8 bytes of a password, zeroed when they are given up.
@@ -45,23 +45,6 @@ private:
 void fillWithRandom(yx::TBuffer<unsigned char>& buffer) {
     yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
     yx::CMTRand::getGlobal()->randData(buffer.getData(), buffer.getUsed());
-}
-
-yx::TBuffer<unsigned char> hashKey(yx::TBuffer<unsigned char> const& key) {
-    krym::CDigestType_SHA256 digestType;
-    yx::P<krym::IDigest> const digest = digestType.createDigest();
-    digest->update(key.getData(), key.getUsed());
-    digest->finish();
-    yx::TBuffer<unsigned char> hash(digest->getSize(), -1);
-    yx::copyMemory(hash.getData(), digest->getData(), static_cast<std::size_t>(hash.getUsed()));
-    return hash;
-}
-
-bool haveEqualContent(yx::TBuffer<unsigned char> const& left,
-                      yx::TBuffer<unsigned char> const& right) {
-    return left.getUsed() == right.getUsed() &&
-           std::memcmp(left.getData(), right.getData(), static_cast<std::size_t>(left.getUsed())) ==
-               0;
 }
 
 [[noreturn]] void throwBadDerivation(yx::String const& message) {
@@ -154,7 +137,7 @@ void CVMDKDisk::unwrapEncryptionKey(yx::String const& password, yx::CProps const
     if (hashAlgorithm != kKeyHashAlgorithm)
         fail("Unsupported key hash algorithm used in VMDK: " + hashAlgorithm);
     m_encryptionKeyHash = m_descriptor->getYxEncryptionKeyHash();
-    if (!haveEqualContent(m_encryptionKeyHash, hashKey(m_encryptionKey)))
+    if (!isHashOfKey(m_encryptionKeyHash, m_encryptionKey))
         fail("Specified VMDK encryption password is not correct.");
 }
 

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "kelm/format/constants.h"
+#include "kelm/format/rounding.h"
 #include "yx/error.h"
 
 namespace kelm {
@@ -13,10 +14,6 @@ namespace {
 constexpr __int64 kMaxExtentLines = 32768;
 constexpr __int64 kDescriptorBaseBytes = 32768;
 constexpr int kExtentLineBytesBesideName = 48;
-
-constexpr __int64 roundUp(__int64 value, __int64 unit) {
-    return (value + unit - 1) / unit * unit;
-}
 
 struct FileBudget {
     __int64 bytes;
@@ -47,7 +44,7 @@ __int64 calcOverheadBytes(FileBudget const& budget, bool compressed,
         overheadBytes += (directorySectors + tables * 5 + 3) * kSectorSizeBytes;
     if (budget.embedded)
         overheadBytes += worstCaseDescriptorBytes;
-    overheadBytes = roundUp(overheadBytes, kNewDiskGrainSizeBytes);
+    overheadBytes = roundUpToMultiple(overheadBytes, kNewDiskGrainSizeBytes);
     // A sector a grain for record headers, and the trail; deliberately behind the rounding.
     if (compressed)
         overheadBytes += (budgetGrains + 3) * kSectorSizeBytes;

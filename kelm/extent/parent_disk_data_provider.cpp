@@ -11,13 +11,6 @@
 
 namespace kelm {
 
-namespace {
-
-/// Every level of a chain costs stack and an open file; no chain of backups comes near this.
-constexpr int kMaxChainDepth = 255;
-
-} // namespace
-
 CVMDKParentDiskDataProvider::CVMDKParentDiskDataProvider(
     yx::IFileSystem* fileSystem, yx::CURI const& childURI, unsigned int parentContentID,
     yx::String const& parentFileNameHint, __int64 grainSizeSectors, yx::String const& password,

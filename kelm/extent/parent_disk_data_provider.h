@@ -18,6 +18,10 @@ class CVMDKDisk;
 /// and is tried again by the next request.
 class KELM_API CVMDKParentDiskDataProvider : public yx::CBase, public virtual IVMDKDataProvider {
 public:
+    /// The most parents in a chain. Every level costs stack and an open file; no chain of backups
+    /// comes near this.
+    static constexpr int kMaxChainDepth = 255;
+
     /// `childURI` is the child's main file, `parentContentID` and `parentFileNameHint` are what its
     /// descriptor says of the parent, `grainSizeSectors` is the child's. The parent is opened with
     /// `password`, `compressionLevel` and `grainTableCache`. A `parentDisk` that is given (it may

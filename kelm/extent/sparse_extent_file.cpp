@@ -1,11 +1,12 @@
 #include "kelm/extent/sparse_extent_file.h"
 
-#include <cstring>
 #include <limits>
 
+#include "kelm/extent/disk_key_hash.h"
 #include "kelm/extent/grain_position.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
+#include "kelm/format/uri_props.h"
 #include "yx/buffer_stream.h"
 #include "yx/data_in_stream.h"
 #include "yx/data_out_stream.h"
@@ -73,7 +74,7 @@ CVMDKSparseExtentFile::~CVMDKSparseExtentFile() {
 }
 
 yx::CProps CVMDKSparseExtentFile::uriProps() const {
-    return yx::CProps().add("uri", m_stream->getURI().toString(true));
+    return uriPropsOf(*m_stream);
 }
 
 bool CVMDKSparseExtentFile::isEnciphered() const {
@@ -96,7 +97,7 @@ void CVMDKSparseExtentFile::verifyCipherAndKey() {
             uriProps());
     }
     yx::String const cipherID = m_cipher->getID();
-    if (cipherID != "aes256cbc") {
+    if (cipherID != kCipherID) {
         throw yx::CInvalidArgError(kConstructorName,
                                    "Cipher object has an unsupported ID: " + cipherID, uriProps());
     }
@@ -124,14 +125,7 @@ void CVMDKSparseExtentFile::verifyKeyHash() {
                              yx::toString(hashAlgorithm),
                          "", -1, uriProps(), nullptr);
     }
-    krym::CDigestType_SHA256 digestType;
-    yx::P<krym::IDigest> const digest = digestType.createDigest();
-    digest->update(m_encryptionKey.getData(), m_encryptionKey.getUsed());
-    digest->finish();
-    yx::TBuffer<unsigned char> const& expected = m_header->getEncryptionKeyHash();
-    if (expected.getUsed() != digest->getSize() ||
-        std::memcmp(expected.getData(), digest->getData(),
-                    static_cast<std::size_t>(digest->getSize())) != 0) {
+    if (!isHashOfKey(m_header->getEncryptionKeyHash(), m_encryptionKey)) {
         throw yx::CError("Specified VMDK extent file encryption key is not correct.", "", -1,
                          uriProps(), nullptr);
     }

@@ -86,6 +86,8 @@ protected:
     /// Makes sure that the grain stands under the cursor, and returns how many bytes from there, at
     /// most `maxBytes`, may be handled in one step.
     __int64 beginIOOp(__int64 maxBytes);
+    int readGrainsAndLeave(void* target, __int64 limit);
+    int countAdjacentGrains(__int64 limit);
 
     /// Called before every change of the contents: changes the disk's content ID if that is due.
     void onAboutToChange();

@@ -72,10 +72,10 @@ void CVMDKSparseExtentFile::read(void* buffer, int bytes) {
     // request by request.
     bool const goesOn = m_position == m_wholeGrainsReadEnd;
     while (bytes > 0) {
-        int const step = static_cast<int>(beginIOOp(bytes));
+        int step = static_cast<int>(beginIOOp(bytes));
         bool const isWholeGrain = step == m_grainSizeBytes;
         if (isWholeGrain && (bytes > step || goesOn))
-            m_grain->readAndLeave(target);
+            step *= readGrainsAndLeave(target, (goesOn ? bytes : bytes - 1) / step);
         else
             m_grain->read(target, step);
         m_position += step;
@@ -84,6 +84,33 @@ void CVMDKSparseExtentFile::read(void* buffer, int bytes) {
         target += step;
         bytes -= step;
     }
+}
+
+/// Reads the grain under the cursor, and with it as many of the next as lie behind it in the file,
+/// up to `limit` grains. Returns how many it read.
+int CVMDKSparseExtentFile::readGrainsAndLeave(void* target, __int64 limit) {
+    int const count = m_grain->isInFileAlone() ? countAdjacentGrains(limit) : 1;
+    if (count > 1)
+        return m_grain->readAdjacentAndLeave(target, count);
+    m_grain->readAndLeave(target);
+    return 1;
+}
+
+/// Up to `limit` grains from the one under the cursor on, of one grain table, each of which begins
+/// in the file where the one before it ends.
+int CVMDKSparseExtentFile::countAdjacentGrains(__int64 limit) {
+    __int64 const entriesPerTable = m_header->getGrainTableEntryCount();
+    limit = std::min(limit, entriesPerTable - m_currentGrainIndex % entriesPerTable);
+    __int64 const firstPosSectors = m_grain->getGrainStartPositionSectors();
+    int count = 1;
+    for (; count < limit; ++count) {
+        __int64 posSectors = 0;
+        __int64 slotSizeSectors = 0;
+        m_grainDirectory->getGrainInfo(m_currentGrainIndex + count, posSectors, slotSizeSectors);
+        if (posSectors != firstPosSectors + count * m_grainSizeSectors)
+            break;
+    }
+    return count;
 }
 
 void CVMDKSparseExtentFile::write(void const* buffer, int bytes) {

@@ -1,156 +1,20 @@
 #include "kelm/format/descriptor.h"
 
 #include <algorithm>
-#include <optional>
 
-#include "kelm/format/constants.h"
+#include "kelm/format/descriptor_text.h"
 #include "kelm/format/marker.h"
-#include "kelm/format/text_view.h"
 #include "yx/error.h"
-#include "yx/log.h"
 #include "yx/number.h"
 
 namespace kelm {
 
-// The text, line by line:
-//
-//   # comment                              kept verbatim
-//   key=value   key="value"                what stands before and behind the first "=", trimmed; a
-//                                          key with a blank in it makes no such line
-//   ddb.key = "value"                      the same; keys of this prefix are written with blanks
-//   RW 4192256 SPARSE "disk-s001.vmdk"     extent line, see CVMDKExtentInfo
-//   anything else                          kept verbatim
-//
-// In a file, zeros behind the text fill its area; the first of them ends the text.
-
 namespace {
 
-using detail::trimmed;
-using detail::View;
-
-constexpr char kVersionKey[] = "version";
-constexpr char kEncodingKey[] = "encoding";
-constexpr char kContentIDKey[] = "CID";
-constexpr char kParentContentIDKey[] = "parentCID";
-constexpr char kParentFileNameHintKey[] = "parentFileNameHint";
-constexpr char kCreateTypeKey[] = "createType";
-constexpr char kOnDemandKey[] = "yxCreateExtentFilesOnDemand";
-constexpr char kAdapterTypeKey[] = "ddb.adapterType";
-constexpr char kGeometrySectorsKey[] = "ddb.geometry.sectors";
-constexpr char kGeometryHeadsKey[] = "ddb.geometry.heads";
-constexpr char kGeometryCylindersKey[] = "ddb.geometry.cylinders";
-constexpr char kEncryptionAlgorithmKey[] = "yxEncAlg";
-constexpr char kKeyHashAlgorithmKey[] = "yxEncKeyHashAlg";
-constexpr char kKeyDerivationAlgorithmKey[] = "yxEncKeyDerivAlg";
-constexpr char kEncryptionIVKey[] = "yxEncIV";
-constexpr char kEncryptedEncryptionKeyKey[] = "yxEncEncKey";
-constexpr char kEncryptionKeyHashKey[] = "yxEncKeyHash";
-constexpr char kKeyDerivationSaltKey[] = "yxEncKeyDerivSalt";
-
-/// Compares as if both were put in lower case. Asking for the length first spares the comparison
-/// for most keys of a long text.
-bool isSameKey(wxString const& left, wxString const& right) {
-    return left.length() == right.length() && left.IsSameAs(right, false);
-}
-
-template <class Char>
-struct NameValue {
-    View<Char> name;
-    View<Char> value;
-    bool quoted;
-};
-
-template <class Char>
-std::optional<NameValue<Char>> tryParseNameValue(View<Char> line) {
-    size_t const separator = line.find(Char('='));
-    if (separator == View<Char>::npos)
-        return std::nullopt;
-    View<Char> const name = trimmed(line.substr(0, separator));
-    View<Char> const value = trimmed(line.substr(separator + 1));
-    // Only a blank is looked for: it sends an extent line with "=" in its file name on.
-    if (name.empty() || name.find(Char(' ')) != View<Char>::npos)
-        return std::nullopt;
-    if (!value.starts_with(Char('"')) || !value.ends_with(Char('"')))
-        return NameValue<Char>{name, value, false};
-    // One quote alone both starts and ends its value, which is then empty.
-    size_t const length = std::max<size_t>(value.size(), 2) - 2;
-    return NameValue<Char>{name, value.substr(1, length), true};
-}
-
-/// Calls `visit` with each line, which may end the walk by answering false. Lines end at line feeds
-/// alone; what stands behind the last one is a line too, be it empty. An empty text has no line.
-template <class Char, class Visitor>
-void forEachLine(View<Char> text, Visitor visit) {
-    while (!text.empty()) {
-        size_t const end = text.find(Char('\n'));
-        if (!visit(text.substr(0, end)) || end == View<Char>::npos)
-            return;
-        text.remove_prefix(end + 1);
-        if (text.empty())
-            visit(text);
-    }
-}
-
-template <class Char>
-bool isComment(View<Char> line) {
-    return line.starts_with(Char('#'));
-}
-
-wxString decodeLatin1(std::string_view bytes) {
-    return wxString::From8BitData(bytes.data(), bytes.size());
-}
-
-/// The value of the "encoding" key, empty if there is none. The bytes are taken as Latin-1, so that
-/// the line is found whatever the encoding is.
-yx::String findEncoding(std::string_view bytes) {
-    wxString const key(kEncodingKey);
-    yx::String encoding;
-    forEachLine(bytes, [&](std::string_view line) {
-        if (isComment(line))
-            return true;
-        auto const parsed = tryParseNameValue(line);
-        if (!parsed || parsed->name.size() != key.length() ||
-            !isSameKey(decodeLatin1(parsed->name), key))
-            return true;
-        encoding = decodeLatin1(parsed->value);
-        return false;
-    });
-    return encoding;
-}
-
-wxString decodeAs(yx::String const& encoding, std::string_view bytes) {
-    wxString reduced = encoding.wx().Lower();
-    reduced.Replace("_", "");
-    reduced.Replace("-", "");
-    if (reduced.empty() || reduced == "utf8")
-        return yx::String::tryFromUTF8(bytes).value_or(yx::String()).wx();
-    if (reduced != "latin1" && reduced != "iso88591") {
-        yx::logWarning("Unknown VMDK descriptor encoding '" + encoding +
-                       "'. Using Latin-1 instead.");
-    }
-    return decodeLatin1(bytes);
-}
-
-wxString decode(std::string_view bytes) {
-    yx::String const encoding = findEncoding(bytes);
-    try {
-        return decodeAs(encoding, bytes);
-    } catch (std::exception const& error) {
-        // Deliberate: the parenthesis stays open; these are the words that logs are searched for.
-        yx::logWarning(error,
-                       "Ignoring VMDK descriptor decoding error (encoding: '" + encoding +
-                           "'. Using Latin-1 encoding instead.",
-                       "");
-        return decodeLatin1(bytes);
-    }
-}
-
-/// The bytes before the first zero byte.
-std::string_view textOf(yx::TBuffer<unsigned char> const& buffer) {
-    std::string_view const bytes(reinterpret_cast<char const*>(buffer.getData()),
-                                 static_cast<size_t>(buffer.getUsed()));
-    return bytes.substr(0, bytes.find('\0'));
-}
+using detail::forEachLine;
+using detail::isComment;
+using detail::isSameKey;
+using detail::tryParseNameValue;
 
 /// Whether all characters are such that UTF-8 has them and a text in a file can hold them.
 bool isStorable(wxString const& text) {
@@ -198,7 +62,7 @@ yx::P<CVMDKDescriptorEntry> CVMDKDescriptor::CNameValueEntry::cloneDescriptorEnt
 }
 
 CVMDKDescriptor::CVMDKDescriptor(yx::TBuffer<unsigned char> const& text) {
-    parseLines(decode(textOf(text)));
+    parseLines(detail::decodeDescriptor(text));
     findHeaderEnd();
 }
 
@@ -346,167 +210,6 @@ void CVMDKDescriptor::store(yx::IOutStream& stream, int targetSizeBytes,
     }
     stream.write(utf8.data(), sizeBytes, nullptr);
     vmdkWritePadding(stream, paddingBytes, zeroBuffer);
-}
-
-int CVMDKDescriptor::getVersion() const {
-    return static_cast<int>(yx::parseInt64(getValue(kVersionKey), false));
-}
-
-void CVMDKDescriptor::setVersion(int version) {
-    setValue(kVersionKey, yx::toString(version), false, true);
-}
-
-void CVMDKDescriptor::setEncodingUTF8() {
-    setValue(kEncodingKey, "UTF-8", true, true);
-}
-
-unsigned int CVMDKDescriptor::getContentID() const {
-    return static_cast<unsigned int>(yx::parseHexInt64(getValue(kContentIDKey), false));
-}
-
-void CVMDKDescriptor::setContentID(unsigned int contentID) {
-    setValue(kContentIDKey, yx::toHexString(contentID), false, true);
-}
-
-unsigned int CVMDKDescriptor::getParentContentID() const {
-    yx::String text;
-    if (!tryGetValue(kParentContentIDKey, text))
-        return kNoParentContentID;
-    // Deliberate: unlike the content ID, this one may be a number of 64 unsigned bits.
-    return static_cast<unsigned int>(yx::parseHexInt64(text, true));
-}
-
-void CVMDKDescriptor::setParentContentID(unsigned int contentID) {
-    setValue(kParentContentIDKey, yx::toHexString(contentID), false, true);
-}
-
-yx::String CVMDKDescriptor::getParentFileNameHint() const {
-    return getValue(kParentFileNameHintKey);
-}
-
-bool CVMDKDescriptor::tryGetParentFileNameHint(yx::String& hint) const {
-    return tryGetValue(kParentFileNameHintKey, hint);
-}
-
-void CVMDKDescriptor::setParentFileNameHint(yx::String const& hint) {
-    setValue(kParentFileNameHintKey, hint, true, true);
-}
-
-yx::String CVMDKDescriptor::getCreateType() const {
-    return getValue(kCreateTypeKey);
-}
-
-void CVMDKDescriptor::setCreateType(yx::String const& type) {
-    setValue(kCreateTypeKey, type, true, true);
-}
-
-bool CVMDKDescriptor::getYxCreateExtentFilesOnDemand() const {
-    yx::String text;
-    return tryGetValue(kOnDemandKey, text) && yx::parseBool(text);
-}
-
-void CVMDKDescriptor::setYxCreateExtentFilesOnDemand(bool onDemand) {
-    setValue(kOnDemandKey, yx::toString(onDemand), true, true);
-}
-
-yx::String CVMDKDescriptor::getAdapterType() const {
-    return getValue(kAdapterTypeKey);
-}
-
-void CVMDKDescriptor::setAdapterType(yx::String const& type) {
-    setValue(kAdapterTypeKey, type, true, false);
-}
-
-__int64 CVMDKDescriptor::getGeometrySectors() const {
-    return yx::parseInt64(getValue(kGeometrySectorsKey), false);
-}
-
-void CVMDKDescriptor::setGeometrySectors(__int64 sectors) {
-    setValue(kGeometrySectorsKey, yx::toString(sectors), true, false);
-}
-
-__int64 CVMDKDescriptor::getGeometryHeads() const {
-    return yx::parseInt64(getValue(kGeometryHeadsKey), false);
-}
-
-void CVMDKDescriptor::setGeometryHeads(__int64 heads) {
-    setValue(kGeometryHeadsKey, yx::toString(heads), true, false);
-}
-
-__int64 CVMDKDescriptor::getGeometryCylinders() const {
-    return yx::parseInt64(getValue(kGeometryCylindersKey), false);
-}
-
-void CVMDKDescriptor::setGeometryCylinders(__int64 cylinders) {
-    setValue(kGeometryCylindersKey, yx::toString(cylinders), true, false);
-}
-
-yx::String CVMDKDescriptor::getYxEncryptionAlgorithm() const {
-    yx::String algorithm;
-    tryGetValue(kEncryptionAlgorithmKey, algorithm);
-    return algorithm;
-}
-
-void CVMDKDescriptor::setYxEncryptionAlgorithm(yx::String const& algorithm) {
-    setValue(kEncryptionAlgorithmKey, algorithm, false, true);
-}
-
-yx::String CVMDKDescriptor::getYxEncryptionKeyHashAlgorithm() const {
-    return getValue(kKeyHashAlgorithmKey);
-}
-
-void CVMDKDescriptor::setYxEncryptionKeyHashAlgorithm(yx::String const& algorithm) {
-    setValue(kKeyHashAlgorithmKey, algorithm, false, true);
-}
-
-yx::String CVMDKDescriptor::getYxEncryptionKeyDerivationAlgorithm() const {
-    return getValue(kKeyDerivationAlgorithmKey);
-}
-
-void CVMDKDescriptor::setYxEncryptionKeyDerivationAlgorithm(yx::String const& algorithm) {
-    setValue(kKeyDerivationAlgorithmKey, algorithm, false, true);
-}
-
-yx::TBuffer<unsigned char> CVMDKDescriptor::getBytes(yx::String const& key) const {
-    yx::TBuffer<unsigned char> bytes;
-    yx::hexDecode(getValue(key), bytes);
-    return bytes;
-}
-
-void CVMDKDescriptor::setBytes(yx::String const& key, yx::TBuffer<unsigned char> const& bytes) {
-    setValue(key, yx::hexEncode(bytes), false, true);
-}
-
-yx::TBuffer<unsigned char> CVMDKDescriptor::getYxEncryptionIV() const {
-    return getBytes(kEncryptionIVKey);
-}
-
-void CVMDKDescriptor::setYxEncryptionIV(yx::TBuffer<unsigned char> const& iv) {
-    setBytes(kEncryptionIVKey, iv);
-}
-
-yx::TBuffer<unsigned char> CVMDKDescriptor::getYxEncryptedEncryptionKey() const {
-    return getBytes(kEncryptedEncryptionKeyKey);
-}
-
-void CVMDKDescriptor::setYxEncryptedEncryptionKey(yx::TBuffer<unsigned char> const& key) {
-    setBytes(kEncryptedEncryptionKeyKey, key);
-}
-
-yx::TBuffer<unsigned char> CVMDKDescriptor::getYxEncryptionKeyHash() const {
-    return getBytes(kEncryptionKeyHashKey);
-}
-
-void CVMDKDescriptor::setYxEncryptionKeyHash(yx::TBuffer<unsigned char> const& hash) {
-    setBytes(kEncryptionKeyHashKey, hash);
-}
-
-yx::TBuffer<unsigned char> CVMDKDescriptor::getYxEncryptionKeyDerivationSalt() const {
-    return getBytes(kKeyDerivationSaltKey);
-}
-
-void CVMDKDescriptor::setYxEncryptionKeyDerivationSalt(yx::TBuffer<unsigned char> const& salt) {
-    setBytes(kKeyDerivationSaltKey, salt);
 }
 
 } // namespace kelm

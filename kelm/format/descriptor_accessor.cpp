@@ -4,6 +4,7 @@
 
 #include "kelm/format/constants.h"
 #include "kelm/format/sparse_extent_header.h"
+#include "kelm/format/uri_props.h"
 #include "yx/data_in_stream.h"
 #include "yx/error.h"
 #include "yx/mt_rand.h"
@@ -15,12 +16,8 @@ namespace {
 constexpr int kMaxDescriptorSizeBytes = 5 * 1024 * 1024;
 constexpr unsigned int kNoContentID = 0xFFFFFFFF;
 
-yx::CProps uriProps(yx::IIOStream& stream) {
-    return yx::CProps().add("uri", stream.getURI().toString(true));
-}
-
 [[noreturn]] void throwCorrupt(yx::IIOStream& stream, yx::String const& message) {
-    throw yx::CIOError(yx::CIOError::CorruptData, message, uriProps(stream), nullptr);
+    throw yx::CIOError(yx::CIOError::CorruptData, message, uriPropsOf(stream), nullptr);
 }
 
 /// Runs `operation` and puts the stream's position back, also when it fails.
@@ -99,7 +96,7 @@ void CVMDKDescriptorAccessor::locateEmbeddedDescriptor() {
         throw yx::CIOError(yx::CIOError::UnsupportedVersion,
                            "VMDK file has an unsupported version: " +
                                yx::toString(header.getVersion()),
-                           uriProps(*m_stream), nullptr);
+                           uriPropsOf(*m_stream), nullptr);
     }
     m_descriptorOffsetBytes = sectorsToBytes(header.getDescriptorOffsetSectors());
     m_descriptorSizeBytes = sectorsToBytes(header.getDescriptorSizeSectors());

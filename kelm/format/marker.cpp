@@ -4,6 +4,7 @@
 #include <array>
 
 #include "kelm/format/constants.h"
+#include "kelm/format/little_endian.h"
 #include "yx/error.h"
 
 namespace kelm {
@@ -34,20 +35,6 @@ constexpr int kTypeOffset = 12;
 constexpr int kMarkerPaddingOffset = 16;
 constexpr int kMarkerPaddingSizeBytes = kSectorSizeBytes - kMarkerPaddingOffset;
 constexpr int kMarkerSizeSectors = 1;
-
-template <class T>
-T loadLittleEndian(unsigned char const* source) {
-    T value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i)
-        value |= static_cast<T>(source[i]) << (8 * i);
-    return value;
-}
-
-template <class T>
-void storeLittleEndian(unsigned char* target, T value) {
-    for (std::size_t i = 0; i < sizeof(T); ++i)
-        target[i] = static_cast<unsigned char>(value >> (8 * i));
-}
 
 void verifyZeroBuffer(yx::TBuffer<unsigned char> const& zeroBuffer, int neededBytes,
                       char const* function) {

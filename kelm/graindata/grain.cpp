@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "kelm/format/uri_props.h"
 #include "kelm/graindata/grain_record.h"
 #include "yx/error.h"
 #include "yx/log.h"
@@ -203,7 +204,7 @@ void CVMDKGrain::makeCurrentGrainIV() {
 }
 
 yx::CProps CVMDKGrain::uriProps() const {
-    return yx::CProps().add("uri", m_stream->getURI().toString(true));
+    return uriPropsOf(*m_stream);
 }
 
 yx::CProps CVMDKGrain::placeProps() const {

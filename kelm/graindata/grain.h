@@ -100,6 +100,14 @@ public:
     /// straight to `target` and do not stay in memory.
     void readAndLeave(void* target);
 
+    /// The same for `grainCount` grains that lie one behind the other in the file from this one on;
+    /// this one must be in the file alone. Returns how many were read: fewer, but at least one, if
+    /// the file ends among them.
+    int readAdjacentAndLeave(void* target, int grainCount);
+
+    /// Whether the file holds the grain as it is, and memory nothing of it.
+    bool isInFileAlone() const;
+
     /// Fills `target` with the whole grain in prepared form, deciphered, after flushing, and moves
     /// to the grain's end. A position other than 0 is `yx::CIOError` `NotAllowed` with "uri",
     /// "posInGrain", "diskGrainIndex" and "extentGrainIndex". After a failure `target` is

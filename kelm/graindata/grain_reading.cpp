@@ -50,15 +50,32 @@ void CVMDKGrain::read(void* target, int size) {
     m_posInGrain += size;
 }
 
+bool CVMDKGrain::isInFileAlone() const {
+    return getStoredPosSectors() != 0 && !m_compressed && !m_cipher && !isLoaded();
+}
+
 void CVMDKGrain::readAndLeave(void* target) {
-    bool const isStoredAsItIs = getStoredPosSectors() != 0 && !m_compressed && !m_cipher;
-    if (m_posInGrain != 0 || isLoaded() || !isStoredAsItIs) {
-        read(target, static_cast<int>(m_grainSizeBytes));
+    int const sizeBytes = static_cast<int>(m_grainSizeBytes);
+    if (m_posInGrain != 0 || !isInFileAlone()) {
+        read(target, sizeBytes);
         return;
     }
     seekToGrain();
-    m_stream->read(target, static_cast<int>(m_grainSizeBytes));
+    m_stream->read(target, sizeBytes);
     m_posInGrain = m_grainSizeBytes;
+}
+
+int CVMDKGrain::readAdjacentAndLeave(void* target, int grainCount) {
+    int const sizeBytes = static_cast<int>(m_grainSizeBytes);
+    seekToGrain();
+    // A file that ends too early is the error of the grain at its end, not of those before.
+    int const readCount = m_stream->readLax(target, grainCount * sizeBytes) / sizeBytes;
+    if (readCount == 0) {
+        readAndLeave(target);
+        return 1;
+    }
+    m_posInGrain = m_grainSizeBytes;
+    return readCount;
 }
 
 void CVMDKGrain::verifyReadRange(int size) const {

@@ -56,7 +56,7 @@ void CVMDKGrainAllocator::verifySizes() {
     if (m_alignmentSectors < 1 || m_alignmentSectors > kMaxBufferBytes / kSectorSizeBytes) {
         throw yx::CInvalidArgError("CVMDKGrainAllocator constructor",
                                    "Invalid grain alignment: " + yx::toString(m_alignmentSectors),
-                                   uriProps(*m_stream));
+                                   uriPropsOf(*m_stream));
     }
 }
 

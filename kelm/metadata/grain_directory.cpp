@@ -94,7 +94,7 @@ yx::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(__int64 tableIndex) {
     if (tableIndex < 0 || tableIndex >= m_tableCount) {
         throw yx::CInvalidArgError("CVMDKGrainDirectory::getGrainTable",
                                    "invalid table index: " + yx::toString(tableIndex),
-                                   uriProps(*m_stream));
+                                   uriPropsOf(*m_stream));
     }
     if (yx::P<CVMDKGrainTable> table = m_grainTableCache->getCachedTable(this, tableIndex))
         return table;
@@ -221,7 +221,7 @@ void CVMDKGrainDirectory::readSlotDirectory() {
                     m_slotDirectory, static_cast<int>(m_tableCount));
     } else if (m_compressed) {
         throw yx::CError("Slot size directory not found in compressed VMDK.", "", -1,
-                         uriProps(*m_stream), nullptr);
+                         uriPropsOf(*m_stream), nullptr);
     }
 }
 

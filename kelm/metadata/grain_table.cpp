@@ -130,7 +130,7 @@ void CVMDKGrainTable::flushChangesToStream() {
 void CVMDKGrainTable::verifyIndex(__int64 index, char const* function) {
     if (index < 0 || index >= m_entryCount) {
         throw yx::CInvalidArgError(function, "Invalid grain index: " + yx::toString(index),
-                                   uriProps(*m_stream));
+                                   uriPropsOf(*m_stream));
     }
 }
 
@@ -141,12 +141,12 @@ void CVMDKGrainTable::verifySlotSize(__int64 posSectors, __int64 slotSizeSectors
             "Invalid grain slot size - it must equal the grain size (slot size: " +
                 yx::toString(slotSizeSectors) +
                 ", grain size: " + yx::toString(m_grainSizeSectors) + ")",
-            uriProps(*m_stream));
+            uriPropsOf(*m_stream));
     }
     // Deliberately also where the position is 0: who clears an entry gives a positive slot size.
     if (slotSizeSectors < 1) {
         throw yx::CInvalidArgError(kSetGrainInfoName, "Invalid grain slot size.",
-                                   uriProps(*m_stream)
+                                   uriPropsOf(*m_stream)
                                        .add("slotSizeSectors", yx::toString(slotSizeSectors))
                                        .add("grainSizeSectors", yx::toString(m_grainSizeSectors))
                                        .add("posSectors", yx::toString(posSectors)));

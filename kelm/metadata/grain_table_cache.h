@@ -34,8 +34,10 @@ public:
     /// Tables of 512 grains each: 32 GiB of disk with grains of 64 KiB.
     static constexpr int kDefaultLimit = 1024;
 
-    /// `limit` is the most tables kept, over all directories; negative for no limit, 0 to keep
-    /// none.
+    /// Any negative limit is none.
+    static constexpr int kNoLimit = -1;
+
+    /// `limit` is the most tables kept, over all directories; 0 to keep none.
     explicit CVMDKGrainTableCache(int limit = kDefaultLimit);
 
     /// A copy shares the tables.

@@ -7,19 +7,15 @@
 
 namespace kelm {
 
-yx::CProps uriProps(yx::IStreamBase& stream) {
-    return yx::CProps().add("uri", stream.getURI().toString(true));
-}
-
 void throwCorruptField(yx::IStreamBase& stream, char const* field, __int64 value) {
     throw yx::CIOError(yx::CIOError::CorruptData,
                        yx::String("Invalid ") + field +
                            " in VMDK sparse extent: " + yx::toString(value),
-                       uriProps(stream), nullptr);
+                       uriPropsOf(stream), nullptr);
 }
 
 bool isMetadataSizePlausible(yx::IStreamBase& stream, __int64 sizeBytes) {
-    return sizeBytes <= kFreeMetadataSizeBytes || sizeBytes <= stream.getLength();
+    return sizeBytes <= kUncheckedMetadataSizeBytes || sizeBytes <= stream.getLength();
 }
 
 void seekToSector(yx::IStreamBase& stream, __int64 posSectors, char const* field) {

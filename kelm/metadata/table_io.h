@@ -3,8 +3,7 @@
 #include <bit>
 #include <climits>
 
-#include "yx/props.h"
-#include "yx/stream.h"
+#include "kelm/format/uri_props.h"
 
 namespace kelm {
 
@@ -14,16 +13,13 @@ namespace kelm {
 /// Metadata up to this size may be larger than the file that it is said to lie in, since tables can
 /// share sectors (a directory entry of 0 means sector 0). Beyond it the file must have room for all
 /// of it, so that memory and time stay in proportion to the file.
-constexpr __int64 kFreeMetadataSizeBytes = 4194304;
-
-/// "uri" of the stream.
-yx::CProps uriProps(yx::IStreamBase& stream);
+constexpr __int64 kUncheckedMetadataSizeBytes = 4194304;
 
 /// Throws `yx::CIOError` `CorruptData`: "Invalid <field> in VMDK sparse extent: <value>" with
 /// "uri".
 [[noreturn]] void throwCorruptField(yx::IStreamBase& stream, char const* field, __int64 value);
 
-/// Whether metadata of this size can be in the stream; see `kFreeMetadataSizeBytes`.
+/// Whether metadata of this size can be in the stream; see `kUncheckedMetadataSizeBytes`.
 bool isMetadataSizePlausible(yx::IStreamBase& stream, __int64 sizeBytes);
 
 /// Seeks to a sector. A position that no file can have is reported as `field`.

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "host/safe_disk.h"
-#include "tests/disk/disk_fixture.h"
+#include "tests/support/disk_fixture.h"
 
 namespace test_support {
 

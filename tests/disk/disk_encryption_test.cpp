@@ -2,7 +2,7 @@
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 
-#include "tests/disk/disk_fixture.h"
+#include "tests/support/disk_fixture.h"
 #include "tests/support/reference_codec.h"
 
 namespace test_support {

@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 
-#include "tests/disk/disk_fixture.h"
+#include "tests/support/disk_fixture.h"
 
 namespace test_support {
 namespace {

@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 
-#include "tests/disk/disk_fixture.h"
 #include "tests/support/child_process.h"
+#include "tests/support/disk_fixture.h"
 #include "tests/support/faulty_file_system.h"
 #include "tests/support/temp_directory.h"
 

@@ -1,8 +1,8 @@
 #include <map>
 #include <random>
 
-#include "tests/disk/disk_fixture.h"
 #include "tests/support/child_process.h"
+#include "tests/support/disk_fixture.h"
 #include "tests/support/extent_checker.h"
 #include "tests/support/temp_directory.h"
 

@@ -1,6 +1,6 @@
 #include <gmock/gmock.h>
 
-#include "tests/disk/disk_fixture.h"
+#include "tests/support/disk_fixture.h"
 #include "tests/support/faulty_file_system.h"
 #include "tests/support/ignored_exception_capture.h"
 #include "tests/support/recording_file_system.h"

@@ -1,4 +1,4 @@
-#include "tests/disk/disk_fixture.h"
+#include "tests/support/disk_fixture.h"
 
 namespace test_support {
 namespace {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tests/endtoend/tool_fixture.h"
+#include "tests/support/signals.h"
 
 namespace endtoend {
 
@@ -31,6 +32,7 @@ protected:
         words.push_back(nullptr);
         pid_t const child = ::forkpty(&master, nullptr, nullptr, nullptr);
         if (child == 0) {
+            test_support::resetSignals();
             if (::chdir(folder().c_str()) == 0)
                 ::execv(KELM_TOOL, words.data());
             ::_exit(127);

@@ -211,11 +211,70 @@ TEST_F(SparseExtentIO, GrainThatAReadEndsWithStaysInMemory) {
     extent->seek(0);
     files->clear();
     EXPECT_EQ(read(*extent, 3 * 4096), pattern(3 * 4096, 2));
-    EXPECT_EQ(files->lines(test_support::kTransfers),
-              (std::vector<std::string>{"read extent.vmdk 8192+4096", "read extent.vmdk 12288+4096",
-                                        "read extent.vmdk 16384+4096"}));
+    EXPECT_EQ(
+        files->lines(test_support::kTransfers),
+        (std::vector<std::string>{"read extent.vmdk 8192+8192", "read extent.vmdk 16384+4096"}));
     EXPECT_EQ(readAt(*extent, 2 * 4096, 4096), slice(pattern(3 * 4096, 2), 2 * 4096, 4096));
+    EXPECT_EQ(files->count({test_support::FileOperation::Kind::Read}), 2U);
+}
+
+TEST_F(SparseExtentIO, GrainsThatLieTogetherAreReadTogether) {
+    createExtent(kPlain);
+    yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain, {.bare = true});
+    Bytes expected = zeros(kCapacityBytes);
+    // In the file: 0 1 2 3 7 6 8 9, and grains 4 and 5 nowhere.
+    for (__int64 const grain : {0, 1, 2, 3, 7, 6, 8, 9}) {
+        Bytes const bytes = pattern(4096, static_cast<unsigned int>(grain) + 1);
+        std::copy(bytes.begin(), bytes.end(), expected.begin() + grain * 4096);
+        writeAt(*extent, grain * 4096, bytes);
+    }
+    extent->flushChanges();
+    extent->seek(0);
+    files->clear();
+    EXPECT_TRUE(sameBytes(slice(expected, 0, 10 * 4096 + 5), read(*extent, 10 * 4096 + 5)));
+    EXPECT_EQ(extent->getPosition(), 10 * 4096 + 5);
+    EXPECT_EQ(
+        files->lines(test_support::kTransfers),
+        (std::vector<std::string>{"read extent.vmdk 8192+16384", "read extent.vmdk 28672+4096",
+                                  "read extent.vmdk 24576+4096", "read extent.vmdk 32768+8192"}));
+    EXPECT_TRUE(sameBytes(slice(expected, 10 * 4096 + 5, 100), read(*extent, 100)));
+}
+
+TEST_F(SparseExtentIO, GrainsOfTwoTablesAreReadApart) {
+    // 512 grains of one sector fill a table.
+    createExtent(kPlain, 600, 1);
+    yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain, {.bare = true});
+    Bytes const content = pattern(600 * 512, 4);
+    writeAt(*extent, 0, content);
+    extent->flushChanges();
+    extent->seek(510 * 512);
+    files->clear();
+    EXPECT_TRUE(sameBytes(slice(content, 510 * 512, 10 * 512), read(*extent, 10 * 512)));
     EXPECT_EQ(files->count({test_support::FileOperation::Kind::Read}), 3U);
+}
+
+TEST_F(SparseExtentIO, FileThatEndsAmidGrainsThatLieTogetherFailsAtTheOneThatIsCut) {
+    createExtent(kPlain);
+    {
+        yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain);
+        writeAt(*extent, 0, pattern(8 * 4096, 5));
+        extent->flushChanges();
+    }
+    for (int const keptGrains : {3, 1, 0}) {
+        Bytes file = content();
+        file.resize(8192 + static_cast<std::size_t>(keptGrains) * 4096 + 100);
+        setContent(file);
+        yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain);
+        Bytes target(8 * 4096, 0xEE);
+        std::string const position = std::to_string(8192 + keptGrains * 4096);
+        EXPECT_TRUE(
+            throwsIOError(yx::CIOError::UnexpectedEnd, "Unexpected end of the stream.",
+                          {{"uri", kExtentURI}, {"position", position}, {"bytesToRead", "4096"}},
+                          [&] { extent->read(target.data(), static_cast<int>(target.size())); }));
+        EXPECT_EQ(extent->getPosition(), keptGrains * 4096);
+        EXPECT_TRUE(sameBytes(slice(pattern(8 * 4096, 5), 0, keptGrains * 4096),
+                              slice(target, 0, keptGrains * 4096)));
+    }
 }
 
 TEST_F(SparseExtentIO, FailureAmidAReadLeavesThePositionAtTheFailedStep) {

@@ -14,6 +14,7 @@
 #include "host/progress.h"
 #include "host/size_text.h"
 #include "tests/host/host_fixture.h"
+#include "tests/support/signals.h"
 
 namespace test_support {
 namespace {
@@ -221,6 +222,7 @@ PromptPlay playPrompt(bool twice,
     int master = -1;
     pid_t const child = ::forkpty(&master, nullptr, nullptr, nullptr);
     if (child == 0) {
+        test_support::resetSignals();
         std::string text;
         try {
             text = "got " + promptForPassword("Password", twice).get().toStdString();
@@ -312,6 +314,7 @@ TEST(Cancel, FlagStopsTheWork) {
 }
 
 TEST(Cancel, SignalsSetTheFlagWhileSomebodyListens) {
+    test_support::resetSignals();
     for (int const signal : {SIGINT, SIGTERM, SIGHUP}) {
         CancelFlag flag;
         {
@@ -327,6 +330,7 @@ TEST(Cancel, SignalsSetTheFlagWhileSomebodyListens) {
 }
 
 TEST(Cancel, SecondSignalEndsTheProcess) {
+    test_support::resetSignals();
     EXPECT_EXIT(
         {
             CancelFlag flag;

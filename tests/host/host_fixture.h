@@ -5,7 +5,7 @@
 
 #include "host/compare.h"
 #include "host/transfer.h"
-#include "tests/disk/disk_fixture.h"
+#include "tests/support/disk_fixture.h"
 #include "tests/support/extent_checker.h"
 #include "tests/support/temp_directory.h"
 

@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/support/signals.h"
+
 namespace test_support {
 
 namespace {
@@ -54,8 +56,10 @@ RunningProgram::RunningProgram(std::filesystem::path const& folder, Arguments co
     if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0)
         throw std::runtime_error("no pipe");
     m_id = ::fork();
-    if (m_id == 0)
+    if (m_id == 0) {
+        resetSignals();
         becomeProgram(folder, command, prepare, m_errorFile, input[0], output[1]);
+    }
     ::close(input[0]);
     ::close(output[1]);
     m_input = input[1];

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
+#include "host/disk_opening.h"
 #include "host/file_names.h"
 #include "host/parent_chain.h"
 #include "tools/kelm/errors.h"
-#include "yx/lock_file.h"
 
 namespace kelm::tool {
 
@@ -17,12 +17,6 @@ constexpr char kSplitTooSmallMessage[] = "Internal error: calculated VMDK maxExt
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
                                          yx::IIOStream::Access access, yx::String const& password) {
     return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password);
-}
-
-/// Throws `CLockFileError` if the disk that is to be replaced is in use.
-void verifyIsNotInUse(Invocation& invocation, yx::CURI const& uri) {
-    yx::CURI const lockURI = uri.getParent() << (uri.getName() + ".lock");
-    yx::CLockFile const lock(invocation.getFiles(), lockURI, yx::CLockFile::Exclusive, false, true);
 }
 
 } // namespace
@@ -82,7 +76,7 @@ NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri
           yx::makeObject<host::FileGuard>(invocation.getFiles(), force, &invocation.getCancel())) {
     m_guard->protect(protectedFiles);
     if (force && invocation.getFiles()->fileExists(uri)) {
-        verifyIsNotInUse(invocation, uri);
+        host::verifyIsNotInUse(invocation.getFiles(), uri);
         m_formerDisk.emplace(invocation.getFiles(), uri);
     }
     create(uri, request);

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "kelm/kelm.h"
+
+namespace kelm::host {
+
+/// Opens a disk that exists; one that does not is `CIOError` `NotFound`, also for writing, which
+/// would make the main file. A disk opened for reading keeps at most `readCacheLimit` grain tables,
+/// one opened for writing all. A disk that a writer is closing is refused to a reader.
+yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri,
+                                yx::IIOStream::Access access, yx::String const& password,
+                                int compressionLevel, int readCacheLimit);
+
+/// Refuses, with `CLockFileError`, to replace a disk that somebody uses. One that does not exist is
+/// in nobody's use.
+void verifyIsNotInUse(yx::IFileSystem* fileSystem, yx::CURI const& uri);
+
+} // namespace kelm::host
