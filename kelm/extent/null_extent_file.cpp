@@ -9,8 +9,8 @@ namespace kelm {
 
 namespace {
 
-constexpr char kSeekName[] = "CVMDKNullExtentFile::seek";
-constexpr char kReadName[] = "CVMDKNullExtentFile::read";
+constexpr char kNullExtentSeekName[] = "CVMDKNullExtentFile::seek";
+constexpr char kNullExtentReadName[] = "CVMDKNullExtentFile::read";
 
 constexpr __int64 kMaxSizeBytes = std::numeric_limits<__int64>::max();
 
@@ -49,8 +49,8 @@ void CVMDKNullExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider) {
 
 void CVMDKNullExtentFile::seek(__int64 position) {
     if (position < 0 || position > m_extentSizeBytes)
-        throw yx::CInvalidArgError(kSeekName, "Invalid position: " + yx::toString(position),
-                                   uriProps());
+        throw yx::CInvalidArgError(kNullExtentSeekName,
+                                   "Invalid position: " + yx::toString(position), uriProps());
     m_position = position;
 }
 
@@ -63,8 +63,9 @@ void CVMDKNullExtentFile::read(void* buffer, int bytes) {
                                .add("bytesToRead", yx::toString(bytes)),
                            nullptr);
     if (bytes < 0)
-        throw yx::CInvalidArgError(
-            kReadName, "Invalid number of bytes to read: " + yx::toString(bytes), uriProps());
+        throw yx::CInvalidArgError(kNullExtentReadName,
+                                   "Invalid number of bytes to read: " + yx::toString(bytes),
+                                   uriProps());
     if (m_fallbackDataProvider)
         m_fallbackDataProvider->getData(calcDiskPosition(m_startGrainIndex, m_position), buffer,
                                         bytes);

@@ -17,7 +17,7 @@ namespace kelm {
 
 namespace {
 
-constexpr char kConstructorName[] = "CVMDKSparseExtentFile constructor";
+constexpr char kExtentConstructorName[] = "CVMDKSparseExtentFile constructor";
 
 /// The directory offset by which a file says that its real header is the footer.
 constexpr unsigned long long kDirectoryInFooter = 0xFFFFFFFFFFFFFFFF;
@@ -86,23 +86,23 @@ void CVMDKSparseExtentFile::verifyCipherAndKey() {
     if (!isEnciphered()) {
         if (m_cipher) {
             throw yx::CInvalidArgError(
-                kConstructorName,
+                kExtentConstructorName,
                 "VMDK extent file is NOT encrypted but a cipher object was specified.", uriProps());
         }
         return;
     }
     if (!m_cipher) {
         throw yx::CInvalidArgError(
-            kConstructorName, "VMDK extent file is encrypted but no cipher object was specified.",
-            uriProps());
+            kExtentConstructorName,
+            "VMDK extent file is encrypted but no cipher object was specified.", uriProps());
     }
     yx::String const cipherID = m_cipher->getID();
     if (cipherID != kCipherID) {
-        throw yx::CInvalidArgError(kConstructorName,
+        throw yx::CInvalidArgError(kExtentConstructorName,
                                    "Cipher object has an unsupported ID: " + cipherID, uriProps());
     }
     if (m_encryptionKey.getUsed() != m_cipher->getKeySize()) {
-        throw yx::CInvalidArgError(kConstructorName,
+        throw yx::CInvalidArgError(kExtentConstructorName,
                                    "Specified encryption key has an incorrect size for the cipher",
                                    uriProps()
                                        .add("expectedKeySize", yx::toString(m_cipher->getKeySize()))

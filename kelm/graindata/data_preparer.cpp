@@ -10,7 +10,7 @@ namespace {
 
 using Buffer = yx::TBuffer<unsigned char>;
 
-constexpr char kConstructorName[] = "CVMDKDataPreparer constructor";
+constexpr char kPreparerConstructorName[] = "CVMDKDataPreparer constructor";
 constexpr char kPrepareName[] = "CVMDKDataPreparer::prepareGrainData";
 constexpr char kUnprepareName[] = "CVMDKDataPreparer::unprepareGrainData";
 constexpr char kUnprepareToName[] = "CVMDKDataPreparer::unprepareGrainDataTo";
@@ -49,8 +49,8 @@ CVMDKDataPreparer::CVMDKDataPreparer(__int64 grainSizeSectors, bool compressed,
     : m_grainSizeSectors(grainSizeSectors) {
     if (grainSizeSectors < 1 || grainSizeSectors > kMaxGrainSizeSectors)
         throw yx::CInvalidArgError(
-            kConstructorName, "Invalid grain size: " + yx::toString(grainSizeSectors) + " sectors",
-            yx::CProps());
+            kPreparerConstructorName,
+            "Invalid grain size: " + yx::toString(grainSizeSectors) + " sectors", yx::CProps());
     m_grainSizeBytes = grainSizeSectors * kSectorSizeBytes;
     m_worstCaseGrainSizeSectors = grainSizeSectors;
     if (!compressed)

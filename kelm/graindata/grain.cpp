@@ -11,9 +11,9 @@ namespace kelm {
 
 namespace {
 
-constexpr char kConstructorName[] = "CVMDKGrain constructor";
-constexpr char kOpenName[] = "CVMDKGrain::open";
-constexpr char kSeekName[] = "CVMDKGrain::seek";
+constexpr char kGrainConstructorName[] = "CVMDKGrain constructor";
+constexpr char kGrainOpenName[] = "CVMDKGrain::open";
+constexpr char kGrainSeekName[] = "CVMDKGrain::seek";
 
 constexpr __int64 kClosed = -1;
 
@@ -59,7 +59,7 @@ void CVMDKGrain::verifySizes() const {
                            uriProps(), nullptr);
     if (m_cipher && (m_cipherBlockSize < 1 || m_cipherBlockSize > kSectorSizeBytes))
         throw yx::CInvalidArgError(
-            kConstructorName,
+            kGrainConstructorName,
             "Invalid block size of cipher: " + yx::toString(m_cipherBlockSize) + " bytes",
             uriProps());
 }
@@ -98,14 +98,14 @@ void CVMDKGrain::open(__int64 extentGrainIndex, __int64 diskGrainIndex, __int64 
 
 void CVMDKGrain::verifySlot(__int64 slotSizeSectors) const {
     if (m_compressed && slotSizeSectors < 1)
-        throw yx::CInvalidArgError(kOpenName,
+        throw yx::CInvalidArgError(kGrainOpenName,
                                    "Invalid slot size for allocated compressed grain: " +
                                        yx::toString(slotSizeSectors) + " sectors",
                                    yx::CProps());
     // Deliberate: the message has no closing bracket; logs are searched for it as it is.
     if (!m_compressed && slotSizeSectors < m_grainSizeSectors)
         throw yx::CInvalidArgError(
-            kOpenName,
+            kGrainOpenName,
             "Slot size for allocated uncompressed grain is smaller than the grain size (slot "
             "size: " +
                 yx::toString(slotSizeSectors) +
@@ -116,11 +116,12 @@ void CVMDKGrain::verifySlot(__int64 slotSizeSectors) const {
 void CVMDKGrain::verifyPlace(__int64 diskGrainIndex, __int64 posSectors) const {
     if (posSectors > kMaxPositionSectors)
         throw yx::CInvalidArgError(
-            kOpenName, "Invalid grain position: " + yx::toString(posSectors) + " sectors",
+            kGrainOpenName, "Invalid grain position: " + yx::toString(posSectors) + " sectors",
             yx::CProps());
     if (diskGrainIndex < 0 || diskGrainIndex >= kMaxPositionBytes / m_grainSizeBytes)
-        throw yx::CInvalidArgError(
-            kOpenName, "Invalid disk grain index: " + yx::toString(diskGrainIndex), yx::CProps());
+        throw yx::CInvalidArgError(kGrainOpenName,
+                                   "Invalid disk grain index: " + yx::toString(diskGrainIndex),
+                                   yx::CProps());
 }
 
 void CVMDKGrain::close() {
@@ -152,7 +153,7 @@ void CVMDKGrain::seek(__int64 position) {
     // Deliberate: the very end is refused although reading can lead there; the extent opens the
     // next grain instead.
     if (position < 0 || position >= m_grainSizeBytes)
-        throw yx::CInvalidArgError(kSeekName,
+        throw yx::CInvalidArgError(kGrainSeekName,
                                    "Invalid seek position in VMDK grain: " + yx::toString(position),
                                    uriProps()
                                        .add("position", yx::toString(position))
@@ -194,7 +195,7 @@ void CVMDKGrain::reserveWorstCase(yx::TBuffer<unsigned char>& buffer) const {
 void CVMDKGrain::makeCurrentGrainIV() {
     // The cipher is handed bare bytes and takes a block of them.
     if (m_encryptionIV.getUsed() < m_cipherBlockSize)
-        throw yx::CInvalidArgError(kConstructorName,
+        throw yx::CInvalidArgError(kGrainConstructorName,
                                    "Initialization vector is shorter than a cipher block (size: " +
                                        yx::toString(m_encryptionIV.getUsed()) +
                                        " bytes, block size: " + yx::toString(m_cipherBlockSize) +

@@ -6,7 +6,7 @@ namespace kelm {
 
 namespace {
 
-constexpr char kReadName[] = "CVMDKGrain::read";
+constexpr char kGrainReadName[] = "CVMDKGrain::read";
 
 /// A record with more compressed data than so many grains is taken for damage.
 constexpr int kMaxRecordGrains = 2;
@@ -81,7 +81,7 @@ int CVMDKGrain::readAdjacentAndLeave(void* target, int grainCount) {
 void CVMDKGrain::verifyReadRange(int size) const {
     if (size < 0)
         throw yx::CInvalidArgError(
-            kReadName, "Invalid number of bytes to read: " + yx::toString(size), uriProps());
+            kGrainReadName, "Invalid number of bytes to read: " + yx::toString(size), uriProps());
     if (m_posInGrain + size > m_grainSizeBytes)
         throw yx::CIOError(yx::CIOError::UnexpectedEnd,
                            "Unexpected end of data trying to read " + yx::toString(size) +
