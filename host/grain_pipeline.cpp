@@ -18,6 +18,12 @@ constexpr int kBuffersPerItem = 3;
 /// Enough on its way that no worker waits while the owner writes a batch.
 constexpr int kItemsPerThread = 16;
 
+/// A worker that sleeps is woken for so many, or once the owner waits.
+constexpr std::size_t kItemsToWakeFor = 4;
+
+/// The owner, once it has to wait, waits until one in so many parts of all items can be taken.
+constexpr std::size_t kBatchesOfItems = 3;
+
 /// Keeps signals from threads that are started meanwhile, so that they interrupt the owner, who may
 /// be waiting for a pipe.
 class SignalBlock {
@@ -96,7 +102,7 @@ void GrainPipeline::runWorker(int worker) {
         }
         lock.lock();
         item.done = true;
-        if (&item == &itemAt(m_taken))
+        if (m_ownerWaits && isBatchDone())
             m_haveResult.notify_one();
     }
 }
@@ -107,17 +113,34 @@ GrainPipeline::Item* GrainPipeline::getFree() {
 }
 
 void GrainPipeline::submit() {
+    bool isWorthWaking = false;
     {
         std::lock_guard const lock(m_mutex);
         ++m_submitted;
+        isWorthWaking = m_submitted - m_started >= kItemsToWakeFor;
     }
-    m_haveWork.notify_one();
+    if (isWorthWaking)
+        m_haveWork.notify_one();
+}
+
+bool GrainPipeline::isBatchDone() {
+    // Nearly always all before the last of the batch are done when it is.
+    return itemAt(m_batchEnd - 1).done && itemAt(m_taken).done;
 }
 
 GrainPipeline::Item& GrainPipeline::takeOldest() {
     Item& item = itemAt(m_taken);
     std::unique_lock lock(m_mutex);
-    m_haveResult.wait(lock, [&item] { return item.done; });
+    if (!item.done) {
+        // Sleeping until one item is done would be a change of threads for each of them.
+        m_batchEnd =
+            m_taken + std::min(m_submitted - m_taken, m_items.size() / kBatchesOfItems + 1);
+        m_ownerWaits = true;
+        if (m_started != m_submitted)
+            m_haveWork.notify_all();
+        m_haveResult.wait(lock, [this] { return isBatchDone(); });
+        m_ownerWaits = false;
+    }
     if (item.error)
         std::rethrow_exception(item.error);
     return item;

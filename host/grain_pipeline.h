@@ -68,7 +68,8 @@ public:
     bool isBusy() const { return m_submitted != m_taken; }
 
     /// Waits for the oldest item on its way and returns it; what its work threw is thrown. There
-    /// must be one. It is the owner's until `recycle`, which is due after a throw too if the pipeline
+    /// must be one. Where it has to wait, it waits for several, so that it need not wait for the
+    /// next. The item is the owner's until `recycle`, which is due after a throw too if the pipeline
     /// is to go on.
     Item& takeOldest();
 
@@ -77,6 +78,7 @@ public:
 
 private:
     void runWorker(int worker);
+    bool isBatchDone();
     Item& itemAt(std::size_t number) { return m_items[number % m_items.size()]; }
 
     Work m_work;
@@ -87,6 +89,10 @@ private:
     std::size_t m_started = 0;
     std::size_t m_taken = 0;
     bool m_stopping = false;
+
+    // What the owner waits for, while it does: the items before this one.
+    std::size_t m_batchEnd = 0;
+    bool m_ownerWaits = false;
     std::mutex m_mutex;
     std::condition_variable m_haveWork;
     std::condition_variable m_haveResult;

@@ -1,7 +1,9 @@
 #include "bench/report/codec.h"
 
 #include <cstring>
+#include <thread>
 
+#include "bench/report/machine.h"
 #include "bench/report/process.h"
 
 namespace bench {
@@ -9,6 +11,16 @@ namespace bench {
 namespace {
 
 constexpr unsigned char kIV[16] = {1, 2, 3};
+
+/// Calls `work` on as many threads as there are cores, with the number of each and how many.
+void onAllCores(std::function<void(std::size_t first, std::size_t step)> const& work) {
+    auto const count = static_cast<std::size_t>(coreCount());
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < count; ++i)
+        threads.emplace_back(work, i, count);
+    for (std::thread& thread : threads)
+        thread.join();
+}
 
 } // namespace
 
@@ -37,6 +49,26 @@ void BareCodec::decompressAll(std::function<void(unsigned char const*)> const& u
         if (use)
             use(m_target.getData());
     }
+}
+
+void BareCodec::compressAllOnAllCores() const {
+    onAllCores([this](std::size_t first, std::size_t step) {
+        mzu::CMiniZCompressor coder(1);
+        Buffer target(2 * kGrainBytes, -1);
+        for (std::size_t i = first; i < m_grains.size(); i += step)
+            coder.compressSingleStep(m_grains[i]->getData(), kGrainBytes, target.getData(),
+                                     target.getUsed());
+    });
+}
+
+void BareCodec::decompressAllOnAllCores() const {
+    onAllCores([this](std::size_t first, std::size_t step) {
+        mzu::CMiniZCompressor coder(1);
+        Buffer target(kGrainBytes, -1);
+        for (std::size_t i = first; i < m_records.size(); i += step)
+            coder.decompressSingleStep(m_records[i]->getData(), m_records[i]->getUsed(),
+                                       target.getData(), kGrainBytes);
+    });
 }
 
 BareCipher::BareCipher() : m_key(m_cipher.getKeySize(), -1) {

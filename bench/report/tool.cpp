@@ -37,6 +37,8 @@ public:
                 runStep(steps[(i + static_cast<std::size_t>(round)) % steps.size()]);
             m_times.time("compress", [this] { m_codec.compressAll(); });
             m_times.time("decompress", [this] { m_codec.decompressAll(); });
+            m_times.time("compress on all cores", [this] { m_codec.compressAllOnAllCores(); });
+            m_times.time("decompress on all cores", [this] { m_codec.decompressAllOnAllCores(); });
             m_times.time("encipher", [this] { encipherAll(); });
             writeCompressedBytes();
             if (!m_context.memoryFolder.empty())
@@ -77,6 +79,13 @@ private:
         if (!m_context.memoryFolder.empty()) {
             std::string const inMemory = m_context.memoryFolder / "memory.vmdk";
             std::string const copyInMemory = m_context.memoryFolder / "memory.raw";
+            std::string const plainInMemory = m_context.memoryFolder / "plain.vmdk";
+            steps.push_back(
+                {"copy in memory", {"cp", "--sparse=always", m_image, copyInMemory}, copyInMemory});
+            steps.push_back(
+                {"import in memory", {tool, "import", m_image, plainInMemory}, plainInMemory});
+            steps.push_back(
+                {"export in memory", {tool, "export", plain, copyInMemory}, copyInMemory});
             steps.push_back({"compressed import in memory",
                              {tool, "import", m_image, inMemory, "--compressed"},
                              inMemory});
@@ -89,7 +98,6 @@ private:
 
     void runStep(Step const& step) {
         removeAndSettle(step.target);
-        settle(m_image);
         m_times.time(step.name, [&] {
             ProcessUse const use = runProgram(step.command);
             m_memory.add(step.name, static_cast<double>(use.peakMemoryBytes));
@@ -122,7 +130,7 @@ private:
     /// What one thread needs to decompress all and write it to a file in memory.
     void decompressToMemory() {
         std::string const path = m_context.memoryFolder / "bare.raw";
-        std::filesystem::remove(path);
+        removeAndSettle(path);
         m_times.time("decompress and write", [&] {
             BareFile const file(path, BareFile::Mode::New);
             long long position = 0;
@@ -135,8 +143,8 @@ private:
     }
 
     /// A time that should not exceed that of a copy.
-    void addCopyFigure(char const* name, char const* step) {
-        add(name, step, "copy", m_times.ratio(step, "copy"), Aim::atMost(1.05),
+    void addCopyFigure(char const* name, char const* step, char const* copy = "copy") {
+        add(name, step, copy, m_times.ratio(step, copy), Aim::atMost(1.05),
             "the device decides; its speed varies from second to second");
     }
 
@@ -155,6 +163,14 @@ private:
             {name, formatRate(bytes, m_times.median(step)),
              format("%d × %s", cores, formatRate(bytes, m_times.median(codec)).c_str()),
              m_times.ratio(codec, step) / cores, Aim::atLeast(0.88), reason});
+    }
+
+    /// Against the coder alone on all cores at once.
+    void addAllCoresFigure(std::string const& name, std::string const& step, char const* codec) {
+        double const bytes = m_codec.getPlainBytes();
+        m_context.report.addFigure({name, formatRate(bytes, m_times.median(step)),
+                                    formatRate(bytes, m_times.median(codec)),
+                                    m_times.ratio(codec, step), Aim::none(), ""});
     }
 
     void addFigures() {
@@ -178,13 +194,21 @@ private:
         addCodecFigure("compressed export, cores × codec", "compressed export", "decompress",
                        kDevice);
         if (!m_context.memoryFolder.empty()) {
+            addCopyFigure("plain import to memory, time of a copy", "import in memory",
+                          "copy in memory");
+            addCopyFigure("plain export to memory, time of a copy", "export in memory",
+                          "copy in memory");
             addCodecFigure("compressed import to memory, cores × codec",
                            "compressed import in memory", "compress",
                            "see docs/performance.md, compressed transfers");
+            addAllCoresFigure("compressed import to memory, and the codec on all cores at once",
+                              "compressed import in memory", "compress on all cores");
             addCodecFigure("compressed export to memory, cores × codec",
                            "compressed export in memory", "decompress",
                            "giving the plain bytes to the system takes as much processor time as "
                            "decoding them; see the next line");
+            addAllCoresFigure("compressed export to memory, and the codec on all cores at once",
+                              "compressed export in memory", "decompress on all cores");
             addCodecFigure("compressed export to memory, cores × (codec and `pwrite`)",
                            "compressed export in memory", "decompress and write",
                            "see docs/performance.md, compressed transfers");

@@ -6,6 +6,7 @@
 #include <random>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "bench/report/process.h"
@@ -57,12 +58,28 @@ void BareFile::sync() const {
         failAt("fdatasync");
 }
 
+namespace {
+
+/// Takes memory and gives it back. Under a virtual machine, memory that was free for seconds belongs
+/// to the machine below, and getting it again takes longer than writing to it; without this, who
+/// writes first after a pause would pay for all.
+void makeMemoryReady() {
+    constexpr std::size_t kBytes = std::size_t{1} << 30;
+    void* const memory = ::mmap(nullptr, kBytes, PROT_READ | PROT_WRITE,
+                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+    if (memory != MAP_FAILED)
+        ::munmap(memory, kBytes);
+}
+
+} // namespace
+
 void settle(std::string const& path) {
     int const folder = ::open(std::filesystem::path(path).parent_path().c_str(),
                               O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (folder < 0 || ::syncfs(folder) != 0)
         failAt(path);
     ::close(folder);
+    makeMemoryReady();
 }
 
 void removeAndSettle(std::string const& path) {

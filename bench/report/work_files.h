@@ -35,10 +35,11 @@ private:
     int m_descriptor;
 };
 
-/// Removes a file, and waits until the device has nothing to do.
+/// Removes a file, and settles.
 void removeAndSettle(std::string const& path);
 
-/// Waits until the device of the file system of `path` has nothing to do.
+/// Waits until the device of the file system of `path` has nothing to do, and has 1 GiB of memory
+/// ready for what comes next.
 void settle(std::string const& path);
 
 long long fileSizeBytes(std::string const& path);

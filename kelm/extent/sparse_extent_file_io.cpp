@@ -89,7 +89,7 @@ void CVMDKSparseExtentFile::read(void* buffer, int bytes) {
 /// Reads the grain under the cursor, and with it as many of the next as lie behind it in the file,
 /// up to `limit` grains. Returns how many it read.
 int CVMDKSparseExtentFile::readGrainsAndLeave(void* target, __int64 limit) {
-    int const count = m_grain->isInFileAlone() ? countAdjacentGrains(limit) : 1;
+    int const count = limit > 1 && m_grain->isInFileAlone() ? countAdjacentGrains(limit) : 1;
     if (count > 1)
         return m_grain->readAdjacentAndLeave(target, count);
     m_grain->readAndLeave(target);
