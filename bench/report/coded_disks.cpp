@@ -4,14 +4,18 @@
 #include "bench/report/measurements.h"
 #include "bench/report/process.h"
 
-// One thread, disks that compress or encipher. Nothing waits for the device here, since the codec
-// and the cipher, which are the limit, have none.
+// One thread, disks that compress or encipher, in memory if there is room: the codec and the cipher,
+// which are the limit, have no device to wait for.
 
 namespace bench {
 
 namespace {
 
 constexpr char kPassword[] = "password";
+
+std::filesystem::path const& folderOf(Context const& context) {
+    return context.memoryFolder.empty() ? context.folder : context.memoryFolder;
+}
 
 void readAll(kelm::CVMDKDisk& disk, long long bytes, unsigned char* buffer) {
     disk.seek(0);
@@ -23,15 +27,15 @@ void measureCompressed(Context& context) {
     std::string const imagePath = context.folder / "image.raw";
     auto const grains = readGrains(imagePath, static_cast<std::size_t>(2048 / context.shrink));
     BareCodec codec(grains);
-    std::string const path = context.folder / "coded.vmdk";
+    std::string const path = folderOf(context) / "coded.vmdk";
     std::vector<unsigned char> buffer(kGrainBytes);
     auto const bytes = static_cast<long long>(codec.getPlainBytes());
     Measurements times;
     for (int round = 0; round <= context.rounds; ++round) {
         Measurements& series = times;
         yx::P<kelm::CVMDKDisk> const target = createDisk(path, bytes, {.compressed = true}, false);
-        settle(path);
         double const compress = secondsOf([&] { codec.compressAll(); });
+        makeMemoryReady();
         double const write = secondsOf([&] {
             writeGrains(*target, grains);
             target->flushChanges();
@@ -59,15 +63,16 @@ void measureCompressed(Context& context) {
 
 void measureEncrypted(Context& context) {
     long long const bytes = 128 * kMiB / context.shrink;
-    std::string const path = context.folder / "enciphered.vmdk";
-    std::string const barePath = context.folder / "bare.raw";
+    std::string const path = folderOf(context) / "enciphered.vmdk";
+    std::string const barePath = folderOf(context) / "bare.raw";
     std::vector<unsigned char> const data = randomBytes(kMiB);
     std::vector<unsigned char> buffer(kGrainBytes);
     BareCipher cipher;
     Measurements times;
     for (int round = 0; round <= context.rounds; ++round) {
         yx::P<kelm::CVMDKDisk> const disk = createDisk(path, bytes, {.password = kPassword}, false);
-        removeAndSettle(barePath);
+        std::filesystem::remove(barePath);
+        makeMemoryReady();
         auto const grainAt = [&data](long long position) { return data.data() + position % kMiB; };
         double const bareWrite = secondsOf([&] {
             BareFile const file(barePath, BareFile::Mode::New);

@@ -58,11 +58,6 @@ void BareFile::sync() const {
         failAt("fdatasync");
 }
 
-namespace {
-
-/// Takes memory and gives it back. Under a virtual machine, memory that was free for seconds belongs
-/// to the machine below, and getting it again takes longer than writing to it; without this, who
-/// writes first after a pause would pay for all.
 void makeMemoryReady() {
     constexpr std::size_t kBytes = std::size_t{1} << 30;
     void* const memory = ::mmap(nullptr, kBytes, PROT_READ | PROT_WRITE,
@@ -70,8 +65,6 @@ void makeMemoryReady() {
     if (memory != MAP_FAILED)
         ::munmap(memory, kBytes);
 }
-
-} // namespace
 
 void settle(std::string const& path) {
     int const folder = ::open(std::filesystem::path(path).parent_path().c_str(),

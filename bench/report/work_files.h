@@ -35,11 +35,15 @@ private:
     int m_descriptor;
 };
 
+/// Takes 1 GiB of memory and gives it back. Under a virtual machine, memory that was free for seconds
+/// belongs to the machine below, and getting it again takes longer than writing to it; without this,
+/// who writes first after a pause would pay for all.
+void makeMemoryReady();
+
 /// Removes a file, and settles.
 void removeAndSettle(std::string const& path);
 
-/// Waits until the device of the file system of `path` has nothing to do, and has 1 GiB of memory
-/// ready for what comes next.
+/// Waits until the device of the file system of `path` has nothing to do, and makes memory ready.
 void settle(std::string const& path);
 
 long long fileSizeBytes(std::string const& path);
