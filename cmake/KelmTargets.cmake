@@ -128,12 +128,14 @@ function(kelm_add_program name)
     kelm_link(${name} PRIVATE ${arg_LINK} ${libraries})
 endfunction()
 
-# kelm_add_test(<name> LABEL <label> [EMPTY_DIRECTORY] COMMAND <command> [<argument>...])
+# kelm_add_test(<name> LABEL <label> [EMPTY_DIRECTORY] [COST <seconds>]
+#               COMMAND <command> [<argument>...])
 #
-# Runs the command in a directory of its own, emptied before each run on demand. The limit is far
-# above what any test needs; it only ends a test that hangs.
+# Runs the command in a directory of its own, emptied before each run on demand. What has a COST
+# begins early, so that no long test runs alone at the end. The limit is far above what any test
+# needs; it only ends a test that hangs.
 function(kelm_add_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "EMPTY_DIRECTORY" "LABEL" "COMMAND")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "EMPTY_DIRECTORY" "LABEL;COST" "COMMAND")
     set(directory "${PROJECT_BINARY_DIR}/scratch/${name}")
     file(MAKE_DIRECTORY "${directory}")
     if(arg_EMPTY_DIRECTORY)
@@ -142,6 +144,9 @@ function(kelm_add_test name)
     endif()
     add_test(NAME ${name} COMMAND ${arg_COMMAND} WORKING_DIRECTORY "${directory}")
     set_tests_properties(${name} PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 900)
+    if(arg_COST)
+        set_tests_properties(${name} PROPERTIES COST "${arg_COST}")
+    endif()
 endfunction()
 
 # kelm_add_subdirectories(<folder>): adds each <folder>/<x> that has a CMakeLists.txt.

@@ -20,6 +20,11 @@ struct Context {
     /// The same in memory, where no device is in the way; empty if there is none.
     std::filesystem::path memoryFolder;
 
+    /// Where the files of what no device is to disturb go.
+    std::filesystem::path const& getQuietFolder() const {
+        return memoryFolder.empty() ? folder : memoryFolder;
+    }
+
     /// The folder whose files fill the image of a file system.
     std::filesystem::path content;
 

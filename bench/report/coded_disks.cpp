@@ -13,10 +13,6 @@ namespace {
 
 constexpr char kPassword[] = "password";
 
-std::filesystem::path const& folderOf(Context const& context) {
-    return context.memoryFolder.empty() ? context.folder : context.memoryFolder;
-}
-
 void readAll(kelm::CVMDKDisk& disk, long long bytes, unsigned char* buffer) {
     disk.seek(0);
     for (long long position = 0; position < bytes; position += kGrainBytes)
@@ -27,7 +23,7 @@ void measureCompressed(Context& context) {
     std::string const imagePath = context.folder / "image.raw";
     auto const grains = readGrains(imagePath, static_cast<std::size_t>(2048 / context.shrink));
     BareCodec codec(grains);
-    std::string const path = folderOf(context) / "coded.vmdk";
+    std::string const path = context.getQuietFolder() / "coded.vmdk";
     std::vector<unsigned char> buffer(kGrainBytes);
     auto const bytes = static_cast<long long>(codec.getPlainBytes());
     Measurements times;
@@ -63,8 +59,8 @@ void measureCompressed(Context& context) {
 
 void measureEncrypted(Context& context) {
     long long const bytes = 128 * kMiB / context.shrink;
-    std::string const path = folderOf(context) / "enciphered.vmdk";
-    std::string const barePath = folderOf(context) / "bare.raw";
+    std::string const path = context.getQuietFolder() / "enciphered.vmdk";
+    std::string const barePath = context.getQuietFolder() / "bare.raw";
     std::vector<unsigned char> const data = randomBytes(kMiB);
     std::vector<unsigned char> buffer(kGrainBytes);
     BareCipher cipher;

@@ -7,7 +7,8 @@
 #include "host/transfer.h"
 
 // Times at three sizes, a factor of eight apart. What only grows in proportion has an exponent of 1
-// at most; the first steps are lower where a fixed part shows.
+// at most; the first steps are lower where a fixed part shows. The files are in memory if there is
+// room, since a device does not keep in proportion.
 
 namespace bench {
 
@@ -77,8 +78,8 @@ void makeRawFile(std::string const& path, long long bytes) {
 
 void addTransfers(Context& context, GrowthTable& table) {
     long long const first = 4 * kMiB;
-    std::string const raw = context.folder / "growth.raw";
-    std::string const path = context.folder / "growth.vmdk";
+    std::string const raw = context.getQuietFolder() / "growth.raw";
+    std::string const path = context.getQuietFolder() / "growth.vmdk";
     yx::P<yx::CNativeFileSystem> const files = nativeFiles(false);
     auto const import = [&] {
         kelm::host::SafeDisk disk(files.get(), uriOf(path), yx::IIOStream::ReadWrite, "");
@@ -88,12 +89,14 @@ void addTransfers(Context& context, GrowthTable& table) {
     table.add("import", sizesFrom(first), 1, [&](int step) {
         makeRawFile(raw, sizeAt(first, step));
         createDisk(path, sizeAt(first, step), {}, false);
-        settle(path);
+        makeMemoryReady();
         return import;
     });
-    std::string const out = context.folder / "growth.out";
+    std::string const out = context.getQuietFolder() / "growth.out";
     table.add("export", sizesFrom(first), 1, [&](int step) {
         makeFullDisk(path, sizeAt(first, step));
+        std::filesystem::remove(out);
+        makeMemoryReady();
         return [&] {
             kelm::host::SafeDisk disk(files.get(), uriOf(path), yx::IIOStream::ReadOnly, "");
             kelm::host::RawTarget target(out, true);
@@ -106,7 +109,7 @@ void addTransfers(Context& context, GrowthTable& table) {
 
 void addOpening(Context& context, GrowthTable& table) {
     long long const first = 32 * kGiB;
-    std::string const path = context.folder / "growth.vmdk";
+    std::string const path = context.getQuietFolder() / "growth.vmdk";
     table.add("open", sizesFrom(first), 20, [&](int step) {
         createDisk(path, sizeAt(first, step), {}, false);
         settle(path);
@@ -137,7 +140,7 @@ yx::P<kelm::CVMDKDisk> makeReachedDisk(std::string const& path, long long tables
 }
 
 void addFlush(Context& context, GrowthTable& table) {
-    std::string const path = context.folder / "growth.vmdk";
+    std::string const path = context.getQuietFolder() / "growth.vmdk";
     long long const first = 64;
     std::vector<std::string> const sizes = {"64 tables", "512 tables", "4096 tables"};
     auto const makeEmpty = [&path] { createDisk(path, 128 * kGiB, {}, false); };

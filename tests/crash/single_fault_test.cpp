@@ -50,7 +50,7 @@ constexpr Sequel kSequels[] = {Sequel::RepeatAtOnce, Sequel::RepeatOnceMended,
                                Sequel::AbandonAndReopen};
 
 /// Of so many operations, one is failed.
-constexpr int kEveryNthOperation = kIsSanitized ? 7 : 1;
+constexpr int kEveryNthOperation = kIsSanitized ? 13 : 1;
 constexpr int kFewestFaults = 5000 / kEveryNthOperation;
 
 int& faultCount() {

@@ -12,7 +12,7 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct CheckArguments {
     std::string disk;
     int threads = 0;
     PasswordOptions passwords;
@@ -31,7 +31,7 @@ __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
 }
 
 /// Asks for the password only when the disk turns out to need one.
-__int64 checkAskingForPassword(Invocation& invocation, Arguments& arguments) {
+__int64 checkAskingForPassword(Invocation& invocation, CheckArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     try {
         return checkWith(invocation, uri, arguments.threads, usedPassword(arguments.passwords));
@@ -43,7 +43,7 @@ __int64 checkAskingForPassword(Invocation& invocation, Arguments& arguments) {
                      askForPassword(arguments.disk, arguments.passwords).get());
 }
 
-ExitStatus check(Invocation& invocation, Arguments& arguments) {
+ExitStatus check(Invocation& invocation, CheckArguments& arguments) {
     __int64 const findings = checkAskingForPassword(invocation, arguments);
     if (findings == 0)
         return ExitStatus::Done;
@@ -54,7 +54,7 @@ ExitStatus check(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addCheckCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<CheckArguments>();
     CLI::App& command = addCommand(
         program, run, "check", "Read everything of a disk and its parents, and tell what is wrong",
         "kelm check backup.vmdk && echo sound",

@@ -11,13 +11,13 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct ChildArguments {
     std::string child;
     NewDiskOptions newDisk;
     PasswordOptions passwords;
 };
 
-ExitStatus makeChild(Invocation& invocation, Arguments& arguments) {
+ExitStatus makeChild(Invocation& invocation, ChildArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.child);
     std::vector<yx::CURI> parentFiles;
     {
@@ -37,7 +37,7 @@ ExitStatus makeChild(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addChildCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<ChildArguments>();
     CLI::App& command =
         addCommand(program, run, "child",
                    "Make an empty child of a disk, of its size and its kind of compression",

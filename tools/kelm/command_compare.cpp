@@ -12,7 +12,7 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct CompareArguments {
     std::string left;
     std::string right;
     TwoDiskPasswords passwords;
@@ -39,7 +39,7 @@ private:
     std::unique_ptr<host::ContentReader> m_reader;
 };
 
-ExitStatus compare(Invocation& invocation, Arguments& arguments) {
+ExitStatus compare(Invocation& invocation, CompareArguments& arguments) {
     Side left(invocation, arguments.left, arguments.passwords.ofFirst());
     Side right(invocation, arguments.right, arguments.passwords.ofSecond());
     host::Comparison result;
@@ -60,7 +60,7 @@ ExitStatus compare(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addCompareCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<CompareArguments>();
     CLI::App& command =
         addCommand(program, run, "compare", "Compare two disks or raw images by their content",
                    "kelm compare /dev/sdb backup.vmdk",

@@ -13,7 +13,7 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct ConvertArguments {
     std::string from;
     std::string to;
     __int64 sizeBytes = -1;
@@ -22,7 +22,7 @@ struct Arguments {
     TwoDiskPasswords passwords;
 };
 
-ExitStatus convert(Invocation& invocation, Arguments& arguments) {
+ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const from = openDisk(
         invocation, arguments.from, yx::IIOStream::ReadOnly, arguments.passwords.ofFirst());
     yx::CURI const uri = host::uriFromArgument(arguments.to);
@@ -45,7 +45,7 @@ ExitStatus convert(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addConvertCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<ConvertArguments>();
     CLI::App& command =
         addCommand(program, run, "convert", "Copy a disk, with its parents, to one of another kind",
                    "kelm convert disk.vmdk archive.vmdk --compressed --split 2G",

@@ -10,14 +10,14 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct CreateArguments {
     std::string disk;
     __int64 sizeBytes = -1;
     NewDiskOptions newDisk;
     PasswordOptions passwords;
 };
 
-ExitStatus create(Invocation& invocation, Arguments& arguments) {
+ExitStatus create(Invocation& invocation, CreateArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     host::NewDisk const request =
         arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
@@ -29,7 +29,7 @@ ExitStatus create(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addCreateCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<CreateArguments>();
     CLI::App& command =
         addCommand(program, run, "create", "Make an empty disk",
                    "kelm create backup.vmdk --size 40G --compressed --split 2G",

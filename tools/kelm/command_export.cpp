@@ -9,7 +9,7 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct ExportArguments {
     std::string disk;
     std::string image;
     int threads = 0;
@@ -17,7 +17,7 @@ struct Arguments {
     PasswordOptions passwords;
 };
 
-ExitStatus exportImage(Invocation& invocation, Arguments& arguments) {
+ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     if (arguments.image != "-") {
@@ -33,7 +33,7 @@ ExitStatus exportImage(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addExportCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<ExportArguments>();
     CLI::App& command = addCommand(
         program, run, "export", "Make a raw image of a disk",
         "kelm export backup.vmdk restored.img\n"

@@ -10,12 +10,12 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct FlattenArguments {
     std::string disk;
     PasswordOptions passwords;
 };
 
-ExitStatus flatten(Invocation& invocation, Arguments& arguments) {
+ExitStatus flatten(Invocation& invocation, FlattenArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadWrite, arguments.passwords);
     if (!disk->hasParent())
@@ -29,7 +29,7 @@ ExitStatus flatten(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addFlattenCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<FlattenArguments>();
     CLI::App& command =
         addCommand(program, run, "flatten",
                    "Give a child disk all that it has from its parents, and leave them",

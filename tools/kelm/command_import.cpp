@@ -11,7 +11,7 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct ImportArguments {
     std::string image;
     std::string disk;
     __int64 sizeBytes = -1;
@@ -20,7 +20,7 @@ struct Arguments {
     PasswordOptions passwords;
 };
 
-ExitStatus importImage(Invocation& invocation, Arguments& arguments) {
+ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     host::RawSource source(arguments.image, &invocation.getCancel());
     if (arguments.image != "-" && host::uriFromArgument(arguments.image) == uri)
@@ -39,7 +39,7 @@ ExitStatus importImage(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addImportCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<ImportArguments>();
     CLI::App& command = addCommand(
         program, run, "import", "Make a disk of a raw image",
         "kelm import /dev/sdb backup.vmdk --compressed --encrypt\n"

@@ -14,7 +14,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Arguments {
+struct InfoArguments {
     std::string disk;
     bool json = false;
     bool space = false;
@@ -43,7 +43,7 @@ Json reportParents(Invocation& invocation, host::SafeDisk& disk, yx::String cons
     return parents;
 }
 
-ExitStatus showInfo(Invocation& invocation, Arguments& arguments) {
+ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     Json report = reportDisk(*disk);
@@ -59,7 +59,7 @@ ExitStatus showInfo(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addInfoCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<InfoArguments>();
     CLI::App& command = addCommand(
         program, run, "info", "Tell what a disk is", "kelm info backup.vmdk --space",
         [arguments](Invocation& invocation) { return showInfo(invocation, *arguments); });

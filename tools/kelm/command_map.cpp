@@ -18,7 +18,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-struct Arguments {
+struct MapArguments {
     std::string disk;
     bool json = false;
     std::string picture;
@@ -79,7 +79,8 @@ private:
     bool m_first = true;
 };
 
-void writePicture(Invocation& invocation, MapPicture const& picture, Arguments const& arguments) {
+void writePicture(Invocation& invocation, MapPicture const& picture,
+                  MapArguments const& arguments) {
     std::string const text = picture.draw();
     host::RawTarget target(arguments.picture, arguments.force, &invocation.getCancel());
     target.write(reinterpret_cast<unsigned char const*>(text.data()),
@@ -87,7 +88,7 @@ void writePicture(Invocation& invocation, MapPicture const& picture, Arguments c
     target.finish();
 }
 
-void draw(Invocation& invocation, host::SafeDisk& disk, Arguments const& arguments) {
+void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
     MapPicture picture(disk.getDisk().getMainFileURI().getName().toStdString(), disk.getSizeBytes(),
                        disk.getGrainSizeBytes());
     {
@@ -99,7 +100,7 @@ void draw(Invocation& invocation, host::SafeDisk& disk, Arguments const& argumen
     writePicture(invocation, picture, arguments);
 }
 
-void list(Invocation& invocation, host::SafeDisk& disk, Arguments const& arguments) {
+void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
     // The lines tell how far it is; a bar between them would be in their way.
     host::TransferOptions options;
     options.cancel = &invocation.getCancel();
@@ -108,7 +109,7 @@ void list(Invocation& invocation, host::SafeDisk& disk, Arguments const& argumen
     printer.finish();
 }
 
-ExitStatus map(Invocation& invocation, Arguments& arguments) {
+ExitStatus map(Invocation& invocation, MapArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     // The picture comes last, so that an interruption leaves none.
@@ -122,7 +123,7 @@ ExitStatus map(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addMapCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<MapArguments>();
     CLI::App& command =
         addCommand(program, run, "map",
                    "Tell which parts of a disk it holds itself, and which its parents hold",

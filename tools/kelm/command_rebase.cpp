@@ -11,14 +11,14 @@ namespace kelm::tool {
 
 namespace {
 
-struct Arguments {
+struct RebaseArguments {
     std::string child;
     std::string parent;
     bool unsafe = false;
     PasswordOptions passwords;
 };
 
-ExitStatus rebase(Invocation& invocation, Arguments& arguments) {
+ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const child =
         openDisk(invocation, arguments.child, yx::IIOStream::ReadWrite, arguments.passwords);
     if (!child->hasParent())
@@ -38,7 +38,7 @@ ExitStatus rebase(Invocation& invocation, Arguments& arguments) {
 } // namespace
 
 void addRebaseCommand(CLI::App& program, Run& run) {
-    auto const arguments = std::make_shared<Arguments>();
+    auto const arguments = std::make_shared<RebaseArguments>();
     CLI::App& command =
         addCommand(program, run, "rebase", "Tell a child disk where its parent is now",
                    "kelm rebase tuesday.vmdk --parent /backup/monday.vmdk",
