@@ -39,8 +39,9 @@ public:
         yx::CURI const uri(yx::TPathImpl<yx::CUnixPathTraits>(m_path.string().c_str(), true, false),
                            false);
         unsigned int reserved = 0;
-        m_native = yx::makeObject<yx::CNativeFileSystem>()->openFile(uri, yx::IIOStream::ReadWrite,
-                                                                     &reserved);
+        // Nothing is handed to the device on the way, as on the other side.
+        m_native = yx::makeObject<yx::CNativeFileSystem>(yx::NativeFlush::ToSystem)
+                       ->openFile(uri, yx::IIOStream::ReadWrite, &reserved);
     }
     BenchFile(BenchFile const&) = delete;
     BenchFile& operator=(BenchFile const&) = delete;

@@ -21,6 +21,15 @@ std::string makeSocketPath(std::filesystem::path const& folder) {
     return folder.string() + "." + std::to_string(++count) + ".sock";
 }
 
+sockaddr_un makeAddress(std::string const& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error("the path of a socket is too long: " + path);
+    path.copy(address.sun_path, path.size());
+    return address;
+}
+
 } // namespace
 
 int openProcess(pid_t id) {
@@ -29,13 +38,9 @@ int openProcess(pid_t id) {
 
 Server::ListeningSocket::ListeningSocket(std::string const& path)
     : m_descriptor(::socket(AF_UNIX, SOCK_STREAM, 0)) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        throw std::runtime_error("the path of a socket is too long: " + path);
-    path.copy(address.sun_path, path.size());
+    sockaddr_un const address = makeAddress(path);
     constexpr int kQueueLength = 16;
-    if (::bind(m_descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+    if (::bind(m_descriptor, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0 ||
         ::listen(m_descriptor, kQueueLength) != 0)
         throw std::runtime_error("cannot listen on " + path);
 }
@@ -72,6 +77,17 @@ Server::~Server() {
     if (m_isRunning)
         stop();
     ::unlink(m_socketPath.c_str());
+}
+
+std::string Server::greeting() const {
+    int const connection = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un const address = makeAddress(m_socketPath);
+    char bytes[8] = {};
+    ssize_t count = -1;
+    if (::connect(connection, reinterpret_cast<sockaddr const*>(&address), sizeof address) == 0)
+        count = ::recv(connection, bytes, sizeof bytes, MSG_WAITALL);
+    ::close(connection);
+    return {bytes, static_cast<std::size_t>(count > 0 ? count : 0)};
 }
 
 Outcome Server::stop() {

@@ -36,6 +36,9 @@ public:
     std::string const& socketPath() const { return m_socketPath; }
     std::string uri() const { return "nbd+unix:///?socket=" + m_socketPath; }
 
+    /// The first eight bytes that whoever connects is sent, once the server is ready.
+    std::string greeting() const;
+
     /// Ends the server as a user would, or waits for the end of one that refuses to serve.
     Outcome stop();
     Outcome waitForEnd();
