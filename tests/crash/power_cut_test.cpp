@@ -16,7 +16,7 @@
 namespace test_support {
 namespace {
 
-constexpr int kStepsOfAHistory = 15;
+constexpr int kStepsOfAHistory = kIsSanitized ? 9 : 15;
 constexpr int kFewestStates = kIsSanitized ? 2000 : 20000;
 
 /// Of so many states, one is also used further.
