@@ -122,7 +122,19 @@ int SafeDisk::grainBytesAt(__int64 grainStartBytes) const {
     return static_cast<int>(std::min(getGrainSizeBytes(), getSizeBytes() - grainStartBytes));
 }
 
+/// Before every operation that may bring further tables into memory.
+void SafeDisk::dropTablesIfMany() {
+    yx::P<CVMDKGrainTableCache> const tables = m_disk->getGrainTableCache();
+    if (tables->getCachedTableCount() < kMaxTablesInMemory)
+        return;
+    // All extents but the current one were flushed when they were left, so after this no table is
+    // changed.
+    flush();
+    tables->clear();
+}
+
 void SafeDisk::read(__int64 positionBytes, void* buffer, int bytes) {
+    dropTablesIfMany();
     m_disk->seek(positionBytes);
     m_disk->read(buffer, bytes);
 }
@@ -131,11 +143,13 @@ bool SafeDisk::isGrainWritten(__int64 grainIndex) {
     // Several grains of the file may lie under this one; only reading tells.
     if (!m_extentsAreWholeGrains)
         return true;
+    dropTablesIfMany();
     m_disk->seek(grainIndex * getGrainSizeBytes());
     return m_disk->isGrainWritten();
 }
 
 bool SafeDisk::isGrainWrittenHere(__int64 grainIndex) {
+    dropTablesIfMany();
     m_disk->seek(grainIndex * getGrainSizeBytes());
     return m_disk->isGrainWrittenAndIndependentOfParent();
 }

@@ -12,6 +12,10 @@ namespace kelm::host {
 /// A file of a disk cannot grow beyond this: tables name sectors in 32 bits.
 constexpr __int64 kMaxExtentFileBytes = 0x20000000000;
 
+/// The grain tables that a disk keeps in memory, with those of its parents: up to 48 MiB, for 512 GiB
+/// of disk with grains of 64 KiB.
+constexpr int kMaxTablesInMemory = 16384;
+
 /// The most parents that a chain can have.
 constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDepth;
 
@@ -53,8 +57,8 @@ struct DiskExtent {
 ///
 /// - A grain of a child disk that turns all zero over a parent that has data there is stored, where
 ///   `CVMDKDisk::write` would leave it to the parent's old data.
-/// - A disk opened for writing has a grain table cache without limit (2 to 3 KiB for each 32 MiB of
-///   disk reached), since a smaller one may replace a changed table by a stale copy.
+/// - A disk opened for writing has a grain table cache without limit, since with one it may replace a
+///   changed table by a stale copy. At `kMaxTablesInMemory` all are flushed and dropped.
 /// - No extent file grows beyond 2 TiB, where table entries would drop bits without a word.
 /// - Grains are made independent of the parent only after a flush, and only where there is a parent.
 /// - A text descriptor that fills its file gets room for the changes that the first write brings.
@@ -177,6 +181,7 @@ private:
     void makeExtentFilesOnDemand(__int64 positionBytes, __int64 bytes);
     void changeContentID();
 
+    void dropTablesIfMany();
     void collectExtents();
     void verifyWholeGrainExtents();
     void verifyExtentFilesExist();

@@ -39,6 +39,7 @@ void SafeDisk::changeContentID() {
 }
 
 void SafeDisk::reserveRoom(__int64 positionBytes, __int64 bytes) {
+    dropTablesIfMany();
     __int64 const endBytes = positionBytes + bytes;
     auto extent = std::upper_bound(
         m_extents.begin(), m_extents.end(), positionBytes,

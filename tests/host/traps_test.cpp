@@ -165,6 +165,36 @@ TEST_F(Traps, WritableDiskKeepsAllTables) {
     EXPECT_EQ(32, disk->getDisk().getGrainTableCache()->getCachedTableCount());
 }
 
+TEST_F(Traps, WritableDiskDropsItsTablesBeforeTheyAreTooMany) {
+    constexpr __int64 kTableBytes = 512 * 65536;
+    constexpr __int64 kTables = kelm::host::kMaxTablesInMemory + 64;
+    std::unique_ptr<SafeDisk> disk = createSafe({}, "disk.vmdk", "", kTables * kTableBytes);
+    Bytes const content = pattern(65536, 1);
+    int mostTables = 0;
+    for (__int64 table = 0; table < kTables; ++table) {
+        // Changes here and there, one just before all tables go.
+        if (table % 4096 == 4095 || table == kTables - 1)
+            writeTo(*disk, table * kTableBytes, content);
+        else
+            EXPECT_FALSE(disk->isGrainWritten(table * 512));
+        mostTables =
+            std::max(mostTables, disk->getDisk().getGrainTableCache()->getCachedTableCount());
+    }
+    EXPECT_EQ(mostTables, kelm::host::kMaxTablesInMemory);
+    // The run of tables that was in use when there were too many, and those that came after.
+    EXPECT_EQ(disk->getDisk().getGrainTableCache()->getCachedTableCount(), 32 + 64);
+    for (bool const isOpenedAnew : {false, true}) {
+        for (__int64 table = 4095; table < kTables; table += 4096)
+            EXPECT_TRUE(sameBytes(content, readFrom(*disk, table * kTableBytes, 65536))) << table;
+        EXPECT_TRUE(sameBytes(content, readFrom(*disk, (kTables - 1) * kTableBytes, 65536)));
+        if (isOpenedAnew)
+            break;
+        disk->flush();
+        disk.reset();
+        disk = openSafe("disk.vmdk");
+    }
+}
+
 /// A disk in one native file that has been grown to a length near what tables can name.
 class SizeTrap : public HostTest {
 protected:
