@@ -32,7 +32,9 @@ set(internal_headers
     yx/uri_escape.h yx/uri_path.h
     krym/openssl_error.h
     compressors/mzu_coder.h compressors/single_step.h
-    kelm/format/descriptor_text.h kelm/format/little_endian.h kelm/format/rounding.h kelm/format/text_view.h kelm/format/uri_props.h kelm/metadata/table_io.h kelm/graindata/grain_record.h
+    kelm/format/descriptor_text.h kelm/format/little_endian.h kelm/format/rounding.h
+    kelm/format/text_view.h kelm/format/uri_props.h
+    kelm/metadata/table_io.h kelm/graindata/grain_record.h
     kelm/extent/disk_key_hash.h kelm/extent/grain_position.h kelm/disk/disk_key.h kelm/disk/extent_sizing.h)
 set(exclusions "")
 foreach(header IN LISTS internal_headers)
