@@ -44,8 +44,16 @@ private:
 };
 
 /// Waits until one of `events` of `poll` has come, or throws `CancelledError`. A signal between the
-/// look at the flag and the waiting is noticed a little later.
-void waitUntilReady(int fileDescriptor, short events, CancelFlag const& cancel);
+/// look at the flag and the waiting is noticed a little later. Without a flag, waits for ever.
+void waitUntilReady(int fileDescriptor, short events, CancelFlag const* cancel);
+
+/// Opens a file to read from, a named pipe without waiting for its writer: `waitUntilReady` comes
+/// before each read, which may be EAGAIN. No descriptor, and `errno`, on failure.
+FileDescriptor openForReading(std::string const& path);
+
+/// Opens a named pipe to write to, as soon as it has a reader; `cancel` ends the waiting. Writing
+/// never waits: it is EAGAIN while the pipe is full. No descriptor, and `errno`, on failure.
+FileDescriptor openPipeForWriting(std::string const& path, CancelFlag const* cancel);
 
 /// Throws a `CIOError` with the operating system's words for the present `errno`, and "path".
 [[noreturn]] void throwSystemError(std::string const& what, std::string const& path);

@@ -5,10 +5,10 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include "host/cancel.h"
 #include "host/file_descriptor.h"
 #include "yx/buffer.h"
 #include "yx/error.h"
@@ -49,17 +49,18 @@ private:
 }
 
 /// Reads to the end of the data, or to the end of a line with `oneLine`.
-Password readFrom(int fileDescriptor, std::string const& path, bool oneLine) {
+Password readFrom(int fileDescriptor, std::string const& path, bool oneLine,
+                  CancelFlag const& cancel) {
     yx::TCryptBuffer<unsigned char> bytes(kMaxPasswordBytes + kLineEndBytes + 1, 0);
     bool atEnd = false;
     while (!atEnd) {
         if (bytes.getUsed() > kMaxPasswordBytes + kLineEndBytes)
             throwTooLong();
         unsigned char* const next = bytes.getData() + bytes.getUsed();
+        waitUntilReady(fileDescriptor, POLLIN, &cancel);
         ssize_t const count = ::read(fileDescriptor, next, 1);
-        // Only a signal that the process listens to comes through, and that is the wish to stop.
-        if (count < 0 && errno == EINTR)
-            throw CancelledError();
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
         if (count < 0)
             throwSystemError("Cannot read the password", path);
         atEnd = count == 0 || (oneLine && *next == '\n');
@@ -81,12 +82,12 @@ Password readFrom(int fileDescriptor, std::string const& path, bool oneLine) {
     return password;
 }
 
-Password askOnce(int terminal, std::string const& prompt) {
+Password askOnce(int terminal, std::string const& prompt, CancelFlag const& cancel) {
     EchoOff const echoOff(terminal);
     std::string const text = prompt + ": ";
     if (::write(terminal, text.data(), text.size()) < 0)
         throwSystemError("Cannot ask for the password", kTerminalPath);
-    Password password = readFrom(terminal, kTerminalPath, true);
+    Password password = readFrom(terminal, kTerminalPath, true, cancel);
     if (::write(terminal, "\n", 1) < 0)
         throwSystemError("Cannot ask for the password", kTerminalPath);
     return password;
@@ -102,17 +103,15 @@ Password& Password::operator=(Password const& other) {
     return *this;
 }
 
-Password readPasswordFile(std::string const& path) {
-    FileDescriptor const file = FileDescriptor::own(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.isOpen() && errno == EINTR)
-        throw CancelledError();
+Password readPasswordFile(std::string const& path, CancelFlag const& cancel) {
+    FileDescriptor const file = openForReading(path);
     if (!file.isOpen())
         throwSystemError("Cannot open the password file", path);
-    return readFrom(file.get(), path, false);
+    return readFrom(file.get(), path, false, cancel);
 }
 
-Password readPasswordFileDescriptor(int fileDescriptor) {
-    return readFrom(fileDescriptor, "/dev/fd/" + std::to_string(fileDescriptor), false);
+Password readPasswordFileDescriptor(int fileDescriptor, CancelFlag const& cancel) {
+    return readFrom(fileDescriptor, "/dev/fd/" + std::to_string(fileDescriptor), false, cancel);
 }
 
 Password readPasswordVariable(std::string const& name) {
@@ -131,7 +130,7 @@ Password readPasswordVariable(std::string const& name) {
     return password;
 }
 
-Password promptForPassword(std::string const& prompt, bool twice) {
+Password promptForPassword(std::string const& prompt, bool twice, CancelFlag const& cancel) {
     FileDescriptor const terminal =
         FileDescriptor::own(::open(kTerminalPath, O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!terminal.isOpen()) {
@@ -139,8 +138,8 @@ Password promptForPassword(std::string const& prompt, bool twice) {
                            "There is no terminal to ask for the password on.", yx::CProps(),
                            nullptr);
     }
-    Password password = askOnce(terminal.get(), prompt);
-    if (twice && askOnce(terminal.get(), prompt + " again").get() != password.get()) {
+    Password password = askOnce(terminal.get(), prompt, cancel);
+    if (twice && askOnce(terminal.get(), prompt + " again", cancel).get() != password.get()) {
         throw yx::CError("The two passwords differ.", "", -1, yx::CProps(), nullptr);
     }
     return password;

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "host/cancel.h"
 #include "yx/string.h"
 
 namespace kelm::host {
@@ -32,14 +33,14 @@ private:
 };
 
 /// Passwords are UTF-8 and at most 4096 bytes. A line end at the end does not count. What cannot be
-/// read or is too long is `yx::CIOError`, an unset variable `NotFound`. A signal that ends the
-/// waiting for a password is `CancelledError`.
-Password readPasswordFile(std::string const& path);
-Password readPasswordFileDescriptor(int fileDescriptor);
+/// read or is too long is `yx::CIOError`, an unset variable `NotFound`. While a password keeps one
+/// waiting, `cancel` is looked at several times a second and ends it with `CancelledError`.
+Password readPasswordFile(std::string const& path, CancelFlag const& cancel);
+Password readPasswordFileDescriptor(int fileDescriptor, CancelFlag const& cancel);
 Password readPasswordVariable(std::string const& name);
 
 /// Asks on the controlling terminal, without echo; with `twice`, asks again and refuses a second
 /// answer that differs. Without a terminal: `yx::CIOError` `NotSupported`.
-Password promptForPassword(std::string const& prompt, bool twice);
+Password promptForPassword(std::string const& prompt, bool twice, CancelFlag const& cancel);
 
 } // namespace kelm::host

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,25 +11,19 @@ namespace kelm::host {
 
 namespace {
 
-FileDescriptor openSource(std::string const& path, CancelFlag const* cancel) {
+FileDescriptor openSource(std::string const& path) {
     if (path == "-")
         return FileDescriptor::borrow(STDIN_FILENO);
-    while (true) {
-        FileDescriptor file = FileDescriptor::own(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        if (file.isOpen())
-            return file;
-        // A named pipe waits here for its writer.
-        if (errno != EINTR)
-            throwSystemError("Cannot open the image", path);
-        if (cancel)
-            cancel->check();
-    }
+    FileDescriptor file = openForReading(path);
+    if (!file.isOpen())
+        throwSystemError("Cannot open the image", path);
+    return file;
 }
 
 } // namespace
 
 RawSource::RawSource(std::string const& path, CancelFlag const* cancel)
-    : m_path(path), m_cancel(cancel), m_file(openSource(path, cancel)) {
+    : m_path(path), m_cancel(cancel), m_file(openSource(path)) {
     struct stat status = {};
     if (::fstat(m_file.get(), &status) != 0)
         throwSystemError("Cannot read the image", m_path);
@@ -114,11 +107,10 @@ int RawSource::readFromFile(unsigned char* buffer, int bytes) {
 int RawSource::readFromPipe(unsigned char* buffer, int bytes) {
     int done = 0;
     while (done < bytes) {
-        if (m_cancel)
-            waitUntilReady(m_file.get(), POLLIN, *m_cancel);
+        waitUntilReady(m_file.get(), POLLIN, m_cancel);
         ssize_t const count =
             ::read(m_file.get(), buffer + done, static_cast<std::size_t>(bytes - done));
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (count < 0)
             throwSystemError("Cannot read the image", m_path);

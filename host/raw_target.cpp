@@ -23,12 +23,26 @@ std::string realPath(std::string const& path) {
     return resolved ? resolved.get() : path;
 }
 
+/// A pipe gets a descriptor of our own, which does not wait, so that no signal is lost while a write
+/// begins; whoever shares standard output sees nothing of that.
+FileDescriptor openStandardOutput() {
+    struct stat status = {};
+    if (::fstat(STDOUT_FILENO, &status) == 0 && S_ISFIFO(status.st_mode)) {
+        constexpr int kFlags = O_WRONLY | O_CLOEXEC | O_NONBLOCK;
+        FileDescriptor pipe = FileDescriptor::own(::open("/proc/self/fd/1", kFlags));
+        if (pipe.isOpen())
+            return pipe;
+    }
+    // Somebody else's pipe, or one without a reader, is left to the first write.
+    return FileDescriptor::borrow(STDOUT_FILENO);
+}
+
 } // namespace
 
 RawTarget::RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel)
     : m_path(path), m_cancel(cancel) {
     if (path == "-")
-        m_file = FileDescriptor::borrow(STDOUT_FILENO);
+        m_file = openStandardOutput();
     else
         open(overwrite);
 }
@@ -48,7 +62,8 @@ void RawTarget::open(bool overwrite) {
             errno = EEXIST;
             throwSystemError("Cannot make the image", m_path);
         }
-        m_file = FileDescriptor::own(::open(m_path.c_str(), kFlags));
+        m_file = S_ISFIFO(status.st_mode) ? openPipeForWriting(m_path, m_cancel)
+                                          : FileDescriptor::own(::open(m_path.c_str(), kFlags));
         if (!m_file.isOpen())
             throwSystemError("Cannot make the image", m_path);
     }
@@ -96,13 +111,13 @@ void RawTarget::writeZeros(__int64 bytes) {
 void RawTarget::writeBytes(unsigned char const* data, int bytes) {
     beginWriting();
     while (bytes > 0) {
-        if (m_kind == Kind::Pipe && m_cancel)
-            waitUntilReady(m_file.get(), POLLOUT, *m_cancel);
+        if (m_kind == Kind::Pipe)
+            waitUntilReady(m_file.get(), POLLOUT, m_cancel);
         auto const size = static_cast<std::size_t>(bytes);
         ssize_t const count = m_kind == Kind::Pipe
                                   ? ::write(m_file.get(), data, size)
                                   : ::pwrite(m_file.get(), data, size, m_positionBytes);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (count < 0)
             throwSystemError("Cannot write the image", m_path);

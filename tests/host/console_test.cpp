@@ -3,9 +3,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <thread>
 
 #include <fcntl.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -144,6 +146,8 @@ protected:
         return pathOf("pw");
     }
     static std::string textOf(Password const& password) { return password.get().toStdString(); }
+
+    CancelFlag cancel;
 };
 
 TEST_F(PasswordTest, FileIsReadWithoutItsLineEnd) {
@@ -164,18 +168,18 @@ TEST_F(PasswordTest, FileIsReadWithoutItsLineEnd) {
              Case{"\n", ""},
              Case{std::string(4096, 'x') + "\r\n", std::string(4096, 'x')},
          })
-        EXPECT_EQ(c.password, textOf(readPasswordFile(putFile(c.content))));
+        EXPECT_EQ(c.password, textOf(readPasswordFile(putFile(c.content), cancel)));
 }
 
 TEST_F(PasswordTest, FileThatIsMissingOrTooLongIsRefused) {
     EXPECT_TRUE(throwsIOError(
         yx::CIOError::NotFound, "Cannot open the password file: No such file or directory",
-        {{"path", pathOf("none")}}, [&] { readPasswordFile(pathOf("none")); }));
+        {{"path", pathOf("none")}}, [&] { readPasswordFile(pathOf("none"), cancel); }));
     for (std::string const& content :
          {std::string(4097, 'x'), std::string(4097, 'x') + "\n", std::string(1000000, 'x')})
         EXPECT_TRUE(throwsIOError(yx::CIOError::NotSupported, "The password is too long.", {},
-                                  [&] { readPasswordFile(putFile(content)); }));
-    EXPECT_THROW(readPasswordFile(folder.path()), yx::CIOError);
+                                  [&] { readPasswordFile(putFile(content), cancel); }));
+    EXPECT_THROW(readPasswordFile(folder.path(), cancel), yx::CIOError);
 }
 
 TEST_F(PasswordTest, FileDescriptorIsReadToItsEnd) {
@@ -183,11 +187,35 @@ TEST_F(PasswordTest, FileDescriptorIsReadToItsEnd) {
     ASSERT_EQ(0, ::pipe(ends));
     ASSERT_EQ(7, ::write(ends[1], "secret\n", 7));
     ::close(ends[1]);
-    EXPECT_EQ("secret", textOf(readPasswordFileDescriptor(ends[0])));
+    EXPECT_EQ("secret", textOf(readPasswordFileDescriptor(ends[0], cancel)));
     ::close(ends[0]);
-    EXPECT_TRUE(
-        throwsIOError(yx::CIOError::IOFailure, "Cannot read the password: Bad file descriptor",
-                      {{"path", "/dev/fd/9999"}}, [] { readPasswordFileDescriptor(9999); }));
+    EXPECT_TRUE(throwsIOError(
+        yx::CIOError::IOFailure, "Cannot read the password: Bad file descriptor",
+        {{"path", "/dev/fd/9999"}}, [&] { readPasswordFileDescriptor(9999, cancel); }));
+}
+
+TEST_F(PasswordTest, NamedPipeIsWaitedFor) {
+    std::string const path = pathOf("pipe");
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    std::thread writer([&path] {
+        int const pipe = ::open(path.c_str(), O_WRONLY);
+        EXPECT_EQ(7, ::write(pipe, "secret\n", 7));
+        ::close(pipe);
+    });
+    EXPECT_EQ("secret", textOf(readPasswordFile(path, cancel)));
+    writer.join();
+}
+
+// The signal may have come before the waiting begins.
+TEST_F(PasswordTest, WaitingForAPasswordCanBeCancelled) {
+    int ends[2];
+    ASSERT_EQ(0, ::pipe(ends));
+    ASSERT_EQ(0, ::mkfifo(pathOf("pipe").c_str(), 0600));
+    cancel.set();
+    EXPECT_THROW(readPasswordFileDescriptor(ends[0], cancel), CancelledError);
+    EXPECT_THROW(readPasswordFile(pathOf("pipe"), cancel), CancelledError);
+    ::close(ends[0]);
+    ::close(ends[1]);
 }
 
 TEST_F(PasswordTest, EnvironmentVariableIsTakenAsItStands) {
@@ -215,8 +243,8 @@ struct PromptPlay {
     std::string result;
 };
 
-PromptPlay playPrompt(bool twice,
-                      std::vector<std::pair<std::string, std::string>> const& dialogue) {
+PromptPlay playPrompt(bool twice, std::vector<std::pair<std::string, std::string>> const& dialogue,
+                      bool isCancelled = false) {
     int result[2];
     EXPECT_EQ(0, ::pipe(result));
     int master = -1;
@@ -224,8 +252,11 @@ PromptPlay playPrompt(bool twice,
     if (child == 0) {
         test_support::resetSignals();
         std::string text;
+        CancelFlag cancel;
+        if (isCancelled)
+            cancel.set();
         try {
-            text = "got " + promptForPassword("Password", twice).get().toStdString();
+            text = "got " + promptForPassword("Password", twice, cancel).get().toStdString();
         } catch (std::exception const& error) {
             text = error.what();
         }
@@ -277,6 +308,12 @@ TEST(PasswordPrompt, RefusesAnswersThatDiffer) {
     EXPECT_EQ("The two passwords differ.", play.result);
 }
 
+TEST(PasswordPrompt, SignalJustBeforeTheWaitingEndsIt) {
+    PromptPlay const play = playPrompt(false, {}, true);
+    EXPECT_EQ("Cancelled.", play.result);
+    EXPECT_EQ("Password: ", play.shown);
+}
+
 TEST(PasswordPrompt, NeedsATerminal) {
     int result[2];
     ASSERT_EQ(0, ::pipe(result));
@@ -285,7 +322,7 @@ TEST(PasswordPrompt, NeedsATerminal) {
         ::setsid();
         char outcome = 'n';
         try {
-            promptForPassword("Password", false);
+            promptForPassword("Password", false, CancelFlag());
         } catch (yx::CIOError const& error) {
             outcome = error.getIOCode() == yx::CIOError::NotSupported ? 'y' : 'e';
         }

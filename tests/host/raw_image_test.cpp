@@ -1,3 +1,5 @@
+#include <thread>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -109,6 +111,31 @@ TEST_F(RawImage, WaitingForAPipeCanBeCancelled) {
     ::close(writer);
 }
 
+TEST_F(RawImage, WaitingForTheOtherEndOfAPipeCanBeCancelled) {
+    std::string const path = makePipe("pipe");
+    CancelFlag cancel;
+    cancel.set();
+    RawSource source(path, &cancel);
+    Bytes buffer(10);
+    bool isHole = false;
+    EXPECT_THROW(source.readNext(buffer.data(), 10, isHole), CancelledError);
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(RawImage, PipeIsWaitedForFromBothEnds) {
+    std::string const path = makePipe("pipe");
+    Bytes const content = pattern(300000, 4);
+    std::thread writer([&] {
+        RawTarget target(path, false);
+        target.write(content.data(), static_cast<int>(content.size()));
+        target.finish();
+    });
+    RawSource source(path);
+    int holes = 0;
+    EXPECT_TRUE(sameBytes(content, readAll(source, 65536, holes)));
+    writer.join();
+}
+
 TEST_F(RawImage, SourceThatShrinksIsNoticed) {
     std::string const path = putImage("a.raw", pattern(200000, 1));
     RawSource source(path);
@@ -200,6 +227,14 @@ TEST_F(RawImage, PipeGetsEveryZero) {
     got.resize(1105);
     EXPECT_EQ(concat({zeros(1000), pattern(100, 1), zeros(5)}), got);
     ::close(reader);
+    EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST_F(RawImage, WaitingForAReaderCanBeCancelled) {
+    std::string const path = makePipe("pipe");
+    CancelFlag cancel;
+    cancel.set();
+    EXPECT_THROW(RawTarget(path, false, &cancel), CancelledError);
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 

@@ -34,13 +34,14 @@ __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
 __int64 checkAskingForPassword(Invocation& invocation, CheckArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     try {
-        return checkWith(invocation, uri, arguments.threads, usedPassword(arguments.passwords));
+        return checkWith(invocation, uri, arguments.threads,
+                         usedPassword(invocation, arguments.passwords));
     } catch (yx::CError const& error) {
         if (!isPasswordMissing(error))
             throw;
     }
     return checkWith(invocation, uri, arguments.threads,
-                     askForPassword(arguments.disk, arguments.passwords).get());
+                     askForPassword(invocation, arguments.disk, arguments.passwords).get());
 }
 
 ExitStatus check(Invocation& invocation, CheckArguments& arguments) {

@@ -23,7 +23,8 @@ ExitStatus makeChild(Invocation& invocation, ChildArguments& arguments) {
     {
         std::unique_ptr<host::SafeDisk> const parent = openDisk(
             invocation, arguments.newDisk.parent, yx::IIOStream::ReadOnly, arguments.passwords);
-        parentFiles = listChainFiles(invocation, *parent, usedPassword(arguments.passwords));
+        parentFiles =
+            listChainFiles(invocation, *parent, usedPassword(invocation, arguments.passwords));
         verifyIsNoneOf(parentFiles, uri);
         arguments.newDisk.compressed = parent->getDisk().getCompressed();
     }

@@ -27,7 +27,7 @@ ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
         invocation, arguments.from, yx::IIOStream::ReadOnly, arguments.passwords.ofFirst());
     yx::CURI const uri = host::uriFromArgument(arguments.to);
     std::vector<yx::CURI> const sourceFiles =
-        listChainFiles(invocation, *from, usedPassword(arguments.passwords.ofFirst()));
+        listChainFiles(invocation, *from, usedPassword(invocation, arguments.passwords.ofFirst()));
     verifyIsNoneOf(sourceFiles, uri);
     if (arguments.sizeBytes == -1)
         arguments.sizeBytes = from->getSizeBytes();

@@ -21,8 +21,9 @@ ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     if (arguments.image != "-") {
-        verifyIsNoneOf(listChainFiles(invocation, *disk, usedPassword(arguments.passwords)),
-                       host::uriFromArgument(arguments.image));
+        verifyIsNoneOf(
+            listChainFiles(invocation, *disk, usedPassword(invocation, arguments.passwords)),
+            host::uriFromArgument(arguments.image));
     }
     host::RawTarget target(arguments.image, arguments.force, &invocation.getCancel());
     LongWork const work(invocation, "export", arguments.threads);

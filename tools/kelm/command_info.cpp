@@ -47,7 +47,8 @@ ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     Json report = reportDisk(*disk);
-    report["parents"] = reportParents(invocation, *disk, usedPassword(arguments.passwords));
+    report["parents"] =
+        reportParents(invocation, *disk, usedPassword(invocation, arguments.passwords));
     if (arguments.space) {
         LongWork const work(invocation, "info");
         report["space"] = reportSpace(*disk, work.getOptions());

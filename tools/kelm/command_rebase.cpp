@@ -29,7 +29,7 @@ ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const parent =
         openDisk(invocation, arguments.parent, yx::IIOStream::ReadOnly, arguments.passwords);
     // Opening the whole chain finds a parent that stands on the child, which is locked.
-    openParents(invocation, *parent, usedPassword(arguments.passwords));
+    openParents(invocation, *parent, usedPassword(invocation, arguments.passwords));
     host::repointToParent(*child, *parent,
                           arguments.unsafe ? host::ParentCheck::None : host::ParentCheck::Content);
     return ExitStatus::Done;

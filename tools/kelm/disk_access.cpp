@@ -25,20 +25,21 @@ std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string con
                                          yx::IIOStream::Access access, PasswordOptions& passwords) {
     yx::CURI const uri = host::uriFromArgument(file);
     try {
-        return openWith(invocation, uri, access, usedPassword(passwords));
+        return openWith(invocation, uri, access, usedPassword(invocation, passwords));
     } catch (yx::CError const& error) {
         if (!isPasswordMissing(error))
             throw;
     }
-    return openWith(invocation, uri, access, askForPassword(file, passwords).get());
+    return openWith(invocation, uri, access, askForPassword(invocation, file, passwords).get());
 }
 
-host::Password const& askForPassword(std::string const& file, PasswordOptions& passwords) {
-    return passwords.readOrPrompt("Password of " + file, false);
+host::Password const& askForPassword(Invocation const& invocation, std::string const& file,
+                                     PasswordOptions& passwords) {
+    return passwords.readOrPrompt("Password of " + file, false, invocation.getCancel());
 }
 
-yx::String usedPassword(PasswordOptions& passwords) {
-    return passwords.isKnown() ? passwords.read().get() : yx::String();
+yx::String usedPassword(Invocation const& invocation, PasswordOptions& passwords) {
+    return passwords.isKnown() ? passwords.read(invocation.getCancel()).get() : yx::String();
 }
 
 bool isEncrypted(host::SafeDisk& disk) {

@@ -18,7 +18,8 @@ std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string con
                                          yx::IIOStream::Access access, PasswordOptions& passwords);
 
 /// The password that the options name or the user types, for a disk that turned out to need one.
-host::Password const& askForPassword(std::string const& file, PasswordOptions& passwords);
+host::Password const& askForPassword(Invocation const& invocation, std::string const& file,
+                                     PasswordOptions& passwords);
 
 /// Opens the parents of a disk for reading, as `host::openParents` does.
 std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
@@ -26,7 +27,7 @@ std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
                                                          yx::String const& password);
 
 /// The password that opened a disk; empty if none was needed so far.
-yx::String usedPassword(PasswordOptions& passwords);
+yx::String usedPassword(Invocation const& invocation, PasswordOptions& passwords);
 
 bool isEncrypted(host::SafeDisk& disk);
 

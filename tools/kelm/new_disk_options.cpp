@@ -39,7 +39,7 @@ void NewDiskOptions::inheritFromParent(Invocation& invocation, PasswordOptions& 
         request.sizeBytes = disk->getSizeBytes();
     // One password opens a whole chain.
     if (isEncrypted(*disk))
-        request.password = usedPassword(passwords);
+        request.password = usedPassword(invocation, passwords);
 }
 
 host::NewDisk NewDiskOptions::makeRequest(Invocation& invocation, __int64 sizeBytes,
@@ -55,7 +55,8 @@ host::NewDisk NewDiskOptions::makeRequest(Invocation& invocation, __int64 sizeBy
     if (request.sizeBytes == -1)
         throw UsageError("The size of the disk is not known; give --size.");
     if (encrypt && request.password.isEmpty())
-        request.password = passwords.readOrPrompt("New password", true).get();
+        request.password =
+            passwords.readOrPrompt("New password", true, invocation.getCancel()).get();
     return request;
 }
 

@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/cancel.h"
 #include "tools/kelm/errors.h"
 
 namespace kelm::tool {
@@ -50,25 +49,26 @@ void PasswordOptions::addTo(CLI::App& command, std::string const& prefix,
     variable->type_name("NAME")->group(kHelpGroup)->excludes(file)->excludes(fileDescriptor);
 }
 
-host::Password PasswordOptions::readFromOptions() const {
+host::Password PasswordOptions::readFromOptions(host::CancelFlag const& cancel) const {
     if (!m_file.empty())
-        return host::readPasswordFile(m_file);
+        return host::readPasswordFile(m_file, cancel);
     if (m_fileDescriptor >= 0)
-        return host::readPasswordFileDescriptor(m_fileDescriptor);
+        return host::readPasswordFileDescriptor(m_fileDescriptor, cancel);
     return host::readPasswordVariable(m_variable);
 }
 
-host::Password const& PasswordOptions::read() {
+host::Password const& PasswordOptions::read(host::CancelFlag const& cancel) {
     if (!m_password)
-        m_password = obtainPassword([this] { return readFromOptions(); });
+        m_password = obtainPassword([&] { return readFromOptions(cancel); });
     return *m_password;
 }
 
-host::Password const& PasswordOptions::readOrPrompt(std::string const& prompt, bool twice) {
+host::Password const& PasswordOptions::readOrPrompt(std::string const& prompt, bool twice,
+                                                    host::CancelFlag const& cancel) {
     if (isGiven())
-        return read();
+        return read(cancel);
     if (!m_password)
-        m_password = obtainPassword([&] { return host::promptForPassword(prompt, twice); });
+        m_password = obtainPassword([&] { return host::promptForPassword(prompt, twice, cancel); });
     return *m_password;
 }
 

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "host/cancel.h"
 #include "host/password.h"
 
 namespace CLI {
@@ -25,14 +26,15 @@ public:
     bool isKnown() const { return isGiven() || m_password; }
 
     /// The password that the options name, read at most once. `PasswordError` if it cannot be read
-    /// or is empty.
-    host::Password const& read();
+    /// or is empty. `cancel` ends the waiting for it.
+    host::Password const& read(host::CancelFlag const& cancel);
 
     /// The same, or what the user types at the prompt if no option is given.
-    host::Password const& readOrPrompt(std::string const& prompt, bool twice);
+    host::Password const& readOrPrompt(std::string const& prompt, bool twice,
+                                       host::CancelFlag const& cancel);
 
 private:
-    host::Password readFromOptions() const;
+    host::Password readFromOptions(host::CancelFlag const& cancel) const;
 
     std::string m_file;
     int m_fileDescriptor = -1;
