@@ -37,4 +37,18 @@ __int64 SectorMap::take(__int64 startSectors, __int64 sizeSectors) {
     return firstTaken;
 }
 
+__int64 SectorMap::findTaken(__int64 startSectors, __int64 endSectors) const {
+    __int64 const end = std::min(endSectors - m_startSectors, m_sizeSectors);
+    for (__int64 bit = std::max<__int64>(startSectors - m_startSectors, 0); bit < end;) {
+        __int64 const inWord = bit % kWordBits;
+        __int64 const count = std::min(kWordBits - inWord, end - bit);
+        unsigned long long const word =
+            m_words[static_cast<std::size_t>(bit / kWordBits)] & makeMask(inWord, count);
+        if (word != 0)
+            return m_startSectors + bit - inWord + std::countr_zero(word);
+        bit += count;
+    }
+    return -1;
+}
+
 } // namespace kelm::host

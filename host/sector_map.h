@@ -16,6 +16,9 @@ public:
     /// before, -1 if none was.
     __int64 take(__int64 startSectors, __int64 sizeSectors);
 
+    /// The first sector of a range that is taken; -1 if none is, or none in the stretch.
+    __int64 findTaken(__int64 startSectors, __int64 endSectors) const;
+
 private:
     __int64 m_startSectors;
     __int64 m_sizeSectors;

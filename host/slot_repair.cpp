@@ -1,9 +1,9 @@
 #include "host/slot_repair.h"
 
 #include <algorithm>
-#include <vector>
 
 #include "host/record_size.h"
+#include "host/sector_map.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
 #include "kelm/metadata/grain_directory.h"
@@ -12,60 +12,108 @@ namespace kelm::host {
 
 namespace {
 
+/// How much of a file is looked at in one go where its grains lie in disorder: 128 GiB, for 32 MiB
+/// of memory.
+constexpr __int64 kStretchSectors = 1LL << 28;
+
+/// Tables keep the size of a slot in 16 bits.
+constexpr __int64 kMaxSlotSizeSectors = 65535;
+
+/// How many grains are gone through before their tables leave the memory: 1024 tables of 3 KiB.
+constexpr __int64 kGrainsInMemory = __int64{1024} * kGrainTableEntryCount;
+
 class SlotRepair {
 public:
     SlotRepair(yx::IIOStream& stream, ExtentPlace const& place)
         : m_stream(stream), m_place(place) {}
 
     __int64 run() {
+        openDirectory();
+        m_dataEndSectors = findDataEnd();
+        if (isInOrder())
+            return 0;
+        for (__int64 start = 0; start < m_dataEndSectors; start += kStretchSectors)
+            repairStretch(start, std::min(start + kStretchSectors, m_dataEndSectors));
+        if (m_repairCount > 0)
+            m_stream.flush();
+        return m_repairCount;
+    }
+
+private:
+    struct Slot {
+        __int64 grainIndex;
+        __int64 posSectors;
+        __int64 sizeSectors;
+    };
+
+    void openDirectory() {
         m_stream.seek(0);
         yx::CDataInStream in(&m_stream);
         m_header.load(in);
+        m_tables = yx::makeObject<CVMDKGrainTableCache>(CVMDKGrainTableCache::kNoLimit);
         m_directory = yx::makeObject<CVMDKGrainDirectory>(
             &m_stream, yx::IIOStream::ReadWrite,
             static_cast<__int64>(m_header.getGrainDirectoryOffsetSectors()),
             static_cast<__int64>(m_header.getRedundantGrainDirectoryOffsetSectors()),
             static_cast<__int64>(m_header.getCapacitySectors()),
             static_cast<__int64>(m_header.getGrainSizeSectors()),
-            static_cast<int>(m_header.getGrainTableEntryCount()), true,
-            yx::makeObject<CVMDKGrainTableCache>(CVMDKGrainTableCache::kNoLimit).get());
-        collectSlots();
-        for (std::size_t i = 0; i < m_slots.size(); ++i) {
-            __int64 const limitSectors =
-                i + 1 < m_slots.size() ? m_slots[i + 1].posSectors : findDataEnd();
-            repair(m_slots[i], limitSectors - m_slots[i].posSectors);
-        }
-        if (m_repairCount > 0) {
-            m_directory->flushChangesToStream();
-            m_stream.flush();
-        }
-        return m_repairCount;
-    }
-
-private:
-    struct Slot {
-        unsigned int posSectors;
-        unsigned int sizeSectors;
-        __int64 grainIndex;
-    };
-
-    void collectSlots() {
-        __int64 const grainCount = CVMDKGrainDirectory::calcExtentGrainCount(
+            static_cast<int>(m_header.getGrainTableEntryCount()), true, m_tables.get());
+        m_grainCount = CVMDKGrainDirectory::calcExtentGrainCount(
             static_cast<__int64>(m_header.getCapacitySectors()),
             static_cast<__int64>(m_header.getGrainSizeSectors()));
-        for (__int64 grain = 0; grain < grainCount; ++grain) {
-            __int64 posSectors = 0;
-            __int64 slotSizeSectors = 0;
-            m_directory->getGrainInfo(grain, posSectors, slotSizeSectors);
-            if (posSectors > 0)
-                m_slots.push_back({static_cast<unsigned int>(posSectors),
-                                   static_cast<unsigned int>(slotSizeSectors), grain});
+    }
+
+    /// Calls `visit` for each stored grain until it says that it has seen enough.
+    template <class Visit>
+    void visitSlots(Visit const& visit) {
+        for (__int64 grain = 0; grain < m_grainCount; ++grain) {
+            if (grain % kGrainsInMemory == 0) {
+                // A table that leaves the cache unflushed could not tell of a failure.
+                m_directory->flushChangesToStream();
+                if (grain > 0)
+                    m_tables->clear();
+            }
+            Slot slot{grain, 0, 0};
+            m_directory->getGrainInfo(grain, slot.posSectors, slot.sizeSectors);
+            if (slot.posSectors > 0 && !visit(slot))
+                break;
         }
-        auto const isBefore = [](Slot const& left, Slot const& right) {
-            return left.posSectors < right.posSectors;
-        };
-        if (!std::is_sorted(m_slots.begin(), m_slots.end(), isBefore))
-            std::sort(m_slots.begin(), m_slots.end(), isBefore);
+        m_directory->flushChangesToStream();
+    }
+
+    /// Whether each slot lies behind that of the grain before it and inside the file, as an import
+    /// leaves them. Then nothing is wrong.
+    bool isInOrder() {
+        __int64 endSectors = 0;
+        bool isInOrder = true;
+        visitSlots([&](Slot const& slot) {
+            isInOrder = slot.sizeSectors > 0 && slot.posSectors >= endSectors;
+            endSectors = slot.posSectors + slot.sizeSectors;
+            return isInOrder;
+        });
+        return isInOrder && endSectors <= m_dataEndSectors;
+    }
+
+    /// Repairs the slots that begin in a stretch of the file.
+    void repairStretch(__int64 startSectors, __int64 endSectors) {
+        // A slot may reach over the end of the stretch.
+        SectorMap starts(startSectors, endSectors + kMaxSlotSizeSectors - startSectors);
+        visitSlots([&](Slot const& slot) {
+            starts.take(slot.posSectors, 1);
+            return true;
+        });
+        visitSlots([&](Slot const& slot) {
+            if (slot.posSectors >= startSectors && slot.posSectors < endSectors)
+                repair(slot, findRoom(slot, starts));
+            return true;
+        });
+    }
+
+    /// How much of the file a slot can have, in sectors.
+    __int64 findRoom(Slot const& slot, SectorMap const& starts) const {
+        __int64 const limit = std::min(slot.posSectors + kMaxSlotSizeSectors, m_dataEndSectors);
+        __int64 const next = starts.findTaken(slot.posSectors + 1, limit);
+        return (next == -1 ? limit : next) - slot.posSectors;
     }
 
     /// Where new grains will go.
@@ -94,7 +142,7 @@ private:
     /// In sectors; 0 if there is no record of that grain.
     __int64 readRecordSize(Slot const& slot) {
         unsigned char record[kGrainRecordHeaderSizeBytes];
-        m_stream.seek(static_cast<__int64>(slot.posSectors) * kSectorSizeBytes);
+        m_stream.seek(slot.posSectors * kSectorSizeBytes);
         if (m_stream.readLax(record, kGrainRecordHeaderSizeBytes) < kGrainRecordHeaderSizeBytes)
             return 0;
         auto const diskGrainIndex =
@@ -107,8 +155,10 @@ private:
     yx::IIOStream& m_stream;
     ExtentPlace const& m_place;
     CVMDKSparseExtentHeader m_header;
+    yx::P<CVMDKGrainTableCache> m_tables;
     yx::P<CVMDKGrainDirectory> m_directory;
-    std::vector<Slot> m_slots;
+    __int64 m_grainCount = 0;
+    __int64 m_dataEndSectors = 0;
     __int64 m_repairCount = 0;
 };
 

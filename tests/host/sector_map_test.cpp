@@ -38,9 +38,22 @@ TEST(SectorMap, LooksAtNothingOutsideItsStretch) {
     EXPECT_EQ(-1, map.take(1050, 0));
 }
 
+TEST(SectorMap, FindsWhatIsTakenAndTakesNothing) {
+    for (__int64 const taken : {1000, 1001, 1063, 1064, 1099}) {
+        SectorMap map(1000, 100);
+        EXPECT_EQ(-1, map.findTaken(0, 5000));
+        map.take(taken, 1);
+        EXPECT_EQ(taken, map.findTaken(0, 5000));
+        EXPECT_EQ(taken, map.findTaken(taken, taken + 1));
+        EXPECT_EQ(-1, map.findTaken(0, taken));
+        EXPECT_EQ(-1, map.findTaken(taken + 1, 5000));
+    }
+}
+
 TEST(SectorMap, MayBeEmpty) {
     SectorMap map(0, 0);
     EXPECT_EQ(-1, map.take(0, 100));
+    EXPECT_EQ(-1, map.findTaken(0, 100));
 }
 
 } // namespace
