@@ -10,7 +10,6 @@ namespace zlu {
 
 namespace {
 
-/// Hands zlib both buffers. `source` and `target` are read and written as their sizes say.
 void setBuffers(z_stream& stream, void const* source, int sourceSizeBytes, void* target,
                 int targetSizeBytes) {
     // zlib takes the source by a pointer to non-const bytes, but only reads it.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <type_traits>
 
 #include "yx/base.h"
@@ -27,8 +28,11 @@ public:
     TBuffer(int allocated, int used) {
         if (used < -1)
             detail::throwBadBufferSize(used);
-        ensureAllocated(allocated);
-        setUsed(used == -1 ? allocated : used);
+        if (allocated < 0)
+            detail::throwBadBufferSize(allocated);
+        // At once: nobody would free the first of two allocations if the second one failed.
+        ensureAllocated(std::max(allocated, used));
+        m_used = used == -1 ? allocated : used;
     }
 
     /// Copies content and used size.

@@ -6,12 +6,12 @@
 
 namespace yx::detail {
 
-/// Lets the device begin with what a file is given one piece behind the other, so that it works
-/// while more is made ready, and a sync at the end finds most of it done. Internal.
+/// Lets the device begin early with what a file is given in order, so that it works while more is
+/// made ready, and a sync at the end finds most of it done. Internal.
 ///
-/// It is told of each write. What is written at random is left alone, since it may be written again
-/// before it has to reach the device. It promises nothing: that is what a sync is for, and failures
-/// of the device show there.
+/// It is told of each write, and follows the run of writes that go on from one another. What is
+/// written at random is left alone, since it may be written again before it has to reach the device.
+/// It promises nothing: that is what a sync is for, and failures of the device show there.
 class EarlyWriteBack {
 public:
     /// `position` and `sizeBytes` are of a write that was done.
@@ -37,6 +37,7 @@ private:
     /// A page that is not full yet is left for the next time.
     static constexpr __int64 kPageBytes = 4096;
 
+    /// A refusal changes nothing: the sync then has all to do.
     void begin(int descriptor) {
         __int64 const end = m_end / kPageBytes * kPageBytes;
 #if defined(SYNC_FILE_RANGE_WRITE)
@@ -48,6 +49,8 @@ private:
         m_newBytes = 0;
     }
 
+    /// The part of the present run that the device has not begun with, holes included, and how many
+    /// of its bytes were written.
     __int64 m_begin = 0;
     __int64 m_end = 0;
     __int64 m_newBytes = 0;

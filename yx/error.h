@@ -16,7 +16,7 @@ public:
     CError(String const& message, String const& detail, __int64 code, CProps const& props,
            CError const* cause);
 
-    /// A copy shares the facts.
+    /// A copy shares the facts. So does a move, and leaves the error whole.
     CError(CError const&) noexcept;
     CError& operator=(CError const&) noexcept;
     ~CError() override;
@@ -90,6 +90,10 @@ class YX_API CInvalidArgError : public CError {
 public:
     /// `function` names the function that refuses, such as "CVMDKGrain::seek".
     CInvalidArgError(String const& function, String const& message, CProps const& props);
+
+    /// As for `CError`; without a move, which would leave an error without the name behind.
+    CInvalidArgError(CInvalidArgError const&) noexcept = default;
+    CInvalidArgError& operator=(CInvalidArgError const&) noexcept = default;
 
     /// The name given to the constructor.
     String const& getFunction() const { return *m_function; }

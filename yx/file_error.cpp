@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "yx/stream_error.h"
+
 namespace yx::detail {
 
 namespace {
@@ -66,22 +68,14 @@ CIOError makeFileError(FileAction action, int errorNumber, CProps const& props) 
     return CIOError(toIOCode(errorNumber), getActionText(action) + words, props, nullptr);
 }
 
-CProps makeUriProps(CURI const& uri) {
-    CProps props;
-    props.add("uri", uri.toString(true));
-    return props;
-}
-
 void throwReadOnly(CURI const& uri) {
     throw CIOError(CIOError::NotAllowed, "The file is open for reading only.", makeUriProps(uri),
                    nullptr);
 }
 
 void throwRangeLocked(CURI const& uri, __int64 position, __int64 length) {
-    throw CIOError(
-        CIOError::AccessDenied, "The range is locked by another holder.",
-        makeUriProps(uri).add("position", toString(position)).add("length", toString(length)),
-        nullptr);
+    throw CIOError(CIOError::AccessDenied, "The range is locked by another holder.",
+                   makeRangeProps(uri, position, "length", length), nullptr);
 }
 
 } // namespace yx::detail

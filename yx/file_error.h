@@ -32,9 +32,6 @@ enum class FileAction {
 /// | `IOFailure`    | all others                                                     |
 CIOError makeFileError(FileAction action, int errorNumber, CProps const& props);
 
-/// "uri" alone, for errors about a whole file.
-CProps makeUriProps(CURI const& uri);
-
 /// `NotAllowed`: "The file is open for reading only." with "uri".
 [[noreturn]] void throwReadOnly(CURI const& uri);
 

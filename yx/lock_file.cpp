@@ -3,9 +3,9 @@
 #include <chrono>
 #include <thread>
 
-#include "yx/file_error.h"
 #include "yx/log.h"
 #include "yx/open_lock_file.h"
+#include "yx/stream_error.h"
 
 namespace yx {
 
@@ -64,11 +64,12 @@ void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
     m_file = enter(fileSystem, existed);
     try {
         m_file->lock(type == Exclusive ? IStreamBase::Exclusive : IStreamBase::Shared);
-    } catch (CIOError const& error) {
+    } catch (CError const& error) {
         // A holder who is leaving may count on the one it saw present to remove the file.
         if (!m_keepFile)
             tryTo([this] { m_file->removeIfAlone(); });
-        if (error.getIOCode() != CIOError::AccessDenied)
+        auto const* const ioError = dynamic_cast<CIOError const*>(&error);
+        if (!ioError || ioError->getIOCode() != CIOError::AccessDenied)
             throw;
         throw CLockFileError("The disk is in use: its lock file is held by another program or "
                              "another open disk.",

@@ -48,7 +48,8 @@ setIgnoredExceptionHandler(
     std::function<void(char const* className, std::exception& error, bool flag)> handler);
 
 /// Reports an exception that a destructor swallows. `className` is the full class name, such as
-/// "kelm::CVMDKGrainTable". Lets nothing out, whatever the handler throws.
+/// "kelm::CVMDKGrainTable". `flag` goes to the handler as it is and has no other meaning; our own
+/// destructors pass true. Lets nothing out, whatever the handler throws.
 YX_API void onExceptionInDestructorIgnored(char const* className, std::exception& error,
                                            bool flag) noexcept;
 

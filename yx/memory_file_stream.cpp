@@ -68,10 +68,9 @@ void CMemoryFileStream::writeAt(__int64 position, Piece const* pieces, int count
             next += pieces[i].sizeBytes;
         }
     } catch (std::bad_alloc const&) {
-        throw detail::makeFileError(detail::FileAction::Write, ENOSPC,
-                                    detail::makeUriProps(uri())
-                                        .add("position", toString(position))
-                                        .add("bytesToWrite", toString(sizeBytes)));
+        throw detail::makeFileError(
+            detail::FileAction::Write, ENOSPC,
+            detail::makeRangeProps(uri(), position, "bytesToWrite", sizeBytes));
     }
 }
 

@@ -48,7 +48,7 @@ struct CMemoryFileSystem::State {
     }
 };
 
-CMemoryFileSystem::CMemoryFileSystem() : m_state(std::make_shared<State>()) {}
+CMemoryFileSystem::CMemoryFileSystem() : m_state(std::make_unique<State>()) {}
 
 CMemoryFileSystem::~CMemoryFileSystem() = default;
 

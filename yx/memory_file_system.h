@@ -16,6 +16,8 @@ class YX_API CMemoryFileSystem : public CBase, public virtual IFileSystem {
 public:
     /// No files.
     CMemoryFileSystem();
+    CMemoryFileSystem(CMemoryFileSystem const&) = delete;
+    CMemoryFileSystem& operator=(CMemoryFileSystem const&) = delete;
     ~CMemoryFileSystem() override;
 
     P<IIOStream> openFile(CURI const& uri, IIOStream::Access access,
@@ -35,7 +37,7 @@ public:
 
 private:
     struct State;
-    std::shared_ptr<State> m_state;
+    std::unique_ptr<State> m_state;
 };
 
 } // namespace yx

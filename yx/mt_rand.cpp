@@ -2,14 +2,9 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
-#if defined(_WIN32)
-#include <bcrypt.h>
-#include <windows.h>
-#else
 #include <sys/random.h>
-#endif
 
 #include "yx/error.h"
 
@@ -18,24 +13,17 @@ namespace yx {
 namespace {
 
 void fillFromOperatingSystem(unsigned char* target, std::size_t sizeBytes) {
-#if defined(_WIN32)
-    if (BCryptGenRandom(nullptr, target, static_cast<ULONG>(sizeBytes),
-                        BCRYPT_USE_SYSTEM_PREFERRED_RNG) != 0)
-        throw CError("Cannot get random data from the operating system.", "", -1, CProps(),
-                     nullptr);
-#else
     while (sizeBytes > 0) {
         ssize_t const count = getrandom(target, sizeBytes, 0);
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
             throw CError("Cannot get random data from the operating system: " +
-                             String(std::strerror(errno)),
+                             String::fromUTF8(std::generic_category().message(errno)),
                          "", -1, CProps(), nullptr);
         target += count;
         sizeBytes -= static_cast<std::size_t>(count);
     }
-#endif
 }
 
 std::mt19937 makeSeededGenerator() {

@@ -23,7 +23,8 @@ public:
     unsigned int rand32();
 
     /// Fills bytes from the operating system's cryptographic source, since keys are drawn with it.
-    /// Throws `CError` if that fails.
+    /// A size of 0 or below fills none. Throws `CError` if the source fails; what is then in
+    /// `target` is not defined.
     void randData(unsigned char* target, int sizeBytes);
 
 private:

@@ -1,5 +1,6 @@
 #include "yx/native_file_stream.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <filesystem>
@@ -27,13 +28,6 @@ static_assert(kMaxLengthBytes == std::numeric_limits<__int64>::max(),
 
 /// Pieces of one call; the system's own limit is at least 1024.
 constexpr std::size_t kMaxPiecesPerCall = 64;
-
-CProps makeTransferProps(CURI const& uri, __int64 position, char const* sizeName,
-                         __int64 sizeBytes) {
-    return detail::makeUriProps(uri)
-        .add("position", toString(position))
-        .add(sizeName, toString(sizeBytes));
-}
 
 struct stat queryFile(int descriptor, CURI const& uri) {
     struct stat status {};
@@ -159,7 +153,7 @@ P<IStreamLock> CNativeFileStream::lockAt(__int64 position, __int64 length, bool 
     if (error != 0) {
         // The one thing that can be invalid here is the command, on a system too old for it.
         throw detail::makeFileError(FileAction::Lock, error == EINVAL ? ENOTSUP : error,
-                                    makeTransferProps(uri(), position, "length", length));
+                                    detail::makeRangeProps(uri(), position, "length", length));
     }
     return makeObject<CNativeRangeLock>(m_descriptor, position, length);
 }
@@ -218,7 +212,7 @@ void CNativeFileStream::writeAt(__int64 position, Piece const* pieces, int count
             // No progress without a reason would repeat itself for ever.
             throw detail::makeFileError(
                 FileAction::Write, written == 0 ? EIO : errno,
-                makeTransferProps(uri(), position, "bytesToWrite", sizeBytes));
+                detail::makeRangeProps(uri(), position, "bytesToWrite", sizeBytes));
         }
     }
     if (!m_neverSyncs)
@@ -240,7 +234,7 @@ int CNativeFileStream::readAt(__int64 position, void* target, int sizeBytes) con
         else if (errno != EINTR)
             throw detail::makeFileError(
                 FileAction::Read, errno,
-                makeTransferProps(uri(), position, "bytesToRead", sizeBytes));
+                detail::makeRangeProps(uri(), position, "bytesToRead", sizeBytes));
     }
     return done;
 }

@@ -13,6 +13,7 @@
 #include "yx/file_descriptor.h"
 #include "yx/file_error.h"
 #include "yx/native_file_stream.h"
+#include "yx/stream_error.h"
 
 namespace yx {
 

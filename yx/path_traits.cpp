@@ -9,8 +9,15 @@ namespace yx {
 
 namespace {
 
+/// Of a path that the system takes as it stands.
 constexpr char kVerbatimPrefix[] = "\\\\?\\";
-constexpr size_t kDeviceRootLength = 4;
+
+/// Of "\\?\" and "\\.\" alike.
+constexpr size_t kDevicePrefixLength = 4;
+
+/// The device that network shares are reached through.
+constexpr char kShareDevice[] = "UNC";
+constexpr size_t kShareDeviceLength = sizeof kShareDevice - 1;
 
 bool isLetter(wxUniChar character) {
     return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z');
@@ -53,21 +60,22 @@ public:
 
     /// Whether this is a device path, such as "\\?\C:\x" or "\\.\PhysicalDrive0".
     bool isDevicePath() const {
-        return isSepAt(0) && isSepAt(1) && m_text.length() >= kDeviceRootLength &&
+        return isSepAt(0) && isSepAt(1) && m_text.length() >= kDevicePrefixLength &&
                (m_text[2] == '?' || m_text[2] == '.') && isSepAt(3);
     }
 
-    bool isShare() const { return isSepAt(0) && isSepAt(1) && skipSeps(0) == 2 && !isSepAt(2); }
+    /// Whether this begins with just two separators, as "\\server\share" does.
+    bool isShare() const { return skipSeps(0) == 2; }
 
     size_t skipServerAndShare(size_t position) const {
         return skipComponentAndSeps(skipComponentAndSeps(skipSeps(position)));
     }
 
     size_t skipDeviceRoot() const {
-        size_t const start = skipSeps(kDeviceRootLength);
-        if (m_text.Mid(start, 4).IsSameAs("UNC\\", false) ||
-            m_text.Mid(start, 4).IsSameAs("UNC/", false))
-            return skipServerAndShare(start + 4);
+        size_t const start = skipSeps(kDevicePrefixLength);
+        size_t const end = start + kShareDeviceLength;
+        if (isSepAt(end) && m_text.Mid(start, kShareDeviceLength).IsSameAs(kShareDevice, false))
+            return skipServerAndShare(end);
         return skipComponentAndSeps(start);
     }
 

@@ -52,17 +52,25 @@ private:
     int readBounced(__int64 position, unsigned char* target, int sizeBytes);
     void writeBounced(__int64 position, unsigned char const* source, int sizeBytes,
                       IWriteBarrier* barrier);
+
+    /// Reads a block of which only a part will be written; what the stream lacks of it is zero.
     void loadEdge(__int64 blockPosition, unsigned char* block);
+
+    /// Cuts off the padding that an earlier write left, if it did.
     void cutPadding();
 
     P<IInStream> m_in;
     P<IIOStream> m_out;
+
+    /// The same object as `m_out`; null if it cannot gather.
     IGatherOutStream* m_gather = nullptr;
 
     int m_positionAlign = 1;
     int m_bufferAlign = 1;
     int m_bestPerformancePositionAlign = 1;
     std::unique_ptr<unsigned char[]> m_bounceStorage;
+
+    /// In `m_bounceStorage`, aligned; null until it is needed.
     unsigned char* m_bounceBuffer = nullptr;
     int m_bounceSizeBytes = 0;
 

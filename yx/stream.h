@@ -71,7 +71,8 @@ public:
 /// A stream that can be written.
 class YX_API IOutStream : public virtual IStreamBase {
 public:
-    /// Writes all the bytes at the position and moves it on. `barrier` may be null.
+    /// Writes all the bytes at the position and moves it on. `barrier` may be null. A stream that is
+    /// open for reading only is `CIOError` `NotAllowed`, a full device `NoSpace`.
     virtual void write(void const* source, int sizeBytes, IWriteBarrier* barrier) = 0;
 
     /// The same for bytes that the caller leaves unchanged, so that the stream can pass them on
@@ -86,7 +87,8 @@ public:
     /// Pushes everything written so far down; for files, see the file system that made the stream.
     virtual void flush() = 0;
 
-    /// Truncates, or extends with zeros. The position stays.
+    /// Truncates, or extends with zeros. The position stays. Errors are those of `write`, and
+    /// `NotSupported` where the length is fixed.
     virtual void setLength(__int64 length) = 0;
 };
 

@@ -97,16 +97,27 @@ private:
 
     [[noreturn]] void throwClosed() const;
     void seekOutsideWindow(__int64 position);
+
+    /// Both set the position: with the cursor in no window, or in the one that holds it, if any.
     void leaveWindow(__int64 position);
     void enterWindow(__int64 position);
 
+    /// `read` and `readLax` of what the cursor's window does not hold as a whole.
     void readExactly(void* target, int sizeBytes);
     int readUpTo(void* target, int sizeBytes);
+
+    /// Through windows, or past them for large sizes; fewer only at the end.
     int readAt(__int64 position, unsigned char* target, int sizeBytes);
+
+    /// What one window has, fetched first if need be; 0 only at the end.
     int readPieceAt(__int64 position, unsigned char* target, int sizeBytes);
+
+    /// The stream's own bytes with those that are held back over them.
     int readContent(__int64 position, unsigned char* target, int sizeBytes);
 
     void requireWritable(int sizeBytes) const;
+
+    /// Holds the bytes back, or passes them on behind all that is held back.
     void gather(unsigned char const* source, int sizeBytes);
     void writeThrough(unsigned char const* source, int sizeBytes, IWriteBarrier* barrier);
 

@@ -1,10 +1,18 @@
 #pragma once
 
+#include "yx/props.h"
 #include "yx/uri.h"
 
-/// The errors that all streams of the framework have in common, in the same words. Internal to the
-/// library; callers see the `CIOError`s.
+/// The errors that all streams of the framework have in common, in the same words, and the
+/// properties that such errors carry. Internal to the library; callers see the `CIOError`s.
 namespace yx::detail {
+
+/// "uri" alone, for errors about a whole stream or file.
+CProps makeUriProps(CURI const& uri);
+
+/// "uri", "position" and the size, both in bytes, for errors about a range. `sizeName` tells what
+/// the size is of: "bytesToRead", "bytesToWrite" or "length".
+CProps makeRangeProps(CURI const& uri, __int64 position, char const* sizeName, __int64 sizeBytes);
 
 /// `UnexpectedEnd`: "Unexpected end of the stream." with "uri", "position" (where the read starts)
 /// and "bytesToRead" (all that was asked for).

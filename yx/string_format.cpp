@@ -7,16 +7,26 @@
 
 namespace yx {
 
+namespace {
+
+/// What a format asks for stays small, wherever the format comes from.
+constexpr size_t kMaxWidth = 999;
+
+} // namespace
+
 CStringFormatBase::CStringFormatBase(String const& format) : m_text(format) {}
 
 void CStringFormatBase::insertValue(__int64 value) {
     wxString& text = m_text.wx();
+    auto const isDigitAt = [&text](size_t position) {
+        return position < text.length() && text[position] >= '0' && text[position] <= '9';
+    };
     for (size_t start = text.find('%', m_nextPos); start != wxString::npos;
          start = text.find('%', m_nextPos)) {
         size_t end = start + 1;
         bool const zeroFilled = end < text.length() && text[end] == '0';
         size_t width = 0;
-        for (; end < text.length() && text[end] >= '0' && text[end] <= '9' && width < 100; ++end)
+        for (; isDigitAt(end) && width <= kMaxWidth / 10; ++end)
             width = width * 10 + (text[end].GetValue() - '0');
         if (end < text.length() && text[end] == 'd') {
             std::string digits = std::to_string(value);

@@ -10,8 +10,9 @@ protected:
     /// `format` has the places still to be filled.
     explicit CStringFormatBase(String const& format);
 
-    /// Replaces the next integer place of the format, such as "%d" or "%05d", by `value`. Throws
-    /// `CError` if no place is left.
+    /// Replaces the next integer place of the format, such as "%d" or "%05d", by `value`. A width is
+    /// 999 at most. Throws `CError` if no place is left: "Too many values for the format: '" and the
+    /// text so far "'".
     void insertValue(__int64 value);
 
     /// The format with the places filled so far.

@@ -33,8 +33,10 @@ public:
     CURI(CURI const& other, String const* text);
 
     /// From parts: `scheme` may be empty (a relative reference), `path` and `query` are escaped
-    /// text (completed as the parser does it), `port` is -1 for none. A user name or a port without
-    /// a host gets an empty host. A bad scheme or port is `CInvalidArgError`.
+    /// text (completed as the parser does it), `port` is -1 for none. Authentication information
+    /// without a user name gets an empty one, and a user name or a port without a host an empty
+    /// host. A bad scheme or port is `CInvalidArgError`; a percent sign without two hexadecimal
+    /// digits in `path` or `query` is `CError`: "Invalid URI: '" and that part "'".
     CURI(String const& scheme, String const& path, TConstOptRef<String> userName,
          TConstOptRef<String> userAuthInfo, TConstOptRef<String> host, __int64 port,
          TConstOptRef<String> query, TConstOptRef<String> fragment);

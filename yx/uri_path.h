@@ -3,7 +3,18 @@
 #include <string>
 #include <string_view>
 
+#include "yx/base.h"
+
 namespace yx::detail {
+
+/// The scheme of URIs that name files of the operating system.
+inline constexpr char kFileScheme[] = "file";
+
+/// The host that stands for this system, as an empty one does.
+inline constexpr char kThisHost[] = "localhost";
+
+/// The port of a URI that has none.
+inline constexpr __int64 kNoPort = -1;
 
 /// A native path with "/" for separators as a URI's path: escaped, without repeated separators.
 std::string escapeNativePath(std::string_view path);

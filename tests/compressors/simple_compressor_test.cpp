@@ -1,7 +1,10 @@
 // What both compressors promise alike, for each of them at several levels.
 
+#include <algorithm>
 #include <random>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 

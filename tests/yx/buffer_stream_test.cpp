@@ -1,33 +1,26 @@
 #include "yx/buffer_stream.h"
 
+#include <functional>
 #include <limits>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/bytes.h"
 #include "tests/support/expect_error.h"
-#include "yx/memory.h"
 
 namespace {
 
+using test_support::Buffer;
 using test_support::throwsInvalidArg;
 using test_support::throwsIOError;
+using test_support::toBuffer;
+using test_support::toBytes;
 using testing::ElementsAre;
-using Buffer = yx::TBuffer<unsigned char>;
-
-void setContent(Buffer& buffer, std::vector<unsigned char> const& content) {
-    buffer.setUsed(static_cast<int>(content.size()));
-    yx::copyMemory(buffer.getData(), content.data(), content.size());
-}
-
-std::vector<unsigned char> contentOf(Buffer const& buffer) {
-    return {buffer.getData(), buffer.getData() + buffer.getUsed()};
-}
 
 TEST(BufferStream, ReadsWhatTheBufferHolds) {
-    Buffer buffer;
-    setContent(buffer, {1, 2, 3, 4, 5});
+    Buffer buffer = toBuffer({1, 2, 3, 4, 5});
     yx::CBufferStream stream(&buffer, 2.0);
     unsigned char bytes[3] = {};
 
@@ -42,8 +35,7 @@ TEST(BufferStream, ReadsWhatTheBufferHolds) {
 }
 
 TEST(BufferStream, ReadPastTheEndThrowsAndLeavesThePosition) {
-    Buffer buffer;
-    setContent(buffer, {1, 2, 3});
+    Buffer buffer = toBuffer({1, 2, 3});
     yx::CBufferStream stream(&buffer, 2.0);
     unsigned char bytes[3] = {};
     stream.seek(2);
@@ -56,8 +48,7 @@ TEST(BufferStream, ReadPastTheEndThrowsAndLeavesThePosition) {
 }
 
 TEST(BufferStream, LaxReadsReturnWhatThereIs) {
-    Buffer buffer;
-    setContent(buffer, {1, 2, 3});
+    Buffer buffer = toBuffer({1, 2, 3});
     yx::CBufferStream stream(&buffer, 2.0);
     unsigned char bytes[3] = {};
     stream.seek(1);
@@ -89,26 +80,24 @@ TEST(BufferStream, EndIsWhereTheUsedSizeEnds) {
 }
 
 TEST(BufferStream, WriteOverwritesAndExtends) {
-    Buffer buffer;
-    setContent(buffer, {1, 2, 3});
+    Buffer buffer = toBuffer({1, 2, 3});
     yx::CBufferStream stream(&buffer, 2.0);
     stream.seek(2);
     stream.write("abc", 3, nullptr);
-    EXPECT_THAT(contentOf(buffer), ElementsAre(1, 2, 'a', 'b', 'c'));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(1, 2, 'a', 'b', 'c'));
     EXPECT_EQ(stream.getPosition(), 5);
     stream.seek(0);
     stream.write("x", 1, nullptr);
-    EXPECT_THAT(contentOf(buffer), ElementsAre('x', 2, 'a', 'b', 'c'));
+    EXPECT_THAT(toBytes(buffer), ElementsAre('x', 2, 'a', 'b', 'c'));
 }
 
 TEST(BufferStream, WritePastTheEndFillsTheGapWithZeros) {
-    Buffer buffer;
-    setContent(buffer, {1, 2, 3, 4, 5, 6, 7});
+    Buffer buffer = toBuffer({1, 2, 3, 4, 5, 6, 7});
     buffer.setUsed(2);
     yx::CBufferStream stream(&buffer, 2.0);
     stream.seek(5);
     stream.write("ab", 2, nullptr);
-    EXPECT_THAT(contentOf(buffer), ElementsAre(1, 2, 0, 0, 0, 'a', 'b'));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(1, 2, 0, 0, 0, 'a', 'b'));
 }
 
 TEST(BufferStream, EmptyWritePastTheEndDoesNotExtend) {
@@ -121,20 +110,18 @@ TEST(BufferStream, EmptyWritePastTheEndDoesNotExtend) {
 
 TEST(BufferStream, WriteKeepBufferWritesTheSlice) {
     Buffer buffer;
-    Buffer source;
-    setContent(source, {1, 2, 3, 4});
+    Buffer source = toBuffer({1, 2, 3, 4});
     yx::CBufferStream stream(&buffer, 2.0);
     stream.writeKeepBuffer(yx::TConstBufferSlice<unsigned char>(&source, 1, 2), nullptr);
-    EXPECT_THAT(contentOf(buffer), ElementsAre(2, 3));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(2, 3));
 }
 
 TEST(BufferStream, WriteOfItsOwnBytesSurvivesGrowth) {
-    Buffer buffer;
-    setContent(buffer, {1, 2, 3, 4});
+    Buffer buffer = toBuffer({1, 2, 3, 4});
     yx::CBufferStream stream(&buffer, 2.0);
     stream.seek(2);
     stream.write(buffer.getData(), 4, nullptr);
-    EXPECT_THAT(contentOf(buffer), ElementsAre(1, 2, 1, 2, 3, 4));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(1, 2, 1, 2, 3, 4));
 }
 
 TEST(BufferStream, AllocationGrowsByTheFactorOrToWhatIsNeeded) {
@@ -166,20 +153,18 @@ TEST(BufferStream, WritesWithinTheAllocationDoNotMoveTheBuffer) {
 }
 
 TEST(BufferStream, SetLengthTruncatesAndExtendsWithZeros) {
-    Buffer buffer;
-    setContent(buffer, {1, 2, 3, 4});
+    Buffer buffer = toBuffer({1, 2, 3, 4});
     yx::CBufferStream stream(&buffer, 2.0);
     stream.seek(4);
     stream.setLength(2);
-    EXPECT_THAT(contentOf(buffer), ElementsAre(1, 2));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(1, 2));
     stream.setLength(5);
-    EXPECT_THAT(contentOf(buffer), ElementsAre(1, 2, 0, 0, 0));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(1, 2, 0, 0, 0));
     EXPECT_EQ(stream.getPosition(), 4);
 }
 
 TEST(BufferStream, LengthsThatNoBufferCanHoldAreNoSpace) {
-    Buffer buffer;
-    setContent(buffer, {1});
+    Buffer buffer = toBuffer({1});
     yx::CBufferStream stream(&buffer, 2.0);
     EXPECT_TRUE(throwsIOError(yx::CIOError::NoSpace, "The stream cannot become that long.",
                               {{"uri", ""}, {"position", "0"}, {"bytesToWrite", "2147483648"}},
@@ -193,7 +178,7 @@ TEST(BufferStream, LengthsThatNoBufferCanHoldAreNoSpace) {
         throwsIOError(yx::CIOError::NoSpace, "The stream cannot become that long.",
                       {{"uri", ""}, {"position", "9223372036854775807"}, {"bytesToWrite", "2"}},
                       [&] { stream.write("ab", 2, nullptr); }));
-    EXPECT_THAT(contentOf(buffer), ElementsAre(1));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(1));
 }
 
 TEST(BufferStream, BadPositionsLengthsAndSizesAreRefused) {
@@ -229,12 +214,11 @@ TEST(BufferStream, BarriersAndFlushHaveNothingToDo) {
     EXPECT_TRUE(stream.createWriteBarrier(barrier.get()));
     stream.write("a", 1, barrier.get());
     stream.flush();
-    EXPECT_THAT(contentOf(buffer), ElementsAre('a'));
+    EXPECT_THAT(toBytes(buffer), ElementsAre('a'));
 }
 
 TEST(BufferStream, EveryOperationOfAClosedStreamIsRefused) {
-    Buffer buffer;
-    setContent(buffer, {1});
+    Buffer buffer = toBuffer({1});
     yx::CBufferStream stream(&buffer, 2.0);
     stream.close();
     stream.close();
@@ -265,7 +249,7 @@ TEST(BufferStream, EveryOperationOfAClosedStreamIsRefused) {
                                   operations[i]))
             << "operation " << i;
     }
-    EXPECT_THAT(contentOf(buffer), ElementsAre(1));
+    EXPECT_THAT(toBytes(buffer), ElementsAre(1));
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 #include "yx/buffer.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <vector>
@@ -228,6 +227,15 @@ TEST_F(CryptBuffer, HookSeesWhatAPlainBufferLeavesBehind) {
         fillAll(buffer);
     }
     EXPECT_EQ((Released{{0xA5, 0xA5}}), WatchedByte::s_released);
+}
+
+TEST_F(CryptBuffer, StorageOfBothSizesIsGotAtOnce) {
+    // So that a failure to get the larger one leaves nothing that nobody gives back.
+    { TBuffer<WatchedByte> const buffer(4, 16); }
+    { Secret const secret(16, 4); }
+    ASSERT_EQ(2u, WatchedByte::s_released.size());
+    EXPECT_EQ(16u, WatchedByte::s_released[0].size());
+    EXPECT_EQ(16u, WatchedByte::s_released[1].size());
 }
 
 TEST_F(CryptBuffer, ShowsOnlyZerosWhenTheDestructorGivesStorageBack) {

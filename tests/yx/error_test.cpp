@@ -1,5 +1,9 @@
 #include "yx/error.h"
 
+#include <functional>
+#include <memory>
+#include <typeinfo>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,7 +21,6 @@ using yx::CInvalidArgError;
 using yx::CIOError;
 using yx::CLockFileError;
 using yx::CProps;
-using yx::String;
 
 CProps someProps() {
     CProps props;
@@ -72,6 +75,7 @@ TEST(CError, CopiesNeverThrowAndShareEverything) {
     static_assert(std::is_nothrow_copy_assignable_v<CError>);
     static_assert(std::is_nothrow_copy_constructible_v<CIOError>);
     static_assert(std::is_nothrow_copy_constructible_v<CInvalidArgError>);
+    static_assert(std::is_nothrow_copy_assignable_v<CInvalidArgError>);
     static_assert(std::is_nothrow_copy_constructible_v<CFileSystemError>);
     static_assert(std::is_nothrow_copy_constructible_v<CBadPathError>);
     static_assert(std::is_nothrow_copy_constructible_v<CLockFileError>);
@@ -222,6 +226,18 @@ TEST(CInvalidArgError, NamesTheFunction) {
     EXPECT_EQ(-1, copy.getCode());
     EXPECT_EQ(nullptr, copy.getCause());
     EXPECT_EQ(kSomeProps, propsOf(copy));
+}
+
+TEST(CInvalidArgError, MovedFromErrorStaysWhole) {
+    CInvalidArgError original("CVMDKGrain::seek", "Message.", someProps());
+    CInvalidArgError const moved = std::move(original);
+    EXPECT_TRUE(original.getFunction() == "CVMDKGrain::seek");
+    EXPECT_TRUE(moved.getFunction() == "CVMDKGrain::seek");
+    CInvalidArgError assigned("", "", CProps());
+    assigned = std::move(original);
+    EXPECT_TRUE(original.getFunction() == "CVMDKGrain::seek");
+    EXPECT_TRUE(assigned.getFunction() == "CVMDKGrain::seek");
+    EXPECT_STREQ("Message.", assigned.what());
 }
 
 TEST(CFileSystemError, ShowsItsProblemAndCause) {

@@ -1,5 +1,7 @@
 #include "yx/memory_file_system.h"
 
+#include <algorithm>
+#include <functional>
 #include <random>
 #include <thread>
 #include <vector>

@@ -1,5 +1,6 @@
 #include "yx/memory.h"
 
+#include <algorithm>
 #include <vector>
 
 #include <gtest/gtest.h>

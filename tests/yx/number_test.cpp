@@ -1,6 +1,9 @@
 #include "yx/number.h"
 
+#include <algorithm>
 #include <limits>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 

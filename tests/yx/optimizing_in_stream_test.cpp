@@ -1,16 +1,20 @@
 #include "yx/optimizing_in_stream.h"
 
+#include <functional>
 #include <limits>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/bytes.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/scripted_stream.h"
 
 namespace {
 
+using test_support::Bytes;
+using test_support::pattern;
 using test_support::ScriptedAlignedStream;
 using test_support::ScriptedStream;
 using test_support::throwsInvalidArg;
@@ -19,21 +23,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Kind = ScriptedStream::Kind;
 using Operation = ScriptedStream::Operation;
-using Bytes = std::vector<unsigned char>;
 
 constexpr int kKiB = 1024;
 constexpr int kMiB = 1024 * 1024;
-
-/// Bytes that differ at any two near places.
-Bytes makeContent(int sizeBytes) {
-    Bytes content(static_cast<std::size_t>(sizeBytes));
-    unsigned int state = 1;
-    for (unsigned char& byte : content) {
-        state = state * 1664525 + 1013904223;
-        byte = static_cast<unsigned char>(state >> 24);
-    }
-    return content;
-}
 
 Bytes part(Bytes const& content, int position, int sizeBytes) {
     return {content.begin() + position, content.begin() + position + sizeBytes};
@@ -58,7 +50,7 @@ protected:
           stream(yx::makeObject<yx::COptimizingInStream>(inner.get())) {}
 
     static Bytes const& sharedContent() {
-        static Bytes const result = makeContent(4 * kMiB);
+        static Bytes const result = pattern(4 * kMiB, 1);
         return result;
     }
 
@@ -358,7 +350,7 @@ TEST_F(OptimizingInStream, LastReferenceToTheStreamUnderItGoesWithIt) {
 }
 
 TEST(OptimizingInStreamAlignment, EveryReadFitsTheDemandOfTheStream) {
-    Bytes const content = makeContent(300 * kKiB + 77);
+    Bytes const content = pattern(300 * kKiB + 77, 1);
     auto const inner = yx::makeObject<ScriptedAlignedStream>(512, 64, 65536);
     inner->content() = content;
     auto const stream = yx::makeObject<yx::COptimizingInStream>(inner.get());
@@ -381,7 +373,7 @@ TEST(OptimizingInStreamAlignment, EveryReadFitsTheDemandOfTheStream) {
 
 TEST(OptimizingInStreamAlignment, ReadThatFitsPassesThroughWithoutACopy) {
     auto const inner = yx::makeObject<ScriptedAlignedStream>(512, 64, 65536);
-    inner->content() = makeContent(kMiB);
+    inner->content() = pattern(kMiB, 1);
     auto const stream = yx::makeObject<yx::COptimizingInStream>(inner.get());
     alignas(64) static unsigned char target[128 * kKiB];
 

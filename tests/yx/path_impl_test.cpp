@@ -1,11 +1,12 @@
 #include "yx/path_impl.h"
 
-#include <cstdlib>
 #include <filesystem>
+#include <string>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/expect_error.h"
+#include "tests/support/temp_directory.h"
 
 namespace {
 
@@ -233,43 +234,36 @@ TEST(PathToAbsolute, OfAForeignTypeWithoutReferenceIsRefused) {
 /// Runs in a folder of its own.
 class CurrentFolder : public testing::Test {
 protected:
-    void SetUp() override {
-        m_before = std::filesystem::current_path();
-        std::string name = (std::filesystem::temp_directory_path() / "kelm-cwd-XXXXXX").string();
-        ASSERT_NE(nullptr, mkdtemp(name.data()));
-        m_folder = std::filesystem::canonical(name);
-        std::filesystem::current_path(m_folder);
-    }
+    void SetUp() override { std::filesystem::current_path(folder()); }
+    void TearDown() override { std::filesystem::current_path(m_before); }
 
-    void TearDown() override {
-        std::filesystem::current_path(m_before);
-        std::filesystem::remove_all(m_folder);
-    }
+    std::filesystem::path const& folder() const { return m_directory.path(); }
 
-    std::filesystem::path m_before;
-    std::filesystem::path m_folder;
+private:
+    std::filesystem::path const m_before = std::filesystem::current_path();
+    test_support::TempDirectory m_directory;
 };
 
 TEST_F(CurrentFolder, IsTheReferenceOfLastResort) {
-    EXPECT_EQ(m_folder.string(), yx::getCurrentWorkDirectoryAsString().toStdString());
-    EXPECT_EQ(m_folder.string() + "/a/../b",
+    EXPECT_EQ(folder().string(), yx::getCurrentWorkDirectoryAsString().toStdString());
+    EXPECT_EQ(folder().string() + "/a/../b",
               unixPath("a/../b").toAbsolute(UnixPath()).getPath().toStdString());
     UnixPath const normalized = unixPath("a/../b").normalize(true, UnixPath());
-    EXPECT_EQ(m_folder.string() + "/b", normalized.getPath().toStdString());
+    EXPECT_EQ(folder().string() + "/b", normalized.getPath().toStdString());
     EXPECT_TRUE(normalized.getIsNormalized());
 }
 
 TEST_F(CurrentFolder, MayHaveANameBeyondASCII) {
     std::filesystem::create_directory("\xC3\xA4 b");
     std::filesystem::current_path("\xC3\xA4 b");
-    EXPECT_EQ(m_folder.string() + "/\xC3\xA4 b",
+    EXPECT_EQ(folder().string() + "/\xC3\xA4 b",
               yx::getCurrentWorkDirectoryAsString().toStdString());
 }
 
 TEST_F(CurrentFolder, ThatIsGoneIsAnIOError) {
     std::filesystem::create_directory("gone");
     std::filesystem::current_path("gone");
-    std::filesystem::remove(m_folder / "gone");
+    std::filesystem::remove(folder() / "gone");
     EXPECT_TRUE(test_support::throwsIOError(
         yx::CIOError::IOFailure, "Cannot get the current directory: No such file or directory", {},
         [] { yx::getCurrentWorkDirectoryAsString(); }));

@@ -32,6 +32,7 @@ TEST(CStringFormat, FillsAPlaceWithZerosUpToItsWidth) {
         {"%d%%", 1, "1%"},
         {"100%% of %03d%%", 42, "100% of 042%"},
         {"%x%d", 1, "%x1"},
+        {"%1000d%d", 1, "%1000d1"},
     };
     for (Case const& c : kCases) {
         String const text = CStringFormat(c.format) << c.value;

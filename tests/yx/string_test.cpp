@@ -3,6 +3,7 @@
 #include <map>
 #include <sstream>
 #include <unordered_map>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <wx/tokenzr.h>

@@ -5,7 +5,6 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -36,14 +35,11 @@ using test_support::FaultyFileSystem;
 using test_support::FileOperation;
 using test_support::fromHex;
 using test_support::fromText;
-using test_support::HookedFileSystem;
 using test_support::IgnoredExceptionCapture;
 using test_support::LogCapture;
-using test_support::readAt;
 using test_support::RecordingFileSystem;
 using test_support::sameBytes;
 using test_support::throwsIOError;
-using test_support::writeAt;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using yx::CIOError;

@@ -1,5 +1,8 @@
 // URIs made of the operating systems' paths, and back.
 
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/expect_error.h"
@@ -298,19 +301,23 @@ constexpr RefusedCase kRefusedEverywhere[] = {
     {"file:///%C3", "its path is no UTF-8."},
 };
 
-TEST(UnixPath, RefusesWhatNamesNoFile) {
-    for (RefusedCase const& c : kRefusedEverywhere) {
+template <std::size_t N>
+void expectRefused(String (*toPath)(CURI const&), RefusedCase const (&cases)[N]) {
+    for (RefusedCase const& c : cases) {
         EXPECT_TRUE(
             throwsIOError(CIOError::NotSupported,
                           "The URI names no file of the operating system: " + std::string(c.reason),
-                          {{"uri", c.uri}}, [&] { yx::toUnixPath(CURI(c.uri)); }));
+                          {{"uri", c.uri}}, [&] { toPath(CURI(c.uri)); }));
     }
-    for (char const* uri : {"file://server/share/a", "//server/a"}) {
-        EXPECT_TRUE(throwsIOError(
-            CIOError::NotSupported,
-            "The URI names no file of the operating system: its host is another system.",
-            {{"uri", uri}}, [&] { yx::toUnixPath(CURI(uri)); }));
-    }
+}
+
+TEST(UnixPath, RefusesWhatNamesNoFile) {
+    expectRefused(yx::toUnixPath, kRefusedEverywhere);
+    constexpr RefusedCase kCases[] = {
+        {"file://server/share/a", "its host is another system."},
+        {"//server/a", "its host is another system."},
+    };
+    expectRefused(yx::toUnixPath, kCases);
 }
 
 TEST(WindowsPath, ComesFromAFileURIOrARelativeReference) {
@@ -331,24 +338,14 @@ TEST(WindowsPath, ComesFromAFileURIOrARelativeReference) {
 }
 
 TEST(WindowsPath, RefusesWhatNamesNoFile) {
-    for (RefusedCase const& c : kRefusedEverywhere) {
-        EXPECT_TRUE(
-            throwsIOError(CIOError::NotSupported,
-                          "The URI names no file of the operating system: " + std::string(c.reason),
-                          {{"uri", c.uri}}, [&] { yx::toWindowsPath(CURI(c.uri)); }));
-    }
+    expectRefused(yx::toWindowsPath, kRefusedEverywhere);
     constexpr RefusedCase kCases[] = {
         {"file:///C:/a%5Cb", "a name in its path holds a zero byte or a separator."},
         {"file://a%5Cb/c", "its host is no server's name."},
         {"file://%00/c", "its host is no server's name."},
         {"//a%2Fb/c", "its host is no server's name."},
     };
-    for (RefusedCase const& c : kCases) {
-        EXPECT_TRUE(
-            throwsIOError(CIOError::NotSupported,
-                          "The URI names no file of the operating system: " + std::string(c.reason),
-                          {{"uri", c.uri}}, [&] { yx::toWindowsPath(CURI(c.uri)); }));
-    }
+    expectRefused(yx::toWindowsPath, kCases);
 }
 
 TEST(WindowsPath, SurvivesTheWayThroughAURIsText) {

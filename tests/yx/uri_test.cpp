@@ -3,7 +3,6 @@
 #include <set>
 #include <sstream>
 #include <unordered_set>
-#include <vector>
 
 #include <gtest/gtest.h>
 
