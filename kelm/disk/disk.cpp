@@ -12,12 +12,6 @@
 
 namespace kelm {
 
-namespace {
-
-constexpr int kDefaultCachedTableLimit = 1024;
-
-} // namespace
-
 CVMDKDisk::CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                      yx::String const& password, int compressionLevel,
                      CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk)
@@ -27,9 +21,8 @@ CVMDKDisk::CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOSt
       m_compressionLevel(compressionLevel) {
     yx::CProps const uriProps = yx::CProps().add("uri", uri.toString(true));
     takeLock(uri);
-    m_grainTableCache = grainTableCache
-                            ? yx::P<CVMDKGrainTableCache>(grainTableCache)
-                            : yx::makeObject<CVMDKGrainTableCache>(kDefaultCachedTableLimit);
+    m_grainTableCache = grainTableCache ? yx::P<CVMDKGrainTableCache>(grainTableCache)
+                                        : yx::makeObject<CVMDKGrainTableCache>();
     readDescriptor(uriProps);
     unwrapEncryptionKey(password, uriProps);
     m_createExtentFilesOnDemand = m_descriptor->getYxCreateExtentFilesOnDemand();

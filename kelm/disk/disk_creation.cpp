@@ -8,6 +8,7 @@
 #include "kelm/extent/low_level_file_stream.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/empty_sparse_extent_file.h"
+#include "kelm/format/rounding.h"
 #include "yx/error.h"
 #include "yx/mt_rand.h"
 #include "yx/string_format.h"
@@ -163,8 +164,7 @@ __int64 CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(__int64 minSizeBytes)
             "Invalid VMDK disk size: " + yx::toString(minSizeBytes) + " bytes.", yx::CProps());
     }
     __int64 const sizeBytes = std::max(minSizeBytes, kMinDiskSizeBytes);
-    return (sizeBytes + kNewDiskGrainSizeBytes - 1) / kNewDiskGrainSizeBytes *
-           kNewDiskGrainSizeBytes;
+    return roundUpToMultiple(sizeBytes, kNewDiskGrainSizeBytes);
 }
 
 yx::P<CVMDKDisk> CVMDKDisk::create(yx::IFileSystem* fileSystem, yx::CURI const& uri,

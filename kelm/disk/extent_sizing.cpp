@@ -36,18 +36,21 @@ FileBudget calcFileBudget(__int64 sizeBytes, bool compressed, __int64 fileSizeLi
 __int64 calcOverheadBytes(FileBudget const& budget, bool compressed,
                           __int64 worstCaseDescriptorBytes) {
     __int64 const budgetGrains = budget.bytes / kNewDiskGrainSizeBytes;
-    __int64 const tables = (budgetGrains + 511) / 512;
-    __int64 const directorySectors = (tables * 4 + 511) / 512;
+    __int64 const tables = (budgetGrains + kGrainTableEntryCount - 1) / kGrainTableEntryCount;
+    __int64 const directorySectors = roundUpToSectors(tables * kDirectoryEntrySizeBytes);
     // Directory and tables twice, and the header.
-    __int64 overheadBytes = (directorySectors + tables * 4) * 1024 + kSectorSizeBytes;
+    __int64 overheadSectors = (directorySectors + tables * kGrainTableSizeSectors) * 2 + 1;
+    // The slot size directory and its tables, and a marker before each of three directories and
+    // their tables.
     if (compressed)
-        overheadBytes += (directorySectors + tables * 5 + 3) * kSectorSizeBytes;
+        overheadSectors += directorySectors + tables * (kSlotSizeTableSizeSectors + 3) + 3;
+    __int64 overheadBytes = overheadSectors * kSectorSizeBytes;
     if (budget.embedded)
         overheadBytes += worstCaseDescriptorBytes;
     overheadBytes = roundUpToMultiple(overheadBytes, kNewDiskGrainSizeBytes);
     // A sector a grain for record headers, and the trail; deliberately behind the rounding.
     if (compressed)
-        overheadBytes += (budgetGrains + 3) * kSectorSizeBytes;
+        overheadBytes += (budgetGrains + kTrailSectors) * kSectorSizeBytes;
     return overheadBytes;
 }
 
@@ -57,8 +60,7 @@ __int64 calcWorstCaseDescriptorBytes(int lineBytes) {
     unsigned int const linesBytes =
         static_cast<unsigned int>(lineBytes) * static_cast<unsigned int>(kMaxExtentLines);
     __int64 const bytes = static_cast<int>(linesBytes);
-    return (bytes + kDescriptorBaseBytes + kSectorSizeBytes - 1) / kSectorSizeBytes *
-           kSectorSizeBytes;
+    return roundUpToMultiple(bytes + kDescriptorBaseBytes, kSectorSizeBytes);
 }
 
 } // namespace
@@ -83,9 +85,7 @@ ExtentSizing sizeExtents(__int64 sizeBytes, bool compressed, __int64 fileSizeLim
     __int64 const lineCount = sizeBytes / maxExtentPayloadBytes + 1;
     bool const tooManyLines = lineCount > worstCaseDescriptorBytes;
     __int64 const descriptorSectors =
-        tooManyLines ? 0
-                     : (lineCount * lineBytes + kDescriptorBaseBytes + kSectorSizeBytes - 1) /
-                           kSectorSizeBytes;
+        tooManyLines ? 0 : roundUpToSectors(lineCount * lineBytes + kDescriptorBaseBytes);
     if (tooManyLines || descriptorSectors * kSectorSizeBytes > worstCaseDescriptorBytes) {
         // Deliberate: both numbers are the worst case; logs are compared with earlier ones.
         yx::String const worstCase = yx::toString(worstCaseDescriptorBytes);

@@ -25,10 +25,9 @@ struct ExtentSizing {
 constexpr __int64 kNewDiskGrainSizeBytes = __int64{kNewDiskGrainSizeSectors} * kSectorSizeBytes;
 
 /// Sizes the extents of a disk of `sizeBytes` bytes. `fileSizeLimit` is in bytes or
-/// `kUnlimitedFileSize`;
-/// `mainFileNameBytes` is the UTF-8 length of the main file's name, which the extents' names are
-/// about as long as. Throws `yx::CError` if the limit leaves no room for a grain, or if the disk
-/// would need more extent lines than the descriptor may have.
+/// `kUnlimitedFileSize`; `mainFileNameBytes` is the UTF-8 length of the main file's name, which the
+/// extents' names are about as long as. Throws `yx::CError` if the limit leaves no room for a
+/// grain, or if the disk would need more extent lines than the descriptor may have.
 ExtentSizing sizeExtents(__int64 sizeBytes, bool compressed, __int64 fileSizeLimit,
                          int mainFileNameBytes);
 

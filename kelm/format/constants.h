@@ -6,7 +6,7 @@
 
 namespace kelm {
 
-/// The numbers of the file format that several classes need. All sizes are fixed by the format.
+// The numbers of the file format that several classes need. All sizes are fixed by the format.
 
 /// Positions in metadata count sectors from the start of the extent file.
 inline constexpr int kSectorSizeBytes = 512;

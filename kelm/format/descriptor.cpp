@@ -5,7 +5,6 @@
 #include "kelm/format/descriptor_text.h"
 #include "kelm/format/marker.h"
 #include "yx/error.h"
-#include "yx/number.h"
 
 namespace kelm {
 

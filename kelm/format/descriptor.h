@@ -17,8 +17,9 @@ namespace kelm {
 /// lines are written in a normal form (`key=value`, `ddb.key = "value"`), all other lines as they
 /// were read. No escapes exist: quotes in values and file names are written as they stand.
 ///
-/// Getters of numbers and bytes throw what the framework's parsers throw on bad text. "Not found"
-/// below is `yx::CError` "VMDK descriptor value '" key "' not found.".
+/// Getters of numbers and bytes throw what the framework's parsers throw on bad text, and numbers
+/// of more bits than the getter returns lose the upper ones. "Not found" below is `yx::CError`
+/// "VMDK descriptor value '" key "' not found.".
 class KELM_API CVMDKDescriptor : public yx::CBase {
 public:
     /// A line that is kept verbatim: a comment, an empty line, or anything not understood.
@@ -91,7 +92,8 @@ public:
     /// Adds a line, to be kept verbatim, in the place where `setValue` would put a new key.
     void addGenericLine(yx::String const& line, bool inHeader);
 
-    /// Appends an extent line and shares the object with the caller. It must not be null.
+    /// Appends an extent line, at the very end, and shares the object with the caller. Null is
+    /// `yx::CInvalidArgError`.
     void addExtentEntry(CVMDKExtentInfo* entry);
 
     /// Appends every extent line, in file order, to `target`.

@@ -14,13 +14,12 @@ namespace kelm {
 namespace {
 
 constexpr int kMaxDescriptorSizeBytes = 5 * 1024 * 1024;
-constexpr unsigned int kNoContentID = 0xFFFFFFFF;
 
 [[noreturn]] void throwCorrupt(yx::IIOStream& stream, yx::String const& message) {
     throw yx::CIOError(yx::CIOError::CorruptData, message, uriPropsOf(stream), nullptr);
 }
 
-/// Runs `operation` and puts the stream's position back, also when it fails.
+/// Runs `operation` and puts the stream's position back, also when it fails with a `yx::CError`.
 template <class Operation>
 void keepPosition(yx::IIOStream& stream, Operation operation) {
     __int64 const position = stream.getPosition();
@@ -38,7 +37,8 @@ void keepPosition(yx::IIOStream& stream, Operation operation) {
     }
 }
 
-/// In 64 bits, so a number that no file can have may come out as anything.
+/// A number that no file can have wraps around; what does not come out as 0 or negative is for
+/// `verifyRange` to refuse.
 __int64 sectorsToBytes(unsigned long long sectors) {
     return static_cast<__int64>(sectors * kSectorSizeBytes);
 }
@@ -131,7 +131,7 @@ unsigned int CVMDKDescriptorAccessor::changeContentID() {
     verifyWriteAccess("changeContentID");
     unsigned int const oldID = m_descriptor->getContentID();
     unsigned int newID = drawNumber();
-    while (newID == 0 || newID == kNoContentID || newID == oldID)
+    while (newID == 0 || newID == kNoParentContentID || newID == oldID)
         newID = drawNumber();
     m_descriptor->setContentID(newID);
     return newID;

@@ -12,8 +12,7 @@ namespace kelm {
 /// - `grainCount` is the extent's capacity, `grainSizeSectors` the size of a grain.
 /// - `zeroBuffer` is all zero with a used size of at least 512; zeros are written in pieces of it.
 /// - `descriptor` is embedded in an area of `descriptorSizeSectors`; it may be null. It is stored
-/// as
-///   UTF-8, which sets its encoding.
+///   as UTF-8, which sets its encoding.
 /// - `encryptionKeyHash` is empty for an extent that is not enciphered, and at most 427 bytes.
 ///
 /// `yx::CInvalidArgError`, before anything is touched, for arguments out of these ranges and for

@@ -86,11 +86,9 @@ yx::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParse(std::wstring_view line) {
         return {};
     if (!offsetText.empty() && !tryParseNumber(offsetText, offset))
         return {};
-    auto extent = yx::makeObject<CVMDKExtentInfo>("", sizeSectors, "", "", offset);
-    detail::assign(extent->m_access, access);
-    detail::assign(extent->m_type, type);
-    detail::assign(extent->m_filename, filename);
-    return extent;
+    return yx::makeObject<CVMDKExtentInfo>(detail::toString(access), sizeSectors,
+                                           detail::toString(type), detail::toString(filename),
+                                           offset);
 }
 
 yx::String CVMDKExtentInfo::toString() {

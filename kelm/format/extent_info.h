@@ -23,7 +23,7 @@ public:
     /// The text between the quotes, as it stands.
     yx::String getFilename() const { return m_filename; }
 
-    /// -1 if the line has none.
+    /// The number behind the file name, which opening a disk ignores; -1 if the line has none.
     __int64 getOffset() const { return m_offset; }
 
     /// Reads a line of an access word, a size in sectors, a type word, a file name in double quotes

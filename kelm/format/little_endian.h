@@ -5,13 +5,13 @@
 
 namespace kelm {
 
-// Numbers in bytes that are in memory already. Compilers make one move of each of these.
+// Numbers in bytes that are in memory already; a stream has `yx::CDataInStream` for them.
 
 template <class Number>
 Number loadLittleEndian(unsigned char const* source) {
     Number number = 0;
     for (std::size_t i = 0; i < sizeof(Number); ++i)
-        number |= static_cast<Number>(source[i]) << (i * CHAR_BIT);
+        number = static_cast<Number>(number | static_cast<Number>(source[i]) << (i * CHAR_BIT));
     return number;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include "kelm/format/constants.h"
 #include "kelm/format/little_endian.h"
@@ -94,6 +95,26 @@ void verifyPositionBehindDirectory(yx::CDataOutStream& stream, __int64 expectedS
     }
 }
 
+/// Writes, from a sector boundary on, a directory of `tableCount` tables and the empty tables
+/// behind it, each of them behind its marker if they have one.
+void writeEmptyDirectoryAndTables(yx::CDataOutStream& stream, __int64 tableCount,
+                                  int tableSizeSectors, std::optional<VMDKMarkerID> tableMarker,
+                                  yx::TBuffer<unsigned char> const& zeroBuffer,
+                                  char const* function) {
+    int const markerSectors = tableMarker ? kMarkerSizeSectors : 0;
+    __int64 const firstTableSector =
+        getVMDKDirectorySizeSectors(tableCount) + getStreamPositionVMDKSectors(stream);
+    writeDirectoryEntries(stream, tableCount, firstTableSector + markerSectors,
+                          markerSectors + tableSizeSectors);
+    padToSectorBoundary(stream, zeroBuffer, function);
+    verifyPositionBehindDirectory(stream, firstTableSector);
+    for (__int64 i = 0; i < tableCount; ++i) {
+        if (tableMarker)
+            writeVMDKMarker(stream, *tableMarker, tableSizeSectors, zeroBuffer);
+        vmdkWritePadding(stream, tableSizeSectors * kSectorSizeBytes, zeroBuffer);
+    }
+}
+
 } // namespace
 
 void writeVMDKMarker(yx::CDataOutStream& stream, VMDKMarkerID type, __int64 value,
@@ -162,35 +183,19 @@ void writeEmptyVMDKGrainDirectoryAndTables(yx::CDataOutStream& stream, __int64 t
                                            bool withMarkers) {
     constexpr char kFunction[] = "writeEmptyVMDKGrainDirectoryAndTables";
     verifyTableCount(tableCount, kFunction);
-    int const markerSectors = withMarkers ? kMarkerSizeSectors : 0;
-    __int64 const firstTableSector =
-        getVMDKDirectorySizeSectors(tableCount) + getStreamPositionVMDKSectors(stream);
-    writeDirectoryEntries(stream, tableCount, firstTableSector + markerSectors,
-                          markerSectors + kGrainTableSizeSectors);
-    padToSectorBoundary(stream, zeroBuffer, kFunction);
-    verifyPositionBehindDirectory(stream, firstTableSector);
-    for (__int64 i = 0; i < tableCount; ++i) {
-        if (withMarkers)
-            writeVMDKMarker(stream, VMDKMarkerGrainTable, kGrainTableSizeSectors, zeroBuffer);
-        vmdkWritePadding(stream, kGrainTableSizeBytes, zeroBuffer);
-    }
+    writeEmptyDirectoryAndTables(stream, tableCount, kGrainTableSizeSectors,
+                                 withMarkers ? std::optional(VMDKMarkerGrainTable) : std::nullopt,
+                                 zeroBuffer, kFunction);
 }
 
 void writeEmptyVMDKSlotSizeDirectoryWithMarkerAndTablesWithMarkers(
     yx::CDataOutStream& stream, __int64 tableCount, yx::TBuffer<unsigned char> const& zeroBuffer) {
     constexpr char kFunction[] = "writeEmptyVMDKSlotSizeDirectoryWithMarkerAndTablesWithMarkers";
     verifyTableCount(tableCount, kFunction);
-    __int64 const directorySectors = getVMDKDirectorySizeSectors(tableCount);
-    writeVMDKMarker(stream, VMDKMarkerYxSlotSizeDirectory, directorySectors, zeroBuffer);
-    __int64 const firstTableSector = directorySectors + getStreamPositionVMDKSectors(stream);
-    writeDirectoryEntries(stream, tableCount, firstTableSector + kMarkerSizeSectors,
-                          kMarkerSizeSectors + kSlotSizeTableSizeSectors);
-    padToSectorBoundary(stream, zeroBuffer, kFunction);
-    verifyPositionBehindDirectory(stream, firstTableSector);
-    for (__int64 i = 0; i < tableCount; ++i) {
-        writeVMDKMarker(stream, VMDKMarkerYxSlotSizeTable, kSlotSizeTableSizeSectors, zeroBuffer);
-        vmdkWritePadding(stream, kSlotSizeTableSizeBytes, zeroBuffer);
-    }
+    writeVMDKMarker(stream, VMDKMarkerYxSlotSizeDirectory, getVMDKDirectorySizeSectors(tableCount),
+                    zeroBuffer);
+    writeEmptyDirectoryAndTables(stream, tableCount, kSlotSizeTableSizeSectors,
+                                 VMDKMarkerYxSlotSizeTable, zeroBuffer, kFunction);
 }
 
 } // namespace kelm

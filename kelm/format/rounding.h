@@ -4,7 +4,8 @@
 
 namespace kelm {
 
-/// `value` rounded up to a multiple of `unit`; `value` is not negative, `unit` is above 0.
+/// `value` rounded up to a multiple of `unit`, which is above 0. A negative value may come out one
+/// `unit` higher still.
 constexpr __int64 roundUpToMultiple(__int64 value, __int64 unit) {
     return (value + unit - 1) / unit * unit;
 }

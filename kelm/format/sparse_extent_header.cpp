@@ -138,8 +138,8 @@ int CVMDKSparseExtentHeader::getPaddingSizeBytes() const {
                : kPlainPaddingSizeBytes;
 }
 
-/// Fits the padding to the variant. A header that changed its variant after it was loaded or stored
-/// grows here, and memory that nobody has written must not reach the file.
+/// Fits the padding to the variant. It grows here if the header changed its variant since it was
+/// loaded or stored, and memory that nobody has written must not reach the file.
 void CVMDKSparseExtentHeader::resizePadding() {
     int const oldSizeBytes = m_padding.getUsed();
     int const newSizeBytes = getPaddingSizeBytes();

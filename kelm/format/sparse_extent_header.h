@@ -99,8 +99,8 @@ public:
     bool getEncryptionExtensionEnabled() const { return m_encryptionExtensionEnabled; }
     void setEncryptionExtensionEnabled(bool enabled) { m_encryptionExtensionEnabled = enabled; }
 
-    /// `kEncryptionAlgorithmNone` or `kEncryptionAlgorithmAES256CBC`. The setter's name is deliberate:
-    /// hosts link against it.
+    /// `kEncryptionAlgorithmNone` or `kEncryptionAlgorithmAES256CBC`. The setter's name is
+    /// deliberate: hosts link against it.
     unsigned short getEncryptionAlgorithm() const { return m_encryptionAlgorithm; }
     void setEncryptionAlgorthm(unsigned short algorithm) { m_encryptionAlgorithm = algorithm; }
 

@@ -30,15 +30,8 @@ View<Char> trimmed(View<Char> text) {
     return trimmedLeft(text);
 }
 
-/// Copies `text` over `target`.
-inline void assign(yx::String& target, std::wstring_view text) {
-    target.wx().assign(text.data(), text.size());
-}
-
 inline yx::String toString(std::wstring_view text) {
-    yx::String result;
-    assign(result, text);
-    return result;
+    return wxString(text.data(), text.size());
 }
 
 } // namespace kelm::detail

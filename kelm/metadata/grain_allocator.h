@@ -27,9 +27,9 @@ public:
     /// overwritten, and, unless the access is read-only, the next flush writes the trail behind it.
     /// The stream's position is restored.
     ///
-    /// A grain size below 1, or one that no buffer can hold, is `yx::CIOError` `CorruptData` with
-    /// "uri"; such an alignment is `yx::CInvalidArgError`. A file that is shorter than the trail is
-    /// the stream's error.
+    /// A grain size below 1, or of which no buffer can hold two, is `yx::CIOError` `CorruptData`
+    /// with "uri"; an alignment below 1, or that no buffer can hold, is `yx::CInvalidArgError` with
+    /// "uri". A file that is shorter than the trail is the stream's error.
     CVMDKGrainAllocator(yx::IIOStream* stream, yx::IIOStream::Access access,
                         __int64 grainSizeSectors, __int64 alignmentSectors,
                         CVMDKGrainDirectory* directory,
@@ -46,9 +46,11 @@ public:
     /// Writes the trail behind the last slot if it is not there already.
     void flushChangesToStream() override;
 
-    /// Throws `yx::CInvalidArgError` for a slot smaller than the data, then `yx::CError` if the
-    /// access is read-only. When a write fails, the grain table is unchanged and the slot is not
-    /// given away.
+    /// Throws `yx::CInvalidArgError` for a slot smaller than the data and for a negative size, then
+    /// `yx::CError` if the access is read-only; what the stream and the directory throw passes.
+    ///
+    /// A failure leaves the grain table unchanged. The next slot then begins where this one would
+    /// have, or, if the data themselves could be written, behind what was written.
     __int64 allocNewGrain(__int64 grainIndex, void const* data, int size,
                           int slotSizeSectors) override;
     __int64 allocNewGrainKeepBuffer(__int64 grainIndex,

@@ -34,6 +34,7 @@ void verifyAtLeastOne(__int64 value, char const* function, char const* field) {
     }
 }
 
+/// 0 for a directory that the extent does not have.
 __int64 getEntry(yx::TBuffer<unsigned int> const& directory, int index) {
     return directory.getUsed() > 0 ? directory.getData()[index] : 0;
 }
@@ -71,10 +72,12 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(yx::IIOStream* stream, yx::IIOStream::A
       m_entriesPerTable(entriesPerTable),
       m_compressed(compressed),
       m_capacitySectors(capacitySectors) {
+    // The cache knows directories by address, and one whose last flush failed has left its tables
+    // there: they are of another file.
+    m_grainTableCache->removeCachedTablesFromDirectory(this);
     verifySizes();
     m_grainCount = calcExtentGrainCount(m_capacitySectors, m_grainSizeSectors);
-    m_tableCount =
-        calcExtentGrainTableCount(m_capacitySectors, m_grainSizeSectors, m_entriesPerTable);
+    m_tableCount = divideRoundingUp(m_grainCount, m_entriesPerTable);
     verifyTablesFitStream();
     readDirectories();
     findSlotDirectory();
@@ -114,6 +117,7 @@ yx::P<CVMDKGrainTable> CVMDKGrainDirectory::loadRun(__int64 tableIndex) {
         if (index == tableIndex)
             result = table;
     }
+    // Cannot be, since the index lies within its run.
     if (!result) {
         throw yx::CError("Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, "
                          "but did not encounter the requested table (requested index: " +

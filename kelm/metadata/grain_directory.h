@@ -28,7 +28,8 @@ public:
                                              int entriesPerTable);
 
     /// Reads the directories. `redundantDirectoryPosSectors` of 0 or below means that there is no
-    /// redundant directory.
+    /// redundant directory. Tables that an earlier directory of the same address left in the cache
+    /// (see the destructor) go.
     ///
     /// Sizes and positions that cannot be (a grain size or table size below 1, a negative capacity,
     /// directories or tables that exceed the stream) are `yx::CIOError` `CorruptData` with "uri". A
@@ -88,6 +89,7 @@ private:
     __int64 m_grainSizeSectors;
     int m_entriesPerTable;
     bool m_compressed;
+    // Part of the object's shape; behind the constructor only the tables are counted.
     __int64 m_grainCount = 0;
     __int64 m_tableCount = 0;
     yx::TBuffer<unsigned int> m_directory;

@@ -4,15 +4,15 @@
 
 namespace kelm {
 
-/// How often the grain tables of a cache turned from unchanged to changed. Who knows that all tables
-/// were flushed at some count need not look at them again while it stays. Internal.
+/// How often the grain tables of a cache turned from unchanged to changed. Tables that were all
+/// flushed at some count need no further look as long as the count stays. Internal.
 class CVMDKTableChangeCount : public yx::CBase {
 public:
-    /// The count, and one more.
+    /// The count so far; a table adds to it with its first change since its last flush.
     unsigned long long get() const { return m_count; }
     void increment() { ++m_count; }
 
-    /// Whether all tables of the cache count here.
+    /// Whether all tables of the cache count here. If not, the count tells nothing.
     bool isComplete() const { return m_isComplete; }
     void setIncomplete() { m_isComplete = false; }
 

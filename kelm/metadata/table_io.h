@@ -1,9 +1,10 @@
 #pragma once
 
 #include <bit>
-#include <climits>
 
+#include "kelm/format/little_endian.h"
 #include "kelm/format/uri_props.h"
+#include "yx/buffer.h"
 
 namespace kelm {
 
@@ -13,7 +14,7 @@ namespace kelm {
 /// Metadata up to this size may be larger than the file that it is said to lie in, since tables can
 /// share sectors (a directory entry of 0 means sector 0). Beyond it the file must have room for all
 /// of it, so that memory and time stay in proportion to the file.
-constexpr __int64 kUncheckedMetadataSizeBytes = 4194304;
+constexpr __int64 kUncheckedMetadataSizeBytes = 4 * 1024 * 1024;
 
 /// Throws `yx::CIOError` `CorruptData`: "Invalid <field> in VMDK sparse extent: <value>" with
 /// "uri".
@@ -27,20 +28,14 @@ void seekToSector(yx::IStreamBase& stream, __int64 posSectors, char const* field
 
 namespace detail {
 
-template <class T>
-T swapBytes(T value) {
-    T swapped = 0;
-    for (unsigned int i = 0; i < sizeof(T); ++i)
-        swapped = static_cast<T>(swapped << CHAR_BIT | (value >> i * CHAR_BIT & UCHAR_MAX));
-    return swapped;
-}
-
 /// Between the file's byte order and the machine's, either way.
 template <class T>
 void convertByteOrder(yx::TBuffer<T>& numbers) {
     if constexpr (std::endian::native == std::endian::big) {
-        for (int i = 0; i < numbers.getUsed(); ++i)
-            numbers.getData()[i] = swapBytes(numbers.getData()[i]);
+        for (int i = 0; i < numbers.getUsed(); ++i) {
+            T& number = numbers.getData()[i];
+            number = loadLittleEndian<T>(reinterpret_cast<unsigned char const*>(&number));
+        }
     }
 }
 
@@ -66,8 +61,9 @@ void writeNumbers(yx::IOutStream& stream, __int64 posSectors, char const* field,
         yx::TBuffer<T> converted(numbers);
         detail::convertByteOrder(converted);
         stream.write(converted.getData(), sizeBytes, nullptr);
-    } else
+    } else {
         stream.write(numbers.getData(), sizeBytes, nullptr);
+    }
 }
 
 } // namespace kelm

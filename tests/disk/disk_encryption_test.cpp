@@ -27,7 +27,7 @@ Bytes sha256(Bytes const& data) {
 
 class DiskEncryption : public DiskTest {
 protected:
-    /// An encrypted disk whose descriptor has `replacement` for a key and its value.
+    /// An encrypted disk whose descriptor has another value for a key.
     void createWith(std::string const& key, std::string const& value) {
         files = yx::makeObject<yx::CMemoryFileSystem>();
         create({.fileSizeLimit = kSplitLimit, .password = "secret"});

@@ -19,6 +19,7 @@ constexpr char kText[] = "# Disk DescriptorFile\nversion=1\nencoding=\"UTF-8\"\n
                          "parentCID=ffffffff\ncreateType=\"twoGbMaxExtentSparse\"\n\n"
                          "RW 128 SPARSE \"extent.vmdk\"\nRW 128 SPARSE \"extent2.vmdk\"\n";
 
+/// What the operations of an extent do to the content ID; tests/format has the updater by itself.
 class ContentIDUpdater : public ExtentTest {
 protected:
     ContentIDUpdater() { putMainFile(kText); }

@@ -37,7 +37,7 @@ testing::AssertionResult endsUnexpectedly(std::function<void()> const& action) {
 
 TEST_F(ExtentBadInput, DirectoriesOutsideTheFileFailAtTheOpening) {
     for (Kind const& kind : kAllKinds) {
-        for (std::size_t const offset : {std::size_t(48), std::size_t(kDirectoryOffset)}) {
+        for (HeaderOffset const offset : {kRedundantDirectoryOffset, kDirectoryOffset}) {
             SCOPED_TRACE(kind.name + std::string(", header offset ") + std::to_string(offset));
             Bytes const good = filledFile(kind);
             setHeaderField(offset, 1 << 20, 8);
@@ -46,10 +46,11 @@ TEST_F(ExtentBadInput, DirectoriesOutsideTheFileFailAtTheOpening) {
             setHeaderField(offset, 1ULL << 62, 8);
             EXPECT_TRUE(throwsIOError(
                 yx::CIOError::CorruptData,
-                offset == 48 ? "Invalid redundant grain directory position in VMDK sparse extent: "
-                               "4611686018427387904"
-                             : "Invalid grain directory position in VMDK sparse extent: "
-                               "4611686018427387904",
+                offset == kRedundantDirectoryOffset
+                    ? "Invalid redundant grain directory position in VMDK sparse extent: "
+                      "4611686018427387904"
+                    : "Invalid grain directory position in VMDK sparse extent: "
+                      "4611686018427387904",
                 {{"uri", kExtentURI}}, [&] { openExtent(kind); }));
         }
     }
@@ -187,7 +188,8 @@ TEST_F(ExtentBadInput, SpoiltHeadersAreNeverWorseThanAnError) {
         Bytes const good = filledFile(kind);
         std::mt19937 random(kSeed);
         for (int round = 0; round < kRounds; ++round) {
-            SCOPED_TRACE(kind.name + std::string(", seed 20, round ") + std::to_string(round));
+            SCOPED_TRACE(kind.name + std::string(", seed ") + std::to_string(kSeed) + ", round " +
+                         std::to_string(round));
             Bytes bytes = good;
             for (auto count = 1 + random() % 3; count > 0; --count) {
                 std::size_t const offset = 4 + random() % 84;

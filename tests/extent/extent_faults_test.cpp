@@ -2,7 +2,6 @@
 
 #include "tests/extent/extent_fixture.h"
 #include "tests/support/faulty_file_system.h"
-#include "tests/support/grain_contents.h"
 
 namespace extent_test {
 
@@ -80,14 +79,6 @@ protected:
              }},
             {"last flush", [](auto& extent) { extent.flushChanges(); }},
         };
-    }
-
-    static Bytes preparedForm(Kind const& kind, Bytes const& plain, __int64 grainIndex) {
-        if (!kind.compressed)
-            return plain;
-        return test_support::makeRecord(
-            static_cast<unsigned long long>((grainIndex + kStartGrainIndex) * kGrainSizeSectors),
-            test_support::compressWithZlib(plain, 6));
     }
 
     /// What the extent holds in the end.

@@ -13,6 +13,7 @@
 #include "tests/support/expect_error.h"
 #include "tests/support/extent_checker.h"
 #include "tests/support/fake_data_provider.h"
+#include "tests/support/grain_contents.h"
 #include "tests/support/ignored_exception_capture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/recording_file_system.h"
@@ -55,6 +56,7 @@ enum HeaderOffset : std::size_t {
     kCapacityOffset = 12,
     kGrainSizeOffset = 20,
     kEntryCountOffset = 44,
+    kRedundantDirectoryOffset = 48,
     kDirectoryOffset = 56,
     kOverheadOffset = 64,
     kUncleanOffset = 72,
@@ -144,6 +146,15 @@ protected:
             opening.provider, updater.get(), kind.enciphered ? cipher.get() : nullptr,
             cryptBuffer(kind.enciphered ? keyBytes() : Bytes()),
             toBuffer(kind.enciphered ? iv : Bytes()));
+    }
+
+    /// A grain of the extent in prepared form, as another program makes it.
+    static Bytes preparedForm(Kind const& kind, Bytes const& plain, __int64 grainIndex) {
+        if (!kind.compressed)
+            return plain;
+        return test_support::makeRecord(
+            static_cast<unsigned long long>((grainIndex + kStartGrainIndex) * kGrainSizeSectors),
+            test_support::compressWithZlib(plain, 6));
     }
 
     Bytes content() { return toBytes(memory->getFile(uri)); }

@@ -2,7 +2,6 @@
 
 #include "tests/extent/extent_fixture.h"
 #include "tests/support/faulty_file_system.h"
-#include "tests/support/grain_contents.h"
 
 namespace extent_test {
 

@@ -2,7 +2,6 @@
 #include <limits>
 
 #include "tests/extent/extent_fixture.h"
-#include "tests/support/grain_contents.h"
 
 namespace extent_test {
 
@@ -20,15 +19,6 @@ protected:
         Buffer data;
         extent.readPreparedGrainData(data);
         return toBytes(data);
-    }
-
-    /// A record that another program made for a grain of the extent.
-    static Bytes preparedForm(Kind const& kind, Bytes const& plain, __int64 grainIndex) {
-        if (!kind.compressed)
-            return plain;
-        return test_support::makeRecord(
-            static_cast<unsigned long long>((grainIndex + kStartGrainIndex) * kGrainSizeSectors),
-            test_support::compressWithZlib(plain, 6));
     }
 
     static Bytes plainForm(Kind const& kind, Bytes const& prepared) {

@@ -1,5 +1,3 @@
-#include <optional>
-
 #include "tests/extent/extent_fixture.h"
 #include "tests/support/fake_cipher.h"
 #include "tests/support/faulty_file_system.h"
