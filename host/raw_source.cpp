@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>

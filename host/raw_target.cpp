@@ -91,7 +91,11 @@ void RawTarget::beginWriting() {
 }
 
 void RawTarget::write(unsigned char const* data, int bytes) {
-    writeBytes(data, bytes);
+    if (beginWritingAnywhere())
+        writeAt(m_positionBytes, data, bytes);
+    else
+        writeToPipe(data, bytes);
+    passWritten(bytes);
 }
 
 void RawTarget::writeZeros(__int64 bytes) {
@@ -103,27 +107,44 @@ void RawTarget::writeZeros(__int64 bytes) {
     static constexpr std::array<unsigned char, kZerosSizeBytes> kZeros{};
     while (bytes > 0) {
         int const step = static_cast<int>(std::min<__int64>(bytes, kZerosSizeBytes));
-        writeBytes(kZeros.data(), step);
+        write(kZeros.data(), step);
         bytes -= step;
     }
 }
 
-void RawTarget::writeBytes(unsigned char const* data, int bytes) {
+bool RawTarget::beginWritingAnywhere() {
     beginWriting();
+    return m_kind != Kind::Pipe;
+}
+
+void RawTarget::writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const {
     while (bytes > 0) {
-        if (m_kind == Kind::Pipe)
-            waitUntilReady(m_file.get(), POLLOUT, m_cancel);
-        auto const size = static_cast<std::size_t>(bytes);
-        ssize_t const count = m_kind == Kind::Pipe
-                                  ? ::write(m_file.get(), data, size)
-                                  : ::pwrite(m_file.get(), data, size, m_positionBytes);
+        ssize_t const count =
+            ::pwrite(m_file.get(), data, static_cast<std::size_t>(bytes), positionBytes);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            throwSystemError("Cannot write the image", m_path);
+        positionBytes += count;
+        data += count;
+        bytes -= static_cast<int>(count);
+    }
+}
+
+void RawTarget::passWritten(__int64 bytes) {
+    if (m_kind != Kind::Pipe)
+        m_earlyWriteBack.onWritten(m_file.get(), m_positionBytes, bytes);
+    m_positionBytes += bytes;
+}
+
+void RawTarget::writeToPipe(unsigned char const* data, int bytes) {
+    while (bytes > 0) {
+        waitUntilReady(m_file.get(), POLLOUT, m_cancel);
+        ssize_t const count = ::write(m_file.get(), data, static_cast<std::size_t>(bytes));
         if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (count < 0)
             throwSystemError("Cannot write the image", m_path);
-        if (m_kind != Kind::Pipe)
-            m_earlyWriteBack.onWritten(m_file.get(), m_positionBytes, count);
-        m_positionBytes += count;
         data += count;
         bytes -= static_cast<int>(count);
     }

@@ -27,6 +27,16 @@ public:
     /// Writes zeros as the next bytes.
     void writeZeros(__int64 bytes);
 
+    /// Begins writing, and tells whether `writeAt` works: in a file or a block device, not in a pipe.
+    bool beginWritingAnywhere();
+
+    /// Writes at a place of its own. Several threads may do so at once, each elsewhere, also while
+    /// another object function runs.
+    void writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const;
+
+    /// Counts as the next bytes what `writeAt` has written there.
+    void passWritten(__int64 bytes);
+
     /// Gives the file its length and brings everything to the device.
     void finish();
 
@@ -35,7 +45,7 @@ private:
 
     void open(bool overwrite);
     void beginWriting();
-    void writeBytes(unsigned char const* data, int bytes);
+    void writeToPipe(unsigned char const* data, int bytes);
     void syncFolder() const;
 
     std::string m_path;

@@ -254,28 +254,63 @@ private:
 /// Writes the grains of a disk to an image, with zeros between them.
 class ImageWriter {
 public:
-    ImageWriter(SafeDisk& disk, RawTarget& target) : m_disk(disk), m_target(target) {}
+    ImageWriter(SafeDisk& disk, RawTarget& target)
+        : m_target(target),
+          m_grainSizeBytes(disk.getGrainSizeBytes()),
+          m_diskSizeBytes(disk.getSizeBytes()) {}
 
-    /// Null is a grain of zeros.
+    /// Comes before the first `writeEarly`.
+    void beginEarly() { m_canWriteEarly = m_target.beginWritingAnywhere(); }
+
+    /// Writes a grain before its turn, where the image is no pipe. May be called on several threads.
+    void writeEarly(__int64 grainIndex, Buffer const& grain) const {
+        if (m_canWriteEarly)
+            m_target.writeAt(startOf(grainIndex), grain.getData(), bytesOf(grainIndex));
+    }
+
+    /// Writes a grain in its turn. Null is a grain of zeros.
     void write(__int64 grainIndex, Buffer const* grain) {
-        __int64 const startBytes = grainIndex * m_disk.getGrainSizeBytes();
-        int const bytes = bytesInDisk(m_disk, grainIndex);
-        m_target.writeZeros(startBytes - m_doneBytes);
+        skipTo(grainIndex);
         if (grain)
-            m_target.write(grain->getData(), bytes);
+            m_target.write(grain->getData(), bytesOf(grainIndex));
         else
-            m_target.writeZeros(bytes);
-        m_doneBytes = startBytes + bytes;
+            m_target.writeZeros(bytesOf(grainIndex));
+        m_doneBytes += bytesOf(grainIndex);
+    }
+
+    /// The turn of a grain for which `writeEarly` was called; null is one of zeros, for which it was
+    /// not.
+    void writeLate(__int64 grainIndex, Buffer const* grain) {
+        if (!grain || !m_canWriteEarly) {
+            write(grainIndex, grain);
+            return;
+        }
+        skipTo(grainIndex);
+        m_target.passWritten(bytesOf(grainIndex));
+        m_doneBytes += bytesOf(grainIndex);
     }
 
     void finish() {
-        m_target.writeZeros(m_disk.getSizeBytes() - m_doneBytes);
+        m_target.writeZeros(m_diskSizeBytes - m_doneBytes);
         m_target.finish();
     }
 
 private:
-    SafeDisk& m_disk;
+    __int64 startOf(__int64 grainIndex) const { return grainIndex * m_grainSizeBytes; }
+
+    int bytesOf(__int64 grainIndex) const {
+        return static_cast<int>(std::min(m_grainSizeBytes, m_diskSizeBytes - startOf(grainIndex)));
+    }
+
+    void skipTo(__int64 grainIndex) {
+        m_target.writeZeros(startOf(grainIndex) - m_doneBytes);
+        m_doneBytes = startOf(grainIndex);
+    }
+
     RawTarget& m_target;
+    __int64 m_grainSizeBytes;
+    __int64 m_diskSizeBytes;
+    bool m_canWriteEarly = false;
     __int64 m_doneBytes = 0;
 };
 
@@ -296,17 +331,23 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads, Ticker& 
                            [&](Item& item, int worker) {
                                yx::P<Buffer> const plain = unpreparer.run(
                                    item.input, item.inputIsPrepared, item.aux1, worker);
-                               if (!isZero(*plain))
-                                   item.result = plain;
+                               if (isZero(*plain))
+                                   return;
+                               // To write takes about as long as to decode.
+                               writer.writeEarly(item.grainIndex, *plain);
+                               item.result = plain;
                            });
     GrainReader reader(disk, ticker);
     pump(
         pipeline,
         [&](Item& item) {
-            return reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared);
+            if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
+                return false;
+            writer.beginEarly();
+            return true;
         },
         [&](Item& item) {
-            writer.write(item.grainIndex, item.result.get());
+            writer.writeLate(item.grainIndex, item.result.get());
             ticker.tick(item.grainIndex * disk.getGrainSizeBytes());
         });
 }

@@ -230,6 +230,28 @@ TEST_F(RawImage, PipeGetsEveryZero) {
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
+TEST_F(RawImage, PlacesAreWrittenInAnyOrder) {
+    Bytes const content = pattern(200000, 5);
+    RawTarget target(pathOf("out.raw"), false);
+    ASSERT_TRUE(target.beginWritingAnywhere());
+    target.writeAt(150000, content.data() + 150000, 50000);
+    target.writeAt(0, content.data(), 100000);
+    target.passWritten(100000);
+    target.writeZeros(50000);
+    target.passWritten(50000);
+    target.finish();
+    EXPECT_TRUE(
+        sameBytes(concat({slice(content, 0, 100000), zeros(50000), slice(content, 150000, 50000)}),
+                  readImage(pathOf("out.raw"))));
+}
+
+TEST_F(RawImage, PipeHasNoPlaces) {
+    std::string const path = makePipe("pipe");
+    int const reader = ::open(path.c_str(), O_RDWR | O_NONBLOCK);
+    EXPECT_FALSE(RawTarget(path, false).beginWritingAnywhere());
+    ::close(reader);
+}
+
 TEST_F(RawImage, WaitingForAReaderCanBeCancelled) {
     std::string const path = makePipe("pipe");
     CancelFlag cancel;

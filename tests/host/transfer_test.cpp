@@ -1,13 +1,14 @@
 #include "host/transfer.h"
 
+#include <csignal>
 #include <thread>
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "host/compare.h"
 #include "tests/host/host_fixture.h"
 #include "tests/support/faulty_file_system.h"
 
@@ -18,9 +19,6 @@ namespace {
 
 using kelm::host::CancelFlag;
 using kelm::host::CancelledError;
-using kelm::host::Comparison;
-using kelm::host::DiskContentReader;
-using kelm::host::RawContentReader;
 using kelm::host::RawSource;
 using kelm::host::RawTarget;
 using kelm::host::TransferOptions;
@@ -76,14 +74,8 @@ TEST_F(Transfer, EveryKindBecomesEveryOther) {
             {
                 yx::P<FileGuard> const guard = makeGuard(true);
                 guard->keep();
-                NewDisk request;
-                request.sizeBytes = kSmallestDiskBytes;
-                request.password = to.password;
-                request.compressed = to.compressed;
-                request.fileSizeLimitBytes = to.fileSizeLimit;
-                request.createExtentFilesOnDemand = to.onDemand;
                 std::unique_ptr<SafeDisk> const target =
-                    SafeDisk::create(guard.get(), uriOf(name), request);
+                    SafeDisk::create(guard.get(), uriOf(name), requestFor(to));
                 convertDisk(*source, *target, options);
             }
             EXPECT_TRUE(sameBytes(padded(content, kSmallestDiskBytes),
@@ -320,6 +312,40 @@ TEST_F(Transfer, DamagedGrainStopsTheExportAndLeavesNoImage) {
     EXPECT_FALSE(std::filesystem::exists(pathOf("out.raw")));
 }
 
+/// Lets no file of this process become longer for as long as it lives.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t sizeBytes) {
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        rlimit const limit{sizeBytes, m_before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        m_handlerBefore = std::signal(SIGXFSZ, SIG_IGN);
+    }
+    FileSizeLimit(FileSizeLimit const&) = delete;
+    FileSizeLimit& operator=(FileSizeLimit const&) = delete;
+    ~FileSizeLimit() {
+        std::signal(SIGXFSZ, m_handlerBefore);
+        ::setrlimit(RLIMIT_FSIZE, &m_before);
+    }
+
+private:
+    rlimit m_before{};
+    void (*m_handlerBefore)(int) = nullptr;
+};
+
+TEST_F(Transfer, ImageThatCannotBeWrittenIsRemoved) {
+    for (DiskKind const& kind : allDiskKinds()) {
+        SCOPED_TRACE(kind.name);
+        std::string const name = std::string(kind.name) + ".vmdk";
+        importImage(mixedContent(), *createSafe(kind, name));
+        FileSizeLimit const limit(kGrainBytes);
+        EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, "Cannot write the image: File too large",
+                                  {{"path", pathOf("out.raw")}},
+                                  [&] { exportImage(*openSafe(name, kReadOnly, kind.password)); }));
+        EXPECT_FALSE(std::filesystem::exists(pathOf("out.raw")));
+    }
+}
+
 TEST_F(Transfer, FailureOfAnyWriteOrReadReachesTheCaller) {
     importImage(mixedContent(), *createSafe({"", true}, "full.vmdk"));
     for (auto const kind :
@@ -376,89 +402,6 @@ TEST_F(Transfer, IndependentChildOfAnEncipheredParentHoldsWholeRecords) {
     EXPECT_EQ(kMixedGrains, countStoredGrains("child.vmdk", "secret"));
     EXPECT_TRUE(sameBytes(padded(mixedContent(), kSmallestDiskBytes),
                           contentAfterReopening("child.vmdk", "secret")));
-}
-
-class Compare : public Transfer {
-protected:
-    Comparison compare(Bytes const& left, Bytes const& right) {
-        RawSource leftSource(putImage("left.raw", left));
-        RawSource rightSource(putImage("right.raw", right));
-        RawContentReader leftReader(leftSource);
-        RawContentReader rightReader(rightSource);
-        return compareContent(leftReader, rightReader, options);
-    }
-};
-
-TEST_F(Compare, FindsEveryByteThatDiffers) {
-    struct Case {
-        char const* name;
-        std::vector<std::size_t> changed;
-        std::optional<__int64> first;
-    };
-    for (Case const& c : {
-             Case{"nothing", {}, std::nullopt},
-             Case{"first", {0}, 0},
-             Case{"in a hole", {3 * 65536 + 7}, 3 * 65536 + 7},
-             Case{"across grains", {65535, 65536, 1199999}, 65535},
-         }) {
-        SCOPED_TRACE(c.name);
-        Bytes right = mixedContent();
-        for (std::size_t const at : c.changed)
-            right[at] ^= 0x40;
-        Comparison const result = compare(mixedContent(), right);
-        EXPECT_EQ(c.first, result.firstDifferenceBytes);
-        EXPECT_EQ(static_cast<__int64>(c.changed.size()), result.differingBytes);
-        EXPECT_EQ(c.changed.empty(), result.isEqual());
-        EXPECT_EQ(1200000, result.leftBytes);
-        EXPECT_EQ(1200000, result.rightBytes);
-    }
-}
-
-TEST_F(Compare, ZerosBehindTheEndOfTheOtherSideDoNotCount) {
-    Bytes const content = mixedContent();
-    EXPECT_TRUE(compare(content, padded(content, 3000000)).isEqual());
-    EXPECT_TRUE(compare(padded(content, 1200001), content).isEqual());
-    Bytes longer = padded(content, 3000000);
-    longer[2500000] = 1;
-    Comparison const result = compare(content, longer);
-    EXPECT_EQ(std::optional<__int64>(2500000), result.firstDifferenceBytes);
-    EXPECT_EQ(1, result.differingBytes);
-    EXPECT_EQ(3000000, result.rightBytes);
-    EXPECT_TRUE(compare({}, {}).isEqual());
-}
-
-TEST_F(Compare, DisksAndImagesCompareByContent) {
-    Bytes const content = mixedContent();
-    importImage(content, *createSafe({"", true}, "a.vmdk"));
-    importImage(content, *createSafe({"", false, kSplitLimit, "pw", true}, "b.vmdk"));
-    std::unique_ptr<SafeDisk> const a = openSafe("a.vmdk", kReadOnly);
-    std::unique_ptr<SafeDisk> const b = openSafe("b.vmdk", kReadWrite, "pw");
-    {
-        DiskContentReader left(*a);
-        DiskContentReader right(*b);
-        EXPECT_TRUE(compareContent(left, right, options).isEqual());
-    }
-    writeTo(*b, 8000000, Bytes{1});
-    DiskContentReader left(*a);
-    DiskContentReader right(*b);
-    EXPECT_EQ(std::optional<__int64>(8000000),
-              compareContent(left, right, options).firstDifferenceBytes);
-    RawSource source(pathOf("in.raw"));
-    RawContentReader image(source);
-    DiskContentReader disk(*a);
-    EXPECT_TRUE(compareContent(image, disk, options).isEqual());
-}
-
-TEST_F(Compare, ReportsProgressAndCanBeCancelled) {
-    std::vector<std::pair<__int64, __int64>> reports;
-    options.progress = [&](__int64 done, __int64 total) { reports.emplace_back(done, total); };
-    compare(mixedContent(), mixedContent());
-    ASSERT_FALSE(reports.empty());
-    EXPECT_EQ((std::pair<__int64, __int64>(1200000, 1200000)), reports.back());
-    CancelFlag cancel;
-    cancel.set();
-    options.cancel = &cancel;
-    EXPECT_THROW(compare(mixedContent(), mixedContent()), CancelledError);
 }
 
 } // namespace
