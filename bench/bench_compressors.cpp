@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,7 @@
 #endif
 
 #include "bench/interleaved.h"
+#include "bench/sample_content.h"
 #include "compressors/compressors.h"
 
 namespace {
@@ -32,28 +32,6 @@ struct Grain {
     char const* name;
     Bytes bytes;
 };
-
-Bytes makeText() {
-    static char const* const kWords[] = {"grain ",  "table ", "of ",       "the ",    "disk\n",
-                                         "backup",  " and ",  "sector",    " writes", " number ",
-                                         "entry, ", "reads ", "of a file", " 4096\n", "(zero)"};
-    std::mt19937 random(1);
-    Bytes text;
-    while (text.size() < kGrainSizeBytes) {
-        std::string const word = kWords[random() % std::size(kWords)];
-        text.insert(text.end(), word.begin(), word.end());
-    }
-    text.resize(kGrainSizeBytes);
-    return text;
-}
-
-Bytes makeRandom() {
-    std::mt19937 random(1);
-    Bytes bytes(kGrainSizeBytes);
-    for (unsigned char& byte : bytes)
-        byte = static_cast<unsigned char>(random());
-    return bytes;
-}
 
 /// zlib with its states made beforehand.
 class CDirectZLib {
@@ -168,8 +146,9 @@ void benchGrain(std::string const& name, int level, Grain const& grain, int roun
 
 int main(int argc, char** argv) {
     int const rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 101;
-    Grain const grains[] = {
-        {"text", makeText()}, {"random", makeRandom()}, {"zeros", Bytes(kGrainSizeBytes, 0)}};
+    Grain const grains[] = {{"text", bench::makeText(kGrainSizeBytes)},
+                            {"random", bench::makeRandom(kGrainSizeBytes)},
+                            {"zeros", Bytes(kGrainSizeBytes, 0)}};
     for (Grain const& grain : grains) {
         // zlib stores what does not shrink, and 1 is the default of the disk code.
         benchGrain<CDirectZLib, zlu::CZLibCompressor>("zlib", 0, grain, rounds);

@@ -1,3 +1,10 @@
+// Descriptors and empty extents: parsing, looking up and building descriptor texts of up to 64,000
+// extents, and laying out extents of up to 2 TiB, beside writing as many zeros.
+//
+//   bench_format [Google Benchmark's options]
+//
+// Nothing touches a file.
+
 #include <algorithm>
 #include <cstdint>
 #include <string>

@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "bench/interleaved.h"
+#include "bench/sample_content.h"
 #include "compressors/compressors.h"
 #include "kelm/graindata/data_preparer.h"
 #include "kelm/graindata/grain.h"
@@ -40,31 +40,10 @@ struct Content {
     Buffer bytes;
 };
 
-Buffer makeZeros() {
-    Buffer bytes(kGrainSizeBytes, -1);
-    yx::initMemory(bytes.getData(), 0, kGrainSizeBytes);
-    return bytes;
-}
-
-Buffer makeText() {
-    static char const* const kWords[] = {"grain ",  "table ", "of ",       "the ",    "disk\n",
-                                         "backup",  " and ",  "sector",    " writes", " number ",
-                                         "entry, ", "reads ", "of a file", " 4096\n", "(zero)"};
-    std::mt19937 random(1);
-    std::string text;
-    while (text.size() < kGrainSizeBytes)
-        text += kWords[random() % std::size(kWords)];
-    Buffer bytes(kGrainSizeBytes, -1);
-    std::memcpy(bytes.getData(), text.data(), kGrainSizeBytes);
-    return bytes;
-}
-
-Buffer makeRandom() {
-    std::mt19937 random(1);
-    Buffer bytes(kGrainSizeBytes, -1);
-    std::generate_n(bytes.getData(), kGrainSizeBytes,
-                    [&random] { return static_cast<unsigned char>(random()); });
-    return bytes;
+Buffer toBuffer(std::vector<unsigned char> const& bytes) {
+    Buffer buffer(static_cast<int>(bytes.size()), -1);
+    yx::copyMemory(buffer.getData(), bytes.data(), bytes.size());
+    return buffer;
 }
 
 yx::TCryptBuffer<unsigned char> makeKey() {
@@ -215,7 +194,9 @@ void benchGrain(Content const& content, bool enciphered, int rounds) {
 
 int main(int argc, char** argv) {
     int const rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 101;
-    Content contents[] = {{"zeros", makeZeros()}, {"text", makeText()}, {"random", makeRandom()}};
+    Content contents[] = {{"zeros", toBuffer(std::vector<unsigned char>(kGrainSizeBytes))},
+                          {"text", toBuffer(bench::makeText(kGrainSizeBytes))},
+                          {"random", toBuffer(bench::makeRandom(kGrainSizeBytes))}};
     for (Content& content : contents) {
         benchPreparer(content, rounds);
         benchGrain(content, false, rounds);

@@ -16,6 +16,7 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
 #include "kelm/metadata/grain_directory.h"
 #include "yx/native_file_system.h"
@@ -24,14 +25,14 @@
 namespace {
 
 constexpr int kTableCount = 1024;
-constexpr int kEntriesPerTable = 512;
+constexpr int kEntriesPerTable = kelm::kGrainTableEntryCount;
 constexpr int kRunTables = 32;
 constexpr int kGrainSizeSectors = 128;
 constexpr __int64 kGrainCount = __int64{kTableCount} * kEntriesPerTable;
-constexpr int kNoLimit = -1;
+constexpr int kNoLimit = kelm::CVMDKGrainTableCache::kNoLimit;
 
 /// Behind the header and the directory.
-constexpr __int64 kFirstTableBytes = 9 * 512;
+constexpr __int64 kFirstTableBytes = 9 * kelm::kSectorSizeBytes;
 
 /// An open extent file that holds nothing but its directory and its empty tables.
 class BenchExtent {
@@ -75,10 +76,10 @@ public:
 
 private:
     void writeTables(bool compressed) {
-        yx::TBuffer<unsigned char> zeros(2048, -1);
-        yx::initMemory(zeros.getData(), 0, 2048);
+        yx::TBuffer<unsigned char> zeros(kelm::kGrainTableSizeBytes, -1);
+        yx::initMemory(zeros.getData(), 0, kelm::kGrainTableSizeBytes);
         yx::CDataOutStream out(m_stream.get());
-        out.seek(512);
+        out.seek(kelm::kSectorSizeBytes);
         kelm::writeEmptyVMDKGrainDirectoryAndTables(out, kTableCount, zeros, compressed);
         if (compressed) {
             kelm::writeEmptyVMDKSlotSizeDirectoryWithMarkerAndTablesWithMarkers(out, kTableCount,

@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -43,6 +45,11 @@ constexpr Kind kKinds[] = {
     {"compressed-encrypted", true, "password", 4.0},
 };
 
+/// A word of a shell's command line.
+std::string quoted(std::string const& word) {
+    return "'" + word + "'";
+}
+
 void runCommand(std::string const& command) {
     if (std::system(command.c_str()) != 0) {
         std::fprintf(stderr, "failed: %s\n", command.c_str());
@@ -57,8 +64,8 @@ yx::CURI toURI(std::string const& path) {
 /// Makes the image and returns its path.
 std::string makeImage(std::string const& content, std::filesystem::path const& folder) {
     std::string const image = folder / "image.raw";
-    runCommand("PATH=$PATH:/usr/sbin:/sbin mke2fs -q -F -t ext4 -d " + content + " " + image +
-               " 4G");
+    runCommand("PATH=$PATH:/usr/sbin:/sbin mke2fs -q -F -t ext4 -d " + quoted(content) + " " +
+               quoted(image) + " 4G");
     struct stat status = {};
     if (::stat(image.c_str(), &status) != 0 || status.st_blocks * 512LL < kMinImageBytes) {
         std::fprintf(stderr, "%s holds less than 100 MB\n", content.c_str());
@@ -89,7 +96,7 @@ double copySeconds(std::string const& server) {
 }
 
 std::string pluginOn(std::string const& disk, Kind const& kind) {
-    std::string const command = std::string(KELM_NBDKIT_PLUGIN) + " " + disk;
+    std::string const command = quoted(KELM_NBDKIT_PLUGIN) + " " + quoted(disk);
     return *kind.password == '\0' ? command : command + " password=" + kind.password;
 }
 
@@ -99,11 +106,9 @@ void measure(std::filesystem::path const& folder, std::string const& image, int 
         makeDisk(folder / kind.name, image, kind);
     for (int i = 0; i <= rounds; ++i) {
         std::map<std::string, double> round;
-        round["raw image, file plugin"] = copySeconds("file " + image);
-        for (Kind const& kind : kKinds) {
-            std::string const disk = "'" + (folder / kind.name).string() + "'";
-            round[kind.name] = copySeconds(pluginOn(disk, kind));
-        }
+        round["raw image, file plugin"] = copySeconds("file " + quoted(image));
+        for (Kind const& kind : kKinds)
+            round[kind.name] = copySeconds(pluginOn(folder / kind.name, kind));
         // The first round only warms up.
         for (auto const& [name, value] : round) {
             if (i > 0)

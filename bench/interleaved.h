@@ -24,6 +24,7 @@ inline double timeOnce(std::function<void()> const& run) {
     return processorSeconds() - start;
 }
 
+/// Of values that there are; the upper one of two in the middle.
 inline double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];

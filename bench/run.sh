@@ -19,8 +19,11 @@ content=$4
 for program in "$build"/bin/bench/*; do
     name=${program##*/}
     echo "== $name"
-    set --
-    [ "$name" = bench_streams ] && set -- "$work"
+    case $name in
+        bench_streams) set -- "$work" ;;
+        bench_nbdkit) set -- "$content" ;;
+        *) set -- ;;
+    esac
     output=$("$program" "$@")
     echo "$output"
     printf '\n### %s\n\n```\n%s\n```\n' "$name" "$output" >>"$report"

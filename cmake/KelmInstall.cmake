@@ -8,10 +8,6 @@ include_guard(GLOBAL)
 include(CMakePackageConfigHelpers)
 
 get_property(libraries GLOBAL PROPERTY KELM_LIBRARIES)
-if(NOT libraries)
-    return()
-endif()
-
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/kelm")
 
 install(TARGETS ${libraries} EXPORT kelm

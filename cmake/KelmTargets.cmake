@@ -1,7 +1,6 @@
 # Functions that make the targets of the tree.
 #
-# Sources are found by pattern, so a new file needs no edit here: the next build sees it. A target
-# whose pattern finds no source is skipped, and whoever links it goes without.
+# Sources are found by pattern, so a new file needs no edit here: the next build sees it.
 
 include_guard(GLOBAL)
 
@@ -54,16 +53,6 @@ function(kelm_compile_in_batches target)
     endif()
 endfunction()
 
-# kelm_link(<target> <scope> <library>...): links each library of ours that is built, and every
-# other one by its imported name (which has "::").
-function(kelm_link target scope)
-    foreach(library IN LISTS ARGN)
-        if(library MATCHES "::" OR TARGET ${library})
-            target_link_libraries(${target} ${scope} ${library})
-        endif()
-    endforeach()
-endfunction()
-
 # kelm_add_library(<name> EXPORT_PREFIX <prefix> SOURCES <pattern>...
 #                  [PUBLIC <library>...] [PRIVATE <library>...])
 #
@@ -72,11 +61,6 @@ endfunction()
 function(kelm_add_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "EXPORT_PREFIX" "SOURCES;PUBLIC;PRIVATE")
     kelm_find_sources(sources ${arg_SOURCES})
-    if(NOT sources)
-        message(STATUS "${name}: no sources yet, skipped")
-        return()
-    endif()
-
     add_library(${name} SHARED ${sources})
     add_library(kelm::${name} ALIAS ${name})
     kelm_own_code(${name})
@@ -89,8 +73,7 @@ function(kelm_add_library name)
     target_include_directories(${name} PUBLIC
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kelm>)
-    kelm_link(${name} PUBLIC ${arg_PUBLIC})
-    kelm_link(${name} PRIVATE ${arg_PRIVATE})
+    target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
     set_property(GLOBAL APPEND PROPERTY KELM_LIBRARIES ${name})
 endfunction()
 
@@ -100,11 +83,6 @@ endfunction()
 function(kelm_add_static_library name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALIAS" "SOURCES;PUBLIC")
     kelm_find_sources(sources ${arg_SOURCES})
-    if(NOT sources)
-        message(STATUS "${name}: no sources yet, skipped")
-        return()
-    endif()
-
     add_library(${name} STATIC ${sources})
     if(arg_ALIAS)
         add_library(kelm::${arg_ALIAS} ALIAS ${name})
@@ -113,7 +91,7 @@ function(kelm_add_static_library name)
     kelm_compile_in_batches(${name})
     set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
     target_include_directories(${name} PUBLIC "${PROJECT_SOURCE_DIR}")
-    kelm_link(${name} PUBLIC ${arg_PUBLIC})
+    target_link_libraries(${name} PUBLIC ${arg_PUBLIC})
 endfunction()
 
 # kelm_add_program(<name> SOURCES <file>... [LINK <library>...])
@@ -125,7 +103,7 @@ function(kelm_add_program name)
     kelm_own_code(${name})
     target_include_directories(${name} PRIVATE "${PROJECT_SOURCE_DIR}")
     get_property(libraries GLOBAL PROPERTY KELM_LIBRARIES)
-    kelm_link(${name} PRIVATE ${arg_LINK} ${libraries})
+    target_link_libraries(${name} PRIVATE ${arg_LINK} ${libraries})
 endfunction()
 
 # kelm_add_test(<name> LABEL <label> [EMPTY_DIRECTORY] [COST <seconds>]

@@ -333,7 +333,9 @@ void dumpEncrypted(Dumps& dumps) {
     Bytes const keyHash = addFixedKey(descriptor);
     files.deleteFile(uriOf(kName), false);
     kelm::createEmptyVMDKSparseExtentFile(
-        &files, uriOf(kName), true, kDiskSizeBytes / kelm::kSectorSizeBytes / 128, 128,
+        &files, uriOf(kName), true,
+        kDiskSizeBytes / kelm::kSectorSizeBytes / kelm::kNewDiskGrainSizeSectors,
+        kelm::kNewDiskGrainSizeSectors,
         zeros(static_cast<int>(plain.header->getDescriptorSizeSectors()) * kelm::kSectorSizeBytes),
         &descriptor, static_cast<__int64>(plain.header->getDescriptorSizeSectors()), keyHash);
     kelm::CVMDKDisk disk(&files, uriOf(kName), yx::IIOStream::ReadWrite, kPassword, kStore, nullptr,

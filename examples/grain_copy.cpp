@@ -19,8 +19,11 @@ using Buffer = yx::P<yx::TBuffer<unsigned char>>;
 
 yx::P<kelm::CVMDKDisk> createDisk(yx::IFileSystem& files, char const* name) {
     constexpr __int64 kGrainSizeBytes = 65536;
-    return kelm::CVMDKDisk::create(&files, example::uriOf(name), kGrains * kGrainSizeBytes, "",
-                                   true, 6, -1, "", 0xFFFFFFFF, false);
+    return kelm::CVMDKDisk::create(&files, example::uriOf(name), kGrains * kGrainSizeBytes,
+                                   /*password*/ "", /*compressed*/ true, /*compressionLevel*/ 6,
+                                   /*fileSizeLimit*/ -1, /*parentRelPath*/ "",
+                                   /*parentContentID*/ 0xFFFFFFFF,
+                                   /*createExtentFilesOnDemand*/ false);
 }
 
 /// Prepares every grain. A disk serves one thread, but each preparer is an object of its own, so

@@ -51,7 +51,9 @@ void backUp(yx::IFileSystem& files, int day, std::vector<Change> const& changes)
         parentContentID = parent.getDescriptor()->getContentID();
     }
     yx::P<kelm::CVMDKDisk> const disk = kelm::CVMDKDisk::create(
-        &files, diskOf(day), kDiskSizeBytes, "", true, -1, -1, parentName, parentContentID, false);
+        &files, diskOf(day), kDiskSizeBytes, /*password*/ "", /*compressed*/ true,
+        /*compressionLevel*/ -1, /*fileSizeLimit*/ -1, parentName, parentContentID,
+        /*createExtentFilesOnDemand*/ false);
     yx::P<kelm::CVMDKDataPreparer> const preparer = disk->createDataPreparer();
     for (Change const& change : changes)
         writeBlock(*disk, *preparer, change.block, change.seed);

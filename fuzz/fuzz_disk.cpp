@@ -5,13 +5,12 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <string_view>
 
 #include "fuzz/support/disk_input.h"
 #include "fuzz/support/disk_script.h"
+#include "fuzz/support/too_dear.h"
 #include "host/disk_check.h"
 #include "host/disk_map.h"
-#include "kelm/format/constants.h"
 #include "kelm/graindata/data_preparer.h"
 
 namespace {
@@ -27,14 +26,7 @@ using kelm::fuzz::require;
 using kelm::fuzz::ScriptFlag;
 using Buffer = yx::TBuffer<unsigned char>;
 
-// What the format allows at a price that a run of the fuzzer cannot pay.
-
-/// A grain may have 1 GiB, which takes as much memory to read. Larger ones are refused.
-constexpr std::uint64_t kMaxTriedGrainSectors = 1024;
-
-/// A key may take 2147483647 rounds to derive, some half an hour.
-constexpr int kMaxTriedRoundDigits = 4;
-constexpr std::string_view kRoundsPrefix = "hmac-sha1:";
+// What takes longer than a run of the fuzzer can wait.
 
 /// Looking at all grains takes a step for each that the disk claims to have, and reads all tables of
 /// each extent, in each disk of the chain.
@@ -49,49 +41,6 @@ constexpr int kMaxWalks = 4;
 constexpr __int64 kMaxModelBytes = 1 << 20;
 
 constexpr int kMaxOperations = 48;
-
-std::uint64_t numberAt(Buffer const& file, int offset, int sizeBytes) {
-    std::uint64_t value = 0;
-    for (int i = sizeBytes; i-- > 0;)
-        value = value << 8 | file.getData()[offset + i];
-    return value;
-}
-
-bool hasHugeGrains(Buffer const& file) {
-    constexpr int kGrainSizeOffset = 20;
-    if (file.getUsed() < kSectorSizeBytes)
-        return false;
-    std::uint64_t const magic = numberAt(file, 0, 4);
-    std::uint64_t const grainSize = numberAt(file, kGrainSizeOffset, 8);
-    return (magic == kHeaderMagic || magic == kEncryptionExtensionHeaderMagic) &&
-           grainSize > kMaxTriedGrainSectors &&
-           grainSize <= static_cast<std::uint64_t>(CVMDKDataPreparer::kMaxGrainSizeSectors);
-}
-
-bool hasManyRounds(Buffer const& file) {
-    std::string_view rest(reinterpret_cast<char const*>(file.getData()),
-                          static_cast<std::size_t>(file.getUsed()));
-    for (std::size_t at = rest.find(kRoundsPrefix); at != std::string_view::npos;
-         at = rest.find(kRoundsPrefix)) {
-        rest.remove_prefix(at + kRoundsPrefix.size());
-        std::string_view const line = rest.substr(0, rest.find('\n'));
-        auto const digits = std::count_if(line.begin(), line.end(), [](char character) {
-            return character >= '0' && character <= '9';
-        });
-        if (digits > kMaxTriedRoundDigits)
-            return true;
-    }
-    return false;
-}
-
-bool areTooDear(yx::CMemoryFileSystem& files) {
-    for (yx::CURI const& uri : files.listFiles()) {
-        Buffer const file = files.getFile(uri);
-        if (hasHugeGrains(file) || hasManyRounds(file))
-            return true;
-    }
-    return false;
-}
 
 /// The files of an input and the disk that is open on them.
 class Subject {
@@ -386,10 +335,7 @@ private:
     void changeParent(Input& script) {
         std::size_t const sizeBytes = script.takeByte() % 32;
         Bytes const name = script.takeBytes(sizeBytes);
-        attempt([&] {
-            m_disk->getDisk().changeParentRelPath(
-                yx::String::fromUTF8({reinterpret_cast<char const*>(name.data()), name.size()}));
-        });
+        attempt([&] { m_disk->getDisk().changeParentRelPath(fuzz::toText(name)); });
         // Another parent, or none that exists.
         giveUpSoundness();
     }
@@ -434,7 +380,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     Input script(input.script.data(), input.script.size());
     yx::P<yx::CMemoryFileSystem> const files = yx::makeObject<yx::CMemoryFileSystem>();
     input.putFiles(*files);
-    if (!areTooDear(*files))
+    if (!kelm::fuzz::areTooDear(*files))
         Subject(files.get(), script.takeByte()).run(script);
     return 0;
 }

@@ -1,20 +1,13 @@
 // Paths of both kinds. The input is the text of a folder's path, a line feed, and the text of a
 // path.
 
-#include <algorithm>
-
 #include "fuzz/support/harness.h"
 #include "yx/uri.h"
 
 namespace {
 
 using kelm::fuzz::attempt;
-using kelm::fuzz::Bytes;
 using kelm::fuzz::require;
-
-yx::String toText(Bytes bytes) {
-    return yx::String::fromUTF8({reinterpret_cast<char const*>(bytes.data()), bytes.size()});
-}
 
 template <class Traits>
 void checkNormalForm(yx::TPathImpl<Traits> const& path) {
@@ -69,10 +62,7 @@ void checkPath(yx::String const& folderText, yx::String const& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     kelm::fuzz::silenceLog();
-    std::uint8_t const* const end = data + size;
-    std::uint8_t const* const lineEnd = std::find(data, end, std::uint8_t{'\n'});
-    yx::String const folder = toText({data, lineEnd});
-    yx::String const path = toText({lineEnd == end ? end : lineEnd + 1, end});
+    auto const [folder, path] = kelm::fuzz::toTwoTexts({data, size});
     checkPath<yx::CUnixPathTraits>(folder, path);
     checkPath<yx::CWindowsPathTraits>(folder, path);
     return 0;

@@ -1,7 +1,6 @@
 // URIs, and the references by which a descriptor names other files. The input is the text of a
 // folder's URI, a line feed, and the text of a reference.
 
-#include <algorithm>
 #include <optional>
 
 #include "fuzz/support/harness.h"
@@ -12,12 +11,7 @@ namespace {
 
 using namespace kelm;
 using kelm::fuzz::attempt;
-using kelm::fuzz::Bytes;
 using kelm::fuzz::require;
-
-yx::String toText(Bytes bytes) {
-    return yx::String::fromUTF8({reinterpret_cast<char const*>(bytes.data()), bytes.size()});
-}
 
 std::optional<yx::CURI> tryParse(yx::String const& text) {
     std::optional<yx::CURI> uri;
@@ -71,10 +65,7 @@ void checkReference(yx::CURI const& folder, yx::String const& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     kelm::fuzz::silenceLog();
-    std::uint8_t const* const end = data + size;
-    std::uint8_t const* const lineEnd = std::find(data, end, std::uint8_t{'\n'});
-    yx::String const folderText = toText({data, lineEnd});
-    yx::String const reference = toText({lineEnd == end ? end : lineEnd + 1, end});
+    auto const [folderText, reference] = kelm::fuzz::toTwoTexts({data, size});
 
     std::optional<yx::CURI> const folder = tryParse(folderText);
     if (folder) {

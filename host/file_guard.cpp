@@ -50,8 +50,7 @@ void FileGuard::verifyMayReplace(yx::CURI const& uri) const {
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
     if (contains(m_protected, uri)) {
-        throw yx::CIOError(yx::CIOError::NotAllowed,
-                           "The file belongs to a disk that is being read.",
+        throw yx::CIOError(yx::CIOError::NotAllowed, "The file is being read.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
 }

@@ -27,8 +27,8 @@ public:
     /// All files stay, those that a disk on this guard may still make included.
     void keep() { m_kept = true; }
 
-    /// Names files that may not be replaced or deleted even with `overwrite`, since a disk that is
-    /// being read consists of them. Trying to is `CIOError` `NotAllowed` with "uri".
+    /// Names files that may not be replaced or deleted even with `overwrite`, since they are being
+    /// read. Trying to is `CIOError` `NotAllowed` with "uri".
     void protect(std::vector<yx::CURI> const& files);
 
     /// What was protected, as normalised URIs.

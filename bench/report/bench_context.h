@@ -20,11 +20,6 @@ struct Context {
     /// The same in memory, where no device is in the way; empty if there is none.
     std::filesystem::path memoryFolder;
 
-    /// Where the files of what no device is to disturb go.
-    std::filesystem::path const& getQuietFolder() const {
-        return memoryFolder.empty() ? folder : memoryFolder;
-    }
-
     /// The folder whose files fill the image of a file system.
     std::filesystem::path content;
 
@@ -36,6 +31,11 @@ struct Context {
 
     /// Divides the sizes of what is measured, for a quick look; figures are then no good.
     int shrink = 1;
+
+    /// Where the files of what no device is to disturb go.
+    std::filesystem::path const& getQuietFolder() const {
+        return memoryFolder.empty() ? folder : memoryFolder;
+    }
 };
 
 // The parts of the report.
@@ -52,9 +52,16 @@ void measureCodedDisks(Context& context);
 /// The program on a whole image.
 void measureTool(Context& context);
 
+/// Opening disks of several sizes.
 void measureOpening(Context& context);
+
+/// Reading through child disks that hold nothing.
 void measureChains(Context& context);
+
+/// What the library holds while a disk is open for writing.
 void measureMemory(Context& context);
+
+/// The same work at three sizes.
 void measureGrowth(Context& context);
 
 } // namespace bench

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "bench/report/bench_context.h"
 #include "bench/report/measurements.h"
 #include "bench/report/work_files.h"

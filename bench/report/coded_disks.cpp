@@ -28,7 +28,6 @@ void measureCompressed(Context& context) {
     auto const bytes = static_cast<long long>(codec.getPlainBytes());
     Measurements times;
     for (int round = 0; round <= context.rounds; ++round) {
-        Measurements& series = times;
         yx::P<kelm::CVMDKDisk> const target = createDisk(path, bytes, {.compressed = true}, false);
         double const compress = secondsOf([&] { codec.compressAll(); });
         makeMemoryReady();
@@ -40,10 +39,10 @@ void measureCompressed(Context& context) {
         double const read = secondsOf([&] { readAll(*target, bytes, buffer.data()); });
         if (round == 0)
             continue;
-        series.add("compress", compress);
-        series.add("write", write);
-        series.add("decompress", decompress);
-        series.add("read", read);
+        times.add("compress", compress);
+        times.add("write", write);
+        times.add("decompress", decompress);
+        times.add("read", read);
     }
     auto const total = static_cast<double>(bytes);
     context.report.addFigure({"compressed read, one thread, and the codec alone",

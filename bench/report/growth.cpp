@@ -1,5 +1,3 @@
-#include <cmath>
-
 #include "bench/report/bench_context.h"
 #include "bench/report/measurements.h"
 #include "bench/report/process.h"

@@ -1,5 +1,6 @@
 #include "bench/report/machine.h"
 
+#include <algorithm>
 #include <fstream>
 #include <thread>
 

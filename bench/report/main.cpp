@@ -7,10 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <ctime>
-
-#include <signal.h>
+#include <filesystem>
 
 #include "bench/report/bench_context.h"
 #include "bench/report/image.h"
@@ -108,8 +105,7 @@ void measureParts(Context& context, Arguments const& arguments) {
             continue;
         if (part.needsImage && !haveImage) {
             makeImage(context.folder / "image.raw", context.content,
-                      kImageDataBytes / context.shrink,
-                      context.memoryFolder.empty() ? context.folder : context.memoryFolder);
+                      kImageDataBytes / context.shrink, context.getQuietFolder());
             haveImage = true;
         }
         context.report.addHeading(part.heading);

@@ -4,16 +4,9 @@
 #include <chrono>
 #include <cmath>
 
+#include "bench/interleaved.h"
+
 namespace bench {
-
-namespace {
-
-double medianOf(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values.at(values.size() / 2);
-}
-
-} // namespace
 
 double secondsOf(Run const& run) {
     auto const start = std::chrono::steady_clock::now();
@@ -22,7 +15,7 @@ double secondsOf(Run const& run) {
 }
 
 double Measurements::median(std::string const& name) const {
-    return medianOf(m_series.at(name));
+    return bench::median(m_series.at(name));
 }
 
 double Measurements::ratio(std::string const& over, std::string const& under) const {
@@ -31,7 +24,7 @@ double Measurements::ratio(std::string const& over, std::string const& under) co
     std::vector<double> quotients;
     for (std::size_t i = 0; i < std::min(overs.size(), unders.size()); ++i)
         quotients.push_back(overs[i] / unders[i]);
-    return medianOf(quotients);
+    return bench::median(quotients);
 }
 
 double growthExponent(double smallSize, double smallSeconds, double largeSize,

@@ -26,8 +26,6 @@ public:
     /// The median of the quotients of neighbours: of what both series got in the same round.
     double ratio(std::string const& over, std::string const& under) const;
 
-    std::vector<double> const& series(std::string const& name) const { return m_series.at(name); }
-
 private:
     std::map<std::string, std::vector<double>> m_series;
 };

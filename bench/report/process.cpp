@@ -87,12 +87,14 @@ SystemCalls traceChild(pid_t child) {
     return calls;
 }
 
-/// Runs a program and tells what it took; the exit status is that of `wait4`.
 struct LaunchResult {
     ProcessUse use;
+
+    /// As `wait4` gives it.
     int status;
 };
 
+/// Runs a program to its end.
 LaunchResult launch(std::vector<char*> const& arguments) {
     LaunchResult result = {};
     result.use.seconds = secondsOf([&] {

@@ -12,7 +12,7 @@ struct ProcessUse {
     double seconds;
 
     /// The most memory that it held at any time, as the system counts it.
-    __INT64_TYPE__ peakMemoryBytes;
+    long long peakMemoryBytes;
 };
 
 /// Starts the process from which `runProgram` starts all others. To be called before this one takes
@@ -23,7 +23,7 @@ void startLauncher();
 /// this one with a message.
 ProcessUse runProgram(std::vector<std::string> const& arguments);
 
-/// Ends this program.
+/// Ends this program with a message and status 1.
 [[noreturn]] void fail(std::string const& message);
 
 /// How often each system call was made, by name. Empty if the system does not let a process trace
@@ -33,7 +33,7 @@ using SystemCalls = std::map<std::string, int>;
 /// Counts the system calls of `run`, which runs in a child process that this one traces.
 SystemCalls countSystemCalls(std::function<void()> const& run);
 
-/// "11: openat 3, pread64 5, ..."
+/// "11: open 3, pread 5, ...": all calls, and those of each name.
 std::string formatSystemCalls(SystemCalls const& calls);
 
 } // namespace bench

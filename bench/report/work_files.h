@@ -56,12 +56,15 @@ yx::P<yx::CNativeFileSystem> nativeFiles(bool toDevice = true);
 yx::P<kelm::CVMDKDisk> openDisk(std::string const& path, yx::IIOStream::Access access,
                                 char const* password = "", bool toDevice = true);
 
-/// A new, empty disk with whatever was of that name gone.
 struct DiskKind {
     bool compressed = false;
     char const* password = "";
+
+    /// -1 for one file.
     long long fileSizeLimitBytes = -1;
 };
+
+/// A new, empty disk; whatever was of that name is gone.
 yx::P<kelm::CVMDKDisk> createDisk(std::string const& path, long long sizeBytes,
                                   DiskKind const& kind = {}, bool toDevice = true);
 

@@ -1,5 +1,7 @@
 #include "fuzz/corpus_maker/disk_maker.h"
 
+#include <iterator>
+
 #include "fuzz/support/disk_input.h"
 #include "fuzz/support/disk_script.h"
 #include "kelm/format/constants.h"
@@ -198,22 +200,41 @@ std::vector<std::uint8_t> makeStoredGrain(bool compressed) {
 
 std::vector<MadeDisk> makeDisks() {
     Kind const kinds[] = {
-        {"plain"},
-        {"compressed", true},
-        {"enciphered", false, true, 2},
-        {"compressed-enciphered", true, true},
-        {"split", false, false, 8, 10, 2},
-        {"compressed-split", true, false, 8, 10, 2},
-        {"compressed-enciphered-split", true, true, 8, 10, 2},
-        {"on-demand", false, false, 8, 10, 2, true},
-        {"compressed-on-demand", true, false, 8, 10, 2, true},
-        {"child", false, false, 2, 24, 1, false, 1},
-        {"compressed-child", true, false, 8, 24, 1, false, 1},
-        {"compressed-enciphered-child", true, true, 8, 24, 1, false, 1},
-        {"split-child-of-split", true, false, 8, 10, 2, false, 1, true},
-        {"grandchild", true, false, 8, 24, 1, false, 2},
-        {"many-tables", false, false, 1, 1100},
-        {"compressed-many-tables", true, false, 1, 1100},
+        {.name = "plain"},
+        {.name = "compressed", .compressed = true},
+        {.name = "enciphered", .enciphered = true, .grainSizeSectors = 2},
+        {.name = "compressed-enciphered", .compressed = true, .enciphered = true},
+        {.name = "split", .grainsPerExtent = 10, .extents = 2},
+        {.name = "compressed-split", .compressed = true, .grainsPerExtent = 10, .extents = 2},
+        {.name = "compressed-enciphered-split",
+         .compressed = true,
+         .enciphered = true,
+         .grainsPerExtent = 10,
+         .extents = 2},
+        {.name = "on-demand", .grainsPerExtent = 10, .extents = 2, .onDemand = true},
+        {.name = "compressed-on-demand",
+         .compressed = true,
+         .grainsPerExtent = 10,
+         .extents = 2,
+         .onDemand = true},
+        {.name = "child", .grainSizeSectors = 2, .parents = 1},
+        {.name = "compressed-child", .compressed = true, .parents = 1},
+        {.name = "compressed-enciphered-child",
+         .compressed = true,
+         .enciphered = true,
+         .parents = 1},
+        {.name = "split-child-of-split",
+         .compressed = true,
+         .grainsPerExtent = 10,
+         .extents = 2,
+         .parents = 1,
+         .parentsAreSplit = true},
+        {.name = "grandchild", .compressed = true, .parents = 2},
+        {.name = "many-tables", .grainSizeSectors = 1, .grainsPerExtent = 1100},
+        {.name = "compressed-many-tables",
+         .compressed = true,
+         .grainSizeSectors = 1,
+         .grainsPerExtent = 1100},
     };
     std::vector<MadeDisk> disks;
     for (Kind const& kind : kinds)

@@ -108,6 +108,7 @@ std::vector<std::uint8_t> writingScript() {
 }
 
 std::vector<std::uint8_t> oddScript() {
+    constexpr unsigned int kParentPath = 0x612f2e2e; // "../a"
     return Script(ScriptFlag::Write)
         .addGrain(Operation::WriteBadPrepared, 2)
         .addNumber(12, 1)
@@ -117,7 +118,7 @@ std::vector<std::uint8_t> oddScript() {
         .addGrain(Operation::ReadPrepared, 2)
         .add(Operation::ChangeParent)
         .addNumber(4, 1)
-        .addNumber(0x612f2e2e, 4)
+        .addNumber(kParentPath, 4)
         .addRange(Operation::Write, 0, 65535)
         .addNumber(kNoise, 1)
         .add(Operation::Reopen)

@@ -2,9 +2,13 @@
 // runs lie. Now and then it changes the bytes blindly all the same.
 
 #include <algorithm>
+#include <iterator>
 #include <random>
+#include <utility>
+#include <vector>
 
 #include "fuzz/support/disk_input.h"
+#include "kelm/format/constants.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t maxSize);
 
@@ -32,9 +36,10 @@ public:
         else if (choice < 95)
             mutateLength();
         else if (choice < 97)
-            moveRun();
+            copyRun();
         else
-            drawFile().nameIndex = static_cast<std::uint8_t>(draw(8));
+            drawFile().nameIndex =
+                static_cast<std::uint8_t>(draw(std::size(kelm::fuzz::kFileNames)));
     }
 
 private:
@@ -80,17 +85,19 @@ private:
 
     void mutateLength() {
         InputFile& file = drawFile();
-        file.lengthBytes =
-            draw(2) == 0 ? draw(file.lengthBytes + 1) : file.lengthBytes + 512 * draw(64);
+        file.lengthBytes = draw(2) == 0 ? draw(file.lengthBytes + 1)
+                                        : file.lengthBytes + kelm::kSectorSizeBytes * draw(64);
         file.lengthBytes = std::min(file.lengthBytes, kelm::fuzz::kMaxFileBytes);
     }
 
-    void moveRun() {
+    /// To another sector of its file.
+    void copyRun() {
         InputFile& file = drawFile();
         if (file.runs.empty())
             return;
         FileRun run = file.runs[draw(file.runs.size())];
-        run.offsetBytes = draw(file.lengthBytes / 512 + 1) * 512;
+        run.offsetBytes =
+            draw(file.lengthBytes / kelm::kSectorSizeBytes + 1) * kelm::kSectorSizeBytes;
         file.runs.push_back(std::move(run));
     }
 

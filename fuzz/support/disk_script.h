@@ -32,6 +32,6 @@ enum class Operation {
     ChangeParent, ///< a byte for a length, so many bytes of text
 };
 
-constexpr int kOperationCount = 14;
+constexpr int kOperationCount = static_cast<int>(Operation::ChangeParent) + 1;
 
 } // namespace kelm::fuzz

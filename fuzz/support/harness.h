@@ -9,8 +9,8 @@
 
 namespace kelm::fuzz {
 
-/// What all targets share. A target refuses bad input by errors of the `yx::CError` family alone:
-/// any other exception leaves it and ends the run as a crash does.
+// What all targets share. A target refuses bad input by errors of the `yx::CError` family alone: any
+// other exception leaves it and ends the run as a crash does.
 
 using Bytes = std::span<std::uint8_t const>;
 
@@ -20,7 +20,18 @@ void require(bool holds, char const* rule);
 /// Sends log entries and the exceptions of destructors nowhere, since damaged input logs much.
 void silenceLog();
 
+/// A copy of the bytes.
 yx::TBuffer<unsigned char> toBuffer(Bytes bytes);
+
+/// The text of the bytes, by the rules of `yx::String::fromUTF8`.
+yx::String toText(Bytes bytes);
+
+/// An input of two texts with a line feed between them; without one, the second is empty.
+struct TwoTexts {
+    yx::String first;
+    yx::String second;
+};
+TwoTexts toTwoTexts(Bytes bytes);
 
 /// Runs a step and returns whether it was done; false where it was refused by an error.
 template <class Step>

@@ -4,7 +4,6 @@
 // disk. So the disk is only tried out in `get_ready`, where errors still reach the user's terminal,
 // and opened for good in `after_fork` or for the first client; all connections share it.
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

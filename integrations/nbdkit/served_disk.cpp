@@ -82,6 +82,7 @@ std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes
     return runs;
 }
 
+/// The limit given for a disk that is written to; `host::SafeDisk` keeps to one of its own.
 void ServedDisk::limitCache() {
     if (!m_settings.maxCachedTables || !isWritable())
         return;

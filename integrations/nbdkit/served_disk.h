@@ -14,8 +14,8 @@ struct DiskSettings {
     yx::CURI uri;
     host::Password password;
 
-    /// The most grain tables to keep in memory. By default, a disk opened for writing keeps all
-    /// that it has reached, and one opened for reading those that the library keeps.
+    /// The most grain tables to keep in memory. By default, a disk opened for writing keeps as many
+    /// as `host::SafeDisk` lets it, and one opened for reading as many as the library does.
     std::optional<int> maxCachedTables;
 };
 
@@ -48,6 +48,7 @@ public:
     __int64 getSizeBytes() const { return disk().getSizeBytes(); }
     __int64 getGrainSizeBytes() const { return disk().getGrainSizeBytes(); }
 
+    /// Each does all of what is asked, or throws.
     void read(__int64 positionBytes, void* buffer, int bytes);
     void write(__int64 positionBytes, void const* buffer, int bytes);
     void writeZeros(__int64 positionBytes, __int64 bytes);

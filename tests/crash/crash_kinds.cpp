@@ -1,5 +1,6 @@
 #include "tests/crash/crash_kinds.h"
 
+#include "kelm/format/constants.h"
 #include "krym/krym.h"
 
 namespace test_support {
@@ -11,13 +12,7 @@ constexpr int kFilledParentGrains = 16;
 } // namespace
 
 NewDisk requestFor(CrashKind const& kind) {
-    NewDisk request;
-    request.sizeBytes = kSmallestDiskBytes;
-    request.password = kind.disk.password;
-    request.compressed = kind.disk.compressed;
-    request.compressionLevel = 1;
-    request.fileSizeLimitBytes = kind.disk.fileSizeLimit;
-    request.createExtentFilesOnDemand = kind.disk.onDemand;
+    NewDisk request = requestFor(kind.disk);
     if (kind.isChild)
         request.parent = crashURI(kParentFile);
     return request;
@@ -99,7 +94,8 @@ std::vector<int> extentStarts(yx::IFileSystem* files) {
     accessor.getDescriptor()->getExtentEntries(infos);
     std::vector<int> starts{0};
     for (yx::P<kelm::CVMDKExtentInfo> const& info : infos) {
-        auto const grains = static_cast<int>(info->getSizeSectors() * 512 / kGrainBytes);
+        auto const grains =
+            static_cast<int>(info->getSizeSectors() * kelm::kSectorSizeBytes / kGrainBytes);
         starts.push_back(starts.back() + grains);
     }
     return starts;

@@ -4,17 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "host/safe_disk.h"
-#include "tests/support/disk_fixture.h"
+#include "tests/support/safe_disks.h"
 
 namespace test_support {
-
-using kelm::host::FileGuard;
-using kelm::host::NewDisk;
-using kelm::host::SafeDisk;
-
-constexpr auto kReadOnly = yx::IIOStream::ReadOnly;
-constexpr auto kReadWrite = yx::IIOStream::ReadWrite;
 
 constexpr int kGrainCount = static_cast<int>(kSmallestDiskBytes / kGrainBytes);
 

@@ -17,8 +17,6 @@
 namespace test_support {
 namespace {
 
-constexpr int kGrain = static_cast<int>(kGrainBytes);
-
 /// Disks on the files of the operating system.
 class Devices : public testing::Test {
 protected:
@@ -39,26 +37,20 @@ protected:
         return std::make_unique<SafeDisk>(files.get(), folder.uri(name), access, "");
     }
 
-    static void writeGrain(SafeDisk& disk, int grain, unsigned int seed) {
-        disk.write(grain * kGrainBytes, pattern(kGrainBytes, seed).data(), kGrain);
-    }
-
-    static Bytes readGrain(SafeDisk& disk, int grain) {
-        Bytes content(kGrainBytes);
-        disk.read(grain * kGrainBytes, content.data(), kGrain);
-        return content;
+    static void writePattern(SafeDisk& disk, int grain, unsigned int seed) {
+        writeGrain(disk, grain, pattern(kGrainBytes, seed));
     }
 
     /// "parent.vmdk" with data in its grains 0 and 1, and "child.vmdk" with its own grain 1.
     void createChild() {
         {
             std::unique_ptr<SafeDisk> const parent = create("parent.vmdk");
-            writeGrain(*parent, 0, 1);
-            writeGrain(*parent, 1, 2);
+            writePattern(*parent, 0, 1);
+            writePattern(*parent, 1, 2);
             parent->flush();
         }
         std::unique_ptr<SafeDisk> const child = create("child.vmdk", false, "parent.vmdk");
-        writeGrain(*child, 1, 3);
+        writePattern(*child, 1, 3);
         child->flush();
     }
 
@@ -79,7 +71,7 @@ TEST_F(Devices, FileThatShrinksWhileOpenFailsWhereItIsMissing) {
         {
             std::unique_ptr<SafeDisk> const disk = create(name, compressed);
             for (int grain = 0; grain < 8; ++grain)
-                writeGrain(*disk, grain, static_cast<unsigned int>(grain));
+                writePattern(*disk, grain, static_cast<unsigned int>(grain));
             disk->flush();
         }
         std::unique_ptr<SafeDisk> const disk = open(name, kReadOnly);
@@ -105,11 +97,11 @@ TEST_F(Devices, FileThatShrinksWhileItIsWrittenKeepsItsOtherGrains) {
         IgnoredExceptionCapture const ignored;
         std::unique_ptr<SafeDisk> disk = create(name, compressed);
         for (int grain = 0; grain < 8; ++grain)
-            writeGrain(*disk, grain, static_cast<unsigned int>(grain));
+            writePattern(*disk, grain, static_cast<unsigned int>(grain));
         disk->flush();
         std::filesystem::path const path = folder.path() / name;
         std::filesystem::resize_file(path, std::filesystem::file_size(path) - 2 * kGrainBytes);
-        writeGrain(*disk, 9, 9);
+        writePattern(*disk, 9, 9);
         disk->flush();
         disk.reset();
         disk = open(name, kReadOnly);
@@ -135,7 +127,7 @@ TEST_F(Devices, ParentThatIsGoneFailsOnlyWhatItHeld) {
         EXPECT_EQ(folder.uri("parent.vmdk").toString(true), *error.getParams().find("uri"));
     }
     EXPECT_EQ((std::set<std::string>{"away", "child.vmdk", "child.vmdk.lock"}), fileNames());
-    writeGrain(*child, 2, 4);
+    writePattern(*child, 2, 4);
     child->flush();
     std::filesystem::rename(folder.path() / "away", path);
     EXPECT_TRUE(sameBytes(pattern(kGrainBytes, 1), readGrain(*child, 0)));
@@ -164,7 +156,7 @@ TEST_F(Devices, ParentThatIsReplacedOrChangedIsRefused) {
             create("parent.vmdk");
         } else {
             std::unique_ptr<SafeDisk> const parent = open("parent.vmdk", kReadWrite);
-            writeGrain(*parent, 5, 9);
+            writePattern(*parent, 5, 9);
             parent->flush();
         }
         std::string const actual =
@@ -183,7 +175,7 @@ TEST_F(Devices, ParentThatIsReplacedOrChangedIsRefused) {
                 [&] { readGrain(*child, 0); }));
             EXPECT_TRUE(sameBytes(pattern(kGrainBytes, 3), readGrain(*child, 1)));
             EXPECT_THROW(child->makeGrainIndependentOfParent(0), yx::CIOError);
-            writeGrain(*child, 2, 4);
+            writePattern(*child, 2, 4);
             child->flush();
         }
         std::unique_ptr<SafeDisk> const child = open("child.vmdk", kReadOnly);
@@ -204,7 +196,7 @@ TEST_F(Devices, ParentInUseByAChildCannotBeChanged) {
 TEST_F(Devices, FolderThatMayNotBeWrittenLetsDisksBeRead) {
     {
         std::unique_ptr<SafeDisk> const disk = create("disk.vmdk");
-        writeGrain(*disk, 0, 1);
+        writePattern(*disk, 0, 1);
         disk->flush();
     }
     ::chmod((folder.path() / "disk.vmdk").c_str(), 0666);
@@ -258,9 +250,10 @@ TEST_F(Devices, DeviceThatRunsFullInTheMiddleOfAnImportHoldsNothingAfterwards) {
     for (Arguments const& options :
          {Arguments{}, Arguments{"--compressed"}, Arguments{"--split", "3M"},
           Arguments{"--compressed", "--split", "8M"}}) {
-        Arguments command{KELM_TOOL, "import", image, "disk.vmdk"};
-        command.insert(command.end(), options.begin(), options.end());
-        Outcome const outcome = RunningProgram(folder.path(), command).finish();
+        Outcome const outcome =
+            RunningProgram(folder.path(),
+                           joined({{KELM_TOOL, "import", image, "disk.vmdk"}, options}))
+                .finish();
         EXPECT_EQ(3, outcome.status) << outcome.err;
         EXPECT_NE(std::string::npos, outcome.err.find("No space left on device")) << outcome.err;
         EXPECT_EQ(std::set<std::string>(), fileNames());

@@ -13,7 +13,7 @@
 namespace test_support {
 namespace {
 
-constexpr int kGrain = static_cast<int>(kGrainBytes);
+constexpr int kGrainSizeBytes = static_cast<int>(kGrainBytes);
 
 class Recovery : public testing::Test {
 protected:
@@ -27,19 +27,9 @@ protected:
         return std::make_unique<SafeDisk>(files.get(), crashURI(kMainFile), access, "", 1);
     }
 
-    static void writeGrain(SafeDisk& disk, int grain, Bytes const& content) {
-        disk.write(grain * kGrainBytes, content.data(), static_cast<int>(content.size()));
-    }
-
-    static Bytes readGrain(SafeDisk& disk, int grain) {
-        Bytes content(kGrainBytes);
-        disk.read(grain * kGrainBytes, content.data(), kGrain);
-        return content;
-    }
-
     /// A compressed disk whose grains 0 to 3 hold text, in slots just behind each other.
     void createCompressed() {
-        std::unique_ptr<SafeDisk> const disk = create({allDiskKinds()[3]});
+        std::unique_ptr<SafeDisk> const disk = create({kindNamed("compressed")});
         for (int grain = 0; grain < 4; ++grain)
             writeGrain(*disk, grain, textPattern(kGrainBytes, static_cast<unsigned int>(grain)));
         disk->flush();
@@ -93,11 +83,11 @@ TEST_F(Recovery, BareGrainThatGrowsInASlotOfTheWrongSizeOverwritesItsNeighbour) 
     setSlotSize(0, 130);
     yx::P<kelm::CVMDKDisk> const disk = yx::makeObject<kelm::CVMDKDisk>(
         files.get(), crashURI(kMainFile), kReadWrite, "", 1, nullptr, nullptr);
-    disk->write(pattern(kGrainBytes, 9).data(), kGrain);
+    disk->write(pattern(kGrainBytes, 9).data(), kGrainSizeBytes);
     disk->flushChanges();
     Bytes content(kGrainBytes);
     disk->seek(kGrainBytes);
-    EXPECT_THROW(disk->read(content.data(), kGrain), yx::CIOError);
+    EXPECT_THROW(disk->read(content.data(), kGrainSizeBytes), yx::CIOError);
 }
 
 TEST_F(Recovery, SlotThatReachesIntoTheNextIsCutDown) {
@@ -206,7 +196,7 @@ TEST_F(Recovery, NewDiskIsDurableWithAllItsFilesBeforeItIsHandedOut) {
 class OnDemandRecovery : public Recovery {
 protected:
     OnDemandRecovery() {
-        create({allDiskKinds()[2]});
+        create({kindNamed("splitOnDemand")});
         m_secondGrain = extentStarts(files.get())[1];
     }
 

@@ -4,8 +4,7 @@
 #include <algorithm>
 #include <iostream>
 
-#include "tests/crash/crash_history.h"
-#include "tests/support/faulty_file_system.h"
+#include "tests/crash/fault_phases.h"
 #include "tests/support/ignored_exception_capture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/power_cut.h"
@@ -58,124 +57,6 @@ int& faultCount() {
     return count;
 }
 
-/// A disk with content, on files that can fail.
-class Scene {
-public:
-    Scene(Way way, CrashKind const& kind, FileImages const& images) : m_way(way), m_kind(kind) {
-        putImages(*memory, images);
-    }
-
-    void open(yx::IIOStream::Access access) {
-        disk = std::make_unique<CrashDisk>(m_way, m_kind, files.get(), access);
-    }
-
-    void create(bool overwrite) {
-        yx::P<FileGuard> const guard = yx::makeObject<FileGuard>(files.get(), overwrite);
-        SafeDisk::create(guard.get(), crashURI(kMainFile), requestFor(m_kind));
-        guard->keep();
-    }
-
-    yx::P<yx::CMemoryFileSystem> memory = yx::makeObject<yx::CMemoryFileSystem>();
-    yx::P<FaultyFileSystem> faulty = yx::makeObject<FaultyFileSystem>(memory.get());
-    yx::P<RecordingFileSystem> files = yx::makeObject<RecordingFileSystem>(faulty.get());
-    std::unique_ptr<CrashDisk> disk;
-
-private:
-    Way m_way;
-    CrashKind const& m_kind;
-};
-
-/// The content of a disk, as far as it was written.
-using Grains = std::map<int, Bytes>;
-
-Grains const& flushedGrains() {
-    static Grains const kGrains = [] {
-        Grains grains;
-        for (int const grain : {0, 1, 3, 40, 41, 127})
-            grains[grain] = textPattern(kGrainBytes, static_cast<unsigned int>(grain));
-        return grains;
-    }();
-    return kGrains;
-}
-
-/// What the phase of writing leaves.
-Grains const& rewrittenGrains() {
-    static Grains const kGrains = [] {
-        Grains grains = flushedGrains();
-        grains[1] = pattern(kGrainBytes, 201);
-        Bytes const part = pattern(1000, 202);
-        std::copy(part.begin(), part.end(), grains[41].begin() + 500);
-        std::fill(grains[3].begin(), grains[3].end(), static_cast<unsigned char>(0));
-        grains[5] = textPattern(kGrainBytes, 203);
-        grains[100] = pattern(kGrainBytes, 204);
-        return grains;
-    }();
-    return kGrains;
-}
-
-struct Phase {
-    char const* name;
-    std::function<void(Scene&)> prepare;
-    std::function<void(Scene&)> act;
-    Grains const& before;
-    Grains const& after;
-    bool createsDisk = false;
-    bool opensDisk = false;
-    bool onlyChildren = false;
-};
-
-void writeAll(Scene& scene) {
-    Grains const& grains = rewrittenGrains();
-    scene.disk->write(1 * kGrainBytes, grains.at(1));
-    scene.disk->write(41 * kGrainBytes + 500, slice(grains.at(41), 500, 1000));
-    scene.disk->writeZeros(3 * kGrainBytes, kGrainBytes);
-    scene.disk->write(5 * kGrainBytes, grains.at(5));
-    scene.disk->writePrepared(100, grains.at(100));
-}
-
-void readAll(Scene& scene) {
-    Bytes content(kGrainBytes);
-    for (auto const& [grain, expected] : flushedGrains()) {
-        scene.disk->read(grain * kGrainBytes, content.data(), kGrainBytes);
-        EXPECT_TRUE(sameBytes(expected, content)) << "grain " << grain;
-    }
-}
-
-std::vector<Phase> const& phases() {
-    static Grains const kNothing;
-    static auto const kOpen = [](Scene& scene) { scene.open(kReadWrite); };
-    static std::vector<Phase> const kPhases{
-        {"create", [](Scene&) {}, [](Scene& scene) { scene.create(false); }, kNothing, kNothing,
-         true},
-        {"open", [](Scene&) {}, kOpen, flushedGrains(), flushedGrains(), false, true},
-        {"open for reading", [](Scene&) {}, [](Scene& scene) { scene.open(kReadOnly); },
-         flushedGrains(), flushedGrains(), false, true},
-        {"read", [](Scene& scene) { scene.open(kReadOnly); }, readAll, flushedGrains(),
-         flushedGrains()},
-        {"write", kOpen, writeAll, flushedGrains(), rewrittenGrains()},
-        {"flush",
-         [](Scene& scene) {
-             scene.open(kReadWrite);
-             writeAll(scene);
-         },
-         [](Scene& scene) { scene.disk->flush(); }, flushedGrains(), rewrittenGrains()},
-        {"close",
-         [](Scene& scene) {
-             scene.open(kReadWrite);
-             writeAll(scene);
-             scene.disk->flush();
-         },
-         [](Scene& scene) { scene.disk.reset(); }, rewrittenGrains(), rewrittenGrains()},
-        {"make independent", kOpen,
-         [](Scene& scene) {
-             for (int const grain : {0, 2, 4, 6, 8})
-                 scene.disk->makeIndependent(grain);
-         },
-         flushedGrains(), flushedGrains(), false, false, true},
-    };
-    return kPhases;
-}
-
 std::vector<WayAndKind> waysAndKinds() {
     std::vector<WayAndKind> chosen;
     for (CrashKind const& kind : allCrashKinds()) {
@@ -186,8 +67,8 @@ std::vector<WayAndKind> waysAndKinds() {
         if (!isSlow && (!kind.isEncrypted() || name == "encrypted"))
             chosen.push_back({Way::Safe, kind});
     }
-    for (std::size_t const index : {0U, 4U, 7U})
-        chosen.push_back({Way::Bare, {allDiskKinds()[index]}});
+    for (char const* const name : {"plain", "compressedSplit", "encryptedSplitOnDemand"})
+        chosen.push_back({Way::Bare, {kindNamed(name)}});
     return chosen;
 }
 

@@ -23,10 +23,8 @@ protected:
         import({"import", "tuesday", "tuesday.vmdk", "--parent", "monday.vmdk"});
     }
 
-    void import(Arguments arguments) const {
-        if (GetParam())
-            arguments.push_back("--compressed");
-        runWell(arguments);
+    void import(Arguments const& arguments) const {
+        runWell(joined({arguments, GetParam() ? Arguments{"--compressed"} : Arguments{}}));
     }
 
     std::string m_image;

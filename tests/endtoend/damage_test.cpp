@@ -9,12 +9,11 @@ constexpr std::size_t kSector = 512;
 /// A disk with data, whose places `check` should find to be damaged.
 class Damage : public ToolTest {
 protected:
-    void makeDisk(Arguments options) {
+    void makeDisk(Arguments const& options) {
         std::string image = makeImage(std::size_t{8} << 20, 7);
         image.replace(0, 4 * 65536, 4 * 65536, 'x');
         writeFile("image", image);
-        options.insert(options.begin(), {"import", "image", "disk.vmdk"});
-        runWell(options);
+        runWell(joined({{"import", "image", "disk.vmdk"}, options}));
         ASSERT_EQ(runWell({"check", "disk.vmdk"}), "");
     }
 

@@ -74,6 +74,15 @@ TEST_F(Force, FilesThatADescriptorOnlyClaimsAreLeftAlone) {
               (std::set<std::string>{"disk-other.vmdk", "disk.vmdk", "other.vmdk", "precious"}));
 }
 
+TEST_F(Force, AnImageIsNotReplacedByTheDiskThatIsMadeOfIt) {
+    std::string const image = makeImage(std::size_t{8} << 20, 36);
+    writeFile("disk-s00001.vmdk", image);
+    EXPECT_EQ(runBadly(3, {"import", "disk-s00001.vmdk", "disk.vmdk", "--split", "4M", "--force"}),
+              "kelm: The file is being read. (uri: " + path("disk-s00001.vmdk") + ")\n");
+    EXPECT_EQ(listFiles(), std::set<std::string>{"disk-s00001.vmdk"});
+    EXPECT_EQ(readFile("disk-s00001.vmdk"), image);
+}
+
 TEST_F(Force, ADiskInUseIsNotReplaced) {
     makeSplitDisk();
     std::set<std::string> before = listFiles();

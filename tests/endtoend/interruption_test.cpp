@@ -1,9 +1,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <iterator>
 #include <random>
 
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "tests/endtoend/tool_fixture.h"
 
@@ -34,12 +38,21 @@ protected:
         ::nanosleep(&moment, nullptr);
     }
 
-    /// Waits until a file is there, but not for ever, should the program have ended.
-    void waitForFile(std::string const& name) const {
-        constexpr int kMaxLooks = 100000;
-        timespec const moment{0, 100'000};
-        for (int look = 0; look < kMaxLooks && listFiles().count(name) == 0; ++look)
-            ::nanosleep(&moment, nullptr);
+    /// Waits until the program has made a file, or has ended.
+    void waitForFile(RunningTool const& tool, std::string const& name) const {
+        int const watch = ::inotify_init1(IN_CLOEXEC);
+        int const process = test_support::openProcess(tool.id());
+        ASSERT_GE(::inotify_add_watch(watch, folder().c_str(), IN_CREATE), 0);
+        pollfd events[] = {{watch, POLLIN, 0}, {process, POLLIN, 0}};
+        while (listFiles().count(name) == 0 && events[1].revents == 0) {
+            ::poll(events, std::size(events), -1);
+            char news[4096];
+            if (events[0].revents != 0) {
+                ASSERT_GT(::read(watch, news, sizeof news), 0);
+            }
+        }
+        ::close(watch);
+        ::close(process);
     }
 
     std::mt19937 m_random{kSeed};
@@ -50,9 +63,8 @@ TEST_F(Interruption, ImportFromAPipeLeavesNothing) {
     for (Arguments const& options :
          {Arguments{}, Arguments{"--compressed"}, Arguments{"--split", "4M"}}) {
         for (int const signal : {SIGINT, SIGTERM}) {
-            Arguments arguments{"import", "-", "disk.vmdk", "--size", "16M"};
-            arguments.insert(arguments.end(), options.begin(), options.end());
-            RunningTool tool(folder(), arguments);
+            RunningTool tool(folder(),
+                             joined({{"import", "-", "disk.vmdk", "--size", "16M"}, options}));
             // More than a pipe holds, so that the program runs, and short of the end, so that it still
             // waits when the signal comes.
             tool.feed(image.substr(0, kPipeBytes + m_random() % (kImageBytes - kPipeBytes)));
@@ -133,7 +145,7 @@ TEST_F(Interruption, LongWorkOnAHugeDiskEndsAtOnce) {
         SCOPED_TRACE(arguments.front());
         RunningTool tool(folder(), arguments);
         // The lock is taken once the program listens to signals.
-        waitForFile("disk.vmdk.lock");
+        waitForFile(tool, "disk.vmdk.lock");
         tool.signal(SIGINT);
         Outcome const outcome = tool.finish();
         EXPECT_EQ(outcome.status, 3);

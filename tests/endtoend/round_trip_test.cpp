@@ -16,11 +16,6 @@ struct Kind {
 
 class RoundTrip : public ToolTest, public ::testing::WithParamInterface<Kind> {};
 
-Arguments operator+(Arguments left, Arguments const& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Kinds, RoundTrip,
     ::testing::Values(Kind{"Plain", {}, "monolithicSparse"},
@@ -39,14 +34,14 @@ TEST_P(RoundTrip, ImageComesBackAsItWas) {
     std::string const image = makeImage(kImageBytes, 1);
     writeFile("image", image);
 
-    runWell(Arguments{"import", "image", "disk.vmdk"} + GetParam().options + password);
-    EXPECT_EQ(runWell(Arguments{"check", "disk.vmdk"} + password), "");
-    EXPECT_EQ(runWell(Arguments{"compare", "image", "disk.vmdk"} + password), "equal\n");
-    runWell(Arguments{"export", "disk.vmdk", "restored"} + password);
+    runWell(joined({{"import", "image", "disk.vmdk"}, GetParam().options, password}));
+    EXPECT_EQ(runWell(joined({{"check", "disk.vmdk"}, password})), "");
+    EXPECT_EQ(runWell(joined({{"compare", "image", "disk.vmdk"}, password})), "equal\n");
+    runWell(joined({{"export", "disk.vmdk", "restored"}, password}));
     EXPECT_TRUE(readFile("restored") == image);
 
     auto const info =
-        nlohmann::json::parse(runWell(Arguments{"info", "disk.vmdk", "--json"} + password));
+        nlohmann::json::parse(runWell(joined({{"info", "disk.vmdk", "--json"}, password})));
     EXPECT_EQ(info["kind"], GetParam().createType);
     EXPECT_EQ(info["sizeBytes"], kImageBytes);
     EXPECT_EQ(listFiles().count("disk.vmdk.lock"), 0u);
@@ -60,9 +55,9 @@ TEST_P(RoundTrip, ConvertsToEveryOtherKind) {
     runWell({"import", "image", "plain.vmdk"});
     runWell({"import", "image", "compressed.vmdk", "--compressed"});
     for (std::string const from : {"plain.vmdk", "compressed.vmdk"}) {
-        runWell(Arguments{"convert", from, "to-" + from} + GetParam().options + password);
-        EXPECT_EQ(runWell(Arguments{"compare", "image", "to-" + from} + password), "equal\n");
-        EXPECT_EQ(runWell(Arguments{"check", "to-" + from} + password), "");
+        runWell(joined({{"convert", from, "to-" + from}, GetParam().options, password}));
+        EXPECT_EQ(runWell(joined({{"compare", "image", "to-" + from}, password})), "equal\n");
+        EXPECT_EQ(runWell(joined({{"check", "to-" + from}, password})), "");
     }
 }
 
@@ -74,6 +69,15 @@ TEST_F(Pipes, ImageGoesThroughStandardInputAndOutput) {
         run({"import", "-", "disk.vmdk", "--size", std::to_string(image.size())}, image);
     EXPECT_EQ(imported.status, 0) << imported.err;
     EXPECT_TRUE(runWell({"export", "disk.vmdk", "-"}) == image);
+}
+
+TEST_F(Pipes, ImageGoesThroughPipesThatHaveNames) {
+    std::string const image = makeImage(kImageBytes, 16);
+    Outcome const imported =
+        run({"import", "/dev/stdin", "disk.vmdk", "--size", std::to_string(image.size())}, image);
+    EXPECT_EQ(imported.status, 0) << imported.err;
+    EXPECT_TRUE(runWell({"export", "disk.vmdk", "/dev/stdout"}) == image);
+    EXPECT_EQ(runWell({"map", "disk.vmdk", "--svg", "/dev/stdout"}).rfind("<svg ", 0), 0u);
 }
 
 TEST_F(Pipes, TooMuchInputRemovesTheDisk) {

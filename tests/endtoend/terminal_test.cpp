@@ -1,59 +1,29 @@
-#include <cerrno>
-#include <csignal>
-
-#include <pty.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/endtoend/tool_fixture.h"
-#include "tests/support/signals.h"
+#include "tests/support/terminal_play.h"
 
 namespace endtoend {
 
 namespace {
 
-/// What a user at a terminal sees.
-struct TerminalPlay {
-    int status = -1;
-    std::string shown;
-};
-
-/// What the terminal is to show, and what is then typed.
-using Dialogue = std::vector<std::pair<std::string, std::string>>;
+using test_support::Dialogue;
+using test_support::TerminalPlay;
 
 class Terminal : public ToolTest {
 protected:
     /// Runs the program on a terminal of its own.
     TerminalPlay play(Arguments const& arguments, Dialogue const& dialogue = {}) const {
-        int master = -1;
         std::vector<char*> words{const_cast<char*>("kelm")};
         for (std::string const& argument : arguments)
             words.push_back(const_cast<char*>(argument.c_str()));
         words.push_back(nullptr);
-        pid_t const child = ::forkpty(&master, nullptr, nullptr, nullptr);
-        if (child == 0) {
-            test_support::resetSignals();
+        auto const becomeTool = [&] {
             if (::chdir(folder().c_str()) == 0)
                 ::execv(KELM_TOOL, words.data());
-            ::_exit(127);
-        }
-        TerminalPlay result;
-        auto next = dialogue.begin();
-        char part[4096];
-        for (ssize_t count = 0; (count = ::read(master, part, sizeof part)) > 0;) {
-            result.shown.append(part, static_cast<std::size_t>(count));
-            if (next != dialogue.end() && result.shown.find(next->first) != std::string::npos) {
-                EXPECT_EQ(static_cast<ssize_t>(next->second.size()),
-                          ::write(master, next->second.data(), next->second.size()));
-                ++next;
-            }
-        }
-        EXPECT_TRUE(next == dialogue.end()) << result.shown;
-        ::close(master);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return result;
+            return 127;
+        };
+        return test_support::playOnTerminal(becomeTool, dialogue);
     }
 
     void makeEncryptedDisk() const {

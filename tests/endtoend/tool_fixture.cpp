@@ -1,6 +1,6 @@
 #include "tests/endtoend/tool_fixture.h"
 
-#include <cstdlib>
+#include <algorithm>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -18,16 +18,17 @@ std::string readAll(std::filesystem::path const& file) {
     return text.str();
 }
 
-Arguments commandOf(Arguments const& arguments) {
-    Arguments command{KELM_TOOL};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return command;
-}
-
 } // namespace
 
 RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& arguments)
-    : RunningProgram(folder, commandOf(arguments)) {}
+    : RunningProgram(folder, joined({{KELM_TOOL}, arguments})) {}
+
+std::vector<std::string> const& allCommands() {
+    static std::vector<std::string> const kCommands{"create",  "info",    "import", "export",
+                                                    "convert", "compare", "check",  "map",
+                                                    "child",   "flatten", "rebase"};
+    return kCommands;
+}
 
 ToolTest::ToolTest() = default;
 

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
-#include <initializer_list>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,7 +13,11 @@
 namespace endtoend {
 
 using test_support::Arguments;
+using test_support::joined;
 using test_support::Outcome;
+
+/// The names of all commands of the program.
+std::vector<std::string> const& allCommands();
 
 /// The program kelm, running.
 class RunningTool : public test_support::RunningProgram {

@@ -15,8 +15,7 @@ TEST_F(Usage, VersionIsPrinted) {
 }
 
 TEST_F(Usage, EveryCommandHasHelpWithAnExample) {
-    for (std::string const command : {"create", "info", "import", "export", "convert", "compare",
-                                      "check", "map", "child", "flatten", "rebase"}) {
+    for (std::string const& command : allCommands()) {
         std::string const help = runWell({command, "--help"});
         EXPECT_NE(help.find("Example:\n  kelm " + command), std::string::npos) << help;
     }
@@ -69,6 +68,7 @@ TEST_F(Usage, ADiskIsNeverWrittenOverItself) {
     runBadly(2, {"export", "disk.vmdk", "disk.vmdk", "--force"});
     runBadly(2, {"import", "disk.vmdk", "disk.vmdk", "--force"});
     runBadly(2, {"child", "disk.vmdk", "disk.vmdk", "--force"});
+    runBadly(2, {"map", "disk.vmdk", "--svg", "disk.vmdk", "--force"});
     EXPECT_EQ(readFile("disk.vmdk"), before);
 }
 

@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <functional>
 #include <thread>
 
 #include <fcntl.h>
@@ -17,6 +16,7 @@
 #include "host/size_text.h"
 #include "tests/host/host_fixture.h"
 #include "tests/support/signals.h"
+#include "tests/support/terminal_play.h"
 
 namespace test_support {
 namespace {
@@ -237,20 +237,19 @@ TEST_F(PasswordTest, GivenUpPasswordIsOverwritten) {
     EXPECT_EQ("secret", textOf(copy));
 }
 
-/// Runs a prompt on a terminal of its own and plays the user. Returns what the terminal showed.
 struct PromptPlay {
+    /// What the terminal showed.
     std::string shown;
+
+    /// The password behind "got ", or the words of the error.
     std::string result;
 };
 
-PromptPlay playPrompt(bool twice, std::vector<std::pair<std::string, std::string>> const& dialogue,
-                      bool isCancelled = false) {
+/// Runs a prompt on a terminal of its own and plays the user.
+PromptPlay playPrompt(bool twice, Dialogue const& dialogue, bool isCancelled = false) {
     int result[2];
     EXPECT_EQ(0, ::pipe(result));
-    int master = -1;
-    pid_t const child = ::forkpty(&master, nullptr, nullptr, nullptr);
-    if (child == 0) {
-        test_support::resetSignals();
+    auto const prompt = [&] {
         std::string text;
         CancelFlag cancel;
         if (isCancelled)
@@ -260,32 +259,14 @@ PromptPlay playPrompt(bool twice, std::vector<std::pair<std::string, std::string
         } catch (std::exception const& error) {
             text = error.what();
         }
-        [[maybe_unused]] ssize_t const count = ::write(result[1], text.data(), text.size());
-        ::_exit(0);
-    }
-    ::close(result[1]);
-    PromptPlay play;
-    auto const readMore = [&play, master] {
-        char part[256];
-        ssize_t const count = ::read(master, part, sizeof part);
-        if (count > 0)
-            play.shown.append(part, static_cast<std::size_t>(count));
-        return count > 0;
+        return ::write(result[1], text.data(), text.size()) < 0 ? 1 : 0;
     };
-    for (auto const& [prompt, answer] : dialogue) {
-        while (play.shown.find(prompt) == std::string::npos && readMore())
-            continue;
-        EXPECT_EQ(static_cast<ssize_t>(answer.size()),
-                  ::write(master, answer.data(), answer.size()));
-    }
-    while (readMore())
-        continue;
+    PromptPlay play{playOnTerminal(prompt, dialogue).shown, ""};
+    ::close(result[1]);
     char part[256];
     for (ssize_t count = 0; (count = ::read(result[0], part, sizeof part)) > 0;)
         play.result.append(part, static_cast<std::size_t>(count));
     ::close(result[0]);
-    ::close(master);
-    ::waitpid(child, nullptr, 0);
     return play;
 }
 
@@ -351,7 +332,7 @@ TEST(Cancel, FlagStopsTheWork) {
 }
 
 TEST(Cancel, SignalsSetTheFlagWhileSomebodyListens) {
-    test_support::resetSignals();
+    resetSignals();
     for (int const signal : {SIGINT, SIGTERM, SIGHUP}) {
         CancelFlag flag;
         {
@@ -367,7 +348,7 @@ TEST(Cancel, SignalsSetTheFlagWhileSomebodyListens) {
 }
 
 TEST(Cancel, SecondSignalEndsTheProcess) {
-    test_support::resetSignals();
+    resetSignals();
     EXPECT_EXIT(
         {
             CancelFlag flag;

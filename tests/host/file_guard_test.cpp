@@ -84,7 +84,7 @@ TEST_F(FileGuardTest, ProtectedFilesStayWhateverIsAllowed) {
          {std::function<void()>([&] { put(*guard, "old", "new"); }),
           std::function<void()>([&] { guard->deleteFile(uriOf("old"), true); })})
         EXPECT_TRUE(throwsIOError(yx::CIOError::NotAllowed,
-                                  "The file belongs to a disk that is being read.",
+                                  "The file is being read.",
                                   {{"uri", "mem:///disks/old"}}, action));
     EXPECT_EQ("old", get("old"));
 }

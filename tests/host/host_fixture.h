@@ -1,22 +1,17 @@
 #pragma once
 
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <sstream>
 
-#include "host/compare.h"
 #include "host/transfer.h"
-#include "tests/support/disk_fixture.h"
 #include "tests/support/extent_checker.h"
+#include "tests/support/safe_disks.h"
 #include "tests/support/temp_directory.h"
 
 namespace test_support {
-
-using kelm::host::FileGuard;
-using kelm::host::NewDisk;
-using kelm::host::SafeDisk;
-
-constexpr auto kReadOnly = yx::IIOStream::ReadOnly;
-constexpr auto kReadWrite = yx::IIOStream::ReadWrite;
 
 /// Disks in memory, as hosts use them, and images in a folder of the system.
 class HostTest : public DiskTest {
@@ -30,13 +25,7 @@ protected:
                                          std::string const& name = "disk.vmdk",
                                          std::string const& parent = "",
                                          __int64 sizeBytes = kSmallestDiskBytes) {
-        NewDisk request;
-        request.sizeBytes = sizeBytes;
-        request.password = kind.password;
-        request.compressed = kind.compressed;
-        request.compressionLevel = 1;
-        request.fileSizeLimitBytes = kind.fileSizeLimit;
-        request.createExtentFilesOnDemand = kind.onDemand;
+        NewDisk request = requestFor(kind, sizeBytes);
         if (!parent.empty())
             request.parent = uriOf(parent);
         yx::P<FileGuard> const guard = makeGuard();

@@ -1,5 +1,3 @@
-#include <csignal>
-
 #include <libnbd.h>
 #include <nlohmann/json.hpp>
 
@@ -70,20 +68,19 @@ TEST_P(EveryKind, KeepsWhatFioWrites) {
     std::map<std::string, std::string> const parentFiles = readParentFiles();
     std::unique_ptr<Server> server = serve();
     auto const runFio = [&](Arguments const& more) {
-        Arguments command{"fio",
-                          "--name=kelm",
-                          "--ioengine=nbd",
-                          "--uri=" + server->uri(),
-                          "--rw=randwrite",
-                          "--bsrange=4k-1m",
-                          "--size=8m",
-                          "--iodepth=4",
-                          "--randseed=20",
-                          "--verify=crc32c",
-                          "--verify_fatal=1",
-                          "--verify_state_save=0"};
-        command.insert(command.end(), more.begin(), more.end());
-        runClient(command);
+        Arguments const common{"fio",
+                               "--name=kelm",
+                               "--ioengine=nbd",
+                               "--uri=" + server->uri(),
+                               "--rw=randwrite",
+                               "--bsrange=4k-1m",
+                               "--size=8m",
+                               "--iodepth=4",
+                               "--randseed=20",
+                               "--verify=crc32c",
+                               "--verify_fatal=1",
+                               "--verify_state_save=0"};
+        runClient(joined({common, more}));
     };
     runFio({"--do_verify=1", "--fsync=32"});
     stopWell(*server);
@@ -93,10 +90,7 @@ TEST_P(EveryKind, KeepsWhatFioWrites) {
     server = serve({"-r"});
     runFio({"--verify_only"});
     stopWell(*server);
-    Arguments check{"check", "disk.vmdk"};
-    Arguments const password = passwordOptions();
-    check.insert(check.end(), password.begin(), password.end());
-    runWell(check);
+    runWell(joined({{"check", "disk.vmdk"}, passwordOptions()}));
 }
 
 TEST_P(EveryKind, HasOneServerForWriting) {

@@ -50,7 +50,7 @@ private:
     /// nbdfuse writes its process number once the file is there.
     bool waitUntilThere() const {
         int const ready = ::open((m_folder / "ready").c_str(), O_RDONLY | O_NONBLOCK);
-        int const process = openProcess(m_program.id());
+        int const process = test_support::openProcess(m_program.id());
         pollfd events[] = {{ready, POLLIN, 0}, {process, POLLIN, 0}};
         ::poll(events, 2, -1);
         ::close(ready);

@@ -4,14 +4,6 @@
 
 namespace nbdkit {
 
-namespace {
-
-void append(Arguments& arguments, Arguments const& more) {
-    arguments.insert(arguments.end(), more.begin(), more.end());
-}
-
-} // namespace
-
 std::vector<DiskKind> const& allKinds() {
     static std::vector<DiskKind> const kinds{
         {"Plain", {}},
@@ -45,19 +37,14 @@ void PluginTest::makeDisk(DiskKind const& kind, std::string const& parentImage) 
         writeFile("parent-image", parentImage);
         create = {"import", "parent-image", "parent.vmdk"};
     }
-    append(create, kind.options);
-    if (kind.isEncrypted)
-        create.emplace_back("--encrypt");
-    append(create, passwordOptions());
-    runWell(create);
+    Arguments const encrypt = kind.isEncrypted ? Arguments{"--encrypt"} : Arguments{};
+    runWell(joined({create, kind.options, encrypt, passwordOptions()}));
     if (!kind.isChild)
         return;
-    Arguments child{"child", "parent.vmdk", "disk.vmdk"};
-    append(child, kind.options);
     // A child is compressed if its parent is.
-    std::erase(child, "--compressed");
-    append(child, passwordOptions());
-    runWell(child);
+    Arguments options = kind.options;
+    std::erase(options, "--compressed");
+    runWell(joined({{"child", "parent.vmdk", "disk.vmdk"}, options, passwordOptions()}));
 }
 
 void PluginTest::makeDisk(DiskKind const& kind, std::string const& parentImage,
@@ -78,12 +65,11 @@ void PluginTest::makeDisk(DiskKind const& kind, std::string const& parentImage,
 
 std::unique_ptr<Server> PluginTest::serve(Arguments const& options, Arguments const& parameters,
                                           ServerSurroundings const& surroundings) const {
-    Arguments arguments = options;
-    append(arguments, {KELM_NBDKIT_PLUGIN, "disk.vmdk"});
-    if (m_kind && m_kind->isEncrypted)
-        arguments.emplace_back("password=+password");
-    append(arguments, parameters);
-    return std::make_unique<Server>(folder(), arguments, surroundings);
+    bool const isEncrypted = m_kind && m_kind->isEncrypted;
+    Arguments const password = isEncrypted ? Arguments{"password=+password"} : Arguments{};
+    return std::make_unique<Server>(
+        folder(), joined({options, {KELM_NBDKIT_PLUGIN, "disk.vmdk"}, password, parameters}),
+        surroundings);
 }
 
 void PluginTest::stopWell(Server& server) {
@@ -100,12 +86,9 @@ std::string PluginTest::runClient(Arguments const& command) const {
 
 void PluginTest::expectContent(std::string const& image) const {
     writeFile("expected", image);
-    Arguments compare{"compare", "expected", "disk.vmdk"};
-    Arguments check{"check", "disk.vmdk"};
-    append(compare, passwordOptions());
-    append(check, passwordOptions());
-    EXPECT_EQ(runWell(compare), "equal\n");
-    runWell(check);
+    EXPECT_EQ(runWell(joined({{"compare", "expected", "disk.vmdk"}, passwordOptions()})),
+              "equal\n");
+    runWell(joined({{"check", "disk.vmdk"}, passwordOptions()}));
 }
 
 std::string PluginTest::wordsForDiskInUse(std::string const& name) const {

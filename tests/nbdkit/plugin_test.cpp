@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <csignal>
-#include <fstream>
 #include <random>
 
 #include <fcntl.h>
@@ -23,18 +22,15 @@ class Plugin : public PluginTest {
 protected:
     /// Starts a server that must refuse to serve, and returns its words.
     std::string refusalOf(Arguments const& arguments) const {
-        Arguments command{KELM_NBDKIT_PLUGIN};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        Outcome const outcome = Server(folder(), command).waitForEnd();
+        Outcome const outcome =
+            Server(folder(), joined({{KELM_NBDKIT_PLUGIN}, arguments})).waitForEnd();
         EXPECT_EQ(outcome.status, 1);
         return outcome.err;
     }
 
     /// Serves with these parameters and expects that the disk reads as zeros.
     void expectServed(Arguments const& parameters, ServerSurroundings const& surroundings = {}) {
-        Arguments command{KELM_NBDKIT_PLUGIN};
-        command.insert(command.end(), parameters.begin(), parameters.end());
-        Server server(folder(), command, surroundings);
+        Server server(folder(), joined({{KELM_NBDKIT_PLUGIN}, parameters}), surroundings);
         EXPECT_EQ(Client(server.socketPath()).read(0, 4), std::string(4, '\0'));
         stopWell(server);
     }
@@ -293,7 +289,7 @@ TEST_F(Plugin, ServesFromTheBackground) {
         ASSERT_EQ(client.write(5, "from the background"), 0);
     }
     int const id = std::stoi(readFile("pid"));
-    int const process = openProcess(id);
+    int const process = test_support::openProcess(id);
     ASSERT_GE(process, 0);
     EXPECT_EQ(refusalOf({"disk.vmdk", "password=+password"}), wordsForDiskInUse("disk.vmdk"));
     ASSERT_EQ(::kill(id, SIGTERM), 0);

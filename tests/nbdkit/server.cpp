@@ -5,7 +5,6 @@
 #include <stdexcept>
 
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -32,10 +31,6 @@ sockaddr_un makeAddress(std::string const& path) {
 
 } // namespace
 
-int openProcess(pid_t id) {
-    return static_cast<int>(::syscall(SYS_pidfd_open, id, 0));
-}
-
 Server::ListeningSocket::ListeningSocket(std::string const& path)
     : m_descriptor(::socket(AF_UNIX, SOCK_STREAM, 0)) {
     sockaddr_un const address = makeAddress(path);
@@ -54,9 +49,7 @@ test_support::RunningProgram Server::start(std::filesystem::path const& folder,
                                            Arguments const& arguments,
                                            ServerSurroundings const& surroundings) {
     ListeningSocket const socket(socketPath);
-    Arguments command{"nbdkit"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    return {folder, command, [&] {
+    return {folder, joined({{"nbdkit"}, arguments}), [&] {
                 if (socket.get() != kFirstPassedDescriptor)
                     ::dup2(socket.get(), kFirstPassedDescriptor);
                 ::setenv("LISTEN_FDS", "1", 1);

@@ -9,6 +9,7 @@
 namespace nbdkit {
 
 using test_support::Arguments;
+using test_support::joined;
 using test_support::Outcome;
 
 /// What the process of a server gets beside its arguments.
@@ -69,8 +70,5 @@ private:
     test_support::RunningProgram m_program;
     bool m_isRunning = true;
 };
-
-/// A file descriptor of a process, which polls as readable once the process has ended.
-int openProcess(pid_t id);
 
 } // namespace nbdkit

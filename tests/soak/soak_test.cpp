@@ -14,7 +14,7 @@ struct Outcome {
 };
 
 Outcome runSoak(std::string const& options) {
-    std::string const command = KELM_HELPER_DIR "/soak " + options + " 2>&1";
+    std::string const command = KELM_SOAK " " + options + " 2>&1";
     FILE* const pipe = ::popen(command.c_str(), "r");
     std::string output;
     std::array<char, 4096> buffer;

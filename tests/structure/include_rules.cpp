@@ -86,8 +86,6 @@ std::vector<Include> readIncludes(std::filesystem::path const& root) {
     std::vector<Include> includes;
     for (char const* folder :
          {"yx", "krym", "compressors", "kelm", "host", "tools", "integrations", "examples"}) {
-        if (!std::filesystem::exists(root / folder))
-            continue;
         for (auto const& entry : std::filesystem::recursive_directory_iterator(root / folder)) {
             if (!entry.is_regular_file() || !isCode(entry.path()))
                 continue;

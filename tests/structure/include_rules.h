@@ -18,10 +18,11 @@ struct Include {
 /// The quoted includes in `text`, which is the content of `file`, in the order of their lines.
 std::vector<Include> findIncludes(std::string const& file, std::string_view text);
 
-/// The quoted includes in all headers and sources of the rooms that have a direction.
+/// The quoted includes in all headers and sources of the rooms that have a direction. Throws if a
+/// room or a file cannot be read.
 std::vector<Include> readIncludes(std::filesystem::path const& root);
 
-/// Why the include is forbidden; empty if it is allowed. Allowed are includes inside a room, those
+/// Why the include is forbidden; nothing if it is allowed. Allowed are includes inside a room, those
 /// that go down, and the few upward ones in its list.
 std::optional<std::string> findFault(Include const& include);
 

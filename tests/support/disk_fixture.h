@@ -1,5 +1,6 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,15 @@ inline std::vector<DiskKind> allDiskKinds() {
         {"encryptedCompressed", true, -1, "secret", false},
         {"encryptedCompressedSplit", true, kCompressedSplitLimit, "secret", false},
     };
+}
+
+/// One of these kinds.
+inline DiskKind kindNamed(std::string const& name) {
+    for (DiskKind const& kind : allDiskKinds()) {
+        if (name == kind.name)
+            return kind;
+    }
+    throw std::invalid_argument("no kind of disk: " + name);
 }
 
 constexpr __int64 kSmallestDiskBytes = 8388608;

@@ -10,6 +10,15 @@ namespace {
 constexpr std::uint64_t kSector = 512;
 constexpr std::uint64_t kTrailSectors = 3;
 constexpr std::uint64_t kRecordHeaderBytes = 12;
+constexpr std::uint64_t kCipherBlockBytes = 16;
+
+// The numbers of docs/file-format.md, told once more so that an error in the library's own shows.
+constexpr std::uint64_t kMagic = 0x564D444B;
+constexpr std::uint64_t kEncipheredMagic = 0x05644B45;
+constexpr std::uint64_t kRedundantDirectoryFlag = 0x2;
+constexpr std::uint64_t kCompressedFlag = 0x10000;
+constexpr std::uint64_t kSlotSizeDirectoryMarker = 0x18349002;
+constexpr unsigned char kFooterMarker = 3;
 
 /// One walk over one file.
 class Walk {
@@ -47,17 +56,17 @@ private:
             return false;
         }
         std::uint64_t const magic = number(0, 4);
-        if (magic != 0x564D444B && magic != 0x05644B45) {
+        if (magic != kMagic && magic != kEncipheredMagic) {
             find("bad magic");
             return false;
         }
         std::uint64_t const flags = number(8, 4);
-        m_report.enciphered = magic == 0x05644B45 && number(79, 2) != 0;
-        m_report.compressed = (flags & 0x10000) != 0;
+        m_report.enciphered = magic == kEncipheredMagic && number(79, 2) != 0;
+        m_report.compressed = (flags & kCompressedFlag) != 0;
         m_report.capacitySectors = number(12, 8);
         m_report.grainSizeSectors = number(20, 8);
         m_entries = number(44, 4);
-        m_redundantDirectory = (flags & 2) != 0 ? number(48, 8) : 0;
+        m_redundantDirectory = (flags & kRedundantDirectoryFlag) != 0 ? number(48, 8) : 0;
         m_directory = number(56, 8);
         m_report.overheadSectors = number(64, 8);
         if (std::memcmp(m_data + 73, "\n \r\n", 4) != 0)
@@ -85,7 +94,8 @@ private:
             std::uint64_t const lastTable =
                 number(m_directory * kSector + (m_tableCount - 1) * 4, 4);
             std::uint64_t const marker = lastTable + (m_entries * 4 + kSector - 1) / kSector;
-            if (!inFile(marker, kSector) || number(marker * kSector + 12, 4) != 0x18349002 ||
+            if (!inFile(marker, kSector) ||
+                number(marker * kSector + 12, 4) != kSlotSizeDirectoryMarker ||
                 number(marker * kSector, 8) != directorySectors) {
                 find("no slot size directory behind the last table");
                 return;
@@ -178,7 +188,8 @@ private:
             // What is enciphered is the record with its padding, behind the header.
             std::uint64_t const padded =
                 (bytes + kRecordHeaderBytes + kSector - 1) / kSector * kSector;
-            bytes = (padded - kRecordHeaderBytes + 15) / 16 * 16;
+            bytes = (padded - kRecordHeaderBytes + kCipherBlockBytes - 1) / kCipherBlockBytes *
+                    kCipherBlockBytes;
         }
         if (bytes + kRecordHeaderBytes > slot.sizeSectors * kSector)
             find(name + " does not fit its slot");
@@ -192,7 +203,7 @@ private:
         std::uint64_t const footerMarker = m_size - kTrailSectors * kSector;
         std::vector<unsigned char> marker(kSector, 0);
         marker[0] = 1;
-        marker[12] = 3;
+        marker[12] = kFooterMarker;
         if (std::memcmp(m_data + footerMarker, marker.data(), kSector) != 0)
             find("no footer marker three sectors before the end");
         if (std::memcmp(m_data + footerMarker + kSector, m_data, kSector) != 0)

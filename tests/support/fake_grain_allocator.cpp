@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "kelm/format/constants.h"
 #include "yx/error.h"
 
 namespace test_support {
@@ -14,7 +15,7 @@ FakeGrainAllocator::Slot FakeGrainAllocator::slotOf(__int64 grainIndex) const {
 __int64 FakeGrainAllocator::allocNewGrain(__int64 grainIndex, void const* data, int size,
                                           int slotSizeSectors) {
     failIfAsked();
-    m_stream->seek(m_nextPosSectors * 512);
+    m_stream->seek(m_nextPosSectors * kelm::kSectorSizeBytes);
     m_stream->write(data, size, nullptr);
     return enter({grainIndex, size, slotSizeSectors, false});
 }
@@ -22,7 +23,7 @@ __int64 FakeGrainAllocator::allocNewGrain(__int64 grainIndex, void const* data, 
 __int64 FakeGrainAllocator::allocNewGrainKeepBuffer(
     __int64 grainIndex, yx::TConstBufferSlice<unsigned char> const& data, int slotSizeSectors) {
     failIfAsked();
-    m_stream->seek(m_nextPosSectors * 512);
+    m_stream->seek(m_nextPosSectors * kelm::kSectorSizeBytes);
     m_stream->writeKeepBuffer(data, nullptr);
     return enter({grainIndex, data.getLength(), slotSizeSectors, true});
 }
@@ -34,7 +35,7 @@ void FakeGrainAllocator::failIfAsked() {
 }
 
 __int64 FakeGrainAllocator::enter(Allocation const& allocation) {
-    fill((m_nextPosSectors + allocation.slotSizeSectors) * 512);
+    fill((m_nextPosSectors + allocation.slotSizeSectors) * kelm::kSectorSizeBytes);
     m_allocations.push_back(allocation);
     m_table[allocation.grainIndex] = {m_nextPosSectors, allocation.slotSizeSectors};
     m_nextPosSectors += allocation.slotSizeSectors;
@@ -42,7 +43,7 @@ __int64 FakeGrainAllocator::enter(Allocation const& allocation) {
 }
 
 void FakeGrainAllocator::fill(__int64 endBytes) {
-    static constexpr unsigned char kZeros[512] = {};
+    static constexpr unsigned char kZeros[kelm::kSectorSizeBytes] = {};
     while (m_stream->getPosition() < endBytes)
         m_stream->write(
             kZeros,

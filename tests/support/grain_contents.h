@@ -20,6 +20,7 @@ inline Bytes sparse(std::size_t sizeBytes, unsigned int seed) {
     return content;
 }
 
+/// The lowest `sizeBytes` bytes of a number, the lowest first.
 inline Bytes littleEndian(unsigned long long value, std::size_t sizeBytes) {
     Bytes bytes;
     for (std::size_t i = 0; i < sizeBytes; ++i)
@@ -27,23 +28,28 @@ inline Bytes littleEndian(unsigned long long value, std::size_t sizeBytes) {
     return bytes;
 }
 
+/// With zeros up to the next multiple of `unitBytes`.
 inline Bytes padded(Bytes bytes, std::size_t unitBytes) {
     bytes.resize((bytes.size() + unitBytes - 1) / unitBytes * unitBytes);
     return bytes;
 }
 
+constexpr std::size_t kRecordSectorBytes = 512;
+constexpr std::size_t kRecordHeaderBytes = 12;
+constexpr std::size_t kRecordCipherBlockBytes = 16;
+
 /// A record as other software would write it, padded to sectors.
 inline Bytes makeRecord(unsigned long long lba, Bytes const& stream) {
-    return padded(
-        test_support::concat({littleEndian(lba, 8), littleEndian(stream.size(), 4), stream}), 512);
+    return padded(concat({littleEndian(lba, 8), littleEndian(stream.size(), 4), stream}),
+                  kRecordSectorBytes);
 }
 
 /// A padded record with all behind its header enciphered, as it stands in a file.
 inline Bytes encipherRecord(Bytes const& record, Bytes const& key, Bytes const& iv) {
-    return test_support::concat(
-        {test_support::slice(record, 0, 12),
-         test_support::encipherWithOpenSSL(
-             padded(test_support::slice(record, 12, record.size()), 16), key, iv)});
+    return concat({slice(record, 0, kRecordHeaderBytes),
+                   encipherWithOpenSSL(padded(slice(record, kRecordHeaderBytes, record.size()),
+                                              kRecordCipherBlockBytes),
+                                       key, iv)});
 }
 
 /// A record taken apart by hand, its data decompressed by zlib.
@@ -60,10 +66,10 @@ inline Record takeApart(Bytes const& record, int maxPlainBytes) {
         parts.lba |= static_cast<unsigned long long>(record.at(i)) << (8 * i);
     for (std::size_t i = 0; i < 4; ++i)
         parts.compressedSizeBytes |= static_cast<unsigned int>(record.at(8 + i)) << (8 * i);
-    std::size_t const endBytes = 12 + std::size_t(parts.compressedSizeBytes);
-    parts.plain = test_support::decompressWithZlib(
-        test_support::slice(record, 12, parts.compressedSizeBytes), maxPlainBytes);
-    parts.padding = test_support::slice(record, endBytes, record.size() - endBytes);
+    std::size_t const endBytes = kRecordHeaderBytes + parts.compressedSizeBytes;
+    parts.plain = decompressWithZlib(slice(record, kRecordHeaderBytes, parts.compressedSizeBytes),
+                                     maxPlainBytes);
+    parts.padding = slice(record, endBytes, record.size() - endBytes);
     return parts;
 }
 

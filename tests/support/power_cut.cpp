@@ -125,7 +125,7 @@ public:
     }
 
     bool hasAnySectors() const { return m_loss == Loss::AnySectors; }
-    bool drawsNames() const { return m_loss >= Loss::SomeChanges; }
+    bool drawsNames() const { return m_loss == Loss::SomeChanges || hasAnySectors(); }
     bool keepsNames() const { return m_loss != Loss::Everything; }
 
     std::size_t draw(std::size_t below) { return static_cast<std::size_t>(m_random()) % below; }

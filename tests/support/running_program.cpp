@@ -1,12 +1,14 @@
 #include "tests/support/running_program.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <fstream>
 #include <iterator>
-#include <stdexcept>
+#include <system_error>
 
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,6 +48,13 @@ std::string makeErrorFileName(std::filesystem::path const& folder) {
 
 } // namespace
 
+Arguments joined(std::initializer_list<Arguments> parts) {
+    Arguments all;
+    for (Arguments const& part : parts)
+        all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
 RunningProgram::RunningProgram(std::filesystem::path const& folder, Arguments const& command,
                                std::function<void()> const& prepare)
     : m_errorFile(makeErrorFileName(folder)) {
@@ -54,8 +63,10 @@ RunningProgram::RunningProgram(std::filesystem::path const& folder, Arguments co
     int input[2];
     int output[2];
     if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0)
-        throw std::runtime_error("no pipe");
+        throw std::system_error(errno, std::generic_category(), "pipe");
     m_id = ::fork();
+    if (m_id < 0)
+        throw std::system_error(errno, std::generic_category(), "fork");
     if (m_id == 0) {
         resetSignals();
         becomeProgram(folder, command, prepare, m_errorFile, input[0], output[1]);
@@ -101,7 +112,9 @@ std::string RunningProgram::readOutput(std::size_t bytes) {
 }
 
 void RunningProgram::signal(int number) {
-    ::kill(m_id, number);
+    // Given -1, `kill` would reach every process there is.
+    if (m_id > 0)
+        ::kill(m_id, number);
 }
 
 Outcome RunningProgram::finish() {
@@ -116,6 +129,10 @@ Outcome RunningProgram::finish() {
     std::ifstream stream(m_errorFile, std::ios::binary);
     outcome.err.assign(std::istreambuf_iterator<char>(stream), {});
     return outcome;
+}
+
+int openProcess(pid_t id) {
+    return static_cast<int>(::syscall(SYS_pidfd_open, id, 0));
 }
 
 } // namespace test_support

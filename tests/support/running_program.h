@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,9 @@
 namespace test_support {
 
 using Arguments = std::vector<std::string>;
+
+/// The parts one behind the other.
+Arguments joined(std::initializer_list<Arguments> parts);
 
 /// What a run of a program left behind.
 struct Outcome {
@@ -43,6 +47,7 @@ public:
     /// Reads that many bytes of the program's standard output, fewer at its end.
     std::string readOutput(std::size_t bytes);
 
+    /// Does nothing once `finish` was called.
     void signal(int number);
 
     /// Closes the program's input, reads all of its output, and waits for its end.
@@ -54,5 +59,8 @@ private:
     int m_output = -1;
     std::filesystem::path m_errorFile;
 };
+
+/// A file descriptor of a process, which polls as readable once the process has ended; to be closed.
+int openProcess(pid_t id);
 
 } // namespace test_support

@@ -3,7 +3,6 @@
 #include "host/file_names.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
-#include "tools/kelm/errors.h"
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
 

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <memory>
 
 #include "host/file_names.h"

@@ -1,6 +1,5 @@
 #include <memory>
 
-#include "host/file_names.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/options.h"
@@ -20,11 +19,8 @@ struct ExportArguments {
 ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
-    if (arguments.image != "-") {
-        verifyIsNoneOf(
-            listChainFiles(invocation, *disk, usedPassword(invocation, arguments.passwords)),
-            host::uriFromArgument(arguments.image));
-    }
+    verifyIsNoFileOf(invocation, *disk, usedPassword(invocation, arguments.passwords),
+                     arguments.image);
     host::RawTarget target(arguments.image, arguments.force, &invocation.getCancel());
     LongWork const work(invocation, "export", arguments.threads);
     host::exportRaw(*disk, target, work.getOptions());

@@ -23,13 +23,16 @@ struct ImportArguments {
 ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     host::RawSource source(arguments.image, &invocation.getCancel());
-    if (arguments.image != "-" && host::uriFromArgument(arguments.image) == uri)
+    std::vector<yx::CURI> sourceFiles;
+    if (std::optional<yx::CURI> const file = tryNameRegularFile(arguments.image))
+        sourceFiles.push_back(*file);
+    if (sourceFiles == std::vector{uri})
         throw UsageError("The image and the disk are the same file.");
     if (arguments.sizeBytes == -1)
         arguments.sizeBytes = source.getLength() - source.getPosition();
     host::NewDisk const request =
         arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
-    NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force);
+    NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     LongWork const work(invocation, "import", arguments.threads);
     host::importRaw(source, disk.getDisk(), work.getOptions());
     disk.finish();

@@ -112,6 +112,10 @@ void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& argu
 ExitStatus map(Invocation& invocation, MapArguments& arguments) {
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
+    if (!arguments.picture.empty()) {
+        verifyIsNoFileOf(invocation, *disk, usedPassword(invocation, arguments.passwords),
+                         arguments.picture);
+    }
     // The picture comes last, so that an interruption leaves none.
     if (arguments.json || arguments.picture.empty())
         list(invocation, *disk, arguments);

@@ -1,6 +1,8 @@
 #include "tools/kelm/disk_access.h"
 
 #include <algorithm>
+#include <filesystem>
+#include <system_error>
 
 #include "host/disk_opening.h"
 #include "host/file_names.h"
@@ -67,6 +69,23 @@ void verifyIsNoneOf(std::vector<yx::CURI> const& files, yx::CURI const& file) {
         throw UsageError("The file to be written belongs to a disk that is to be read: " +
                          host::displayName(file));
     }
+}
+
+std::optional<yx::CURI> tryNameRegularFile(std::string const& argument) {
+    std::error_code ignored;
+    std::filesystem::file_status const status = std::filesystem::status(argument, ignored);
+    // One that does not exist may be an extent file that is still to be made.
+    bool const isSomethingElse =
+        std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+    if (argument == "-" || isSomethingElse)
+        return std::nullopt;
+    return host::uriFromArgument(argument);
+}
+
+void verifyIsNoFileOf(Invocation& invocation, host::SafeDisk& disk, yx::String const& password,
+                      std::string const& output) {
+    if (std::optional<yx::CURI> const file = tryNameRegularFile(output))
+        verifyIsNoneOf(listChainFiles(invocation, disk, password), *file);
 }
 
 NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri,

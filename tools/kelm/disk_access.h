@@ -29,6 +29,7 @@ std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
 /// The password that opened a disk; empty if none was needed so far.
 yx::String usedPassword(Invocation const& invocation, PasswordOptions& passwords);
 
+/// Whether a password is needed to read the disk's grains.
 bool isEncrypted(host::SafeDisk& disk);
 
 /// All files of a disk and of its parents.
@@ -38,12 +39,21 @@ std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& dis
 /// Refuses, with `UsageError`, a file to be written that is one of `files`, which are to be read.
 void verifyIsNoneOf(std::vector<yx::CURI> const& files, yx::CURI const& file);
 
+/// The file that the user names for an image or a picture, if it could be a file of a disk; none for
+/// "-" and for what is no regular file, such as a pipe or a device.
+std::optional<yx::CURI> tryNameRegularFile(std::string const& argument);
+
+/// Refuses, with `UsageError`, an output that the user names if it is a file of `disk` or of one of
+/// its parents.
+void verifyIsNoFileOf(Invocation& invocation, host::SafeDisk& disk, yx::String const& password,
+                      std::string const& output);
+
 /// A disk on its way to be: what has been made of it goes away again unless it is finished.
 class NewDiskInProgress {
 public:
-    /// Makes the disk. Files that exist are `CIOError` `AlreadyExists` unless `force` is given, and
-    /// a disk in use is `CLockFileError` even then, and so
-    /// are `protectedFiles` `NotAllowed`. A request that makes no sense is `UsageError`.
+    /// Makes the disk. A file that exists is `CIOError` `AlreadyExists` unless `force` is given;
+    /// even then, a disk in use is `CLockFileError`, and one of `protectedFiles` is `CIOError`
+    /// `NotAllowed`. A request that makes no sense is `UsageError`.
     NewDiskInProgress(Invocation& invocation, yx::CURI const& uri, host::NewDisk const& request,
                       bool force, std::vector<yx::CURI> const& protectedFiles = {});
 

@@ -1,5 +1,7 @@
 #include "tools/kelm/disk_report.h"
 
+#include <algorithm>
+
 #include "host/disk_files.h"
 #include "host/disk_space.h"
 #include "host/file_names.h"

@@ -13,7 +13,8 @@ nlohmann::ordered_json reportDisk(host::SafeDisk& disk);
 /// The space of a disk's grains by kind of use; reads all tables.
 nlohmann::ordered_json reportSpace(host::SafeDisk& disk, host::TransferOptions const& options);
 
-/// A report in lines for people.
+/// A report of `reportDisk` in lines for people. To it belong "parents", an array of objects with
+/// "file" and either "contentID" or "error", and perhaps "space", a report of `reportSpace`.
 std::string formatReport(nlohmann::ordered_json const& report);
 
 } // namespace kelm::tool

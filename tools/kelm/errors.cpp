@@ -2,14 +2,9 @@
 
 #include <cstdio>
 
-#include "host/password_errors.h"
 #include "yx/log.h"
 
 namespace kelm::tool {
-
-bool isPasswordMissing(yx::CError const& error) {
-    return host::isPasswordMissing(error);
-}
 
 ExitStatus exitStatusOf(std::exception const& error) {
     if (dynamic_cast<UsageError const*>(&error))

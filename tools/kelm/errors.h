@@ -4,6 +4,7 @@
 #include <string>
 
 #include "host/error_text.h"
+#include "host/password_errors.h"
 #include "tools/kelm/exit_status.h"
 #include "yx/error.h"
 
@@ -26,12 +27,11 @@ public:
     }
 };
 
-/// Whether a disk could not be opened for want of a password.
-bool isPasswordMissing(yx::CError const& error);
-
-ExitStatus exitStatusOf(std::exception const& error);
-
 using host::describeError;
+using host::isPasswordMissing;
+
+/// How the program ends with that error.
+ExitStatus exitStatusOf(std::exception const& error);
 
 /// Sends warnings of the library to standard error, in the words of this program, and leaves out
 /// the errors that it logs: they are thrown too, and told once.
