@@ -1,6 +1,7 @@
 #include "host/extent_check.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <limits>
 #include <optional>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "host/record_size.h"
 #include "host/sector_map.h"
 #include "kelm/format/constants.h"
+#include "kelm/format/little_endian.h"
 #include "kelm/format/marker.h"
 #include "kelm/graindata/data_preparer.h"
 
@@ -19,21 +21,23 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using Report = std::function<void(std::string const&)>;
 
-constexpr int kSlotSizeEntrySizeBytes = kSlotSizeTableSizeBytes / kGrainTableEntryCount;
-constexpr int kGrainTableEntrySizeBytes = kGrainTableSizeBytes / kGrainTableEntryCount;
-
 /// How much of a file is looked at for overlaps in one go: 128 GiB, for 32 MiB of memory.
 constexpr __int64 kStretchSectors = 1LL << 28;
 
 /// Tables name sectors in 32 bits.
 constexpr __int64 kMaxReachSectors = 1LL << 32;
 
-/// The least-significant byte comes first.
-__int64 numberAt(Bytes const& bytes, __int64 offset, int size) {
-    unsigned long long value = 0;
-    for (int i = size; i-- > 0;)
-        value = value << 8 | bytes[static_cast<std::size_t>(offset + i)];
-    return static_cast<__int64>(value);
+using DirectoryEntry = std::uint32_t;
+using GrainTableEntry = std::uint32_t;
+using SlotSizeEntry = std::uint16_t;
+
+static_assert(sizeof(DirectoryEntry) == kDirectoryEntrySizeBytes &&
+              sizeof(GrainTableEntry) * kGrainTableEntryCount == kGrainTableSizeBytes &&
+              sizeof(SlotSizeEntry) * kGrainTableEntryCount == kSlotSizeTableSizeBytes);
+
+template <class Entry>
+__int64 entryAt(Bytes const& entries, __int64 index) {
+    return loadLittleEndian<Entry>(entries.data() + index * __int64{sizeof(Entry)});
 }
 
 /// Where the tables of one run of grains are; -1 for one that is not known.
@@ -194,7 +198,7 @@ private:
         m_stream.seek(static_cast<__int64>(directorySector) * kSectorSizeBytes +
                       table * kDirectoryEntrySizeBytes);
         m_stream.read(entry.data(), kDirectoryEntrySizeBytes);
-        return numberAt(entry, 0, kDirectoryEntrySizeBytes);
+        return entryAt<DirectoryEntry>(entry, 0);
     }
 
     TablePlaces readPlaces(__int64 table) {
@@ -272,8 +276,7 @@ private:
     }
 
     void checkEntry(__int64 grain, __int64 entry, Tables const& tables, SectorMap& taken) {
-        __int64 const position =
-            numberAt(tables.entries, entry * kGrainTableEntrySizeBytes, kGrainTableEntrySizeBytes);
+        __int64 const position = entryAt<GrainTableEntry>(tables.entries, entry);
         if (position == 0)
             return;
         std::string const name = "grain " + std::to_string(grain + m_place.startGrainIndex);
@@ -307,8 +310,7 @@ private:
             return m_grainSizeSectors;
         if (slotSizes.empty())
             return checkRecord(name, grain, position);
-        __int64 const slotSectors =
-            numberAt(slotSizes, entry * kSlotSizeEntrySizeBytes, kSlotSizeEntrySizeBytes);
+        __int64 const slotSectors = entryAt<SlotSizeEntry>(slotSizes, entry);
         if (m_isFirstStretch && checkRecord(name, grain, position) > slotSectors)
             find("the record of " + name + " does not fit its slot");
         return slotSectors;
