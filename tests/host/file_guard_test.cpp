@@ -83,8 +83,7 @@ TEST_F(FileGuardTest, ProtectedFilesStayWhateverIsAllowed) {
     for (auto const& action :
          {std::function<void()>([&] { put(*guard, "old", "new"); }),
           std::function<void()>([&] { guard->deleteFile(uriOf("old"), true); })})
-        EXPECT_TRUE(throwsIOError(yx::CIOError::NotAllowed,
-                                  "The file is being read.",
+        EXPECT_TRUE(throwsIOError(yx::CIOError::NotAllowed, "The file is being read.",
                                   {{"uri", "mem:///disks/old"}}, action));
     EXPECT_EQ("old", get("old"));
 }
