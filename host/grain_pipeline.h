@@ -14,8 +14,8 @@ namespace kelm::host {
 /// Works on grains on several threads and gives them back in order.
 ///
 /// One thread, the owner, fills items and takes them back; it is also the one that holds the disks,
-/// which serve one thread. The workers only turn one buffer of an item into another. The items, and
-/// with them all memory, are there from the start and go round:
+/// which serve one thread. The workers turn one buffer of an item into another and touch no disk. The
+/// items, and with them all memory, are there from the start and go round:
 ///
 ///     owner: getFree, fill, submit  ->  workers  ->  owner: takeOldest, use, recycle
 class GrainPipeline {
