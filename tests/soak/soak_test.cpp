@@ -36,11 +36,14 @@ TEST(Soak, NoticesADamagedDisk) {
     EXPECT_THAT(outcome.output, testing::HasSubstr("VIOLATION on disk 0 (plain)"));
 }
 
-TEST(Soak, UnknownOptionIsRefused) {
-    Outcome const outcome = runSoak("--minutes 1");
-    EXPECT_EQ(2, outcome.exitCode);
-    EXPECT_EQ("usage: soak [--seconds <n>] [--disks <n>] [--seed <n>] [--tamper]\n",
-              outcome.output);
+TEST(Soak, WrongOptionsAreRefused) {
+    for (char const* const options :
+         {"--minutes 1", "--seconds", "--seconds abc", "--disks 2x", "--seed -1"}) {
+        Outcome const outcome = runSoak(options);
+        EXPECT_EQ(2, outcome.exitCode) << options;
+        EXPECT_EQ("usage: soak [--seconds <n>] [--disks <n>] [--seed <n>] [--tamper]\n",
+                  outcome.output);
+    }
 }
 
 } // namespace

@@ -12,10 +12,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -250,6 +250,14 @@ int runSoak(Options const& options) {
     return 0;
 }
 
+std::optional<unsigned int> parseNumber(std::string_view text) {
+    unsigned int value = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
 std::optional<Options> parse(int argc, char** argv) {
     Options options;
     options.seed = std::random_device()();
@@ -261,13 +269,15 @@ std::optional<Options> parse(int argc, char** argv) {
         }
         if (++i == argc)
             return std::nullopt;
-        unsigned long const value = std::strtoul(argv[i], nullptr, 10);
+        std::optional<unsigned int> const value = parseNumber(argv[i]);
+        if (!value)
+            return std::nullopt;
         if (name == "--seconds")
-            options.seconds = static_cast<int>(value);
+            options.seconds = static_cast<int>(*value);
         else if (name == "--disks")
-            options.disks = static_cast<int>(value);
+            options.disks = static_cast<int>(*value);
         else if (name == "--seed")
-            options.seed = static_cast<unsigned int>(value);
+            options.seed = *value;
         else
             return std::nullopt;
     }
