@@ -252,7 +252,7 @@ void CNativeFileStream::syncFolder() {
     std::error_code error;
     std::filesystem::path const path = std::filesystem::canonical(m_path, error);
     if (error == std::errc::no_such_file_or_directory)
-        return; // It was deleted or moved away: there is no entry to keep.
+        return; // It was deleted or moved away: no entry of that name is left to keep.
     if (error)
         throw detail::makeFileError(FileAction::Flush, error.value(), detail::makeUriProps(uri()));
 
