@@ -58,6 +58,7 @@ void verifyParentArguments(Request const& request) {
     }
 }
 
+/// Deliberately any number, also one that `CVMDKDescriptorAccessor::changeContentID` would not take.
 unsigned int drawContentID() {
     yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
     return yx::CMTRand::getGlobal()->rand32();
