@@ -259,8 +259,12 @@ public:
           m_grainSizeBytes(disk.getGrainSizeBytes()),
           m_diskSizeBytes(disk.getSizeBytes()) {}
 
-    /// Comes before the first `writeEarly`.
-    void beginEarly() { m_canWriteEarly = m_target.beginWritingAnywhere(); }
+    /// Comes before the first `writeEarly`; changes nothing when called again.
+    void beginEarly() {
+        if (!m_hasBegun)
+            m_canWriteEarly = m_target.beginWritingAnywhere();
+        m_hasBegun = true;
+    }
 
     /// Writes a grain before its turn, where the image is no pipe. May be called on several threads.
     void writeEarly(__int64 grainIndex, Buffer const& grain) const {
@@ -310,6 +314,7 @@ private:
     RawTarget& m_target;
     __int64 m_grainSizeBytes;
     __int64 m_diskSizeBytes;
+    bool m_hasBegun = false;
     bool m_canWriteEarly = false;
     __int64 m_doneBytes = 0;
 };

@@ -14,7 +14,7 @@ namespace kelm {
 /// Metadata up to this size may be larger than the file that it is said to lie in, since tables can
 /// share sectors (a directory entry of 0 means sector 0). Beyond it the file must have room for all
 /// of it, so that memory and time stay in proportion to the file.
-constexpr __int64 kUncheckedMetadataSizeBytes = 4 * 1024 * 1024;
+constexpr __int64 kUncheckedMetadataSizeBytes = 4LL << 20;
 
 /// Throws `yx::CIOError` `CorruptData`: "Invalid <field> in VMDK sparse extent: <value>" with
 /// "uri".

@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 
@@ -107,8 +106,11 @@ protected:
     }
 
     static Bytes readImage(std::string const& path) {
-        std::ifstream file(path, std::ios::binary);
-        return Bytes(std::istreambuf_iterator<char>(file), {});
+        Bytes content(std::filesystem::file_size(path));
+        std::ifstream(path, std::ios::binary)
+            .read(reinterpret_cast<char*>(content.data()),
+                  static_cast<std::streamsize>(content.size()));
+        return content;
     }
 
     std::string pathOf(std::string const& name) { return folder.path() / name; }
