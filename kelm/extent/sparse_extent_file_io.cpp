@@ -89,15 +89,19 @@ void CVMDKSparseExtentFile::read(void* buffer, int bytes) {
 /// Reads the grain under the cursor, and with it as many of the next as lie behind it in the file,
 /// up to `limit` grains. Returns how many it read.
 int CVMDKSparseExtentFile::readGrainsAndLeave(void* target, __int64 limit) {
-    int const count = limit > 1 && m_grain->isInFileAlone() ? countAdjacentGrains(limit) : 1;
-    if (count > 1)
-        return m_grain->readAdjacentAndLeave(target, count);
+    // An unsuccessful `makeGrainIndependentOfParent` leaves a grain open that is not the cursor's.
+    bool const isCursorsGrain = m_currentGrainIndex == m_position / m_grainSizeBytes;
+    if (limit > 1 && isCursorsGrain && m_grain->isInFileAlone()) {
+        int const count = countAdjacentGrains(limit);
+        if (count > 1)
+            return m_grain->readAdjacentAndLeave(target, count);
+    }
     m_grain->readAndLeave(target);
     return 1;
 }
 
 /// Up to `limit` grains from the one under the cursor on, of one grain table, each of which begins
-/// in the file where the one before it ends.
+/// in the file where the one before it ends. One that cannot be opened ends them.
 int CVMDKSparseExtentFile::countAdjacentGrains(__int64 limit) {
     __int64 const entriesPerTable = m_header->getGrainTableEntryCount();
     limit = std::min(limit, entriesPerTable - m_currentGrainIndex % entriesPerTable);
@@ -107,7 +111,8 @@ int CVMDKSparseExtentFile::countAdjacentGrains(__int64 limit) {
         __int64 posSectors = 0;
         __int64 slotSizeSectors = 0;
         m_grainDirectory->getGrainInfo(m_currentGrainIndex + count, posSectors, slotSizeSectors);
-        if (posSectors != firstPosSectors + count * m_grainSizeSectors)
+        if (posSectors != firstPosSectors + count * m_grainSizeSectors ||
+            slotSizeSectors < m_grainSizeSectors)
             break;
     }
     return count;
@@ -134,6 +139,7 @@ void CVMDKSparseExtentFile::write(void const* buffer, int bytes) {
 }
 
 void CVMDKSparseExtentFile::onAboutToChange() {
+    // Deliberately before the access: a read-only extent without an updater reports the updater.
     if (!m_contentIDUpdater) {
         throw yx::CError("Internal error: VMDK sparse extent file is about to be changed, but it "
                          "does not have a content ID updater.",

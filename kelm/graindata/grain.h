@@ -102,7 +102,7 @@ public:
 
     /// The same for `grainCount` grains that lie one behind the other in the file from this one on;
     /// this one must be in the file alone. Returns how many were read: fewer, but at least one, if
-    /// the file ends among them.
+    /// the file ends or fails among them.
     int readAdjacentAndLeave(void* target, int grainCount);
 
     /// Whether the file holds the grain as it is, and memory nothing of it.
@@ -218,6 +218,7 @@ private:
     void resetToClosed();
     void dropLoadedData();
     void seekToGrain();
+    int countReadableGrains(void* target, int grainCount);
     void reserveWorstCase(yx::TBuffer<unsigned char>& buffer) const;
     void makeCurrentGrainIV();
 

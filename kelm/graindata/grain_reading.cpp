@@ -67,15 +67,39 @@ void CVMDKGrain::readAndLeave(void* target) {
 
 int CVMDKGrain::readAdjacentAndLeave(void* target, int grainCount) {
     int const sizeBytes = static_cast<int>(m_grainSizeBytes);
-    seekToGrain();
-    // A file that ends too early is the error of the grain at its end, not of those before.
-    int const readCount = m_stream->readLax(target, grainCount * sizeBytes) / sizeBytes;
+    int readCount = 0;
+    try {
+        seekToGrain();
+        readCount = m_stream->readLax(target, grainCount * sizeBytes) / sizeBytes;
+    } catch (yx::CError& error) {
+        error.nop();
+        readCount = countReadableGrains(target, grainCount);
+        // A failure that did not come again.
+        if (readCount == grainCount)
+            throw;
+    }
+    // What ends or fails among the grains is the error of the one there, not of those before.
     if (readCount == 0) {
         readAndLeave(target);
         return 1;
     }
     m_posInGrain = m_grainSizeBytes;
     return readCount;
+}
+
+/// Reads as many of these grains as can be read, one by one.
+int CVMDKGrain::countReadableGrains(void* target, int grainCount) {
+    int const sizeBytes = static_cast<int>(m_grainSizeBytes);
+    auto* next = static_cast<unsigned char*>(target);
+    int count = 0;
+    try {
+        seekToGrain();
+        for (; count < grainCount && m_stream->readLax(next, sizeBytes) == sizeBytes; ++count)
+            next += sizeBytes;
+    } catch (yx::CError& error) {
+        error.nop();
+    }
+    return count;
 }
 
 void CVMDKGrain::verifyReadRange(int size) const {
@@ -170,8 +194,8 @@ void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
     }
 }
 
-/// The compressed size from the record's header. `lba` is compared with nothing: the grain tables
-/// decide which grain a record is.
+/// The compressed size from the record's header. `lba` is deliberately compared with nothing: the
+/// grain tables decide which grain a record is.
 unsigned int CVMDKGrain::verifiedCompressedSize(unsigned char const* record) const {
     unsigned int const compressedSizeBytes = loadGrainRecordCompressedSize(record);
     if (compressedSizeBytes > kMaxRecordGrains * m_grainSizeBytes)

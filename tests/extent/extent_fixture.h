@@ -114,6 +114,9 @@ struct Opening {
     /// Without the buffering layer, so that each operation of the extent reaches the file system.
     bool bare = false;
     __int64 startGrainIndex = kStartGrainIndex;
+
+    /// Stands before the fixture's own file system.
+    yx::IFileSystem* through = nullptr;
 };
 
 /// Extent files in memory, seen through a file system that records what happens.
@@ -131,10 +134,11 @@ protected:
     }
 
     yx::P<IIOStream> openStream(Opening const& opening) {
+        yx::IFileSystem* const fileSystem = opening.through ? opening.through : files.get();
         if (!opening.bare)
-            return kelm::openVMDKFileStream(files.get(), uri, opening.access);
+            return kelm::openVMDKFileStream(fileSystem, uri, opening.access);
         unsigned int reserved = 0;
-        return files->openFile(uri, opening.access, &reserved);
+        return fileSystem->openFile(uri, opening.access, &reserved);
     }
 
     yx::P<kelm::CVMDKSparseExtentFile> openExtent(Kind const& kind, Opening const& opening = {}) {

@@ -2,6 +2,7 @@
 #include <limits>
 
 #include "tests/extent/extent_fixture.h"
+#include "tests/support/faulty_file_system.h"
 
 namespace extent_test {
 
@@ -265,6 +266,99 @@ TEST_F(SparseExtentIO, FileThatEndsAmidGrainsThatLieTogetherFailsAtTheOneThatIsC
         EXPECT_TRUE(sameBytes(slice(pattern(8 * 4096, 5), 0, keptGrains * 4096),
                               slice(target, 0, keptGrains * 4096)));
     }
+}
+
+TEST_F(SparseExtentIO, GrainThatCannotBeReadFailsAloneAmidThoseThatLieTogether) {
+    createExtent(kPlain);
+    Bytes const bytes = pattern(8 * 4096, 5);
+    writeAt(*openExtent(kPlain), 0, bytes);
+    for (int const badGrain : {0, 3, 7}) {
+        long long const badPosition = 8192 + badGrain * 4096 + 100;
+        int failures = 0;
+        auto const broken = yx::makeObject<test_support::HookedFileSystem>(
+            files.get(), [&](test_support::FileOperation& operation, auto const& proceed) {
+                if (operation.kind == test_support::FileOperation::Kind::Read &&
+                    operation.position <= badPosition &&
+                    operation.position + operation.length > badPosition) {
+                    ++failures;
+                    throw yx::CIOError(yx::CIOError::IOFailure,
+                                       "Broken at " + yx::toString(operation.position),
+                                       yx::CProps(), nullptr);
+                }
+                proceed();
+            });
+        yx::P<CVMDKSparseExtentFile> const extent =
+            openExtent(kPlain, {.bare = true, .through = broken.get()});
+        Bytes target(10 * 4096, 0xEE);
+        std::string const message = "Broken at " + std::to_string(8192 + badGrain * 4096);
+        EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, message.c_str(), {}, [&] {
+            extent->read(target.data(), static_cast<int>(target.size()));
+        }));
+        EXPECT_GT(failures, 1);
+        EXPECT_EQ(extent->getPosition(), badGrain * 4096);
+        EXPECT_TRUE(sameBytes(slice(bytes, 0, badGrain * 4096), slice(target, 0, badGrain * 4096)));
+    }
+}
+
+TEST_F(SparseExtentIO, FailureThatDoesNotComeAgainIsToldAllTheSame) {
+    createExtent(kPlain);
+    writeAt(*openExtent(kPlain), 0, pattern(8 * 4096, 5));
+    auto const faulty = yx::makeObject<test_support::FaultyFileSystem>(files.get());
+    yx::P<CVMDKSparseExtentFile> const extent =
+        openExtent(kPlain, {.bare = true, .through = faulty.get()});
+    extent->seek(0);
+    faulty->add({.kinds = {test_support::FileOperation::Kind::Read}});
+    EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, "Injected failure.", {{"uri", kExtentURI}},
+                              [&] { read(*extent, 10 * 4096); }));
+    EXPECT_EQ(extent->getPosition(), 0);
+    EXPECT_TRUE(sameBytes(pattern(8 * 4096, 5), read(*extent, 8 * 4096)));
+}
+
+TEST_F(SparseExtentIO, GrainInASlotThatIsTooSmallIsRefusedAmidThoseThatLieTogether) {
+    // A file with slot sizes whose grains are not compressed.
+    createExtent(kCompressed);
+    Bytes file = content();
+    file.at(kFlagsOffset + 2) &= 0xFC;
+    setContent(file);
+    Bytes const bytes = pattern(4 * 4096, 6);
+    yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain);
+    writeAt(*extent, 0, bytes);
+    extent->flushChanges();
+    {
+        yx::P<IIOStream> const stream = openStream({});
+        kelm::CVMDKSparseExtentHeader header;
+        yx::CDataInStream in(stream.get());
+        header.load(in);
+        kelm::CVMDKGrainDirectory directory(
+            stream.get(), IIOStream::ReadWrite,
+            static_cast<__int64>(header.getGrainDirectoryOffsetSectors()),
+            static_cast<__int64>(header.getRedundantGrainDirectoryOffsetSectors()),
+            static_cast<__int64>(header.getCapacitySectors()), kGrainSizeSectors, 512, false,
+            yx::makeObject<kelm::CVMDKGrainTableCache>().get());
+        __int64 posSectors = 0;
+        __int64 slotSizeSectors = 0;
+        directory.getGrainInfo(2, posSectors, slotSizeSectors);
+        EXPECT_EQ(slotSizeSectors, kGrainSizeSectors);
+        directory.setGrainInfo(2, posSectors, kGrainSizeSectors - 1);
+        directory.flushChangesToStream();
+    }
+    yx::P<CVMDKSparseExtentFile> const reopened = openExtent(kPlain);
+    reopened->seek(0);
+    EXPECT_THROW(read(*reopened, 4 * 4096), yx::CInvalidArgError);
+    EXPECT_EQ(reopened->getPosition(), 2 * 4096);
+}
+
+TEST_F(SparseExtentIO, GrainThatStaysOpenIsReadForTheNextOneAndNoneTogetherWithIt) {
+    createExtent(kPlain);
+    yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain);
+    Bytes const bytes = pattern(8 * 4096, 7);
+    writeAt(*extent, 0, bytes);
+    extent->flushChanges();
+    extent->makeGrainIndependentOfParent(2);
+    ASSERT_EQ(extent->getPosition(), 3 * 4096);
+    // Without a provider the call leaves the grain open at its beginning.
+    EXPECT_TRUE(sameBytes(concat({slice(bytes, 2 * 4096, 4096), slice(bytes, 4 * 4096, 2 * 4096)}),
+                          read(*extent, 3 * 4096)));
 }
 
 TEST_F(SparseExtentIO, FailureAmidAReadLeavesThePositionAtTheFailedStep) {
