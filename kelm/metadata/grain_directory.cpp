@@ -95,6 +95,7 @@ CVMDKGrainDirectory::~CVMDKGrainDirectory() {
 
 yx::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(__int64 tableIndex) {
     if (tableIndex < 0 || tableIndex >= m_tableCount) {
+        // Deliberately in lower case, unlike the table's message: logs are searched for both.
         throw yx::CInvalidArgError("CVMDKGrainDirectory::getGrainTable",
                                    "invalid table index: " + yx::toString(tableIndex),
                                    uriPropsOf(*m_stream));
@@ -181,6 +182,7 @@ void CVMDKGrainDirectory::readDirectories() {
 }
 
 unsigned int CVMDKGrainDirectory::calcProbeSector() const {
+    // Deliberately all in 32 bits without a sign, as directory entries are: sums wrap.
     if (m_tableCount < 1) {
         return std::max(static_cast<unsigned int>(m_directoryPosSectors),
                         static_cast<unsigned int>(m_redundantDirectoryPosSectors)) +

@@ -88,14 +88,14 @@ void CVMDKGrainTable::setGrainInfo(__int64 index, __int64 posSectors, __int64 sl
 }
 
 void CVMDKGrainTable::noteChange(bool& dirtyFlag) {
-    if (m_changeCount && !hasUnflushedChanges())
-        m_changeCount->increment();
+    if (!hasUnflushedChanges())
+        m_changeCount.noteChange();
     dirtyFlag = true;
 }
 
 bool CVMDKGrainTable::countChangesIn(CVMDKTableChangeCount* count) {
-    if (!m_changeCount)
-        m_changeCount = count;
+    if (!m_changeCount.get())
+        m_changeCount.set(count);
     return m_changeCount.get() == count;
 }
 

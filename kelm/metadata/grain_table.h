@@ -104,7 +104,7 @@ private:
     bool m_entriesDirty = false;
     yx::TBuffer<unsigned short> m_slotSizes;
     bool m_slotSizesDirty = false;
-    yx::P<CVMDKTableChangeCount> m_changeCount;
+    CVMDKTableChangeCountRef m_changeCount;
 };
 
 } // namespace kelm

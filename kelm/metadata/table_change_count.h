@@ -21,4 +21,28 @@ private:
     bool m_isComplete = true;
 };
 
+/// Where a grain table counts its changes, if anywhere. A table stays where it counts when another
+/// one is assigned to it, which counts as a change. Internal.
+class CVMDKTableChangeCountRef {
+public:
+    CVMDKTableChangeCountRef() = default;
+    CVMDKTableChangeCountRef(CVMDKTableChangeCountRef const&) = default;
+    CVMDKTableChangeCountRef& operator=(CVMDKTableChangeCountRef const&) {
+        noteChange();
+        return *this;
+    }
+
+    /// The count, null for none yet.
+    CVMDKTableChangeCount* get() const { return m_count.get(); }
+    void set(CVMDKTableChangeCount* count) { m_count = count; }
+
+    void noteChange() {
+        if (m_count)
+            m_count->increment();
+    }
+
+private:
+    yx::P<CVMDKTableChangeCount> m_count;
+};
+
 } // namespace kelm

@@ -320,6 +320,17 @@ TEST_F(GrainTableCache, CopyFlushesWhatChangedInTheTablesThatItShares) {
     EXPECT_EQ(takeWrittenSectors(), (Sectors{1}));
 }
 
+TEST_F(GrainTableCache, TableThatAnotherIsAssignedToIsFlushed) {
+    CVMDKGrainTableCache cache(8);
+    put(cache, kOne, 1, makeTable(1));
+    cache.flushCachedTablesFromDirectoryToStream(kOne);
+    yx::P<CVMDKGrainTable> const changed = makeChangedTable(2);
+    *cache.getCachedTable(kOne, 1) = *changed;
+    cache.flushCachedTablesFromDirectoryToStream(kOne);
+    EXPECT_EQ(takeWrittenSectors(), (Sectors{2}));
+    changed->flushChangesToStream();
+}
+
 TEST_F(GrainTableCache, FlushIsNoUse) {
     CVMDKGrainTableCache cache(3);
     for (int const i : {3, 1, 2})
