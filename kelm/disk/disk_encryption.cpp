@@ -64,11 +64,13 @@ void CVMDKDisk::deriveEncryptKey(yx::TCryptBuffer<unsigned char>& key, int keyBy
         throwBadDerivation("Unknown encryption key derivation algorithm: " +
                            keyDerivationAlgorithm);
     __int64 const iterations = yx::parseInt64(iterationsText, false);
+    // Deliberately before the iterations: where both are too small, callers are told of the salt.
     if (salt.getUsed() < kMinSaltSizeBytes)
         throwBadDerivation("Key derivation salt is too small: " + yx::toString(salt.getUsed()) +
                            " bytes");
     if (iterations < kMinKeyDerivationIterations)
         throwBadDerivation("Key derivation iterations are too small: " + yx::toString(iterations));
+    // Deliberate: the count is tested in 64 bits and handed on in 32, which keys depend on.
     krym::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(passwordBytes.getData(), passwordBytes.getSize(),
                                            salt.getData(), salt.getUsed(),
                                            static_cast<int>(iterations), keyBytes, key.getData());
@@ -79,6 +81,7 @@ yx::TBuffer<unsigned char> addNewDiskKey(CVMDKDescriptor& descriptor, yx::String
     int const keySizeBytes = cipher.getKeySize();
     descriptor.setYxEncryptionAlgorithm(kCipherID);
 
+    // Deliberate: the one initial value serves the wrapping of the key and the grains.
     yx::TBuffer<unsigned char> iv(cipher.getBlockSize(), -1);
     fillWithRandom(iv);
     descriptor.setYxEncryptionIV(iv);
@@ -118,10 +121,11 @@ void CVMDKDisk::unwrapEncryptionKey(yx::String const& password, yx::CProps const
     if (password.isEmpty())
         fail("VMDK is encrypted but no password provided");
 
+    // One by one: of several keys that are absent, the first is reported.
+    yx::String const derivation = m_descriptor->getYxEncryptionKeyDerivationAlgorithm();
+    yx::TBuffer<unsigned char> const salt = m_descriptor->getYxEncryptionKeyDerivationSalt();
     yx::TCryptBuffer<unsigned char> derivedKey;
-    deriveEncryptKey(derivedKey, m_cipher->getKeySize(), password,
-                     m_descriptor->getYxEncryptionKeyDerivationAlgorithm(),
-                     m_descriptor->getYxEncryptionKeyDerivationSalt());
+    deriveEncryptKey(derivedKey, m_cipher->getKeySize(), password, derivation, salt);
     yx::TBuffer<unsigned char> const wrappedKey = m_descriptor->getYxEncryptedEncryptionKey();
     m_encryptionIV = m_descriptor->getYxEncryptionIV();
     if (m_encryptionIV.getUsed() != m_cipher->getBlockSize()) {
@@ -133,6 +137,7 @@ void CVMDKDisk::unwrapEncryptionKey(yx::String const& password, yx::CProps const
     m_cipher->decrypt(derivedKey, wrappedKey.getData(), wrappedKey.getUsed(), m_encryptionKey,
                       false, m_encryptionIV.getData());
 
+    // Deliberately only now: such a disk reports the algorithm also for a wrong password.
     yx::String const hashAlgorithm = m_descriptor->getYxEncryptionKeyHashAlgorithm();
     if (hashAlgorithm != kKeyHashAlgorithm)
         fail("Unsupported key hash algorithm used in VMDK: " + hashAlgorithm);

@@ -31,6 +31,11 @@ protected:
     void createWith(std::string const& key, std::string const& value) {
         files = yx::makeObject<yx::CMemoryFileSystem>();
         create({.fileSizeLimit = kSplitLimit, .password = "secret"});
+        change(key, value);
+    }
+
+    /// Gives a key of the descriptor another value.
+    void change(std::string const& key, std::string const& value) {
         kelm::CVMDKDescriptor descriptor(files->getFile(uriOf("disk.vmdk")));
         descriptor.setValue(yx::String::fromUTF8(key), yx::String::fromUTF8(value), false, true);
         putText("disk.vmdk", descriptor.toString().toStdString());
@@ -130,6 +135,18 @@ TEST_F(DiskEncryption, UnknownHashAlgorithmIsReportedAlsoForAWrongPassword) {
     EXPECT_TRUE(failsToOpen("Unsupported key hash algorithm used in VMDK: md5", "wrong"));
 }
 
+TEST_F(DiskEncryption, UnknownHashAlgorithmIsLookedAtBehindDerivationAndDecryption) {
+    createWith("yxEncKeyHashAlg", "md5");
+    change("yxEncEncKey", "00");
+    EXPECT_TRUE(throwsInvalidArg("COpenSSLCipher::decrypt",
+                                 "Size is no whole number of cipher blocks: 1 bytes", Props{},
+                                 [&] { open(yx::IIOStream::ReadOnly, "secret"); }));
+    change("yxEncKeyDerivAlg", "unknown");
+    EXPECT_TRUE(throwsInvalidArg("CVMDKDisk::deriveEncryptKey",
+                                 "Unknown encryption key derivation algorithm: unknown", Props{},
+                                 [&] { open(yx::IIOStream::ReadOnly, "secret"); }));
+}
+
 TEST_F(DiskEncryption, HashOfAnotherLengthIsAWrongPassword) {
     createWith("yxEncKeyHash", "00112233");
     EXPECT_TRUE(failsToOpen("Specified VMDK encryption password is not correct.", "secret"));
@@ -152,12 +169,31 @@ TEST_F(DiskEncryption, WrappedKeyThatIsNoWholeBlockIsAnError) {
     }
 }
 
+TEST_F(DiskEncryption, ErrorOfTheCipherPassesThrough) {
+    createWith("yxEncEncKey", "00");
+    EXPECT_TRUE(throwsInvalidArg("COpenSSLCipher::decrypt",
+                                 "Size is no whole number of cipher blocks: 1 bytes", Props{},
+                                 [&] { open(yx::IIOStream::ReadOnly, "secret"); }));
+}
+
 TEST_F(DiskEncryption, AbsentKeysAreReportedByTheDescriptor) {
     for (char const* key : {"yxEncKeyDerivAlg", "yxEncKeyDerivSalt", "yxEncEncKey", "yxEncIV",
                             "yxEncKeyHashAlg", "yxEncKeyHash"}) {
         files = yx::makeObject<yx::CMemoryFileSystem>();
         create({.fileSizeLimit = kSplitLimit, .password = "secret"});
         std::string text = textOf("disk.vmdk");
+        text.replace(text.find("\n" + std::string(key) + "="), 3, "\n#x");
+        putText("disk.vmdk", text);
+        EXPECT_TRUE(throwsError("VMDK descriptor value '" + std::string(key) + "' not found.",
+                                Props{}, [&] { open(yx::IIOStream::ReadOnly, "secret"); }));
+    }
+}
+
+TEST_F(DiskEncryption, OfSeveralAbsentKeysTheFirstIsReported) {
+    create({.fileSizeLimit = kSplitLimit, .password = "secret"});
+    std::string text = textOf("disk.vmdk");
+    for (char const* const key :
+         {"yxEncIV", "yxEncEncKey", "yxEncKeyDerivSalt", "yxEncKeyDerivAlg"}) {
         text.replace(text.find("\n" + std::string(key) + "="), 3, "\n#x");
         putText("disk.vmdk", text);
         EXPECT_TRUE(throwsError("VMDK descriptor value '" + std::string(key) + "' not found.",
@@ -195,6 +231,23 @@ TEST_F(DiskEncryption, PasswordIsTakenAsUTF8) {
         sameBytes(pbkdf2("p\xc3\xa4ssw\xc3\xb6rd \xe2\x82\xac", salt, 10000), toBytes(key)));
 }
 
+TEST_F(DiskEncryption, PasswordEndsAtItsFirstZeroByte) {
+    Bytes const salt = fromText("saltSALTsaltSALT");
+    yx::TCryptBuffer<unsigned char> key;
+    kelm::CVMDKDisk::deriveEncryptKey(key, 32, yx::String(wxString(L"secret\0tail", 11)),
+                                      kAlgorithm, toBuffer(salt));
+    EXPECT_TRUE(sameBytes(pbkdf2("secret", salt, 10000), toBytes(key)));
+}
+
+TEST_F(DiskEncryption, IterationsAreHandedOnIn32Bits) {
+    Bytes const salt = fromText("saltSALTsaltSALT");
+    yx::TCryptBuffer<unsigned char> key;
+    // 2^32 + 1000
+    kelm::CVMDKDisk::deriveEncryptKey(key, 32, "secret", "pkcs5-pbkdf2-hmac-sha1:4294968296",
+                                      toBuffer(salt));
+    EXPECT_TRUE(sameBytes(pbkdf2("secret", salt, 1000), toBytes(key)));
+}
+
 TEST_F(DiskEncryption, LimitsOfADerivation) {
     yx::TCryptBuffer<unsigned char> key;
     EXPECT_NO_THROW(kelm::CVMDKDisk::deriveEncryptKey(
@@ -209,10 +262,13 @@ TEST_F(DiskEncryption, LimitsOfADerivation) {
                                 "pkcs5-pbkdf2-hmac-sha1:999", 7));
     EXPECT_TRUE(derivationFails("Unknown encryption key derivation algorithm: scrypt:1000",
                                 "scrypt:1000", 7));
-    EXPECT_TRUE(throwsError("Invalid number: ''", Props{}, [&] {
-        kelm::CVMDKDisk::deriveEncryptKey(key, 32, "secret",
-                                          "pkcs5-pbkdf2-hmac-sha1:", toBuffer(zeros(8)));
-    }));
+    // The number is read before the salt is looked at.
+    for (std::size_t const saltBytes : {std::size_t(8), std::size_t(7)}) {
+        EXPECT_TRUE(throwsError("Invalid number: ''", Props{}, [&] {
+            kelm::CVMDKDisk::deriveEncryptKey(
+                key, 32, "secret", "pkcs5-pbkdf2-hmac-sha1:", toBuffer(zeros(saltBytes)));
+        }));
+    }
 }
 
 TEST_F(DiskEncryption, IterationsBeyondWhatADerivationTakesAreRefused) {

@@ -147,6 +147,26 @@ TEST_F(DiskOpening, ParentIsNamedButNotOpened) {
     EXPECT_EQ("mem:///base/parent.vmdk", disk->getParentDiskMainURI().toString(true).toStdString());
 }
 
+TEST_F(DiskOpening, ParentThatIsHandedInIsTheOneThatIsRead) {
+    create({}, "base.vmdk");
+    writeAt(*open(yx::IIOStream::ReadWrite, "", "base.vmdk"), 100, fromText("base"));
+    create({}, "child.vmdk", 0, "nowhere.vmdk", 42);
+    yx::P<kelm::CVMDKDisk> const parent = open(yx::IIOStream::ReadOnly, "", "base.vmdk");
+    kelm::CVMDKDisk child(files.get(), uriOf("child.vmdk"), yx::IIOStream::ReadOnly, "", 1, nullptr,
+                          parent.get());
+    EXPECT_EQ("base", toText(readAt(child, 100, 4)));
+}
+
+TEST_F(DiskOpening, CacheServesTheWholeChain) {
+    unsigned int const id = create({}, "base.vmdk")->getDescriptor()->getContentID();
+    create({}, "child.vmdk", 0, "base.vmdk", id);
+    yx::P<kelm::CVMDKGrainTableCache> const cache = yx::makeObject<kelm::CVMDKGrainTableCache>();
+    kelm::CVMDKDisk child(files.get(), uriOf("child.vmdk"), yx::IIOStream::ReadOnly, "", 1,
+                          cache.get(), nullptr);
+    readAt(child, 0, 1);
+    EXPECT_EQ(2, cache->getCachedTableCount());
+}
+
 TEST_F(DiskOpening, NoParentIDMeansNoParentWhateverTheHintSays) {
     putExtent("a.vmdk", 4);
     putText("disk.vmdk", descriptor("twoGbMaxExtentSparse", "parentFileNameHint=\"nowhere.vmdk\"\n"
@@ -258,6 +278,21 @@ TEST_F(DiskOpening, AutomaticTableFlushingIsPassedToTheCache) {
     EXPECT_EQ(1, cache->getCachedTableCount());
     disk.setAutomaticGrainTableFlushingEnabled(true);
     EXPECT_EQ(0, cache->getCachedTableCount());
+}
+
+TEST_F(DiskOpening, FailedFlushAtTheEndOfADiskIsReported) {
+    create({});
+    yx::P<FaultyFileSystem> const faulty = yx::makeObject<FaultyFileSystem>(files.get());
+    IgnoredExceptionCapture const ignored;
+    {
+        kelm::CVMDKDisk disk(faulty.get(), uriOf("disk.vmdk"), yx::IIOStream::ReadWrite, "", 1,
+                             nullptr, nullptr);
+        writeAt(disk, 0, fromText("x"));
+        faulty->add({.kinds = {FileOperation::Kind::Write}, .sticky = true, .file = "disk.vmdk"});
+    }
+    ASSERT_FALSE(ignored.entries().empty());
+    EXPECT_EQ((IgnoredExceptionCapture::Entry{"kelm::CVMDKDisk", "Injected failure.", true}),
+              ignored.entries()[0]);
 }
 
 TEST_F(DiskOpening, EveryFailedOperationOfAnOpeningArrives) {

@@ -79,6 +79,15 @@ TEST_F(DiskRouting, LeftExtentIsFlushed) {
     EXPECT_TRUE(comesBefore(recording->lines(), "flush a.vmdk", "open b.vmdk rw"));
 }
 
+TEST_F(DiskRouting, EndOfTheDiskFlushesTheExtentThenGivesTheLockBackThenClosesTheExtent) {
+    yx::P<kelm::CVMDKDisk> disk = openRecorded(yx::IIOStream::ReadWrite);
+    writeAt(*disk, 0, fromText("x"));
+    recording->clear();
+    disk.reset();
+    EXPECT_TRUE(comesBefore(recording->lines(), "flush a.vmdk", "delete disk.vmdk.lock"));
+    EXPECT_TRUE(comesBefore(recording->lines(), "close disk.vmdk.lock", "close a.vmdk"));
+}
+
 TEST_F(DiskRouting, SeekTakesPositionsUpToTheEnd) {
     yx::P<kelm::CVMDKDisk> const disk = open();
     disk->seek(kDiskBytes);
@@ -102,6 +111,10 @@ TEST_F(DiskRouting, ReadPastTheEndIsRefused) {
                       [&] { disk->read(buffer.data(), 2); }));
     EXPECT_EQ(6143, disk->getPosition());
     disk->seek(6144);
+    EXPECT_TRUE(
+        throwsIOError(yx::CIOError::UnexpectedEnd, "Read exceeds VMDK disk size.",
+                      Props{{"mainFileURI", kMain}, {"position", "6144"}, {"bytesToRead", "1"}},
+                      [&] { disk->read(buffer.data(), 1); }));
     disk->read(buffer.data(), 0);
     disk->read(buffer.data(), -5);
     EXPECT_EQ(6144, disk->getPosition());
