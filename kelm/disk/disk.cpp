@@ -43,6 +43,7 @@ CVMDKDisk::~CVMDKDisk() {
 }
 
 void CVMDKDisk::takeLock(yx::CURI const& uri) {
+    // Deliberate: named after the URI as given; all who share a disk agree on that name.
     yx::CURI const lockURI = uri.getParent() << (uri.getName() + ".lock");
     bool const exclusive = m_access == yx::IIOStream::ReadWrite;
     try {
@@ -51,7 +52,8 @@ void CVMDKDisk::takeLock(yx::CURI const& uri) {
             exclusive ? yx::CLockFile::Exclusive : yx::CLockFile::Shared, false, true);
     } catch (yx::CError& error) {
         error.nop();
-        // Read-only media hold nobody who could change the disk.
+        // Read-only media hold nobody who could change the disk. Deliberately for exactly
+        // read-only: any other access shares the lock too, but has to have it.
         bool const mayGoWithoutLock =
             m_access == yx::IIOStream::ReadOnly && !m_fileSystem->fileExists(lockURI);
         if (!mayGoWithoutLock)
@@ -92,6 +94,7 @@ void CVMDKDisk::readExtentLines(yx::CProps const& uriProps) {
                                    yx::toString(sizeSectors),
                                uriProps, nullptr);
         }
+        // Deliberate: the access word and the offset of a line are not looked at.
         yx::CURI const extentURI = vmdkFileReferenceToURI(folder, info->getFilename());
         if (m_firstExtentFileURI.isEmpty())
             m_firstExtentFileURI = extentURI;
@@ -107,6 +110,7 @@ void CVMDKDisk::readExtentLines(yx::CProps const& uriProps) {
 }
 
 void CVMDKDisk::learnGrainSize() {
+    // Deliberately for reading only, whatever the disk's access: this is no more than a look.
     yx::P<yx::IIOStream> const stream =
         openVMDKFileStream(m_fileSystem.get(), m_firstExtentFileURI, yx::IIOStream::ReadOnly);
     CVMDKSparseExtentFile const extent(stream.get(), yx::IIOStream::ReadOnly, 0, m_compressionLevel,

@@ -259,6 +259,7 @@ private:
     __int64 m_currentExtentSizeBytes = 0;
     yx::P<CVMDKContentIDUpdater> m_contentIDUpdater;
     bool m_createExtentFilesOnDemand = false;
+    // Deliberately behind the extent, and so given back before it closes; it is flushed by then.
     yx::P<yx::CLockFile> m_lockFile;
     yx::P<krym::ICipher> m_cipher;
     yx::TCryptBuffer<unsigned char> m_encryptionKey;

@@ -48,6 +48,7 @@ void verifyParentArguments(Request const& request) {
     bool const havePath = !request.parentRelPath.isEmpty();
     bool const haveContentID = request.parentContentID != kNoParentContentID;
     if (havePath != haveContentID) {
+        // Deliberate: the first name is not that of the argument; logs are searched for the words.
         throw yx::CInvalidArgError(
             "CVMDKDisk::create",
             "sParentRelPath and parentContentID must either both be specified or both have the "
@@ -58,14 +59,14 @@ void verifyParentArguments(Request const& request) {
     }
 }
 
-/// Deliberately any number, also one that `CVMDKDescriptorAccessor::changeContentID` would not take.
+/// Deliberately any number, even one that `CVMDKDescriptorAccessor::changeContentID` refuses.
 unsigned int drawContentID() {
     yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
     return yx::CMTRand::getGlobal()->rand32();
 }
 
 yx::String getCreateType(Request const& request) {
-    // A compressed disk that is split is "streamOptimized" all the same.
+    // Deliberate: a compressed disk that is split is "streamOptimized" all the same.
     if (request.compressed)
         return "streamOptimized";
     return request.fileSizeLimit == kUnlimitedFileSize ? "monolithicSparse"
@@ -138,6 +139,7 @@ void writeExtentFiles(yx::IFileSystem* fileSystem, Request const& request,
     for (int index = 0; index < extents.getSize(); ++index) {
         auto const& [name, grainCount] = extents[index];
         yx::CURI const extentURI = folder << name;
+        // Deliberately also where no file is made now: an old one would be taken for the disk's.
         fileSystem->deleteFile(extentURI, true);
         if (index > 0 && request.createExtentFilesOnDemand)
             continue;

@@ -44,6 +44,7 @@ void CVMDKDisk::leaveCurrentExtentIfOutside() {
                         m_position < m_currentExtentStartBytes + m_currentExtentSizeBytes;
     if (inside)
         return;
+    // Deliberate: whatever the disk's access, unlike `flushChanges`; the extent knows its own.
     m_currentExtent->flushChanges();
     m_currentExtent.reset();
     m_currentExtentURI = yx::CURI();
@@ -127,6 +128,7 @@ void CVMDKDisk::write(void const* buffer, int bytes) {
 }
 
 void CVMDKDisk::verifyPreparedGrainRange(char const* operation) const {
+    // Deliberate: the code is `NotAllowed` for reading too, where `read` has `UnexpectedEnd`.
     if (m_position + m_grainSizeBytes > m_sizeBytes) {
         throw yx::CIOError(yx::CIOError::NotAllowed,
                            yx::String("Prepared grain ") + operation + " exceeds VMDK disk size.",
@@ -199,6 +201,7 @@ __int64 CVMDKDisk::makeGrainIndependentOfParent(__int64 grainIndex) {
 }
 
 bool CVMDKDisk::isGrainWritten() {
+    // Deliberate: no range test, here and below; the very end is an extent that is not found.
     yx::P<IVMDKExtentFile> extent;
     __int64 opBytes = 0;
     beginIOOp(1, extent, opBytes);
@@ -213,6 +216,7 @@ bool CVMDKDisk::isGrainWrittenAndIndependentOfParent() {
 }
 
 void CVMDKDisk::flushChanges() {
+    // Deliberate: this asks for exactly read-only, the write paths for exactly read-and-write.
     if (m_access == yx::IIOStream::ReadOnly || !m_currentExtent)
         return;
     m_currentExtent->flushChanges();

@@ -75,6 +75,7 @@ ExtentSizing sizeExtents(__int64 sizeBytes, bool compressed, __int64 fileSizeLim
     __int64 const maxExtentPayloadBytes =
         (budget.bytes - overheadBytes) / kNewDiskGrainSizeBytes * kNewDiskGrainSizeBytes;
     if (maxExtentPayloadBytes < kNewDiskGrainSizeBytes) {
+        // Deliberately no bad argument, though a limit that is too small leads here.
         throw yx::CError("Internal error: calculated VMDK maxExtentPayloadBytes is less than "
                          "grain size: " +
                              yx::toString(maxExtentPayloadBytes),

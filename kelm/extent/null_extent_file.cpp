@@ -147,6 +147,7 @@ void CVMDKNullExtentFile::readPreparedGrainData(yx::TBuffer<unsigned char>& data
 
 void CVMDKNullExtentFile::verifyPreparedGrainRange() const {
     verifyGrainSize();
+    // Deliberate: the code is `NotAllowed`, where `read` has `UnexpectedEnd`.
     if (m_grainSizeBytes > m_extentSizeBytes - m_position)
         throw yx::CIOError(yx::CIOError::NotAllowed,
                            "Prepared grain read exceeds VMDK extent size.",

@@ -72,7 +72,8 @@ void CVMDKOnDemandExtentFile::prepareWrite() {
     if (!m_fileSystem->fileExists(m_uri)) {
         yx::TBuffer<unsigned char> zeroBuffer(kZeroBufferSizeBytes, -1);
         yx::initMemory(zeroBuffer.getData(), 0, kZeroBufferSizeBytes);
-        // The creation refuses a grain size below 1 by itself.
+        // Deliberately rounded down: an extent is taken to be a whole number of grains. The
+        // creation refuses a grain size below 1 by itself.
         __int64 const grainCount =
             m_grainSizeSectors < 1 ? 0 : m_extentSizeSectors / m_grainSizeSectors;
         createEmptyVMDKSparseExtentFile(m_fileSystem.get(), m_uri, m_compressed, grainCount,

@@ -64,11 +64,13 @@ void CVMDKParentDiskDataProvider::openParentDisk() {
 }
 
 void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
+    // Deliberate: a parent that was handed in is not compared with the content ID.
     if (m_parentDisk)
         return;
     try {
         openParentDisk();
     } catch (yx::CError& error) {
+        error.nop();
         yx::logError(error,
                      "Error while opening VMDK parent disk (parent URI: '" +
                          m_parentDiskMainURI.toString(true) + "', child URI: '" +

@@ -47,6 +47,7 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(yx::IIOStream* stream, yx::IIOStrea
       m_encryptionIV(encryptionIV) {
     yx::CDataInStream in(stream);
     m_header->load(in);
+    // Deliberately without a look at unclean shutdown: a file left so opens like any other.
     verifyCipherAndKey();
     verifyVersion();
     readSizesAndFlags();

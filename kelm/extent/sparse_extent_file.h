@@ -109,7 +109,7 @@ private:
 
     yx::P<yx::IIOStream> m_stream;
     yx::IIOStream::Access m_access;
-    // Part of the object's shape; nothing sets or reads it.
+    // Deliberately here though nothing sets or reads it: it is part of the object's shape.
     yx::TPathImpl<yx::CWindowsPathTraits> m_path;
     yx::P<CVMDKGrainTableCache> m_grainTableCache;
     __int64 m_startGrainIndex;

@@ -183,6 +183,7 @@ void writeEmptyVMDKGrainDirectoryAndTables(yx::CDataOutStream& stream, __int64 t
                                            bool withMarkers) {
     constexpr char kFunction[] = "writeEmptyVMDKGrainDirectoryAndTables";
     verifyTableCount(tableCount, kFunction);
+    // Deliberate: tables of 512 entries, whatever a header says; every file made here has these.
     writeEmptyDirectoryAndTables(stream, tableCount, kGrainTableSizeSectors,
                                  withMarkers ? std::optional(VMDKMarkerGrainTable) : std::nullopt,
                                  zeroBuffer, kFunction);

@@ -41,6 +41,8 @@ int CVMDKCompressor::compressSingleStep(void const* source, int sourceSize, void
     if (size != kCompressionFailed &&
         (size <= sourceSize || size <= getCompressedSizeUpperBound(sourceSize)))
         return size;
+    // Deliberate: this counts at level 0 too, where the other coder is the same one, and its result
+    // is passed on as it is.
     ++m_compressFallbackCount;
     return m_fallbackCompressor->compressSingleStep(source, sourceSize, target, targetSize);
 }

@@ -68,6 +68,7 @@ unsigned long long CVMDKDataPreparer::calcLBA(__int64 grainIndex) const {
 }
 
 yx::P<Buffer> CVMDKDataPreparer::prepareGrainData(Buffer* source, __int64 grainIndex, Buffer* aux) {
+    // Deliberately also without compression: a caller's mistake shows for every kind of extent.
     verifyBuffersGiven(kPrepareName, source, aux);
     if (source->getUsed() > m_grainSizeBytes)
         throw yx::CInvalidArgError(kPrepareName,
@@ -118,7 +119,8 @@ void CVMDKDataPreparer::unprepareGrainDataTo(Buffer* source, void* target) {
 }
 
 void CVMDKDataPreparer::decode(Buffer const& source, unsigned char* target) {
-    // The decoder finds the end of its stream by itself, so the padding may go along.
+    // Deliberately without the size in the header: the decoder finds the end of its stream by
+    // itself, so the padding may go along.
     int const plainSizeBytes = m_compressor->decompressSingleStep(
         source.getData() + kGrainRecordHeaderSizeBytes,
         source.getUsed() - kGrainRecordHeaderSizeBytes, target, static_cast<int>(m_grainSizeBytes));

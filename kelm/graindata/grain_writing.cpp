@@ -25,6 +25,7 @@ Slice wholeOf(yx::TBuffer<unsigned char> const& buffer) {
 void CVMDKGrain::write(void const* source, int size) {
     if (size == 0)
         return;
+    // Deliberate: a read-only grain reports a bad range as such; logs tell the two apart.
     verifyWriteRange(size);
     verifyWritable(kWriteName);
     if (size == m_grainSizeBytes)
@@ -182,6 +183,7 @@ void CVMDKGrain::overwrite(Slice const& data, bool keepBuffer) {
                 yx::toString(m_slotSizeSectors) +
                 " sectors, prepared data size: " + yx::toString(data.getLength()) + " bytes)",
             placeProps());
+    // Deliberate: the slot's bytes behind the data stay as they were, and the slot as large.
     seekToGrain();
     if (keepBuffer)
         m_stream->writeKeepBuffer(data, nullptr);

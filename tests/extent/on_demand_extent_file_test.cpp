@@ -231,6 +231,29 @@ TEST_F(OnDemandExtentFile, FailedCreationLeavesNoFileAndIsTriedAgain) {
     EXPECT_EQ(readAt(*extent, 4096, 1), fromText("x"));
 }
 
+TEST_F(OnDemandExtentFile, FileThatAFailedCreationLeftBehindIsOpenedAsItStands) {
+    auto const faulty = yx::makeObject<FaultyFileSystem>(memory.get());
+    yx::P<CVMDKOnDemandExtentFile> const extent = make(kPlain, IIOStream::ReadWrite, faulty.get());
+    extent->seek(4096);
+    faulty->add({.kinds = {FileOperation::Kind::Write, FileOperation::Kind::Delete},
+                 .sticky = true,
+                 .code = yx::CIOError::NoSpace});
+    {
+        test_support::LogCapture const log;
+        test_support::IgnoredExceptionCapture const ignored;
+        EXPECT_TRUE(throwsIOError(yx::CIOError::NoSpace, "Injected failure.", {{"uri", kExtentURI}},
+                                  [&] { extent->write("x", 1); }));
+    }
+    faulty->clear();
+    ASSERT_TRUE(exists());
+    Bytes const left = content();
+    // It is not made anew.
+    EXPECT_THROW(extent->write("x", 1), yx::CIOError);
+    EXPECT_EQ(content(), left);
+    EXPECT_EQ(extent->getPosition(), 4096);
+    EXPECT_EQ(read(*extent, 10), FakeDataProvider::bytesAt(11 * 4096, 10));
+}
+
 TEST_F(OnDemandExtentFile, FailedOpeningKeepsTheOldObjectAndTheNextWriteOpensTheFile) {
     auto const faulty = yx::makeObject<FaultyFileSystem>(memory.get());
     yx::P<CVMDKOnDemandExtentFile> const extent = make(kPlain, IIOStream::ReadWrite, faulty.get());

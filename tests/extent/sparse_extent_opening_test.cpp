@@ -286,6 +286,18 @@ TEST_F(SparseExtentOpening, OddSizesOpen) {
     EXPECT_EQ(findings(), "");
 }
 
+TEST_F(SparseExtentOpening, EveryTableSizeThatTheFileHasRoomForOpens) {
+    for (unsigned int const entries : {16U, 100U, 511U}) {
+        SCOPED_TRACE(entries);
+        createExtent(kPlain);
+        setHeaderField(kEntryCountOffset, entries, 4);
+        yx::P<CVMDKSparseExtentFile> extent = openExtent(kPlain);
+        writeAt(*extent, 15 * 4096, pattern(4096, 1));
+        extent.reset();
+        EXPECT_EQ(readAt(*openExtent(kPlain), 15 * 4096, 4096), pattern(4096, 1));
+    }
+}
+
 TEST_F(SparseExtentOpening, CompressedExtentNeedsASlotSizeDirectory) {
     createExtent(kCompressed);
     Bytes bytes = content();

@@ -7,6 +7,7 @@
 #include "tests/support/byte_builder.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/scripted_stream.h"
+#include "yx/mt_rand.h"
 
 namespace {
 
@@ -337,6 +338,18 @@ TEST(DescriptorAccessor, NewContentIDsAreNewAndOfUse) {
     }
     EXPECT_GT(seen.size(), 990u) << "drawn at random";
     EXPECT_EQ(stream.operationsOf(ScriptedStream::Kind::Write).size(), 0u);
+}
+
+TEST(DescriptorAccessor, OldContentIDIsDrawnAgain) {
+    ScriptedStream stream(fromText(kText));
+    CVMDKDescriptorAccessor accessor(&stream, Access::ReadWrite);
+    // A copy of the generator tells what it is about to draw.
+    yx::CMTRand copy(*yx::CMTRand::getGlobal());
+    unsigned int const first = copy.rand32();
+    unsigned int const second = copy.rand32();
+    accessor.getDescriptor()->setContentID(first);
+    EXPECT_EQ(accessor.changeContentID(), second);
+    EXPECT_EQ(accessor.getDescriptor()->getContentID(), second);
 }
 
 TEST(DescriptorAccessor, ContentIDIsNotChangedWhereThereIsNone) {

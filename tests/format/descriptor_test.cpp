@@ -255,6 +255,7 @@ TEST(Descriptor, LinesWithBadPartsAreNoExtentLines) {
          }) {
         EXPECT_FALSE(CVMDKExtentInfo::tryParseDescriptorLine(line)) << line;
         EXPECT_EQ(extentsOf(parse(line)).getSize(), 0) << line;
+        EXPECT_EQ(rewritten(std::string(line) + "\n"), std::string(line) + "\n");
     }
     EXPECT_EQ(log.entries().size(), 0u);
 }

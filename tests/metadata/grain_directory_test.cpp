@@ -618,6 +618,20 @@ TEST_F(GrainDirectory, WithALimitOfZeroTablesLiveAsLongAsTheirUse) {
     EXPECT_EQ(infoOf(*directory, 8), (Info{5, 8}));
 }
 
+TEST_F(GrainDirectory, EvictedTableThatIsHeldIsReadAgainWithoutItsChange) {
+    cache = yx::makeObject<CVMDKGrainTableCache>(0);
+    yx::P<CVMDKGrainDirectory> const directory = openQuietly(plainFile(3), plainSettings(3));
+    yx::P<CVMDKGrainTable> held = directory->getGrainTable(1);
+    held->setGrainInfo(0, 7, 8);
+    stream->operations().clear();
+    EXPECT_EQ(infoOf(*directory, 4), (Info{1001, 8}));
+    EXPECT_EQ(takeOperations(), tableReads(0, 2));
+
+    held.reset();
+    EXPECT_EQ(takeOperations(), (Operations{{Kind::Write, 11 * 512, 16}}));
+    EXPECT_EQ(infoOf(*directory, 4), (Info{7, 8}));
+}
+
 // --- Through the buffering layer, as in a real file.
 
 /// 64 tables of 512 entries, one behind the other from sector 10 on.
