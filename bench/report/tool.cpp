@@ -198,7 +198,8 @@ private:
         addCodecFigure("compressed import, cores × codec", "compressed import", "compress",
                        kDevice);
         addCodecFigure("compressed export, cores × codec", "compressed export", "decompress",
-                       kDevice);
+                       "new pages of memory decide, which a file gets one after the other; in "
+                       "memory, below, they are ready");
         if (!m_context.memoryFolder.empty()) {
             addMemoryCopyFigure("plain import to memory, time of a copy", "import in memory");
             addMemoryCopyFigure("plain export to memory, time of a copy", "export in memory");
