@@ -27,6 +27,8 @@ class CVMDKTableChangeCountRef {
 public:
     CVMDKTableChangeCountRef() = default;
     CVMDKTableChangeCountRef(CVMDKTableChangeCountRef const&) = default;
+
+    /// Counts a change; the other one's count is not taken over.
     CVMDKTableChangeCountRef& operator=(CVMDKTableChangeCountRef const&) {
         noteChange();
         return *this;
@@ -36,6 +38,7 @@ public:
     CVMDKTableChangeCount* get() const { return m_count.get(); }
     void set(CVMDKTableChangeCount* count) { m_count = count; }
 
+    /// Counts a change, if there is a count.
     void noteChange() {
         if (m_count)
             m_count->increment();
