@@ -19,7 +19,7 @@
 #include <unistd.h>
 
 #include "bench/interleaved.h"
-#include "host/transfer.h"
+#include "host/transfer/transfer.h"
 #include "yx/native_file_system.h"
 
 namespace {

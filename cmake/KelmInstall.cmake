@@ -18,27 +18,12 @@ install(TARGETS ${libraries} EXPORT kelm
 install(EXPORT kelm NAMESPACE kelm:: FILE kelmTargets.cmake
     DESTINATION "${package_dir}" COMPONENT development)
 
-# What no header of the interface includes stays here. A consumer that is built from an installed
-# copy, as a test does, tells if one of these is needed after all.
-set(internal_headers
-    yx/early_write_back.h yx/file_descriptor.h yx/file_error.h yx/file_stream.h yx/memory_file.h
-    yx/memory_file_stream.h yx/native_file_stream.h yx/open_lock_file.h yx/pending_writes.h
-    yx/positioned_stream.h
-    yx/range_locks.h yx/read_window.h yx/read_windows.h yx/stream_buffering.h yx/stream_error.h
-    yx/uri_escape.h yx/uri_path.h
-    krym/openssl_error.h
-    compressors/mzu_coder.h compressors/single_step.h
-    kelm/format/descriptor_text.h kelm/format/little_endian.h kelm/format/rounding.h
-    kelm/format/text_view.h kelm/format/uri_props.h
-    kelm/metadata/table_io.h kelm/graindata/grain_record.h
-    kelm/extent/disk_key_hash.h kelm/extent/grain_position.h kelm/disk/disk_key.h kelm/disk/extent_sizing.h)
-set(exclusions "")
-foreach(header IN LISTS internal_headers)
-    list(APPEND exclusions PATTERN "${header}" EXCLUDE)
-endforeach()
+# What no header of the interface includes lives in folders named "internal" and stays here. A
+# consumer that is built from an installed copy, as a test does, tells if one of these is needed
+# after all.
 install(DIRECTORY yx krym compressors kelm
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/kelm" COMPONENT development
-    FILES_MATCHING PATTERN "*.h" ${exclusions})
+    FILES_MATCHING PATTERN "*.h" PATTERN "internal" EXCLUDE)
 
 configure_package_config_file(
     "${PROJECT_SOURCE_DIR}/cmake/kelmConfig.cmake.in"

@@ -1,5 +1,5 @@
 # Chooses the coder behind mzu::CMiniZCompressor. Each is one source file behind
-# compressors/mzu_coder.h, and both write the same zlib streams.
+# compressors/internal/mzu_coder.h, and both write the same zlib streams.
 #
 # Sets KELM_MZU_CODER_SOURCE and KELM_MZU_CODER_LIBRARY.
 
@@ -20,6 +20,6 @@ else()
 endif()
 
 find_package(${backend} REQUIRED)
-set(KELM_MZU_CODER_SOURCE compressors/mzu_coder_${backend}.cpp)
+set(KELM_MZU_CODER_SOURCE compressors/internal/mzu_coder_${backend}.cpp)
 set(KELM_MZU_CODER_LIBRARY ${backend}::${backend})
 message(STATUS "minizutil codes with ${backend}")

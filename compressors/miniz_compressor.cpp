@@ -1,7 +1,7 @@
 #include "compressors/miniz_compressor.h"
 
-#include "compressors/mzu_coder.h"
-#include "compressors/single_step.h"
+#include "compressors/internal/mzu_coder.h"
+#include "compressors/internal/single_step.h"
 
 namespace mzu {
 

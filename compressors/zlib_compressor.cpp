@@ -4,7 +4,7 @@
 
 #include <zlib.h>
 
-#include "compressors/single_step.h"
+#include "compressors/internal/single_step.h"
 
 namespace zlu {
 

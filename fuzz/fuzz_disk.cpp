@@ -9,8 +9,8 @@
 #include "fuzz/support/disk_input.h"
 #include "fuzz/support/disk_script.h"
 #include "fuzz/support/too_dear.h"
-#include "host/disk_check.h"
-#include "host/disk_map.h"
+#include "host/check/disk_check.h"
+#include "host/transfer/disk_map.h"
 #include "kelm/graindata/data_preparer.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "fuzz/support/harness.h"
-#include "host/extent_check.h"
+#include "host/check/extent_check.h"
 #include "kelm/extent/sparse_extent_file.h"
 #include "kelm/format/constants.h"
 #include "yx/buffer_stream.h"

@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "fuzz/support/harness.h"
-#include "host/file_names.h"
+#include "host/store/file_names.h"
 #include "kelm/format/file_reference.h"
 
 namespace {

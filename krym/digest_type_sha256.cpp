@@ -2,8 +2,8 @@
 
 #include <openssl/evp.h>
 
+#include "krym/internal/openssl_error.h"
 #include "krym/openssl_digest.h"
-#include "krym/openssl_error.h"
 
 namespace krym {
 

@@ -4,7 +4,7 @@
 
 #include <openssl/evp.h>
 
-#include "krym/openssl_error.h"
+#include "krym/internal/openssl_error.h"
 #include "yx/error.h"
 
 namespace krym {

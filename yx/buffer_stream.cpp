@@ -5,8 +5,8 @@
 #include <functional>
 #include <limits>
 
+#include "yx/internal/stream_error.h"
 #include "yx/memory.h"
-#include "yx/stream_error.h"
 
 namespace yx {
 

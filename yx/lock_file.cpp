@@ -3,9 +3,9 @@
 #include <chrono>
 #include <thread>
 
+#include "yx/internal/open_lock_file.h"
+#include "yx/internal/stream_error.h"
 #include "yx/log.h"
-#include "yx/open_lock_file.h"
-#include "yx/stream_error.h"
 
 namespace yx {
 

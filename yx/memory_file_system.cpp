@@ -5,9 +5,9 @@
 #include <map>
 #include <mutex>
 
-#include "yx/file_error.h"
-#include "yx/memory_file_stream.h"
-#include "yx/stream_error.h"
+#include "yx/internal/file_error.h"
+#include "yx/internal/memory_file_stream.h"
+#include "yx/internal/stream_error.h"
 
 namespace yx {
 

@@ -10,10 +10,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "yx/file_descriptor.h"
-#include "yx/file_error.h"
-#include "yx/native_file_stream.h"
-#include "yx/stream_error.h"
+#include "yx/internal/file_descriptor.h"
+#include "yx/internal/file_error.h"
+#include "yx/internal/native_file_stream.h"
+#include "yx/internal/stream_error.h"
 
 namespace yx {
 

@@ -1,6 +1,6 @@
 #include "yx/optimizing_in_stream.h"
 
-#include "yx/stream_buffering.h"
+#include "yx/internal/stream_buffering.h"
 
 namespace yx {
 

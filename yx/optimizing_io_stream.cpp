@@ -1,7 +1,7 @@
 #include "yx/optimizing_io_stream.h"
 
+#include "yx/internal/stream_buffering.h"
 #include "yx/log.h"
-#include "yx/stream_buffering.h"
 
 namespace yx {
 

@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "yx/error.h"
-#include "yx/uri_escape.h"
-#include "yx/uri_path.h"
+#include "yx/internal/uri_escape.h"
+#include "yx/internal/uri_path.h"
 
 namespace yx {
 

@@ -5,10 +5,10 @@
 #include <string_view>
 
 #include "yx/error.h"
-#include "yx/stream_error.h"
+#include "yx/internal/stream_error.h"
+#include "yx/internal/uri_escape.h"
+#include "yx/internal/uri_path.h"
 #include "yx/uri.h"
-#include "yx/uri_escape.h"
-#include "yx/uri_path.h"
 
 namespace yx {
 

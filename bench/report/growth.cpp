@@ -2,7 +2,7 @@
 #include "bench/report/measurements.h"
 #include "bench/report/process.h"
 #include "bench/report/work_files.h"
-#include "host/transfer.h"
+#include "host/transfer/transfer.h"
 
 // Times at three sizes, a factor of eight apart. What only grows in proportion has an exponent of 1
 // at most; the first steps are lower where a fixed part shows. The files are in memory if there is

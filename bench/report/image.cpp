@@ -5,7 +5,7 @@
 
 #include "bench/report/process.h"
 #include "bench/report/report.h"
-#include "host/raw_source.h"
+#include "host/transfer/raw_source.h"
 
 namespace bench {
 

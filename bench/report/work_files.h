@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "host/safe_disk.h"
+#include "host/disk/safe_disk.h"
 #include "kelm/kelm.h"
 
 namespace bench {

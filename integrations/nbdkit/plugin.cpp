@@ -13,8 +13,8 @@
 #define NBDKIT_API_VERSION 2
 #include <nbdkit-plugin.h>
 
-#include "host/error_text.h"
-#include "host/file_names.h"
+#include "host/store/error_text.h"
+#include "host/store/file_names.h"
 #include "integrations/nbdkit/command_line.h"
 #include "integrations/nbdkit/errno_of.h"
 #include "integrations/nbdkit/served_disk.h"

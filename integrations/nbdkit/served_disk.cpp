@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "host/parent_chain.h"
+#include "host/disk/parent_chain.h"
 #include "yx/native_file_system.h"
 
 namespace kelm::nbd {

@@ -4,8 +4,8 @@
 #include <optional>
 #include <vector>
 
-#include "host/password.h"
-#include "host/safe_disk.h"
+#include "host/disk/safe_disk.h"
+#include "host/system/password.h"
 
 namespace kelm::nbd {
 

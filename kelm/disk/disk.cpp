@@ -1,6 +1,6 @@
 #include "kelm/disk/disk.h"
 
-#include "kelm/extent/grain_position.h"
+#include "kelm/extent/internal/grain_position.h"
 #include "kelm/extent/low_level_file_stream.h"
 #include "kelm/extent/on_demand_extent_file.h"
 #include "kelm/extent/parent_disk_data_provider.h"

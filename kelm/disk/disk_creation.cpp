@@ -3,12 +3,12 @@
 #include <utility>
 
 #include "kelm/disk/disk.h"
-#include "kelm/disk/disk_key.h"
-#include "kelm/disk/extent_sizing.h"
+#include "kelm/disk/internal/disk_key.h"
+#include "kelm/disk/internal/extent_sizing.h"
 #include "kelm/extent/low_level_file_stream.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/empty_sparse_extent_file.h"
-#include "kelm/format/rounding.h"
+#include "kelm/format/internal/rounding.h"
 #include "yx/error.h"
 #include "yx/mt_rand.h"
 #include "yx/string_format.h"

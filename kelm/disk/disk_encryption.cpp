@@ -1,8 +1,8 @@
 #include <cstring>
 
 #include "kelm/disk/disk.h"
-#include "kelm/disk/disk_key.h"
-#include "kelm/extent/disk_key_hash.h"
+#include "kelm/disk/internal/disk_key.h"
+#include "kelm/extent/internal/disk_key_hash.h"
 #include "yx/error.h"
 #include "yx/mt_rand.h"
 #include "yx/number.h"

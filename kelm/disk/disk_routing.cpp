@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "kelm/disk/disk.h"
-#include "kelm/extent/grain_position.h"
+#include "kelm/extent/internal/grain_position.h"
 #include "kelm/format/constants.h"
 #include "yx/error.h"
 

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "kelm/extent/grain_position.h"
+#include "kelm/extent/internal/grain_position.h"
 #include "yx/error.h"
 
 namespace kelm {

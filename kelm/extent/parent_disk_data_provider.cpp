@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "kelm/disk/disk.h"
-#include "kelm/extent/grain_position.h"
+#include "kelm/extent/internal/grain_position.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"

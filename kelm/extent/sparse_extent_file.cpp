@@ -2,11 +2,11 @@
 
 #include <limits>
 
-#include "kelm/extent/disk_key_hash.h"
-#include "kelm/extent/grain_position.h"
+#include "kelm/extent/internal/disk_key_hash.h"
+#include "kelm/extent/internal/grain_position.h"
 #include "kelm/format/constants.h"
+#include "kelm/format/internal/uri_props.h"
 #include "kelm/format/marker.h"
-#include "kelm/format/uri_props.h"
 #include "yx/buffer_stream.h"
 #include "yx/data_in_stream.h"
 #include "yx/data_out_stream.h"

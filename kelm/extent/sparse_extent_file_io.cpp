@@ -1,6 +1,6 @@
 #include <algorithm>
 
-#include "kelm/extent/grain_position.h"
+#include "kelm/extent/internal/grain_position.h"
 #include "kelm/extent/sparse_extent_file.h"
 #include "kelm/format/constants.h"
 #include "yx/error.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "kelm/format/descriptor_text.h"
+#include "kelm/format/internal/descriptor_text.h"
 #include "kelm/format/marker.h"
 #include "yx/error.h"
 

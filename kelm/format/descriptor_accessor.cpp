@@ -3,8 +3,8 @@
 #include <limits>
 
 #include "kelm/format/constants.h"
+#include "kelm/format/internal/uri_props.h"
 #include "kelm/format/sparse_extent_header.h"
-#include "kelm/format/uri_props.h"
 #include "yx/data_in_stream.h"
 #include "yx/error.h"
 #include "yx/mt_rand.h"

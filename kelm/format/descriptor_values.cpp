@@ -2,7 +2,7 @@
 
 #include "kelm/format/constants.h"
 #include "kelm/format/descriptor.h"
-#include "kelm/format/descriptor_text.h"
+#include "kelm/format/internal/descriptor_text.h"
 #include "yx/number.h"
 
 namespace kelm {

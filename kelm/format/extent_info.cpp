@@ -1,6 +1,6 @@
 #include "kelm/format/extent_info.h"
 
-#include "kelm/format/text_view.h"
+#include "kelm/format/internal/text_view.h"
 #include "yx/error.h"
 #include "yx/number.h"
 

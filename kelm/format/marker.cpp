@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "kelm/format/constants.h"
-#include "kelm/format/little_endian.h"
+#include "kelm/format/internal/little_endian.h"
 #include "yx/error.h"
 
 namespace kelm {

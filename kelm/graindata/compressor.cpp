@@ -2,7 +2,7 @@
 
 #include "compressors/miniz_compressor.h"
 #include "compressors/zlib_compressor.h"
-#include "kelm/graindata/grain_record.h"
+#include "kelm/graindata/internal/grain_record.h"
 
 namespace kelm {
 

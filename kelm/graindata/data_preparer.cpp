@@ -1,7 +1,7 @@
 #include "kelm/graindata/data_preparer.h"
 
 #include "kelm/graindata/compressor.h"
-#include "kelm/graindata/grain_record.h"
+#include "kelm/graindata/internal/grain_record.h"
 #include "yx/error.h"
 
 namespace kelm {

@@ -2,8 +2,8 @@
 
 #include <limits>
 
-#include "kelm/format/uri_props.h"
-#include "kelm/graindata/grain_record.h"
+#include "kelm/format/internal/uri_props.h"
+#include "kelm/graindata/internal/grain_record.h"
 #include "yx/error.h"
 #include "yx/log.h"
 

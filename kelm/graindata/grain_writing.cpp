@@ -1,7 +1,7 @@
 #include <climits>
 
 #include "kelm/graindata/grain.h"
-#include "kelm/graindata/grain_record.h"
+#include "kelm/graindata/internal/grain_record.h"
 #include "yx/error.h"
 
 namespace kelm {

@@ -5,7 +5,7 @@
 
 #include "kelm/format/constants.h"
 #include "kelm/format/marker.h"
-#include "kelm/metadata/table_io.h"
+#include "kelm/metadata/internal/table_io.h"
 #include "yx/error.h"
 #include "yx/log.h"
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "host/slot_repair.h"
+#include "host/disk/slot_repair.h"
 #include "kelm/metadata/grain_directory.h"
 #include "tests/crash/crash_kinds.h"
 #include "tests/support/extent_checker.h"

@@ -5,7 +5,7 @@
 #include <memory>
 #include <sstream>
 
-#include "host/transfer.h"
+#include "host/transfer/transfer.h"
 #include "tests/support/extent_checker.h"
 #include "tests/support/safe_disks.h"
 #include "tests/support/temp_directory.h"

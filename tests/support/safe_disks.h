@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/safe_disk.h"
+#include "host/disk/safe_disk.h"
 #include "tests/support/disk_fixture.h"
 
 namespace test_support {

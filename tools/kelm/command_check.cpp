@@ -1,7 +1,7 @@
 #include <memory>
 
-#include "host/disk_check.h"
-#include "host/file_names.h"
+#include "host/check/disk_check.h"
+#include "host/store/file_names.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"

@@ -1,7 +1,7 @@
 #include <memory>
 
-#include "host/compare.h"
-#include "host/disk_files.h"
+#include "host/disk/disk_files.h"
+#include "host/transfer/compare.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/options.h"

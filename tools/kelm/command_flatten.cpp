@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "host/parent_link.h"
+#include "host/disk/parent_link.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"

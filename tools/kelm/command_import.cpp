@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "host/file_names.h"
+#include "host/store/file_names.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"

@@ -3,9 +3,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/disk_map.h"
-#include "host/disk_space.h"
-#include "host/file_names.h"
+#include "host/store/file_names.h"
+#include "host/transfer/disk_map.h"
+#include "host/transfer/disk_space.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/map_picture.h"
@@ -102,7 +102,7 @@ void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& argu
 
 void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
     // The lines tell how far it is; a bar between them would be in their way.
-    host::TransferOptions options;
+    host::WorkOptions options;
     options.cancel = &invocation.getCancel();
     RunPrinter printer(disk, arguments.json);
     host::forEachGrainRun(disk, options, [&](host::GrainRun const& run) { printer.add(run); });

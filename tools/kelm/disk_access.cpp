@@ -4,9 +4,9 @@
 #include <filesystem>
 #include <system_error>
 
-#include "host/disk_opening.h"
-#include "host/file_names.h"
-#include "host/parent_chain.h"
+#include "host/disk/disk_opening.h"
+#include "host/disk/parent_chain.h"
+#include "host/store/file_names.h"
 #include "tools/kelm/errors.h"
 
 namespace kelm::tool {

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "host/former_disk.h"
-#include "host/safe_disk.h"
+#include "host/disk/former_disk.h"
+#include "host/disk/safe_disk.h"
 #include "tools/kelm/invocation.h"
 #include "tools/kelm/password_options.h"
 

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "host/disk_files.h"
-#include "host/disk_space.h"
-#include "host/file_names.h"
-#include "host/size_text.h"
+#include "host/disk/disk_files.h"
+#include "host/store/file_names.h"
+#include "host/system/size_text.h"
+#include "host/transfer/disk_space.h"
 #include "tools/kelm/disk_access.h"
 
 namespace kelm::tool {
@@ -137,7 +137,7 @@ Json reportDisk(host::SafeDisk& disk) {
     return report;
 }
 
-Json reportSpace(host::SafeDisk& disk, host::TransferOptions const& options) {
+Json reportSpace(host::SafeDisk& disk, host::WorkOptions const& options) {
     CVMDKSpaceInfo const space = host::gatherSpace(disk, options);
     return {{"payloadBytes", space.getPayloadSize()},
             {"payloadBytesInFile", space.getPayloadSizeInFile()},

@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/transfer.h"
+#include "host/transfer/transfer.h"
 
 namespace kelm::tool {
 
@@ -11,7 +11,7 @@ namespace kelm::tool {
 nlohmann::ordered_json reportDisk(host::SafeDisk& disk);
 
 /// The space of a disk's grains by kind of use; reads all tables.
-nlohmann::ordered_json reportSpace(host::SafeDisk& disk, host::TransferOptions const& options);
+nlohmann::ordered_json reportSpace(host::SafeDisk& disk, host::WorkOptions const& options);
 
 /// A report of `reportDisk` in lines for people. To it belong "parents", an array of objects with
 /// "file" and either "contentID" or "error", and perhaps "space", a report of `reportSpace`.

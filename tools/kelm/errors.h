@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "host/error_text.h"
-#include "host/password_errors.h"
+#include "host/disk/password_errors.h"
+#include "host/store/error_text.h"
 #include "tools/kelm/exit_status.h"
 #include "yx/error.h"
 

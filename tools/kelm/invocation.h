@@ -1,8 +1,8 @@
 #pragma once
 
-#include "host/cancel.h"
-#include "host/progress.h"
-#include "host/transfer.h"
+#include "host/system/cancel.h"
+#include "host/system/progress.h"
+#include "host/transfer/transfer.h"
 #include "yx/native_file_system.h"
 
 namespace kelm::tool {
@@ -32,14 +32,14 @@ public:
     LongWork(Invocation const& invocation, char const* label, int threads = 0);
 
     /// The work must end before this object.
-    host::TransferOptions const& getOptions() const { return m_options; }
+    host::WorkOptions const& getOptions() const { return m_options; }
 
     /// Makes room on the terminal for a line of output.
     void hideBar() { m_bar.hide(); }
 
 private:
     host::ProgressBar m_bar;
-    host::TransferOptions m_options;
+    host::WorkOptions m_options;
 };
 
 } // namespace kelm::tool

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <utility>
 
-#include "host/size_text.h"
+#include "host/system/size_text.h"
 
 namespace kelm::tool {
 

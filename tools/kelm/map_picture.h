@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "host/disk_map.h"
+#include "host/transfer/disk_map.h"
 
 namespace kelm::tool {
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "host/safe_disk.h"
+#include "host/disk/safe_disk.h"
 #include "tools/kelm/invocation.h"
 #include "tools/kelm/password_options.h"
 

@@ -2,7 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/size_text.h"
+#include "host/system/size_text.h"
 #include "yx/error.h"
 
 namespace kelm::tool {

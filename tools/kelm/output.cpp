@@ -5,8 +5,8 @@
 
 #include <stdio_ext.h>
 
-#include "host/cancel.h"
-#include "host/file_descriptor.h"
+#include "host/system/cancel.h"
+#include "host/system/file_descriptor.h"
 
 namespace kelm::tool {
 

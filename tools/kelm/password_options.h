@@ -3,8 +3,8 @@
 #include <optional>
 #include <string>
 
-#include "host/cancel.h"
-#include "host/password.h"
+#include "host/system/cancel.h"
+#include "host/system/password.h"
 
 namespace CLI {
 class App;

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "host/safe_disk.h"
+#include "host/disk/safe_disk.h"
 
 namespace soak {
 

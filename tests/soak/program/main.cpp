@@ -26,7 +26,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "host/file_names.h"
+#include "host/store/file_names.h"
 #include "tests/soak/program/worker.h"
 #include "yx/log.h"
 

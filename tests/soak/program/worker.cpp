@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "host/disk_check.h"
+#include "host/check/disk_check.h"
 
 namespace soak {
 

@@ -1,0 +1,134 @@
+#include "host/check/disk_check.h"
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "host/check/check_errors.h"
+#include "host/check/extent_check.h"
+#include "host/check/grain_check.h"
+#include "host/store/error_text.h"
+#include "host/store/file_names.h"
+#include "kelm/format/constants.h"
+
+namespace kelm::host {
+
+namespace {
+
+class DiskCheck {
+public:
+    DiskCheck(yx::IFileSystem* fileSystem, yx::String const& password, WorkOptions const& options,
+              FindingCallback const& report)
+        : m_fileSystem(fileSystem), m_password(password), m_options(options), m_report(report) {}
+
+    void checkChain(yx::CURI uri) {
+        std::vector<yx::CURI> checked;
+        while (!uri.isEmpty()) {
+            if (!checked.empty() && !m_fileSystem->fileExists(uri)) {
+                find(uri, "the parent does not exist");
+                return;
+            }
+            checked.push_back(uri.toNormalized());
+            uri = checkOneDisk(uri);
+            if (std::find(checked.begin(), checked.end(), uri) != checked.end()) {
+                find(checked.back(), "the chain of parents leads back to " + displayName(uri));
+                return;
+            }
+        }
+    }
+
+    __int64 getFindingCount() const { return m_findingCount; }
+
+private:
+    void find(yx::CURI const& file, std::string const& text) {
+        ++m_findingCount;
+        m_report(file, inOneLine(text));
+    }
+
+    /// Returns the URI of the parent, empty if there is none or it cannot be known.
+    yx::CURI checkOneDisk(yx::CURI const& uri) {
+        std::unique_ptr<SafeDisk> disk;
+        auto const failure = findingOf([&] {
+            disk = std::make_unique<SafeDisk>(m_fileSystem.get(), uri, yx::IIOStream::ReadOnly,
+                                              m_password);
+        });
+        if (failure) {
+            find(uri, "the disk cannot be opened: " + *failure);
+            return {};
+        }
+        checkContentID(*disk);
+        checkExtents(*disk);
+        checkGrains(*disk, m_options, [&](std::string const& text) { find(uri, text); });
+        return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
+                                 : yx::CURI();
+    }
+
+    void checkContentID(SafeDisk& disk) {
+        yx::P<CVMDKDescriptor> const descriptor = disk.getDisk().getDescriptor();
+        yx::CURI const uri = disk.getDisk().getMainFileURI();
+        unsigned int contentID = 0;
+        auto const failure = findingOf([&] { contentID = descriptor->getContentID(); });
+        if (failure) {
+            find(uri, "the disk has no content ID: " + *failure);
+        } else if (m_expectedContentID && contentID != *m_expectedContentID) {
+            find(uri, "the parent has changed: its content ID is " +
+                          yx::toHexString(contentID).toStdString() + ", the child was made of " +
+                          yx::toHexString(*m_expectedContentID).toStdString());
+        }
+        m_expectedContentID = descriptor->getParentContentID();
+    }
+
+    void checkExtents(SafeDisk& disk) {
+        __int64 const grainSizeBytes = disk.getGrainSizeBytes();
+        for (DiskExtent const& extent : disk.listExtents()) {
+            if (m_fileSystem->fileExists(extent.uri)) {
+                checkExtentFile(extent.uri,
+                                {(extent.endBytes - extent.startBytes) / kSectorSizeBytes,
+                                 (extent.startBytes + grainSizeBytes - 1) / grainSizeBytes,
+                                 grainSizeBytes / kSectorSizeBytes,
+                                 disk.getDisk().getCompressed()});
+            } else if (!disk.createsExtentFilesOnDemand()) {
+                find(extent.uri, "the file is missing");
+            }
+        }
+    }
+
+    void checkExtentFile(yx::CURI const& uri, ExtentPlace const& place) {
+        yx::P<yx::IIOStream> stream;
+        auto const failure = findingOf([&] {
+            unsigned int reserved = 0;
+            stream = m_fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &reserved);
+        });
+        if (failure) {
+            find(uri, *failure);
+            return;
+        }
+        checkExtent(*stream, place, m_options.cancel,
+                    [&](std::string const& text) { find(uri, text); });
+    }
+
+    yx::P<yx::IFileSystem> m_fileSystem;
+    yx::String const& m_password;
+    WorkOptions const& m_options;
+    FindingCallback const& m_report;
+    __int64 m_findingCount = 0;
+
+    /// What a disk that was checked says of the parent's content.
+    std::optional<unsigned int> m_expectedContentID;
+};
+
+} // namespace
+
+__int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
+                  WorkOptions const& options, FindingCallback const& report) {
+    if (!fileSystem->fileExists(uri)) {
+        throw yx::CIOError(yx::CIOError::NotFound, "The disk does not exist.",
+                           yx::CProps().add("uri", uri.toString(true)), nullptr);
+    }
+    DiskCheck check(fileSystem, password, options, report);
+    check.checkChain(uri);
+    return check.getFindingCount();
+}
+
+} // namespace kelm::host

@@ -1,0 +1,182 @@
+#include "host/check/grain_check.h"
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <queue>
+#include <vector>
+
+#include "host/check/check_errors.h"
+#include "host/system/grain_pipeline.h"
+#include "kelm/format/constants.h"
+
+namespace kelm::host {
+
+namespace {
+
+using Item = GrainPipeline::Item;
+
+class GrainCheck {
+public:
+    GrainCheck(SafeDisk& disk, WorkOptions const& options,
+               std::function<void(std::string const&)> const& report)
+        : m_disk(disk), m_cancel(options.cancel), m_throttle(options.progress), m_report(report) {
+        if (disk.getDisk().getCompressed())
+            startWorkers(countThreads(options));
+    }
+
+    void run() {
+        __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
+        for (DiskExtent const& extent : m_disk.listExtents()) {
+            __int64 const firstIndex = (extent.startBytes + grainSizeBytes - 1) / grainSizeBytes;
+            __int64 const tableBytes = grainSizeBytes * kGrainTableEntryCount;
+            for (__int64 start = extent.startBytes; start < extent.endBytes; start += tableBytes) {
+                checkTable(start, std::min(extent.endBytes, start + tableBytes),
+                           firstIndex + (start - extent.startBytes) / grainSizeBytes);
+            }
+        }
+        drainAll();
+        tellUnreachable();
+        m_throttle.report(m_disk.getSizeBytes(), m_disk.getSizeBytes());
+    }
+
+private:
+    /// Grains that cannot be looked up, all for one reason.
+    struct Unreachable {
+        __int64 firstIndex;
+        __int64 endIndex;
+        std::string reason;
+    };
+
+    void startWorkers(int threads) {
+        for (int i = 0; i < threads; ++i)
+            m_preparers.push_back(m_disk.getDisk().createDataPreparer());
+        m_pipeline = std::make_unique<GrainPipeline>(
+            threads, GrainPipeline::calcItemCount(m_disk.getGrainSizeBytes(), threads),
+            [this](Item& item, int worker) {
+                m_preparers[static_cast<std::size_t>(worker)]->unprepareGrainData(item.input.get(),
+                                                                                  item.aux1.get());
+            });
+    }
+
+    /// Checks the grains of one table. If one cannot be looked up, none behind it can.
+    void checkTable(__int64 startBytes, __int64 endBytes, __int64 firstIndex) {
+        __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
+        __int64 index = firstIndex;
+        for (__int64 position = startBytes; position < endBytes; position += grainSizeBytes) {
+            if (m_cancel)
+                m_cancel->check();
+            m_throttle.report(position, m_disk.getSizeBytes());
+            bool isHere = false;
+            auto const lookUp = [&] { isHere = isGrainHere(position); };
+            auto failure = findingOf(lookUp);
+            // Tables are read in runs. A bad one spoils those behind it, but those before it are
+            // there when they are asked for again.
+            if (failure)
+                failure = findingOf(lookUp);
+            if (failure) {
+                __int64 const count = (endBytes - position + grainSizeBytes - 1) / grainSizeBytes;
+                noteUnreachable(index, index + count, *failure);
+                return;
+            }
+            if (isHere)
+                checkGrain(position, std::min(grainSizeBytes, endBytes - position), index);
+            ++index;
+        }
+    }
+
+    /// By position, since an extent may begin within a grain of the disk.
+    bool isGrainHere(__int64 positionBytes) {
+        m_disk.getDisk().seek(positionBytes);
+        return m_disk.getDisk().isGrainWrittenAndIndependentOfParent();
+    }
+
+    void checkGrain(__int64 positionBytes, __int64 bytes, __int64 index) {
+        if (m_pipeline && !m_pipeline->getFree())
+            drainOne();
+        bool submitted = false;
+        auto const failure = findingOf([&] {
+            submitted = m_pipeline && m_disk.isWholeGrain(index) &&
+                        m_disk.tryReadPreparedGrain(index, *m_pipeline->getFree()->input);
+            if (!submitted)
+                readPlain(positionBytes, static_cast<int>(bytes));
+        });
+        if (failure) {
+            drainAll();
+            tellGrain(index, *failure);
+        } else if (submitted) {
+            m_pipeline->submit();
+            m_submitted.push(index);
+        }
+    }
+
+    void readPlain(__int64 positionBytes, int bytes) {
+        m_grain.setUsed(bytes);
+        m_disk.read(positionBytes, m_grain.getData(), bytes);
+    }
+
+    void drainOne() {
+        __int64 const index = m_submitted.front();
+        m_submitted.pop();
+        auto const failure = findingOf([this] { m_pipeline->takeOldest(); });
+        m_pipeline->recycle();
+        if (failure)
+            tellGrain(index, *failure);
+    }
+
+    void drainAll() {
+        while (!m_submitted.empty())
+            drainOne();
+    }
+
+    void noteUnreachable(__int64 firstIndex, __int64 endIndex, std::string const& reason) {
+        if (m_unreachable && m_unreachable->endIndex == firstIndex &&
+            m_unreachable->reason == reason) {
+            m_unreachable->endIndex = endIndex;
+            return;
+        }
+        drainAll();
+        tellUnreachable();
+        m_unreachable = Unreachable{firstIndex, endIndex, reason};
+    }
+
+    void tellUnreachable() {
+        if (!m_unreachable)
+            return;
+        Unreachable const run = *m_unreachable;
+        m_unreachable.reset();
+        std::string const first = std::to_string(run.firstIndex);
+        m_report((run.endIndex == run.firstIndex + 1
+                      ? "grain " + first
+                      : "grains " + first + " to " + std::to_string(run.endIndex - 1)) +
+                 " cannot be looked up: " + run.reason);
+    }
+
+    void tellGrain(__int64 index, std::string const& failure) {
+        tellUnreachable();
+        m_report("grain " + std::to_string(index) + ": " + failure);
+    }
+
+    SafeDisk& m_disk;
+    CancelFlag const* m_cancel;
+    ProgressThrottle m_throttle;
+    std::function<void(std::string const&)> const& m_report;
+    std::optional<Unreachable> m_unreachable;
+    yx::TBuffer<unsigned char> m_grain;
+
+    /// One a worker; they outlive the pipeline.
+    std::vector<yx::P<CVMDKDataPreparer>> m_preparers;
+
+    /// The grains on their way through the pipeline, which is null where nothing is to be decoded.
+    std::queue<__int64> m_submitted;
+    std::unique_ptr<GrainPipeline> m_pipeline;
+};
+
+} // namespace
+
+void checkGrains(SafeDisk& disk, WorkOptions const& options,
+                 std::function<void(std::string const&)> const& report) {
+    GrainCheck(disk, options, report).run();
+}
+
+} // namespace kelm::host

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "host/disk/safe_disk.h"
+#include "host/system/work_options.h"
+
+namespace kelm::host {
+
+/// Reads and decodes every grain that a disk itself holds, on several threads. `report` gets a
+/// sentence for each grain that fails and for each run of grains that cannot be looked up for one
+/// reason, in the order of the grains, on the caller's thread.
+///
+/// Errors that tell nothing of the disk (see `isFinding`) are thrown.
+void checkGrains(SafeDisk& disk, WorkOptions const& options,
+                 std::function<void(std::string const&)> const& report);
+
+} // namespace kelm::host

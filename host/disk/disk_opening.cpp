@@ -1,0 +1,60 @@
+#include "host/disk/disk_opening.h"
+
+#include "yx/lock_file.h"
+
+namespace kelm::host {
+
+namespace {
+
+/// What the error of a lock that nobody holds begins with: its file cannot be made, opened or
+/// locked.
+constexpr char kLockNotTakenPrefix[] = "Cannot take the lock file: ";
+
+yx::CURI lockURIOf(yx::CURI const& uri) {
+    return uri.getParent() << (uri.getName() + ".lock");
+}
+
+/// A reader's lock on a disk that is about to be opened; null where it cannot be had although
+/// nobody holds it, as on read-only media.
+///
+/// A disk that is opened for reading goes on without a lock if there is no lock file, also when the
+/// lock was refused and its holder took the file away only then. The next writer would not notice
+/// such a reader.
+yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
+    try {
+        return yx::makeObject<yx::CLockFile>(fileSystem, lockURIOf(uri), yx::CLockFile::Shared,
+                                             false, true);
+    } catch (yx::CLockFileError const& error) {
+        if (!error.getMessage().wx().StartsWith(kLockNotTakenPrefix))
+            throw;
+        return nullptr;
+    }
+}
+
+} // namespace
+
+yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri,
+                                yx::IIOStream::Access access, yx::String const& password,
+                                int compressionLevel, int readCacheLimit) {
+    // Opening for writing would make the main file.
+    if (!fileSystem->fileExists(uri)) {
+        throw yx::CIOError(yx::CIOError::NotFound, "The disk does not exist.",
+                           yx::CProps().add("uri", uri.toString(true)), nullptr);
+    }
+    yx::P<CVMDKGrainTableCache> const cache = yx::makeObject<CVMDKGrainTableCache>(
+        access == yx::IIOStream::ReadWrite ? CVMDKGrainTableCache::kNoLimit : readCacheLimit);
+    // Until the disk has its own.
+    yx::P<yx::CLockFile> lock;
+    if (access == yx::IIOStream::ReadOnly)
+        lock = takeReaderLock(fileSystem, uri);
+    return yx::makeObject<CVMDKDisk>(fileSystem, uri, access, password, compressionLevel,
+                                     cache.get(), nullptr);
+}
+
+void verifyIsNotInUse(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
+    if (!fileSystem->fileExists(uri))
+        return;
+    yx::CLockFile const lock(fileSystem, lockURIOf(uri), yx::CLockFile::Exclusive, false, true);
+}
+
+} // namespace kelm::host

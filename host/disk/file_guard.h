@@ -1,0 +1,58 @@
+#pragma once
+
+#include <vector>
+
+#include "host/system/cancel.h"
+#include "yx/file_system.h"
+
+namespace kelm::host {
+
+/// A file system for making new files: it passes everything on to another one, refuses to touch
+/// what was there before, and takes away what it made unless it is told to keep it.
+///
+/// Lock files (".lock") are exempt: one that a killed process left is taken over by the next user.
+class FileGuard : public yx::CBase, public virtual yx::IFileSystem {
+public:
+    /// With `overwrite`, files that were there before may be replaced and deleted; what replaced
+    /// them is taken away like any new file. `cancel`, which may be null and must outlive the guard,
+    /// is looked at before each new file, since a disk may have thousands.
+    FileGuard(yx::IFileSystem* fileSystem, bool overwrite, CancelFlag const* cancel = nullptr);
+    FileGuard(FileGuard const&) = delete;
+    FileGuard& operator=(FileGuard const&) = delete;
+
+    /// Deletes the files that were made, unless they are to be kept. Every stream on them must be closed by then.
+    /// What cannot be deleted is logged as a warning.
+    ~FileGuard() override;
+
+    /// All files stay, those that a disk on this guard may still make included.
+    void keep() { m_kept = true; }
+
+    /// Names files that may not be replaced or deleted even with `overwrite`, since they are being
+    /// read. Trying to is `CIOError` `NotAllowed` with "uri".
+    void protect(std::vector<yx::CURI> const& files);
+
+    /// What was protected, as normalised URIs.
+    std::vector<yx::CURI> const& getProtectedFiles() const { return m_protected; }
+
+    /// Opening for writing a file that was there before is `CIOError` `AlreadyExists` with "uri".
+    yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
+                                  unsigned int* reserved) override;
+
+    bool fileExists(yx::CURI const& uri) override;
+
+    /// Deleting a file that was there before is `CIOError` `AlreadyExists` with "uri".
+    void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
+
+private:
+    bool wasMadeHere(yx::CURI const& uri) const;
+    void verifyMayReplace(yx::CURI const& uri) const;
+
+    yx::P<yx::IFileSystem> m_fileSystem;
+    bool m_overwrite;
+    CancelFlag const* m_cancel;
+    bool m_kept = false;
+    std::vector<yx::CURI> m_made;
+    std::vector<yx::CURI> m_protected;
+};
+
+} // namespace kelm::host

@@ -1,0 +1,136 @@
+#include "host/store/file_names.h"
+
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include "kelm/format/file_reference.h"
+#include "yx/error.h"
+
+namespace kelm::host {
+
+namespace {
+
+using Path = yx::TPathImpl<yx::CUnixPathTraits>;
+
+yx::CURI uriOfPath(yx::String const& path) {
+    return yx::CURI(Path(path, true, false), false);
+}
+
+/// The real path, empty if there is none.
+yx::String realPath(yx::String const& path) {
+    std::unique_ptr<char, decltype(&std::free)> const resolved(
+        ::realpath(path.toStdString().c_str(), nullptr), &std::free);
+    return resolved ? yx::String::fromUTF8(resolved.get()) : yx::String();
+}
+
+[[noreturn]] void throwNotFound(yx::String const& path) {
+    throw yx::CIOError(yx::CIOError::NotFound, "No such file or directory",
+                       yx::CProps().add("uri", uriOfPath(path).toString(true)), nullptr);
+}
+
+/// Other bytes would come out as a name that no file has.
+yx::String decodeArgument(std::string const& argument) {
+    std::optional<yx::String> const text = yx::String::tryFromUTF8(argument);
+    if (!text) {
+        throw yx::CIOError(yx::CIOError::NotSupported, "A file name is not valid UTF-8.",
+                           yx::CProps().add("name", yx::String::fromUTF8(argument)), nullptr);
+    }
+    return *text;
+}
+
+bool isLink(yx::String const& path) {
+    struct stat status = {};
+    return ::lstat(path.toStdString().c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+bool isFileURI(std::string const& argument) {
+    return argument.rfind("file:", 0) == 0;
+}
+
+/// The components of a normalised, absolute URI's path, still escaped.
+std::vector<wxString> splitPath(yx::CURI const& uri) {
+    std::vector<wxString> components;
+    wxString const& path = uri.getPath().wx();
+    for (size_t start = 1; start <= path.length();) {
+        size_t const sep = path.find('/', start);
+        size_t const end = sep == wxString::npos ? path.length() : sep;
+        if (end > start)
+            components.push_back(path.substr(start, end - start));
+        start = end + 1;
+    }
+    return components;
+}
+
+yx::String unescape(wxString const& component) {
+    return yx::CURI("", "/" + yx::String(component), nullptr, nullptr, nullptr, -1, nullptr,
+                    nullptr)
+        .getName();
+}
+
+} // namespace
+
+yx::CURI uriFromArgument(std::string const& argument) {
+    yx::String const text = decodeArgument(argument);
+    yx::String const path = isFileURI(argument) ? yx::toNativePath(yx::CURI(text)) : text;
+    yx::String const real = realPath(path);
+    if (!real.isEmpty())
+        return uriOfPath(real).toNormalized();
+
+    // A link that leads nowhere would give a file two names, the link's and its own.
+    if (isLink(path))
+        throwNotFound(path);
+    // The file is still to be made: what must exist is its folder. The name is split off as it
+    // stands, since ".." behind a link means the link's target.
+    wxString const& characters = path.wx();
+    size_t const sep = characters.rfind('/');
+    yx::String const folder = sep == wxString::npos ? "." : yx::String(characters.Left(sep + 1));
+    yx::String const name = sep == wxString::npos ? path : yx::String(characters.Mid(sep + 1));
+    yx::String const realFolder = realPath(folder);
+    if (realFolder.isEmpty() || name.isEmpty() || name == "." || name == "..")
+        throwNotFound(path);
+    return (uriOfPath(realFolder) << name).toNormalized();
+}
+
+std::string displayName(yx::CURI const& uri) {
+    return uri.getScheme() == "file" ? yx::toNativePath(uri).toStdString()
+                                     : uri.toString(true).toStdString();
+}
+
+bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file) {
+    try {
+        return vmdkFileReferenceToURI(folder, reference) == file.toNormalized();
+    } catch (yx::CError& error) {
+        // A name such as "a:5%" reads as a URI, and as one that is wrong.
+        error.nop();
+        return false;
+    }
+}
+
+yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file) {
+    yx::CURI const target = file.toNormalized();
+    std::vector<wxString> const from = splitPath(folder.toNormalized());
+    std::vector<wxString> const to = splitPath(target);
+    size_t common = 0;
+    while (common < from.size() && common + 1 < to.size() && from[common] == to[common])
+        ++common;
+
+    yx::String relative;
+    for (size_t i = common; i < from.size(); ++i)
+        relative += "../";
+    for (size_t i = common; i < to.size(); ++i) {
+        if (i > common)
+            relative += "/";
+        relative += unescape(to[i]);
+    }
+    // A quote would end the value, and blanks at its ends may get lost. What else a path may hold
+    // that its reader takes for a sign of something else, only the reader knows.
+    bool const storable = relative.wx().find_first_of("\"\n\r") == wxString::npos &&
+                          relative.wx() == relative.wx().Strip(wxString::both);
+    return storable && isReferenceTo(folder, relative, target) ? relative : target.toString(true);
+}
+
+} // namespace kelm::host

@@ -1,0 +1,78 @@
+#include "host/system/file_descriptor.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kelm::host {
+
+namespace {
+
+constexpr int kLookIntervalMilliseconds = 200;
+
+yx::CIOError::Code codeOf(int error) {
+    switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+        return yx::CIOError::NotFound;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+        return yx::CIOError::AccessDenied;
+    case EEXIST:
+        return yx::CIOError::AlreadyExists;
+    case ENOSPC:
+    case EDQUOT:
+        return yx::CIOError::NoSpace;
+    default:
+        return yx::CIOError::IOFailure;
+    }
+}
+
+} // namespace
+
+FileDescriptor::~FileDescriptor() {
+    if (m_owned && m_value >= 0)
+        ::close(m_value);
+}
+
+void waitUntilReady(int fileDescriptor, short events, CancelFlag const* cancel) {
+    pollfd entry{fileDescriptor, events, 0};
+    do {
+        if (cancel)
+            cancel->check();
+    } while (::poll(&entry, 1, kLookIntervalMilliseconds) <= 0);
+}
+
+FileDescriptor openForReading(std::string const& path) {
+    struct stat status = {};
+    bool const isPipe = ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+    // To wait within `open` would lose a signal that comes just before.
+    int const flags = O_RDONLY | O_CLOEXEC | (isPipe ? O_NONBLOCK : 0);
+    return FileDescriptor::own(::open(path.c_str(), flags));
+}
+
+FileDescriptor openPipeForWriting(std::string const& path, CancelFlag const* cancel) {
+    while (true) {
+        FileDescriptor pipe =
+            FileDescriptor::own(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+        // What a pipe says that has no reader yet.
+        if (pipe.isOpen() || errno != ENXIO)
+            return pipe;
+        if (cancel)
+            cancel->check();
+        ::poll(nullptr, 0, kLookIntervalMilliseconds);
+    }
+}
+
+void throwSystemError(std::string const& what, std::string const& path) {
+    int const error = errno;
+    throw yx::CIOError(codeOf(error), yx::String::fromUTF8(what + ": " + std::strerror(error)),
+                       yx::CProps().add("path", yx::String::fromUTF8(path)), nullptr);
+}
+
+} // namespace kelm::host

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "host/transfer/transfer.h"
+
+namespace kelm::host {
+
+/// Who holds a grain.
+enum class GrainPlace {
+    Absent, ///< nobody; it reads as zeros
+    Parent, ///< a parent of the disk
+    Here,   ///< the disk itself
+};
+
+/// Neighbouring grains that are held in the same place.
+struct GrainRun {
+    /// The run's place in the disk: whole grains, but for a last grain that is cut short.
+    __int64 startBytes = 0;
+    __int64 lengthBytes = 0;
+
+    /// Who holds these grains.
+    GrainPlace place = GrainPlace::Absent;
+
+    /// The first byte behind the run.
+    __int64 endBytes() const { return startBytes + lengthBytes; }
+};
+
+/// Gives the runs of a disk to `use`, in order and without gaps, each as long as can be. Reads all
+/// tables of the disk and, where it has parents, of these. What `use` throws passes.
+void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
+                     std::function<void(GrainRun const&)> const& use);
+
+/// The same as a list, which takes memory for each run: for disks that are known to have few.
+std::vector<GrainRun> mapDisk(SafeDisk& disk, WorkOptions const& options);
+
+} // namespace kelm::host

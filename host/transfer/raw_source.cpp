@@ -1,0 +1,125 @@
+#include "host/transfer/raw_source.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kelm::host {
+
+namespace {
+
+FileDescriptor openSource(std::string const& path) {
+    if (path == "-")
+        return FileDescriptor::borrow(STDIN_FILENO);
+    FileDescriptor file = openForReading(path);
+    if (!file.isOpen())
+        throwSystemError("Cannot open the image", path);
+    return file;
+}
+
+} // namespace
+
+RawSource::RawSource(std::string const& path, CancelFlag const* cancel)
+    : m_path(path), m_cancel(cancel), m_file(openSource(path)) {
+    struct stat status = {};
+    if (::fstat(m_file.get(), &status) != 0)
+        throwSystemError("Cannot read the image", m_path);
+    if (S_ISDIR(status.st_mode)) {
+        errno = EISDIR;
+        throwSystemError("Cannot read the image", m_path);
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode))
+        return;
+    // Standard input may be a file that somebody has read part of.
+    off_t const start = ::lseek(m_file.get(), 0, SEEK_CUR);
+    m_endBytes = ::lseek(m_file.get(), 0, SEEK_END);
+    if (start < 0 || m_endBytes < 0 || ::lseek(m_file.get(), start, SEEK_SET) < 0)
+        throwSystemError("Cannot read the image", m_path);
+    m_startBytes = start;
+    m_positionBytes = start;
+    m_dataEndBytes = start;
+    m_mayHaveHoles = S_ISREG(status.st_mode);
+    ::posix_fadvise(m_file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+}
+
+void RawSource::findData() {
+    m_dataStartBytes = ::lseek(m_file.get(), m_positionBytes, SEEK_DATA);
+    if (m_dataStartBytes < 0) {
+        // ENXIO: nothing but a hole up to the end. Anything else: no holes on this file system.
+        m_mayHaveHoles = errno == ENXIO;
+        m_dataStartBytes = m_mayHaveHoles ? m_endBytes : m_positionBytes;
+        m_dataEndBytes = m_endBytes;
+        return;
+    }
+    m_dataEndBytes = ::lseek(m_file.get(), m_dataStartBytes, SEEK_HOLE);
+    if (m_dataEndBytes <= m_dataStartBytes)
+        m_dataEndBytes = m_endBytes;
+}
+
+bool RawSource::isInHole(__int64 endBytes) {
+    if (!m_mayHaveHoles)
+        return false;
+    if (m_positionBytes >= m_dataEndBytes)
+        findData();
+    return endBytes <= m_dataStartBytes;
+}
+
+int RawSource::readNext(unsigned char* buffer, int capacityBytes, bool& isHole) {
+    isHole = false;
+    int count = capacityBytes;
+    if (m_endBytes < 0) {
+        count = readFromPipe(buffer, capacityBytes);
+    } else {
+        count = static_cast<int>(std::min<__int64>(count, m_endBytes - m_positionBytes));
+        if (count <= 0)
+            return 0;
+        isHole = isInHole(m_positionBytes + count);
+        if (!isHole)
+            count = readFromFile(buffer, count);
+    }
+    m_positionBytes += count;
+    return count;
+}
+
+int RawSource::readFromFile(unsigned char* buffer, int bytes) {
+    int done = 0;
+    while (done < bytes) {
+        ssize_t const count =
+            ::pread(m_file.get(), buffer + done, static_cast<std::size_t>(bytes - done),
+                    m_positionBytes + done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            throwSystemError("Cannot read the image", m_path);
+        if (count == 0) {
+            throw yx::CIOError(yx::CIOError::UnexpectedEnd,
+                               "The image became shorter while it was read.",
+                               yx::CProps().add("path", yx::String::fromUTF8(m_path)), nullptr);
+        }
+        done += static_cast<int>(count);
+    }
+    return done;
+}
+
+int RawSource::readFromPipe(unsigned char* buffer, int bytes) {
+    int done = 0;
+    while (done < bytes) {
+        waitUntilReady(m_file.get(), POLLIN, m_cancel);
+        ssize_t const count =
+            ::read(m_file.get(), buffer + done, static_cast<std::size_t>(bytes - done));
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (count < 0)
+            throwSystemError("Cannot read the image", m_path);
+        if (count == 0)
+            break;
+        done += static_cast<int>(count);
+    }
+    return done;
+}
+
+} // namespace kelm::host

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/system/cancel.h"
+#include "host/system/file_descriptor.h"
+
+namespace kelm::host {
+
+/// A raw image read from start to end: a file, a block device, or a pipe. Holes of files are not
+/// read. Errors are `yx::CIOError` with the path under "path".
+class RawSource {
+public:
+    /// "-" is standard input, from where it stands. While a pipe has nothing to read, `cancel` is
+    /// looked at several times a second; it may be null and must outlive the source.
+    explicit RawSource(std::string const& path, CancelFlag const* cancel = nullptr);
+
+    /// In bytes; -1 for a pipe.
+    __int64 getLength() const { return m_endBytes < 0 ? -1 : m_endBytes - m_startBytes; }
+
+    /// How many bytes have been read.
+    __int64 getPosition() const { return m_positionBytes - m_startBytes; }
+
+    /// Reads the next `capacityBytes` bytes, fewer only at the end, and returns the count, 0 at the
+    /// end. `isHole` tells that all of them are zeros that are stored nowhere; `buffer` is then not
+    /// touched.
+    int readNext(unsigned char* buffer, int capacityBytes, bool& isHole);
+
+private:
+    void findData();
+    bool isInHole(__int64 endBytes);
+    int readFromFile(unsigned char* buffer, int bytes);
+    int readFromPipe(unsigned char* buffer, int bytes);
+
+    std::string m_path;
+    CancelFlag const* m_cancel;
+    FileDescriptor m_file;
+
+    // Positions in the file; the end is -1 for a pipe.
+    __int64 m_startBytes = 0;
+    __int64 m_endBytes = -1;
+    __int64 m_positionBytes = 0;
+    bool m_mayHaveHoles = false;
+
+    // The next stretch of data at or behind the position, as far as it is known.
+    __int64 m_dataStartBytes = 0;
+    __int64 m_dataEndBytes = 0;
+};
+
+} // namespace kelm::host

@@ -1,0 +1,173 @@
+#include "host/transfer/raw_target.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace kelm::host {
+
+namespace {
+
+constexpr std::size_t kZerosSizeBytes = 65536;
+
+std::string realPath(std::string const& path) {
+    std::unique_ptr<char, decltype(&std::free)> const resolved(::realpath(path.c_str(), nullptr),
+                                                               &std::free);
+    return resolved ? resolved.get() : path;
+}
+
+/// A pipe gets a descriptor of our own, which does not wait, so that no signal is lost while a write
+/// begins; whoever shares standard output sees nothing of that.
+FileDescriptor openStandardOutput() {
+    struct stat status = {};
+    if (::fstat(STDOUT_FILENO, &status) == 0 && S_ISFIFO(status.st_mode)) {
+        constexpr int kFlags = O_WRONLY | O_CLOEXEC | O_NONBLOCK;
+        FileDescriptor pipe = FileDescriptor::own(::open("/proc/self/fd/1", kFlags));
+        if (pipe.isOpen())
+            return pipe;
+    }
+    // Somebody else's pipe, or one without a reader, is left to the first write.
+    return FileDescriptor::borrow(STDOUT_FILENO);
+}
+
+} // namespace
+
+RawTarget::RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel)
+    : m_path(path), m_cancel(cancel) {
+    if (path == "-")
+        m_file = openStandardOutput();
+    else
+        open(overwrite);
+}
+
+void RawTarget::open(bool overwrite) {
+    constexpr mode_t kMode = 0666;
+    constexpr int kFlags = O_WRONLY | O_CLOEXEC;
+    m_file = FileDescriptor::own(::open(m_path.c_str(), kFlags | O_CREAT | O_EXCL, kMode));
+    bool const made = m_file.isOpen();
+    if (!made && errno != EEXIST)
+        throwSystemError("Cannot make the image", m_path);
+    struct stat status = {};
+    if (!made) {
+        bool const replaces = ::stat(m_path.c_str(), &status) != 0 || S_ISREG(status.st_mode) ||
+                              S_ISBLK(status.st_mode) || S_ISDIR(status.st_mode);
+        if (replaces && !overwrite) {
+            errno = EEXIST;
+            throwSystemError("Cannot make the image", m_path);
+        }
+        m_file = S_ISFIFO(status.st_mode) ? openPipeForWriting(m_path, m_cancel)
+                                          : FileDescriptor::own(::open(m_path.c_str(), kFlags));
+        if (!m_file.isOpen())
+            throwSystemError("Cannot make the image", m_path);
+    }
+    if (::fstat(m_file.get(), &status) != 0)
+        throwSystemError("Cannot make the image", m_path);
+    if (S_ISREG(status.st_mode))
+        m_kind = Kind::File;
+    else if (S_ISBLK(status.st_mode))
+        m_kind = Kind::Device;
+    m_realPath = realPath(m_path);
+    m_isOurs = made;
+}
+
+RawTarget::~RawTarget() {
+    if (m_isOurs && !m_finished)
+        ::unlink(m_realPath.c_str());
+}
+
+void RawTarget::beginWriting() {
+    if (m_kind != Kind::File || m_isOurs)
+        return;
+    if (::ftruncate(m_file.get(), 0) != 0)
+        throwSystemError("Cannot write the image", m_path);
+    m_isOurs = true;
+}
+
+void RawTarget::write(unsigned char const* data, int bytes) {
+    if (beginWritingAnywhere())
+        writeAt(m_positionBytes, data, bytes);
+    else
+        writeToPipe(data, bytes);
+    passWritten(bytes);
+}
+
+void RawTarget::writeZeros(__int64 bytes) {
+    beginWriting();
+    if (m_kind == Kind::File) {
+        m_positionBytes += bytes;
+        return;
+    }
+    static constexpr std::array<unsigned char, kZerosSizeBytes> kZeros{};
+    while (bytes > 0) {
+        int const step = static_cast<int>(std::min<__int64>(bytes, kZerosSizeBytes));
+        write(kZeros.data(), step);
+        bytes -= step;
+    }
+}
+
+bool RawTarget::beginWritingAnywhere() {
+    beginWriting();
+    return m_kind != Kind::Pipe;
+}
+
+void RawTarget::writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const {
+    while (bytes > 0) {
+        ssize_t const count =
+            ::pwrite(m_file.get(), data, static_cast<std::size_t>(bytes), positionBytes);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            throwSystemError("Cannot write the image", m_path);
+        positionBytes += count;
+        data += count;
+        bytes -= static_cast<int>(count);
+    }
+}
+
+void RawTarget::passWritten(__int64 bytes) {
+    if (m_kind != Kind::Pipe)
+        m_earlyWriteBack.onWritten(m_file.get(), m_positionBytes, bytes);
+    m_positionBytes += bytes;
+}
+
+void RawTarget::writeToPipe(unsigned char const* data, int bytes) {
+    while (bytes > 0) {
+        waitUntilReady(m_file.get(), POLLOUT, m_cancel);
+        ssize_t const count = ::write(m_file.get(), data, static_cast<std::size_t>(bytes));
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (count < 0)
+            throwSystemError("Cannot write the image", m_path);
+        data += count;
+        bytes -= static_cast<int>(count);
+    }
+}
+
+void RawTarget::syncFolder() const {
+    std::string const folder = m_realPath.substr(0, m_realPath.rfind('/') + 1);
+    FileDescriptor const descriptor =
+        FileDescriptor::own(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // A folder that may be written to but not read cannot be synced.
+    if (descriptor.isOpen() && ::fsync(descriptor.get()) != 0)
+        throwSystemError("Cannot write the image", m_path);
+}
+
+void RawTarget::finish() {
+    beginWriting();
+    if (m_kind == Kind::File && ::ftruncate(m_file.get(), m_positionBytes) != 0)
+        throwSystemError("Cannot write the image", m_path);
+    if (m_kind != Kind::Pipe && ::fdatasync(m_file.get()) != 0)
+        throwSystemError("Cannot write the image", m_path);
+    if (m_kind == Kind::File)
+        syncFolder();
+    m_finished = true;
+}
+
+} // namespace kelm::host

@@ -1,0 +1,272 @@
+#include "host/check/disk_check.h"
+
+#include <gmock/gmock.h>
+
+#include "tests/host/host_fixture.h"
+
+using kelm::host::CancelFlag;
+using kelm::host::CancelledError;
+using kelm::host::checkDisk;
+using kelm::host::WorkOptions;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace test_support {
+namespace {
+
+constexpr std::size_t kSector = 512;
+
+class DiskCheckTest : public HostTest {
+protected:
+    /// The findings, in lines of file and text, in their order.
+    std::vector<std::string> check(std::string const& name = "disk.vmdk", char const* password = "",
+                                   int threads = 3) {
+        std::vector<std::string> findings;
+        WorkOptions options;
+        options.threads = threads;
+        __int64 const count =
+            checkDisk(files.get(), uriOf(name), password, options,
+                      [&](yx::CURI const& file, std::string const& text) {
+                          findings.push_back(file.getName().toStdString() + ": " + text);
+                      });
+        EXPECT_EQ(static_cast<__int64>(findings.size()), count);
+        return findings;
+    }
+
+    void makeDisk(DiskKind const& kind, std::string const& name = "disk.vmdk",
+                  std::string const& parent = "") {
+        std::unique_ptr<SafeDisk> const disk = createSafe(kind, name, parent);
+        writeTo(*disk, 0, mixedContent());
+        writeTo(*disk, 7 * kGrainBytes, pattern(kGrainBytes, 3));
+        disk->flush();
+    }
+
+    Bytes bytesOf(std::string const& name) { return toBytes(files->getFile(uriOf(name))); }
+
+    void putBytes(std::string const& name, Bytes const& bytes) {
+        files->putFile(uriOf(name), toBuffer(bytes));
+    }
+
+    void patch(std::string const& name, std::size_t position, Bytes const& bytes) {
+        Bytes file = bytesOf(name);
+        std::copy(bytes.begin(), bytes.end(), file.begin() + static_cast<std::ptrdiff_t>(position));
+        putBytes(name, file);
+    }
+
+    std::size_t number(std::string const& name, std::size_t position, int bytes) {
+        Bytes const file = bytesOf(name);
+        std::size_t value = 0;
+        for (int i = bytes; i-- > 0;)
+            value = value << 8 | file[position + static_cast<std::size_t>(i)];
+        return value;
+    }
+
+    std::size_t directory(std::string const& name) { return number(name, 56, 8) * kSector; }
+    std::size_t firstTable(std::string const& name) {
+        return number(name, directory(name), 4) * kSector;
+    }
+    std::size_t grain(std::string const& name, std::size_t index) {
+        return number(name, firstTable(name) + index * 4, 4) * kSector;
+    }
+};
+
+TEST_F(DiskCheckTest, FindsNothingWrongInSoundDisksOfEveryKind) {
+    for (DiskKind const& kind : allDiskKinds()) {
+        SCOPED_TRACE(kind.name);
+        std::string const name = std::string(kind.name) + ".vmdk";
+        std::string const child = std::string(kind.name) + "-child.vmdk";
+        makeDisk(kind, name);
+        {
+            std::unique_ptr<SafeDisk> const disk = createSafe(kind, child, name);
+            writeTo(*disk, 5 * kGrainBytes + 1, textPattern(100000, 4));
+            disk->writeZeros(0, kGrainBytes);
+        }
+        for (int const threads : {1, 2, 5})
+            EXPECT_THAT(check(child, kind.password, threads), IsEmpty());
+    }
+}
+
+TEST_F(DiskCheckTest, ReadsDisksThatEndWithinAGrain) {
+    makeDisk({}, "parent.vmdk");
+    for (bool const compressed : {false, true}) {
+        putShortChild(compressed);
+        // The extent has whole grains; that the disk takes less of it is told, and nothing else.
+        EXPECT_THAT(check("child.vmdk"),
+                    ElementsAre("child-s00000.vmdk: the header has a capacity of 384 sectors, the "
+                                "descriptor says 300"));
+    }
+}
+
+TEST_F(DiskCheckTest, TellsBrokenGrainsInTheirOrder) {
+    makeDisk({.compressed = true});
+    // The data, the size of the data, the data.
+    patch("disk.vmdk", grain("disk.vmdk", 0) + 12, Bytes(8, 0xFF));
+    patch("disk.vmdk", grain("disk.vmdk", 1) + 8, Bytes{0xFF, 0xFF, 0xFF, 0x7F});
+    patch("disk.vmdk", grain("disk.vmdk", 7) + 12, Bytes(8, 0xFF));
+    patch("disk.vmdk", grain("disk.vmdk", 10) + 12, Bytes(8, 0xFF));
+    for (int const threads : {1, 4}) {
+        EXPECT_THAT(check("disk.vmdk", "", threads),
+                    ElementsAre("disk.vmdk: the record of grain 1 does not fit its slot",
+                                StartsWith("disk.vmdk: grain 0: "),
+                                "disk.vmdk: grain 1: Error reading compressed data from VMDK. "
+                                "Invalid compressed grain size.",
+                                StartsWith("disk.vmdk: grain 7: "),
+                                StartsWith("disk.vmdk: grain 10: ")));
+    }
+}
+
+TEST_F(DiskCheckTest, TellsOnceThatAnExtentFileIsMissing) {
+    makeDisk({.fileSizeLimit = kSplitLimit});
+    files->deleteFile(uriOf("disk-s00001.vmdk"), false);
+    std::vector<std::string> const findings = check();
+    ASSERT_EQ(2U, findings.size());
+    EXPECT_EQ("disk-s00001.vmdk: the file is missing", findings[0]);
+    EXPECT_THAT(findings[1], StartsWith("disk.vmdk: grains 46 to 91"));
+    EXPECT_THAT(findings[1], testing::HasSubstr(" cannot be looked up: "));
+}
+
+TEST_F(DiskCheckTest, TellsOnceThatTablesCannotBeRead) {
+    // Four tables, of which the third is nowhere.
+    { createSafe({}, "disk.vmdk", "", 4 * 512 * kGrainBytes); }
+    patch("disk.vmdk", directory("disk.vmdk") + 8, Bytes{0xFF, 0xFF, 0xFF, 0x7F});
+    std::vector<std::string> const findings = check();
+    ASSERT_EQ(2U, findings.size()) << testing::PrintToString(findings);
+    EXPECT_EQ("disk.vmdk: grain table 2 lies outside the file", findings[0]);
+    // The library reads tables in runs and does not get behind a bad one.
+    EXPECT_THAT(findings[1], StartsWith("disk.vmdk: grains 1024 to 2047 cannot be looked up: "));
+}
+
+TEST_F(DiskCheckTest, TellsWhatTheExtentsDisagreeIn) {
+    makeDisk({.fileSizeLimit = kSplitLimit});
+    std::string const name = "disk-s00002.vmdk";
+    patch(name, 20, Bytes{64});
+    std::vector<std::string> const findings = check();
+    EXPECT_THAT(findings,
+                testing::Contains("disk-s00002.vmdk: the header has a grain size of 64 sectors, "
+                                  "the disk has one of 128"));
+}
+
+TEST_F(DiskCheckTest, TellsThatAGrainSharesItsPlace) {
+    makeDisk({});
+    Bytes const table = bytesOf("disk.vmdk");
+    auto const at = table.begin() + static_cast<std::ptrdiff_t>(firstTable("disk.vmdk"));
+    patch("disk.vmdk", firstTable("disk.vmdk") + 4, Bytes(at, at + 4));
+    EXPECT_THAT(check(),
+                ElementsAre("disk.vmdk: grain table 0 differs from its redundant copy",
+                            "disk.vmdk: grain 1 shares its place with something else, at sector " +
+                                std::to_string(grain("disk.vmdk", 0) / kSector)));
+}
+
+TEST_F(DiskCheckTest, TellsThatATableSharesItsPlaceAndLeavesItsGrains) {
+    {
+        std::unique_ptr<SafeDisk> const disk =
+            createSafe({}, "disk.vmdk", "", 4 * 512 * kGrainBytes);
+        writeTo(*disk, 0, pattern(3 * kGrainBytes, 1));
+    }
+    Bytes const file = bytesOf("disk.vmdk");
+    auto const entry = file.begin() + static_cast<std::ptrdiff_t>(directory("disk.vmdk"));
+    patch("disk.vmdk", directory("disk.vmdk") + 4, Bytes(entry, entry + 4));
+    EXPECT_THAT(check(),
+                ElementsAre("disk.vmdk: grain table 1 shares its place with something else"));
+}
+
+TEST_F(DiskCheckTest, TellsWhatIsWrongWithTheDirectories) {
+    makeDisk({});
+    Bytes const sound = bytesOf("disk.vmdk");
+    patch("disk.vmdk", 56, Bytes{0xFF, 0xFF, 0, 0});
+    EXPECT_THAT(check(), ElementsAre(StartsWith("disk.vmdk: the disk cannot be opened: ")));
+
+    putBytes("disk.vmdk", sound);
+    patch("disk.vmdk", 48, Bytes{0xFF, 0xFF, 0, 0});
+    EXPECT_THAT(check(), ElementsAre(StartsWith("disk.vmdk: the disk cannot be opened: ")));
+}
+
+TEST_F(DiskCheckTest, TellsWhatIsWrongWithTheDirectoriesOfAFurtherExtent) {
+    makeDisk({.fileSizeLimit = kSplitLimit});
+    patch("disk-s00001.vmdk", 56, Bytes{0xFF, 0xFF, 0, 0});
+    EXPECT_THAT(check(), ElementsAre("disk-s00001.vmdk: the grain directory lies outside the file",
+                                     testing::AllOf(StartsWith("disk.vmdk: grains "),
+                                                    testing::HasSubstr(" cannot be looked up: "))));
+    // A capacity whose tables no memory could hold.
+    patch("disk-s00001.vmdk", 12, Bytes{0, 0, 0, 0, 0, 0, 0x10, 0});
+    std::vector<std::string> const findings = check();
+    ASSERT_FALSE(findings.empty());
+    EXPECT_THAT(findings[0], StartsWith("disk-s00001.vmdk: the header has a capacity of "));
+    EXPECT_EQ("disk-s00001.vmdk: the file is too short for the tables of 35184372088832 grains",
+              findings[1]);
+}
+
+TEST_F(DiskCheckTest, AHeaderThatIsGoneIsAFinding) {
+    makeDisk({.fileSizeLimit = kSplitLimit});
+    patch("disk-s00001.vmdk", 0, Bytes(4, 0));
+    EXPECT_THAT(check(), ElementsAre("disk-s00001.vmdk: Invalid magic number in VMDK sparse header",
+                                     testing::AllOf(StartsWith("disk.vmdk: grains "),
+                                                    testing::HasSubstr(" cannot be looked up: "))));
+    putBytes("disk-s00001.vmdk", {});
+    EXPECT_EQ(2U, check().size());
+}
+
+TEST_F(DiskCheckTest, ChecksTheParentsToo) {
+    makeDisk({.compressed = true}, "one.vmdk");
+    makeDisk({.compressed = true}, "two.vmdk", "one.vmdk");
+    { createSafe({.compressed = true}, "three.vmdk", "two.vmdk"); }
+    patch("one.vmdk", grain("one.vmdk", 7) + 12, Bytes(8, 0xFF));
+    EXPECT_THAT(check("three.vmdk"), ElementsAre(StartsWith("one.vmdk: grain 7: ")));
+
+    files->deleteFile(uriOf("one.vmdk"), false);
+    EXPECT_THAT(check("three.vmdk"), ElementsAre("one.vmdk: the parent does not exist"));
+}
+
+TEST_F(DiskCheckTest, TellsThatAChainLeadsBack) {
+    makeDisk({}, "one.vmdk");
+    makeDisk({}, "two.vmdk", "one.vmdk");
+    {
+        std::unique_ptr<SafeDisk> const one = openSafe("one.vmdk");
+        one->getDisk().getDescriptor()->setParentContentID(
+            openSafe("two.vmdk", kReadOnly)->getDisk().getDescriptor()->getContentID());
+        one->getDisk().changeParentRelPath("two.vmdk");
+    }
+    std::vector<std::string> const findings = check("two.vmdk");
+    ASSERT_EQ(1U, findings.size()) << testing::PrintToString(findings);
+    EXPECT_EQ("one.vmdk: the chain of parents leads back to mem:///disks/two.vmdk", findings[0]);
+}
+
+TEST_F(DiskCheckTest, WhatTheCallerIsToBlameForIsNoFinding) {
+    makeDisk({.password = "secret"});
+    EXPECT_THROW(check(), yx::CError);
+    EXPECT_THROW(check("disk.vmdk", "wrong"), yx::CError);
+    EXPECT_THAT(check("disk.vmdk", "secret"), IsEmpty());
+    EXPECT_THROW(check("none.vmdk"), yx::CIOError);
+    std::unique_ptr<SafeDisk> const user = openSafe("disk.vmdk", kReadWrite, "secret");
+    EXPECT_THROW(check("disk.vmdk", "secret"), yx::CLockFileError);
+}
+
+TEST_F(DiskCheckTest, StopsWhenItIsTold) {
+    makeDisk({.compressed = true});
+    CancelFlag flag;
+    flag.set();
+    WorkOptions options;
+    options.cancel = &flag;
+    EXPECT_THROW(checkDisk(files.get(), uriOf("disk.vmdk"), "", options,
+                           [](yx::CURI const&, std::string const&) {}),
+                 CancelledError);
+}
+
+TEST_F(DiskCheckTest, PassesOnWhatTheReportThrows) {
+    makeDisk({.compressed = true});
+    patch("disk.vmdk", grain("disk.vmdk", 0) + 12, Bytes(8, 0xFF));
+    patch("disk.vmdk", grain("disk.vmdk", 7) + 12, Bytes(8, 0xFF));
+    int calls = 0;
+    EXPECT_TRUE(throwsIOError(yx::CIOError::NoSpace, "full", {}, [&] {
+        checkDisk(files.get(), uriOf("disk.vmdk"), "", {},
+                  [&](yx::CURI const&, std::string const&) {
+                      ++calls;
+                      throw yx::CIOError(yx::CIOError::NoSpace, "full", yx::CProps(), nullptr);
+                  });
+    }));
+    EXPECT_EQ(1, calls);
+}
+
+} // namespace
+} // namespace test_support

@@ -1,0 +1,158 @@
+#include "host/store/file_names.h"
+
+#include <fstream>
+
+#include <unistd.h>
+
+#include "kelm/format/file_reference.h"
+#include "tests/host/host_fixture.h"
+
+namespace test_support {
+namespace {
+
+using kelm::host::displayName;
+using kelm::host::makeFileReference;
+using kelm::host::uriFromArgument;
+
+class FileNames : public HostTest {
+protected:
+    FileNames() {
+        std::filesystem::create_directories(folder.path() / "real/deep");
+        std::ofstream(folder.path() / "real/a b.vmdk") << "x";
+        std::filesystem::create_directory_symlink("real/deep", folder.path() / "link");
+        std::filesystem::create_symlink("real/a b.vmdk", folder.path() / "alias.vmdk");
+        std::filesystem::create_symlink("nowhere", folder.path() / "dangling.vmdk");
+    }
+
+    void expectPath(std::string const& expected, std::string const& argument) {
+        EXPECT_EQ(toURI(folder.path() / expected), uriFromArgument(argument)) << argument;
+    }
+};
+
+TEST_F(FileNames, EverySpellingOfAFileGivesOneURI) {
+    for (std::string const& argument :
+         {pathOf("real/a b.vmdk"), pathOf("alias.vmdk"), pathOf("real/./deep/../a b.vmdk"),
+          pathOf("link/../a b.vmdk"), folder.path().string() + "//real//a b.vmdk",
+          "file://" + pathOf("real/a%20b.vmdk"), "file:" + pathOf("alias.vmdk")})
+        expectPath("real/a b.vmdk", argument);
+}
+
+TEST_F(FileNames, NewFileIsNamedByItsRealFolder) {
+    expectPath("real/deep/new.vmdk", pathOf("link/new.vmdk"));
+    expectPath("real/new.vmdk", pathOf("link/../new.vmdk"));
+    expectPath("real/50%.vmdk", pathOf("real/50%.vmdk"));
+}
+
+TEST_F(FileNames, RelativePathsStartInTheCurrentFolder) {
+    std::filesystem::path const before = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path() / "link");
+    expectPath("real/deep/new.vmdk", "new.vmdk");
+    expectPath("real/a b.vmdk", "../a b.vmdk");
+    std::filesystem::current_path(before);
+}
+
+TEST_F(FileNames, RefusesWhatIsNowhere) {
+    std::string const base = "file://" + folder.path().string();
+    for (std::string const name : {"none/a.vmdk", "dangling.vmdk", "none/.."})
+        EXPECT_TRUE(throwsIOError(yx::CIOError::NotFound, "No such file or directory",
+                                  {{"uri", base + "/" + name}},
+                                  [&] { uriFromArgument(pathOf(name)); }))
+            << name;
+    EXPECT_THROW(uriFromArgument(""), yx::CIOError);
+    EXPECT_THROW(uriFromArgument("file://elsewhere/a.vmdk"), yx::CIOError);
+    EXPECT_TRUE(throwsIOError(yx::CIOError::NotSupported, "A file name is not valid UTF-8.",
+                              {{"name", "a\xC3\xBF.vmdk"}}, [] { uriFromArgument("a\xFF.vmdk"); }));
+}
+
+TEST_F(FileNames, AreShownAsPeopleWriteThem) {
+    EXPECT_EQ("/disks/a b%.vmdk", displayName(toURI("/disks/a b%.vmdk")));
+    EXPECT_EQ("mem:///disks/a%20b.vmdk", displayName(yx::CURI("mem:///disks/a b.vmdk")));
+}
+
+TEST_F(FileNames, ReferencesAreRelativePaths) {
+    struct Case {
+        char const* folder;
+        char const* file;
+        char const* reference;
+    };
+    for (Case const& c : {
+             Case{"/disks/", "/disks/a.vmdk", "a.vmdk"},
+             Case{"/disks", "/disks/sub/a b.vmdk", "sub/a b.vmdk"},
+             Case{"/disks/monday/", "/disks/sunday/a.vmdk", "../sunday/a.vmdk"},
+             Case{"/a/b/c", "/a.vmdk", "../../../a.vmdk"},
+             Case{"/disks/a.vmdk/", "/disks/a.vmdk", "../a.vmdk"},
+         })
+        EXPECT_EQ(c.reference, makeFileReference(toURI(c.folder), toURI(c.file)).toStdString())
+            << c.file;
+}
+
+TEST_F(FileNames, ReferencesLeadBackToTheFile) {
+    yx::CURI const from = toURI("/disks/monday");
+    for (char const* const name : {"a.vmdk",
+                                   "a b.vmdk",
+                                   "a:b.vmdk",
+                                   "C:a.vmdk",
+                                   "C:/a.vmdk",
+                                   "sub/a:b.vmdk",
+                                   "a\\b.vmdk",
+                                   "50%25.vmdk",
+                                   "a\"b.vmdk",
+                                   "a#b?.vmdk",
+                                   " a.vmdk ",
+                                   "~a.vmdk",
+                                   "\xC3\xA4\xE2\x82\xAC.vmdk",
+                                   "file:a.vmdk",
+                                   "..a.vmdk",
+                                   "a\nb.vmdk",
+                                   "-",
+                                   "sub/ /a.vmdk",
+                                   "a:5%.vmdk",
+                                   "a:b\\w%zz.vmdk"}) {
+        for (char const* const place : {"/disks/monday/", "/disks/", "/other/place/"}) {
+            yx::CURI const file = toURI(std::string(place) + name);
+            yx::String const reference = makeFileReference(from, file);
+            EXPECT_EQ(file.toNormalized(), kelm::vmdkFileReferenceToURI(from, reference))
+                << reference;
+            EXPECT_EQ(wxString::npos, reference.wx().find_first_of("\"\n")) << reference;
+        }
+    }
+}
+
+TEST_F(FileNames, ReferencesSurviveTheDescriptor) {
+    for (char const* const name :
+         {"a b.vmdk", " blank.vmdk", "blank.vmdk ", "50%25.vmdk", "\xC3\xA4.vmdk"}) {
+        SCOPED_TRACE(name);
+        files = yx::makeObject<yx::CMemoryFileSystem>();
+        yx::P<FileGuard> const guard = makeGuard();
+        NewDisk request;
+        request.sizeBytes = kSmallestDiskBytes;
+        request.parent = yx::CURI("mem:///disks/sub/") << yx::String::fromUTF8(name);
+        NewDisk parentRequest;
+        parentRequest.sizeBytes = kSmallestDiskBytes;
+        writeTo(*SafeDisk::create(guard.get(), request.parent, parentRequest), 0, pattern(100, 1));
+        SafeDisk::create(guard.get(), uriOf("child.vmdk"), request);
+        EXPECT_TRUE(sameBytes(pattern(100, 1), slice(contentAfterReopening("child.vmdk"), 0, 100)));
+    }
+}
+
+TEST_F(FileNames, DiskThatCouldNotNameItsOwnFilesIsRefused) {
+    for (char const* const name :
+         {"a:b.vmdk", "a:5%.vmdk", "a\\b.vmdk", "q\"q.vmdk", "n\nn.vmdk"}) {
+        SCOPED_TRACE(name);
+        yx::CURI const uri = yx::CURI("mem:///disks/") << yx::String(name);
+        EXPECT_TRUE(throwsInvalidArg(
+            "SafeDisk::create",
+            "A disk cannot have this name, since its descriptor could not name its files.",
+            {{"uri", uri.toString(true).toStdString()}},
+            [&] { SafeDisk::create(makeGuard().get(), uri, NewDisk()); }));
+    }
+    EXPECT_TRUE(fileNames().empty());
+}
+
+TEST_F(FileNames, OtherFileSystemIsNamedInFull) {
+    EXPECT_EQ("file:///disks/a.vmdk",
+              makeFileReference(yx::CURI("mem:///disks/"), toURI("/disks/a.vmdk")).toStdString());
+}
+
+} // namespace
+} // namespace test_support

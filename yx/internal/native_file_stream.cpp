@@ -1,0 +1,284 @@
+#include "yx/internal/native_file_stream.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <limits>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "yx/internal/file_error.h"
+#include "yx/internal/stream_error.h"
+#include "yx/log.h"
+
+namespace yx {
+
+namespace {
+
+using detail::FileAction;
+
+constexpr __int64 kMaxLengthBytes = std::numeric_limits<off_t>::max();
+static_assert(kMaxLengthBytes == std::numeric_limits<__int64>::max(),
+              "positions are checked against that before they come here");
+
+/// Pieces of one call; the system's own limit is at least 1024.
+constexpr std::size_t kMaxPiecesPerCall = 64;
+
+struct stat queryFile(int descriptor, CURI const& uri) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0)
+        throw detail::makeFileError(FileAction::Query, errno, detail::makeUriProps(uri));
+    return status;
+}
+
+/// Sets or frees a lock of the open file; 0 or the `errno` value.
+int setRangeLock(int descriptor, short type, __int64 position, __int64 length) {
+    struct flock range {};
+    range.l_type = type;
+    range.l_whence = SEEK_SET;
+    range.l_start = position;
+    range.l_len = length;
+    while (::fcntl(descriptor, F_OFD_SETLK, &range) != 0) {
+        if (errno != EINTR)
+            return errno;
+    }
+    return 0;
+}
+
+/// Keeps the open file, since its locks end with it.
+class CNativeRangeLock : public CBase, public virtual IStreamLock {
+public:
+    CNativeRangeLock(std::shared_ptr<detail::FileDescriptor> descriptor, __int64 position,
+                     __int64 length)
+        : m_descriptor(std::move(descriptor)), m_position(position), m_length(length) {}
+    CNativeRangeLock(CNativeRangeLock const&) = delete;
+    CNativeRangeLock& operator=(CNativeRangeLock const&) = delete;
+
+    /// A child process that shares the open file does not keep the lock.
+    ~CNativeRangeLock() override {
+        setRangeLock(m_descriptor->get(), F_UNLCK, m_position, m_length);
+    }
+
+private:
+    std::shared_ptr<detail::FileDescriptor> m_descriptor;
+    __int64 m_position;
+    __int64 m_length;
+};
+
+/// The pieces of a gathering write that are still to be written.
+class RemainingPieces {
+public:
+    RemainingPieces(IGatherOutStream::Piece const* pieces, int count)
+        : m_piece(pieces), m_end(pieces + count) {}
+
+    bool isEmpty() const { return m_piece == m_end; }
+
+    /// Describes as many pieces as fit into `vectors`; returns their number.
+    int describe(std::array<iovec, kMaxPiecesPerCall>& vectors) const {
+        std::size_t count = 0;
+        std::size_t skipped = m_doneOfPiece;
+        for (auto const* piece = m_piece; piece != m_end && count < vectors.size(); ++piece) {
+            auto* const data = static_cast<unsigned char*>(const_cast<void*>(piece->data));
+            vectors[count++] = {data + skipped,
+                                static_cast<std::size_t>(piece->sizeBytes) - skipped};
+            skipped = 0;
+        }
+        return static_cast<int>(count);
+    }
+
+    void advance(std::size_t writtenBytes) {
+        m_doneOfPiece += writtenBytes;
+        while (m_piece != m_end && m_doneOfPiece >= static_cast<std::size_t>(m_piece->sizeBytes)) {
+            m_doneOfPiece -= static_cast<std::size_t>(m_piece->sizeBytes);
+            ++m_piece;
+        }
+    }
+
+private:
+    IGatherOutStream::Piece const* m_piece;
+    IGatherOutStream::Piece const* m_end;
+    std::size_t m_doneOfPiece = 0;
+};
+
+/// Whether a failed sync of a folder only tells that folders cannot be synced there.
+bool isSyncUnsupported(int errorNumber) {
+    return errorNumber == EINVAL || errorNumber == ENOTSUP || errorNumber == ENOSYS;
+}
+
+} // namespace
+
+CNativeFileStream::CNativeFileStream(std::shared_ptr<detail::FileDescriptor> descriptor,
+                                     CURI const& uri, std::string path, Access access,
+                                     NativeFlush flush)
+    : CFileStream("CNativeFileStream", uri, access),
+      m_descriptor(std::move(descriptor)),
+      m_path(std::move(path)) {
+    struct stat const status = queryFile(m_descriptor->get(), uri);
+    bool const isFile = S_ISREG(status.st_mode);
+    m_neverSyncs = flush == NativeFlush::ToSystem || (!isFile && !S_ISBLK(status.st_mode));
+    m_folderNeedsSync = isFile;
+    // An empty file may be a new one, whose entry is to become durable without any write.
+    m_contentNeedsSync = access == ReadWrite && isFile && status.st_size == 0;
+}
+
+CNativeFileStream::~CNativeFileStream() {
+    try {
+        CNativeFileStream::close();
+    } catch (std::exception& error) {
+        onExceptionInDestructorIgnored("yx::CNativeFileStream", error, true);
+    }
+}
+
+__int64 CNativeFileStream::getLength() const {
+    requireOpen();
+    struct stat const status = queryFile(m_descriptor->get(), uri());
+    if (!S_ISBLK(status.st_mode))
+        return status.st_size;
+    off_t const size = ::lseek(m_descriptor->get(), 0, SEEK_END);
+    if (size < 0)
+        throw detail::makeFileError(FileAction::Query, errno, detail::makeUriProps(uri()));
+    return size;
+}
+
+P<IStreamLock> CNativeFileStream::lockAt(__int64 position, __int64 length, bool exclusive) {
+    int const error =
+        setRangeLock(m_descriptor->get(), exclusive ? F_WRLCK : F_RDLCK, position, length);
+    if (error == EAGAIN || error == EACCES)
+        detail::throwRangeLocked(uri(), position, length);
+    if (error != 0) {
+        // The one thing that can be invalid here is the command, on a system too old for it.
+        throw detail::makeFileError(FileAction::Lock, error == EINVAL ? ENOTSUP : error,
+                                    detail::makeRangeProps(uri(), position, "length", length));
+    }
+    return makeObject<CNativeRangeLock>(m_descriptor, position, length);
+}
+
+void CNativeFileStream::close() {
+    std::shared_ptr<detail::FileDescriptor> const descriptor = std::move(m_descriptor);
+    // A lock may still need the open file, and then ends it.
+    if (!descriptor || descriptor.use_count() > 1)
+        return;
+    if (int const error = descriptor->close(); error != 0)
+        throw detail::makeFileError(FileAction::Close, error, detail::makeUriProps(uri()));
+}
+
+void CNativeFileStream::flush() {
+    requireOpen();
+    if (m_neverSyncs || !isWritable())
+        return;
+    if (m_syncError != 0)
+        throwSyncError();
+    if (!m_contentNeedsSync)
+        return;
+    syncContent();
+    if (m_folderNeedsSync)
+        syncFolder();
+    m_contentNeedsSync = false;
+    m_folderNeedsSync = false;
+}
+
+void CNativeFileStream::setLength(__int64 length) {
+    requireWritable();
+    if (length < 0)
+        detail::throwBadLength(uri(), length);
+    m_contentNeedsSync = true;
+    while (::ftruncate(m_descriptor->get(), length) != 0) {
+        if (errno != EINTR) {
+            throw detail::makeFileError(
+                FileAction::SetLength, errno,
+                detail::makeUriProps(uri()).add("length", toString(length)));
+        }
+    }
+}
+
+void CNativeFileStream::writeAt(__int64 position, Piece const* pieces, int count,
+                                __int64 sizeBytes) {
+    int const descriptor = m_descriptor->get();
+    m_contentNeedsSync = true;
+    RemainingPieces remaining(pieces, count);
+    for (__int64 next = position; !remaining.isEmpty();) {
+        std::array<iovec, kMaxPiecesPerCall> vectors;
+        int const vectorCount = remaining.describe(vectors);
+        ssize_t const written = ::pwritev(descriptor, vectors.data(), vectorCount, next);
+        if (written > 0) {
+            remaining.advance(static_cast<std::size_t>(written));
+            next += written;
+        } else if (written == 0 || errno != EINTR) {
+            // No progress without a reason would repeat itself for ever.
+            throw detail::makeFileError(
+                FileAction::Write, written == 0 ? EIO : errno,
+                detail::makeRangeProps(uri(), position, "bytesToWrite", sizeBytes));
+        }
+    }
+    if (!m_neverSyncs)
+        m_earlyWriteBack.onWritten(descriptor, position, sizeBytes);
+}
+
+int CNativeFileStream::readAt(__int64 position, void* target, int sizeBytes) const {
+    // No file reaches up to the largest number, and the system refuses ranges that pass it.
+    auto const wanted = static_cast<int>(std::min<__int64>(sizeBytes, kMaxLengthBytes - position));
+    int done = 0;
+    while (done < wanted) {
+        ssize_t const count =
+            ::pread(m_descriptor->get(), static_cast<unsigned char*>(target) + done,
+                    static_cast<std::size_t>(wanted - done), position + done);
+        if (count == 0)
+            break;
+        if (count > 0)
+            done += static_cast<int>(count);
+        else if (errno != EINTR)
+            throw detail::makeFileError(
+                FileAction::Read, errno,
+                detail::makeRangeProps(uri(), position, "bytesToRead", sizeBytes));
+    }
+    return done;
+}
+
+void CNativeFileStream::syncContent() {
+    while (::fdatasync(m_descriptor->get()) != 0) {
+        if (errno != EINTR) {
+            m_syncError = errno;
+            throwSyncError();
+        }
+    }
+}
+
+void CNativeFileStream::syncFolder() {
+    std::error_code error;
+    std::filesystem::path const path = std::filesystem::canonical(m_path, error);
+    if (error == std::errc::no_such_file_or_directory)
+        return; // It was deleted or moved away: no entry of that name is left to keep.
+    if (error)
+        throw detail::makeFileError(FileAction::Flush, error.value(), detail::makeUriProps(uri()));
+
+    detail::FileDescriptor const folder(
+        detail::openDescriptor(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY));
+    if (folder.get() == -EACCES) {
+        // A folder may let its files be written but not itself be read; only this is left then.
+        if (::syncfs(m_descriptor->get()) == 0)
+            return;
+        m_syncError = errno;
+        throwSyncError();
+    }
+    if (folder.get() < 0)
+        throw detail::makeFileError(FileAction::Flush, -folder.get(), detail::makeUriProps(uri()));
+    while (::fsync(folder.get()) != 0) {
+        if (errno == EINTR)
+            continue;
+        if (isSyncUnsupported(errno))
+            return;
+        m_syncError = errno;
+        throwSyncError();
+    }
+}
+
+void CNativeFileStream::throwSyncError() const {
+    throw detail::makeFileError(FileAction::Flush, m_syncError, detail::makeUriProps(uri()));
+}
+
+} // namespace yx
