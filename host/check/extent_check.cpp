@@ -125,10 +125,23 @@ private:
         m_grainCount =
             (static_cast<__int64>(capacity) + m_grainSizeSectors - 1) / m_grainSizeSectors;
         m_compressed = (m_header.getFlags() & kFlagCompressed) != 0;
+        checkCompression();
         compareWithDisk();
         if (m_header.getUncleanShutdown())
             find("the header says that the disk was not closed");
         return true;
+    }
+
+    /// The library goes by the flags alone; other software may go by the field.
+    void checkCompression() {
+        unsigned short const algorithm = m_header.getCompressAlgorithm();
+        if (algorithm != kCompressAlgorithmNone && algorithm != kCompressAlgorithmDeflate)
+            find("the header names an unknown compression: " + std::to_string(algorithm));
+        else if (m_compressed && algorithm == kCompressAlgorithmNone)
+            find("the header names no compression, its flags say that grains are compressed");
+        else if (!m_compressed && algorithm == kCompressAlgorithmDeflate)
+            find("the header names the compression deflate, its flags say that grains are not "
+                 "compressed");
     }
 
     void compareWithDisk() {

@@ -207,6 +207,34 @@ TEST_F(DiskCheckTest, AHeaderThatIsGoneIsAFinding) {
     EXPECT_EQ(2U, check().size());
 }
 
+TEST_F(DiskCheckTest, FindsACompressionFieldThatIsUnknownOrContradictsTheFlags) {
+    struct Case {
+        bool compressed;
+        Bytes field;
+        char const* finding;
+    };
+    Case const cases[] = {
+        {false, Bytes{1, 0},
+         "disk.vmdk: the header names the compression deflate, its flags say that grains are not "
+         "compressed"},
+        {false, Bytes{2, 0}, "disk.vmdk: the header names an unknown compression: 2"},
+        {true, Bytes{0, 0},
+         "disk.vmdk: the header names no compression, its flags say that grains are compressed"},
+        {true, Bytes{0x34, 0x12}, "disk.vmdk: the header names an unknown compression: 4660"},
+    };
+    constexpr std::size_t kCompressionPosition = 77;
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.finding);
+        files = yx::makeObject<yx::CMemoryFileSystem>();
+        makeDisk({.compressed = c.compressed});
+        patch("disk.vmdk", kCompressionPosition, c.field);
+        if (c.compressed)
+            patch("disk.vmdk", bytesOf("disk.vmdk").size() - 2 * kSector + kCompressionPosition,
+                  c.field);
+        EXPECT_THAT(check(), ElementsAre(c.finding));
+    }
+}
+
 TEST_F(DiskCheckTest, ChecksTheParentsToo) {
     makeDisk({.compressed = true}, "one.vmdk");
     makeDisk({.compressed = true}, "two.vmdk", "one.vmdk");
