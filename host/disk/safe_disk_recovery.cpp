@@ -3,6 +3,7 @@
 
 #include "host/disk/safe_disk.h"
 #include "host/disk/slot_repair.h"
+#include "host/disk/trail_repair.h"
 #include "kelm/format/constants.h"
 #include "yx/log.h"
 #include "yx/memory_file_system.h"
@@ -80,6 +81,8 @@ bool SafeDisk::isUnfinished(DiskExtent const& extent) {
 void SafeDisk::repairSlotsOf(DiskExtent const& extent) {
     yx::P<yx::IIOStream> const stream =
         openVMDKFileStream(m_fileSystem.get(), extent.uri, yx::IIOStream::ReadWrite);
+    if (repairTrail(*stream))
+        yx::logWarning("Repaired the end of the extent file '" + extent.uri.toString(true) + "'.");
     ExtentPlace place;
     place.startGrainIndex = extent.startBytes / getGrainSizeBytes();
     __int64 const count = repairSlots(*stream, place);
