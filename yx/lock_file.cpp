@@ -43,7 +43,7 @@ CLockFile::CLockFile(IFileSystem* fileSystem, CURI const& uri, LockType type, bo
     } catch (CLockFileError const&) {
         throw;
     } catch (CError const& error) {
-        throw CLockFileError("Cannot take the lock file: " + error.getMessage(),
+        throw CLockFileError(kLockNotTakenMessagePrefix + error.getMessage(),
                              detail::makeUriProps(m_uri), &error);
     }
 }

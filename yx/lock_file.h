@@ -11,6 +11,11 @@ namespace detail {
 class OpenLockFile;
 }
 
+/// How the message begins where nobody holds the lock but its file cannot be made, opened or locked.
+/// Behind it stands the message of the cause. No code of the error says it, so callers compare with
+/// this.
+inline constexpr char kLockNotTakenMessagePrefix[] = "Cannot take the lock file: ";
+
 /// Holds a lock file for as long as it lives.
 ///
 /// The lock belongs to the open file and vanishes with its process, so a crash leaves nothing that
@@ -36,7 +41,7 @@ public:
     /// - "The disk is in use: its lock file is held by another program or another open disk."
     /// - "The lock file does not exist.", if `createFile` is false.
     /// - "The lock file is being removed by another program.", if that takes half a second.
-    /// - "Cannot take the lock file: " and the message of the cause, if the file cannot be made,
+    /// - `kLockNotTakenMessagePrefix` and the message of the cause, if the file cannot be made,
     ///   opened for writing or locked; each type needs all of that.
     ///
     /// The cause is the file system's own error, where there is one. `keepFile` leaves the file in

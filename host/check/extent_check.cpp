@@ -124,7 +124,7 @@ private:
         m_grainSizeSectors = static_cast<__int64>(grainSize);
         m_grainCount =
             (static_cast<__int64>(capacity) + m_grainSizeSectors - 1) / m_grainSizeSectors;
-        m_compressed = (m_header.getFlags() & kFlagCompressed) != 0;
+        m_compressed = m_header.isCompressed();
         checkCompression();
         compareWithDisk();
         if (m_header.getUncleanShutdown())

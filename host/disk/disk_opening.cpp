@@ -6,10 +6,6 @@ namespace kelm::host {
 
 namespace {
 
-/// What the error of a lock that nobody holds begins with: its file cannot be made, opened or
-/// locked.
-constexpr char kLockNotTakenPrefix[] = "Cannot take the lock file: ";
-
 yx::CURI lockURIOf(yx::CURI const& uri) {
     return uri.getParent() << (uri.getName() + ".lock");
 }
@@ -25,7 +21,7 @@ yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const&
         return yx::makeObject<yx::CLockFile>(fileSystem, lockURIOf(uri), yx::CLockFile::Shared,
                                              false, true);
     } catch (yx::CLockFileError const& error) {
-        if (!error.getMessage().wx().StartsWith(kLockNotTakenPrefix))
+        if (!error.getMessage().wx().StartsWith(yx::kLockNotTakenMessagePrefix))
             throw;
         return nullptr;
     }

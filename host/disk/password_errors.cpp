@@ -1,15 +1,17 @@
 #include "host/disk/password_errors.h"
 
+#include "kelm/disk/disk.h"
+
 namespace kelm::host {
 
 // The library tells both by their words alone.
 
 bool isPasswordMissing(yx::CError const& error) {
-    return error.getMessage() == "VMDK is encrypted but no password provided";
+    return error.getMessage() == kPasswordMissingMessage;
 }
 
 bool isPasswordWrong(yx::CError const& error) {
-    return error.getMessage() == "Specified VMDK encryption password is not correct.";
+    return error.getMessage() == kPasswordWrongMessage;
 }
 
 } // namespace kelm::host

@@ -8,11 +8,9 @@ namespace kelm::host {
 /// The sectors that a record takes in the file of an extent with this header; `compressedBytes` is
 /// the size that the record itself gives.
 inline __int64 recordSizeSectors(CVMDKSparseExtentHeader const& header, __int64 compressedBytes) {
-    constexpr __int64 kCipherBlockSizeBytes = 16;
-    bool const isEncrypted = header.getEncryptionExtensionEnabled() &&
-                             header.getEncryptionAlgorithm() != kEncryptionAlgorithmNone;
-    __int64 const storedBytes =
-        isEncrypted ? roundUpToMultiple(compressedBytes, kCipherBlockSizeBytes) : compressedBytes;
+    __int64 const storedBytes = header.isEncrypted()
+                                    ? roundUpToMultiple(compressedBytes, kCipherBlockSizeBytes)
+                                    : compressedBytes;
     return roundUpToSectors(kGrainRecordHeaderSizeBytes + storedBytes);
 }
 

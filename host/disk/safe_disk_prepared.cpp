@@ -1,12 +1,10 @@
 #include "host/disk/safe_disk.h"
+#include "kelm/extent/parent_disk_data_provider.h"
 #include "kelm/format/constants.h"
 
 namespace kelm::host {
 
 namespace {
-
-/// How the library tells that a parent's grains cannot be passed on as they are.
-constexpr char kParentIncompatibleMessage[] = "Parent disk is incompatible with diff disk.";
 
 /// A record from an enciphered disk ends with its data. Stored like that, in another enciphered
 /// disk, it would be enciphered without the padding that belongs to a record.

@@ -98,7 +98,7 @@ void SafeDisk::makeExtentFile(yx::IFileSystem* fileSystem, DiskExtent const& ext
     yx::initMemory(zeroBuffer.getData(), 0, static_cast<std::size_t>(zeroBuffer.getUsed()));
     yx::P<CVMDKDescriptor> const descriptor = m_disk->getDescriptor();
     yx::TBuffer<unsigned char> keyHash;
-    if (!descriptor->getYxEncryptionAlgorithm().isEmpty())
+    if (descriptor->isEncrypted())
         keyHash = descriptor->getYxEncryptionKeyHash();
     createEmptyVMDKSparseExtentFile(fileSystem, extent.uri, m_disk->getCompressed(),
                                     (extent.endBytes - extent.startBytes) / getGrainSizeBytes(),

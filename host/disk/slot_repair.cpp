@@ -29,6 +29,8 @@ public:
 
     __int64 run() {
         openDirectory();
+        if (!m_header.isCompressed())
+            return 0;
         m_dataEndSectors = findDataEnd();
         if (isInOrder())
             return 0;
@@ -51,13 +53,8 @@ private:
         yx::CDataInStream in(&m_stream);
         m_header.load(in);
         m_tables = yx::makeObject<CVMDKGrainTableCache>(CVMDKGrainTableCache::kNoLimit);
-        m_directory = yx::makeObject<CVMDKGrainDirectory>(
-            &m_stream, yx::IIOStream::ReadWrite,
-            static_cast<__int64>(m_header.getGrainDirectoryOffsetSectors()),
-            static_cast<__int64>(m_header.getRedundantGrainDirectoryOffsetSectors()),
-            static_cast<__int64>(m_header.getCapacitySectors()),
-            static_cast<__int64>(m_header.getGrainSizeSectors()),
-            static_cast<int>(m_header.getGrainTableEntryCount()), true, m_tables.get());
+        m_directory = yx::makeObject<CVMDKGrainDirectory>(&m_stream, yx::IIOStream::ReadWrite,
+                                                          m_header, m_tables.get());
         m_grainCount = CVMDKGrainDirectory::calcExtentGrainCount(
             static_cast<__int64>(m_header.getCapacitySectors()),
             static_cast<__int64>(m_header.getGrainSizeSectors()));

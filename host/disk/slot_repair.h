@@ -14,8 +14,8 @@ namespace kelm::host {
 ///   old place would overwrite others, is cut down to what lies before them.
 ///
 /// Grains whose records do not fit what is left are damaged otherwise and stay as they are. Returns
-/// how many slots were changed; with any, the changes are on the device. The stream is open for
-/// writing, and nobody else uses the file.
+/// how many slots were changed; with any, the changes are on the device. An extent that is not
+/// compressed has nothing to repair. The stream is open for writing, and nobody else uses the file.
 ///
 /// Takes at most some 36 MiB of memory. The tables are read once where the grains lie in their
 /// order, and else twice more for each 128 GiB of the file.

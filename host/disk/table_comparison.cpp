@@ -140,7 +140,7 @@ private:
             return false;
         m_grainSizeSectors = static_cast<__int64>(grainSize);
         m_capacitySectors = static_cast<__int64>(m_header.getCapacitySectors());
-        m_isCompressed = (m_header.getFlags() & kFlagCompressed) != 0;
+        m_isCompressed = m_header.isCompressed();
         __int64 const grainCount =
             (m_capacitySectors + m_grainSizeSectors - 1) / m_grainSizeSectors;
         m_tableCount = getVMDKTableCount(grainCount);

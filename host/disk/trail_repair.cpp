@@ -47,7 +47,7 @@ bool repairTrail(yx::IIOStream& stream) {
     yx::CDataInStream in(&stream);
     CVMDKSparseExtentHeader header;
     header.load(in);
-    if ((header.getFlags() & kFlagCompressed) == 0)
+    if (!header.isCompressed())
         return false;
     yx::TBuffer<unsigned char> const trail = makeTrail(header);
     __int64 const lengthBytes = stream.getLength();

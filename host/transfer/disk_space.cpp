@@ -33,11 +33,6 @@ public:
     }
 
 private:
-    struct Slots {
-        __int64 grains = 0;
-        __int64 sectors = 0;
-    };
-
     void addExtent(DiskExtent const& extent) {
         yx::P<yx::IIOStream> const stream =
             openVMDKFileStream(m_disk.getFileSystem(), extent.uri, yx::IIOStream::ReadOnly);
@@ -45,10 +40,11 @@ private:
         yx::CDataInStream in(stream.get());
         header.load(in);
         verifySizes(extent.uri, header);
-        Slots const slots = countSlots(*stream, header, extent.startBytes);
+        CVMDKGrainTable::Usage const usage = calcUsage(*stream, header, extent.startBytes);
         CVMDKSpaceInfo space;
-        space.setPayloadSize(slots.grains * toBytes(header.getGrainSizeSectors()));
-        space.setPayloadSizeInFile(slots.sectors * kSectorSizeBytes);
+        space.setPayloadSize(usage.grains * toBytes(header.getGrainSizeSectors()));
+        space.setPayloadSizeInFile(header.isCompressed() ? usage.slotSectors * kSectorSizeBytes
+                                                         : space.getPayloadSize());
         space.setHeaderSize(toBytes(header.getOverheadSectors()));
         space.setDeadSpaceSize(std::max<__int64>(0, stream->getLength() - space.getHeaderSize() -
                                                         space.getPayloadSizeInFile()));
@@ -69,45 +65,26 @@ private:
             refuse("grain size", header.getGrainSizeSectors());
     }
 
-    Slots countSlots(yx::IIOStream& stream, CVMDKSparseExtentHeader const& header,
-                     __int64 startBytes) {
-        auto const capacity = static_cast<__int64>(header.getCapacitySectors());
-        auto const grainSize = static_cast<__int64>(header.getGrainSizeSectors());
+    CVMDKGrainTable::Usage calcUsage(yx::IIOStream& stream, CVMDKSparseExtentHeader const& header,
+                                     __int64 startBytes) {
         auto const entries = static_cast<int>(header.getGrainTableEntryCount());
-        bool const compressed = (header.getFlags() & kFlagCompressed) != 0;
         yx::P<CVMDKGrainTableCache> const cache =
             yx::makeObject<CVMDKGrainTableCache>(kCachedTables);
         yx::P<CVMDKGrainDirectory> const directory = yx::makeObject<CVMDKGrainDirectory>(
-            &stream, yx::IIOStream::ReadOnly,
-            static_cast<__int64>(header.getGrainDirectoryOffsetSectors()),
-            static_cast<__int64>(header.getRedundantGrainDirectoryOffsetSectors()), capacity,
-            grainSize, entries, compressed, cache.get());
-        __int64 const grainCount = CVMDKGrainDirectory::calcExtentGrainCount(capacity, grainSize);
-        Slots slots;
+            &stream, yx::IIOStream::ReadOnly, header, cache.get());
+        __int64 const grainCount = CVMDKGrainDirectory::calcExtentGrainCount(
+            static_cast<__int64>(header.getCapacitySectors()),
+            static_cast<__int64>(header.getGrainSizeSectors()));
+        CVMDKGrainTable::Usage usage;
         for (__int64 first = 0; first < grainCount; first += entries) {
             if (m_cancel)
                 m_cancel->check();
             m_throttle.report(startBytes + first * toBytes(header.getGrainSizeSectors()),
                               m_disk.getSizeBytes());
-            addTable(*directory->getGrainTable(first / entries),
-                     std::min<__int64>(entries, grainCount - first), compressed ? -1 : grainSize,
-                     slots);
+            int const count = static_cast<int>(std::min<__int64>(entries, grainCount - first));
+            usage += directory->getGrainTable(first / entries)->calcUsage(count);
         }
-        return slots;
-    }
-
-    /// `slotSectors` is -1 where each grain has its own.
-    static void addTable(CVMDKGrainTable& table, __int64 grains, __int64 slotSectors,
-                         Slots& slots) {
-        for (__int64 index = 0; index < grains; ++index) {
-            __int64 position = 0;
-            __int64 ownSlotSectors = 0;
-            table.getGrainInfo(index, position, ownSlotSectors);
-            if (position <= 0)
-                continue;
-            ++slots.grains;
-            slots.sectors += slotSectors == -1 ? ownSlotSectors : slotSectors;
-        }
+        return usage;
     }
 
     /// A number from the file that nothing may have judged yet is cut down to what a file can have.

@@ -18,6 +18,17 @@
 
 namespace kelm {
 
+/// The whole message of the error of an encrypted disk that is opened without a password, and of one
+/// that is opened with a wrong one. No code of an error says it, so hosts compare with these.
+inline constexpr char kPasswordMissingMessage[] = "VMDK is encrypted but no password provided";
+inline constexpr char kPasswordWrongMessage[] =
+    "Specified VMDK encryption password is not correct.";
+
+/// How the message begins with which `CVMDKDisk::create` refuses a file size limit that leaves no
+/// room for a grain. Behind it stands how many bytes it would leave, below 0 perhaps.
+inline constexpr char kFileSizeLimitTooSmallMessagePrefix[] =
+    "Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: ";
+
 /// A whole virtual disk: one positioned byte space, and a run of grains of one size.
 ///
 /// A disk lies in one or more extents, end to end, of which at most one is open at a time. It has

@@ -112,14 +112,14 @@ void CVMDKDisk::unwrapEncryptionKey(yx::String const& password, yx::CProps const
         throw yx::CError(message, "", -1, uriProps, nullptr);
     };
 
-    yx::String const algorithm = m_descriptor->getYxEncryptionAlgorithm();
-    if (algorithm.isEmpty())
+    if (!m_descriptor->isEncrypted())
         return;
+    yx::String const algorithm = m_descriptor->getYxEncryptionAlgorithm();
     if (algorithm != kCipherID)
         fail("Unsupported encryption algorithm used in VMDK: " + algorithm);
     m_cipher = yx::makeObject<krym::CCipher_AES256CBC>();
     if (password.isEmpty())
-        fail("VMDK is encrypted but no password provided");
+        fail(kPasswordMissingMessage);
 
     // One by one: of several keys that are absent, the first is reported.
     yx::String const derivation = m_descriptor->getYxEncryptionKeyDerivationAlgorithm();
@@ -143,7 +143,7 @@ void CVMDKDisk::unwrapEncryptionKey(yx::String const& password, yx::CProps const
         fail("Unsupported key hash algorithm used in VMDK: " + hashAlgorithm);
     m_encryptionKeyHash = m_descriptor->getYxEncryptionKeyHash();
     if (!isHashOfKey(m_encryptionKeyHash, m_encryptionKey))
-        fail("Specified VMDK encryption password is not correct.");
+        fail(kPasswordWrongMessage);
 }
 
 } // namespace kelm

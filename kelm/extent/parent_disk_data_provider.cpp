@@ -99,7 +99,7 @@ void CVMDKParentDiskDataProvider::verifyCompatible(int grainSizeBytes, bool comp
     bool const actualCompressed = m_parentDisk->getCompressed();
     if (actualGrainSize == grainSizeBytes && actualCompressed == compressed)
         return;
-    throw yx::CError("Parent disk is incompatible with diff disk.", "", -1,
+    throw yx::CError(kParentIncompatibleMessage, "", -1,
                      yx::CProps()
                          .add("parentURI", m_parentDiskMainURI.toString(true))
                          .add("childURI", m_childURI.toString(true))

@@ -10,6 +10,10 @@ namespace kelm {
 
 class CVMDKDisk;
 
+/// The whole message of the error with which a parent of another grain size or compression refuses
+/// to hand out prepared grains. No code of the error says it, so hosts compare with this.
+inline constexpr char kParentIncompatibleMessage[] = "Parent disk is incompatible with diff disk.";
+
 /// The parent disk of a child disk as a source of bytes and prepared grains.
 ///
 /// The parent is opened, read-only, at the first request, so a child whose grains are all its own
@@ -51,8 +55,8 @@ public:
     /// What lies behind the parent's end reads as zeros.
     void getData(__int64 position, void* buffer, int bytes) override;
 
-    /// A parent of another grain size or compression is `yx::CError` "Parent disk is incompatible
-    /// with diff disk.". Behind the parent's end this gives a prepared zero grain.
+    /// A parent of another grain size or compression is `yx::CError`
+    /// `kParentIncompatibleMessage`. Behind the parent's end this gives a prepared zero grain.
     void getPreparedGrainData(__int64 position, yx::TBuffer<unsigned char>& data,
                               int grainSizeBytes, bool compressed) override;
 

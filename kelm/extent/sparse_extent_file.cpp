@@ -52,11 +52,8 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(yx::IIOStream* stream, yx::IIOStrea
     verifyVersion();
     readSizesAndFlags();
     verifySizes();
-    m_grainDirectory = yx::makeObject<CVMDKGrainDirectory>(
-        stream, access, static_cast<__int64>(m_header->getGrainDirectoryOffsetSectors()),
-        static_cast<__int64>(m_header->getRedundantGrainDirectoryOffsetSectors()),
-        m_capacitySectors, m_grainSizeSectors,
-        static_cast<int>(m_header->getGrainTableEntryCount()), m_compressed, grainTableCache);
+    m_grainDirectory =
+        yx::makeObject<CVMDKGrainDirectory>(stream, access, *m_header, grainTableCache);
     __int64 const allocationUnitSectors = m_compressed ? 1 : m_grainSizeSectors;
     m_grainAllocator = yx::makeObject<CVMDKGrainAllocator>(
         stream, access, m_grainSizeSectors, allocationUnitSectors, m_grainDirectory.get(),
@@ -78,13 +75,8 @@ yx::CProps CVMDKSparseExtentFile::uriProps() const {
     return uriPropsOf(*m_stream);
 }
 
-bool CVMDKSparseExtentFile::isEnciphered() const {
-    return m_header->getEncryptionExtensionEnabled() &&
-           m_header->getEncryptionAlgorithm() != kEncryptionAlgorithmNone;
-}
-
 void CVMDKSparseExtentFile::verifyCipherAndKey() {
-    if (!isEnciphered()) {
+    if (!m_header->isEncrypted()) {
         if (m_cipher) {
             throw yx::CInvalidArgError(
                 kExtentConstructorName,
@@ -144,7 +136,7 @@ void CVMDKSparseExtentFile::verifyVersion() {
 void CVMDKSparseExtentFile::readSizesAndFlags() {
     m_capacitySectors = static_cast<__int64>(m_header->getCapacitySectors());
     m_grainSizeSectors = static_cast<__int64>(m_header->getGrainSizeSectors());
-    m_compressed = (m_header->getFlags() & kFlagCompressed) != 0;
+    m_compressed = m_header->isCompressed();
     bool const metaMarkers = (m_header->getFlags() & kFlagMetaMarkers) != 0;
     if (m_compressed != metaMarkers) {
         throw yx::CIOError(yx::CIOError::CorruptData,

@@ -96,7 +96,6 @@ protected:
     void verifyHaveWriteAccess();
 
 private:
-    bool isEnciphered() const;
     void verifyCipherAndKey();
     void verifyKeyHash();
     void verifyVersion();

@@ -55,6 +55,9 @@ inline constexpr unsigned short kCompressAlgorithmDeflate = 1;
 inline constexpr unsigned short kEncryptionAlgorithmNone = 0;
 inline constexpr unsigned short kEncryptionAlgorithmAES256CBC = 1;
 
+/// Enciphered data are a whole number of blocks; of the only encryption algorithm, AES.
+inline constexpr int kCipherBlockSizeBytes = 16;
+
 /// Values of the header's encryption key hash algorithm.
 inline constexpr unsigned short kKeyHashAlgorithmSHA256 = 1;
 

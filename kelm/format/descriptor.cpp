@@ -106,6 +106,7 @@ yx::P<CVMDKDescriptorEntry> CVMDKDescriptor::parseLine(std::wstring_view line) {
 }
 
 void CVMDKDescriptor::findHeaderEnd() {
+    m_headerEndIndex = 0;
     for (int i = 0; i < m_entries.getSize(); ++i) {
         if (yx::cast<CVMDKExtentInfo>(m_entries[i]))
             return;
@@ -149,6 +150,20 @@ void CVMDKDescriptor::setValue(yx::String const& key, yx::String const& value, b
         entry->setValue(value);
     else
         addLine(yx::makeObject<CNameValueEntry>(key, value, quoted), inHeader);
+}
+
+bool CVMDKDescriptor::removeValue(yx::String const& key) {
+    if (!hasValue(key))
+        return false;
+    yx::TArray<yx::P<CVMDKDescriptorEntry>> kept;
+    for (auto const& line : m_entries) {
+        auto const entry = yx::cast<CNameValueEntry>(line);
+        if (!entry || !isSameKey(entry->getName().wx(), key.wx()))
+            kept.add(line);
+    }
+    m_entries = std::move(kept);
+    findHeaderEnd();
+    return true;
 }
 
 void CVMDKDescriptor::addGenericLine(yx::String const& line, bool inHeader) {

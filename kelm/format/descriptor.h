@@ -89,6 +89,10 @@ public:
     /// behind the last key and value line before the extent lines if `inHeader`, else at the end.
     void setValue(yx::String const& key, yx::String const& value, bool quoted, bool inHeader);
 
+    /// Removes every line of that key, and answers whether there was one. The other lines keep their
+    /// order, and new ones go where they would in a descriptor read from the text that is left.
+    bool removeValue(yx::String const& key);
+
     /// Adds a line, to be kept verbatim, in the place where `setValue` would put a new key.
     void addGenericLine(yx::String const& line, bool inHeader);
 
@@ -135,6 +139,9 @@ public:
     bool tryGetParentFileNameHint(yx::String& hint) const;
     void setParentFileNameHint(yx::String const& hint);
 
+    /// Makes it absent, as in a disk without parent.
+    void removeParentFileNameHint();
+
     /// "createType", such as "monolithicSparse". Throws "not found".
     yx::String getCreateType() const;
     void setCreateType(yx::String const& type);
@@ -155,6 +162,9 @@ public:
     void setGeometryHeads(__int64 heads);
     __int64 getGeometryCylinders() const;
     void setGeometryCylinders(__int64 cylinders);
+
+    /// Whether the disk is encrypted, which a "yxEncAlg" of any other value than "" says.
+    bool isEncrypted() const { return !getYxEncryptionAlgorithm().isEmpty(); }
 
     /// "yxEncAlg"; "" if the key is absent.
     yx::String getYxEncryptionAlgorithm() const;

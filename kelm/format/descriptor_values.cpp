@@ -73,6 +73,10 @@ void CVMDKDescriptor::setParentFileNameHint(yx::String const& hint) {
     setValue(kParentFileNameHintKey, hint, true, true);
 }
 
+void CVMDKDescriptor::removeParentFileNameHint() {
+    removeValue(kParentFileNameHintKey);
+}
+
 yx::String CVMDKDescriptor::getCreateType() const {
     return getValue(kCreateTypeKey);
 }

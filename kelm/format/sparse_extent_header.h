@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kelm/export.h"
+#include "kelm/format/constants.h"
 #include "yx/data_in_stream.h"
 #include "yx/data_out_stream.h"
 
@@ -46,6 +47,9 @@ public:
     /// Bits: `kFlagNewLineDetectionValid` and its neighbours.
     unsigned int getFlags() const { return m_flags; }
     void setFlags(unsigned int flags) { m_flags = flags; }
+
+    /// Whether the grains in the file are compressed, by the flag for it.
+    bool isCompressed() const { return (m_flags & kFlagCompressed) != 0; }
 
     /// The extent's share of the disk; a whole number of grains.
     unsigned long long getCapacitySectors() const { return m_capacitySectors; }
@@ -98,6 +102,11 @@ public:
     /// Whether the record has the encryption fields, which its magic number tells.
     bool getEncryptionExtensionEnabled() const { return m_encryptionExtensionEnabled; }
     void setEncryptionExtensionEnabled(bool enabled) { m_encryptionExtensionEnabled = enabled; }
+
+    /// Whether the grains in the file are enciphered.
+    bool isEncrypted() const {
+        return m_encryptionExtensionEnabled && m_encryptionAlgorithm != kEncryptionAlgorithmNone;
+    }
 
     /// `kEncryptionAlgorithmNone` or `kEncryptionAlgorithmAES256CBC`. The setter's name is
     /// deliberate: hosts link against it.

@@ -84,6 +84,17 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(yx::IIOStream* stream, yx::IIOStream::A
     readSlotDirectory();
 }
 
+CVMDKGrainDirectory::CVMDKGrainDirectory(yx::IIOStream* stream, yx::IIOStream::Access access,
+                                         CVMDKSparseExtentHeader const& header,
+                                         CVMDKGrainTableCache* grainTableCache)
+    : CVMDKGrainDirectory(stream, access,
+                          static_cast<__int64>(header.getGrainDirectoryOffsetSectors()),
+                          static_cast<__int64>(header.getRedundantGrainDirectoryOffsetSectors()),
+                          static_cast<__int64>(header.getCapacitySectors()),
+                          static_cast<__int64>(header.getGrainSizeSectors()),
+                          static_cast<int>(header.getGrainTableEntryCount()), header.isCompressed(),
+                          grainTableCache) {}
+
 CVMDKGrainDirectory::~CVMDKGrainDirectory() {
     try {
         m_grainTableCache->flushCachedTablesFromDirectoryToStream(this);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kelm/format/sparse_extent_header.h"
 #include "kelm/metadata/grain_table_cache.h"
 
 namespace kelm {
@@ -39,6 +40,11 @@ public:
                         __int64 directoryPosSectors, __int64 redundantDirectoryPosSectors,
                         __int64 capacitySectors, __int64 grainSizeSectors, int entriesPerTable,
                         bool compressed, CVMDKGrainTableCache* grainTableCache);
+
+    /// The directory that the extent's header describes, which has been loaded from `stream`.
+    CVMDKGrainDirectory(yx::IIOStream* stream, yx::IIOStream::Access access,
+                        CVMDKSparseExtentHeader const& header,
+                        CVMDKGrainTableCache* grainTableCache);
 
     /// A copy shares the stream and the cache, where its tables are its own.
     CVMDKGrainDirectory(CVMDKGrainDirectory const&) = default;

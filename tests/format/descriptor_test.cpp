@@ -322,6 +322,53 @@ TEST(Descriptor, NewLinesFollowEachOther) {
                                 "ddb.e2 = \"z\"\n# e3\n# e3\n");
 }
 
+TEST(Descriptor, RemovedKeyTakesAllItsLinesAndNoOtherAlong) {
+    CVMDKDescriptor descriptor =
+        parse("# a=1\nA=2\nb=3\nRW 1 SPARSE \"a=\"\na = 4\nab=5\nddb.a = 6\n");
+    EXPECT_TRUE(descriptor.removeValue("a"));
+    EXPECT_EQ(text(descriptor), "# a=1\nb=3\nRW 1 SPARSE \"a=\"\nab=5\nddb.a = 6\n");
+    EXPECT_FALSE(descriptor.hasValue("a"));
+    EXPECT_TRUE(descriptor.removeValue("DDB.A"));
+    EXPECT_EQ(text(descriptor), "# a=1\nb=3\nRW 1 SPARSE \"a=\"\nab=5\n");
+}
+
+TEST(Descriptor, RemovingAnAbsentKeyChangesNothing) {
+    CVMDKDescriptor descriptor = parse("a=1\n# b=2\n");
+    EXPECT_FALSE(descriptor.removeValue("b"));
+    EXPECT_FALSE(descriptor.removeValue(""));
+    EXPECT_EQ(text(descriptor), "a=1\n# b=2\n");
+    CVMDKDescriptor empty;
+    EXPECT_FALSE(empty.removeValue("a"));
+    EXPECT_EQ(text(empty), "");
+}
+
+TEST(Descriptor, NewHeaderKeysFindTheirPlaceAfterARemoval) {
+    struct Case {
+        std::string_view before;
+        std::string_view after;
+    };
+    for (Case const& each : {
+             Case{"gone=1\nb=2\nRW 1 SPARSE \"x\"\n", "b=2\n<here>\nRW 1 SPARSE \"x\"\n"},
+             Case{"b=2\ngone=1\nRW 1 SPARSE \"x\"\n", "b=2\n<here>\nRW 1 SPARSE \"x\"\n"},
+             Case{"b=2\n# c\ngone=1\nRW 1 SPARSE \"x\"\n", "b=2\n<here>\n# c\nRW 1 SPARSE \"x\"\n"},
+             Case{"b=2\nRW 1 SPARSE \"x\"\ngone=1\n", "b=2\n<here>\nRW 1 SPARSE \"x\"\n"},
+             Case{"# c\ngone=1\n", "<here>\n# c\n"},
+         }) {
+        SCOPED_TRACE(each.before);
+        CVMDKDescriptor descriptor = parse(each.before);
+        EXPECT_TRUE(descriptor.removeValue("gone"));
+        descriptor.addGenericLine("<here>", true);
+        EXPECT_EQ(text(descriptor), each.after);
+    }
+}
+
+TEST(Descriptor, CopyKeepsWhatItsSourceRemoves) {
+    CVMDKDescriptor descriptor = parse("a=1\nb=2\n");
+    CVMDKDescriptor const copy(descriptor);
+    EXPECT_TRUE(descriptor.removeValue("a"));
+    EXPECT_EQ(text(copy), "a=1\nb=2\n");
+}
+
 TEST(Descriptor, NewExtentLineGoesToTheEndAndLeavesTheHeaderAlone) {
     CVMDKDescriptor descriptor = parse("a=1\nRW 1 SPARSE \"f\"\nddb.x = \"1\"\n");
     auto const extent = yx::makeObject<CVMDKExtentInfo>("RW", 7, "FLAT", "g", 3);
@@ -549,6 +596,22 @@ TEST(DescriptorValues, AreWrittenByTheirSetters) {
     EXPECT_FALSE(descriptor.getYxCreateExtentFilesOnDemand());
     EXPECT_EQ(descriptor.getValue("yxcreateextentfilesondemand"), "false");
     EXPECT_EQ(descriptor.getYxEncryptionIV().getUsed(), 0);
+}
+
+TEST(DescriptorValues, ParentFileNameHintCanBeRemoved) {
+    CVMDKDescriptor descriptor = parse("PARENTFILENAMEHINT=\"p.vmdk\"\nCID=1\n");
+    descriptor.removeParentFileNameHint();
+    EXPECT_EQ(text(descriptor), "CID=1\n");
+    descriptor.removeParentFileNameHint();
+    EXPECT_EQ(text(descriptor), "CID=1\n");
+}
+
+TEST(DescriptorValues, AnyEncryptionAlgorithmMeansEncrypted) {
+    EXPECT_FALSE(CVMDKDescriptor().isEncrypted());
+    EXPECT_FALSE(parse("yxEncAlg=\n").isEncrypted());
+    EXPECT_FALSE(parse("yxEncAlg=\"\"\n").isEncrypted());
+    EXPECT_TRUE(parse("yxEncAlg=aes256cbc\n").isEncrypted());
+    EXPECT_TRUE(parse("YXENCALG=\"unknown\"\n").isEncrypted());
 }
 
 TEST(DescriptorValues, AbsentOnesThatHaveADefaultYieldIt) {

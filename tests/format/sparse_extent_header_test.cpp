@@ -356,4 +356,27 @@ TEST(SparseExtentHeader, NoBytesDoWorseThanAnError) {
     }
 }
 
+TEST(SparseExtentHeader, IsEncryptedIfItsExtensionNamesAnAlgorithm) {
+    CVMDKSparseExtentHeader header;
+    EXPECT_FALSE(header.isEncrypted());
+    header.setEncryptionAlgorthm(1);
+    EXPECT_FALSE(header.isEncrypted());
+    header.setEncryptionExtensionEnabled(true);
+    EXPECT_TRUE(header.isEncrypted());
+    header.setEncryptionAlgorthm(77);
+    EXPECT_TRUE(header.isEncrypted());
+    header.setEncryptionAlgorthm(0);
+    EXPECT_FALSE(header.isEncrypted());
+}
+
+TEST(SparseExtentHeader, IsCompressedByItsFlagAlone) {
+    CVMDKSparseExtentHeader header;
+    header.setCompressAlgorithm(1);
+    header.setFlags(0xFFFEFFFF);
+    EXPECT_FALSE(header.isCompressed());
+    header.setCompressAlgorithm(0);
+    header.setFlags(0x00010000);
+    EXPECT_TRUE(header.isCompressed());
+}
+
 } // namespace

@@ -203,6 +203,38 @@ TEST_F(GrainDirectory, ReadsTableRedundantPositionAndSlotSizesOfEachGrain) {
     EXPECT_EQ(infoOf(*directory, 11), (Info{123, 12}));
 }
 
+TEST_F(GrainDirectory, IsWhereTheHeaderSays) {
+    CVMDKSparseExtentHeader header;
+    header.setFlags(kFlagCompressed);
+    header.setGrainDirectoryOffsetSectors(1);
+    header.setRedundantGrainDirectoryOffsetSectors(2);
+    header.setCapacitySectors(96);
+    header.setGrainSizeSectors(8);
+    header.setGrainTableEntryCount(4);
+    stream = yx::makeObject<ScriptedStream>(completeFile().bytes());
+    {
+        auto const directory = yx::makeObject<CVMDKGrainDirectory>(
+            stream.get(), yx::IIOStream::ReadWrite, header, cache.get());
+        EXPECT_TRUE(directory->getHaveSlotSizeInfo());
+        EXPECT_EQ(infoOf(*directory, 11), (Info{123, 12}));
+        EXPECT_THROW(infoOf(*directory, 12), yx::CInvalidArgError);
+        directory->setGrainInfo(11, 124, 13);
+        takeOperations();
+    }
+    EXPECT_EQ(takeOperations(), (Operations{{Kind::Write, 12 * 512, 16},
+                                            {Kind::Write, 22 * 512, 16},
+                                            {Kind::Write, 32 * 512, 8}}));
+
+    // Without its flag, a slot size directory need not be there.
+    stream = yx::makeObject<ScriptedStream>(FileImage(33).put32(1, {10, 11, 12}).bytes());
+    EXPECT_THROW(yx::makeObject<CVMDKGrainDirectory>(stream.get(), yx::IIOStream::ReadOnly, header,
+                                                     cache.get()),
+                 yx::CError);
+    header.setFlags(0);
+    EXPECT_NO_THROW(yx::makeObject<CVMDKGrainDirectory>(stream.get(), yx::IIOStream::ReadOnly,
+                                                        header, cache.get()));
+}
+
 TEST_F(GrainDirectory, WritesEachTableToItsThreePlaces) {
     yx::P<CVMDKGrainDirectory> const directory = openFile(completeFile(), kComplete);
     directory->setGrainInfo(6, 0x01020304, 0x0506);

@@ -13,9 +13,6 @@ namespace kelm::tool {
 
 namespace {
 
-/// How the library begins to tell that the files of a split disk would be too small.
-constexpr char kSplitTooSmallMessage[] = "Internal error: calculated VMDK maxExtentPayloadBytes";
-
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
                                          yx::IIOStream::Access access, yx::String const& password) {
     return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password);
@@ -45,7 +42,7 @@ yx::String usedPassword(Invocation const& invocation, PasswordOptions& passwords
 }
 
 bool isEncrypted(host::SafeDisk& disk) {
-    return !disk.getDisk().getDescriptor()->getYxEncryptionAlgorithm().isEmpty();
+    return disk.getDisk().getDescriptor()->isEncrypted();
 }
 
 std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
@@ -108,7 +105,7 @@ void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request
     } catch (yx::CInvalidArgError const& error) {
         throw UsageError(error.what());
     } catch (yx::CError const& error) {
-        if (!error.getMessage().wx().StartsWith(kSplitTooSmallMessage))
+        if (!error.getMessage().wx().StartsWith(kFileSizeLimitTooSmallMessagePrefix))
             throw;
         throw UsageError("Files of this size have no room for a grain; give a larger --split.");
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "kelm/disk/disk.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/internal/rounding.h"
 #include "yx/error.h"
@@ -76,9 +77,7 @@ ExtentSizing sizeExtents(__int64 sizeBytes, bool compressed, __int64 fileSizeLim
         (budget.bytes - overheadBytes) / kNewDiskGrainSizeBytes * kNewDiskGrainSizeBytes;
     if (maxExtentPayloadBytes < kNewDiskGrainSizeBytes) {
         // Deliberately no bad argument, though a limit that is too small leads here.
-        throw yx::CError("Internal error: calculated VMDK maxExtentPayloadBytes is less than "
-                         "grain size: " +
-                             yx::toString(maxExtentPayloadBytes),
+        throw yx::CError(kFileSizeLimitTooSmallMessagePrefix + yx::toString(maxExtentPayloadBytes),
                          "", -1, yx::CProps(), nullptr);
     }
 

@@ -40,10 +40,10 @@ protected:
     };
     using Slots = std::map<__int64, Slot>;
 
-    SlotRepairTest() {
+    explicit SlotRepairTest(bool compressed = true) {
         yx::TBuffer<unsigned char> zeros(kGrainSizeSectors * kSectorSizeBytes, -1);
         yx::initMemory(zeros.getData(), 0, static_cast<std::size_t>(zeros.getUsed()));
-        kelm::createEmptyVMDKSparseExtentFile(m_files.get(), m_uri, true, kGrainCount,
+        kelm::createEmptyVMDKSparseExtentFile(m_files.get(), m_uri, compressed, kGrainCount,
                                               kGrainSizeSectors, zeros, nullptr, 0, {});
         m_stream = kelm::openVMDKFileStream(m_files.get(), m_uri, yx::IIOStream::ReadWrite);
         yx::CDataInStream in(m_stream.get());
@@ -89,11 +89,8 @@ protected:
 private:
     yx::P<kelm::CVMDKGrainDirectory> openDirectory() {
         return yx::makeObject<kelm::CVMDKGrainDirectory>(
-            m_stream.get(), yx::IIOStream::ReadWrite,
-            static_cast<__int64>(m_header.getGrainDirectoryOffsetSectors()),
-            static_cast<__int64>(m_header.getRedundantGrainDirectoryOffsetSectors()),
-            static_cast<__int64>(m_header.getCapacitySectors()), kGrainSizeSectors,
-            kelm::kGrainTableEntryCount, true, yx::makeObject<kelm::CVMDKGrainTableCache>().get());
+            m_stream.get(), yx::IIOStream::ReadWrite, m_header,
+            yx::makeObject<kelm::CVMDKGrainTableCache>().get());
     }
 
     TempDirectory m_folder;
@@ -102,6 +99,21 @@ private:
     yx::P<yx::IIOStream> m_stream;
     kelm::CVMDKSparseExtentHeader m_header;
 };
+
+/// The same without compression, and so without tables of slot sizes.
+class PlainSlotRepairTest : public SlotRepairTest {
+protected:
+    PlainSlotRepairTest() : SlotRepairTest(false) {}
+};
+
+TEST_F(PlainSlotRepairTest, PlainGrainsHaveNothingToRepair) {
+    setFileSectors(10000);
+    Slots const slots{{0, {9950, kGrainSizeSectors}}, {1, {2000, kGrainSizeSectors}}};
+    put(slots);
+    putRecord(0, 9950, 7);
+    EXPECT_EQ(0, repair());
+    EXPECT_EQ(slots, read());
+}
 
 TEST_F(SlotRepairTest, GrainsInTheirOrderAreLeftAlone) {
     setFileSectors(10000);
