@@ -1,7 +1,7 @@
-# Chooses the coder behind mzu::CMiniZCompressor. Each is one source file behind
-# compressors/internal/mzu_coder.h, and both write the same zlib streams.
+# Chooses the coders behind mzu::CMiniZCompressor: one for all levels, and ISA-L for level 1. Each is
+# one source file behind compressors/internal/mzu_coder.h, and all write zlib streams.
 #
-# Sets KELM_MZU_CODER_SOURCE and KELM_MZU_CODER_LIBRARY.
+# Sets KELM_MZU_SOURCES and KELM_MZU_LIBRARIES, and KELM_MZU_HAS_ISAL.
 
 include_guard(GLOBAL)
 
@@ -20,6 +20,24 @@ else()
 endif()
 
 find_package(${backend} REQUIRED)
-set(KELM_MZU_CODER_SOURCE compressors/internal/mzu_coder_${backend}.cpp)
-set(KELM_MZU_CODER_LIBRARY ${backend}::${backend})
-message(STATUS "minizutil codes with ${backend}")
+set(KELM_MZU_SOURCES compressors/internal/mzu_coder_${backend}.cpp)
+set(KELM_MZU_LIBRARIES ${backend}::${backend})
+
+set(KELM_MZU_HAS_ISAL FALSE)
+if(KELM_MZU_FAST)
+    find_package(isal QUIET)
+    set(KELM_MZU_HAS_ISAL ${isal_FOUND})
+endif()
+if(KELM_MZU_HAS_ISAL)
+    list(APPEND KELM_MZU_SOURCES compressors/internal/mzu_fastest_isal.cpp)
+    list(APPEND KELM_MZU_LIBRARIES isal::isal)
+    message(STATUS "minizutil codes with ${backend}, and level 1 with ISA-L")
+else()
+    list(APPEND KELM_MZU_SOURCES compressors/internal/mzu_fastest_none.cpp)
+    if(KELM_MZU_FAST)
+        set(reason "ISA-L was not found")
+    else()
+        set(reason "KELM_MZU_FAST is off")
+    endif()
+    message(STATUS "minizutil codes with ${backend}; ${reason}, so level 1 is several times slower")
+endif()

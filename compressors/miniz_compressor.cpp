@@ -1,12 +1,28 @@
 #include "compressors/miniz_compressor.h"
 
+#include <cassert>
+
 #include "compressors/internal/mzu_coder.h"
 #include "compressors/internal/single_step.h"
 
 namespace mzu {
 
+namespace {
+
+constexpr int kFastestLevel = 1;
+
+std::unique_ptr<IEncoder> makeEncoderOfLevel(int level) {
+    if (level == kFastestLevel) {
+        if (std::unique_ptr<IEncoder> fastest = makeFastestEncoder())
+            return fastest;
+    }
+    return makeEncoder(level);
+}
+
+} // namespace
+
 CMiniZCompressor::CMiniZCompressor(int level)
-    : m_coder(std::make_unique<CCoder>(single_step::effectiveLevel(level))) {}
+    : m_encoder(makeEncoderOfLevel(single_step::effectiveLevel(level))), m_decoder(makeDecoder()) {}
 
 CMiniZCompressor::~CMiniZCompressor() = default;
 
@@ -16,7 +32,7 @@ yx::String CMiniZCompressor::getInternalDesc() const {
 
 int CMiniZCompressor::getCompressedSizeUpperBound(int sourceSize) const {
     return single_step::sizeUpperBound("CMiniZCompressor::getCompressedSizeUpperBound", sourceSize,
-                                       CCoder::getSizeUpperBound);
+                                       getSizeUpperBound);
 }
 
 int CMiniZCompressor::compressSingleStep(void const* source, int sourceSize, void* target,
@@ -25,8 +41,9 @@ int CMiniZCompressor::compressSingleStep(void const* source, int sourceSize, voi
                                 targetSize);
     unsigned char nothing = 0;
     std::size_t const sizeBytes =
-        m_coder->compress(source ? source : &nothing, static_cast<std::size_t>(sourceSize),
-                          target ? target : &nothing, static_cast<std::size_t>(targetSize));
+        m_encoder->compress(source ? source : &nothing, static_cast<std::size_t>(sourceSize),
+                            target ? target : &nothing, static_cast<std::size_t>(targetSize));
+    assert(sizeBytes <= static_cast<std::size_t>(targetSize));
     return sizeBytes > 0 ? static_cast<int>(sizeBytes) : -1;
 }
 
@@ -36,8 +53,8 @@ int CMiniZCompressor::decompressSingleStep(void const* source, int sourceSize, v
                                 target, targetSize);
     unsigned char nothing = 0;
     DecodeResult const result =
-        m_coder->decompress(source ? source : &nothing, static_cast<std::size_t>(sourceSize),
-                            target ? target : &nothing, static_cast<std::size_t>(targetSize));
+        m_decoder->decompress(source ? source : &nothing, static_cast<std::size_t>(sourceSize),
+                              target ? target : &nothing, static_cast<std::size_t>(targetSize));
     switch (result.status) {
     case DecodeStatus::Ok:
         return static_cast<int>(result.sizeBytes);

@@ -13,74 +13,90 @@ namespace mzu {
 
 namespace {
 
-void setBuffers(mz_stream& stream, void const* source, std::size_t sourceSizeBytes, void* target,
-                std::size_t targetSizeBytes) {
+void setMinizBuffers(mz_stream& stream, void const* source, std::size_t sourceSizeBytes,
+                     void* target, std::size_t targetSizeBytes) {
     stream.next_in = static_cast<unsigned char const*>(source);
     stream.avail_in = static_cast<unsigned int>(sourceSizeBytes);
     stream.next_out = static_cast<unsigned char*>(target);
     stream.avail_out = static_cast<unsigned int>(targetSizeBytes);
 }
 
-} // namespace
-
-struct CCoder::State {
-    State() = default;
-    State(State const&) = delete;
-    State& operator=(State const&) = delete;
-    ~State() {
-        if (hasDeflater)
-            mz_deflateEnd(&deflater);
-        if (hasInflater)
-            mz_inflateEnd(&inflater);
+class CMinizEncoder : public IEncoder {
+public:
+    explicit CMinizEncoder(int level) : m_level(level) {}
+    CMinizEncoder(CMinizEncoder const&) = delete;
+    CMinizEncoder& operator=(CMinizEncoder const&) = delete;
+    ~CMinizEncoder() override {
+        if (m_isReady)
+            mz_deflateEnd(&m_stream);
     }
 
-    mz_stream deflater{};
-    mz_stream inflater{};
-    bool hasDeflater = false;
-    bool hasInflater = false;
+    std::size_t compress(void const* source, std::size_t sourceSizeBytes, void* target,
+                         std::size_t targetSizeBytes) override {
+        if (m_isReady)
+            mz_deflateReset(&m_stream);
+        else if (mz_deflateInit(&m_stream, m_level) == MZ_OK)
+            m_isReady = true;
+        else
+            return 0;
+
+        setMinizBuffers(m_stream, source, sourceSizeBytes, target, targetSizeBytes);
+        if (mz_deflate(&m_stream, MZ_FINISH) != MZ_STREAM_END)
+            return 0;
+        return targetSizeBytes - m_stream.avail_out;
+    }
+
+private:
+    int m_level;
+    mz_stream m_stream{};
+    bool m_isReady = false;
 };
 
-CCoder::CCoder(int level) : m_level(level), m_state(std::make_unique<State>()) {}
+class CMinizDecoder : public IDecoder {
+public:
+    CMinizDecoder() = default;
+    CMinizDecoder(CMinizDecoder const&) = delete;
+    CMinizDecoder& operator=(CMinizDecoder const&) = delete;
+    ~CMinizDecoder() override {
+        if (m_isReady)
+            mz_inflateEnd(&m_stream);
+    }
 
-CCoder::~CCoder() = default;
+    DecodeResult decompress(void const* source, std::size_t sourceSizeBytes, void* target,
+                            std::size_t targetSizeBytes) override {
+        if (m_isReady)
+            mz_inflateReset(&m_stream);
+        else if (mz_inflateInit(&m_stream) == MZ_OK)
+            m_isReady = true;
+        else
+            return {DecodeStatus::NoMemory, 0};
 
-std::size_t CCoder::getSizeUpperBound(std::size_t sourceSizeBytes) {
+        // With MZ_FINISH in the first call miniz takes both buffers as the whole of the data, and
+        // writes straight into the target.
+        setMinizBuffers(m_stream, source, sourceSizeBytes, target, targetSizeBytes);
+        if (mz_inflate(&m_stream, MZ_FINISH) != MZ_STREAM_END)
+            return {DecodeStatus::CorruptData, 0};
+        return {DecodeStatus::Ok, targetSizeBytes - m_stream.avail_out};
+    }
+
+private:
+    mz_stream m_stream{};
+    bool m_isReady = false;
+};
+
+} // namespace
+
+std::unique_ptr<IEncoder> makeEncoder(int level) {
+    return std::make_unique<CMinizEncoder>(level);
+}
+
+std::unique_ptr<IDecoder> makeDecoder() {
+    return std::make_unique<CMinizDecoder>();
+}
+
+std::size_t getSizeUpperBound(std::size_t sourceSizeBytes) {
     static_assert(sizeof(mz_ulong) > sizeof(int), "mz_compressBound multiplies the size by 110");
     return mz_compressBound(static_cast<mz_ulong>(sourceSizeBytes));
-}
-
-std::size_t CCoder::compress(void const* source, std::size_t sourceSizeBytes, void* target,
-                             std::size_t targetSizeBytes) {
-    auto& stream = m_state->deflater;
-    if (m_state->hasDeflater)
-        mz_deflateReset(&stream);
-    else if (mz_deflateInit(&stream, m_level) == MZ_OK)
-        m_state->hasDeflater = true;
-    else
-        return 0;
-
-    setBuffers(stream, source, sourceSizeBytes, target, targetSizeBytes);
-    if (mz_deflate(&stream, MZ_FINISH) != MZ_STREAM_END)
-        return 0;
-    return targetSizeBytes - stream.avail_out;
-}
-
-DecodeResult CCoder::decompress(void const* source, std::size_t sourceSizeBytes, void* target,
-                                std::size_t targetSizeBytes) {
-    auto& stream = m_state->inflater;
-    if (m_state->hasInflater)
-        mz_inflateReset(&stream);
-    else if (mz_inflateInit(&stream) == MZ_OK)
-        m_state->hasInflater = true;
-    else
-        return {DecodeStatus::NoMemory, 0};
-
-    // With MZ_FINISH in the first call miniz takes both buffers as the whole of the data, and
-    // writes straight into the target.
-    setBuffers(stream, source, sourceSizeBytes, target, targetSizeBytes);
-    if (mz_inflate(&stream, MZ_FINISH) != MZ_STREAM_END)
-        return {DecodeStatus::CorruptData, 0};
-    return {DecodeStatus::Ok, targetSizeBytes - stream.avail_out};
 }
 
 } // namespace mzu

@@ -49,7 +49,7 @@ int sizeUpperBound(char const* function, int sourceSizeBytes, GetBound getBound)
     return static_cast<int>(boundBytes);
 }
 
-/// The end of a decompression that failed. A decoder that runs past its target cannot always tell
+/// The end of a decompression that failed. A decoder that runs past its target cannot always know
 /// whether the stream is damaged or the target too small, so there is one message for both.
 [[noreturn]] inline void throwCorruptData(int sourceSizeBytes, int targetSizeBytes) {
     throw yx::CIOError(yx::CIOError::CorruptData,
