@@ -18,6 +18,8 @@ endif()
 if(sanitizers)
     add_compile_options(
         -fsanitize=${sanitizers} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    # Assertions are on wherever a sanitizer is, whatever the build type says before.
+    add_compile_options(-UNDEBUG)
     add_link_options(-fsanitize=${sanitizers})
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
         # GCC sees uses of uninitialised values in code that the sanitizers insert.
