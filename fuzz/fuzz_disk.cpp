@@ -315,13 +315,12 @@ private:
 
     void map() {
         attempt([&] {
-            std::vector<host::GrainRun> const runs = host::mapDisk(*m_disk, {});
             __int64 endBytes = 0;
-            for (host::GrainRun const& run : runs) {
+            host::forEachGrainRun(*m_disk, {}, [&endBytes](host::GrainRun const& run) {
                 require(run.startBytes == endBytes && run.lengthBytes > 0,
                         "the runs of a map follow each other");
                 endBytes = run.endBytes();
-            }
+            });
             require(endBytes == m_disk->getSizeBytes(), "a map covers the disk");
         });
     }

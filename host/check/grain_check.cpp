@@ -3,18 +3,26 @@
 #include <algorithm>
 #include <memory>
 #include <optional>
-#include <queue>
 #include <vector>
 
 #include "host/check/check_errors.h"
-#include "host/system/grain_pipeline.h"
+#include "host/system/worker_pipeline.h"
 #include "kelm/format/constants.h"
 
 namespace kelm::host {
 
 namespace {
 
-using Item = GrainPipeline::Item;
+using Buffer = yx::TBuffer<unsigned char>;
+
+/// A grain whose record is decoded on a worker thread.
+struct CheckedGrain {
+    __int64 index = 0;
+    yx::P<Buffer> record = yx::makeObject<Buffer>();
+    yx::P<Buffer> plain = yx::makeObject<Buffer>();
+};
+
+using GrainDecoders = WorkerPipeline<CheckedGrain>;
 
 class GrainCheck {
 public:
@@ -51,11 +59,14 @@ private:
     void startWorkers(int threads) {
         for (int i = 0; i < threads; ++i)
             m_preparers.push_back(m_disk.getDisk().createDataPreparer());
-        m_pipeline = std::make_unique<GrainPipeline>(
-            threads, GrainPipeline::calcItemCount(m_disk.getGrainSizeBytes(), threads),
-            [this](Item& item, int worker) {
-                m_preparers[static_cast<std::size_t>(worker)]->unprepareGrainData(item.input.get(),
-                                                                                  item.aux1.get());
+        // A record can be a little larger than its plain grain.
+        __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
+        __int64 const itemBytes = 2 * (grainSizeBytes + grainSizeBytes / 16 + kSectorSizeBytes);
+        m_decoders = std::make_unique<GrainDecoders>(
+            threads, OrderedWorkers::calcSlotCount(itemBytes, threads),
+            [this](CheckedGrain& grain, int worker) {
+                m_preparers[static_cast<std::size_t>(worker)]->unprepareGrainData(
+                    grain.record.get(), grain.plain.get());
             });
     }
 
@@ -92,21 +103,21 @@ private:
     }
 
     void checkGrain(__int64 positionBytes, __int64 bytes, __int64 index) {
-        if (m_pipeline && !m_pipeline->getFree())
+        if (m_decoders && !m_decoders->getFree())
             drainOne();
-        bool submitted = false;
+        bool isToBeDecoded = false;
         auto const failure = findingOf([&] {
-            submitted = m_pipeline && m_disk.isWholeGrain(index) &&
-                        m_disk.tryReadPreparedGrain(index, *m_pipeline->getFree()->input);
-            if (!submitted)
+            isToBeDecoded = m_decoders && m_disk.isWholeGrain(index) &&
+                            m_disk.tryReadPreparedGrain(index, *m_decoders->getFree()->record);
+            if (!isToBeDecoded)
                 readPlain(positionBytes, static_cast<int>(bytes));
         });
         if (failure) {
             drainAll();
             tellGrain(index, *failure);
-        } else if (submitted) {
-            m_pipeline->submit();
-            m_submitted.push(index);
+        } else if (isToBeDecoded) {
+            m_decoders->getFree()->index = index;
+            m_decoders->submit();
         }
     }
 
@@ -116,16 +127,15 @@ private:
     }
 
     void drainOne() {
-        __int64 const index = m_submitted.front();
-        m_submitted.pop();
-        auto const failure = findingOf([this] { m_pipeline->takeOldest(); });
-        m_pipeline->recycle();
+        auto const failure = findingOf([this] { m_decoders->takeOldest(); });
+        __int64 const index = m_decoders->getTaken().index;
+        m_decoders->recycle();
         if (failure)
             tellGrain(index, *failure);
     }
 
     void drainAll() {
-        while (!m_submitted.empty())
+        while (m_decoders && m_decoders->isBusy())
             drainOne();
     }
 
@@ -162,14 +172,13 @@ private:
     ProgressThrottle m_throttle;
     std::function<void(std::string const&)> const& m_report;
     std::optional<Unreachable> m_unreachable;
-    yx::TBuffer<unsigned char> m_grain;
+    Buffer m_grain;
 
     /// One a worker; they outlive the pipeline.
     std::vector<yx::P<CVMDKDataPreparer>> m_preparers;
 
-    /// The grains on their way through the pipeline, which is null where nothing is to be decoded.
-    std::queue<__int64> m_submitted;
-    std::unique_ptr<GrainPipeline> m_pipeline;
+    /// Null for a disk that stores plain grains.
+    std::unique_ptr<GrainDecoders> m_decoders;
 };
 
 } // namespace

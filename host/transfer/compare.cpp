@@ -1,7 +1,10 @@
 #include "host/transfer/compare.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
+
+#include "yx/buffer.h"
 
 namespace kelm::host {
 
@@ -18,6 +21,8 @@ public:
     bool readNext() {
         m_isZero = true;
         int const count = m_atEnd ? 0 : m_reader.readNext(m_chunk.getData(), kChunkBytes, m_isZero);
+        assert(count >= 0 && count <= kChunkBytes);
+        assert(m_doneBytes % kChunkBytes == 0 || count == 0);
         m_atEnd = count < kChunkBytes;
         m_doneBytes += count;
         if (count == 0)
@@ -61,27 +66,6 @@ void countDifferences(unsigned char const* left, unsigned char const* right,
 }
 
 } // namespace
-
-bool DiskContentReader::isNothingWritten(__int64 endBytes) {
-    __int64 const grainBytes = m_disk.getGrainSizeBytes();
-    for (__int64 grain = m_positionBytes / grainBytes; grain * grainBytes < endBytes; ++grain) {
-        if (m_disk.isGrainWritten(grain))
-            return false;
-    }
-    return true;
-}
-
-int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) {
-    int const count =
-        static_cast<int>(std::min<__int64>(bytes, m_disk.getSizeBytes() - m_positionBytes));
-    if (count <= 0)
-        return 0;
-    isZero = isNothingWritten(m_positionBytes + count);
-    if (!isZero)
-        m_disk.read(m_positionBytes, buffer, count);
-    m_positionBytes += count;
-    return count;
-}
 
 Comparison compareContent(ContentReader& left, ContentReader& right, WorkOptions const& options) {
     ProgressThrottle throttle(options.progress);

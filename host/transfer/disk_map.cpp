@@ -58,10 +58,4 @@ void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
     throttle.report(disk.getSizeBytes(), disk.getSizeBytes());
 }
 
-std::vector<GrainRun> mapDisk(SafeDisk& disk, WorkOptions const& options) {
-    std::vector<GrainRun> runs;
-    forEachGrainRun(disk, options, [&runs](GrainRun const& run) { runs.push_back(run); });
-    return runs;
-}
-
 } // namespace kelm::host

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <functional>
-#include <vector>
 
-#include "host/transfer/transfer.h"
+#include "host/disk/safe_disk.h"
+#include "host/system/work_options.h"
 
 namespace kelm::host {
 
@@ -31,8 +31,5 @@ struct GrainRun {
 /// tables of the disk and, where it has parents, of these. What `use` throws passes.
 void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
                      std::function<void(GrainRun const&)> const& use);
-
-/// The same as a list, which takes memory for each run: for disks that are known to have few.
-std::vector<GrainRun> mapDisk(SafeDisk& disk, WorkOptions const& options);
 
 } // namespace kelm::host

@@ -2,6 +2,8 @@
 
 #include "host/disk/disk_files.h"
 #include "host/transfer/compare.h"
+#include "host/transfer/disk_content_reader.h"
+#include "host/transfer/raw_content_reader.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/options.h"

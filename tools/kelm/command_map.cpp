@@ -6,6 +6,7 @@
 #include "host/store/file_names.h"
 #include "host/transfer/disk_map.h"
 #include "host/transfer/disk_space.h"
+#include "host/transfer/raw_target.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/map_picture.h"
@@ -101,7 +102,7 @@ void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& argu
 }
 
 void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
-    // The lines tell how far it is; a bar between them would be in their way.
+    // The lines show how far it is; a progress bar would break them up.
     host::WorkOptions options;
     options.cancel = &invocation.getCancel();
     RunPrinter printer(disk, arguments.json);
@@ -130,7 +131,7 @@ void addMapCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<MapArguments>();
     CLI::App& command =
         addCommand(program, run, "map",
-                   "Tell which parts of a disk it holds itself, and which its parents hold",
+                   "Show which parts of a disk it holds itself, and which its parents hold",
                    "kelm map backup.vmdk --svg backup.svg",
                    [arguments](Invocation& invocation) { return map(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");

@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include "host/transfer/disk_content_reader.h"
+#include "host/transfer/raw_content_reader.h"
 #include "tests/host/host_fixture.h"
 
 namespace test_support {

@@ -4,9 +4,9 @@
 
 using kelm::host::CancelFlag;
 using kelm::host::CancelledError;
+using kelm::host::forEachGrainRun;
 using kelm::host::GrainPlace;
 using kelm::host::GrainRun;
-using kelm::host::mapDisk;
 using kelm::host::WorkOptions;
 
 namespace test_support {
@@ -14,16 +14,17 @@ namespace {
 
 class DiskMapTest : public HostTest {
 protected:
-    /// The runs in lines: start and end in grains, and the place.
-    static std::string textOf(std::vector<GrainRun> const& runs, __int64 unitBytes = kGrainBytes) {
+    /// The runs of a disk in lines: start and end in units, and the place.
+    static std::string mapOf(std::unique_ptr<SafeDisk> const& disk,
+                             __int64 unitBytes = kGrainBytes) {
         std::string text;
-        for (GrainRun const& run : runs) {
+        forEachGrainRun(*disk, {}, [&](GrainRun const& run) {
             text += std::to_string(run.startBytes / unitBytes) + "-" +
                     std::to_string(run.endBytes() / unitBytes) +
                     (run.place == GrainPlace::Here     ? " here\n"
                      : run.place == GrainPlace::Parent ? " parent\n"
                                                        : " absent\n");
-        }
+        });
         return text;
     }
 };
@@ -44,17 +45,17 @@ TEST_F(DiskMapTest, TellsWhoHoldsWhatForEveryKind) {
             writeTo(*disk, 100 * kGrainBytes, pattern(kGrainBytes, 4));
         }
         EXPECT_EQ("0-2 absent\n2-5 here\n5-127 absent\n127-128 here\n",
-                  textOf(mapDisk(*openSafe(parent, kReadOnly, kind.password), {})));
+                  mapOf(openSafe(parent, kReadOnly, kind.password)));
         EXPECT_EQ("0-2 absent\n2-3 parent\n3-4 here\n4-5 parent\n5-100 absent\n100-101 here\n"
                   "101-127 absent\n127-128 parent\n",
-                  textOf(mapDisk(*openSafe(child, kReadOnly, kind.password), {})));
+                  mapOf(openSafe(child, kReadOnly, kind.password)));
     }
 }
 
 TEST_F(DiskMapTest, LastRunEndsWithTheDisk) {
     { createSafe({}, "parent.vmdk"); }
     putShortChild();
-    EXPECT_EQ("0-300 absent\n", textOf(mapDisk(*openSafe("child.vmdk", kReadOnly), {}), 512));
+    EXPECT_EQ("0-300 absent\n", mapOf(openSafe("child.vmdk", kReadOnly), 512));
 }
 
 TEST_F(DiskMapTest, ExtentsThatBeginWithinAGrainAreSeen) {
@@ -69,8 +70,7 @@ TEST_F(DiskMapTest, ExtentsThatBeginWithinAGrainAreSeen) {
                                "createType=\"twoGbMaxExtentSparse\"\nRW 128 SPARSE \"b.vmdk\"\n");
         writeTo(*openSafe("b-disk.vmdk"), 0, pattern(10, 1));
     }
-    EXPECT_EQ("0-100 absent\n100-228 here\n",
-              textOf(mapDisk(*openSafe("disk.vmdk", kReadOnly), {}), 512));
+    EXPECT_EQ("0-100 absent\n100-228 here\n", mapOf(openSafe("disk.vmdk", kReadOnly), 512));
 }
 
 TEST_F(DiskMapTest, StopsWhenItIsTold) {
@@ -79,7 +79,7 @@ TEST_F(DiskMapTest, StopsWhenItIsTold) {
     flag.set();
     WorkOptions options;
     options.cancel = &flag;
-    EXPECT_THROW(mapDisk(*disk, options), CancelledError);
+    EXPECT_THROW(forEachGrainRun(*disk, options, [](GrainRun const&) {}), CancelledError);
 }
 
 } // namespace

@@ -1,0 +1,31 @@
+#include "host/transfer/disk_content_reader.h"
+
+#include <algorithm>
+#include <cassert>
+
+namespace kelm::host {
+
+bool DiskContentReader::isNothingWritten(__int64 endBytes) {
+    __int64 const grainBytes = m_disk.getGrainSizeBytes();
+    for (__int64 grain = m_positionBytes / grainBytes; grain * grainBytes < endBytes; ++grain) {
+        if (m_disk.isGrainWritten(grain))
+            return false;
+    }
+    return true;
+}
+
+int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) {
+    assert(bytes > 0);
+    assert(m_positionBytes <= m_disk.getSizeBytes());
+    int const count =
+        static_cast<int>(std::min<__int64>(bytes, m_disk.getSizeBytes() - m_positionBytes));
+    if (count <= 0)
+        return 0;
+    isZero = isNothingWritten(m_positionBytes + count);
+    if (!isZero)
+        m_disk.read(m_positionBytes, buffer, count);
+    m_positionBytes += count;
+    return count;
+}
+
+} // namespace kelm::host

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "host/disk/safe_disk.h"
+#include "host/transfer/content_reader.h"
+
+namespace kelm::host {
+
+/// The content of a disk, for a comparison. The disk must outlive the reader.
+class DiskContentReader : public ContentReader {
+public:
+    /// Starts at the disk's first byte.
+    explicit DiskContentReader(SafeDisk& disk) : m_disk(disk) {}
+
+    __int64 getLength() const override { return m_disk.getSizeBytes(); }
+    int readNext(unsigned char* buffer, int bytes, bool& isZero) override;
+
+private:
+    bool isNothingWritten(__int64 endBytes);
+
+    SafeDisk& m_disk;
+    __int64 m_positionBytes = 0;
+};
+
+} // namespace kelm::host

@@ -1,0 +1,78 @@
+#include "host/transfer/disk_conversion.h"
+
+#include "host/transfer/grain_pipeline.h"
+#include "host/transfer/plain_grains.h"
+#include "host/transfer/unpreparer.h"
+#include "host/transfer/written_grain_reader.h"
+#include "yx/error.h"
+
+namespace kelm::host {
+
+namespace {
+
+/// Between disks whose grains have one size.
+void convertGrains(SafeDisk& from, SafeDisk& to, int threads, TransferProgress& progress) {
+    bool const bothAreCompressed = from.getDisk().getCompressed() && to.getDisk().getCompressed();
+    Unpreparer unpreparer(from, threads);
+    PreparerSet preparers(to, threads);
+    GrainPipeline pipeline(threads, from.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
+        if (item.inputIsPrepared && bothAreCompressed) {
+            // Readers ignore the index in a record, so it may be wrong.
+            preparers.of(worker).patchGrainIndexInPreparedGrainData(*item.input, item.grainIndex);
+            item.result = item.input;
+            return;
+        }
+        yx::P<GrainItem::Buffer> const plain = unpreparer.getPlain(item, worker);
+        if (!isZeroGrain(*plain))
+            item.result = preparers.of(worker).prepareGrainData(plain.get(), item.grainIndex,
+                                                                item.aux2.get());
+    });
+    WrittenGrainReader reader(from, progress);
+    pipeline.run(
+        [&](GrainItem& item) {
+            return reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared);
+        },
+        [&](GrainItem& item) {
+            // A larger disk has room for the whole of the other one's last grain.
+            if (item.result && to.isWholeGrain(item.grainIndex))
+                to.writePreparedGrain(item.grainIndex, *item.result);
+            else if (item.result)
+                to.write(item.grainIndex * to.getGrainSizeBytes(), item.input->getData(),
+                         bytesInDisk(to, item.grainIndex));
+            progress.advanceTo(item.grainIndex * from.getGrainSizeBytes());
+        });
+}
+
+/// Between disks of different grain sizes, by plain bytes.
+void convertBytes(SafeDisk& from, SafeDisk& to, TransferProgress& progress) {
+    WrittenGrainReader reader(from, progress);
+    yx::TBuffer<unsigned char> grain;
+    __int64 grainIndex = 0;
+    while (reader.readNextPlain(grain, grainIndex)) {
+        __int64 const positionBytes = grainIndex * from.getGrainSizeBytes();
+        if (!isZeroGrain(grain))
+            to.write(positionBytes, grain.getData(), grain.getUsed());
+        progress.advanceTo(positionBytes);
+    }
+}
+
+} // namespace
+
+void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options) {
+    if (to.getSizeBytes() < from.getSizeBytes()) {
+        throw yx::CIOError(yx::CIOError::NotAllowed, "The target disk is too small.",
+                           yx::CProps()
+                               .add("sourceSize", yx::toString(from.getSizeBytes()))
+                               .add("targetSize", yx::toString(to.getSizeBytes())),
+                           nullptr);
+    }
+    TransferProgress progress(options, from.getSizeBytes());
+    if (from.getGrainSizeBytes() == to.getGrainSizeBytes())
+        convertGrains(from, to, countThreads(options), progress);
+    else
+        convertBytes(from, to, progress);
+    to.flush();
+    progress.finish(from.getSizeBytes());
+}
+
+} // namespace kelm::host

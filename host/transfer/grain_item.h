@@ -1,0 +1,27 @@
+#pragma once
+
+#include "yx/buffer.h"
+
+namespace kelm::host {
+
+/// A grain on its way through a `GrainPipeline`, with all the memory that the work on it takes.
+struct GrainItem {
+    using Buffer = yx::TBuffer<unsigned char>;
+
+    /// The grain's index in the disk.
+    __int64 grainIndex = 0;
+
+    /// The grain as it was read, and whether that is its prepared form.
+    yx::P<Buffer> input = yx::makeObject<Buffer>();
+    bool inputIsPrepared = false;
+
+    /// Room for the work, and for its result.
+    yx::P<Buffer> aux1 = yx::makeObject<Buffer>();
+    yx::P<Buffer> aux2 = yx::makeObject<Buffer>();
+
+    /// The result: one of the three buffers, or null for a grain of zeros. Null when the item is
+    /// filled.
+    yx::P<Buffer> result;
+};
+
+} // namespace kelm::host

@@ -1,0 +1,53 @@
+#include "host/transfer/grain_pipeline.h"
+
+#include <cassert>
+
+namespace kelm::host {
+
+namespace {
+
+constexpr int kBuffersPerItem = 3;
+
+[[maybe_unused]] bool isResultOfItsOwn(GrainItem const& item) {
+    return !item.result || item.result == item.input || item.result == item.aux1 ||
+           item.result == item.aux2;
+}
+
+} // namespace
+
+GrainPipeline::GrainPipeline(int threadCount, __int64 grainSizeBytes, Work work)
+    : m_pipeline(threadCount, calcItemCount(grainSizeBytes, threadCount), std::move(work)) {}
+
+int GrainPipeline::calcItemCount(__int64 grainSizeBytes, int threadCount) {
+    // A prepared grain can be a little larger than a plain one.
+    __int64 const bufferBytes = grainSizeBytes + grainSizeBytes / 16 + 4096;
+    return OrderedWorkers::calcSlotCount(kBuffersPerItem * bufferBytes, threadCount);
+}
+
+void GrainPipeline::run(Fill const& fill, Drain const& drain) {
+    bool more = true;
+    [[maybe_unused]] __int64 lastFilled = -1;
+    [[maybe_unused]] __int64 lastDrained = -1;
+    while (more || m_pipeline.isBusy()) {
+        GrainItem* const free = more ? m_pipeline.getFree() : nullptr;
+        if (free) {
+            assert(!free->result);
+            more = fill(*free);
+            if (!more)
+                continue;
+            assert(free->grainIndex > lastFilled);
+            lastFilled = free->grainIndex;
+            m_pipeline.submit();
+            continue;
+        }
+        GrainItem& oldest = m_pipeline.takeOldest();
+        assert(oldest.grainIndex > lastDrained && isResultOfItsOwn(oldest));
+        lastDrained = oldest.grainIndex;
+        drain(oldest);
+        oldest.result.reset();
+        m_pipeline.recycle();
+    }
+    assert(lastDrained == lastFilled);
+}
+
+} // namespace kelm::host

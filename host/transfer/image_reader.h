@@ -1,0 +1,37 @@
+#pragma once
+
+#include "host/disk/safe_disk.h"
+#include "host/transfer/raw_source.h"
+
+namespace kelm::host {
+
+/// Reads a raw image in grains of the disk that it is imported into. For imports only: a comparison
+/// reads an image by `RawContentReader`, which knows no disk.
+class ImageReader {
+public:
+    /// Both must outlive the reader. An image longer than the disk is `CIOError` `NotAllowed` "The
+    /// image is larger than the disk." with "imageSize" and "diskSize" in bytes: at once if the
+    /// length is known, or else when `readNext` meets the surplus.
+    ImageReader(RawSource& source, SafeDisk& disk);
+
+    /// Reads the next grain and sets its index, or returns false at the end of the image. `grain`
+    /// gets the full size of a grain, or 0 bytes for a grain in a hole. What the image does not have
+    /// of its last grain is what the disk has there.
+    bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex);
+
+    /// How many bytes of the image have been read.
+    __int64 getDoneBytes() const { return m_doneBytes; }
+
+private:
+    void completeLastGrain(yx::TBuffer<unsigned char>& grain, __int64 grainIndex, int imageBytes);
+    void verifyFits(__int64 imageBytes) const;
+
+    RawSource& m_source;
+    SafeDisk& m_disk;
+    int m_grainSizeBytes;
+    __int64 m_nextGrainIndex = 0;
+    __int64 m_doneBytes = 0;
+    bool m_isAtEnd = false;
+};
+
+} // namespace kelm::host

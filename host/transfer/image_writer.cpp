@@ -1,0 +1,62 @@
+#include "host/transfer/image_writer.h"
+
+#include <algorithm>
+#include <cassert>
+
+namespace kelm::host {
+
+ImageWriter::ImageWriter(SafeDisk const& disk, RawTarget& target)
+    : m_target(target),
+      m_grainSizeBytes(disk.getGrainSizeBytes()),
+      m_diskSizeBytes(disk.getSizeBytes()) {}
+
+int ImageWriter::bytesOf(__int64 grainIndex) const {
+    assert(grainIndex >= 0 && startOf(grainIndex) < m_diskSizeBytes);
+    return static_cast<int>(std::min(m_grainSizeBytes, m_diskSizeBytes - startOf(grainIndex)));
+}
+
+void ImageWriter::beginEarly() {
+    if (!m_hasBegun)
+        m_canWriteEarly = m_target.beginWritingAnywhere();
+    m_hasBegun = true;
+}
+
+void ImageWriter::writeEarly(__int64 grainIndex, yx::TBuffer<unsigned char> const& grain) const {
+    assert(m_hasBegun && grain.getUsed() >= bytesOf(grainIndex));
+    if (m_canWriteEarly)
+        m_target.writeAt(startOf(grainIndex), grain.getData(), bytesOf(grainIndex));
+}
+
+void ImageWriter::skipTo(__int64 grainIndex) {
+    assert(startOf(grainIndex) >= m_doneBytes);
+    m_target.writeZeros(startOf(grainIndex) - m_doneBytes);
+    m_doneBytes = startOf(grainIndex);
+}
+
+void ImageWriter::write(__int64 grainIndex, yx::TBuffer<unsigned char> const* grain) {
+    assert(!grain || grain->getUsed() >= bytesOf(grainIndex));
+    skipTo(grainIndex);
+    if (grain)
+        m_target.write(grain->getData(), bytesOf(grainIndex));
+    else
+        m_target.writeZeros(bytesOf(grainIndex));
+    m_doneBytes += bytesOf(grainIndex);
+}
+
+void ImageWriter::writeLate(__int64 grainIndex, yx::TBuffer<unsigned char> const* grain) {
+    if (!grain || !m_canWriteEarly) {
+        write(grainIndex, grain);
+        return;
+    }
+    skipTo(grainIndex);
+    m_target.passWritten(bytesOf(grainIndex));
+    m_doneBytes += bytesOf(grainIndex);
+}
+
+void ImageWriter::finish() {
+    assert(m_doneBytes <= m_diskSizeBytes);
+    m_target.writeZeros(m_diskSizeBytes - m_doneBytes);
+    m_target.finish();
+}
+
+} // namespace kelm::host

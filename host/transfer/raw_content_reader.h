@@ -1,0 +1,23 @@
+#pragma once
+
+#include "host/transfer/content_reader.h"
+#include "host/transfer/raw_source.h"
+
+namespace kelm::host {
+
+/// The content of a raw image, for a comparison. The source must outlive the reader.
+class RawContentReader : public ContentReader {
+public:
+    /// Starts where the source stands.
+    explicit RawContentReader(RawSource& source) : m_source(source) {}
+
+    __int64 getLength() const override { return m_source.getLength(); }
+    int readNext(unsigned char* buffer, int bytes, bool& isZero) override {
+        return m_source.readNext(buffer, bytes, isZero);
+    }
+
+private:
+    RawSource& m_source;
+};
+
+} // namespace kelm::host

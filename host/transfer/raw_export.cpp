@@ -1,0 +1,62 @@
+#include "host/transfer/raw_export.h"
+
+#include "host/transfer/grain_pipeline.h"
+#include "host/transfer/image_writer.h"
+#include "host/transfer/plain_grains.h"
+#include "host/transfer/unpreparer.h"
+#include "host/transfer/written_grain_reader.h"
+
+namespace kelm::host {
+
+namespace {
+
+void exportPlain(SafeDisk& disk, ImageWriter& writer, TransferProgress& progress) {
+    WrittenGrainReader reader(disk, progress);
+    yx::TBuffer<unsigned char> grain;
+    __int64 grainIndex = 0;
+    bool isPrepared = false;
+    while (reader.readNext(grain, grainIndex, isPrepared)) {
+        writer.write(grainIndex, isZeroGrain(grain) ? nullptr : &grain);
+        progress.advanceTo(grainIndex * disk.getGrainSizeBytes());
+    }
+}
+
+void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
+                      TransferProgress& progress) {
+    Unpreparer unpreparer(disk, threads);
+    GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
+        yx::P<GrainItem::Buffer> const plain = unpreparer.getPlain(item, worker);
+        if (isZeroGrain(*plain))
+            return;
+        // Writing takes about as long as decoding, so the workers do that too.
+        writer.writeEarly(item.grainIndex, *plain);
+        item.result = plain;
+    });
+    WrittenGrainReader reader(disk, progress);
+    pipeline.run(
+        [&](GrainItem& item) {
+            if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
+                return false;
+            writer.beginEarly();
+            return true;
+        },
+        [&](GrainItem& item) {
+            writer.writeLate(item.grainIndex, item.result.get());
+            progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
+        });
+}
+
+} // namespace
+
+void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options) {
+    TransferProgress progress(options, disk.getSizeBytes());
+    ImageWriter writer(disk, target);
+    if (disk.getDisk().getCompressed())
+        exportCompressed(disk, writer, countThreads(options), progress);
+    else
+        exportPlain(disk, writer, progress);
+    writer.finish();
+    progress.finish(disk.getSizeBytes());
+}
+
+} // namespace kelm::host

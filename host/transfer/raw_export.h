@@ -1,0 +1,12 @@
+#pragma once
+
+#include "host/disk/safe_disk.h"
+#include "host/system/work_options.h"
+#include "host/transfer/raw_target.h"
+
+namespace kelm::host {
+
+/// Copies a whole disk to a raw image and finishes that. Zeros become holes.
+void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options);
+
+} // namespace kelm::host

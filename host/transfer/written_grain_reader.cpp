@@ -1,0 +1,40 @@
+#include "host/transfer/written_grain_reader.h"
+
+#include <cassert>
+
+#include "host/transfer/plain_grains.h"
+
+namespace kelm::host {
+
+WrittenGrainReader::WrittenGrainReader(SafeDisk& disk, TransferProgress& progress)
+    : m_disk(disk), m_progress(progress) {}
+
+bool WrittenGrainReader::findNext() {
+    assert(m_nextGrainIndex <= m_disk.getGrainCount());
+    while (m_nextGrainIndex < m_disk.getGrainCount() && !m_disk.isGrainWritten(m_nextGrainIndex)) {
+        m_progress.advanceTo(m_nextGrainIndex * m_disk.getGrainSizeBytes());
+        ++m_nextGrainIndex;
+    }
+    return m_nextGrainIndex < m_disk.getGrainCount();
+}
+
+bool WrittenGrainReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex,
+                                  bool& isPrepared) {
+    if (!findNext())
+        return false;
+    grainIndex = m_nextGrainIndex++;
+    isPrepared = m_disk.tryReadPreparedGrain(grainIndex, grain);
+    if (!isPrepared)
+        readPlainGrain(m_disk, grainIndex, grain);
+    return true;
+}
+
+bool WrittenGrainReader::readNextPlain(yx::TBuffer<unsigned char>& grain, __int64& grainIndex) {
+    if (!findNext())
+        return false;
+    grainIndex = m_nextGrainIndex++;
+    readPlainGrain(m_disk, grainIndex, grain);
+    return true;
+}
+
+} // namespace kelm::host

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "host/disk/safe_disk.h"
+#include "host/transfer/transfer_progress.h"
+
+namespace kelm::host {
+
+/// Reads, in order, the grains that a disk or one of its parents holds, and skips the others. For
+/// whatever copies a whole disk. To learn which grains there are, without reading them, use
+/// `forEachGrainRun`.
+class WrittenGrainReader {
+public:
+    /// Both must outlive the reader. `progress` advances while grains are skipped.
+    WrittenGrainReader(SafeDisk& disk, TransferProgress& progress);
+
+    /// Reads the next grain and sets its index, or returns false if there is none. `isPrepared`
+    /// becomes whether `grain` has the prepared form, which is taken wherever it can be had.
+    bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex, bool& isPrepared);
+
+    /// Does the same, but reads the plain form only.
+    bool readNextPlain(yx::TBuffer<unsigned char>& grain, __int64& grainIndex);
+
+private:
+    bool findNext();
+
+    SafeDisk& m_disk;
+    TransferProgress& m_progress;
+    __int64 m_nextGrainIndex = 0;
+};
+
+} // namespace kelm::host
