@@ -1,19 +1,34 @@
-// What our compressor classes cost: grains of 64 KiB, beside the libraries called directly.
+// What our compressors bring, and what they cost above the libraries under them, with grains of
+// 64 KiB:
 //
-//   bench_compressors [rounds]
+// - each level, by the kind of data: how fast in both directions, and the size of the streams as a
+//   share of the data ("ratio");
+// - the classes beside the libraries called directly, level 1 beside the coder that it was built
+//   with.
 //
-// CMiniZCompressor is measured beside libdeflate, also where it was built with another coder.
+//   bench_compressors [--help]
+//
+// It takes the options of Google Benchmark too: --benchmark_filter=/image/ is the file system alone.
 
-#include <algorithm>
-#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include <benchmark/benchmark.h>
+#include <unistd.h>
 #include <zlib.h>
-#if __has_include(<libdeflate.h>)
+#ifdef KELM_BENCH_LIBDEFLATE
 #include <libdeflate.h>
 #endif
+#ifdef KELM_BENCH_ISAL
+#include <isa-l/igzip_lib.h>
+#endif
 
+#include "bench/arguments.h"
+#include "bench/content_files.h"
 #include "bench/interleaved.h"
 #include "bench/sample_content.h"
 #include "compressors/compressors.h"
@@ -74,7 +89,7 @@ private:
     z_stream m_inflater{};
 };
 
-#if __has_include(<libdeflate.h>)
+#ifdef KELM_BENCH_LIBDEFLATE
 
 /// libdeflate with its states made beforehand.
 class CDirectLibdeflate {
@@ -102,6 +117,47 @@ public:
 private:
     libdeflate_compressor* m_compressor;
     libdeflate_decompressor* m_decompressor = libdeflate_alloc_decompressor();
+};
+
+#endif
+
+#ifdef KELM_BENCH_ISAL
+
+/// ISA-L with its state made beforehand.
+class CDirectIsal {
+public:
+    explicit CDirectIsal(int level) : m_level(static_cast<unsigned int>(level)) {}
+
+    std::size_t compress(Bytes const& source, std::size_t sizeBytes, Bytes& target) {
+        isal_deflate_stateless_init(m_stream.get());
+        m_stream->level = m_level;
+        m_stream->level_buf = m_levelBuffer.data();
+        m_stream->level_buf_size = static_cast<unsigned int>(m_levelBuffer.size());
+        m_stream->gzip_flag = IGZIP_ZLIB;
+        m_stream->next_in = const_cast<unsigned char*>(source.data());
+        m_stream->avail_in = static_cast<unsigned int>(sizeBytes);
+        m_stream->next_out = target.data();
+        m_stream->avail_out = static_cast<unsigned int>(target.size());
+        isal_deflate_stateless(m_stream.get());
+        return m_stream->total_out;
+    }
+
+    std::size_t decompress(Bytes const& source, std::size_t sizeBytes, Bytes& target) {
+        isal_inflate_init(m_inflater.get());
+        m_inflater->crc_flag = ISAL_ZLIB;
+        m_inflater->next_in = const_cast<unsigned char*>(source.data());
+        m_inflater->avail_in = static_cast<unsigned int>(sizeBytes);
+        m_inflater->next_out = target.data();
+        m_inflater->avail_out = static_cast<unsigned int>(target.size());
+        isal_inflate_stateless(m_inflater.get());
+        return m_inflater->total_out;
+    }
+
+private:
+    unsigned int m_level;
+    std::unique_ptr<isal_zstream> m_stream = std::make_unique<isal_zstream>();
+    std::unique_ptr<inflate_state> m_inflater = std::make_unique<inflate_state>();
+    Bytes m_levelBuffer = Bytes(ISAL_DEF_LVL1_LARGE);
 };
 
 #endif
@@ -142,10 +198,106 @@ void benchGrain(std::string const& name, int level, Grain const& grain, int roun
     bench::report(("decompress " + what).c_str(), decompressRatio, kAim, "");
 }
 
-} // namespace
+/// Data of one kind, whole grains.
+struct Content {
+    std::string name;
+    Bytes bytes;
 
-int main(int argc, char** argv) {
-    int const rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 101;
+    std::size_t grainCount() const { return bytes.size() / kGrainSizeBytes; }
+    unsigned char const* grain(std::size_t index) const {
+        return bytes.data() + index * kGrainSizeBytes;
+    }
+};
+
+/// Streams of all grains of a content.
+std::vector<Bytes> compressGrains(yx::ISimpleCompressor& compressor, Content const& content) {
+    std::vector<Bytes> streams;
+    Bytes target(kRoomBytes);
+    for (std::size_t i = 0; i < content.grainCount(); ++i) {
+        int const sizeBytes = compressor.compressSingleStep(content.grain(i), kGrainSizeBytes,
+                                                            target.data(), kRoomBytes);
+        streams.emplace_back(target.begin(), target.begin() + sizeBytes);
+    }
+    return streams;
+}
+
+/// What every line says of its level beside the time: MB of plain data a second, and the ratio.
+void addCounters(benchmark::State& state, Content const& content,
+                 std::vector<Bytes> const& streams) {
+    double streamBytes = 0;
+    for (Bytes const& stream : streams)
+        streamBytes += static_cast<double>(stream.size());
+    auto const plainBytes = static_cast<double>(content.bytes.size());
+    state.counters["MB"] =
+        benchmark::Counter(plainBytes / 1e6, benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["ratio"] = streamBytes / plainBytes;
+}
+
+void compressAtLevel(benchmark::State& state, int level, Content const& content) {
+    mzu::CMiniZCompressor compressor(level);
+    std::vector<Bytes> const streams = compressGrains(compressor, content);
+    Bytes target(kRoomBytes);
+    for ([[maybe_unused]] auto const iteration : state) {
+        for (std::size_t i = 0; i < content.grainCount(); ++i)
+            compressor.compressSingleStep(content.grain(i), kGrainSizeBytes, target.data(),
+                                          kRoomBytes);
+    }
+    addCounters(state, content, streams);
+}
+
+void decompressOfLevel(benchmark::State& state, int level, Content const& content) {
+    mzu::CMiniZCompressor compressor(level);
+    std::vector<Bytes> const streams = compressGrains(compressor, content);
+    Bytes target(kGrainSizeBytes);
+    for ([[maybe_unused]] auto const iteration : state) {
+        for (Bytes const& stream : streams)
+            compressor.decompressSingleStep(stream.data(), static_cast<int>(stream.size()),
+                                            target.data(), kGrainSizeBytes);
+    }
+    addCounters(state, content, streams);
+}
+
+void registerLevels(std::vector<Content> const& contents) {
+    constexpr int kMaxLevel = 9;
+    std::pair<std::string, decltype(&compressAtLevel)> const directions[] = {
+        {"compress", compressAtLevel}, {"decompress", decompressOfLevel}};
+    for (Content const& content : contents) {
+        for (int level = 0; level <= kMaxLevel; ++level) {
+            std::string const name = "/" + content.name + "/level:" + std::to_string(level);
+            for (auto const& [direction, run] : directions)
+                benchmark::RegisterBenchmark((direction + name).c_str(), run, level,
+                                             std::cref(content))
+                    ->Unit(benchmark::kMillisecond);
+        }
+    }
+}
+
+struct Folders {
+    std::string text = "/usr/include";
+    std::string binaries = "/usr/bin";
+    std::string image = "/usr/share";
+    std::string work = std::filesystem::temp_directory_path();
+};
+
+std::vector<Content> gatherContents(Folders const& folders) {
+    constexpr std::size_t kGrains = 64;
+    constexpr std::size_t kSizeBytes = kGrains * kGrainSizeBytes;
+    std::string work = folders.work + "/bench_compressors.XXXXXX";
+    if (!::mkdtemp(work.data()))
+        bench::failWith("cannot make a folder in " + folders.work);
+    Bytes const image = bench::readPiecesWithData(bench::makeFileSystemImage(folders.image, work),
+                                                  kGrainSizeBytes, kGrains);
+    std::filesystem::remove_all(work);
+    return {{"text", bench::readFiles(folders.text, kSizeBytes,
+                                      [](auto const& path) { return path.extension() == ".h"; })},
+            {"binaries", bench::readFiles(folders.binaries, kSizeBytes, bench::isElf)},
+            {"image", image},
+            {"zeros", Bytes(kSizeBytes, 0)},
+            {"random", bench::makeRandom(kSizeBytes)}};
+}
+
+/// Our classes beside what they call.
+void benchClasses(int rounds) {
     Grain const grains[] = {{"text", bench::makeText(kGrainSizeBytes)},
                             {"random", bench::makeRandom(kGrainSizeBytes)},
                             {"zeros", Bytes(kGrainSizeBytes, 0)}};
@@ -153,10 +305,45 @@ int main(int argc, char** argv) {
         // zlib stores what does not shrink, and 1 is the default of the disk code.
         benchGrain<CDirectZLib, zlu::CZLibCompressor>("zlib", 0, grain, rounds);
         benchGrain<CDirectZLib, zlu::CZLibCompressor>("zlib", 1, grain, rounds);
-#if __has_include(<libdeflate.h>)
+#ifdef KELM_BENCH_ISAL
+        benchGrain<CDirectIsal, mzu::CMiniZCompressor>("ISA-L", 1, grain, rounds);
+#endif
+#ifdef KELM_BENCH_LIBDEFLATE
         benchGrain<CDirectLibdeflate, mzu::CMiniZCompressor>("libdeflate", 1, grain, rounds);
         benchGrain<CDirectLibdeflate, mzu::CMiniZCompressor>("libdeflate", 6, grain, rounds);
 #endif
     }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Measures the compressors, level by level and beside the libraries under them.");
+    int rounds = 101;
+    Folders folders;
+    bench::addRoundsTo(app, rounds);
+    app.add_option("--text", folders.text, "A folder with headers")->capture_default_str();
+    app.add_option("--binaries", folders.binaries, "A folder with programs")->capture_default_str();
+    bench::addContentTo(app, folders.image);
+    bench::addWorkTo(app, folders.work);
+    app.footer("Options that begin with --benchmark_ are Google Benchmark's.");
+    app.allow_extras();
+    CLI11_PARSE(app, argc, argv);
+
+    std::vector<std::string> words = app.remaining();
+    words.insert(words.begin(), {argv[0], "--benchmark_min_time=0.2"});
+    std::vector<char*> pointers;
+    for (std::string& word : words)
+        pointers.push_back(word.data());
+    int count = static_cast<int>(pointers.size());
+    benchmark::Initialize(&count, pointers.data());
+    if (benchmark::ReportUnrecognizedArguments(count, pointers.data()))
+        return 1;
+
+    std::vector<Content> const contents = gatherContents(folders);
+    registerLevels(contents);
+    benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchClasses(rounds);
     return 0;
 }

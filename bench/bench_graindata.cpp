@@ -1,18 +1,17 @@
 // What a grain costs beyond its codec and its cipher: grains of 64 KiB at level 1, beside
 // mzu::CMiniZCompressor and krym::CCipher_AES256CBC called directly in the same run.
 //
-//   bench_graindata [rounds]
+//   bench_graindata [--rounds N]
 //
 // The direct side makes the same bytes and moves them between the same buffers and a file in memory;
 // the grain additionally keeps the plain bytes in memory, which is one copy of 64 KiB for each read
 // or write. Zeros are where that copy weighs most.
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "bench/arguments.h"
 #include "bench/interleaved.h"
 #include "bench/sample_content.h"
 #include "compressors/compressors.h"
@@ -193,7 +192,11 @@ void benchGrain(Content const& content, bool enciphered, int rounds) {
 } // namespace
 
 int main(int argc, char** argv) {
-    int const rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 101;
+    CLI::App app("Measures grains beside their codec and cipher.");
+    int rounds = 101;
+    bench::addRoundsTo(app, rounds);
+    CLI11_PARSE(app, argc, argv);
+
     Content contents[] = {{"zeros", toBuffer(std::vector<unsigned char>(kGrainSizeBytes))},
                           {"text", toBuffer(bench::makeText(kGrainSizeBytes))},
                           {"random", toBuffer(bench::makeRandom(kGrainSizeBytes))}};

@@ -1,13 +1,12 @@
 // What our cipher class costs: AES-256-CBC on grains of 64 KiB, beside OpenSSL called directly.
 //
-//   bench_krym [rounds]
+//   bench_krym [--rounds N]
 
-#include <algorithm>
-#include <cstdlib>
 #include <memory>
 
 #include <openssl/evp.h>
 
+#include "bench/arguments.h"
 #include "bench/interleaved.h"
 #include "krym/krym.h"
 
@@ -73,7 +72,11 @@ void benchGrain(char const* name, bool isEncrypting, int rounds) {
 } // namespace
 
 int main(int argc, char** argv) {
-    int const rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 201;
+    CLI::App app("Measures the cipher beside OpenSSL.");
+    int rounds = 201;
+    bench::addRoundsTo(app, rounds);
+    CLI11_PARSE(app, argc, argv);
+
     benchGrain("encrypt 64 KiB / OpenSSL called directly", true, rounds);
     benchGrain("decrypt 64 KiB / OpenSSL called directly", false, rounds);
     return 0;

@@ -130,7 +130,7 @@ void lookupHitSequential(benchmark::State& state) {
 }
 BENCHMARK(lookupHitSequential);
 
-/// A lookup that loads a run of 32 tables and evicts another. The argument tells whether the extent
+/// A lookup that loads a run of 32 tables and evicts another. The argument says whether the extent
 /// is compressed, with slot sizes.
 void lookupMiss(benchmark::State& state) {
     BenchExtent extent(state.range(0) != 0, kRunTables);

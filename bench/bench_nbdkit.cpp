@@ -1,10 +1,10 @@
 // What a copy of a disk costs when it goes through nbdkit: `nbdcopy` from the plugin against
 // `nbdcopy` from nbdkit's own file plugin on the raw image of the same content.
 //
-//   bench_nbdkit [folder of the files to put into the image] [scratch folder] [rounds]
+//   bench_nbdkit [--content FOLDER] [--work FOLDER] [--rounds N]
 //
-// The image is made by `mke2fs -d`, is larger than its content, and holds at least 100 MB. Each copy
-// goes to nowhere, so that the server alone counts. A round takes the copies in turn, so that what
+// The image is made by `mke2fs -d`, is larger than its content, and holds at least 100 MB. The
+// copies are thrown away, so that only the server counts. A round takes the copies in turn, so that what
 // else the machine does hits them alike; each figure is the median of the rounds.
 
 #include <chrono>
@@ -18,6 +18,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "bench/arguments.h"
+#include "bench/content_files.h"
 #include "bench/interleaved.h"
 #include "host/transfer/transfer.h"
 #include "yx/native_file_system.h"
@@ -45,32 +47,16 @@ constexpr Kind kKinds[] = {
     {"compressed-encrypted", true, "password", 4.0},
 };
 
-/// A word of a shell's command line.
-std::string quoted(std::string const& word) {
-    return "'" + word + "'";
-}
-
-void runCommand(std::string const& command) {
-    if (std::system(command.c_str()) != 0) {
-        std::fprintf(stderr, "failed: %s\n", command.c_str());
-        std::exit(1);
-    }
-}
-
 yx::CURI toURI(std::string const& path) {
     return {yx::TPathImpl<yx::CUnixPathTraits>(path.c_str(), true, false), false};
 }
 
 /// Makes the image and returns its path.
 std::string makeImage(std::string const& content, std::filesystem::path const& folder) {
-    std::string const image = folder / "image.raw";
-    runCommand("PATH=$PATH:/usr/sbin:/sbin mke2fs -q -F -t ext4 -d " + quoted(content) + " " +
-               quoted(image) + " 4G");
+    std::string const image = bench::makeFileSystemImage(content, folder);
     struct stat status = {};
-    if (::stat(image.c_str(), &status) != 0 || status.st_blocks * 512LL < kMinImageBytes) {
-        std::fprintf(stderr, "%s holds less than 100 MB\n", content.c_str());
-        std::exit(1);
-    }
+    if (::stat(image.c_str(), &status) != 0 || status.st_blocks * 512LL < kMinImageBytes)
+        bench::failWith(content + " holds less than 100 MB");
     return image;
 }
 
@@ -91,12 +77,12 @@ void makeDisk(std::string const& path, std::string const& image, Kind const& kin
 /// Seconds by the clock of a copy from a server that is started for it.
 double copySeconds(std::string const& server) {
     auto const start = std::chrono::steady_clock::now();
-    runCommand("nbdcopy -- [ nbdkit -r " + server + " ] null:");
+    bench::runCommand("nbdcopy -- [ nbdkit -r " + server + " ] null:");
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 std::string pluginOn(std::string const& disk, Kind const& kind) {
-    std::string const command = quoted(KELM_NBDKIT_PLUGIN) + " " + quoted(disk);
+    std::string const command = bench::quoted(KELM_NBDKIT_PLUGIN) + " " + bench::quoted(disk);
     return *kind.password == '\0' ? command : command + " password=" + kind.password;
 }
 
@@ -106,7 +92,7 @@ void measure(std::filesystem::path const& folder, std::string const& image, int 
         makeDisk(folder / kind.name, image, kind);
     for (int i = 0; i <= rounds; ++i) {
         std::map<std::string, double> round;
-        round["raw image, file plugin"] = copySeconds("file " + quoted(image));
+        round["raw image, file plugin"] = copySeconds("file " + bench::quoted(image));
         for (Kind const& kind : kKinds)
             round[kind.name] = copySeconds(pluginOn(folder / kind.name, kind));
         // The first round only warms up.
@@ -128,14 +114,18 @@ void measure(std::filesystem::path const& folder, std::string const& image, int 
 } // namespace
 
 int main(int argc, char** argv) {
-    std::string const content = argc > 1 ? argv[1] : "/usr/share";
-    std::string folder = argc > 2 ? argv[2] : std::filesystem::temp_directory_path();
-    int const rounds = argc > 3 ? std::max(1, std::atoi(argv[3])) : 5;
+    CLI::App app("Measures copies through nbdkit.");
+    std::string content = "/usr/share";
+    std::string folder = std::filesystem::temp_directory_path();
+    int rounds = 5;
+    bench::addContentTo(app, content);
+    bench::addWorkTo(app, folder);
+    bench::addRoundsTo(app, rounds);
+    CLI11_PARSE(app, argc, argv);
+
     folder += "/bench_nbdkit.XXXXXX";
-    if (!::mkdtemp(folder.data())) {
-        std::perror(folder.c_str());
-        return 1;
-    }
+    if (!::mkdtemp(folder.data()))
+        bench::failWith("cannot make " + folder);
     measure(folder, makeImage(content, folder), rounds);
     std::filesystem::remove_all(folder);
     return 0;

@@ -1,8 +1,8 @@
 // What the buffering layer costs and saves, as ratios of two sides that are measured in turn.
 //
-//   bench_streams [directory] [rounds]
+//   bench_streams [--work FOLDER] [--rounds N]
 //
-// The files lie in `directory` (default: the system's temporary one) and stay in the page cache,
+// The files lie in the work folder (default: the system's temporary one) and stay in the page cache,
 // so the figures, in processor time, are about the way of the bytes through memory, not about the
 // device.
 
@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "bench/arguments.h"
 #include "bench/interleaved.h"
 #include "yx/data_in_stream.h"
 #include "yx/native_file_system.h"
@@ -174,8 +175,14 @@ void benchTyped(BenchFile const& file, int rounds) {
 } // namespace
 
 int main(int argc, char** argv) {
-    BenchFile const file(argc > 1 ? argv[1] : std::filesystem::temp_directory_path());
-    int const rounds = argc > 2 ? std::max(1, std::atoi(argv[2])) : 41;
+    CLI::App app("Measures the buffering layer beside bare calls.");
+    std::string work = std::filesystem::temp_directory_path();
+    int rounds = 41;
+    bench::addWorkTo(app, work);
+    bench::addRoundsTo(app, rounds);
+    CLI11_PARSE(app, argc, argv);
+
+    BenchFile const file(work);
     benchPassThrough(file, rounds);
     benchSmall(file, rounds);
     benchTyped(file, rounds);

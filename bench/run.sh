@@ -20,8 +20,8 @@ for program in "$build"/bin/bench/*; do
     name=${program##*/}
     echo "== $name"
     case $name in
-        bench_streams) set -- "$work" ;;
-        bench_nbdkit) set -- "$content" ;;
+        bench_compressors | bench_nbdkit) set -- --content "$content" --work "$work" ;;
+        bench_streams) set -- --work "$work" ;;
         *) set -- ;;
     esac
     output=$("$program" "$@")

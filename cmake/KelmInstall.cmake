@@ -18,9 +18,8 @@ install(TARGETS ${libraries} EXPORT kelm
 install(EXPORT kelm NAMESPACE kelm:: FILE kelmTargets.cmake
     DESTINATION "${package_dir}" COMPONENT development)
 
-# What no header of the interface includes lives in folders named "internal" and stays here. A
-# consumer that is built from an installed copy, as a test does, tells if one of these is needed
-# after all.
+# Headers in folders named "internal" are not installed, since no public header includes them. A
+# test builds a consumer from an installed copy, which fails if one of them is needed after all.
 install(DIRECTORY yx krym compressors kelm
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/kelm" COMPONENT development
     FILES_MATCHING PATTERN "*.h" PATTERN "internal" EXCLUDE)

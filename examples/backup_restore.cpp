@@ -62,7 +62,7 @@ int run(yx::String const& imagePath) {
             /*parentContentID*/ 0xFFFFFFFF, /*createExtentFilesOnDemand*/ false);
         kelm::CVMDKDiskIOStream stream(disk.get());
         copyStream(*image, stream);
-        // The destructor would flush too, but could not tell of a failure.
+        // The destructor would flush too, but could not report a failure.
         disk->flushChanges();
         yx::P<kelm::CVMDKSpaceInfo> const space = disk->gatherSpaceInfo();
         std::printf("backed up %lld bytes in %lld bytes of grains, %d extents\n", imageSizeBytes,

@@ -1,4 +1,4 @@
-// Whole disks: damaged files in memory, and a script of operations on them. `DiskInput` tells the
+// Whole disks: damaged files in memory, and a script of operations on them. `DiskInput` defines the
 // form of an input, `Operation` that of its script.
 
 #include <algorithm>
@@ -112,7 +112,7 @@ private:
         m_model = readAll();
     }
 
-    /// The checker's findings; -1 if it cannot tell.
+    /// How many findings the checker has; -1 if it cannot check the disk.
     __int64 countFindings() {
         __int64 count = -1;
         attempt([&] {

@@ -1,14 +1,15 @@
 // Measures kelm as a whole, each figure beside its limit, and writes a report.
 //
-//   bench_report [--report FILE] [--work FOLDER] [--content FOLDER] [--tool FILE] [--only PART]
-//                [--quick]
+//   bench_report [--help]
 //
-// bench/README.md tells what each figure means.
+// bench/README.md explains each figure.
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <vector>
 
+#include "bench/arguments.h"
 #include "bench/report/bench_context.h"
 #include "bench/report/image.h"
 #include "bench/report/machine.h"
@@ -69,25 +70,18 @@ struct Arguments {
     bool quick = false;
 };
 
-Arguments parse(int argc, char** argv) {
-    Arguments arguments;
-    for (int i = 1; i < argc; ++i) {
-        std::string const name = argv[i];
-        if (name == "--quick") {
-            arguments.quick = true;
-            continue;
-        }
-        std::string* const value = name == "--report"    ? &arguments.report
-                                   : name == "--work"    ? &arguments.work
-                                   : name == "--content" ? &arguments.content
-                                   : name == "--tool"    ? &arguments.tool
-                                   : name == "--only"    ? &arguments.only
-                                                         : nullptr;
-        if (!value || i + 1 == argc)
-            fail("unknown argument, or one without a value: " + name);
-        *value = argv[++i];
-    }
-    return arguments;
+void addTo(CLI::App& app, Arguments& arguments) {
+    std::vector<std::string> parts;
+    for (Part const& part : kParts)
+        parts.push_back(part.name);
+    app.add_option("--report", arguments.report, "The file to write")->capture_default_str();
+    addWorkTo(app, arguments.work);
+    addContentTo(app, arguments.content);
+    app.add_option("--tool", arguments.tool, "The program kelm")
+        ->check(CLI::ExistingFile)
+        ->capture_default_str();
+    app.add_option("--only", arguments.only, "One part alone")->check(CLI::IsMember(parts));
+    app.add_flag("--quick", arguments.quick, "Small sizes, one round: a look, no figures");
 }
 
 /// Whether a folder in memory is there with room for an image.
@@ -118,7 +112,11 @@ void measureParts(Context& context, Arguments const& arguments) {
 
 int main(int argc, char** argv) {
     constexpr char kMemoryFolder[] = "/dev/shm";
-    Arguments const arguments = parse(argc, argv);
+    CLI::App app("Measures kelm as a whole, each figure beside its limit.");
+    Arguments arguments;
+    addTo(app, arguments);
+    CLI11_PARSE(app, argc, argv);
+
     ::setenv(kPasswordVariable, "password", 1);
     startLauncher();
     WorkFolder const work(arguments.work);
@@ -136,7 +134,7 @@ int main(int argc, char** argv) {
     context.report.addHeading("Machine");
     addMachine(context.report, context.folder);
     if (isInMemory(context.folder))
-        context.report.addText("**The work files lie in memory, so nothing here tells of a "
+        context.report.addText("**The work files are in memory, so no figure here involves a "
                                "device.** Name a folder on a disk.");
     measureParts(context, arguments);
     context.report.addText(format("%d of %d aims met.",

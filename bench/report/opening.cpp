@@ -29,7 +29,7 @@ struct Piece {
 constexpr long long kSectorBytes = 512;
 
 /// What opening must read of a disk: the header, the descriptor, both grain directories, and the
-/// sector that tells whether there are slot sizes.
+/// sector that says whether there are slot sizes.
 std::vector<Piece> piecesOf(std::string const& mainPath) {
     std::vector<Piece> pieces;
     yx::P<kelm::CVMDKDisk> const disk = openDisk(mainPath, yx::IIOStream::ReadOnly);

@@ -32,7 +32,7 @@ struct Figure {
     std::string reason;
 };
 
-/// Collects what was measured as Markdown, and tells each line on standard output as it comes.
+/// Collects results as Markdown, and prints each line to standard output as it comes.
 class Report {
 public:
     void addHeading(std::string const& text);

@@ -50,7 +50,7 @@ long long fileSizeBytes(std::string const& path);
 
 yx::CURI uriOf(std::string const& path);
 
-/// What disks are opened through. `toDevice` tells whether a flush waits for the device.
+/// What disks are opened through. With `toDevice` a flush waits for the device.
 yx::P<yx::CNativeFileSystem> nativeFiles(bool toDevice = true);
 
 yx::P<kelm::CVMDKDisk> openDisk(std::string const& path, yx::IIOStream::Access access,

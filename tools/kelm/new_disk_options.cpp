@@ -13,7 +13,9 @@ constexpr int kMaxLevel = 9;
 } // namespace
 
 void NewDiskOptions::addCommonTo(CLI::App& command) {
-    addNumberOption(command, "--level", level, 0, kMaxLevel, "Compression level, 0 to 9");
+    addNumberOption(command, "--level", level, 0, kMaxLevel,
+                    "Compression level: 0 stores, 1 (default) is fastest, 6 takes about 6 times as "
+                    "long and saves 8 to 17 %, 9 takes 18 times as long and saves 9 to 19 %");
     addSizeOption(command, "--split", splitBytes, "Split the disk into files of at most this size");
     addFlag(command, "--encrypt", encrypt, "Encrypt the disk under a password");
     addFlag(command, "--on-demand", onDemand,
