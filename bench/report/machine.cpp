@@ -13,6 +13,9 @@
 #if __has_include(<libdeflate.h>)
 #include <libdeflate.h>
 #endif
+#if __has_include(<isa-l.h>)
+#include <isa-l.h>
+#endif
 
 #include "bench/report/report.h"
 
@@ -47,11 +50,19 @@ std::string fileSystemOf(std::string const& folder) {
     return kind;
 }
 
-std::string coderVersion() {
+std::string libdeflateVersion() {
 #ifdef LIBDEFLATE_VERSION_STRING
-    return "libdeflate " LIBDEFLATE_VERSION_STRING;
+    return LIBDEFLATE_VERSION_STRING;
 #else
-    return "no libdeflate";
+    return "none";
+#endif
+}
+
+std::string isalVersion() {
+#ifdef ISAL_MAJOR_VERSION
+    return format("%d.%d.%d", ISAL_MAJOR_VERSION, ISAL_MINOR_VERSION, ISAL_PATCH_VERSION);
+#else
+    return "none";
 #endif
 }
 
@@ -87,7 +98,8 @@ void addMachine(Report& report, std::string const& folder) {
                           __VERSION__},
          {"OpenSSL", OpenSSL_version(OPENSSL_VERSION_STRING)},
          {"zlib", ::zlibVersion()},
-         {"libdeflate", coderVersion()}});
+         {"libdeflate", libdeflateVersion()},
+         {"ISA-L", isalVersion()}});
 }
 
 } // namespace bench
