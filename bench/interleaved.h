@@ -9,8 +9,8 @@
 
 namespace bench {
 
-/// Seconds of processor time that this thread has used, in user and in system code. What other
-/// processes do meanwhile is not in it, though they share caches and memory.
+/// Seconds of processor time that this thread has used, in user and in system code. Other processes
+/// do not count, though they share caches and memory.
 inline double processorSeconds() {
     timespec now{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -24,7 +24,7 @@ inline double timeOnce(std::function<void()> const& run) {
     return processorSeconds() - start;
 }
 
-/// Of values that there are; the upper one of two in the middle.
+/// The median of at least one value; the upper one of two in the middle.
 inline double median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];

@@ -26,7 +26,7 @@ using kelm::fuzz::require;
 using kelm::fuzz::ScriptFlag;
 using Buffer = yx::TBuffer<unsigned char>;
 
-// What takes longer than a run of the fuzzer can wait.
+// Limits beyond which an operation takes too long for a run of the fuzzer.
 
 /// Looking at all grains takes a step for each that the disk claims to have, and reads all tables of
 /// each extent, in each disk of the chain.
@@ -34,7 +34,7 @@ constexpr __int64 kMaxWalkedGrains = 2048;
 constexpr int kMaxWalkedExtents = 16;
 constexpr int kMaxWalkedParents = 8;
 
-/// And the checker looks at the whole length of a file, which a damaged table makes terabytes of.
+/// The checker looks at the whole length of a file, which a damaged table can make terabytes long.
 constexpr int kMaxWalks = 4;
 
 /// A sound disk up to this size is compared with a model.
@@ -104,7 +104,7 @@ private:
             return;
         m_disk.reset();
         bool const isSound = countFindings() == 0;
-        // One that is sound may be no disk to write to all the same.
+        // A sound disk may still refuse to be written to.
         if (!reopen() || !isSound)
             return;
         m_isSound = true;
@@ -122,7 +122,7 @@ private:
         return count;
     }
 
-    /// A position in the disk, now and then its end or one behind it.
+    /// A position in the disk, sometimes its end or one beyond it.
     __int64 takePosition(Input& script) {
         return script.takeNumber(3) % (m_disk->getSizeBytes() + 2);
     }
@@ -131,7 +131,7 @@ private:
         return script.takeNumber(2) % (m_disk->getGrainCount() + 1);
     }
 
-    /// Content that is all zero, or repeats, or hardly shrinks.
+    /// Content that is all zeros, repeats, or hardly compresses.
     static Buffer takeContent(Input& script, int sizeBytes) {
         Buffer content(sizeBytes, -1);
         unsigned int state = script.takeByte();
@@ -207,7 +207,7 @@ private:
                 "a sound disk holds what it held and what was written to it");
     }
 
-    /// Enters a write that was done, or gives the model up after one that may be done in part.
+    /// Enters a completed write into the model, or drops the model after one that may be incomplete.
     void changeModel(__int64 position, Buffer const& content, bool isDone) {
         bool const isOutside = position + content.getUsed() > m_disk->getSizeBytes();
         if (!m_hasModel || (isOutside && !isDone))
@@ -277,7 +277,7 @@ private:
             expectContent(index * m_disk->getGrainSizeBytes(), plain);
     }
 
-    /// Prepared data that nobody prepared.
+    /// Made-up prepared data, which no preparer would write.
     void writeBadPrepared(Input& script) {
         __int64 const index = takeGrainIndex(script);
         std::size_t const sizeBytes = script.takeByte();
@@ -300,7 +300,7 @@ private:
         attempt([&] { m_disk->makeGrainIndependentOfParent(index); });
     }
 
-    /// Does what looks at all grains.
+    /// Runs an operation that looks at all grains.
     void walk(Operation operation) {
         if (m_walks == kMaxWalks || !isChainSmall())
             return;
@@ -335,7 +335,7 @@ private:
         std::size_t const sizeBytes = script.takeByte() % 32;
         Bytes const name = script.takeBytes(sizeBytes);
         attempt([&] { m_disk->getDisk().changeParentRelPath(fuzz::toText(name)); });
-        // Another parent, or none that exists.
+        // Another parent, or one that does not exist.
         giveUpSoundness();
     }
 

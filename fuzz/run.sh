@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# run.sh <build directory> <seconds> [<target>...]: fuzzes with every target, or with those named
-# (such as disk), for so long each, two at a time, starting from the seeds. Fails if one of them
-# finds something. What a fuzzer meets on its way stays in the build directory for the next run, and
-# so do its log and the input of a crash.
+# run.sh <build directory> <seconds> [<target>...]: runs every fuzz target, or those named (such as
+# disk), for that many seconds each, two at a time, starting from the seeds. Fails if one of them
+# finds something. New inputs stay in the build directory for the next run, and so do the logs and the
+# inputs of crashes.
 #
 # An input may take 10 seconds and 512 MiB, and no single allocation more than 64 MiB: the largest
 # that is needed is the checker's map of the sectors of a file, 32 MiB. The 512 MiB are what the

@@ -29,10 +29,10 @@ struct Context {
     /// Each figure is the median of so many rounds.
     int rounds = 5;
 
-    /// Divides the sizes of what is measured, for a quick look; figures are then no good.
+    /// Divides the sizes of what is measured, for a quick look; the figures then mean nothing.
     int shrink = 1;
 
-    /// Where the files of what no device is to disturb go.
+    /// For files of measurements that should not depend on a device.
     std::filesystem::path const& getQuietFolder() const {
         return memoryFolder.empty() ? folder : memoryFolder;
     }

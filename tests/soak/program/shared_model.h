@@ -66,7 +66,7 @@ struct SharedModel {
     /// Set before the signal is sent.
     std::array<std::atomic<bool>, kMaxProcesses> killed;
 
-    /// The last writer did not get to its end; and once one did not, ever since.
+    /// The last writer was interrupted; and whether any writer ever was.
     std::atomic<bool> isChanging;
     std::atomic<bool> wasBrokenOff;
 

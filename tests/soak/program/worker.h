@@ -35,7 +35,8 @@ public:
     void runOnceAlone();
 
 private:
-    /// Runs `body`; a failure of it is no reason for others to find fault with what is left behind.
+    /// Runs `body`. If it fails, this process counts as killed, so that the others do not report what
+    /// it left behind.
     void guard(std::function<void()> const& body);
 
     bool tryOpen(yx::IIOStream::Access access);
