@@ -1,6 +1,9 @@
 #include "host/transfer/disk_conversion.h"
 
+#include <optional>
+
 #include "host/transfer/grain_pipeline.h"
+#include "host/transfer/grain_place.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/unpreparer.h"
 #include "host/transfer/written_grain_reader.h"
@@ -11,13 +14,19 @@ namespace kelm::host {
 namespace {
 
 /// Between disks whose grains have one size.
-void convertGrains(SafeDisk& from, SafeDisk& to, int threads, TransferProgress& progress) {
+void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
+                   TransferProgress& progress) {
     bool const bothAreCompressed = from.getDisk().getCompressed() && to.getDisk().getCompressed();
+    std::optional<RecordVerifier> verifier;
+    if (bothAreCompressed && check == RecordCheck::Decode)
+        verifier.emplace(from, threads);
     Unpreparer unpreparer(from, threads);
     PreparerSet preparers(to, threads);
     GrainPipeline pipeline(threads, from.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
         if (item.inputIsPrepared && bothAreCompressed) {
-            // Readers ignore the index in a record, so it may be wrong.
+            if (verifier)
+                verifier->verify(item, worker);
+            // Readers ignore the index in a record, so one that nobody verified may be wrong.
             preparers.of(worker).patchGrainIndexInPreparedGrainData(*item.input, item.grainIndex);
             item.result = item.input;
             return;
@@ -40,7 +49,8 @@ void convertGrains(SafeDisk& from, SafeDisk& to, int threads, TransferProgress& 
                 to.write(item.grainIndex * to.getGrainSizeBytes(), item.input->getData(),
                          bytesInDisk(to, item.grainIndex));
             progress.advanceTo(item.grainIndex * from.getGrainSizeBytes());
-        });
+        },
+        grainPlaceOf(from));
 }
 
 /// Between disks of different grain sizes, by plain bytes.
@@ -58,7 +68,7 @@ void convertBytes(SafeDisk& from, SafeDisk& to, TransferProgress& progress) {
 
 } // namespace
 
-void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options) {
+void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options, RecordCheck check) {
     if (to.getSizeBytes() < from.getSizeBytes()) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "The target disk is too small.",
                            yx::CProps()
@@ -68,7 +78,7 @@ void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options) {
     }
     TransferProgress progress(options, from.getSizeBytes());
     if (from.getGrainSizeBytes() == to.getGrainSizeBytes())
-        convertGrains(from, to, countThreads(options), progress);
+        convertGrains(from, to, check, countThreads(options), progress);
     else
         convertBytes(from, to, progress);
     to.flush();

@@ -24,7 +24,17 @@ int GrainPipeline::calcItemCount(__int64 grainSizeBytes, int threadCount) {
     return OrderedWorkers::calcSlotCount(kBuffersPerItem * bufferBytes, threadCount);
 }
 
-void GrainPipeline::run(Fill const& fill, Drain const& drain) {
+GrainItem& GrainPipeline::takeOldest(Explain const& explain) {
+    try {
+        return m_pipeline.takeOldest();
+    } catch (yx::CIOError& error) {
+        if (explain && error.getIOCode() == yx::CIOError::CorruptData)
+            explain(error, m_pipeline.getTaken().grainIndex);
+        throw;
+    }
+}
+
+void GrainPipeline::run(Fill const& fill, Drain const& drain, Explain const& explain) {
     bool more = true;
     [[maybe_unused]] __int64 lastFilled = -1;
     [[maybe_unused]] __int64 lastDrained = -1;
@@ -40,7 +50,7 @@ void GrainPipeline::run(Fill const& fill, Drain const& drain) {
             m_pipeline.submit();
             continue;
         }
-        GrainItem& oldest = m_pipeline.takeOldest();
+        GrainItem& oldest = takeOldest(explain);
         assert(oldest.grainIndex > lastDrained && isResultOfItsOwn(oldest));
         lastDrained = oldest.grainIndex;
         drain(oldest);

@@ -4,6 +4,7 @@
 
 #include "host/system/worker_pipeline.h"
 #include "host/transfer/grain_item.h"
+#include "yx/error.h"
 
 namespace kelm::host {
 
@@ -22,6 +23,10 @@ public:
     /// Uses the result of an item.
     using Drain = std::function<void(GrainItem& item)>;
 
+    /// Adds to the error of a grain that cannot be decoded what only the thread of the disks can
+    /// find out.
+    using Explain = std::function<void(yx::CIOError& error, __int64 grainIndex)>;
+
     /// Starts the workers. See `OrderedWorkers` for what that may throw.
     GrainPipeline(int threadCount, __int64 grainSizeBytes, Work work);
 
@@ -32,10 +37,13 @@ public:
     /// Passes all grains through: `fill` until it returns false, and `drain` for each item in the
     /// order of filling. Both are called on this thread, which may thus hold the disks. The indexes
     /// that `fill` sets must rise. What `fill`, the work and `drain` throw is thrown, and the
-    /// pipeline is then good for nothing but its end.
-    void run(Fill const& fill, Drain const& drain);
+    /// pipeline is then good for nothing but its end. If the work throws `CIOError` `CorruptData`,
+    /// `explain` is called first; it may be empty.
+    void run(Fill const& fill, Drain const& drain, Explain const& explain = {});
 
 private:
+    GrainItem& takeOldest(Explain const& explain);
+
     WorkerPipeline<GrainItem> m_pipeline;
 };
 

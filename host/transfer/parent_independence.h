@@ -5,7 +5,12 @@
 
 namespace kelm::host {
 
-/// Makes every grain of a child disk its own and flushes. The link to the parent stays.
+/// Gives a child disk a copy of every grain that only its parents hold, and flushes. The link to the
+/// parent stays. Compressed records are verified before they are copied.
+///
+/// A grain that cannot be read or decoded, or whose record names another grain, ends the work; the
+/// error has the grain's place, as `addGrainPlace` says. Grains that were copied before stay, so
+/// the work can be done again. The disk needs its parent then as before.
 void makeIndependentOfParent(SafeDisk& disk, WorkOptions const& options);
 
 } // namespace kelm::host

@@ -1,6 +1,7 @@
 #include "host/transfer/raw_export.h"
 
 #include "host/transfer/grain_pipeline.h"
+#include "host/transfer/grain_place.h"
 #include "host/transfer/image_writer.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/unpreparer.h"
@@ -43,7 +44,8 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
         [&](GrainItem& item) {
             writer.writeLate(item.grainIndex, item.result.get());
             progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
-        });
+        },
+        grainPlaceOf(disk));
 }
 
 } // namespace

@@ -6,7 +6,8 @@
 
 namespace kelm::host {
 
-/// Copies a whole disk to a raw image and finishes that. Zeros become holes.
+/// Copies a whole disk to a raw image and finishes that. Zeros become holes. A grain that cannot be
+/// read or decoded ends the export; the error has the grain's place, as `addGrainPlace` says.
 void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options);
 
 } // namespace kelm::host

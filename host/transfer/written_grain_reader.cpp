@@ -2,6 +2,7 @@
 
 #include <cassert>
 
+#include "host/transfer/grain_place.h"
 #include "host/transfer/plain_grains.h"
 
 namespace kelm::host {
@@ -23,9 +24,11 @@ bool WrittenGrainReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& gr
     if (!findNext())
         return false;
     grainIndex = m_nextGrainIndex++;
-    isPrepared = m_disk.tryReadPreparedGrain(grainIndex, grain);
-    if (!isPrepared)
-        readPlainGrain(m_disk, grainIndex, grain);
+    withGrainPlace(m_disk, grainIndex, [&] {
+        isPrepared = m_disk.tryReadPreparedGrain(grainIndex, grain);
+        if (!isPrepared)
+            readPlainGrain(m_disk, grainIndex, grain);
+    });
     return true;
 }
 
@@ -33,7 +36,7 @@ bool WrittenGrainReader::readNextPlain(yx::TBuffer<unsigned char>& grain, __int6
     if (!findNext())
         return false;
     grainIndex = m_nextGrainIndex++;
-    readPlainGrain(m_disk, grainIndex, grain);
+    withGrainPlace(m_disk, grainIndex, [&] { readPlainGrain(m_disk, grainIndex, grain); });
     return true;
 }
 

@@ -6,7 +6,8 @@
 namespace kelm::host {
 
 /// Reads, in order, the grains that a disk or one of its parents holds, and skips the others. For
-/// whatever copies a whole disk. To learn which grains there are, without reading them, use
+/// whatever copies a whole disk. The error of a grain that cannot be read has its place, as
+/// `addGrainPlace` says. To learn which grains there are, without reading them, use
 /// `forEachGrainRun`.
 class WrittenGrainReader {
 public:

@@ -170,6 +170,27 @@ TEST_F(Damage, FindingsComeInOrderWhateverTheThreads) {
     EXPECT_NE(one.out.find("3 findings\n"), std::string::npos) << one.out;
 }
 
+TEST_F(Damage, DamagedGrainIsNotCopiedAsIfItWereSound) {
+    makeDisk({"--compressed"});
+    runWell({"child", "disk.vmdk", "child.vmdk"});
+    patchFile("disk.vmdk", grain(3) + 12, "\xff\xff\xff\xff");
+    std::string const place = "uri: " + path("disk.vmdk") + ", grain: 3, bytes: 196608-262143)\n";
+    for (Arguments const& command :
+         {Arguments{"convert", "disk.vmdk", "copy.vmdk", "--compressed"},
+          Arguments{"convert", "disk.vmdk", "copy.vmdk"},
+          Arguments{"export", "disk.vmdk", "copy.raw"}, Arguments{"flatten", "child.vmdk"}}) {
+        Outcome const outcome = run(command);
+        EXPECT_NE(outcome.status, 0) << command.front();
+        EXPECT_NE(outcome.err.find(place), std::string::npos) << outcome.err;
+    }
+    EXPECT_EQ(listFiles().count("copy.vmdk"), 0U);
+    EXPECT_EQ(listFiles().count("copy.raw"), 0U);
+    // The child still has its parent.
+    EXPECT_NE(readFile("child.vmdk").find("parentFileNameHint=\"disk.vmdk\""), std::string::npos);
+    runWell({"convert", "disk.vmdk", "copy.vmdk", "--compressed", "--no-verify"});
+    EXPECT_EQ(run({"check", "copy.vmdk"}).status, 1);
+}
+
 TEST_F(Damage, NoiseIsNoDisk) {
     writeFile("disk.vmdk", makeImage(100000, 8).substr(0, 3));
     EXPECT_EQ(run({"info", "disk.vmdk"}).status, 3);

@@ -17,6 +17,7 @@ struct ConvertArguments {
     std::string to;
     __int64 sizeBytes = -1;
     int threads = 0;
+    bool noVerify = false;
     NewDiskOptions newDisk;
     TwoDiskPasswords passwords;
 };
@@ -36,7 +37,8 @@ ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
                                                                 arguments.passwords.ofSecond());
     NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     LongWork const work(invocation, "convert", arguments.threads);
-    host::convertDisk(*from, to.getDisk(), work.getOptions());
+    host::convertDisk(*from, to.getDisk(), work.getOptions(),
+                      arguments.noVerify ? host::RecordCheck::None : host::RecordCheck::Decode);
     to.finish();
     return ExitStatus::Done;
 }
@@ -55,6 +57,8 @@ void addConvertCommand(CLI::App& program, Run& run) {
                   "Size of the new disk, if it is to be larger");
     arguments->newDisk.addCompressedTo(command);
     arguments->newDisk.addCommonTo(command);
+    addFlag(command, "--no-verify", arguments->noVerify,
+            "Copy compressed grains without decoding them first");
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command);
 }
