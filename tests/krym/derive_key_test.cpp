@@ -1,9 +1,13 @@
 #include "krym/derive_key.h"
 
 #include <array>
+#include <functional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
 #include "tests/krym/hex.h"
 #include "tests/support/expect_error.h"
@@ -94,6 +98,70 @@ TEST(DeriveKey, BadArgumentsAreRefusedAndLeaveTheKeyAlone) {
         }));
         EXPECT_EQ(toHex(key.data(), 4), "01020304");
     }
+}
+
+// Passwords around the block of SHA-1, where HMAC takes the digest of the key in its place.
+TEST(DeriveKey, AgreesWithOpenSSLForEverySizeOfPasswordSaltAndKey) {
+    std::string const text(150, 'p');
+    for (int const passwordSize : {0, 1, 63, 64, 65, 150}) {
+        for (int const saltSize : {0, 1, 64, 150}) {
+            for (int const keySize : {1, 19, 20, 21, 32, 60, 61}) {
+                std::array<unsigned char, 61> expected{};
+                std::array<unsigned char, 61> key{};
+                ASSERT_EQ(1, PKCS5_PBKDF2_HMAC(text.data(), passwordSize,
+                                               reinterpret_cast<unsigned char const*>(text.data()),
+                                               saltSize, 3, EVP_sha1(), keySize, expected.data()));
+                krym::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(text.data(), passwordSize, text.data(),
+                                                       saltSize, 3, keySize, key.data());
+                EXPECT_EQ(expected, key) << passwordSize << ' ' << saltSize << ' ' << keySize;
+            }
+        }
+    }
+}
+
+class KeyDerivationHook : public testing::Test {
+protected:
+    ~KeyDerivationHook() override { krym::setKeyDerivationHook({}); }
+
+    static constexpr int kIterations = 3 * krym::kKeyDerivationStretch;
+};
+
+TEST_F(KeyDerivationHook, IsCalledBeforeTheFirstIterationAndBetweenStretches) {
+    std::vector<int> calls;
+    krym::setKeyDerivationHook([&](int iterations) { calls.push_back(iterations); });
+    std::array<unsigned char, 40> key{};
+    krym::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", 1, "s", 1, kIterations, 40, key.data());
+    // Twice in each of two blocks.
+    EXPECT_EQ(std::vector<int>(5, kIterations), calls);
+    krym::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", 1, "s", 1, 7, 40, key.data());
+    EXPECT_EQ(7, calls.back());
+    EXPECT_EQ(6U, calls.size());
+}
+
+TEST_F(KeyDerivationHook, EndsTheDerivationByThrowingAndLeavesNoKey) {
+    for (int last = 1; last <= 5; ++last) {
+        int calls = 0;
+        krym::setKeyDerivationHook([&](int) {
+            if (++calls == last)
+                throw std::runtime_error("stop");
+        });
+        std::array<unsigned char, 40> key{};
+        key.fill(0xee);
+        EXPECT_THROW(
+            krym::deriveKey_PKCS5_PBKDF2_HMAC_SHA1("p", 1, "s", 1, kIterations, 40, key.data()),
+            std::runtime_error);
+        EXPECT_EQ(last, calls);
+        EXPECT_EQ((std::array<unsigned char, 40>{}), key);
+    }
+}
+
+TEST_F(KeyDerivationHook, IsGivenBackWhenItIsReplaced) {
+    int calls = 0;
+    EXPECT_FALSE(krym::setKeyDerivationHook([&](int) { ++calls; }));
+    std::function<void(int)> const first = krym::setKeyDerivationHook({});
+    ASSERT_TRUE(first);
+    first(1);
+    EXPECT_EQ(1, calls);
 }
 
 } // namespace
