@@ -11,13 +11,17 @@ namespace test_support {
 yx::CURI toURI(std::filesystem::path const& path);
 
 /// A new, empty directory of the operating system, removed with all that is in it at the end, also
-/// where a test took permissions away.
+/// where a test took permissions away. What a test that was killed has left goes when the next
+/// process makes its first directory: each is locked for as long as its process lives.
 class TempDirectory {
 public:
     TempDirectory();
     TempDirectory(TempDirectory const&) = delete;
     TempDirectory& operator=(TempDirectory const&) = delete;
     ~TempDirectory();
+
+    /// Removes what tests of this user that were killed have left in the folder for temporary files.
+    static void removeLeft();
 
     /// Absolute, without links in it.
     std::filesystem::path const& path() const { return m_path; }
@@ -28,6 +32,7 @@ public:
 
 private:
     std::filesystem::path m_path;
+    int m_lock = -1;
 };
 
 } // namespace test_support
