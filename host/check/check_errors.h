@@ -8,7 +8,8 @@
 namespace kelm::host {
 
 /// Whether an error that a check meets tells of the disk's state. Others tell of the caller's
-/// situation, and end the check: a disk in use, a wrong or missing password, `CancelledError`.
+/// situation, and end the check: a disk in use, a wrong or missing password,
+/// `TooManyRoundsError`, `CancelledError`.
 bool isFinding(yx::CError const& error);
 
 /// Runs a step of a check. Returns the message of an error that is a finding, and nothing if the

@@ -8,8 +8,7 @@
 #include "host/check/check_errors.h"
 #include "host/check/extent_check.h"
 #include "host/check/grain_check.h"
-#include "host/store/error_text.h"
-#include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "kelm/format/constants.h"
 
 namespace kelm::host {
@@ -43,7 +42,7 @@ public:
 private:
     void find(yx::CURI const& file, std::string const& text) {
         ++m_findingCount;
-        m_report(file, inOneLine(text));
+        m_report(file, printable(text));
     }
 
     /// Returns the URI of the parent, empty if there is none or it cannot be known.

@@ -17,7 +17,7 @@ using FindingCallback = std::function<void(yx::CURI const& file, std::string con
 /// there were.
 ///
 /// Not findings but errors, which pass through: a main file that does not exist, a disk in use, a
-/// wrong or missing password, `CancelledError`. What `report` throws passes too. Grains are decoded
+/// wrong or missing password, `TooManyRoundsError`, `CancelledError`. What `report` throws passes too. Grains are decoded
 /// by `WorkOptions::threads` threads; `report` is called on the caller's, and the findings of
 /// an extent come in the order of its grains. Takes less than 128 MiB of memory, whatever the disk.
 __int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,

@@ -95,11 +95,6 @@ yx::CURI uriFromArgument(std::string const& argument) {
     return (uriOfPath(realFolder) << name).toNormalized();
 }
 
-std::string displayName(yx::CURI const& uri) {
-    return uri.getScheme() == "file" ? yx::toNativePath(uri).toStdString()
-                                     : uri.toString(true).toStdString();
-}
-
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file) {
     try {
         return vmdkFileReferenceToURI(folder, reference) == file.toNormalized();

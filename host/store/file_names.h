@@ -13,9 +13,6 @@ namespace kelm::host {
 /// `NotSupported`.
 yx::CURI uriFromArgument(std::string const& argument);
 
-/// How to show a file to a user: the path of a `file:` URI, the text of any other.
-std::string displayName(yx::CURI const& uri);
-
 /// Whether a descriptor in `folder` that says `reference` means `file`.
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file);
 

@@ -13,8 +13,9 @@
 #define NBDKIT_API_VERSION 2
 #include <nbdkit-plugin.h>
 
-#include "host/store/error_text.h"
 #include "host/store/file_names.h"
+#include "host/system/error_text.h"
+#include "host/system/name_text.h"
 #include "integrations/nbdkit/command_line.h"
 #include "integrations/nbdkit/errno_of.h"
 #include "integrations/nbdkit/served_disk.h"
@@ -66,7 +67,7 @@ void load() {
     // Errors that the library logs are thrown too, and told then.
     yx::setLogHandler([](yx::LogEntry const& entry) {
         if (entry.level == yx::LogLevel::Warning) {
-            nbdkit_error("warning: %s", host::inOneLine(entry.message.toStdString()).c_str());
+            nbdkit_error("warning: %s", host::printable(entry.message.toStdString()).c_str());
         }
     });
     yx::setIgnoredExceptionHandler([](char const*, std::exception& error, bool) {

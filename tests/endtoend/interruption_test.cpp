@@ -1,13 +1,9 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
-#include <iterator>
 #include <random>
 
-#include <poll.h>
-#include <sys/inotify.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "tests/endtoend/tool_fixture.h"
 
@@ -36,23 +32,6 @@ protected:
     void passRandomMoment() {
         timespec const moment{0, static_cast<long>(m_random() % 50'000'000)};
         ::nanosleep(&moment, nullptr);
-    }
-
-    /// Waits until the program has made a file, or has ended.
-    void waitForFile(RunningTool const& tool, std::string const& name) const {
-        int const watch = ::inotify_init1(IN_CLOEXEC);
-        int const process = test_support::openProcess(tool.id());
-        ASSERT_GE(::inotify_add_watch(watch, folder().c_str(), IN_CREATE), 0);
-        pollfd events[] = {{watch, POLLIN, 0}, {process, POLLIN, 0}};
-        while (listFiles().count(name) == 0 && events[1].revents == 0) {
-            ::poll(events, std::size(events), -1);
-            char news[4096];
-            if (events[0].revents != 0) {
-                ASSERT_GT(::read(watch, news, sizeof news), 0);
-            }
-        }
-        ::close(watch);
-        ::close(process);
     }
 
     std::mt19937 m_random{kSeed};

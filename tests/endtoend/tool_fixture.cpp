@@ -2,8 +2,13 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <sstream>
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 namespace endtoend {
 
@@ -20,8 +25,9 @@ std::string readAll(std::filesystem::path const& file) {
 
 } // namespace
 
-RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& arguments)
-    : RunningProgram(folder, joined({{KELM_TOOL}, arguments})) {}
+RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& arguments,
+                         std::function<void()> const& prepare)
+    : RunningProgram(folder, joined({{KELM_TOOL}, arguments}), prepare) {}
 
 std::vector<std::string> const& allCommands() {
     static std::vector<std::string> const kCommands{"create",  "info",    "import", "export",
@@ -50,6 +56,22 @@ std::string ToolTest::runBadly(int status, Arguments const& arguments) const {
     EXPECT_EQ(outcome.status, status) << outcome.err;
     EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
     return outcome.err;
+}
+
+void ToolTest::waitForFile(RunningTool const& tool, std::string const& name) const {
+    int const watch = ::inotify_init1(IN_CLOEXEC);
+    int const process = test_support::openProcess(tool.id());
+    ASSERT_GE(::inotify_add_watch(watch, folder().c_str(), IN_CREATE), 0);
+    pollfd events[] = {{watch, POLLIN, 0}, {process, POLLIN, 0}};
+    while (listFiles().count(name) == 0 && events[1].revents == 0) {
+        ::poll(events, std::size(events), -1);
+        char news[4096];
+        if (events[0].revents != 0) {
+            ASSERT_GT(::read(watch, news, sizeof news), 0);
+        }
+    }
+    ::close(watch);
+    ::close(process);
 }
 
 std::set<std::string> ToolTest::listFiles() const {

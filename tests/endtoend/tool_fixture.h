@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,7 +23,9 @@ std::vector<std::string> const& allCommands();
 /// The program kelm, running.
 class RunningTool : public test_support::RunningProgram {
 public:
-    RunningTool(std::filesystem::path const& folder, Arguments const& arguments);
+    /// `prepare` as for `RunningProgram`.
+    RunningTool(std::filesystem::path const& folder, Arguments const& arguments,
+                std::function<void()> const& prepare = {});
 };
 
 /// Runs the program in a folder of its own, as a user would.
@@ -40,6 +43,9 @@ protected:
 
     /// Runs the program, expects that status and one line on standard error, and returns the line.
     std::string runBadly(int status, Arguments const& arguments) const;
+
+    /// Waits until the program has made a file, or has ended.
+    void waitForFile(RunningTool const& tool, std::string const& name) const;
 
     /// The names in the folder.
     std::set<std::string> listFiles() const;

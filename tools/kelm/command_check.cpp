@@ -2,6 +2,7 @@
 
 #include "host/check/disk_check.h"
 #include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
@@ -24,7 +25,7 @@ __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
     return host::checkDisk(invocation.getFiles(), uri, password, work.getOptions(),
                            [&work](yx::CURI const& file, std::string const& text) {
                                work.hideBar();
-                               print(host::displayName(file) + ": " + text + "\n");
+                               print(host::printable(host::displayName(file)) + ": " + text + "\n");
                                // Long before the next one, perhaps.
                                flushOutput();
                            });

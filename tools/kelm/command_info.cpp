@@ -1,6 +1,6 @@
 #include <memory>
 
-#include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
@@ -53,7 +53,7 @@ ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
         LongWork const work(invocation, "info");
         report["space"] = reportSpace(*disk, work.getOptions());
     }
-    print(arguments.json ? report.dump(2) + "\n" : formatReport(report));
+    print(arguments.json ? formatJSON(report) + "\n" : formatReport(report));
     return ExitStatus::Done;
 }
 

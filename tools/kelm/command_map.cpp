@@ -1,14 +1,13 @@
 #include <algorithm>
 #include <memory>
 
-#include <nlohmann/json.hpp>
-
-#include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "host/transfer/disk_map.h"
 #include "host/transfer/disk_space.h"
 #include "host/transfer/raw_target.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
 #include "tools/kelm/map_picture.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/output.h"
@@ -16,8 +15,6 @@
 namespace kelm::tool {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct MapArguments {
     std::string disk;
@@ -45,10 +42,10 @@ public:
     RunPrinter(host::SafeDisk& disk, bool json) : m_json(json) {
         if (!json)
             return;
-        std::string const head = Json{{"file", host::displayName(disk.getDisk().getMainFileURI())},
-                                      {"sizeBytes", disk.getSizeBytes()},
-                                      {"grainSizeBytes", disk.getGrainSizeBytes()}}
-                                     .dump(2);
+        std::string const head =
+            formatJSON({{"file", host::displayName(disk.getDisk().getMainFileURI())},
+                        {"sizeBytes", disk.getSizeBytes()},
+                        {"grainSizeBytes", disk.getGrainSizeBytes()}});
         // Without the brace and its line.
         print(head.substr(0, head.size() - 2) + ",\n  \"runs\": [");
     }
@@ -90,8 +87,8 @@ void writePicture(Invocation& invocation, MapPicture const& picture,
 }
 
 void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
-    MapPicture picture(disk.getDisk().getMainFileURI().getName().toStdString(), disk.getSizeBytes(),
-                       disk.getGrainSizeBytes());
+    std::string const title = disk.getDisk().getMainFileURI().getName().toStdString();
+    MapPicture picture(host::printable(title), disk.getSizeBytes(), disk.getGrainSizeBytes());
     {
         LongWork const work(invocation, "map");
         host::forEachGrainRun(disk, work.getOptions(),

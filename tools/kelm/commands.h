@@ -15,8 +15,8 @@ namespace kelm::tool {
 /// What the command line asks for.
 using Run = std::function<ExitStatus(Invocation&)>;
 
-/// Adds a command, with an example under its help. Parsing a command line that names it sets `run`
-/// to `action`.
+/// Adds a command, with an example under its help and with "--max-rounds", the limit for the keys
+/// that it derives. Parsing a command line that names it sets `run` to `action` under that limit.
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action);
 

@@ -7,6 +7,7 @@
 #include "host/disk/disk_opening.h"
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "tools/kelm/errors.h"
 
 namespace kelm::tool {
@@ -34,7 +35,8 @@ std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string con
 
 host::Password const& askForPassword(Invocation const& invocation, std::string const& file,
                                      PasswordOptions& passwords) {
-    return passwords.readOrPrompt("Password of " + file, false, invocation.getCancel());
+    return passwords.readOrPrompt("Password of " + host::printable(file), false,
+                                  invocation.getCancel());
 }
 
 yx::String usedPassword(Invocation const& invocation, PasswordOptions& passwords) {

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "host/disk/disk_files.h"
-#include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "host/system/size_text.h"
 #include "host/transfer/disk_space.h"
 #include "tools/kelm/disk_access.h"
@@ -69,7 +69,7 @@ std::string line(std::string const& label, std::string const& value) {
     constexpr std::size_t kValueColumn = 14;
     std::string text = label + ":";
     text.resize(std::max(text.size() + 1, kValueColumn), ' ');
-    return text + value + "\n";
+    return text + host::printable(value) + "\n";
 }
 
 std::string formatBytes(Json const& bytes) {
@@ -143,6 +143,11 @@ Json reportSpace(host::SafeDisk& disk, host::WorkOptions const& options) {
             {"payloadBytesInFile", space.getPayloadSizeInFile()},
             {"headerBytes", space.getHeaderSize()},
             {"deadBytes", space.getDeadSpaceSize()}};
+}
+
+std::string formatJSON(Json const& document) {
+    // Names may hold what is no UTF-8.
+    return host::printableJSON(document.dump(2, ' ', false, Json::error_handler_t::replace));
 }
 
 std::string formatReport(Json const& report) {

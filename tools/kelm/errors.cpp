@@ -2,9 +2,17 @@
 
 #include <cstdio>
 
+#include "host/system/key_derivation.h"
+#include "host/system/name_text.h"
 #include "yx/log.h"
 
 namespace kelm::tool {
+
+std::string describeError(std::exception const& error) {
+    std::string const text = host::describeError(error);
+    bool const takesTooLong = dynamic_cast<host::TooManyRoundsError const*>(&error) != nullptr;
+    return takesTooLong ? text + " A larger --max-rounds allows more." : text;
+}
 
 ExitStatus exitStatusOf(std::exception const& error) {
     if (dynamic_cast<UsageError const*>(&error))
@@ -21,7 +29,7 @@ void routeLibraryMessages() {
     yx::setLogHandler([](yx::LogEntry const& entry) {
         if (entry.level == yx::LogLevel::Warning)
             std::fprintf(stderr, "kelm: warning: %s\n",
-                         host::inOneLine(entry.message.toStdString()).c_str());
+                         host::printable(entry.message.toStdString()).c_str());
     });
     yx::setIgnoredExceptionHandler([](char const*, std::exception& error, bool) {
         std::fprintf(stderr, "kelm: warning: %s\n", describeError(error).c_str());

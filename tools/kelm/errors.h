@@ -4,7 +4,7 @@
 #include <string>
 
 #include "host/disk/password_errors.h"
-#include "host/store/error_text.h"
+#include "host/system/error_text.h"
 #include "tools/kelm/exit_status.h"
 #include "yx/error.h"
 
@@ -27,8 +27,10 @@ public:
     }
 };
 
-using host::describeError;
 using host::isPasswordMissing;
+
+/// An error in one line, with what the user can do about it where that is an option of this program.
+std::string describeError(std::exception const& error);
 
 /// How the program ends with that error.
 ExitStatus exitStatusOf(std::exception const& error);

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/output.h"
@@ -40,7 +41,8 @@ ExitStatus answerParseError(CLI::App const& program, CLI::ParseError const& erro
         kelm::tool::flushOutput();
         return ExitStatus::Done;
     }
-    std::fprintf(stderr, "kelm: %s (see kelm --help)\n", error.what());
+    std::fprintf(stderr, "kelm: %s (see kelm --help)\n",
+                 kelm::host::printable(error.what()).c_str());
     return ExitStatus::WrongUsage;
 }
 

@@ -10,8 +10,6 @@ namespace kelm::tool {
 
 namespace {
 
-constexpr char kHelpGroup[] = "Passwords";
-
 /// Runs `obtain` and turns what it throws into a `PasswordError`.
 template <class Obtain>
 host::Password obtainPassword(Obtain const& obtain) {
@@ -41,12 +39,15 @@ void PasswordOptions::addTo(CLI::App& command, std::string const& prefix,
                            "Read the password " + whose + " from an open file descriptor");
     CLI::Option* const variable = command.add_option(
         name + "env", m_variable, "Take the password " + whose + " from an environment variable");
-    file->type_name("FILE")->group(kHelpGroup);
+    file->type_name("FILE")->group(kPasswordHelpGroup);
     fileDescriptor->type_name("N")
-        ->group(kHelpGroup)
+        ->group(kPasswordHelpGroup)
         ->check(CLI::Range(0, std::numeric_limits<int>::max()))
         ->excludes(file);
-    variable->type_name("NAME")->group(kHelpGroup)->excludes(file)->excludes(fileDescriptor);
+    variable->type_name("NAME")
+        ->group(kPasswordHelpGroup)
+        ->excludes(file)
+        ->excludes(fileDescriptor);
 }
 
 host::Password PasswordOptions::readFromOptions(host::CancelFlag const& cancel) const {

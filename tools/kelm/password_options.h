@@ -12,6 +12,9 @@ class App;
 
 namespace kelm::tool {
 
+/// Under this title the help lists all that is about passwords.
+inline constexpr char kPasswordHelpGroup[] = "Passwords";
+
 /// The options that say where a password comes from. There is none that takes the password itself,
 /// which every user of the machine could read.
 class PasswordOptions {

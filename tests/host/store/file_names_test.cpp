@@ -10,7 +10,6 @@
 namespace test_support {
 namespace {
 
-using kelm::host::displayName;
 using kelm::host::makeFileReference;
 using kelm::host::uriFromArgument;
 
@@ -62,11 +61,6 @@ TEST_F(FileNames, RefusesWhatIsNowhere) {
     EXPECT_THROW(uriFromArgument("file://elsewhere/a.vmdk"), yx::CIOError);
     EXPECT_TRUE(throwsIOError(yx::CIOError::NotSupported, "A file name is not valid UTF-8.",
                               {{"name", "a\xC3\xBF.vmdk"}}, [] { uriFromArgument("a\xFF.vmdk"); }));
-}
-
-TEST_F(FileNames, AreShownAsPeopleWriteThem) {
-    EXPECT_EQ("/disks/a b%.vmdk", displayName(toURI("/disks/a b%.vmdk")));
-    EXPECT_EQ("mem:///disks/a%20b.vmdk", displayName(yx::CURI("mem:///disks/a b.vmdk")));
 }
 
 TEST_F(FileNames, ReferencesAreRelativePaths) {

@@ -1,8 +1,8 @@
-#include "host/store/error_text.h"
+#include "host/system/error_text.h"
 
 #include <new>
 
-#include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "yx/error.h"
 
 namespace kelm::host {
@@ -36,15 +36,7 @@ std::string describeError(std::exception const& error) {
     std::string text = error.what();
     if (auto const* const known = dynamic_cast<yx::CError const*>(&error))
         text += describeProps(known->getParams());
-    return inOneLine(text);
-}
-
-std::string inOneLine(std::string text) {
-    for (char& character : text) {
-        if (character == '\n' || character == '\r')
-            character = ' ';
-    }
-    return text;
+    return printable(text);
 }
 
 } // namespace kelm::host

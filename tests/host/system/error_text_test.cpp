@@ -1,4 +1,4 @@
-#include "host/store/error_text.h"
+#include "host/system/error_text.h"
 
 #include <new>
 #include <stdexcept>
@@ -28,10 +28,9 @@ TEST(ErrorText, ShowsFilesByTheirPaths) {
               "Words. (uri: /tmp/a b.vmdk, other: mem:///disks/a%20b.vmdk, bad: file:///%)");
 }
 
-TEST(ErrorText, IsOneLine) {
+TEST(ErrorText, IsOneLineThatIsSafeToPrint) {
     EXPECT_EQ(describeError(yx::CError("one\ntwo\r\nthree", "", -1, yx::CProps(), nullptr)),
-              "one two  three");
-    EXPECT_EQ(inOneLine("a\nb"), "a b");
+              "one\\ntwo\\r\\nthree");
 }
 
 TEST(ErrorText, IsInPlainWordsForMemory) {
