@@ -38,13 +38,12 @@ public:
     void setSlot(__int64 grainIndex, Slot slot) { m_table[grainIndex] = slot; }
 
     __int64 getNextPosSectors() const { return m_nextPosSectors; }
-    int getFlushCount() const { return m_flushCount; }
 
     /// While set, an allocation is `CIOError` `NoSpace`, "Scripted allocation failure.", and changes
     /// nothing.
     void setFailing(bool failing) { m_failing = failing; }
 
-    void flushChangesToStream() override { ++m_flushCount; }
+    void flushChangesToStream() override {}
     __int64 allocNewGrain(__int64 grainIndex, void const* data, int size,
                           int slotSizeSectors) override;
     __int64 allocNewGrainKeepBuffer(__int64 grainIndex,
@@ -60,7 +59,6 @@ private:
     __int64 m_nextPosSectors;
     std::vector<Allocation> m_allocations;
     std::map<__int64, Slot> m_table;
-    int m_flushCount = 0;
     bool m_failing = false;
 };
 
