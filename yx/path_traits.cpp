@@ -1,9 +1,12 @@
 #include "yx/path_traits.h"
 
 #include <filesystem>
+#include <optional>
+#include <string_view>
 #include <system_error>
 
 #include "yx/error.h"
+#include "yx/internal/uri_path.h"
 
 namespace yx {
 
@@ -257,7 +260,16 @@ String getCurrentWorkDirectoryAsString() {
                        "Cannot get the current directory: " + String::fromUTF8(error.message()),
                        CProps(), nullptr);
     std::u8string const utf8 = path.u8string();
-    return String::fromUTF8({reinterpret_cast<char const*>(utf8.data()), utf8.size()});
+    std::string_view const bytes(reinterpret_cast<char const*>(utf8.data()), utf8.size());
+    std::optional<String> const text = String::tryFromUTF8(bytes);
+    if (!text) {
+        // Another reading of the bytes would name another folder.
+        throw CIOError(CIOError::NotSupported,
+                       "The path of the current directory is no UTF-8: " +
+                           String::fromUTF8(detail::escapeNativePath(bytes)),
+                       CProps(), nullptr);
+    }
+    return *text;
 }
 
 } // namespace yx

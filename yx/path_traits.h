@@ -7,7 +7,7 @@ namespace yx {
 template <class Traits>
 class TPathImpl;
 
-/// What all path traits share.
+/// What all path traits have in common.
 class YX_API CPathTraitsBase {};
 
 /// Paths with "/" alone as separator. The root is the run of leading separators; it counts as one.
@@ -44,7 +44,7 @@ protected:
     static void normalizeRoot(String& root);
     static void normalizeComponent(String& component);
 
-    /// The last touch to a path that was put together from normal parts.
+    /// The last step for a path that was put together from normal parts.
     static void finalizeNormalizedPath(String& path);
 
     /// Whether the system would not take the path as it stands.
@@ -85,7 +85,9 @@ protected:
     static bool pathNeedsToBeNormalizedToBeValid(String const& path);
 };
 
-/// The current directory. Throws `CIOError` `IOFailure` if there is none any more.
+/// The current directory. `CIOError` `IOFailure` if there is none any more; `NotSupported` if its
+/// path is no UTF-8, "The path of the current directory is no UTF-8: " and the path, escaped as in
+/// a URI.
 YX_API String getCurrentWorkDirectoryAsString();
 
 } // namespace yx

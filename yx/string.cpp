@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <ostream>
 
 #include "yx/memory.h"
@@ -10,98 +11,144 @@ namespace yx {
 
 namespace {
 
-constexpr wxUint32 kLastCodePoint = 0x10ffff;
-
-/// Whether the bytes stand for a number above the last code point. wxWidgets reads such numbers but
-/// gives no bytes at all for a text that holds one.
-bool exceedsCodePoints(std::string_view utf8) {
-    for (std::size_t i = 0; i < utf8.size(); ++i) {
-        auto const byte = static_cast<unsigned char>(utf8[i]);
-        bool const nextIsHigh =
-            i + 1 < utf8.size() && static_cast<unsigned char>(utf8[i + 1]) >= 0x90;
-        if (byte > 0xf4 || (byte == 0xf4 && nextIsHigh))
-            return true;
-    }
-    return false;
-}
+/// Stands for what is no Unicode character.
+constexpr char32_t kReplacement = 0xfffd;
 
 bool isAscii(std::string_view bytes) {
     return std::all_of(bytes.begin(), bytes.end(),
                        [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
 }
 
-bool isAscii(std::wstring_view characters) {
-    return std::all_of(characters.begin(), characters.end(),
-                       [](wchar_t character) { return static_cast<wxUint32>(character) < 0x80; });
+/// One wide character for each byte, as ASCII and Latin-1 have it.
+///
+/// The conversions of wxWidgets are not used in this file: where memory runs out, some of them end
+/// the program, and others give an empty text.
+wxString widenBytes(std::string_view bytes) {
+    constexpr std::size_t kShort = 128;
+    auto const widen = [](char byte) {
+        return static_cast<wchar_t>(static_cast<unsigned char>(byte));
+    };
+    if (bytes.size() > kShort) {
+        std::wstring characters(bytes.size(), L'\0');
+        std::transform(bytes.begin(), bytes.end(), characters.begin(), widen);
+        return wxString(characters);
+    }
+    std::array<wchar_t, kShort> characters;
+    std::transform(bytes.begin(), bytes.end(), characters.begin(), widen);
+    return wxString(characters.data(), bytes.size());
 }
 
-/// Nearly all names and keys are ASCII, and need no converter.
-wxString widenAscii(std::string_view ascii) {
-    constexpr std::size_t kShort = 128;
-    if (ascii.size() > kShort)
-        return wxString(std::wstring(ascii.begin(), ascii.end()));
-    std::array<wchar_t, kShort> characters;
-    std::copy(ascii.begin(), ascii.end(), characters.begin());
-    return wxString(characters.data(), ascii.size());
+/// The form of UTF-8 sequences that begin with a certain byte.
+struct SequenceForm {
+    std::size_t sizeBytes; ///< 0 for a byte that begins none
+    char32_t firstBits;    ///< those of the code point in the first byte
+    char32_t lowest;       ///< the first code point that needs so many bytes
+};
+
+SequenceForm getSequenceForm(unsigned char first) {
+    if (first < 0x80)
+        return {1, first, 0};
+    if (first >= 0xc2 && first < 0xe0)
+        return {2, first & 0x1fU, 0x80};
+    if (first >= 0xe0 && first < 0xf0)
+        return {3, first & 0x0fU, 0x800};
+    if (first >= 0xf0 && first < 0xf5)
+        return {4, first & 0x07U, 0x10000};
+    return {0, 0, 0};
 }
+
+bool isUnicode(char32_t codePoint) {
+    bool const isSurrogate = codePoint >= 0xd800 && codePoint < 0xe000;
+    return codePoint <= 0x10ffff && !isSurrogate;
+}
+
+/// Takes the first code point off `utf8`. Absent if there is none: a sequence that is cut short or
+/// longer than it needs to be, a surrogate, a number above the last code point.
+std::optional<char32_t> takeCodePoint(std::string_view& utf8) {
+    SequenceForm const form = getSequenceForm(static_cast<unsigned char>(utf8.front()));
+    if (form.sizeBytes == 0 || form.sizeBytes > utf8.size())
+        return std::nullopt;
+    char32_t codePoint = form.firstBits;
+    for (char const byte : utf8.substr(1, form.sizeBytes - 1)) {
+        auto const bits = static_cast<unsigned char>(byte);
+        if ((bits & 0xc0U) != 0x80)
+            return std::nullopt;
+        codePoint = codePoint << 6 | (bits & 0x3fU);
+    }
+    if (codePoint < form.lowest || !isUnicode(codePoint))
+        return std::nullopt;
+    utf8.remove_prefix(form.sizeBytes);
+    return codePoint;
+}
+
+static_assert(sizeof(wchar_t) == sizeof(char32_t), "each wide character is a code point");
 
 std::optional<wxString> tryDecode(std::string_view utf8) {
     if (isAscii(utf8))
-        return widenAscii(utf8);
-    if (exceedsCodePoints(utf8))
-        return std::nullopt;
-    wxString text = wxString::FromUTF8(utf8.data(), utf8.size());
-    if (text.empty() && !utf8.empty())
-        return std::nullopt;
-    return text;
+        return widenBytes(utf8);
+    std::wstring text;
+    text.reserve(utf8.size());
+    while (!utf8.empty()) {
+        std::optional<char32_t> const codePoint = takeCodePoint(utf8);
+        if (!codePoint)
+            return std::nullopt;
+        text += static_cast<wchar_t>(*codePoint);
+    }
+    return wxString(text);
 }
 
 wxString decode(std::string_view utf8) {
     std::optional<wxString> const text = tryDecode(utf8);
-    return text ? *text : wxString::From8BitData(utf8.data(), utf8.size());
+    return text ? *text : widenBytes(utf8);
 }
 
 wxString decode(char const* text) {
     return text ? decode(std::string_view(text)) : wxString();
 }
 
-/// The UTF-8 bytes of code points. It goes past wxString's own conversion, which keeps its result
-/// inside the string and so is not safe for two readers at once.
-std::string encodeCodePoints(std::wstring_view characters) {
-    wxMBConvUTF8 const converter;
-    std::size_t const length =
-        converter.FromWChar(nullptr, 0, characters.data(), characters.size());
-    std::string utf8(length, '\0');
-    converter.FromWChar(utf8.data(), length, characters.data(), characters.size());
-    return utf8;
+void appendUTF8(std::string& target, char32_t codePoint) {
+    auto const append = [&target](char32_t byte) { target += static_cast<char>(byte); };
+    if (codePoint < 0x80) {
+        append(codePoint);
+        return;
+    }
+    if (codePoint < 0x800) {
+        append(0xc0 | codePoint >> 6);
+    } else {
+        if (codePoint < 0x10000) {
+            append(0xe0 | codePoint >> 12);
+        } else {
+            append(0xf0 | codePoint >> 18);
+            append(0x80 | (codePoint >> 12 & 0x3f));
+        }
+        append(0x80 | (codePoint >> 6 & 0x3f));
+    }
+    append(0x80 | (codePoint & 0x3f));
 }
 
 std::string encode(wxString const& text) {
     std::wstring_view const characters(text.wc_str(), text.length());
-    if (isAscii(characters)) {
-        std::string ascii(characters.size(), '\0');
-        std::transform(characters.begin(), characters.end(), ascii.begin(),
-                       [](wchar_t character) { return static_cast<char>(character); });
-        return ascii;
+    std::string utf8;
+    utf8.reserve(characters.size());
+    for (wchar_t const character : characters) {
+        auto const codePoint = static_cast<char32_t>(character);
+        appendUTF8(utf8, isUnicode(codePoint) ? codePoint : kReplacement);
     }
-    auto const isInvalid = [](wchar_t character) {
-        return static_cast<wxUint32>(character) > kLastCodePoint;
-    };
-    if (std::none_of(characters.begin(), characters.end(), isInvalid))
-        return encodeCodePoints(characters);
-
-    constexpr wchar_t kReplacement = 0xfffd;
-    std::wstring repaired(characters);
-    std::replace_if(repaired.begin(), repaired.end(), isInvalid, kReplacement);
-    return encodeCodePoints(repaired);
+    return utf8;
 }
 
 bool isSpace(wxUniChar character) {
     return character == ' ' || (character >= '\t' && character <= '\r');
 }
 
-wxString fromAscii(std::string const& text) {
-    return wxString::FromAscii(text.data(), text.size());
+/// Room for any number of 64 bits, decimal with its sign.
+constexpr std::size_t kMaxNumberLength = 20;
+
+template <class Number>
+String formatNumber(Number value, int base = 10) {
+    std::array<char, kMaxNumberLength> digits;
+    char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), value, base).ptr;
+    return widenBytes({digits.data(), static_cast<std::size_t>(end - digits.data())});
 }
 
 } // namespace
@@ -204,27 +251,27 @@ std::ostream& operator<<(std::ostream& stream, String const& text) {
 }
 
 String toString(int value) {
-    return fromAscii(std::to_string(value));
+    return formatNumber(value);
 }
 
 String toString(unsigned int value) {
-    return fromAscii(std::to_string(value));
+    return formatNumber(value);
 }
 
 String toString(long value) {
-    return fromAscii(std::to_string(value));
+    return formatNumber(value);
 }
 
 String toString(unsigned long value) {
-    return fromAscii(std::to_string(value));
+    return formatNumber(value);
 }
 
 String toString(long long value) {
-    return fromAscii(std::to_string(value));
+    return formatNumber(value);
 }
 
 String toString(unsigned long long value) {
-    return fromAscii(std::to_string(value));
+    return formatNumber(value);
 }
 
 String toString(bool value) {
@@ -232,7 +279,7 @@ String toString(bool value) {
 }
 
 String toHexString(unsigned int value) {
-    return wxString::Format("%x", value);
+    return formatNumber(value, 16);
 }
 
 } // namespace yx

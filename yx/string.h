@@ -29,7 +29,8 @@ public:
     /// Text from UTF-8 bytes; bytes that are no UTF-8 are taken as Latin-1.
     static String fromUTF8(std::string_view utf8);
 
-    /// Text from UTF-8 bytes; absent if the bytes are no UTF-8.
+    /// Text from UTF-8 bytes; absent if the bytes are no UTF-8. Sequences that are longer than they
+    /// need to be, surrogates and numbers above U+10FFFF are none.
     static std::optional<String> tryFromUTF8(std::string_view utf8);
 
     /// As the constructors take them.
@@ -63,7 +64,8 @@ public:
     /// The same for the left end alone.
     void trimLeft();
 
-    /// The UTF-8 bytes, ended by a zero byte. U+FFFD stands for what is no Unicode character.
+    /// The UTF-8 bytes, ended by a zero byte. U+FFFD stands for what is no Unicode character, such
+    /// as a surrogate.
     wxCharBuffer toUTF8() const;
     std::string toStdString() const;
 

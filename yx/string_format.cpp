@@ -33,7 +33,7 @@ void CStringFormatBase::insertValue(__int64 value) {
             size_t const fill = width > digits.size() ? width - digits.size() : 0;
             // Zeros go behind the sign, blanks before it.
             digits.insert(zeroFilled && value < 0 ? 1 : 0, fill, zeroFilled ? '0' : ' ');
-            text.replace(start, end + 1 - start, wxString::FromAscii(digits.c_str()));
+            text.replace(start, end + 1 - start, String::fromUTF8(digits).wx());
             m_nextPos = start + digits.size();
             return;
         }

@@ -4,15 +4,15 @@
 
 namespace yx {
 
-/// What formats share: the text so far.
+/// What formats have in common: the text so far.
 class YX_API CStringFormatBase {
 protected:
     /// `format` has the places still to be filled.
     explicit CStringFormatBase(String const& format);
 
-    /// Replaces the next integer place of the format, such as "%d" or "%05d", by `value`. A width is
-    /// 999 at most. Throws `CError` if no place is left: "Too many values for the format: '" and the
-    /// text so far "'".
+    /// Replaces the next integer place of the format, such as "%d" or "%05d", by `value`. A width
+    /// is 999 at most. Throws `CError` if no place is left: "Too many values for the format: '" and
+    /// the text so far "'".
     void insertValue(__int64 value);
 
     /// The format with the places filled so far.

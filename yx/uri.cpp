@@ -1,12 +1,14 @@
 #include "yx/uri.h"
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <ostream>
 #include <string>
 #include <string_view>
 
 #include "yx/error.h"
+#include "yx/internal/stream_error.h"
 #include "yx/internal/uri_escape.h"
 #include "yx/internal/uri_path.h"
 
@@ -38,6 +40,16 @@ String unescapeForPeople(String const& escaped) {
         return byte < 0x20 || byte == 0x7f;
     });
     return hasControls ? escaped : String::tryFromUTF8(bytes).value_or(escaped);
+}
+
+/// A part that is held unescaped, from its escaped form in the text of `uri`. A part that is no
+/// text could not be escaped back to what it was.
+String unescapePart(std::string_view part, CharTest isAllowed, String const& uri) {
+    std::optional<String> const text =
+        String::tryFromUTF8(unescape(completeEscapes(part, isAllowed, uri)));
+    if (!text)
+        throwInvalid(uri);
+    return *text;
 }
 
 /// The length of the scheme in front of the first colon, 0 if the text begins with none.
@@ -86,8 +98,7 @@ CURI::CURI(String const& text) {
     std::string const utf8 = text.toStdString();
     std::string_view rest = utf8;
     if (size_t const start = rest.find('#'); start != std::string_view::npos) {
-        m_fragment =
-            String::fromUTF8(unescape(completeEscapes(rest.substr(start + 1), isQueryChar, text)));
+        m_fragment = unescapePart(rest.substr(start + 1), isQueryChar, text);
         rest = rest.substr(0, start);
     }
     if (size_t const start = rest.find('?'); start != std::string_view::npos) {
@@ -207,7 +218,13 @@ CURI CURI::getParent() const {
 String CURI::getName() const {
     std::string const path = m_path.toStdString();
     std::string_view const trimmed = withoutTrailingSeps(path);
-    return String::fromUTF8(unescape(trimmed.substr(getNameStart(trimmed))));
+    std::optional<String> const name =
+        String::tryFromUTF8(unescape(trimmed.substr(getNameStart(trimmed))));
+    if (!name) {
+        throw CIOError(CIOError::NotSupported, "The name in the URI is no UTF-8.",
+                       makeUriProps(*this), nullptr);
+    }
+    return *name;
 }
 
 String CURI::getTitle() const {
@@ -273,7 +290,7 @@ CURI CURI::operator<<(CURI const& reference) const {
 
 void CURI::parseAuthority(std::string_view authority, String const& uri) {
     auto const decode = [&uri](std::string_view text) {
-        return String::fromUTF8(unescape(completeEscapes(text, isAuthorityChar, uri)));
+        return unescapePart(text, isAuthorityChar, uri);
     };
     if (size_t const at = authority.rfind('@'); at != std::string_view::npos) {
         std::string_view const user = authority.substr(0, at);
@@ -311,6 +328,9 @@ void CURI::setPath(std::string path) {
     } else if (m_scheme.isEmpty()) {
         path = escapeColonsInFirstSegment(path);
     }
+    // What the text form cannot show must not be there, or it would read back as another URI.
+    assert(m_host || (!m_userName && !m_userAuthInfo && m_port == kNoPort));
+    assert(completeEscapes(path, isPathChar) == path);
     m_path = String::fromUTF8(path);
 }
 

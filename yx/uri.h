@@ -18,6 +18,11 @@ namespace yx {
 /// A value type. Two URIs are equal if all their parts are; `toNormalized` makes two spellings of
 /// one file equal. `CURI(uri.toString(true)) == uri` for every URI, so the text is fit for
 /// messages, keys and storage alike.
+///
+/// Escapes in the path and the query may stand for bytes that are no UTF-8, and every operation on
+/// URIs keeps them as they are. Such bytes have no form as text, so a name that holds them is
+/// refused where it would become text: by `getName`, `getTitle`, `getExtension` and the functions
+/// that give native paths. Parts that are held unescaped cannot hold such bytes at all.
 class YX_API CURI : public CBase {
 public:
     /// The empty URI.
@@ -25,8 +30,9 @@ public:
 
     /// Parses URI text. Characters that a URI may not hold, such as a blank, are escaped. A colon
     /// with no valid scheme before it, as in "my disk:1", belongs to the path. A percent sign
-    /// without two hexadecimal digits, a port that is no number up to 65535, or a bad address in
-    /// host brackets is `CError`: "Invalid URI: '" text "'".
+    /// without two hexadecimal digits, a port that is no number up to 65535, a bad address in host
+    /// brackets, or a user name, authentication information, host or fragment whose escapes are no
+    /// UTF-8 is `CError`: "Invalid URI: '" text "'".
     CURI(String const& text);
 
     /// A copy. `text` is a place for a cached text form and is not used.
@@ -79,7 +85,8 @@ public:
 
     /// The last path component, unescaped, without separators behind it; the same up to its last
     /// dot; from its last dot on. A dot at the start of the name begins no extension, so title and
-    /// extension together are always the name.
+    /// extension together are always the name. A name whose escapes are no UTF-8 is `CIOError`
+    /// `NotSupported`, "The name in the URI is no UTF-8.", with "uri".
     String getName() const;
     String getTitle() const;
     String getExtension() const;

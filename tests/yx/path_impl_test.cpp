@@ -260,6 +260,20 @@ TEST_F(CurrentFolder, MayHaveANameBeyondASCII) {
               yx::getCurrentWorkDirectoryAsString().toStdString());
 }
 
+TEST_F(CurrentFolder, WhoseNameIsNoUTF8IsRefusedByName) {
+    for (char const* const name : {"d\xFF", "d\xED\xA0\x80"}) {
+        std::filesystem::create_directory(folder() / name);
+        std::filesystem::current_path(folder() / name);
+        std::string const escaped = std::string(name) == "d\xFF" ? "/d%FF" : "/d%ED%A0%80";
+        std::string const message =
+            "The path of the current directory is no UTF-8: " + folder().string() + escaped;
+        EXPECT_TRUE(test_support::throwsIOError(yx::CIOError::NotSupported, message, {},
+                                                [] { yx::getCurrentWorkDirectoryAsString(); }));
+        EXPECT_TRUE(test_support::throwsIOError(yx::CIOError::NotSupported, message, {},
+                                                [] { unixPath("a").toAbsolute(UnixPath()); }));
+    }
+}
+
 TEST_F(CurrentFolder, ThatIsGoneIsAnIOError) {
     std::filesystem::create_directory("gone");
     std::filesystem::current_path("gone");

@@ -145,6 +145,15 @@ TEST(String, TakesWhatIsNoUTF8AsLatin1) {
         {"lone continuation", "\x80", "\xC2\x80"},
         {"cut short", "a\xC3", "a\xC3\x83"},
         {"overlong", "\xC0\xAF", "\xC3\x80\xC2\xAF"},
+        {"overlong in three bytes", "\xE0\x80\xAF", "\xC3\xA0\xC2\x80\xC2\xAF"},
+        {"the last overlong in three bytes", "\xE0\x9F\xBF", "\xC3\xA0\xC2\x9F\xC2\xBF"},
+        {"overlong in four bytes", "\xF0\x80\x80\xAF", "\xC3\xB0\xC2\x80\xC2\x80\xC2\xAF"},
+        {"the last overlong in four bytes", "\xF0\x8F\xBF\xBF", "\xC3\xB0\xC2\x8F\xC2\xBF\xC2\xBF"},
+        {"the first surrogate", "\xED\xA0\x80", "\xC3\xAD\xC2\xA0\xC2\x80"},
+        {"the last surrogate", "\xED\xBF\xBF", "\xC3\xAD\xC2\xBF\xC2\xBF"},
+        {"a pair of surrogates", "\xED\xA0\xBD\xED\xB8\x80",
+         "\xC3\xAD\xC2\xA0\xC2\xBD\xC3\xAD\xC2\xB8\xC2\x80"},
+        {"an overlong zero", "\xE0\x80\x80", "\xC3\xA0\xC2\x80\xC2\x80"},
         {"above the last code point", "\xF4\x90\x80\x80", "\xC3\xB4\xC2\x90\xC2\x80\xC2\x80"},
         {"four byte form beyond Unicode", "\xF5\x80\x80\x80", "\xC3\xB5\xC2\x80\xC2\x80\xC2\x80"},
         {"latin 1", "\xE4x", "\xC3\xA4x"},
@@ -159,7 +168,8 @@ TEST(String, TakesWhatIsNoUTF8AsLatin1) {
 
 TEST(String, TryFromUTF8TakesWhatIsUTF8) {
     for (char const* utf8 : {"", "abc", "\xC3\xA4", "\xE2\x82\xAC", "\xF0\x9F\x98\x80",
-                             "\xF4\x8F\xBF\xBF", "\xEF\xBF\xBF"}) {
+                             "\xF4\x8F\xBF\xBF", "\xEF\xBF\xBF", "\xC2\x80", "\xDF\xBF",
+                             "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80", "\xF0\x90\x80\x80"}) {
         auto const text = String::tryFromUTF8(utf8);
         ASSERT_TRUE(text.has_value()) << utf8;
         EXPECT_EQ(utf8, text->toStdString());
@@ -175,6 +185,19 @@ TEST(String, GivesAReplacementForWhatIsNoCharacter) {
     EXPECT_STREQ("a\xEF\xBF\xBD"
                  "b",
                  text.toUTF8().data());
+}
+
+TEST(String, GivesAReplacementForASurrogate) {
+    for (wchar_t const surrogate : {L'\xD800', L'\xDBFF', L'\xDC00', L'\xDFFF'}) {
+        String const text = wxString(std::wstring{L'a', surrogate, L'b'});
+        EXPECT_EQ("a\xEF\xBF\xBD"
+                  "b",
+                  text.toStdString());
+    }
+    for (wchar_t const character : {L'\xD7FF', L'\xE000'}) {
+        String const text = wxString(std::wstring{character});
+        EXPECT_EQ(text, String::fromUTF8(text.toStdString()));
+    }
 }
 
 TEST(String, OffersTheWxStringInside) {

@@ -299,6 +299,12 @@ constexpr RefusedCase kRefusedEverywhere[] = {
     {"file:///..%2f..%2fetc", "a name in its path holds a zero byte or a separator."},
     {"file:///a%FFb", "its path is no UTF-8."},
     {"file:///%C3", "its path is no UTF-8."},
+    {"file:///..%E0%80%AFsecret", "its path is no UTF-8."},
+    {"file:///real%E0%80%80.txt", "its path is no UTF-8."},
+    {"file:///a%F0%80%80%AFb", "its path is no UTF-8."},
+    {"file:///a%C0%AFb", "its path is no UTF-8."},
+    {"file:///a%ED%A0%80b", "its path is no UTF-8."},
+    {"file:///a%F4%90%80%80b", "its path is no UTF-8."},
 };
 
 template <std::size_t N>

@@ -548,4 +548,36 @@ TEST(URI, GainsAComponentThatIsEscapedAsAWhole) {
     }
 }
 
+TEST(CURI, EscapesThatAreNoUTF8StayAsTheyAre) {
+    CURI const folder("mem:/a%E4/");
+    EXPECT_EQ((folder << "b").toString(true), "mem:/a%E4/b");
+    EXPECT_EQ((folder << CURI("c%E4?q%E4")).toString(true), "mem:/a%E4/c%E4?q%E4");
+    EXPECT_EQ(folder.toNormalized().toString(true), "mem:/a%E4/");
+    EXPECT_EQ(CURI("mem:/a%E4/b%FF").getParent().toString(true), "mem:/a%E4/");
+    EXPECT_EQ(CURI("mem:/a%E4/b").getName(), "b");
+    EXPECT_NE(CURI("mem:/%E4"), CURI("mem:/%C3%A4"));
+}
+
+/// Read as text, the name would become that of another file.
+TEST(CURI, ANameThatIsNoUTF8IsRefusedWhereItWouldBecomeText) {
+    for (std::string const text :
+         {"mem:/%E4", "mem:/a/b.%E4", "mem:/%ED%A0%80/", "mem:/x%E0%80%AF.vmdk"}) {
+        CURI const uri(String::fromUTF8(text));
+        for (String (CURI::*const get)() const :
+             {&CURI::getName, &CURI::getTitle, &CURI::getExtension}) {
+            EXPECT_TRUE(test_support::throwsIOError(yx::CIOError::NotSupported,
+                                                    "The name in the URI is no UTF-8.",
+                                                    {{"uri", text}}, [&] { (uri.*get)(); }));
+        }
+    }
+}
+
+TEST(CURI, PartsThatAreHeldUnescapedCannotHoldWhatIsNoUTF8) {
+    for (std::string const text : {"s://%E4/", "s://%E4@h/", "s://u:%E4@h/", "s:/a#%E4"}) {
+        EXPECT_TRUE(test_support::throwsError("Invalid URI: '" + text + "'", {},
+                                              [&] { CURI(String::fromUTF8(text)); }));
+    }
+    EXPECT_EQ(CURI("s://%C3%A4/#%C3%A4").toString(true), "s://%C3%A4/#%C3%A4");
+}
+
 } // namespace
