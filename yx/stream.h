@@ -6,7 +6,7 @@
 
 namespace yx {
 
-/// A token that orders later writes behind earlier ones; nobody looks inside.
+/// An opaque token that orders later writes behind earlier ones.
 class YX_API IWriteBarrier : public virtual IBase {};
 
 /// A barrier that orders nothing, for streams whose writes are in order anyway.
@@ -15,7 +15,7 @@ class YX_API CDummyWriteBarrier : public CBase, public virtual IWriteBarrier {};
 /// Holds a locked byte range for as long as it lives.
 class YX_API IStreamLock : public virtual IBase {};
 
-/// What all streams have. Positions and lengths are in bytes.
+/// What all streams have in common. Positions and lengths are in bytes.
 class YX_API IStreamBase : public virtual IBase {
 public:
     /// Whether others may hold a lock on the range at the same time.
@@ -37,7 +37,11 @@ public:
     virtual void seek(__int64 position) = 0;
 
     /// Locks a byte range, shared or alone, against other holders, in this process and in others.
-    /// Fails at once with `CIOError` `AccessDenied` when another holder is in the way.
+    /// Fails at once with `CIOError` `AccessDenied` when another holder is in the way; the ranges
+    /// that are locked are then as they were.
+    ///
+    /// A range is held as long as any token on it lives. Ranges of one stream do not conflict;
+    /// where they overlap, the stronger lock counts until its token goes.
     virtual P<IStreamLock> lockRange(__int64 position, __int64 length, LockType type) = 0;
 
     /// Ends the stream; every operation after it but `close` and `getURI` is `CIOError` `Closed`.
@@ -71,8 +75,8 @@ public:
 /// A stream that can be written.
 class YX_API IOutStream : public virtual IStreamBase {
 public:
-    /// Writes all the bytes at the position and moves it on. `barrier` may be null. A stream that is
-    /// open for reading only is `CIOError` `NotAllowed`, a full device `NoSpace`.
+    /// Writes all the bytes at the position and moves it on. `barrier` may be null. A stream that
+    /// is open for reading only is `CIOError` `NotAllowed`, a full device `NoSpace`.
     virtual void write(void const* source, int sizeBytes, IWriteBarrier* barrier) = 0;
 
     /// The same for bytes that the caller leaves unchanged, so that the stream can pass them on

@@ -3,12 +3,19 @@
 #include <cstdlib>
 #include <new>
 
+#include "tests/support/allocation_failure.h"
+
 namespace {
 
 thread_local long long allocationCount = 0;
 
+/// The allocation that fails, by its count; 0 for none.
+thread_local long long failingAllocation = 0;
+
 void* allocate(std::size_t sizeBytes) noexcept {
     ++allocationCount;
+    if (allocationCount == failingAllocation)
+        return nullptr;
     return std::malloc(sizeBytes > 0 ? sizeBytes : 1);
 }
 
@@ -70,6 +77,18 @@ AllocationCounter::~AllocationCounter() = default;
 
 long long AllocationCounter::count() const {
     return allocationCount - m_start;
+}
+
+AllocationFailure::AllocationFailure(long long nth) {
+    failingAllocation = allocationCount + nth;
+}
+
+AllocationFailure::~AllocationFailure() {
+    failingAllocation = 0;
+}
+
+bool AllocationFailure::hasHappened() const {
+    return allocationCount >= failingAllocation;
 }
 
 } // namespace test_support

@@ -1,7 +1,10 @@
 // Locked ranges of files, on each file system of the framework.
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -88,12 +91,90 @@ TYPED_TEST(RangeLock, AChangeThatIsRefusedKeepsTheLock) {
     EXPECT_FALSE(this->isFree(third, 0, 1, IStreamBase::Exclusive));
 }
 
-TYPED_TEST(RangeLock, FreeingPartOfARangeLeavesTheRest) {
+TYPED_TEST(RangeLock, ARangeIsHeldAsLongAsAnyTokenOnItLives) {
     auto const first = this->one->lockRange(0, 10, IStreamBase::Exclusive);
     this->one->lockRange(4, 2, IStreamBase::Exclusive).reset();
+    this->one->lockRange(8, 10, IStreamBase::Shared).reset();
     EXPECT_FALSE(this->isFree(this->other, 3, 1, IStreamBase::Shared));
-    EXPECT_TRUE(this->isFree(this->other, 4, 2, IStreamBase::Exclusive));
-    EXPECT_FALSE(this->isFree(this->other, 6, 1, IStreamBase::Shared));
+    EXPECT_FALSE(this->isFree(this->other, 4, 2, IStreamBase::Shared));
+    EXPECT_FALSE(this->isFree(this->other, 9, 1, IStreamBase::Shared));
+    EXPECT_TRUE(this->isFree(this->other, 10, 10, IStreamBase::Exclusive));
+}
+
+TYPED_TEST(RangeLock, ATokenThatIsReplacedByAStrongerOneFreesNothingOfIt) {
+    yx::P<yx::IStreamLock> lock = this->one->lockRange(0, 10, IStreamBase::Shared);
+    lock = this->one->lockRange(0, 10, IStreamBase::Exclusive);
+    EXPECT_FALSE(this->isFree(this->other, 0, 1, IStreamBase::Shared));
+    EXPECT_FALSE(this->isFree(this->other, 9, 1, IStreamBase::Shared));
+    lock.reset();
+    EXPECT_TRUE(this->isFree(this->other, 0, 10, IStreamBase::Exclusive));
+}
+
+TYPED_TEST(RangeLock, TheStrongerOfTwoTokensCountsUntilItGoes) {
+    auto exclusive = this->one->lockRange(0, 10, IStreamBase::Exclusive);
+    auto shared = this->one->lockRange(0, 10, IStreamBase::Shared);
+    EXPECT_FALSE(this->isFree(this->other, 5, 1, IStreamBase::Shared));
+    exclusive.reset();
+    EXPECT_TRUE(this->isFree(this->other, 0, 10, IStreamBase::Shared));
+    EXPECT_FALSE(this->isFree(this->other, 5, 1, IStreamBase::Exclusive));
+    shared.reset();
+    EXPECT_TRUE(this->isFree(this->other, 0, 10, IStreamBase::Exclusive));
+}
+
+TYPED_TEST(RangeLock, ARefusedRangeLeavesThoseThatItMeetsAsTheyWere) {
+    auto const exclusive = this->one->lockRange(0, 4, IStreamBase::Exclusive);
+    auto const shared = this->one->lockRange(4, 4, IStreamBase::Shared);
+    auto const foreign = this->other->lockRange(12, 1, IStreamBase::Exclusive);
+    for (IStreamBase::LockType const type : {IStreamBase::Shared, IStreamBase::Exclusive}) {
+        EXPECT_FALSE(this->isFree(this->one, 2, 20, type));
+        EXPECT_FALSE(this->isFree(this->other, 3, 1, IStreamBase::Shared));
+        EXPECT_TRUE(this->isFree(this->other, 4, 4, IStreamBase::Shared));
+        EXPECT_FALSE(this->isFree(this->other, 7, 1, IStreamBase::Exclusive));
+        EXPECT_TRUE(this->isFree(this->other, 8, 100, IStreamBase::Exclusive));
+    }
+}
+
+/// Against a model that knows of each byte which tokens cover it.
+TYPED_TEST(RangeLock, ManyTokensOfTwoStreamsBehaveAsAModelOfBytes) {
+    constexpr unsigned int kSeed = 20260117;
+    constexpr int kBytes = 12;
+    SCOPED_TRACE(kSeed);
+    struct Token {
+        yx::P<yx::IStreamLock> lock;
+        int stream;
+        int begin;
+        int end;
+        bool exclusive;
+    };
+    std::mt19937 random(kSeed);
+    std::vector<Token> tokens;
+    yx::P<IIOStream> const streams[] = {this->one, this->other};
+    int refused = 0;
+    for (int round = 0; round < 4000; ++round) {
+        if (tokens.size() > 5 || (!tokens.empty() && random() % 3 == 0)) {
+            tokens.erase(tokens.begin() + static_cast<int>(random() % tokens.size()));
+            continue;
+        }
+        Token token{nullptr, static_cast<int>(random() % 2), static_cast<int>(random() % kBytes), 0,
+                    random() % 3 == 0};
+        token.end = token.begin + 1 + static_cast<int>(random() % 4);
+        bool const isBlocked = std::ranges::any_of(tokens, [&](Token const& held) {
+            return held.stream != token.stream && held.begin < token.end &&
+                   token.begin < held.end && (held.exclusive || token.exclusive);
+        });
+        try {
+            token.lock = streams[token.stream]->lockRange(token.begin, token.end - token.begin,
+                                                          token.exclusive ? IStreamBase::Exclusive
+                                                                          : IStreamBase::Shared);
+        } catch (CIOError const& error) {
+            ASSERT_EQ(error.getIOCode(), CIOError::AccessDenied) << error.what();
+        }
+        ASSERT_EQ(!token.lock, isBlocked) << "round " << round;
+        refused += isBlocked ? 1 : 0;
+        if (token.lock)
+            tokens.push_back(token);
+    }
+    EXPECT_GT(refused, 300);
 }
 
 TYPED_TEST(RangeLock, BelongsToTheFileAndNotToItsName) {

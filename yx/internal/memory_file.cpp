@@ -1,6 +1,7 @@
 #include "yx/internal/memory_file.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "yx/memory.h"
 
@@ -12,6 +13,7 @@ __int64 MemoryFile::getLength() const {
 }
 
 int MemoryFile::read(__int64 position, void* target, int sizeBytes) const {
+    assert(position >= 0 && sizeBytes >= 0);
     std::lock_guard const lock(m_mutex);
     auto const count =
         static_cast<int>(std::clamp<__int64>(m_length - position, 0, __int64{sizeBytes}));
@@ -31,6 +33,7 @@ int MemoryFile::read(__int64 position, void* target, int sizeBytes) const {
 }
 
 void MemoryFile::write(__int64 position, void const* source, int sizeBytes) {
+    assert(position >= 0 && sizeBytes >= 0);
     std::lock_guard const lock(m_mutex);
     auto const* bytes = static_cast<unsigned char const*>(source);
     for (int done = 0; done < sizeBytes;) {
@@ -56,6 +59,7 @@ void MemoryFile::setLength(__int64 length) {
         m_chunks.erase(firstCut, m_chunks.end());
     }
     m_length = length;
+    assert(m_chunks.empty() || m_chunks.rbegin()->first * kChunkSizeBytes < m_length);
 }
 
 RangeLocks::Owner MemoryFile::makeLockOwner() {
@@ -63,18 +67,19 @@ RangeLocks::Owner MemoryFile::makeLockOwner() {
     return ++m_lastLockOwner;
 }
 
-bool MemoryFile::tryLock(RangeLocks::Owner owner, __int64 begin, __int64 end, bool exclusive) {
+std::optional<RangeLocks::Token> MemoryFile::tryLock(RangeLocks::Range const& range) {
     std::lock_guard const lock(m_mutex);
-    return m_locks.tryLock(owner, begin, end, exclusive);
+    return m_locks.tryLock(range);
 }
 
-void MemoryFile::unlock(RangeLocks::Owner owner, __int64 begin, __int64 end) {
+void MemoryFile::unlock(RangeLocks::Token token) noexcept {
     std::lock_guard const lock(m_mutex);
-    m_locks.unlock(owner, begin, end);
+    m_locks.unlock(token);
 }
 
 void MemoryFile::writeToChunk(__int64 index, int offset, unsigned char const* source,
                               int sizeBytes) {
+    assert(offset >= 0 && sizeBytes > 0 && offset + sizeBytes <= kChunkSizeBytes);
     auto const size = static_cast<std::size_t>(sizeBytes);
     auto chunk = m_chunks.find(index);
     if (chunk == m_chunks.end()) {

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "yx/base.h"
 #include "yx/internal/range_locks.h"
@@ -29,8 +30,10 @@ public:
 
     /// A new owner of locks.
     RangeLocks::Owner makeLockOwner();
-    bool tryLock(RangeLocks::Owner owner, __int64 begin, __int64 end, bool exclusive);
-    void unlock(RangeLocks::Owner owner, __int64 begin, __int64 end);
+
+    /// Those of `RangeLocks`.
+    std::optional<RangeLocks::Token> tryLock(RangeLocks::Range const& range);
+    void unlock(RangeLocks::Token token) noexcept;
 
 private:
     static constexpr int kChunkSizeBytes = 64 * 1024;

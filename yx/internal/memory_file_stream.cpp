@@ -1,7 +1,9 @@
 #include "yx/internal/memory_file_stream.h"
 
+#include <cassert>
 #include <cerrno>
 #include <new>
+#include <optional>
 
 #include "yx/internal/file_error.h"
 #include "yx/internal/stream_error.h"
@@ -13,18 +15,26 @@ namespace {
 /// Keeps the file, so that the range stays locked when the stream has gone.
 class CMemoryRangeLock : public CBase, public virtual IStreamLock {
 public:
-    CMemoryRangeLock(std::shared_ptr<detail::MemoryFile> file, detail::RangeLocks::Owner owner,
-                     __int64 begin, __int64 end)
-        : m_file(std::move(file)), m_owner(owner), m_begin(begin), m_end(end) {}
+    explicit CMemoryRangeLock(std::shared_ptr<detail::MemoryFile> file) : m_file(std::move(file)) {}
     CMemoryRangeLock(CMemoryRangeLock const&) = delete;
     CMemoryRangeLock& operator=(CMemoryRangeLock const&) = delete;
-    ~CMemoryRangeLock() override { m_file->unlock(m_owner, m_begin, m_end); }
+    ~CMemoryRangeLock() override {
+        if (m_token)
+            m_file->unlock(*m_token);
+    }
+
+    /// Called once. Whether no other holder is in the way.
+    bool tryLock(detail::RangeLocks::Range const& range) {
+        assert(!m_token);
+        m_token = m_file->tryLock(range);
+        return m_token.has_value();
+    }
 
 private:
     std::shared_ptr<detail::MemoryFile> m_file;
-    detail::RangeLocks::Owner m_owner;
-    __int64 m_begin;
-    __int64 m_end;
+
+    /// Absent until the range is locked.
+    std::optional<detail::RangeLocks::Token> m_token;
 };
 
 } // namespace
@@ -75,9 +85,11 @@ void CMemoryFileStream::writeAt(__int64 position, Piece const* pieces, int count
 }
 
 P<IStreamLock> CMemoryFileStream::lockAt(__int64 position, __int64 length, bool exclusive) {
-    if (!m_file->tryLock(m_lockOwner, position, position + length, exclusive))
+    // Made first: a range would stay locked if memory ran out behind it.
+    P<CMemoryRangeLock> const lock = makeObject<CMemoryRangeLock>(m_file);
+    if (!lock->tryLock({m_lockOwner, position, position + length, exclusive}))
         detail::throwRangeLocked(uri(), position, length);
-    return makeObject<CMemoryRangeLock>(m_file, m_lockOwner, position, position + length);
+    return lock;
 }
 
 } // namespace yx

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <filesystem>
 #include <limits>
@@ -36,40 +37,6 @@ struct stat queryFile(int descriptor, CURI const& uri) {
     return status;
 }
 
-/// Sets or frees a lock of the open file; 0 or the `errno` value.
-int setRangeLock(int descriptor, short type, __int64 position, __int64 length) {
-    struct flock range {};
-    range.l_type = type;
-    range.l_whence = SEEK_SET;
-    range.l_start = position;
-    range.l_len = length;
-    while (::fcntl(descriptor, F_OFD_SETLK, &range) != 0) {
-        if (errno != EINTR)
-            return errno;
-    }
-    return 0;
-}
-
-/// Keeps the open file, since its locks end with it.
-class CNativeRangeLock : public CBase, public virtual IStreamLock {
-public:
-    CNativeRangeLock(std::shared_ptr<detail::FileDescriptor> descriptor, __int64 position,
-                     __int64 length)
-        : m_descriptor(std::move(descriptor)), m_position(position), m_length(length) {}
-    CNativeRangeLock(CNativeRangeLock const&) = delete;
-    CNativeRangeLock& operator=(CNativeRangeLock const&) = delete;
-
-    /// A child process that shares the open file does not keep the lock.
-    ~CNativeRangeLock() override {
-        setRangeLock(m_descriptor->get(), F_UNLCK, m_position, m_length);
-    }
-
-private:
-    std::shared_ptr<detail::FileDescriptor> m_descriptor;
-    __int64 m_position;
-    __int64 m_length;
-};
-
 /// The pieces of a gathering write that are still to be written.
 class RemainingPieces {
 public:
@@ -88,6 +55,7 @@ public:
                                 static_cast<std::size_t>(piece->sizeBytes) - skipped};
             skipped = 0;
         }
+        assert(count > 0 && vectors[0].iov_len > 0);
         return static_cast<int>(count);
     }
 
@@ -97,6 +65,7 @@ public:
             m_doneOfPiece -= static_cast<std::size_t>(m_piece->sizeBytes);
             ++m_piece;
         }
+        assert((m_piece != m_end || m_doneOfPiece == 0) && "no more was written than was given");
     }
 
 private:
@@ -105,7 +74,7 @@ private:
     std::size_t m_doneOfPiece = 0;
 };
 
-/// Whether a failed sync of a folder only tells that folders cannot be synced there.
+/// Whether a failed sync of a folder only means that folders cannot be synced there.
 bool isSyncUnsupported(int errorNumber) {
     return errorNumber == EINVAL || errorNumber == ENOTSUP || errorNumber == ENOSYS;
 }
@@ -146,19 +115,20 @@ __int64 CNativeFileStream::getLength() const {
 }
 
 P<IStreamLock> CNativeFileStream::lockAt(__int64 position, __int64 length, bool exclusive) {
-    int const error =
-        setRangeLock(m_descriptor->get(), exclusive ? F_WRLCK : F_RDLCK, position, length);
+    if (!m_locks)
+        m_locks = std::make_shared<detail::NativeRangeLocks>(m_descriptor);
+    auto const [lock, error] = m_locks->lock(position, position + length, exclusive);
+    if (lock)
+        return lock;
     if (error == EAGAIN || error == EACCES)
         detail::throwRangeLocked(uri(), position, length);
-    if (error != 0) {
-        // The one thing that can be invalid here is the command, on a system too old for it.
-        throw detail::makeFileError(FileAction::Lock, error == EINVAL ? ENOTSUP : error,
-                                    detail::makeRangeProps(uri(), position, "length", length));
-    }
-    return makeObject<CNativeRangeLock>(m_descriptor, position, length);
+    // The one thing that can be invalid here is the command, on a system too old for it.
+    throw detail::makeFileError(FileAction::Lock, error == EINVAL ? ENOTSUP : error,
+                                detail::makeRangeProps(uri(), position, "length", length));
 }
 
 void CNativeFileStream::close() {
+    m_locks.reset();
     std::shared_ptr<detail::FileDescriptor> const descriptor = std::move(m_descriptor);
     // A lock may still need the open file, and then ends it.
     if (!descriptor || descriptor.use_count() > 1)
@@ -178,6 +148,7 @@ void CNativeFileStream::flush() {
     syncContent();
     if (m_folderNeedsSync)
         syncFolder();
+    assert(m_syncError == 0);
     m_contentNeedsSync = false;
     m_folderNeedsSync = false;
 }
@@ -188,11 +159,14 @@ void CNativeFileStream::setLength(__int64 length) {
         detail::throwBadLength(uri(), length);
     m_contentNeedsSync = true;
     while (::ftruncate(m_descriptor->get(), length) != 0) {
-        if (errno != EINTR) {
-            throw detail::makeFileError(
-                FileAction::SetLength, errno,
-                detail::makeUriProps(uri()).add("length", toString(length)));
-        }
+        int const error = errno;
+        if (error == EINTR)
+            continue;
+        // A device refuses every length.
+        bool const isFixed =
+            error == EINVAL && !S_ISREG(queryFile(m_descriptor->get(), uri()).st_mode);
+        throw detail::makeFileError(FileAction::SetLength, isFixed ? ENOTSUP : error,
+                                    detail::makeUriProps(uri()).add("length", toString(length)));
     }
 }
 

@@ -6,15 +6,15 @@
 #include "yx/internal/early_write_back.h"
 #include "yx/internal/file_descriptor.h"
 #include "yx/internal/file_stream.h"
+#include "yx/internal/native_range_locks.h"
 #include "yx/native_file_system.h"
 
 namespace yx {
 
 /// A stream on a file of the operating system. Internal. Every transfer is a positioned one.
 ///
-/// A lock belongs to the open file: other streams conflict with it, also in this process; locks of
-/// one stream replace each other where they overlap. It holds until the token goes, or the process
-/// ends, and keeps the file open so long.
+/// A lock belongs to the open file: other streams conflict with it, also in this process. It holds
+/// until its token goes or the process ends, and keeps the file open so long.
 class CNativeFileStream : public CFileStream {
 public:
     /// Takes the open file over. `path` is absolute; the folder to sync is found by it.
@@ -44,6 +44,9 @@ private:
 
     /// Null once closed.
     std::shared_ptr<detail::FileDescriptor> m_descriptor;
+
+    /// Null until the first lock, and once closed. Tokens keep it.
+    std::shared_ptr<detail::NativeRangeLocks> m_locks;
     std::string m_path;
 
     bool m_contentNeedsSync = false;

@@ -1,33 +1,50 @@
 #include "yx/internal/range_locks.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace yx::detail {
 
-bool RangeLocks::tryLock(Owner owner, __int64 begin, __int64 end, bool exclusive) {
-    bool const blocked = std::any_of(m_ranges.begin(), m_ranges.end(), [&](Range const& range) {
-        return range.owner != owner && range.overlaps(begin, end) && (exclusive || range.exclusive);
-    });
-    if (blocked)
-        return false;
-    unlock(owner, begin, end);
-    m_ranges.push_back({owner, begin, end, exclusive});
-    return true;
+namespace {
+
+bool conflict(RangeLocks::Range const& one, RangeLocks::Range const& other) {
+    return one.owner != other.owner && one.overlaps(other) && (one.exclusive || other.exclusive);
 }
 
-void RangeLocks::unlock(Owner owner, __int64 begin, __int64 end) {
-    std::vector<Range> kept;
+} // namespace
+
+std::optional<RangeLocks::Token> RangeLocks::tryLock(Range const& range) {
+    assert(range.begin >= 0 && range.begin < range.end);
+    bool const blocked = std::ranges::any_of(
+        m_ranges, [&range](Range const& held) { return conflict(held, range); });
+    if (blocked)
+        return std::nullopt;
+    m_ranges.push_back(range);
+    return std::prev(m_ranges.end());
+}
+
+void RangeLocks::unlock(Token token) noexcept {
+    assert(
+        std::ranges::none_of(m_ranges, [&](Range const& held) { return conflict(held, *token); }));
+    m_ranges.erase(token);
+}
+
+RangeLocks::Stretch RangeLocks::getStretch(Owner owner, __int64 position,
+                                           __int64 end) const noexcept {
+    assert(position < end);
+    Stretch stretch{Hold::None, end};
     for (Range const& range : m_ranges) {
-        if (range.owner != owner || !range.overlaps(begin, end)) {
-            kept.push_back(range);
+        if (range.owner != owner)
             continue;
+        if (range.holds(position)) {
+            stretch.hold = std::max(stretch.hold, range.exclusive ? Hold::Exclusive : Hold::Shared);
+            stretch.end = std::min(stretch.end, range.end);
+        } else if (range.begin > position) {
+            stretch.end = std::min(stretch.end, range.begin);
         }
-        if (range.begin < begin)
-            kept.push_back({owner, range.begin, begin, range.exclusive});
-        if (end < range.end)
-            kept.push_back({owner, end, range.end, range.exclusive});
     }
-    m_ranges = std::move(kept);
+    assert(stretch.end > position);
+    return stretch;
 }
 
 } // namespace yx::detail

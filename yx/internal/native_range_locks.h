@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "yx/internal/file_descriptor.h"
+#include "yx/internal/range_locks.h"
+#include "yx/stream.h"
+
+namespace yx::detail {
+
+/// The ranges that one open file of the operating system has locked. Internal.
+///
+/// The system keeps one lock per byte and open file, and does not count how often it was asked for.
+/// This table does, and passes on only what changes when a range comes or goes. It keeps the file
+/// open, since its locks end with it. Safe for several threads.
+class NativeRangeLocks : public std::enable_shared_from_this<NativeRangeLocks> {
+public:
+    explicit NativeRangeLocks(std::shared_ptr<FileDescriptor> descriptor)
+        : m_descriptor(std::move(descriptor)) {}
+    NativeRangeLocks(NativeRangeLocks const&) = delete;
+    NativeRangeLocks& operator=(NativeRangeLocks const&) = delete;
+
+    /// All ranges have gone: each token keeps the table.
+    ~NativeRangeLocks();
+
+    struct Result {
+        P<IStreamLock> token; ///< null on a failure, and then nothing has changed
+        int error;            ///< the `errno` value of the failure, 0 on success
+    };
+
+    /// Locks the range from `begin` to before `end`. Throws `std::bad_alloc`; nothing has changed
+    /// then either.
+    Result lock(__int64 begin, __int64 end, bool exclusive);
+
+private:
+    class Lock;
+
+    int take(RangeLocks::Token token);
+    void giveBack(RangeLocks::Token token) noexcept;
+    int updateSystem(__int64 begin, __int64 end) const noexcept;
+
+    std::shared_ptr<FileDescriptor> m_descriptor;
+    std::mutex m_mutex;
+    RangeLocks m_ranges;
+};
+
+} // namespace yx::detail
