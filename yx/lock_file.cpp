@@ -1,5 +1,6 @@
 #include "yx/lock_file.h"
 
+#include <cassert>
 #include <chrono>
 #include <thread>
 
@@ -23,7 +24,7 @@ bool isLockingUnsupported(CError const& error) {
            fileSystemError->getProblem() == CFileSystemError::LockingNotSupported;
 }
 
-/// For cleaning up behind a failure: the caller is told that one and not what follows from it.
+/// For cleaning up after a failure: the caller gets that failure, not one of the cleaning up.
 template <class Action>
 void tryTo(Action const& action) {
     try {
@@ -49,6 +50,7 @@ CLockFile::CLockFile(IFileSystem* fileSystem, CURI const& uri, LockType type, bo
 }
 
 CLockFile::~CLockFile() {
+    assert(m_file && "the lock is held as long as the object lives");
     try {
         if (!m_keepFile)
             m_file->removeIfAlone();
@@ -83,12 +85,14 @@ std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem,
     do {
         auto file = std::make_unique<detail::OpenLockFile>(fileSystem, m_uri);
         try {
-            if (file->tryEnter())
+            if (file->tryEnter()) {
+                assert(file->isPresent());
                 return file;
+            }
         } catch (CError const& error) {
             // Where nobody can lock, the file would only keep readers from going on without one.
             if (!existed && isLockingUnsupported(error))
-                tryTo([&] { fileSystem->deleteFile(m_uri, true); });
+                tryTo([&] { file->removeUnlocked(); });
             throw;
         }
         std::this_thread::yield();

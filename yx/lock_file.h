@@ -11,22 +11,25 @@ namespace detail {
 class OpenLockFile;
 }
 
-/// How the message begins where nobody holds the lock but its file cannot be made, opened or locked.
-/// Behind it stands the message of the cause. No code of the error says it, so callers compare with
-/// this.
+/// How the message begins where nobody holds the lock but its file cannot be made, opened or
+/// locked. Behind it stands the message of the cause. No code of the error says it, so callers
+/// compare with this.
 inline constexpr char kLockNotTakenMessagePrefix[] = "Cannot take the lock file: ";
 
 /// Holds a lock file for as long as it lives.
 ///
 /// The lock belongs to the open file and vanishes with its process, so a crash leaves nothing that
 /// blocks (a process that was forked off meanwhile and runs no other program shares the lock). Two
-/// objects in one process conflict just as two processes do; shared holders coexist. The last holder
-/// removes the file, without a race in which two parties hold the lock on different files of that
-/// name. It works on every file system whose streams lock ranges; bytes 0 and 1 of the file are
-/// locked, and its length is 0.
+/// objects in one process conflict just as two processes do; shared holders coexist. The last
+/// holder removes the file, without a race in which two parties hold the lock on different files of
+/// that name. It works on every file system whose streams lock ranges; bytes 0 and 1 of the file
+/// are locked, and its length is 0.
 ///
-/// A failure to remove the file at the end is reported to `onExceptionInDestructorIgnored`; the file
-/// that stays is in nobody's way.
+/// What is at the name but is no lock file, because it has content that is no mark of ours, or is a
+/// symbolic link, is never changed, deleted or followed.
+///
+/// A failure to remove the file at the end is reported to `onExceptionInDestructorIgnored`; the
+/// file that stays is in nobody's way.
 class YX_API CLockFile : public CBase {
 public:
     /// Whether others may hold the lock at the same time.
@@ -41,6 +44,8 @@ public:
     /// - "The disk is in use: its lock file is held by another program or another open disk."
     /// - "The lock file does not exist.", if `createFile` is false.
     /// - "The lock file is being removed by another program.", if that takes half a second.
+    /// - "The name of the lock file belongs to another file.", if that has content.
+    /// - "The name of the lock file belongs to a symbolic link."
     /// - `kLockNotTakenMessagePrefix` and the message of the cause, if the file cannot be made,
     ///   opened for writing or locked; each type needs all of that.
     ///

@@ -7,11 +7,12 @@
 
 namespace yx {
 
-/// Files in memory under any absolute URI, with the behaviour and the errors of `CNativeFileSystem`:
-/// for tests and for hosts. A relative URI is `CIOError` `NotSupported`. Spellings of a URI that are
-/// equal when normalised name one file. There are no folders to make; a URI that ends in "/" names
-/// no file. Open streams keep a deleted or replaced file as it is for them. Stretches of zeros that
-/// nobody wrote take no memory. Safe for several threads as far as each stream has one user.
+/// Files in memory under any absolute URI, with the behaviour and the errors of
+/// `CNativeFileSystem`: for tests and for hosts. A relative URI is `CIOError` `NotSupported`.
+/// Spellings of a URI that are equal when normalised name one file. There are no folders to make; a
+/// URI that ends in "/" names no file. Open streams keep a deleted or replaced file as it is for
+/// them. Stretches of zeros that nobody wrote take no memory. Safe for several threads as far as
+/// each stream has one user.
 class YX_API CMemoryFileSystem : public CBase, public virtual IFileSystem {
 public:
     /// No files.
@@ -21,7 +22,7 @@ public:
     ~CMemoryFileSystem() override;
 
     P<IIOStream> openFile(CURI const& uri, IIOStream::Access access,
-                          unsigned int* reserved) override;
+                          unsigned int* options) override;
     bool fileExists(CURI const& uri) override;
     void deleteFile(CURI const& uri, bool ignoreMissing) override;
 

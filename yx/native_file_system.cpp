@@ -32,6 +32,16 @@ int getRefusal(mode_t mode) {
     return S_ISFIFO(mode) || S_ISSOCK(mode) ? ESPIPE : 0;
 }
 
+bool isLink(std::string const& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+/// Whether a name has no file, also because no file could have it.
+bool isMissing(int errorNumber) {
+    return errorNumber == ENOENT || errorNumber == ENOTDIR || errorNumber == ENAMETOOLONG;
+}
+
 /// Names the same file after a change of the current directory. Empty if that directory is gone.
 std::string toAbsolute(std::string const& path) {
     std::error_code error;
@@ -42,9 +52,12 @@ std::string toAbsolute(std::string const& path) {
 
 CNativeFileSystem::CNativeFileSystem(NativeFlush flush) : m_flush(flush) {}
 
-P<IIOStream> CNativeFileSystem::openFile(CURI const& uri, IIOStream::Access access, unsigned int*) {
+P<IIOStream> CNativeFileSystem::openFile(CURI const& uri, IIOStream::Access access,
+                                         unsigned int* options) {
     std::string const path = toPath(uri);
-    int const flags = access == IIOStream::ReadWrite ? O_RDWR | O_CREAT : O_RDONLY;
+    bool const followsLinks = !options || (*options & DoNotFollowLink) == 0;
+    int const flags = (access == IIOStream::ReadWrite ? O_RDWR | O_CREAT : O_RDONLY) |
+                      (followsLinks ? 0 : O_NOFOLLOW);
     auto descriptor =
         std::make_shared<detail::FileDescriptor>(detail::openDescriptor(path.c_str(), flags));
     int error = descriptor->get() < 0 ? -descriptor->get() : 0;
@@ -52,6 +65,12 @@ P<IIOStream> CNativeFileSystem::openFile(CURI const& uri, IIOStream::Access acce
     if (error == 0 && ::fstat(descriptor->get(), &status) != 0)
         error = errno;
     if (error == 0)
+        error = getRefusal(status.st_mode);
+    if (error == ELOOP && !followsLinks && isLink(path))
+        throw CIOError(CIOError::NotAllowed, "The file is a symbolic link.",
+                       detail::makeUriProps(uri), nullptr);
+    // A socket cannot even be opened to be looked at.
+    if (error == ENXIO && ::stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode))
         error = getRefusal(status.st_mode);
     if (error != 0)
         throw detail::makeFileError(FileAction::Open, error, detail::makeUriProps(uri));
@@ -63,8 +82,7 @@ bool CNativeFileSystem::fileExists(CURI const& uri) {
     struct stat status {};
     if (::stat(toPath(uri).c_str(), &status) == 0)
         return !S_ISDIR(status.st_mode);
-    // A name that is too long can have no file either.
-    if (errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG)
+    if (isMissing(errno))
         return false;
     throw detail::makeFileError(FileAction::Query, errno, detail::makeUriProps(uri));
 }
@@ -72,7 +90,7 @@ bool CNativeFileSystem::fileExists(CURI const& uri) {
 void CNativeFileSystem::deleteFile(CURI const& uri, bool ignoreMissing) {
     if (::unlink(toPath(uri).c_str()) == 0)
         return;
-    if (ignoreMissing && (errno == ENOENT || errno == ENOTDIR))
+    if (ignoreMissing && isMissing(errno))
         return;
     throw detail::makeFileError(FileAction::Delete, errno, detail::makeUriProps(uri));
 }

@@ -11,8 +11,9 @@ enum class NativeFlush {
 };
 
 /// Files of the operating system, named by `file:` URIs; a relative reference starts at the current
-/// directory, and any other URI is `CIOError` `NotSupported`. Files and block devices can be opened;
-/// folders are `AccessDenied`, pipes and sockets `NotSupported`. `fileExists` is false for a folder.
+/// directory, and any other URI is `CIOError` `NotSupported`. Files and block devices can be
+/// opened; folders are `AccessDenied`, pipes and sockets `NotSupported`. `fileExists` is false for
+/// a folder.
 ///
 /// Its streams use positioned reads and writes that restart after interruption and finish short
 /// transfers; they do not buffer. `flush` with `NativeFlush::ToDevice` returns when all that was
@@ -23,16 +24,16 @@ enum class NativeFlush {
 ///
 /// Errors have a message that ends in the operating system's words, and carry "uri", a transfer
 /// "position" and "bytesToRead" or "bytesToWrite", a change of length "length", and a lock
-/// "position" and "length". A full device, an exceeded quota and a file too long for its file system
-/// are `NoSpace`; what the system refuses is `AccessDenied`; a change through a stream that is open
-/// for reading is `NotAllowed`.
+/// "position" and "length". A full device, an exceeded quota and a file too long for its file
+/// system are `NoSpace`; what the system refuses is `AccessDenied`; a change through a stream that
+/// is open for reading is `NotAllowed`.
 class YX_API CNativeFileSystem : public CBase, public virtual IFileSystem {
 public:
     /// `flush` is for all streams that it makes.
     explicit CNativeFileSystem(NativeFlush flush = NativeFlush::ToDevice);
 
     P<IIOStream> openFile(CURI const& uri, IIOStream::Access access,
-                          unsigned int* reserved) override;
+                          unsigned int* options) override;
     bool fileExists(CURI const& uri) override;
     void deleteFile(CURI const& uri, bool ignoreMissing) override;
 

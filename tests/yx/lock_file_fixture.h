@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/bytes.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/hooked_file_system.h"
 #include "yx/lock_file.h"
@@ -21,6 +22,9 @@ using Held = yx::P<yx::CLockFile>;
 inline constexpr char kName[] = "disk.vmdk.lock";
 inline constexpr char kInUse[] =
     "The disk is in use: its lock file is held by another program or another open disk.";
+
+/// What a crash may leave of a file that was about to be removed.
+inline constexpr char kMark[] = "kelm dead lock: 0123456789abcdef";
 
 inline constexpr yx::CLockFile::LockType kBothTypes[] = {yx::CLockFile::Shared,
                                                          yx::CLockFile::Exclusive};
@@ -89,6 +93,13 @@ protected:
 
     yx::IFileSystem& files() { return *backend.files; }
     yx::CURI uri() const { return backend.uri(kName); }
+
+    /// Makes or replaces the file, as others do who know nothing of lock files.
+    void put(std::string const& content) {
+        open()->setLength(0);
+        test_support::writeAt(*open(), 0, test_support::fromText(content));
+    }
+    std::string get() { return test_support::toText(test_support::readFile(files(), uri())); }
 
     /// That nothing is held and nothing is left over that blocks.
     void expectFree() {

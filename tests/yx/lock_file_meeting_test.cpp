@@ -16,6 +16,7 @@ using lock_file_fixture::Held;
 using lock_file_fixture::Interruption;
 using lock_file_fixture::kBothTypes;
 using lock_file_fixture::kInUse;
+using lock_file_fixture::kMark;
 using lock_file_fixture::LockFile;
 using lock_file_fixture::take;
 using lock_file_fixture::tryTake;
@@ -121,12 +122,13 @@ TYPED_TEST(LockFileMeeting, AnotherTakesWhileAHolderLeaves) {
 }
 
 TYPED_TEST(LockFileMeeting, OneOfTwoTakersGetsIt) {
-    for (long long const leftOverLength : {-1, 0, 77}) {
+    for (char const* const leftOver : {static_cast<char const*>(nullptr), "", kMark}) {
         bool happened = true;
         for (int nth = 1; happened; ++nth) {
-            SCOPED_TRACE(testing::Message() << "length " << leftOverLength << " at " << nth);
-            if (leftOverLength >= 0)
-                this->open()->setLength(leftOverLength);
+            SCOPED_TRACE(testing::Message()
+                         << "left over: " << (leftOver ? leftOver : "none") << " at " << nth);
+            if (leftOver)
+                this->put(leftOver);
             Held second;
             Interruption interruption(this->files(), nth, [&] {
                 second = tryTakeInBetween(this->files(), this->uri(), CLockFile::Exclusive);

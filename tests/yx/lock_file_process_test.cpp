@@ -24,6 +24,7 @@ using lock_file_fixture::expectLockFileError;
 using lock_file_fixture::Held;
 using lock_file_fixture::Interruption;
 using lock_file_fixture::kBothTypes;
+using lock_file_fixture::kMark;
 using lock_file_fixture::kName;
 using lock_file_fixture::LockFile;
 using lock_file_fixture::take;
@@ -98,7 +99,7 @@ TEST_F(LockFileProcess, ACrashAtAnyStepBlocksNobody) {
         for (int step = 1; killed; ++step) {
             SCOPED_TRACE(testing::Message() << "left over: " << isLeftOver << " at " << step);
             if (isLeftOver)
-                open()->setLength(77);
+                put(kMark);
             test_support::ChildProcess child([&](test_support::Line const&) {
                 int const beforeStep = 2 * step - 1;
                 Interruption interruption(files(), beforeStep, [] { ::raise(SIGKILL); });

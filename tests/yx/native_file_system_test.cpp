@@ -7,7 +7,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
@@ -116,6 +119,52 @@ TEST_F(NativeFileSystem, APipeIsRefusedWithoutWaitingForItsOtherEnd) {
     }
 }
 
+TEST_F(NativeFileSystem, ASocketIsNotSupported) {
+    int const descriptor = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(descriptor, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string const name = path("socket").string();
+    ASSERT_LT(name.size(), sizeof address.sun_path);
+    name.copy(address.sun_path, name.size());
+    ASSERT_EQ(::bind(descriptor, reinterpret_cast<sockaddr const*>(&address), sizeof address), 0);
+    ::close(descriptor);
+    for (IIOStream::Access const access : {IIOStream::ReadOnly, IIOStream::ReadWrite}) {
+        EXPECT_TRUE(throwsIOError(CIOError::NotSupported, "Cannot open the file: Illegal seek",
+                                  {{"uri", text("socket")}}, [&] { open("socket", access); }));
+    }
+}
+
+TEST_F(NativeFileSystem, ADeviceWithoutALengthRefusesToSetIt) {
+    auto const stream = open(CURI("file:///dev/null"));
+    EXPECT_TRUE(throwsIOError(
+        CIOError::NotSupported, "Cannot set the length of the file: Operation not supported",
+        {{"uri", "file:///dev/null"}, {"length", "512"}}, [&] { stream->setLength(512); }));
+}
+
+TEST_F(NativeFileSystem, ALinkIsNotFollowedWhereThatIsAskedFor) {
+    writeAt(*open("a"), 0, fromText("content"));
+    fs::create_symlink("a", path("link"));
+    fs::create_symlink("none", path("dangling"));
+    fs::create_directory(path("folder"));
+    fs::create_symlink("folder", path("folder-link"));
+    open("folder/a");
+    for (IIOStream::Access const access : {IIOStream::ReadOnly, IIOStream::ReadWrite}) {
+        for (char const* const name : {"link", "dangling"}) {
+            unsigned int options = yx::IFileSystem::DoNotFollowLink;
+            EXPECT_TRUE(throwsIOError(
+                CIOError::NotAllowed, "The file is a symbolic link.", {{"uri", text(name)}},
+                [&] { files->openFile(directory.uri(name), access, &options); }));
+        }
+        unsigned int options = yx::IFileSystem::DoNotFollowLink;
+        EXPECT_EQ(files->openFile(directory.uri("a"), access, &options)->getLength(), 7);
+        EXPECT_EQ(files->openFile(directory.uri("folder-link/a"), access, &options)->getLength(),
+                  0);
+        EXPECT_EQ(files->openFile(directory.uri("link"), access, nullptr)->getLength(), 7);
+    }
+    EXPECT_FALSE(fs::exists(path("none")));
+}
+
 TEST_F(NativeFileSystem, AFileBelowAFileIsMissing) {
     open("a");
     for (IIOStream::Access const access : {IIOStream::ReadOnly, IIOStream::ReadWrite}) {
@@ -139,6 +188,10 @@ TEST_F(NativeFileSystem, ANameThatIsTooLongHasNoFile) {
     EXPECT_FALSE(files->fileExists(directory.uri(name)));
     EXPECT_TRUE(throwsIOError(CIOError::IOFailure, "Cannot open the file: File name too long",
                               {{"uri", text(name)}}, [&] { open(name); }));
+    files->deleteFile(directory.uri(name), true);
+    EXPECT_TRUE(throwsIOError(CIOError::IOFailure, "Cannot delete the file: File name too long",
+                              {{"uri", text(name)}},
+                              [&] { files->deleteFile(directory.uri(name), false); }));
 }
 
 TEST_F(NativeFileSystem, RefusalsOfTheSystemAreAccessDenied) {

@@ -1,7 +1,13 @@
 #include "yx/internal/open_lock_file.h"
 
+#include <algorithm>
+#include <cassert>
+#include <string_view>
+
 #include "yx/error.h"
+#include "yx/internal/stream_error.h"
 #include "yx/mt_rand.h"
+#include "yx/number.h"
 
 namespace yx::detail {
 
@@ -11,49 +17,88 @@ constexpr __int64 kLockPosition = 0;
 constexpr __int64 kPresencePosition = 1;
 constexpr __int64 kLockedRangeBytes = 1;
 
-constexpr __int64 kLivingLengthBytes = 0;
-
-/// Dead files are sparse, so this takes no space.
-constexpr unsigned int kMaxDeadLengthBytes = 1024 * 1024;
+constexpr std::string_view kMarkPrefix = "kelm dead lock: ";
+constexpr std::size_t kMarkDigits = 16;
+constexpr std::size_t kMarkSizeBytes = kMarkPrefix.size() + kMarkDigits;
 
 /// From the operating system, so that processes forked from one do not draw the same numbers.
-__int64 drawDeadLength() {
-    unsigned int number = 0;
-    CMutexLock const lock(CMTRand::getGlobalInstanceMutex().get());
-    CMTRand::getGlobal()->randData(reinterpret_cast<unsigned char*>(&number), sizeof number);
-    return 1 + __int64{number % kMaxDeadLengthBytes};
+std::string drawMark() {
+    TBuffer<unsigned char> number(kMarkDigits / 2, -1);
+    {
+        CMutexLock const lock(CMTRand::getGlobalInstanceMutex().get());
+        CMTRand::getGlobal()->randData(number.getData(), number.getUsed());
+    }
+    return std::string(kMarkPrefix) + hexEncode(number).toStdString();
+}
+
+/// The content from the start on; of a file that is longer than a mark, one byte more than that.
+std::string readStart(IInStream& stream) {
+    std::string content(kMarkSizeBytes + 1, '\0');
+    stream.seek(0);
+    int const count = stream.readLax(content.data(), static_cast<int>(content.size()));
+    content.resize(static_cast<std::size_t>(count));
+    return content;
+}
+
+bool isMark(std::string_view content) {
+    return content.size() <= kMarkSizeBytes && content.starts_with(kMarkPrefix) &&
+           std::ranges::all_of(content.substr(kMarkPrefix.size()),
+                               [](char character) { return hexDigitValue(character) >= 0; });
 }
 
 P<IIOStream> open(IFileSystem& fileSystem, CURI const& uri, IIOStream::Access access) {
-    unsigned int reserved = 0;
-    return fileSystem.openFile(uri, access, &reserved);
+    unsigned int options = IFileSystem::DoNotFollowLink;
+    return fileSystem.openFile(uri, access, &options);
+}
+
+P<IIOStream> openOrMake(IFileSystem& fileSystem, CURI const& uri) {
+    try {
+        return open(fileSystem, uri, IIOStream::ReadWrite);
+    } catch (CIOError const& error) {
+        if (error.getIOCode() != CIOError::NotAllowed)
+            throw;
+        throw CLockFileError("The name of the lock file belongs to a symbolic link.",
+                             makeUriProps(uri), &error);
+    }
 }
 
 } // namespace
 
 OpenLockFile::OpenLockFile(IFileSystem* fileSystem, CURI const& uri)
-    : m_fileSystem(fileSystem),
-      m_uri(uri),
-      m_stream(open(*fileSystem, uri, IIOStream::ReadWrite)) {}
+    : m_fileSystem(fileSystem), m_uri(uri), m_stream(openOrMake(*fileSystem, uri)) {}
 
 bool OpenLockFile::tryEnter() {
+    assert(!m_presence && !m_lock);
     m_presence = tryLockPresence(IStreamBase::Shared);
     if (!m_presence)
         return false;
-    if (m_stream->getLength() == kLivingLengthBytes)
+    switch (readState()) {
+    case State::Alive:
         return true;
-    // Whoever removed it has gone, perhaps by a crash on the way.
-    if (becomeAloneOnNamedFile())
-        m_stream->setLength(kLivingLengthBytes);
-    return false;
+    case State::Dead:
+        // The party that was removing it is gone; it may have crashed.
+        if (becomeAloneOnNamedFile())
+            m_stream->setLength(0);
+        return false;
+    case State::Foreign:
+        break;
+    }
+    throw CLockFileError("The name of the lock file belongs to another file.", makeUriProps(m_uri),
+                         nullptr);
 }
 
 void OpenLockFile::lock(IStreamBase::LockType type) {
+    assert(m_presence && !m_lock);
     m_lock = m_stream->lockRange(kLockPosition, kLockedRangeBytes, type);
 }
 
 void OpenLockFile::removeIfAlone() {
     if (becomeAloneOnNamedFile())
+        m_fileSystem->deleteFile(m_uri, true);
+}
+
+void OpenLockFile::removeUnlocked() {
+    if (readState() == State::Alive)
         m_fileSystem->deleteFile(m_uri, true);
 }
 
@@ -68,23 +113,38 @@ P<IStreamLock> OpenLockFile::tryLockPresence(IStreamBase::LockType type) {
     }
 }
 
-/// Whether nobody else is present on the file, and it is the one that has the name; it is dead then.
+OpenLockFile::State OpenLockFile::readState() {
+    if (m_stream->getLength() == 0)
+        return State::Alive;
+    std::string const content = readStart(*m_stream);
+    if (content.empty())
+        return State::Alive;
+    return isMark(content) ? State::Dead : State::Foreign;
+}
+
+/// Whether nobody else is present on the file, and it is the one that has the name; it is dead
+/// then.
 bool OpenLockFile::becomeAloneOnNamedFile() {
     // Given up first: of two that ask for more than they hold, neither would ever get it.
     m_presence.reset();
     m_presence = tryLockPresence(IStreamBase::Exclusive);
-    if (!m_presence)
+    // Somebody who knows nothing of lock files may have written to it.
+    if (!m_presence || readState() == State::Foreign)
         return false;
-    __int64 const deadLength = drawDeadLength();
-    m_stream->setLength(deadLength);
-    return isLengthOfNamedFile(deadLength);
+    std::string const mark = drawMark();
+    assert(isMark(mark));
+    m_stream->seek(0);
+    m_stream->write(mark.data(), static_cast<int>(mark.size()), nullptr);
+    return isContentOfNamedFile(mark);
 }
 
-bool OpenLockFile::isLengthOfNamedFile(__int64 length) {
+bool OpenLockFile::isContentOfNamedFile(std::string const& content) {
     try {
-        return open(*m_fileSystem, m_uri, IIOStream::ReadOnly)->getLength() == length;
+        return readStart(*open(*m_fileSystem, m_uri, IIOStream::ReadOnly)) == content;
     } catch (CIOError const& error) {
-        if (error.getIOCode() != CIOError::NotFound)
+        bool const isGone = error.getIOCode() == CIOError::NotFound;
+        bool const isLink = error.getIOCode() == CIOError::NotAllowed;
+        if (!isGone && !isLink)
             throw;
         return false;
     }

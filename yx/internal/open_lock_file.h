@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "yx/file_system.h"
 
 namespace yx::detail {
@@ -14,9 +16,10 @@ namespace yx::detail {
 /// | byte 0      | The lock itself, shared or exclusive.                                          |
 /// | byte 1      | Presence: everybody who uses the file holds it shared, from before the first   |
 /// |             | look at the file to the end. Who holds it exclusively is alone.                |
-/// | length      | 0: the file is alive. Anything else: it is dead, removed or about to be.       |
+/// | content     | Empty: the file is alive. A mark (below): it is dead, removed or about to be.  |
+/// |             | Anything else: it is somebody's file, and is left as it is.                    |
 ///
-/// - The length changes, and the file is deleted, only by one who is alone on the file, and a file
+/// - The content changes, and the file is deleted, only by one who is alone on the file, and a file
 ///   is deleted only when it is dead. So a file that was seen alive by one who is present stays
 ///   alive and keeps its name as long as that party is present: nobody else can lock another file
 ///   of that name.
@@ -25,12 +28,15 @@ namespace yx::detail {
 /// - A party that opened the file before it was removed finds it dead, and opens the name again.
 /// - A crash frees all ranges. It may leave the file behind, alive: then the next one uses it; or
 ///   dead: then the next one makes it alive again.
+/// - A symbolic link at the name is never followed, so no other file can be taken for a lock file.
 ///
-/// Whether a dead file still has its name is told by its length: one who is alone makes it a random
-/// number and looks whether the file at the name has just that length. A living file never has it.
+/// A mark is the text "kelm dead lock: " and 16 random hexadecimal digits, or less of them where a
+/// crash cut the writing short. It shows whether a dead file still has its name: one who is alone
+/// writes a new mark and looks whether the file at the name has just that.
 class OpenLockFile {
 public:
-    /// Opens the file, and makes it if there is none. Errors are those of the file system.
+    /// Opens the file, and makes it if there is none. A symbolic link at the name is
+    /// `CLockFileError`. Other errors are those of the file system.
     OpenLockFile(IFileSystem* fileSystem, CURI const& uri);
     OpenLockFile(OpenLockFile const&) = delete;
     OpenLockFile& operator=(OpenLockFile const&) = delete;
@@ -39,20 +45,32 @@ public:
     ~OpenLockFile() = default;
 
     /// Becomes present. False if the file is dead or is being removed: then this object is of no
-    /// more use, and the name is to be opened again. Errors are those of the stream.
+    /// more use, and the name is to be opened again. Somebody's file is `CLockFileError`. Other
+    /// errors are those of the stream.
     bool tryEnter();
+
+    /// Whether others can see that this party uses the file.
+    bool isPresent() const { return static_cast<bool>(m_presence); }
 
     /// Takes the lock, once present. Another holder in the way is `CIOError` `AccessDenied`.
     void lock(IStreamBase::LockType type);
 
-    /// Removes the file unless others are present; the last step of one who leaves. Errors are those
-    /// of the file system; the file may then stay, and is none the worse for it.
+    /// Removes the file unless others are present; the last step of one who leaves. Somebody's
+    /// file, or a link, that has come to the name or into the file stays. Errors are those of the
+    /// file system; the file may then stay, which does no harm.
     void removeIfAlone();
 
+    /// Removes the file if it is alive, where nobody can lock it. Errors are those of the file
+    /// system.
+    void removeUnlocked();
+
 private:
+    enum class State { Alive, Dead, Foreign };
+
     P<IStreamLock> tryLockPresence(IStreamBase::LockType type);
+    State readState();
     bool becomeAloneOnNamedFile();
-    bool isLengthOfNamedFile(__int64 length);
+    bool isContentOfNamedFile(std::string const& content);
 
     P<IFileSystem> m_fileSystem;
     CURI m_uri;
