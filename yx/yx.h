@@ -1,5 +1,6 @@
 #pragma once
 
+#include "yx/access_stream.h"
 #include "yx/array.h"
 #include "yx/base.h"
 #include "yx/buffer.h"
@@ -29,4 +30,5 @@
 #include "yx/stream.h"
 #include "yx/string.h"
 #include "yx/string_format.h"
+#include "yx/system_error.h"
 #include "yx/uri.h"

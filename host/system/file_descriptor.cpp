@@ -8,30 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "yx/system_error.h"
+
 namespace kelm::host {
 
 namespace {
 
 constexpr int kLookIntervalMilliseconds = 200;
-
-yx::CIOError::Code codeOf(int error) {
-    switch (error) {
-    case ENOENT:
-    case ENOTDIR:
-        return yx::CIOError::NotFound;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-        return yx::CIOError::AccessDenied;
-    case EEXIST:
-        return yx::CIOError::AlreadyExists;
-    case ENOSPC:
-    case EDQUOT:
-        return yx::CIOError::NoSpace;
-    default:
-        return yx::CIOError::IOFailure;
-    }
-}
 
 } // namespace
 
@@ -71,7 +54,8 @@ FileDescriptor openPipeForWriting(std::string const& path, CancelFlag const* can
 
 void throwSystemError(std::string const& what, std::string const& path) {
     int const error = errno;
-    throw yx::CIOError(codeOf(error), yx::String::fromUTF8(what + ": " + std::strerror(error)),
+    throw yx::CIOError(yx::getSystemErrorCode(error),
+                       yx::String::fromUTF8(what + ": " + std::strerror(error)),
                        yx::CProps().add("path", yx::String::fromUTF8(path)), nullptr);
 }
 

@@ -1,9 +1,9 @@
 #include "yx/internal/file_error.h"
 
-#include <cerrno>
 #include <system_error>
 
 #include "yx/internal/stream_error.h"
+#include "yx/system_error.h"
 
 namespace yx::detail {
 
@@ -33,39 +33,11 @@ char const* getActionText(FileAction action) {
     return "";
 }
 
-CIOError::Code toIOCode(int errorNumber) {
-    switch (errorNumber) {
-    case ENOENT:
-    case ENOTDIR:
-        return CIOError::NotFound;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-    case EISDIR:
-    case ETXTBSY:
-    case EBUSY:
-        return CIOError::AccessDenied;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-        return CIOError::NoSpace;
-    case ENOTSUP:
-#if ENOTSUP != EOPNOTSUPP
-    case EOPNOTSUPP:
-#endif
-    case ENOSYS:
-    case ESPIPE:
-        return CIOError::NotSupported;
-    default:
-        return CIOError::IOFailure;
-    }
-}
-
 } // namespace
 
 CIOError makeFileError(FileAction action, int errorNumber, CProps const& props) {
     String const words = String::fromUTF8(std::generic_category().message(errorNumber));
-    return CIOError(toIOCode(errorNumber), getActionText(action) + words, props, nullptr);
+    return CIOError(getSystemErrorCode(errorNumber), getActionText(action) + words, props, nullptr);
 }
 
 void throwReadOnly(CURI const& uri) {

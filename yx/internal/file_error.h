@@ -21,15 +21,7 @@ enum class FileAction {
 };
 
 /// The error for a failed call of the operating system: the words of the action, then those of the
-/// operating system for `errorNumber` (an `errno` value), which also chooses the code:
-///
-/// | Code           | Error numbers                                                  |
-/// |----------------|----------------------------------------------------------------|
-/// | `NotFound`     | `ENOENT`, `ENOTDIR`                                            |
-/// | `AccessDenied` | `EACCES`, `EPERM`, `EROFS`, `EISDIR`, `ETXTBSY`, `EBUSY`       |
-/// | `NoSpace`      | `ENOSPC`, `EDQUOT`, `EFBIG`                                    |
-/// | `NotSupported` | `ENOTSUP`, `EOPNOTSUPP`, `ENOSYS`, `ESPIPE`                    |
-/// | `IOFailure`    | all others                                                     |
+/// operating system for `errorNumber` (an `errno` value), with the code of `getSystemErrorCode`.
 CIOError makeFileError(FileAction action, int errorNumber, CProps const& props);
 
 /// `NotAllowed`: "The file is open for reading only." with "uri".
