@@ -10,7 +10,8 @@ namespace detail {
 class StreamBuffering;
 }
 
-/// A read-ahead layer over a stream; `COptimizingIOStream` adds the writing half.
+/// A read-ahead layer for streams that are read in small pieces; `COptimizingIOStream` adds the
+/// writing half. Do not use it where others change the data while it is read.
 ///
 /// - Reads of 64 KiB and more pass through without a copy.
 /// - Smaller reads in sequence are served from read-ahead windows: four, so that alternating
@@ -25,8 +26,8 @@ class StreamBuffering;
 /// locked through `lockRange` is read anew. Serves one thread at a time.
 class YX_API COptimizingInStream : public CBase, public virtual IAlignedInStream {
 public:
-    /// Holds a reference to `stream`, which must not be null and has no other user meanwhile, since
-    /// its position is moved at will.
+    /// Holds a reference to `stream`, which must not be null and must have no other user as long
+    /// as this object lives, since its position moves with every access.
     explicit COptimizingInStream(IInStream* stream);
     COptimizingInStream(COptimizingInStream const&) = delete;
     COptimizingInStream& operator=(COptimizingInStream const&) = delete;

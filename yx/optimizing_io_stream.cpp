@@ -37,4 +37,8 @@ void COptimizingIOStream::setLength(__int64 length) {
     m_buffering->setLength(length);
 }
 
+IIOStream::Access COptimizingIOStream::getAccess() const {
+    return m_buffering->getAccess();
+}
+
 } // namespace yx

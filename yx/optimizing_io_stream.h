@@ -1,11 +1,13 @@
 #pragma once
 
+#include "yx/access_stream.h"
 #include "yx/optimizing_in_stream.h"
 
 namespace yx {
 
-/// The buffering layer between everything that works on a file and the file. Reading is told at
-/// `COptimizingInStream`.
+/// A buffering layer for streams that are read and written in small pieces: it holds writes back
+/// and reads ahead. `COptimizingInStream` describes the reading half. Do not use it where each
+/// write must reach the file at once, or where others change the same file meanwhile.
 ///
 /// - Writes of 64 KiB and more pass through without a copy. So do bytes given to `writeKeepBuffer`
 ///   from 16 KiB on; what is held back just before them goes with them in one step, if the stream
@@ -22,10 +24,14 @@ namespace yx {
 ///   of it, and reads show that.
 /// - A position or length above 2^62 - 1 cannot be written to: `CIOError` `NoSpace`, with "uri",
 ///   "position" and "bytesToWrite".
-class YX_API COptimizingIOStream : public COptimizingInStream, public virtual IIOStream {
+/// - If the stream under it was opened for reading and implements `IAccessStream`, as the streams
+///   of the framework's file systems do, every write is `CIOError` `NotAllowed` at once.
+class YX_API COptimizingIOStream : public COptimizingInStream,
+                                   public virtual IIOStream,
+                                   public virtual IAccessStream {
 public:
-    /// As for `COptimizingInStream`. `close`, inherited from there, first writes back, and fails with
-    /// all bytes kept if it cannot.
+    /// As for `COptimizingInStream`. `close`, inherited from there, first writes back, and fails
+    /// with all bytes kept if it cannot.
     explicit COptimizingIOStream(IIOStream* stream);
 
     /// Writes back, without a flush of the stream under it. A failure goes to
@@ -46,6 +52,9 @@ public:
     /// Acts on the stream under it at once, and drops what is held back behind `length`. A length
     /// below 0 is `CIOError` `BadPosition` with "uri" and "length".
     void setLength(__int64 length) override;
+
+    /// That of the stream under it; `ReadWrite` if that does not implement `IAccessStream`.
+    IIOStream::Access getAccess() const override;
 };
 
 } // namespace yx

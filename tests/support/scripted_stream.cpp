@@ -207,6 +207,12 @@ void ScriptedGatherStream::writePieces(__int64 position, Piece const* pieces, in
         fail();
 }
 
+void ScriptedAlignedStream::seek(__int64 position) {
+    if (position % m_positionAlign != 0)
+        throwError(yx::CIOError::NotAligned, "Not aligned.");
+    ScriptedStream::seek(position);
+}
+
 void ScriptedAlignedStream::checkTransfer(long long position, void const* memory,
                                           long long sizeBytes) const {
     auto const address = reinterpret_cast<std::uintptr_t>(memory);

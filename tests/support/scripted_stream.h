@@ -133,6 +133,8 @@ public:
           m_bufferAlign(bufferAlign),
           m_bestPerformancePositionAlign(bestPerformancePositionAlign) {}
 
+    void seek(__int64 position) override;
+
     int getPositionAlign() override { return m_positionAlign; }
     int getBufferAlign() override { return m_bufferAlign; }
     int getBestPerformancePositionAlign() override { return m_bestPerformancePositionAlign; }

@@ -109,4 +109,43 @@ TEST_F(OptimizingIOStreamAlignment, LargeWriteThatDoesNotFitArrivesWhole) {
     EXPECT_TRUE(std::equal(source.begin(), source.end(), inner->content().begin() + 1001));
 }
 
+TEST_F(OptimizingIOStreamAlignment, WhatAFailedWriteLeftDoesNotShowWhenTheLengthGrows) {
+    inner->setTornWrites(true);
+    inner->content() = filled(100, 1);
+    inner->failOnce(Kind::Write);
+    EXPECT_TRUE(failsAsScripted([&] { writeAt(100, filled(70 * kKiB + 1, 2)); }));
+    stream->setLength(2000);
+    Bytes expected = filled(100, 1);
+    expected.resize(2000);
+    EXPECT_EQ(readAt(0, 2000), expected);
+    EXPECT_EQ(inner->content(), expected);
+}
+
+TEST_F(OptimizingIOStreamAlignment, ASetLengthThatCannotCutWhatAFailedWriteLeftChangesNothing) {
+    inner->setTornWrites(true);
+    inner->content() = filled(100, 1);
+    inner->failOnce(Kind::Write);
+    EXPECT_TRUE(failsAsScripted([&] { writeAt(100, filled(70 * kKiB + 1, 2)); }));
+    inner->failOnce(Kind::SetLength);
+    EXPECT_TRUE(failsAsScripted([&] { stream->setLength(2000); }));
+    EXPECT_EQ(stream->getLength(), 100);
+    stream->setLength(2000);
+    Bytes expected = filled(100, 1);
+    expected.resize(2000);
+    EXPECT_EQ(inner->content(), expected);
+}
+
+TEST_F(OptimizingIOStreamAlignment, WaitingForDataSeeksToTheBlock) {
+    inner->content() = filled(1000, 1);
+    for (long long const position : {0, 1, 511, 512, 999}) {
+        stream->seek(position);
+        EXPECT_TRUE(stream->waitReadable(0)) << position;
+    }
+    for (long long const position : {1000, 1023, 1024, 5000}) {
+        stream->seek(position);
+        EXPECT_FALSE(stream->waitReadable(0)) << position;
+    }
+    EXPECT_EQ(stream->getPosition(), 5000);
+}
+
 } // namespace

@@ -1,5 +1,6 @@
 #include "yx/internal/file_stream.h"
 
+#include <cassert>
 #include <limits>
 #include <string>
 
@@ -102,6 +103,7 @@ void CFileStream::writePieces(__int64 position, Piece const* pieces, int count) 
         sizeBytes += pieces[i].sizeBytes;
     if (position > kMaxLengthBytes - sizeBytes)
         detail::throwTooLong(m_uri, position, sizeBytes);
+    assert(count > 0 && sizeBytes > 0);
     writeAt(position, pieces, count, sizeBytes);
 }
 
@@ -119,6 +121,7 @@ void CFileStream::requireWritable() const {
 int CFileStream::readChecked(char const* operation, void* target, int sizeBytes) const {
     requireOpen();
     requireSize(operation, sizeBytes);
+    assert(m_position >= 0);
     return readAt(m_position, target, sizeBytes);
 }
 

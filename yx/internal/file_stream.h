@@ -1,5 +1,6 @@
 #pragma once
 
+#include "yx/access_stream.h"
 #include "yx/gather_out_stream.h"
 #include "yx/stream.h"
 
@@ -9,7 +10,10 @@ namespace yx {
 /// checks that come before each operation, and the operations that others are made of. Internal.
 ///
 /// Nothing is buffered, and `seek` costs nothing. Failed transfers leave the position alone.
-class CFileStream : public CBase, public virtual IIOStream, public virtual IGatherOutStream {
+class CFileStream : public CBase,
+                    public virtual IIOStream,
+                    public virtual IGatherOutStream,
+                    public virtual IAccessStream {
 public:
     CFileStream(CFileStream const&) = delete;
     CFileStream& operator=(CFileStream const&) = delete;
@@ -34,6 +38,7 @@ public:
                          IWriteBarrier* barrier) final;
     P<IWriteBarrier> createWriteBarrier(IWriteBarrier* previous) final;
     void writePieces(__int64 position, Piece const* pieces, int count) final;
+    Access getAccess() const final { return m_access; }
 
 protected:
     /// `className` names the class in errors about arguments; it is not copied.

@@ -1,6 +1,7 @@
 #include "yx/internal/positioned_stream.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 
 #include "yx/memory.h"
@@ -17,6 +18,8 @@ constexpr int kDefaultBestPerformanceAlign = 4096;
 PositionedStream::PositionedStream(IInStream* in, IIOStream* out)
     : m_in(in), m_out(out), m_gather(dynamic_cast<IGatherOutStream*>(out)) {
     queryAlignment();
+    assert(m_bestPerformancePositionAlign >= m_positionAlign &&
+           m_bounceSizeBytes % m_positionAlign == 0);
 }
 
 void PositionedStream::queryAlignment() {
@@ -83,6 +86,9 @@ void PositionedStream::flush() {
 }
 
 void PositionedStream::setLength(__int64 length) {
+    // What a failed write left behind the end must not become content.
+    if (m_lengthToRestore && length > *m_lengthToRestore)
+        cutPadding();
     m_out->setLength(length);
     m_lengthToRestore.reset();
 }
@@ -90,6 +96,18 @@ void PositionedStream::setLength(__int64 length) {
 void PositionedStream::close() {
     cutPadding();
     m_in->close();
+}
+
+bool PositionedStream::waitReadable(__int64 position, int timeLimit) const {
+    if (!isAligned()) {
+        m_in->seek(position);
+        return m_in->waitReadable(timeLimit);
+    }
+    // The block that holds the position may have data before it alone.
+    if (position >= getLength())
+        return false;
+    m_in->seek(alignDown(position));
+    return m_in->waitReadable(timeLimit);
 }
 
 unsigned char* PositionedStream::getBounceBuffer() {
@@ -117,12 +135,14 @@ __int64 PositionedStream::alignUp(__int64 position) const {
 }
 
 int PositionedStream::readRaw(__int64 position, unsigned char* target, int sizeBytes) {
+    assert(!isAligned() || fits(position, target, sizeBytes));
     m_in->seek(position);
     return m_in->readLax(target, sizeBytes);
 }
 
 void PositionedStream::writeRaw(__int64 position, void const* source, int sizeBytes,
                                 IWriteBarrier* barrier) {
+    assert(!isAligned() || fits(position, source, sizeBytes));
     m_out->seek(position);
     m_out->write(source, sizeBytes, barrier);
 }
@@ -150,11 +170,12 @@ int PositionedStream::readBounced(__int64 position, unsigned char* target, int s
 
 void PositionedStream::writeBounced(__int64 position, unsigned char const* source, int sizeBytes,
                                     IWriteBarrier* barrier) {
+    assert(!m_lengthToRestore && "padding is cut off before the next write");
     unsigned char* const bounce = getBounceBuffer();
     __int64 const end = position + sizeBytes;
     __int64 const oldLength = getLength();
     __int64 const newLength = std::max(oldLength, end);
-    // A failure on the way must not leave padding in the length either.
+    // If a write below fails, the length must not count padding either.
     if (alignUp(end) > newLength)
         m_lengthToRestore = oldLength;
 
@@ -187,8 +208,10 @@ void PositionedStream::loadEdge(__int64 blockPosition, unsigned char* block) {
 }
 
 void PositionedStream::cutPadding() {
-    if (m_lengthToRestore)
-        setLength(*m_lengthToRestore);
+    if (!m_lengthToRestore)
+        return;
+    m_out->setLength(*m_lengthToRestore);
+    m_lengthToRestore.reset();
 }
 
 } // namespace yx::detail

@@ -40,6 +40,9 @@ public:
     void setLength(__int64 length);
     void close();
 
+    /// Whether there is data at `position`, waiting for it for up to `timeLimit` milliseconds.
+    bool waitReadable(__int64 position, int timeLimit) const;
+
 private:
     void queryAlignment();
     unsigned char* getBounceBuffer();

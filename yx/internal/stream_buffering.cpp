@@ -1,8 +1,11 @@
 #include "yx/internal/stream_buffering.h"
 
 #include <algorithm>
+#include <cassert>
 #include <limits>
 
+#include "yx/access_stream.h"
+#include "yx/internal/file_error.h"
 #include "yx/internal/stream_error.h"
 #include "yx/memory.h"
 
@@ -15,7 +18,10 @@ constexpr __int64 kMaxStreamLengthBytes = std::numeric_limits<__int64>::max() / 
 
 } // namespace
 
-StreamBuffering::StreamBuffering(IInStream* in, IIOStream* out) : m_stream(in, out) {}
+StreamBuffering::StreamBuffering(IInStream* in, IIOStream* out) : m_stream(in, out) {
+    if (auto const* const stream = dynamic_cast<IAccessStream const*>(out))
+        m_access = stream->getAccess();
+}
 
 __int64 StreamBuffering::getLength() const {
     requireOpen();
@@ -37,6 +43,7 @@ void StreamBuffering::close() {
         return;
     writeBack();
     m_stream.close();
+    assert(m_pending.isEmpty());
     leaveWindow(getPosition());
     m_windows.clear();
     m_isClosed = true;
@@ -62,8 +69,7 @@ bool StreamBuffering::waitReadable(int timeLimit) const {
     requireOpen();
     if (hasInWindow() || getPosition() < m_pending.getEnd())
         return true;
-    m_stream.get().seek(getPosition());
-    return m_stream.get().waitReadable(timeLimit);
+    return m_stream.waitReadable(getPosition(), timeLimit);
 }
 
 bool StreamBuffering::isEndOfStream() const {
@@ -135,6 +141,7 @@ void StreamBuffering::seekOutsideWindow(__int64 position) {
 }
 
 void StreamBuffering::leaveWindow(__int64 position) {
+    assert(position >= 0);
     m_cursor = m_cursorEnd = m_windowBegin = &kNoWindow;
     m_cursorEndPosition = position;
 }
@@ -149,6 +156,7 @@ void StreamBuffering::enterWindow(__int64 position) {
     m_cursor = m_windowBegin + (position - window->getPosition());
     m_cursorEnd = m_windowBegin + window->getSizeBytes();
     m_cursorEndPosition = window->getEnd();
+    assert(getPosition() == position && m_windowBegin <= m_cursor && m_cursor < m_cursorEnd);
 }
 
 void StreamBuffering::readExactly(void* target, int sizeBytes) {
@@ -223,6 +231,9 @@ int StreamBuffering::readContent(__int64 position, unsigned char* target, int si
 
 void StreamBuffering::requireWritable(int sizeBytes) const {
     requireOpen();
+    // Bytes that are held back for a stream that refuses them could never be written.
+    if (m_access == IIOStream::ReadOnly)
+        throwReadOnly(getURI());
     if (sizeBytes < 0)
         throwBadSize("COptimizingIOStream::write", sizeBytes);
     if (getPosition() > kMaxStreamLengthBytes - sizeBytes)
@@ -233,7 +244,8 @@ void StreamBuffering::gather(unsigned char const* source, int sizeBytes) {
     __int64 const position = getPosition();
     if (!m_pending.tryAdd(position, source, sizeBytes)) {
         writeBack();
-        m_pending.tryAdd(position, source, sizeBytes); // Nothing is in its way now.
+        [[maybe_unused]] bool const isAdded = m_pending.tryAdd(position, source, sizeBytes);
+        assert(isAdded && "nothing is in the way any more");
     }
     m_windows.patch(position, source, sizeBytes);
     seek(position + sizeBytes);

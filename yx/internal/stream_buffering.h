@@ -60,6 +60,7 @@ public:
     bool waitReadable(int timeLimit) const;
     bool isEndOfStream() const;
     int getBestPerformancePositionAlign() const;
+    IIOStream::Access getAccess() const { return m_access; }
 
     // From here on only with an `out`.
 
@@ -129,6 +130,10 @@ private:
     __int64 m_cursorEndPosition = 0;
 
     PositionedStream m_stream;
+
+    /// What the stream under it was opened for; assumed where it does not implement
+    /// `IAccessStream`.
+    IIOStream::Access m_access = IIOStream::ReadWrite;
     bool m_isClosed = false;
     ReadWindows m_windows;
     PendingWrites m_pending;
