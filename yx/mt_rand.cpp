@@ -1,9 +1,11 @@
 #include "yx/mt_rand.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <system_error>
 
+#include <pthread.h>
 #include <sys/random.h>
 
 #include "yx/error.h"
@@ -11,6 +13,19 @@
 namespace yx {
 
 namespace {
+
+/// How many forks lie between this process and the one that loaded the library.
+std::atomic<unsigned int> forkCount = 0;
+
+unsigned int getForkCount() {
+    // Not the number of the process: a child may get that of an ancestor that has ended.
+    static int const error = ::pthread_atfork(nullptr, nullptr, [] { forkCount.fetch_add(1); });
+    if (error != 0)
+        throw CError("Cannot watch for forks: " +
+                         String::fromUTF8(std::generic_category().message(error)),
+                     "", -1, CProps(), nullptr);
+    return forkCount.load();
+}
 
 void fillFromOperatingSystem(unsigned char* target, std::size_t sizeBytes) {
     while (sizeBytes > 0) {
@@ -35,7 +50,7 @@ std::mt19937 makeSeededGenerator() {
 
 } // namespace
 
-CMTRand::CMTRand() : m_generator(makeSeededGenerator()) {}
+CMTRand::CMTRand() : m_seededForkCount(getForkCount()), m_generator(makeSeededGenerator()) {}
 
 P<CMTRand> const& CMTRand::getGlobal() {
     // Never destroyed, since objects that end with the process may still draw.
@@ -49,6 +64,10 @@ P<CMutex> const& CMTRand::getGlobalInstanceMutex() {
 }
 
 unsigned int CMTRand::rand32() {
+    if (unsigned int const count = getForkCount(); count != m_seededForkCount) {
+        m_generator = makeSeededGenerator();
+        m_seededForkCount = count;
+    }
     return static_cast<unsigned int>(m_generator());
 }
 

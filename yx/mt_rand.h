@@ -7,7 +7,8 @@
 namespace yx {
 
 /// The random source. An object is not safe for several threads at once: callers hold the global
-/// instance mutex around each draw from the global instance.
+/// instance mutex around each draw from the global instance. A process that is forked off draws
+/// numbers of its own, from objects that it shares with its parent too.
 class YX_API CMTRand : public CBase {
 public:
     /// Seeds the whole state of the generator from the operating system. Throws `CError` if the
@@ -19,7 +20,8 @@ public:
     static P<CMTRand> const& getGlobal();
     static P<CMutex> const& getGlobalInstanceMutex();
 
-    /// A value of the Mersenne Twister; fit for identifiers, not for keys.
+    /// A value of the Mersenne Twister; fit for identifiers, not for keys. In a process forked off
+    /// since the last draw the generator is seeded anew; errors are those of the constructor.
     unsigned int rand32();
 
     /// Fills bytes from the operating system's cryptographic source, since keys are drawn with it.
@@ -28,6 +30,8 @@ public:
     void randData(unsigned char* target, int sizeBytes);
 
 private:
+    /// In the process whose number of forks this is, the numbers are its own.
+    unsigned int m_seededForkCount;
     std::mt19937 m_generator;
 };
 

@@ -6,6 +6,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -90,6 +93,42 @@ TEST(CMutexLock, KeepsOtherThreadsOutForAsLongAsItLives) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(20000, counter);
+}
+
+/// What a process forked from this one draws from `random`.
+std::vector<unsigned int> drawInChild(CMTRand& random, std::size_t count) {
+    int ends[2];
+    EXPECT_EQ(::pipe(ends), 0);
+    test_support::ChildProcess child([&](test_support::Line const&) {
+        for (std::size_t i = 0; i < count; ++i) {
+            unsigned int const value = random.rand32();
+            if (::write(ends[1], &value, sizeof value) != sizeof value)
+                return 1;
+        }
+        return 0;
+    });
+    EXPECT_EQ(child.wait(), 0);
+    std::vector<unsigned int> values(count);
+    auto const sizeBytes = static_cast<ssize_t>(count * sizeof(unsigned int));
+    EXPECT_EQ(::read(ends[0], values.data(), count * sizeof(unsigned int)), sizeBytes);
+    ::close(ends[0]);
+    ::close(ends[1]);
+    return values;
+}
+
+TEST(CMTRand, AForkedProcessDrawsNumbersOfItsOwn) {
+    CMTRand own;
+    for (CMTRand* const random : {&own, CMTRand::getGlobal().get()}) {
+        random->rand32();
+        std::vector<unsigned int> const first = drawInChild(*random, 4);
+        std::vector<unsigned int> const second = drawInChild(*random, 4);
+        std::vector<unsigned int> here;
+        for (int i = 0; i < 4; ++i)
+            here.push_back(random->rand32());
+        EXPECT_NE(first, second);
+        EXPECT_NE(first, here);
+        EXPECT_NE(second, here);
+    }
 }
 
 TEST(CMutexLock, LocksInItsConstructorAndUnlocksInItsDestructor) {
