@@ -1,6 +1,7 @@
 #include "krym/openssl_cipher.h"
 
 #include <array>
+#include <cassert>
 #include <limits>
 
 #include <openssl/evp.h>
@@ -63,11 +64,14 @@ public:
         if (EVP_CipherUpdate(m_context.get(), target, &resultSizeBytes,
                              static_cast<unsigned char const*>(source), sizeBytes) != 1)
             throwOpenSSLError("EVP_CipherUpdate");
+        assert(resultSizeBytes == sizeBytes && "whole blocks go through without padding");
     }
 
     /// Puts a partial block through, filled with zeros to `blockSizeBytes`.
     void updateFilled(unsigned char* target, void const* source, int sizeBytes,
                       int blockSizeBytes) {
+        assert(sizeBytes > 0 && sizeBytes < blockSizeBytes &&
+               blockSizeBytes <= static_cast<int>(EVP_MAX_BLOCK_LENGTH));
         WipedBlock block;
         yx::copyMemory(block.bytes.data(), source, static_cast<std::size_t>(sizeBytes));
         update(target, block.bytes.data(), blockSizeBytes);
@@ -128,7 +132,9 @@ struct COpenSSLCipher::State {
           keySizeBytes(EVP_CIPHER_get_key_length(cipher.get())),
           ivSizeBytes(EVP_CIPHER_get_iv_length(cipher.get())),
           blockSizeBytes(EVP_CIPHER_get_block_size(cipher.get())),
-          context(makeContext()) {}
+          context(makeContext()) {
+        assert(keySizeBytes > 0 && blockSizeBytes > 1 && ivSizeBytes == blockSizeBytes);
+    }
 
     CChain start(Direction direction, yx::TCryptBuffer<unsigned char> const& key,
                  unsigned char const* iv) {

@@ -19,8 +19,8 @@ namespace krym {
 /// A failure of OpenSSL is `yx::CError` with its words ("OpenSSL EVP_CipherUpdate failed: ...") and
 /// code -1; the used size of `target` and with `append` its content are then as they were.
 ///
-/// OpenSSL's cipher and context are got once and kept as long as the object. The context is cleared
-/// at the end of each call, failed ones included, so that no key stays in it.
+/// OpenSSL's cipher and context are made once and live as long as the object. The context is
+/// cleared at the end of each call, failed ones included, so that no key stays in it.
 class KRYM_API COpenSSLCipher : public yx::CBase, public virtual ICipher {
 public:
     COpenSSLCipher(COpenSSLCipher const&) = delete;

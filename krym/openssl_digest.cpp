@@ -1,6 +1,7 @@
 #include "krym/openssl_digest.h"
 
 #include <array>
+#include <cassert>
 
 #include <openssl/evp.h>
 
@@ -33,6 +34,7 @@ COpenSSLDigest::COpenSSLDigest(evp_md_st const* algorithm) : m_state(std::make_u
         throwOpenSSLError("EVP_MD_CTX_new");
     if (EVP_DigestInit_ex2(m_state->context.get(), algorithm, nullptr) != 1)
         throwOpenSSLError("EVP_DigestInit_ex2");
+    assert(getSize() > 0 && getSize() <= EVP_MAX_MD_SIZE);
 }
 
 COpenSSLDigest::~COpenSSLDigest() = default;
@@ -57,8 +59,10 @@ void COpenSSLDigest::update(void const* data, int sizeBytes) {
 void COpenSSLDigest::finish() {
     if (m_state->isFinished)
         throwOrderError("Internal error: digest is finished already");
-    if (EVP_DigestFinal_ex(m_state->context.get(), m_state->digest.data(), nullptr) != 1)
+    unsigned int sizeBytes = 0;
+    if (EVP_DigestFinal_ex(m_state->context.get(), m_state->digest.data(), &sizeBytes) != 1)
         throwOpenSSLError("EVP_DigestFinal_ex");
+    assert(sizeBytes == static_cast<unsigned int>(getSize()));
     m_state->isFinished = true;
 }
 

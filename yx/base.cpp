@@ -1,5 +1,6 @@
 #include "yx/base.h"
 
+#include <cassert>
 #include <new>
 
 namespace yx {
@@ -9,11 +10,14 @@ IBase::~IBase() = default;
 CBase::~CBase() = default;
 
 void CBase::addRef() const {
-    m_refCount.fetch_add(1, std::memory_order_relaxed);
+    [[maybe_unused]] auto const before = m_refCount.fetch_add(1, std::memory_order_relaxed);
+    assert(before > 0 && "a reference to an object that is being destroyed");
 }
 
 void CBase::release() const {
-    if (m_refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+    auto const before = m_refCount.fetch_sub(1, std::memory_order_acq_rel);
+    assert(before > 0 && "more references given back than were taken");
+    if (before == 1)
         const_cast<CBase*>(this)->deleteThis();
 }
 

@@ -40,6 +40,10 @@ protected:
 /// An object made by `new (RawNew)` starts with one reference, which the first `P` takes over
 /// (`makeObject` does both steps). An object on the stack or inside another one is fine as long
 /// as nobody gives its last reference back.
+///
+/// A destructor must not make a `P` to its own object, nor pass the object to something that does:
+/// that reference would be the only one, and giving it back would destroy the object again, without
+/// end. Debug builds assert it.
 class YX_API CBase : public virtual IBase {
 public:
     /// Tag for the one `operator new` that makes heap objects.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <type_traits>
 
 #include "yx/base.h"
@@ -33,6 +34,7 @@ public:
         // At once: nobody would free the first of two allocations if the second one failed.
         ensureAllocated(std::max(allocated, used));
         m_used = used == -1 ? allocated : used;
+        assert(m_used <= m_allocated && (m_data != nullptr) == (m_allocated > 0));
     }
 
     /// Copies content and used size.
@@ -65,6 +67,7 @@ public:
             detail::throwBadBufferSize(used);
         ensureAllocated(used);
         m_used = used;
+        assert(m_used >= 0 && m_used <= m_allocated);
     }
 
     /// Guarantees room for `allocated` elements and leaves content and used size alone.
@@ -79,6 +82,7 @@ public:
             deleteData(m_data, m_allocated);
         m_data = data;
         m_allocated = allocated;
+        assert(m_used <= m_allocated);
     }
 
     /// The elements, `getUsed()` of them content and `getAllocated()` writable; null while nothing
@@ -137,7 +141,9 @@ class TConstBufferSlice {
 public:
     /// `length` elements from `offset` on, all of which the buffer has.
     TConstBufferSlice(TBuffer<T> const* buffer, int offset, int length)
-        : m_data(buffer->getData() ? buffer->getData() + offset : nullptr), m_length(length) {}
+        : m_data(buffer->getData() ? buffer->getData() + offset : nullptr), m_length(length) {
+        assert(offset >= 0 && length <= buffer->getAllocated() - offset);
+    }
 
     /// The elements, and how many.
     T const* getData() const { return m_data; }

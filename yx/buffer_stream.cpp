@@ -1,6 +1,7 @@
 #include "yx/buffer_stream.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -138,12 +139,14 @@ void CBufferStream::setLength(__int64 length) {
 }
 
 int CBufferStream::getAvailable() const {
+    assert(m_position >= 0);
     return m_position < m_buffer->getUsed() ? m_buffer->getUsed() - static_cast<int>(m_position)
                                             : 0;
 }
 
 void CBufferStream::growTo(int used, int zeroedUpTo) {
     int const oldUsed = m_buffer->getUsed();
+    assert(used >= oldUsed && zeroedUpTo <= used);
     if (used > m_buffer->getAllocated()) {
         double const grown =
             std::min(m_growthFactor * m_buffer->getAllocated(), double{kMaxBufferSizeBytes});

@@ -1,5 +1,6 @@
 #include "yx/error.h"
 
+#include <cassert>
 #include <string>
 
 #include "yx/buffer.h"
@@ -25,6 +26,7 @@ CError& CError::operator=(CError const&) noexcept = default;
 CError::~CError() = default;
 
 String const& CError::getMessage() const {
+    assert(m_record && "also a moved-from error is whole");
     return m_record->message;
 }
 
@@ -39,6 +41,7 @@ __int64 CError::getCode() const {
 CProps& CError::getParams() {
     if (m_params.use_count() > 1)
         m_params = std::make_shared<CProps>(*m_params);
+    assert(m_params.use_count() == 1);
     return *m_params;
 }
 

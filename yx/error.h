@@ -21,10 +21,10 @@ public:
     CError& operator=(CError const&) noexcept;
     ~CError() override;
 
-    /// A sentence for people.
+    /// What happened, a sentence for people.
     String const& getMessage() const;
 
-    /// More of it, often empty.
+    /// Further detail, often empty.
     String const& getDetail() const;
 
     /// A number for programs; -1 where there is none.
@@ -56,7 +56,7 @@ private:
 /// A failure of a stream or of the format of a file.
 class YX_API CIOError : public CError {
 public:
-    /// What has gone wrong. The numbers are fixed.
+    /// What went wrong. The numbers are fixed.
     enum Code {
         IOFailure = 1,          ///< the device or the operating system reports a failure
         NotFound = 2,           ///< no such file

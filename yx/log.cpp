@@ -115,7 +115,7 @@ void onExceptionInDestructorIgnored(char const* className, std::exception& error
         writeLine(std::string("error: exception ignored in the destructor of ") + className + ": " +
                   describe(error));
     } catch (...) {
-        // A destructor is running; there is nobody left to tell.
+        // A destructor is running; nobody is left to report it to.
     }
 }
 

@@ -7,18 +7,18 @@
 
 namespace yx {
 
-/// How bad it is.
+/// How serious a log entry is.
 enum class LogLevel {
-    Warning, ///< the work goes on, and somebody should know
+    Warning, ///< the work continues, but somebody should look into it
     Error,   ///< something failed
 };
 
 /// What a log handler is given.
 struct LogEntry {
-    /// How bad it is.
+    /// How serious it is.
     LogLevel level;
 
-    /// A sentence, and more of it, which is often empty.
+    /// A sentence, and further detail, which is often empty.
     String message;
     String detail;
 
@@ -28,7 +28,7 @@ struct LogEntry {
 
 /// Installs the receiver of all log entries and returns the one that it replaces. An empty handler
 /// restores the default, which writes one line to standard error. The handler is called on the
-/// thread that logs, under no lock of the framework; what it throws reaches the one who logs.
+/// thread that logs, under no lock of the framework; what it throws reaches the caller that logs.
 YX_API std::function<void(LogEntry const&)> setLogHandler(
     std::function<void(LogEntry const&)> handler);
 
@@ -49,7 +49,7 @@ setIgnoredExceptionHandler(
 
 /// Reports an exception that a destructor swallows. `className` is the full class name, such as
 /// "kelm::CVMDKGrainTable". `flag` goes to the handler as it is and has no other meaning; our own
-/// destructors pass true. Lets nothing out, whatever the handler throws.
+/// destructors pass true. Never throws, whatever the handler does.
 YX_API void onExceptionInDestructorIgnored(char const* className, std::exception& error,
                                            bool flag) noexcept;
 

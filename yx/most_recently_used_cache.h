@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <list>
 #include <map>
 
@@ -33,7 +34,7 @@ public:
 
     /// The object of the key, which thereby becomes the most recently used; null if there is none.
     P<V> get(K const& key) {
-        // Mostly it is the one that was asked for before.
+        // Usually it is the entry that was used last.
         if (!m_recency.empty() && isSame(m_recency.front()->first, key))
             return m_recency.front()->second.value;
         auto const found = m_entries.find(key);
@@ -119,6 +120,7 @@ private:
     static bool isSame(K const& left, K const& right) { return !(left < right) && !(right < left); }
 
     void touch(typename Entries::iterator entry) {
+        assert(*entry->second.place == entry);
         m_recency.splice(m_recency.begin(), m_recency, entry->second.place);
     }
 
@@ -127,12 +129,15 @@ private:
         Recency node(1, m_entries.end());
         node.front() = m_entries.emplace(key, Entry{P<V>(value), node.begin()}).first;
         m_recency.splice(m_recency.begin(), node);
+        assert(m_entries.size() == m_recency.size());
     }
 
     void erase(typename Entries::iterator entry) {
+        assert(*entry->second.place == entry);
         P<V> const released = std::move(entry->second.value);
         m_recency.erase(entry->second.place);
         m_entries.erase(entry);
+        assert(m_entries.size() == m_recency.size());
     }
 
     int m_limit;

@@ -6,17 +6,17 @@
 
 namespace yx {
 
-/// What can be locked.
+/// Something that can be locked.
 class YX_API IMutex : public virtual IBase {
 public:
-    /// Waits until nobody holds it, and holds it.
+    /// Waits until it is free, then holds it.
     virtual void lock() = 0;
 
-    /// Gives it back. The caller must hold it.
+    /// Releases it. The caller must hold it.
     virtual void unlock() = 0;
 };
 
-/// A mutex that one thread at a time may hold, once.
+/// A mutex that one thread at a time may hold. It is not recursive.
 class YX_API CMutex : public CBase, public virtual IMutex {
 public:
     void lock() override;

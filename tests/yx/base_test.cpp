@@ -323,4 +323,16 @@ TEST(CBase, CountIsSafeAgainstConcurrentUsers) {
     EXPECT_EQ(1, endCount);
 }
 
+#if !defined(NDEBUG)
+
+TEST(CBaseDeathTest, AReferenceMadeByTheObjectsOwnDestructorIsCaught) {
+    class Clinging : public CBase {
+    public:
+        ~Clinging() override { P<CBase> const self(this); }
+    };
+    EXPECT_DEATH(makeObject<Clinging>(), "a reference to an object that is being destroyed");
+}
+
+#endif
+
 } // namespace

@@ -1,17 +1,19 @@
 #pragma once
 
+#include <cassert>
+
 #include <fcntl.h>
 
 #include "yx/base.h"
 
 namespace yx::detail {
 
-/// Lets the device begin early with what a file is given in order, so that it works while more is
-/// made ready, and a sync at the end finds most of it done. Internal.
+/// Starts writing to the device early where a file is written in order, so that a sync at the end
+/// finds most of the work done. Internal.
 ///
-/// It is told of each write, and follows the run of writes that go on from one another. What is
-/// written at random is left alone, since it may be written again before it has to reach the device.
-/// It promises nothing: that is what a sync is for, and failures of the device show there.
+/// It follows runs of writes that continue one another. Writes at random places are left alone,
+/// since they may be overwritten before they have to reach the device. It guarantees nothing: that
+/// is what a sync is for, and failures of the device show there.
 class EarlyWriteBack {
 public:
     /// `position` and `sizeBytes` are of a write that was done.
@@ -23,6 +25,7 @@ public:
         }
         m_end = position + sizeBytes;
         m_newBytes += sizeBytes;
+        assert(m_newBytes <= m_end - m_begin);
         if (m_newBytes >= kBatchBytes)
             begin(descriptor);
     }
@@ -45,6 +48,7 @@ private:
 #else
         static_cast<void>(descriptor);
 #endif
+        assert(m_begin <= end && end <= m_end);
         m_begin = end;
         m_newBytes = 0;
     }

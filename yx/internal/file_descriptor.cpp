@@ -37,7 +37,7 @@ int FileDescriptor::close() {
 int openDescriptor(char const* path, int flags) {
     flags |= O_CLOEXEC | O_NOCTTY;
     int const descriptor = openRestarting(path, flags | O_NONBLOCK);
-    // Somebody holds a lease on the file, and is told to give it up while we wait.
+    // Somebody holds a lease on the file. The system asks for it back while this call waits.
     if (descriptor == -EWOULDBLOCK)
         return openRestarting(path, flags);
     return descriptor;

@@ -10,7 +10,7 @@ public:
     FileDescriptor(FileDescriptor const&) = delete;
     FileDescriptor& operator=(FileDescriptor const&) = delete;
 
-    /// A failure of the operating system has nobody left to hear it; `close` reports it.
+    /// Ignores a failure; call `close` to see it.
     ~FileDescriptor() { close(); }
 
     int get() const { return m_descriptor; }

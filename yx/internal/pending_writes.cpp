@@ -1,6 +1,7 @@
 #include "yx/internal/pending_writes.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "yx/internal/positioned_stream.h"
 #include "yx/memory.h"
@@ -15,6 +16,7 @@ __int64 PendingWrites::getEnd() const {
 }
 
 bool PendingWrites::tryAdd(__int64 position, unsigned char const* source, int sizeBytes) {
+    assert(position >= 0 && sizeBytes > 0);
     Extent* const joined = findJoinable(position);
     bool const isFree = std::ranges::none_of(used(), [&](Extent const& extent) {
         return &extent != joined && extent.position < position + sizeBytes &&
@@ -25,6 +27,7 @@ bool PendingWrites::tryAdd(__int64 position, unsigned char const* source, int si
 
     if (joined) {
         join(*joined, position, source, sizeBytes);
+        assert(isConsistent());
         return true;
     }
     if (m_count == m_extents.size())
@@ -34,6 +37,7 @@ bool PendingWrites::tryAdd(__int64 position, unsigned char const* source, int si
     extent.position = position;
     ++m_count;
     m_totalBytes += sizeBytes;
+    assert(isConsistent());
     return true;
 }
 
@@ -58,6 +62,7 @@ void PendingWrites::cut(__int64 length) {
             extent.bytes.resize(static_cast<std::size_t>(length - extent.position));
         }
     }
+    assert(isConsistent() && getEnd() <= length);
 }
 
 PendingWrites::Extent const* PendingWrites::getSoleEndingAt(__int64 position) const {
@@ -67,6 +72,7 @@ PendingWrites::Extent const* PendingWrites::getSoleEndingAt(__int64 position) co
 }
 
 void PendingWrites::writeBack(PositionedStream& stream) {
+    assert(isConsistent());
     __int64 const length = m_count > 1 ? stream.getLength() : 0;
     while (m_count > 0) {
         auto const extents = used();
@@ -122,6 +128,20 @@ void PendingWrites::remove(std::size_t index) {
             spare.bytes.swap(formerSpare.bytes);
         formerSpare.bytes = {};
     }
+}
+
+bool PendingWrites::isConsistent() const {
+    int totalBytes = 0;
+    for (Extent const& extent : used()) {
+        bool const isDisjoint = std::ranges::none_of(used(), [&extent](Extent const& other) {
+            return &other != &extent && other.position < extent.getEnd() &&
+                   extent.position < other.getEnd();
+        });
+        if (extent.bytes.empty() || !isDisjoint)
+            return false;
+        totalBytes += extent.getSizeBytes();
+    }
+    return totalBytes == m_totalBytes && totalBytes <= kMaxBytes;
 }
 
 } // namespace yx::detail

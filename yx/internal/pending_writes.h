@@ -10,7 +10,7 @@ namespace yx::detail {
 
 class PositionedStream;
 
-/// Small writes that a stream holds back, gathered to extents that do not overlap. Internal.
+/// Small writes that a stream holds back, gathered into extents that do not overlap. Internal.
 ///
 /// A write that starts inside an extent or at its end joins it; another one begins a new extent.
 /// Several extents serve tables that are rewritten at two places each while data grows at the end.
@@ -35,8 +35,8 @@ public:
     /// Where the last extent in the stream ends, 0 without extents.
     __int64 getEnd() const;
 
-    /// Takes a copy of the bytes, or answers false and changes nothing where that needs a write-back
-    /// first. Never answers false when empty and given `kMaxBytes` or less.
+    /// Takes a copy of the bytes, or answers false and changes nothing where that needs a
+    /// write-back first. Never answers false when empty and given `kMaxBytes` or less.
     bool tryAdd(__int64 position, unsigned char const* source, int sizeBytes);
 
     /// Puts the bytes held back over what `target` has of the stream's content from `position` on.
@@ -53,7 +53,7 @@ public:
     /// extent and all behind it.
     void writeBack(PositionedStream& stream);
 
-    /// Drops everything; for bytes that have reached the stream on another way.
+    /// Drops everything, once the bytes have reached the stream in another way.
     void clear();
 
 private:
@@ -62,6 +62,10 @@ private:
     Extent* findJoinable(__int64 position);
     void join(Extent& extent, __int64 position, unsigned char const* source, int sizeBytes);
     void remove(std::size_t index);
+
+    /// Whether the extents are disjoint, none is empty, and their total is right and within its
+    /// limit. For assertions.
+    bool isConsistent() const;
 
     /// The first `m_count` are in use, in order of age; the one behind them may keep memory for the
     /// next extent.

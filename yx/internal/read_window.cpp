@@ -1,6 +1,7 @@
 #include "yx/internal/read_window.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "yx/memory.h"
 
@@ -32,6 +33,7 @@ unsigned char* ReadWindow::reserve() {
 }
 
 void ReadWindow::fill(__int64 position, int sizeBytes) {
+    assert(position >= 0 && sizeBytes >= 0 && sizeBytes <= m_capacityBytes);
     m_position = position;
     m_sizeBytes = sizeBytes;
 }
@@ -40,6 +42,7 @@ void ReadWindow::patch(__int64 position, unsigned char const* source, int sizeBy
     __int64 const begin = std::max(position, m_position);
     __int64 const end = std::min(position + sizeBytes, getEnd());
     if (begin < end) {
+        assert(end - m_position <= m_capacityBytes);
         copyMemory(m_data.get() + (begin - m_position), source + (begin - position),
                    static_cast<std::size_t>(end - begin));
     }
@@ -48,6 +51,7 @@ void ReadWindow::patch(__int64 position, unsigned char const* source, int sizeBy
 void ReadWindow::drop(__int64 position, __int64 sizeBytes) {
     if (position < getEnd() && m_position < position + sizeBytes)
         m_sizeBytes = static_cast<int>(std::max<__int64>(0, position - m_position));
+    assert(m_sizeBytes >= 0 && m_sizeBytes <= m_capacityBytes);
 }
 
 } // namespace yx::detail

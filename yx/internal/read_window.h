@@ -10,8 +10,8 @@ namespace yx::detail {
 /// follows. Internal.
 class ReadWindow {
 public:
-    /// A read that starts this much behind the window's end still goes on from it: records in a
-    /// file are separated by padding.
+    /// A read that starts up to this far behind the window's end still counts as its continuation:
+    /// records in a file are separated by padding.
     static constexpr int kMaxSkipBytes = 4 * 1024;
 
     /// -1 in a window that knows nothing. An empty window may know by its position where a read

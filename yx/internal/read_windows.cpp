@@ -1,6 +1,7 @@
 #include "yx/internal/read_windows.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace yx::detail {
 
@@ -15,6 +16,8 @@ ReadWindow* ReadWindows::find(__int64 position) {
 }
 
 ReadWindow& ReadWindows::prepare(__int64 position) {
+    assert(std::ranges::none_of(
+        m_windows, [position](ReadWindow const& window) { return window.holds(position); }));
     ReadWindow* window = findContinued(position);
     if (window) {
         window->restart(std::min(window->getFetchSizeBytes() * kFetchGrowth, kMaxFetchBytes));
@@ -23,6 +26,8 @@ ReadWindow& ReadWindows::prepare(__int64 position) {
         window->restart(kFirstFetchBytes);
     }
     window->setLastUse(++m_useCount);
+    assert(window->getFetchSizeBytes() >= kFirstFetchBytes &&
+           window->getFetchSizeBytes() <= kMaxFetchBytes);
     return *window;
 }
 

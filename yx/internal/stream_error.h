@@ -10,7 +10,7 @@ namespace yx::detail {
 /// "uri" alone, for errors about a whole stream or file.
 CProps makeUriProps(CURI const& uri);
 
-/// "uri", "position" and the size, both in bytes, for errors about a range. `sizeName` tells what
+/// "uri", "position" and the size, both in bytes, for errors about a range. `sizeName` says what
 /// the size is of: "bytesToRead", "bytesToWrite" or "length".
 CProps makeRangeProps(CURI const& uri, __int64 position, char const* sizeName, __int64 sizeBytes);
 
