@@ -27,7 +27,7 @@ bool isLetter(wxUniChar character) {
 }
 
 /// Whatever the locale says about letters.
-wxUniChar toUpperAscii(wxUniChar character) {
+wxUniChar toUpperLetter(wxUniChar character) {
     bool const isLower = character >= 'a' && character <= 'z';
     return isLower ? wxUniChar(character.GetValue() - 'a' + 'A') : character;
 }
@@ -201,7 +201,7 @@ void CWindowsPathTraits::normalizeRoot(String& root) {
         bool const absolute = scanner.isSepAt(2);
         // A drive without a separator stands for the drive's current folder. "C:." says so too, and
         // stays right when a separator and a component are put behind it.
-        text = wxString(toUpperAscii(text[0])) + (absolute ? ":\\" : ":.");
+        text = wxString(toUpperLetter(text[0])) + (absolute ? ":\\" : ":.");
         return;
     }
     bool const share = scanner.isDevicePath() || scanner.isShare();
@@ -226,7 +226,7 @@ void CWindowsPathTraits::finalizeNormalizedPath(String& path) {
     if (!scanner.isDriveAt(0))
         return;
     // The drive may have been a component until those before it went.
-    text[0] = toUpperAscii(text[0]);
+    text[0] = toUpperLetter(text[0]);
     if (text == text.Left(2) + ".")
         text.erase(2);
     else if (text.Mid(2).StartsWith(".\\"))

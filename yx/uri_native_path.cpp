@@ -29,13 +29,13 @@ bool isDriveAt(std::string_view path, size_t position) {
 }
 
 WindowsPathParts splitWindowsPath(std::string_view path) {
-    constexpr std::string_view kVerbatimPrefix = "//?/";
+    constexpr std::string_view kVerbatimDrivePrefix = "//?/";
     constexpr std::string_view kVerbatimSharePrefix = "//?/unc/";
     std::string text(path);
     if (toLowerAscii(text.substr(0, kVerbatimSharePrefix.size())) == kVerbatimSharePrefix)
         text.replace(0, kVerbatimSharePrefix.size(), "//");
-    else if (text.starts_with(kVerbatimPrefix) && isDriveAt(text, kVerbatimPrefix.size()))
-        text.erase(0, kVerbatimPrefix.size());
+    else if (text.starts_with(kVerbatimDrivePrefix) && isDriveAt(text, kVerbatimDrivePrefix.size()))
+        text.erase(0, kVerbatimDrivePrefix.size());
 
     if (isDriveAt(text, 0) && text.size() > 2 && text[2] == '/')
         return {"", "/" + toUpperAscii(text.substr(0, 2)), text.substr(2)};

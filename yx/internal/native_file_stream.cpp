@@ -23,8 +23,8 @@ namespace {
 
 using detail::FileAction;
 
-constexpr __int64 kMaxLengthBytes = std::numeric_limits<off_t>::max();
-static_assert(kMaxLengthBytes == std::numeric_limits<__int64>::max(),
+constexpr __int64 kMaxFileLengthBytes = std::numeric_limits<off_t>::max();
+static_assert(kMaxFileLengthBytes == std::numeric_limits<__int64>::max(),
               "positions are checked against that before they come here");
 
 /// Pieces of one call; the system's own limit is at least 1024.
@@ -195,7 +195,8 @@ void CNativeFileStream::writeAt(__int64 position, Piece const* pieces, int count
 
 int CNativeFileStream::readAt(__int64 position, void* target, int sizeBytes) const {
     // No file reaches up to the largest number, and the system refuses ranges that pass it.
-    auto const wanted = static_cast<int>(std::min<__int64>(sizeBytes, kMaxLengthBytes - position));
+    auto const wanted =
+        static_cast<int>(std::min<__int64>(sizeBytes, kMaxFileLengthBytes - position));
     int done = 0;
     while (done < wanted) {
         ssize_t const count =
