@@ -27,7 +27,7 @@ using test_support::ScriptedGatherStream;
 using test_support::ScriptedStream;
 using Bytes = std::vector<unsigned char>;
 
-constexpr int kOperations = 25000;
+constexpr int kOperations = 3000;
 constexpr int kMaxTransferBytes = 200 * 1024;
 constexpr int kMaxPosition = 1536 * 1024;
 constexpr int kMaxTries = 1000;
@@ -413,8 +413,8 @@ TEST_P(OptimizingIOStreamModel, BehavesLikeAPlainVector) {
         if (testing::Test::HasFatalFailure())
             return;
         if (withFailures) {
-            EXPECT_GT(model.getFailureCount(), 500);
-            EXPECT_GT(model.getGivenUpCount(), 50);
+            EXPECT_GT(model.getFailureCount(), 50);
+            EXPECT_GT(model.getGivenUpCount(), 0);
         } else {
             EXPECT_EQ(model.getFailureCount(), 0);
         }
