@@ -8,15 +8,18 @@
 
 namespace kelm {
 
-/// One extent's share of a disk: a byte space with one cursor, cut into grains. Positions are bytes
-/// from the extent's own start, grain indices count from its first grain, unless said otherwise.
+/// The part of a disk that lies in one file: a range of bytes with one cursor, divided into grains.
+/// Unless stated otherwise, positions are bytes from the start of the extent, and grain indices
+/// count from its first grain. `CVMDKDisk` finds the extent for a position of the disk; use that
+/// class to read and write a whole disk.
 ///
-/// Bad arguments are `yx::CInvalidArgError`, operations past the end or off a grain boundary
-/// `yx::CIOError`, and calls that the extent cannot serve `yx::CError`; each class tells its words.
-/// A failure leaves the cursor at the start of the failed step, and the object usable.
+/// Throws `yx::CInvalidArgError` for bad arguments, `yx::CIOError` for operations past the end or
+/// off a grain boundary, and `yx::CError` for operations that the extent does not support; the
+/// messages are those of each class. A failure leaves the cursor at the start of the step that
+/// failed, and the object usable.
 class KELM_API IVMDKExtentFile : public virtual yx::IBase {
 public:
-    /// Replaces the source that grains without data fall through to; null for zeros.
+    /// Replaces the source of grains without data; null means zeros.
     virtual void setFallbackDataProvider(IVMDKDataProvider* provider) = 0;
 
     /// The index in the whole disk of the extent's first grain.
@@ -37,38 +40,40 @@ public:
     /// The cursor.
     virtual __int64 getPosition() const = 0;
 
-    /// Reads exactly `bytes` bytes at the cursor and moves it on.
+    /// Reads exactly `bytes` bytes at the cursor and moves the cursor past them.
     virtual void read(void* buffer, int bytes) = 0;
 
-    /// Writes exactly `bytes` bytes at the cursor and moves it on. The bytes may stay in memory
-    /// until `flushChanges`.
+    /// Writes exactly `bytes` bytes at the cursor and moves the cursor past them. The bytes may
+    /// stay in memory until `flushChanges`.
     virtual void write(void const* buffer, int bytes) = 0;
 
-    /// Brings every change to the device.
+    /// Writes all changes to the device.
     virtual void flushChanges() = 0;
 
-    /// A new preparer of this extent's settings.
+    /// Makes a new preparer with this extent's settings.
     virtual yx::P<CVMDKDataPreparer> createDataPreparer() = 0;
 
-    /// Stores one whole grain, given in prepared form, at the cursor, which must stand on a grain
-    /// boundary, and moves the cursor one grain on.
+    /// Stores one whole grain, given in prepared form, at the cursor and moves the cursor to the
+    /// next grain. The cursor must be on a grain boundary.
     virtual void writePreparedGrainData(yx::TBuffer<unsigned char> const& data) = 0;
 
     /// Fills `data` with the grain at the cursor in prepared form, deciphered, and moves the cursor
-    /// one grain on. The cursor must stand on a grain boundary.
+    /// to the next grain. The cursor must be on a grain boundary.
     virtual void readPreparedGrainData(yx::TBuffer<unsigned char>& data) = 0;
 
-    /// Gives the grain a place of its own with what it gets from the provider now, and moves the
-    /// cursor behind it. Returns the bytes written or passed over, 0 without a provider.
+    /// Stores the provider's data of the grain in the extent, unless the grain is stored already,
+    /// and moves the cursor to the next grain. Returns the number of bytes written or skipped, 0
+    /// without a provider.
     virtual __int64 makeGrainIndependentOfParent(__int64 grainIndex) = 0;
 
-    /// Whether the grain under the cursor holds data here or in the provider. The cursor stays.
+    /// Whether this extent or the provider has data for the grain at the cursor. The cursor does
+    /// not move.
     virtual bool isGrainWritten() = 0;
 
-    /// Whether the grain under the cursor holds data here. The cursor stays.
+    /// Whether this extent has data for the grain at the cursor. The cursor does not move.
     virtual bool isGrainWrittenAndIndependentOfParent() = 0;
 
-    /// How the extent's file uses its space, after flushing all changes.
+    /// Flushes all changes, and returns how the extent's file uses its space.
     virtual yx::P<CVMDKSpaceInfo> gatherSpaceInfo() = 0;
 };
 

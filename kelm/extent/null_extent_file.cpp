@@ -1,5 +1,6 @@
 #include "kelm/extent/null_extent_file.h"
 
+#include <cassert>
 #include <limits>
 
 #include "kelm/extent/internal/grain_position.h"
@@ -14,7 +15,7 @@ constexpr char kNullExtentReadName[] = "CVMDKNullExtentFile::read";
 
 constexpr __int64 kMaxSizeBytes = std::numeric_limits<__int64>::max();
 
-/// A size beyond all numbers becomes the largest, one of nothing or less becomes 0.
+/// A size that exceeds 64 bits becomes the largest number, a size below 1 becomes 0.
 __int64 calcSizeBytes(__int64 sizeSectors, __int64 sectorSizeBytes) {
     if (sizeSectors < 1 || sectorSizeBytes < 1)
         return 0;
@@ -37,7 +38,18 @@ CVMDKNullExtentFile::CVMDKNullExtentFile(yx::CURI const& uri, __int64 startGrain
       m_compressionLevel(compressionLevel),
       m_grainSizeBytes(calcSizeBytes(m_grainSizeSectors, m_sectorSizeBytes)),
       m_extentSizeBytes(calcSizeBytes(m_extentSizeSectors, m_sectorSizeBytes)),
-      m_fallbackDataProvider(provider) {}
+      m_fallbackDataProvider(provider) {
+    assert(isCursorInside());
+}
+
+CVMDKNullExtentFile::CVMDKNullExtentFile(CVMDKNullExtentFile const&) = default;
+CVMDKNullExtentFile& CVMDKNullExtentFile::operator=(CVMDKNullExtentFile const&) = default;
+CVMDKNullExtentFile::~CVMDKNullExtentFile() = default;
+
+/// For assertions: the cursor may be at the end, but never past it.
+bool CVMDKNullExtentFile::isCursorInside() const {
+    return m_position >= 0 && m_position <= m_extentSizeBytes;
+}
 
 yx::CProps CVMDKNullExtentFile::uriProps() const {
     return yx::CProps().add("uri", m_uri.toString(true));
@@ -72,9 +84,10 @@ void CVMDKNullExtentFile::read(void* buffer, int bytes) {
     else
         yx::initMemory(buffer, 0, static_cast<std::size_t>(bytes));
     m_position += bytes;
+    assert(isCursorInside());
 }
 
-/// The disk position of a byte that lies `offsetBytes` behind the start of a grain.
+/// The disk position of the byte at `offsetBytes` from the start of a grain.
 __int64 CVMDKNullExtentFile::calcDiskPosition(__int64 diskGrainIndex, __int64 offsetBytes) const {
     verifyGrainSize();
     __int64 const startBytes = grainPositionBytes(diskGrainIndex, m_grainSizeBytes);
@@ -117,7 +130,7 @@ bool CVMDKNullExtentFile::isGrainWritten() {
     if (!m_fallbackDataProvider)
         return false;
     verifyGrainSize();
-    // Deliberate: no bounds test, so at the very end the provider answers for the grain behind.
+    // Deliberate: no bounds check, so at the end the provider answers for the grain after it.
     return m_fallbackDataProvider->isGrainWritten(calcDiskPosition(calcCurrentDiskGrainIndex(), 0));
 }
 
@@ -143,6 +156,7 @@ void CVMDKNullExtentFile::readPreparedGrainData(yx::TBuffer<unsigned char>& data
     else
         fillWithPreparedZeroGrain(data, diskGrainIndex);
     m_position += m_grainSizeBytes;
+    assert(isCursorInside());
 }
 
 void CVMDKNullExtentFile::verifyPreparedGrainRange() const {

@@ -4,16 +4,23 @@
 
 namespace kelm {
 
-/// An extent without a file: it reads what its provider has, else zeros, and refuses every write.
+/// Stands in for an extent whose file does not exist: it reads the provider's data, or zeros
+/// without a provider. Refuses every write; `CVMDKOnDemandExtentFile` makes the file instead.
 class KELM_API CVMDKNullExtentFile : public yx::CBase, public virtual IVMDKExtentFile {
 public:
     /// `uri` is where the extent's file would be, for error messages. `startGrainIndex` is the disk
     /// grain index of the first grain; `sectorSizeBytes` is 512. `compressed` and
-    /// `compressionLevel` tell the form of prepared grains. `provider` may be null. Touches no file
-    /// and cannot fail.
+    /// `compressionLevel` determine the form of prepared grains. `provider` may be null. Accesses
+    /// no file and cannot fail.
     CVMDKNullExtentFile(yx::CURI const& uri, __int64 startGrainIndex, __int64 grainSizeSectors,
                         __int64 extentSizeSectors, __int64 sectorSizeBytes, bool compressed,
                         int compressionLevel, IVMDKDataProvider* provider);
+
+    /// A copy shares the provider and starts at the same cursor.
+    CVMDKNullExtentFile(CVMDKNullExtentFile const&);
+    CVMDKNullExtentFile& operator=(CVMDKNullExtentFile const&);
+
+    ~CVMDKNullExtentFile() override;
 
     void setFallbackDataProvider(IVMDKDataProvider* provider) override;
     __int64 getStartGrainIndex() const override { return m_startGrainIndex; }
@@ -21,17 +28,18 @@ public:
     bool getCompressed() const override { return m_compressed; }
     yx::CURI getURI() const override { return m_uri; }
 
-    /// A position outside 0 to the extent's size is `yx::CInvalidArgError` "Invalid position: <n>"
-    /// with "uri".
+    /// Throws `yx::CInvalidArgError` "Invalid position: <n>" with "uri" for a position outside 0 to
+    /// the extent's size.
     void seek(__int64 position) override;
 
     __int64 getPosition() const override { return m_position; }
 
-    /// Past the extent's end: `yx::CIOError` `UnexpectedEnd` with "uri", "position" and
-    /// "bytesToRead", nothing read. A negative size is `yx::CInvalidArgError` with "uri".
+    /// Throws, without reading anything, `yx::CIOError` `UnexpectedEnd` with "uri", "position" and
+    /// "bytesToRead" for a range past the extent's end, and `yx::CInvalidArgError` with "uri" for a
+    /// negative size.
     void read(void* buffer, int bytes) override;
 
-    /// Always refuses: `yx::CError` "Internal error: write method called on VMDK null extent file."
+    /// Always throws `yx::CError` "Internal error: write method called on VMDK null extent file."
     /// with "uri".
     void write(void const* buffer, int bytes) override;
 
@@ -40,20 +48,20 @@ public:
 
     yx::P<CVMDKDataPreparer> createDataPreparer() override;
 
-    /// Always refuses, like `write`.
+    /// Always throws, as `write` does, with its own name in the message.
     void writePreparedGrainData(yx::TBuffer<unsigned char> const& data) override;
 
-    /// A grain that exceeds the extent is `yx::CIOError` `NotAllowed` with "uri", "position",
-    /// "grainSize" and "extentSize"; then, a cursor off a grain boundary is `NotAligned` with
-    /// "uri", "position" and "grainSize". Without a provider one zero grain is prepared, once, and
-    /// each call costs a copy of it.
+    /// Throws, in this order, `yx::CIOError` `NotAllowed` with "uri", "position", "grainSize" and
+    /// "extentSize" for a grain that exceeds the extent, and `NotAligned` with "uri", "position"
+    /// and "grainSize" for a cursor off a grain boundary. Without a provider, a zero grain is
+    /// prepared once and copied by each call.
     void readPreparedGrainData(yx::TBuffer<unsigned char>& data) override;
 
-    /// Always refuses, like `write`.
+    /// Always throws, as `write` does, with its own name in the message.
     __int64 makeGrainIndependentOfParent(__int64 grainIndex) override;
 
-    /// Whether the provider has the grain under the cursor; at the very end, the grain just behind
-    /// the extent.
+    /// Whether the provider has data for the grain at the cursor; at the extent's end, for the
+    /// first grain after the extent.
     bool isGrainWritten() override;
 
     /// Always false: a null extent has no data of its own.
@@ -63,6 +71,7 @@ public:
     yx::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
 
 private:
+    bool isCursorInside() const;
     yx::CProps uriProps() const;
     void verifyGrainSize() const;
     void verifyPreparedGrainRange() const;

@@ -1,5 +1,7 @@
 #include "kelm/extent/on_demand_extent_file.h"
 
+#include <cassert>
+
 #include "kelm/extent/low_level_file_stream.h"
 #include "kelm/extent/null_extent_file.h"
 #include "kelm/extent/sparse_extent_file.h"
@@ -40,7 +42,13 @@ CVMDKOnDemandExtentFile::CVMDKOnDemandExtentFile(
       m_encryptionIV(encryptionIV),
       m_encryptionKeyHash(encryptionKeyHash) {
     updateInnerFileObject(!fileSystem->fileExists(uri));
+    assert(m_innerFile);
 }
+
+CVMDKOnDemandExtentFile::CVMDKOnDemandExtentFile(CVMDKOnDemandExtentFile const&) = default;
+CVMDKOnDemandExtentFile& CVMDKOnDemandExtentFile::operator=(CVMDKOnDemandExtentFile const&) =
+    default;
+CVMDKOnDemandExtentFile::~CVMDKOnDemandExtentFile() = default;
 
 void CVMDKOnDemandExtentFile::updateInnerFileObject(bool nullExtent) {
     constexpr __int64 kNoPosition = -1;
@@ -57,6 +65,7 @@ void CVMDKOnDemandExtentFile::updateInnerFileObject(bool nullExtent) {
             m_encryptionIV);
     }
     m_innerIsNull = nullExtent;
+    assert(m_innerFile->getPosition() == 0);
     if (savedPosition != kNoPosition)
         m_innerFile->seek(savedPosition);
 }
@@ -72,8 +81,8 @@ void CVMDKOnDemandExtentFile::prepareWrite() {
     if (!m_fileSystem->fileExists(m_uri)) {
         yx::TBuffer<unsigned char> zeroBuffer(kZeroBufferSizeBytes, -1);
         yx::initMemory(zeroBuffer.getData(), 0, kZeroBufferSizeBytes);
-        // Deliberately rounded down: an extent is taken to be a whole number of grains. The
-        // creation refuses a grain size below 1 by itself.
+        // Deliberately rounded down: an extent is assumed to be a whole number of grains. A grain
+        // size below 1 is refused by the creation itself.
         __int64 const grainCount =
             m_grainSizeSectors < 1 ? 0 : m_extentSizeSectors / m_grainSizeSectors;
         createEmptyVMDKSparseExtentFile(m_fileSystem.get(), m_uri, m_compressed, grainCount,
@@ -81,6 +90,7 @@ void CVMDKOnDemandExtentFile::prepareWrite() {
                                         m_encryptionKeyHash);
     }
     updateInnerFileObject(false);
+    assert(!m_innerIsNull);
 }
 
 void CVMDKOnDemandExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider) {

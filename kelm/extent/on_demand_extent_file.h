@@ -8,16 +8,17 @@
 
 namespace kelm {
 
-/// An extent of a split disk whose file need not exist yet: it comes into being at the first write.
+/// An extent of a split disk whose file is made by the first write. If the file is known to exist,
+/// use `CVMDKSparseExtentFile` directly.
 ///
-/// Everything is forwarded to an inner extent, a `CVMDKNullExtentFile` while there is no file and a
-/// `CVMDKSparseExtentFile` from then on. The cursor survives the change.
+/// Everything is forwarded to an inner extent: a `CVMDKNullExtentFile` while there is no file, and
+/// a `CVMDKSparseExtentFile` from then on. The cursor stays the same when the inner extent changes.
 class KELM_API CVMDKOnDemandExtentFile : public yx::CBase, public virtual IVMDKExtentFile {
 public:
-    /// `uri` is where the file is or would be. `extentSizeSectors` is a whole number of grains;
-    /// `sectorSizeBytes` is 512. `encryptionKeyHash` goes into a new file's header and is empty for
-    /// an extent that is not enciphered. If the file exists, it is opened at once, and what its
-    /// opening refuses passes through.
+    /// `uri` is where the file is or will be. `extentSizeSectors` is a whole number of grains;
+    /// `sectorSizeBytes` is 512. `encryptionKeyHash` is stored in the header of a new file, and is
+    /// empty for an extent that is not enciphered. If the file exists, it is opened at once, and
+    /// errors of the opening pass through.
     CVMDKOnDemandExtentFile(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                             yx::IIOStream::Access access, __int64 startGrainIndex,
                             __int64 grainSizeSectors, __int64 extentSizeSectors,
@@ -28,6 +29,13 @@ public:
                             yx::TCryptBuffer<unsigned char> const& encryptionKey,
                             yx::TBuffer<unsigned char> const& encryptionIV,
                             yx::TBuffer<unsigned char> const& encryptionKeyHash);
+
+    /// A copy shares the inner extent until one of the two replaces its own.
+    CVMDKOnDemandExtentFile(CVMDKOnDemandExtentFile const&);
+    CVMDKOnDemandExtentFile& operator=(CVMDKOnDemandExtentFile const&);
+
+    /// Flushes nothing itself; the inner extent flushes when its last reference is released.
+    ~CVMDKOnDemandExtentFile() override;
 
     void setFallbackDataProvider(IVMDKDataProvider* provider) override;
     __int64 getStartGrainIndex() const override { return m_startGrainIndex; }
@@ -45,20 +53,23 @@ public:
     bool isGrainWrittenAndIndependentOfParent() override;
     yx::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
 
-    /// The three writing operations make the file first if there is none. Without write access they
-    /// throw `yx::CError` "Internal error: VMDK extent file is about to be changed, but it was not
-    /// opened for writing." with "uri".
+    /// These three operations write, and make the file first if there is none. Without write access
+    /// they throw `yx::CError` "Internal error: VMDK extent file is about to be changed, but it was
+    /// not opened for writing." with "uri".
     void write(void const* buffer, int bytes) override;
     void writePreparedGrainData(yx::TBuffer<unsigned char> const& data) override;
     __int64 makeGrainIndependentOfParent(__int64 grainIndex) override;
 
 protected:
-    /// Replaces the inner object and takes its cursor over. If making the new one fails, the old
-    /// one stays.
+    /// Replaces the inner extent: by a null extent if `nullExtent`, otherwise by one that opens the
+    /// file. Its cursor is set to that of the old one. If making the new one fails, the old one
+    /// stays; if setting the cursor fails, the new one stays, with its cursor at 0.
     void updateInnerFileObject(bool nullExtent);
 
-    /// Makes sure that the file exists and is the inner object. A file that somebody else has made
-    /// meanwhile is opened as it stands.
+    /// Makes the file if there is none, and makes the inner extent open it. A file that another
+    /// process has made in the meantime is opened as it is. Throws `yx::CError` without write
+    /// access, as the writing operations do. If making the file fails, the null extent stays, and
+    /// the next call tries again.
     void prepareWrite();
 
 private:

@@ -1,6 +1,7 @@
 #include "kelm/extent/parent_disk_data_provider.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "kelm/disk/disk.h"
 #include "kelm/extent/internal/grain_position.h"
@@ -28,6 +29,11 @@ CVMDKParentDiskDataProvider::CVMDKParentDiskDataProvider(
       m_password(password) {
     fetchParentDiskSize();
 }
+
+CVMDKParentDiskDataProvider::CVMDKParentDiskDataProvider(CVMDKParentDiskDataProvider const&) =
+    default;
+CVMDKParentDiskDataProvider& CVMDKParentDiskDataProvider::operator=(
+    CVMDKParentDiskDataProvider const&) = default;
 
 CVMDKParentDiskDataProvider::~CVMDKParentDiskDataProvider() {
     m_password.wipe();
@@ -64,7 +70,7 @@ void CVMDKParentDiskDataProvider::openParentDisk() {
 }
 
 void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
-    // Deliberate: a parent that was handed in is not compared with the content ID.
+    // Deliberate: the content ID of a parent that was passed in is not checked.
     if (m_parentDisk)
         return;
     try {
@@ -79,9 +85,11 @@ void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
         throw;
     }
     fetchParentDiskSize();
+    assert(m_parentDiskSizeBytes >= 0);
 }
 
 void CVMDKParentDiskDataProvider::getData(__int64 position, void* buffer, int bytes) {
+    assert(position >= 0 && bytes >= 0);
     ensureParentDiskOpen();
     auto* const target = static_cast<unsigned char*>(buffer);
     int count = 0;
@@ -114,8 +122,8 @@ void CVMDKParentDiskDataProvider::getPreparedGrainData(__int64 position,
                                                        yx::TBuffer<unsigned char>& data,
                                                        int grainSizeBytes, bool compressed) {
     ensureParentDiskOpen();
-    // Prepared data passes only between disks of one format, plain data between any two; so this is
-    // no reason to refuse the parent as a whole.
+    // Checked only here: prepared data can be exchanged only by disks of the same form, but plain
+    // data by any two disks.
     verifyCompatible(grainSizeBytes, compressed);
     if (position < m_parentDiskSizeBytes) {
         m_parentDisk->seek(position);

@@ -10,61 +10,67 @@ namespace kelm {
 
 class CVMDKDisk;
 
-/// The whole message of the error with which a parent of another grain size or compression refuses
-/// to hand out prepared grains. No code of the error says it, so hosts compare with this.
+/// The message of the error that refuses prepared grains of a parent with another grain size or
+/// compression. The error has no code of its own, so hosts compare with this.
 inline constexpr char kParentIncompatibleMessage[] = "Parent disk is incompatible with diff disk.";
 
-/// The parent disk of a child disk as a source of bytes and prepared grains.
+/// Provides a child disk with the data of its parent disk, as plain bytes and as prepared grains.
 ///
-/// The parent is opened, read-only, at the first request, so a child whose grains are all its own
-/// opens no parent file. That is also where the promise of the child's descriptor is tested: that
-/// the parent is the very disk that the child was made from. A failed opening is logged, passes on,
-/// and is tried again by the next request.
+/// The parent is opened read-only by the first request, so a child that stores all its grains
+/// itself never opens it. Opening it includes a check that it has not changed since the child was
+/// made: its content ID must be the one in the child's descriptor. If the opening fails, the error
+/// is logged and passes through, and the next request tries again.
 class KELM_API CVMDKParentDiskDataProvider : public yx::CBase, public virtual IVMDKDataProvider {
 public:
-    /// The most parents in a chain. Every level costs stack and an open file; no chain of backups
-    /// comes near this.
+    /// The maximum number of parents in a chain. Each level needs stack and an open file. No chain
+    /// of backups is nearly this long.
     static constexpr int kMaxChainDepth = 255;
 
-    /// `childURI` is the child's main file, `parentContentID` and `parentFileNameHint` are what its
-    /// descriptor says of the parent, `grainSizeSectors` is the child's. The parent is opened with
-    /// `password`, `compressionLevel` and `grainTableCache`. A `parentDisk` that is given (it may
-    /// be null) is used as it is and never compared with `parentContentID`. Opens nothing; a hint
-    /// that names no file throws what `vmdkFileReferenceToURI` throws.
+    /// `childURI` is the child's main file; `parentContentID` and `parentFileNameHint` are those of
+    /// its descriptor; `grainSizeSectors` is the child's. The parent is opened with `password`,
+    /// `compressionLevel` and `grainTableCache`. If `parentDisk` is not null, it is used instead,
+    /// and its content ID is not checked. Opens nothing. For a hint that is no file name, throws
+    /// what `vmdkFileReferenceToURI` throws.
     CVMDKParentDiskDataProvider(yx::IFileSystem* fileSystem, yx::CURI const& childURI,
                                 unsigned int parentContentID, yx::String const& parentFileNameHint,
                                 __int64 grainSizeSectors, yx::String const& password,
                                 int compressionLevel, CVMDKGrainTableCache* grainTableCache,
                                 CVMDKDisk* parentDisk);
 
+    /// A copy shares the parent if it is open, and opens one of its own otherwise.
+    CVMDKParentDiskDataProvider(CVMDKParentDiskDataProvider const&);
+    CVMDKParentDiskDataProvider& operator=(CVMDKParentDiskDataProvider const&);
+
+    /// Wipes the password.
     ~CVMDKParentDiskDataProvider() override;
 
     /// The parent's main file.
     yx::CURI getParentDiskMainFileURI() const { return m_parentDiskMainURI; }
 
-    /// Opens the parent if that has not been done. A content ID other than the expected one is
-    /// `yx::CIOError` `CorruptData` "VMDK parent disk has changed, but a child disk depended on
-    /// it." with "parentURI", "childURI", "expectedContentID" and "actualContentID".
+    /// Opens the parent if it is not open. Throws `yx::CIOError` `CorruptData` "VMDK parent disk
+    /// has changed, but a child disk depended on it." with "parentURI", "childURI",
+    /// "expectedContentID" and "actualContentID" if its content ID is not the expected one.
     void ensureParentDiskOpen();
 
-    /// Tells how many disks stand above the parent, for a child that is a parent itself. A chain of
-    /// more than 255 parents, as files that name each other in a circle make it, is `yx::CIOError`
-    /// `CorruptData` "VMDK parent chain is too long." when it is followed that far.
+    /// Sets the number of disks that depend on this child, each through the next; 0 at first. If
+    /// opening the parent would make a chain of more than 255 parents, as files that name each
+    /// other in a circle do, it throws `yx::CIOError` `CorruptData` "VMDK parent chain is too
+    /// long." with "parentURI" and "childURI".
     void setChainDepth(int depth) { m_chainDepth = depth; }
 
-    /// What lies behind the parent's end reads as zeros.
+    /// Past the parent's end it provides zeros.
     void getData(__int64 position, void* buffer, int bytes) override;
 
-    /// A parent of another grain size or compression is `yx::CError`
-    /// `kParentIncompatibleMessage`. Behind the parent's end this gives a prepared zero grain.
+    /// Throws `yx::CError` `kParentIncompatibleMessage` if the parent's grain size or compression
+    /// is another. Past the parent's end it provides a prepared zero grain.
     void getPreparedGrainData(__int64 position, yx::TBuffer<unsigned char>& data,
                               int grainSizeBytes, bool compressed) override;
 
-    /// False behind the parent's end.
+    /// False past the parent's end.
     bool isGrainWritten(__int64 position) override;
 
 protected:
-    /// Notes the parent's size, -1 while it is not open.
+    /// Stores the parent's size for the checks against its end; -1 while it is not open.
     void fetchParentDiskSize();
 
 private:
@@ -80,7 +86,7 @@ private:
     [[maybe_unused]] __int64 m_grainSizeSectors;
     int m_compressionLevel;
     yx::P<CVMDKGrainTableCache> m_grainTableCache;
-    // Part of the object's shape; every operation takes the grain size from its caller.
+    // Part of the object's layout; every operation is given the grain size by its caller.
     [[maybe_unused]] __int64 m_grainSizeBytes;
     yx::CURI m_parentDiskMainURI;
     yx::P<CVMDKDisk> m_parentDisk;

@@ -6,11 +6,11 @@
 
 namespace kelm {
 
-/// Reserved for a writer that keeps the newest state whole and stores what it replaces. It holds
-/// the shape that hosts link against and has no operations yet.
+/// Reserved for a writer that keeps the newest state complete and stores the data that it replaces.
+/// It has no operations yet and cannot be used; it only defines the layout that hosts link against.
 class KELM_API CVMDKReverseIncrementalWriter : public yx::CBase {
 public:
-    /// A grain that waits to be stored. What its members mean is not settled.
+    /// A grain that is to be stored later. The meaning of its members is not defined yet.
     struct PostponedGrain {
         /// Reserved.
         __int64 m_value1 = 0;
@@ -22,7 +22,7 @@ public:
     CVMDKReverseIncrementalWriter(CVMDKReverseIncrementalWriter const&);
     CVMDKReverseIncrementalWriter& operator=(CVMDKReverseIncrementalWriter const&);
 
-    /// Releases the members; flushes and writes nothing.
+    /// Releases the members. Writes nothing.
     ~CVMDKReverseIncrementalWriter() override;
 
 private:

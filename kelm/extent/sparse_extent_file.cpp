@@ -1,9 +1,10 @@
 #include "kelm/extent/sparse_extent_file.h"
 
+#include <cassert>
 #include <limits>
 
 #include "kelm/extent/internal/disk_key_hash.h"
-#include "kelm/extent/internal/grain_position.h"
+#include "kelm/extent/internal/sequential_grain_reader.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/internal/uri_props.h"
 #include "kelm/format/marker.h"
@@ -19,7 +20,7 @@ namespace {
 
 constexpr char kExtentConstructorName[] = "CVMDKSparseExtentFile constructor";
 
-/// The directory offset by which a file says that its real header is the footer.
+/// The directory offset of a file whose complete header is its footer.
 constexpr unsigned long long kDirectoryInFooter = 0xFFFFFFFFFFFFFFFF;
 
 constexpr int kTrailSizeBytes = kTrailSectors * kSectorSizeBytes;
@@ -47,7 +48,7 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(yx::IIOStream* stream, yx::IIOStrea
       m_encryptionIV(encryptionIV) {
     yx::CDataInStream in(stream);
     m_header->load(in);
-    // Deliberately without a look at unclean shutdown: a file left so opens like any other.
+    // Deliberately ignores the flag for an unclean shutdown: such a file opens like any other.
     verifyCipherAndKey();
     verifyVersion();
     readSizesAndFlags();
@@ -61,7 +62,15 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(yx::IIOStream* stream, yx::IIOStrea
     m_grain = yx::makeObject<CVMDKGrain>(stream, access, m_grainSizeSectors, m_grainAllocator.get(),
                                          m_compressed, compressionLevel, fallbackDataProvider,
                                          cipher, encryptionKey, encryptionIV);
+    m_sequentialReader = yx::makeObject<SequentialGrainReader>(stream, m_grainDirectory.get(),
+                                                               m_grain.get(), m_grainSizeSectors,
+                                                               m_header->getGrainTableEntryCount());
+    assert(m_capacityBytes >= 0 && m_grainSizeBytes > 0);
+    assert(areCursorsSound());
 }
+
+CVMDKSparseExtentFile::CVMDKSparseExtentFile(CVMDKSparseExtentFile const&) = default;
+CVMDKSparseExtentFile& CVMDKSparseExtentFile::operator=(CVMDKSparseExtentFile const&) = default;
 
 CVMDKSparseExtentFile::~CVMDKSparseExtentFile() {
     try {
@@ -154,7 +163,7 @@ void CVMDKSparseExtentFile::readSizesAndFlags() {
 }
 
 void CVMDKSparseExtentFile::verifySizes() {
-    // Everything below works with byte counts in 64 bits and with table sizes in 32.
+    // All other code computes byte counts in 64 bits and table sizes in 32.
     constexpr unsigned int kMaxEntries = std::numeric_limits<int>::max();
 
     auto const refuse = [this](char const* field, yx::String const& value) {
@@ -173,7 +182,7 @@ void CVMDKSparseExtentFile::verifySizes() {
     m_grainSizeBytes = m_grainSizeSectors * kSectorSizeBytes;
 }
 
-/// What must close a compressed file after each change: footer marker, header copy, end marker.
+/// The bytes that a compressed file must end with: footer marker, copy of the header, end marker.
 yx::TBuffer<unsigned char> CVMDKSparseExtentFile::makeTrailingImage() {
     yx::TBuffer<unsigned char> image;
     if (!m_compressed)

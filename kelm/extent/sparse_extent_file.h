@@ -13,26 +13,28 @@
 
 namespace kelm {
 
-/// The extent that works on a real sparse extent file, plain or stream-optimized, enciphered or
-/// not.
+class SequentialGrainReader;
+
+/// Reads and writes a sparse extent file, plain or stream-optimized, enciphered or not. Where the
+/// file may not exist yet, `CVMDKOnDemandExtentFile` is the class to use.
 ///
-/// It moves no data itself: it keeps a byte cursor over the extent and one `CVMDKGrain`, which
-/// holds the grain under the cursor in memory and writes it back when it is left or flushed. Every
-/// operation is cut at grain boundaries.
+/// It divides every operation at grain boundaries and leaves the transfer of data to one
+/// `CVMDKGrain`, which keeps the grain at the cursor in memory and stores it when another grain is
+/// opened or the extent is flushed.
 class KELM_API CVMDKSparseExtentFile : public yx::CBase, public virtual IVMDKExtentFile {
 public:
-    /// Opens the extent on `stream`, which stands on the extent's header.
+    /// Opens the extent on `stream`, whose position is that of the extent's header.
     ///
-    /// `startGrainIndex` is the disk grain index of the first grain; `compressionLevel` is for
-    /// grains still to be written; `fallbackDataProvider`, `contentIDUpdater` (a write then fails)
-    /// and `cipher` (for an extent that is not enciphered) may be null.
+    /// `startGrainIndex` is the disk grain index of the first grain; `compressionLevel` is used for
+    /// grains that are written. `fallbackDataProvider` may be null, and so may `contentIDUpdater`,
+    /// without which writes fail, and `cipher` for an extent that is not enciphered.
     ///
-    /// Refusals, in this order, each with "uri": a bad header; for an enciphered extent no cipher,
-    /// a cipher other than "aes256cbc", a key of the wrong size, an unknown algorithm, an unknown
-    /// key hash algorithm, a key that does not match the header's hash; for a plain extent a
-    /// cipher; a version other than 1 to 3 (`UnsupportedVersion`); flags that disagree, a directory
-    /// that is said to be in the footer, sizes that cannot be (`CorruptData`); what the directory,
-    /// allocator and grain refuse.
+    /// Refuses, in this order and each with "uri": a bad header; for an enciphered extent no
+    /// cipher, a cipher other than "aes256cbc", a key of the wrong size, an unknown algorithm, an
+    /// unknown key hash algorithm, a key that does not match the header's hash; for an extent that
+    /// is not enciphered a cipher; a version other than 1 to 3 (`UnsupportedVersion`); flags that
+    /// contradict each other, a grain directory whose position is only in the footer, impossible
+    /// sizes (`CorruptData`); and what the directory, the allocator and the grain refuse.
     CVMDKSparseExtentFile(yx::IIOStream* stream, yx::IIOStream::Access access,
                           __int64 startGrainIndex, int compressionLevel,
                           CVMDKGrainTableCache* grainTableCache,
@@ -41,11 +43,16 @@ public:
                           yx::TCryptBuffer<unsigned char> const& encryptionKey,
                           yx::TBuffer<unsigned char> const& encryptionIV);
 
-    /// Flushes. A failure is reported to `yx::onExceptionInDestructorIgnored`; who must know calls
-    /// `flushChanges` first.
+    /// A copy shares the stream and all parts of the extent, the open grain included, and starts at
+    /// the same cursor. Only one of the two may be used from then on.
+    CVMDKSparseExtentFile(CVMDKSparseExtentFile const&);
+    CVMDKSparseExtentFile& operator=(CVMDKSparseExtentFile const&);
+
+    /// Flushes. A failure is only reported to `yx::onExceptionInDestructorIgnored`; to get the
+    /// error, call `flushChanges` first.
     ~CVMDKSparseExtentFile() override;
 
-    /// The open file, for reaching the descriptor without opening it twice.
+    /// The open file, through which the descriptor can be accessed without opening it again.
     yx::P<yx::IIOStream> getStream() { return m_stream; }
 
     void setFallbackDataProvider(IVMDKDataProvider* provider) override;
@@ -56,22 +63,28 @@ public:
     /// The URI of the stream.
     yx::CURI getURI() const override;
 
-    /// A position outside 0 to the capacity is `yx::CInvalidArgError` "Invalid position: <n>".
+    /// Throws `yx::CInvalidArgError` "Invalid position: <n>" with "uri" for a position outside 0 to
+    /// the capacity.
     void seek(__int64 position) override;
 
     __int64 getPosition() const override { return m_position; }
 
-    /// Past the capacity: `yx::CIOError` `UnexpectedEnd`, nothing read. A count below 1 reads
-    /// nothing.
+    /// Throws `yx::CIOError` `UnexpectedEnd` with "uri", "position" and "bytesToRead" for a range
+    /// past the capacity, without reading anything. A count below 1 reads nothing. If looking up or
+    /// reading a grain fails, the grains before it have been read, and the cursor is at the failed
+    /// one. A read of several grains at once that fails although each of them can be read alone
+    /// leaves the cursor at the first of them.
     void read(void* buffer, int bytes) override;
 
-    /// Past the capacity: `yx::CIOError` `NotAllowed`, nothing written. Without updater or write
-    /// access: `yx::CError`. A count below 1 writes nothing, but changes the content ID.
+    /// Throws `yx::CIOError` `NotAllowed` with "uri", "position" and "bytesToWrite" for a range
+    /// past the capacity, without writing anything, and `yx::CError` without an updater or write
+    /// access. A count below 1 writes nothing, but changes the content ID.
     void write(void const* buffer, int bytes) override;
 
-    /// Writes, in this order: the grain, the trail of a compressed extent, (stream flush), the
-    /// changed grain tables, (stream flush). Data is thus on the device before a table points to
-    /// it. What fails stays changed, and the next call tries again.
+    /// Writes the grain and the trail of a compressed extent, flushes the stream, writes the
+    /// changed grain tables, and flushes the stream again. So data are on the device before a table
+    /// points to them. What could not be written stays changed, and the next call tries again. Does
+    /// nothing on an extent that was opened read-only.
     void flushChanges() override;
 
     yx::P<CVMDKDataPreparer> createDataPreparer() override;
@@ -83,19 +96,25 @@ public:
     yx::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
 
 protected:
-    /// Makes sure that the grain stands under the cursor, and returns how many bytes from there, at
-    /// most `maxBytes`, may be handled in one step.
+    /// Opens the grain at the cursor, unless the open one has bytes left. Returns how many bytes,
+    /// at most `maxBytes`, the next step can process without leaving the grain. Throws what looking
+    /// up or opening the grain throws, and `yx::CError` if there are no bytes left even then; the
+    /// cursor does not move.
     __int64 beginIOOp(__int64 maxBytes);
-    int readGrainsAndLeave(void* target, __int64 limit);
-    int countAdjacentGrains(__int64 limit);
 
-    /// Called before every change of the contents: changes the disk's content ID if that is due.
+    /// Called before every change of the contents: lets the updater change the disk's content ID,
+    /// which it does once for each opening. Throws `yx::CError` with "uri" without an updater, and
+    /// what `verifyHaveWriteAccess` and the updater throw. A failure of the write that follows does
+    /// not change the content ID back.
     void onAboutToChange();
 
-    /// Throws `yx::CError` unless the extent was opened for reading and writing.
+    /// Throws `yx::CError` "Internal error: VMDK sparse extent file is about to be changed, but it
+    /// was not opened for writing." with "uri" unless the extent was opened for reading and
+    /// writing.
     void verifyHaveWriteAccess();
 
 private:
+    bool areCursorsSound() const;
     void verifyCipherAndKey();
     void verifyKeyHash();
     void verifyVersion();
@@ -108,7 +127,7 @@ private:
 
     yx::P<yx::IIOStream> m_stream;
     yx::IIOStream::Access m_access;
-    // Deliberately here though nothing sets or reads it: it is part of the object's shape.
+    // Deliberately kept, although it is never used: it is part of the object's layout.
     yx::TPathImpl<yx::CWindowsPathTraits> m_path;
     yx::P<CVMDKGrainTableCache> m_grainTableCache;
     __int64 m_startGrainIndex;
@@ -129,8 +148,7 @@ private:
     yx::P<krym::ICipher> m_cipher;
     yx::TCryptBuffer<unsigned char> m_encryptionKey;
     yx::TBuffer<unsigned char> m_encryptionIV;
-    /// Where a request to read ended that took in the whole of its last grain; -1 after any other.
-    __int64 m_wholeGrainsReadEnd = -1;
+    yx::P<SequentialGrainReader> m_sequentialReader;
 };
 
 } // namespace kelm

@@ -1,6 +1,8 @@
 #include <algorithm>
+#include <cassert>
 
 #include "kelm/extent/internal/grain_position.h"
+#include "kelm/extent/internal/sequential_grain_reader.h"
 #include "kelm/extent/sparse_extent_file.h"
 #include "kelm/format/constants.h"
 #include "yx/error.h"
@@ -8,10 +10,22 @@
 
 namespace kelm {
 
-// The extent keeps two cursors: `m_position`, and the grain's own. Between operations either the
-// grain stands open under `m_position` and both agree, or the grain has no bytes left and the next
-// operation puts it right. The step onto the next grain is left to that operation, since the caller
-// may never go on; so a grain is written out only by the next access behind it, or by a flush.
+// There are two cursors: `m_position`, and the position of the grain. Between operations, either
+// the open grain is the one at `m_position` and both cursors agree, or the grain has no bytes left.
+// In the second case the next operation opens the grain that it needs, because the caller may never
+// need another one. So a grain is stored only when another grain is accessed, or by a flush.
+
+/// For assertions: what is true between operations, also after failures.
+bool CVMDKSparseExtentFile::areCursorsSound() const {
+    if (m_position < 0)
+        return false;
+    if (m_grain->getBytesLeft() == 0)
+        return true;
+    // After `makeGrainIndependentOfParent` without a provider, the open grain is the one before.
+    __int64 const grainsBehind = m_position / m_grainSizeBytes - m_currentGrainIndex;
+    return m_grain->getPosition() == m_position % m_grainSizeBytes &&
+           (grainsBehind == 0 || grainsBehind == 1);
+}
 
 void CVMDKSparseExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider) {
     m_fallbackDataProvider = provider;
@@ -32,7 +46,7 @@ void CVMDKSparseExtentFile::seek(__int64 position) {
                                    "Invalid position: " + yx::toString(position), uriProps());
     }
     __int64 const grainIndex = position / m_grainSizeBytes;
-    // A grain that failed to open is closed although the index still names it.
+    // After a failure to open it, the grain is closed although the index is that of the grain.
     if (grainIndex != m_currentGrainIndex || !m_grain->isOpen()) {
         __int64 posSectors = 0;
         __int64 slotSizeSectors = 0;
@@ -43,9 +57,11 @@ void CVMDKSparseExtentFile::seek(__int64 position) {
     }
     m_grain->seek(position % m_grainSizeBytes);
     m_position = position;
+    assert(areCursorsSound());
 }
 
 __int64 CVMDKSparseExtentFile::beginIOOp(__int64 maxBytes) {
+    assert(areCursorsSound());
     if (m_grain->getBytesLeft() == 0)
         seek(m_position);
     __int64 const bytesLeft = m_grain->getBytesLeft();
@@ -68,54 +84,16 @@ void CVMDKSparseExtentFile::read(void* buffer, int bytes) {
                            nullptr);
     }
     auto* target = static_cast<unsigned char*>(buffer);
-    // Who reads on behind a grain will not want it again, and neither will who goes on like that
-    // request by request.
-    bool const goesOn = m_position == m_wholeGrainsReadEnd;
+    m_sequentialReader->beginRequest(m_position);
     while (bytes > 0) {
-        int step = static_cast<int>(beginIOOp(bytes));
-        bool const isWholeGrain = step == m_grainSizeBytes;
-        if (isWholeGrain && (bytes > step || goesOn))
-            step *= readGrainsAndLeave(target, (goesOn ? bytes : bytes - 1) / step);
-        else
-            m_grain->read(target, step);
+        m_sequentialReader->throwPostponedFailure();
+        int const bytesInGrain = static_cast<int>(beginIOOp(bytes));
+        int const step = m_sequentialReader->readStep(
+            target, {m_position, m_currentGrainIndex, bytes, bytesInGrain});
         m_position += step;
-        if (bytes == step)
-            m_wholeGrainsReadEnd = isWholeGrain ? m_position : -1;
         target += step;
         bytes -= step;
     }
-}
-
-/// Reads the grain under the cursor, and with it as many of the next as lie behind it in the file,
-/// up to `limit` grains. Returns how many it read.
-int CVMDKSparseExtentFile::readGrainsAndLeave(void* target, __int64 limit) {
-    // An unsuccessful `makeGrainIndependentOfParent` leaves a grain open that is not the cursor's.
-    bool const isCursorsGrain = m_currentGrainIndex == m_position / m_grainSizeBytes;
-    if (limit > 1 && isCursorsGrain && m_grain->isInFileAlone()) {
-        int const count = countAdjacentGrains(limit);
-        if (count > 1)
-            return m_grain->readAdjacentAndLeave(target, count);
-    }
-    m_grain->readAndLeave(target);
-    return 1;
-}
-
-/// Up to `limit` grains from the one under the cursor on, of one grain table, each of which begins
-/// in the file where the one before it ends. One that cannot be opened ends them.
-int CVMDKSparseExtentFile::countAdjacentGrains(__int64 limit) {
-    __int64 const entriesPerTable = m_header->getGrainTableEntryCount();
-    limit = std::min(limit, entriesPerTable - m_currentGrainIndex % entriesPerTable);
-    __int64 const firstPosSectors = m_grain->getGrainStartPositionSectors();
-    int count = 1;
-    for (; count < limit; ++count) {
-        __int64 posSectors = 0;
-        __int64 slotSizeSectors = 0;
-        m_grainDirectory->getGrainInfo(m_currentGrainIndex + count, posSectors, slotSizeSectors);
-        if (posSectors != firstPosSectors + count * m_grainSizeSectors ||
-            slotSizeSectors < m_grainSizeSectors)
-            break;
-    }
-    return count;
 }
 
 void CVMDKSparseExtentFile::write(void const* buffer, int bytes) {
@@ -126,7 +104,8 @@ void CVMDKSparseExtentFile::write(void const* buffer, int bytes) {
                                .add("bytesToWrite", yx::toString(bytes)),
                            nullptr);
     }
-    // Deliberate: a write of no bytes changes the content ID too, as hosts mark a disk that way.
+    // Deliberate: an empty write changes the content ID too; hosts use it to mark a disk as
+    // changed.
     onAboutToChange();
     auto const* source = static_cast<unsigned char const*>(buffer);
     while (bytes > 0) {
@@ -139,7 +118,8 @@ void CVMDKSparseExtentFile::write(void const* buffer, int bytes) {
 }
 
 void CVMDKSparseExtentFile::onAboutToChange() {
-    // Deliberately before the access: a read-only extent without an updater reports the updater.
+    // Deliberately checked before the access: for a read-only extent without an updater, the
+    // missing updater is reported.
     if (!m_contentIDUpdater) {
         throw yx::CError("Internal error: VMDK sparse extent file is about to be changed, but it "
                          "does not have a content ID updater.",
@@ -200,23 +180,25 @@ void CVMDKSparseExtentFile::writePreparedGrainData(yx::TBuffer<unsigned char> co
     beginPreparedGrainOp("writePreparedGrainData");
     m_grain->writePreparedGrainData(data);
     m_position += m_grainSizeBytes;
+    assert(areCursorsSound());
 }
 
 void CVMDKSparseExtentFile::readPreparedGrainData(yx::TBuffer<unsigned char>& data) {
     verifyPreparedGrainRange("read");
-    // Deliberate: the message names a function that this class does not have; logs rely on it.
+    // Deliberate: the message names a function that does not exist; logs are searched for it.
     beginPreparedGrainOp("tryReadPreparedGrainData");
     m_grain->readPreparedGrainData(data);
     m_position += m_grainSizeBytes;
+    assert(areCursorsSound());
 }
 
 __int64 CVMDKSparseExtentFile::makeGrainIndependentOfParent(__int64 grainIndex) {
-    // Deliberate: the contents stay the same, so unlike every other write this one leaves the
-    // content ID alone, and grandchildren keep their parent.
+    // Deliberate: unlike all other writes, this one does not change the content ID. What the disk
+    // reads as stays the same, so its children remain valid.
     verifyHaveWriteAccess();
     seek(grainPositionBytes(grainIndex, m_grainSizeBytes));
     __int64 const result = m_grain->makeIndependentOfParent();
-    // Deliberate: without a provider the grain's own cursor stays behind; the next seek mends it.
+    // Deliberate: without a provider the grain's cursor does not move; the next seek corrects it.
     m_position += m_grainSizeBytes;
     return result;
 }
@@ -232,13 +214,13 @@ bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent() {
 }
 
 void CVMDKSparseExtentFile::flushChanges() {
-    // Deliberate: this asks for exactly read-only, the write paths for exactly read-and-write.
+    // Deliberate: this checks for exactly read-only, the writes for exactly read and write.
     if (m_access == yx::IIOStream::ReadOnly)
         return;
     if (m_grain && m_grain->isOpen())
         m_grain->flushChangesToStream();
     m_grainAllocator->flushChangesToStream();
-    // The first flush puts the data on the device before a table can point to it.
+    // So that the data are on the device before a table points to them.
     m_stream->flush();
     m_grainDirectory->flushChangesToStream();
     m_stream->flush();
@@ -254,10 +236,11 @@ yx::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
         int const entries = static_cast<int>(std::min(entriesPerTable, grainCount - index));
         usage += m_grainDirectory->getGrainTable(index / entriesPerTable)->calcUsage(entries);
     }
+    assert(usage.grains >= 0 && usage.grains <= grainCount);
     __int64 const payloadSize = usage.grains * m_grainSizeBytes;
     __int64 const payloadSizeInFile =
         m_compressed ? usage.slotSectors * kSectorSizeBytes : payloadSize;
-    // The overhead is a number from the file that nothing has judged yet.
+    // The overhead comes from the file and has not been checked.
     __int64 const headerSize = static_cast<__int64>(std::min<unsigned long long>(
                                    m_header->getOverheadSectors(), kMaxPositionSectors)) *
                                kSectorSizeBytes;

@@ -5,32 +5,39 @@
 
 namespace kelm {
 
-/// The coder of compressed grains, made of two: a fast one, and, where that gives no usable result,
-/// one that stores. Both write zlib streams (RFC 1950), and the decoder of the first reads both.
+/// Compresses and decompresses grains. It uses two coders: a fast one, and one that stores the data
+/// uncompressed if the fast one gives no usable result. Both write zlib streams (RFC 1950), and the
+/// decoder of the fast one reads both.
 ///
-/// Each coder has an object of its own: not thread-safe, one compressor a thread.
+/// Not thread-safe: each thread needs a compressor of its own.
 class KELM_API CVMDKCompressor : public yx::CBase,
                                  public virtual yx::IBase,
                                  public virtual yx::ISimpleCompressor {
 public:
-    /// The level to give for the usual one, which is 1.
+    /// Stands for the usual level, which is 1.
     static constexpr int kDefaultLevel = -1;
 
-    /// `level` is that of the fast coder; `kDefaultLevel` stands for 1. Level 0 stores, without the
-    /// fast coder.
+    /// `level` is that of the fast coder. With level 0 everything is stored, and the fast coder is
+    /// not used.
     explicit CVMDKCompressor(int level = kDefaultLevel);
 
-    /// "smart-" and the name of the coder that is used first.
+    /// A copy shares the coders, so it belongs to the same thread.
+    CVMDKCompressor(CVMDKCompressor const&);
+    CVMDKCompressor& operator=(CVMDKCompressor const&);
+
+    ~CVMDKCompressor() override;
+
+    /// "smart-", followed by the name of the coder that is tried first.
     yx::String getInternalDesc() const override;
 
-    /// The size that compressing `sourceSize` bytes never exceeds, the same for every level: what
-    /// the storing coder needs at most, rounded up so that a grain record of that size ends on a
-    /// sector boundary.
+    /// An upper bound in bytes for the compressed size of `sourceSize` bytes, the same for every
+    /// level: what the storing coder needs at most, rounded up so that a grain record of that size
+    /// ends on a sector boundary.
     int getCompressedSizeUpperBound(int sourceSize) const override;
 
-    /// Compresses all of `source` and returns the compressed size, at most the upper bound. A
-    /// result of -1, which means failure, needs a `targetSize` below the upper bound or a want of
-    /// memory.
+    /// Compresses all of `source` and returns the compressed size, at most the upper bound. Returns
+    /// -1 on failure, which can only happen if `targetSize` is below the upper bound or memory runs
+    /// out.
     int compressSingleStep(void const* source, int sourceSize, void* target,
                            int targetSize) override;
 
@@ -38,7 +45,7 @@ public:
     int decompressSingleStep(void const* source, int sourceSize, void* target,
                              int targetSize) override;
 
-    /// How often the storing coder had to step in.
+    /// How often the fast coder gave no usable result.
     __int64 getCompressFallbackCount() const { return m_compressFallbackCount; }
 
 private:

@@ -1,5 +1,7 @@
 #include "kelm/graindata/data_preparer.h"
 
+#include <cassert>
+
 #include "kelm/graindata/compressor.h"
 #include "kelm/graindata/internal/grain_record.h"
 #include "yx/error.h"
@@ -36,7 +38,7 @@ void verifyHasRecordHeader(Buffer const& prepared) {
             yx::CProps(), nullptr);
 }
 
-/// Fills from `beginBytes` on to the end.
+/// Fills the buffer with zeros from `beginBytes` to its end.
 void clearRest(Buffer& buffer, int beginBytes) {
     yx::initMemory(buffer.getData() + beginBytes, 0,
                    static_cast<std::size_t>(buffer.getUsed() - beginBytes));
@@ -60,7 +62,12 @@ CVMDKDataPreparer::CVMDKDataPreparer(__int64 grainSizeSectors, bool compressed,
         m_compressor->getCompressedSizeUpperBound(static_cast<int>(m_grainSizeBytes));
     m_worstCaseGrainSizeSectors =
         roundUpToSectors(m_compressedSizeUpperBound + kGrainRecordHeaderSizeBytes);
+    assert(m_worstCaseGrainSizeSectors >= m_grainSizeSectors);
 }
+
+CVMDKDataPreparer::CVMDKDataPreparer(CVMDKDataPreparer const&) = default;
+CVMDKDataPreparer& CVMDKDataPreparer::operator=(CVMDKDataPreparer const&) = default;
+CVMDKDataPreparer::~CVMDKDataPreparer() = default;
 
 unsigned long long CVMDKDataPreparer::calcLBA(__int64 grainIndex) const {
     return static_cast<unsigned long long>(m_grainSizeSectors) *
@@ -68,7 +75,8 @@ unsigned long long CVMDKDataPreparer::calcLBA(__int64 grainIndex) const {
 }
 
 yx::P<Buffer> CVMDKDataPreparer::prepareGrainData(Buffer* source, __int64 grainIndex, Buffer* aux) {
-    // Deliberately also without compression: a caller's mistake shows for every kind of extent.
+    // Deliberately checked without compression too, so that a caller's mistake shows with every
+    // kind of extent.
     verifyBuffersGiven(kPrepareName, source, aux);
     if (source->getUsed() > m_grainSizeBytes)
         throw yx::CInvalidArgError(kPrepareName,
@@ -84,15 +92,18 @@ yx::P<Buffer> CVMDKDataPreparer::prepareGrainData(Buffer* source, __int64 grainI
     int const compressedSizeBytes = m_compressor->compressSingleStep(
         source->getData(), source->getUsed(), record + kGrainRecordHeaderSizeBytes,
         static_cast<int>(m_compressedSizeUpperBound));
-    // A record of what failed would read back as damage, long after the grain itself is gone.
+    // Storing the record anyway would show as damage only when the grain is read again.
     if (compressedSizeBytes < 0)
         throw yx::CError("Not enough memory to compress.", "", -1, yx::CProps(), nullptr);
+    assert(compressedSizeBytes <= m_compressedSizeUpperBound);
     storeGrainRecordLBA(record, calcLBA(grainIndex));
     storeGrainRecordCompressedSize(record, static_cast<unsigned int>(compressedSizeBytes));
 
     int const recordSizeBytes = compressedSizeBytes + kGrainRecordHeaderSizeBytes;
     aux->setUsed(static_cast<int>(roundUpToMultiple(recordSizeBytes, kSectorSizeBytes)));
     clearRest(*aux, recordSizeBytes);
+    assert(aux->getUsed() % kSectorSizeBytes == 0);
+    assert(aux->getUsed() <= m_worstCaseGrainSizeSectors * kSectorSizeBytes);
     return aux;
 }
 
@@ -119,11 +130,12 @@ void CVMDKDataPreparer::unprepareGrainDataTo(Buffer* source, void* target) {
 }
 
 void CVMDKDataPreparer::decode(Buffer const& source, unsigned char* target) {
-    // Deliberately without the size in the header: the decoder finds the end of its stream by
-    // itself, so the padding may go along.
+    // Deliberately ignores the size in the header: the decoder finds the end of the stream by
+    // itself, so it may be given the padding too.
     int const plainSizeBytes = m_compressor->decompressSingleStep(
         source.getData() + kGrainRecordHeaderSizeBytes,
         source.getUsed() - kGrainRecordHeaderSizeBytes, target, static_cast<int>(m_grainSizeBytes));
+    assert(plainSizeBytes >= 0 && plainSizeBytes <= m_grainSizeBytes);
     yx::initMemory(target + plainSizeBytes, 0,
                    static_cast<std::size_t>(m_grainSizeBytes - plainSizeBytes));
 }

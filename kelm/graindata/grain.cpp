@@ -1,5 +1,6 @@
 #include "kelm/graindata/grain.h"
 
+#include <cassert>
 #include <limits>
 
 #include "kelm/format/internal/uri_props.h"
@@ -41,7 +42,12 @@ CVMDKGrain::CVMDKGrain(yx::IIOStream* stream, yx::IIOStream::Access access,
     m_grainSizeBytes = m_grainSizeSectors * kSectorSizeBytes;
     m_dataPreparer = createDataPreparer();
     m_worstCaseGrainSizeSectors = calcWorstCaseGrainSizeSectors();
+    assert(m_worstCaseGrainSizeSectors >= m_grainSizeSectors);
+    assert(isStateSound());
 }
+
+CVMDKGrain::CVMDKGrain(CVMDKGrain const&) = default;
+CVMDKGrain& CVMDKGrain::operator=(CVMDKGrain const&) = default;
 
 CVMDKGrain::~CVMDKGrain() {
     try {
@@ -49,6 +55,16 @@ CVMDKGrain::~CVMDKGrain() {
     } catch (std::exception& error) {
         yx::onExceptionInDestructorIgnored("kelm::CVMDKGrain", error, true);
     }
+}
+
+/// For assertions: what is true between operations, also after failures.
+bool CVMDKGrain::isStateSound() const {
+    bool const isPositionSound = m_posInGrain >= 0 && m_posInGrain <= m_grainSizeBytes;
+    bool const isLoadedWhole = !isLoaded() || m_grainData.getUsed() == m_grainSizeBytes;
+    bool const areChangesLoaded = !m_dirty || (isLoaded() && isOpen());
+    // An abandoned slot is used only while the grain has no position.
+    bool const isPlaceSound = m_abandonedPosSectors == 0 || m_grainPosSectors == 0;
+    return isPositionSound && isLoadedWhole && areChangesLoaded && isPlaceSound;
 }
 
 void CVMDKGrain::verifySizes() const {
@@ -85,7 +101,7 @@ void CVMDKGrain::setFallbackDataProvider(IVMDKDataProvider* provider) {
 void CVMDKGrain::open(__int64 extentGrainIndex, __int64 diskGrainIndex, __int64 posSectors,
                       __int64 slotSizeSectors) {
     flushChangesToStream();
-    // Before the checks, so that what they refuse leaves the grain closed.
+    // Before the checks, so that the grain is closed if one of them fails.
     resetToClosed();
     if (posSectors >= 1)
         verifySlot(slotSizeSectors);
@@ -94,6 +110,7 @@ void CVMDKGrain::open(__int64 extentGrainIndex, __int64 diskGrainIndex, __int64 
     m_diskGrainIndex = diskGrainIndex;
     m_grainPosSectors = posSectors;
     m_slotSizeSectors = posSectors >= 1 ? slotSizeSectors : 0;
+    assert(isStateSound());
 }
 
 void CVMDKGrain::verifySlot(__int64 slotSizeSectors) const {
@@ -137,6 +154,7 @@ void CVMDKGrain::resetToClosed() {
     m_abandonedPosSectors = 0;
     m_posInGrain = 0;
     dropLoadedData();
+    assert(!isOpen() && isStateSound());
 }
 
 void CVMDKGrain::dropLoadedData() {
@@ -150,8 +168,8 @@ bool CVMDKGrain::isOpen() const {
 }
 
 void CVMDKGrain::seek(__int64 position) {
-    // Deliberate: the very end is refused although reading can lead there; the extent opens the
-    // next grain instead.
+    // Deliberate: the grain's end is refused, although reading can lead there. The extent opens
+    // the next grain instead.
     if (position < 0 || position >= m_grainSizeBytes)
         throw yx::CInvalidArgError(kGrainSeekName,
                                    "Invalid seek position in VMDK grain: " + yx::toString(position),
@@ -184,16 +202,17 @@ __int64 CVMDKGrain::calcDiskPosition() const {
 }
 
 void CVMDKGrain::seekToGrain() {
+    assert(getStoredPosSectors() > 0);
     m_stream->seek(getStoredPosSectors() * kSectorSizeBytes);
 }
 
-/// So that a buffer which lives as long as the grain grows once, and not record by record.
+/// Makes a long-lived buffer grow once, instead of a little with each larger record.
 void CVMDKGrain::reserveWorstCase(yx::TBuffer<unsigned char>& buffer) const {
     buffer.ensureAllocated(static_cast<int>(m_worstCaseGrainSizeSectors * kSectorSizeBytes));
 }
 
 void CVMDKGrain::makeCurrentGrainIV() {
-    // The cipher is handed bare bytes and takes a block of them.
+    // The cipher gets a bare pointer and reads a whole block from it.
     if (m_encryptionIV.getUsed() < m_cipherBlockSize)
         throw yx::CInvalidArgError(kGrainConstructorName,
                                    "Initialization vector is shorter than a cipher block (size: " +

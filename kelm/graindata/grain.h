@@ -9,14 +9,16 @@
 
 namespace kelm {
 
-/// A sparse extent's view of one grain at a time: opened on a grain, it holds that grain's plain
-/// bytes in memory, so that many small reads and writes touch the file once.
+/// Reads and writes the grains of a sparse extent, one at a time. It is opened on a grain and keeps
+/// that grain's plain bytes in memory, so that many small reads and writes access the file only
+/// once. It does not look up where a grain lies: `CVMDKSparseExtentFile` does, and is the class to
+/// use for reading and writing an extent.
 ///
-/// The bytes come from the extent file if the grain has a position there, else from the fallback
-/// data provider (the parent disk), else they are zeros. `write` changes memory only; the file
-/// changes in `flushChangesToStream`, which `open`, `close`, `readPreparedGrainData` and the
-/// destructor call. What is stored is compressed, then enciphered; `CVMDKDataPreparer` has the
-/// layout.
+/// The bytes come from the extent file if the grain has a position there, otherwise from the
+/// fallback data provider (the parent disk); without a provider they are zeros. `write` changes
+/// memory only. The file changes in `flushChangesToStream`, which `open`, `close`,
+/// `readPreparedGrainData` and the destructor call. Stored data are compressed first and enciphered
+/// second; `CVMDKDataPreparer` has the layout.
 ///
 /// Where a grain is stored:
 ///
@@ -28,55 +30,56 @@ namespace kelm {
 ///     compressed    yes       does not fit                   new slot for the worst case; the old
 ///                                                            one is abandoned
 ///
-/// So a first write packs tight, and a grain that has outgrown its slot once never moves again.
+/// So first writes leave no gaps, and a grain that has outgrown its slot once never moves again.
 ///
-/// Errors of the stream, the allocator, the provider, the cipher and the decoder pass through. It
-/// shares the stream's position with tables and allocator, and seeks before each use. Once the
-/// buffers have grown, reading and writing allocate nothing. Not thread-safe.
+/// Errors of the stream, the allocator, the provider, the cipher and the decoder pass through. The
+/// stream's position is shared with the tables and the allocator, so the grain seeks before each
+/// use. Once the buffers have grown, reading and writing allocate nothing. Not thread-safe.
 class KELM_API CVMDKGrain : public yx::CBase, public virtual yx::IBase {
 public:
-    /// Closed at first. `provider`, `cipher` and, for reading only, `allocator` may be null. With a
-    /// cipher, `encryptionIV` must have at least one cipher block, or enciphering and deciphering
-    /// are refused by `yx::CInvalidArgError`.
+    /// The grain is closed at first. `fallbackDataProvider`, `cipher` and, for reading only,
+    /// `allocator` may be null. With a cipher, `encryptionIV` must have at least the size of one
+    /// cipher block; otherwise enciphering and deciphering throw `yx::CInvalidArgError`.
     ///
-    /// A grain size below 1 or above `CVMDKDataPreparer::kMaxGrainSizeSectors` is `yx::CIOError`
-    /// `CorruptData` with "uri"; a cipher block size below 1 or above a sector is
-    /// `yx::CInvalidArgError` with "uri".
+    /// Throws `yx::CIOError` `CorruptData` with "uri" for a grain size below 1 or above
+    /// `CVMDKDataPreparer::kMaxGrainSizeSectors`, and `yx::CInvalidArgError` with "uri" for a
+    /// cipher block size below 1 or above a sector.
     CVMDKGrain(yx::IIOStream* stream, yx::IIOStream::Access access, __int64 grainSizeSectors,
                IVMDKGrainAllocator* allocator, bool compressed, int compressionLevel,
                IVMDKDataProvider* fallbackDataProvider, krym::ICipher* cipher,
                yx::TCryptBuffer<unsigned char> const& encryptionKey,
                yx::TBuffer<unsigned char> const& encryptionIV);
 
-    /// A copy takes the unflushed changes along.
-    CVMDKGrain(CVMDKGrain const&) = default;
-    CVMDKGrain& operator=(CVMDKGrain const&) = default;
+    /// A copy shares the stream, the allocator and the preparer, and takes unflushed changes along.
+    /// An assignment drops those of its target.
+    CVMDKGrain(CVMDKGrain const&);
+    CVMDKGrain& operator=(CVMDKGrain const&);
 
-    /// Closes. A failure of the flush is reported to `yx::onExceptionInDestructorIgnored`, and the
-    /// changes are lost.
+    /// Closes. If the flush fails, this is reported to `yx::onExceptionInDestructorIgnored`, and
+    /// the changes are lost.
     ~CVMDKGrain() override;
 
-    /// Flushes and stands on another grain, at its first byte, without reading it.
+    /// Flushes, and moves to the first byte of another grain without reading it.
     ///
-    /// `extentGrainIndex` counts within the extent and serves the allocator; `diskGrainIndex`
-    /// counts over the whole disk and serves everything else. `posSectors` below 1 means that the
-    /// grain has no data in this extent, and `slotSizeSectors` is then ignored.
+    /// `extentGrainIndex` counts within the extent and is used for the allocator; `diskGrainIndex`
+    /// counts over the whole disk and is used for everything else. `posSectors` below 1 means that
+    /// the grain has no data in this extent; `slotSizeSectors` is then ignored.
     ///
-    /// A flush that fails leaves the grain as it was. A slot below 1 sector in a compressed extent,
-    /// one below the grain size in an uncompressed one, and a position or disk grain index whose
-    /// byte position no number can hold, are `yx::CInvalidArgError` at "CVMDKGrain::open" and leave
-    /// it closed.
+    /// If the flush fails, nothing changes. Throws `yx::CInvalidArgError` at "CVMDKGrain::open",
+    /// and leaves the grain closed, for a slot below 1 sector in a compressed extent, a slot below
+    /// the grain size in an uncompressed one, and a position or disk grain index whose position in
+    /// bytes exceeds 64 bits.
     void open(__int64 extentGrainIndex, __int64 diskGrainIndex, __int64 posSectors,
               __int64 slotSizeSectors);
 
-    /// Flushes and leaves the grain. If the flush fails, the grain stays open, changes and all.
+    /// Flushes and closes the grain. If the flush fails, the grain stays open with its changes.
     void close();
 
-    /// Whether it stands on a grain.
+    /// Whether a grain is open.
     bool isOpen() const;
 
-    /// Sets the position in the grain, in bytes. Outside 0 to the grain size, which is excluded, it
-    /// is `yx::CInvalidArgError` with "uri", "position" and "grainSize".
+    /// Sets the position in the grain, in bytes, from 0 to below the grain size. Throws
+    /// `yx::CInvalidArgError` with "uri", "position" and "grainSize" for any other.
     void seek(__int64 position);
 
     /// The byte position in the grain; after the last byte it is the grain size. 0 when closed.
@@ -85,33 +88,26 @@ public:
     /// The bytes from the position to the grain's end; 0 when closed.
     int getBytesLeft();
 
-    /// Reads exactly `size` bytes and moves on. A negative size is `yx::CInvalidArgError` with
-    /// "uri", one past the grain's end `yx::CIOError` `UnexpectedEnd` with "uri", "position" and
-    /// "bytesToRead".
+    /// Reads exactly `size` bytes and moves the position past them. Throws `yx::CInvalidArgError`
+    /// with "uri" for a negative size, and `yx::CIOError` `UnexpectedEnd` with "uri", "position"
+    /// and "bytesToRead" for a size that exceeds the grain.
     ///
-    /// A grain without a position is not fetched: the bytes asked for come straight from the
+    /// A grain without a position is not loaded: the requested bytes come straight from the
     /// provider. A whole compressed grain is decoded straight into `target`, and its record stays
-    /// in memory for what comes next. A load that fails leaves nothing loaded, and `target`
-    /// undefined.
+    /// in memory for further reads. A failure leaves nothing loaded and `target` undefined.
     void read(void* target, int size);
 
-    /// Reads the whole grain, whose first byte the position is at, for a caller that goes on to
-    /// another grain then: like `read`, but where the file holds the grain as it is, the bytes go
-    /// straight to `target` and do not stay in memory.
-    void readAndLeave(void* target);
-
-    /// The same for `grainCount` grains that lie one behind the other in the file from this one on;
-    /// this one must be in the file alone. Returns how many were read: fewer, but at least one, if
-    /// the file ends or fails among them.
-    int readAdjacentAndLeave(void* target, int grainCount);
-
-    /// Whether the file holds the grain as it is, and memory nothing of it.
+    /// Whether the file holds the grain's bytes as they are, from `getGrainStartPositionSectors`
+    /// on, and memory holds none of them. A caller may then read them from the stream by itself.
     bool isInFileAlone() const;
 
-    /// Fills `target` with the whole grain in prepared form, deciphered, after flushing, and moves
-    /// to the grain's end. A position other than 0 is `yx::CIOError` `NotAllowed` with "uri",
-    /// "posInGrain", "diskGrainIndex" and "extentGrainIndex". After a failure `target` is
-    /// undefined.
+    /// Moves to the grain's end, as reading all of it does, for a caller that has read the bytes by
+    /// itself. Does nothing if the grain is closed.
+    void skipToEnd();
+
+    /// Flushes, fills `target` with the whole grain in prepared form, deciphered, and moves to the
+    /// grain's end. Throws `yx::CIOError` `NotAllowed` with "uri", "posInGrain", "diskGrainIndex"
+    /// and "extentGrainIndex" if the position is not 0. After a failure `target` is undefined.
     void readPreparedGrainData(yx::TBuffer<unsigned char>& target);
 
     /// Whether the grain holds data here, unflushed changes included, or in the provider.
@@ -123,78 +119,80 @@ public:
     /// The grain's first sector; 0 without data in this extent, -1 when closed.
     __int64 getGrainStartPositionSectors() const { return m_grainPosSectors; }
 
-    /// Replaces the source of grains without data here; null for zeros.
+    /// Replaces the source of grains that have no data in this extent; null means zeros.
     void setFallbackDataProvider(IVMDKDataProvider* provider);
 
-    /// A new preparer of this extent's settings.
+    /// Makes a new preparer with this extent's settings.
     yx::P<CVMDKDataPreparer> createDataPreparer();
 
-    /// Writes exactly `size` bytes into memory and moves on. The checks, in this order: a negative
-    /// size is `yx::CInvalidArgError` with "uri"; one past the grain's end `yx::CIOError`
-    /// `NotAllowed` with "uri"; a grain not opened for reading and writing `yx::CError`. A part of
-    /// a grain first loads the rest; if that fails, nothing is changed.
+    /// Writes exactly `size` bytes into memory and moves the position past them. Throws, in this
+    /// order, `yx::CInvalidArgError` with "uri" for a negative size, `yx::CIOError` `NotAllowed`
+    /// with "uri" for a size that exceeds the grain, and `yx::CError` if the grain was not opened
+    /// for reading and writing. A write of a part of the grain loads the rest first; if that fails,
+    /// nothing changes.
     void write(void const* source, int size);
 
     /// Stores the grain if it has changes. A grain that is all zero and has no position is not
-    /// stored, and its changes are over. After a failure the changes are still there, and the next
-    /// call tries again.
+    /// stored, and no longer counts as changed. A failure keeps the changes, and the next call
+    /// tries again.
     void flushChangesToStream();
 
-    /// Stores a whole grain given in prepared form, always, and moves to the grain's end. Changes
-    /// in memory are dropped.
+    /// Stores a whole grain that is given in prepared form, even if it is all zero, and moves to
+    /// the grain's end. Changes in memory are dropped.
     ///
-    /// The checks, in this order: a grain not opened for reading and writing is `yx::CError`; a
-    /// position other than 0 and data of no bytes are `yx::CIOError` `NotAllowed` with "uri",
-    /// "posInGrain", "diskGrainIndex", "extentGrainIndex" and "preparedDataSize". Data that do not
-    /// fit the grain's place, or are too short to be enciphered, are refused before anything is
-    /// written.
+    /// Throws, in this order, `yx::CError` if the grain was not opened for reading and writing, and
+    /// `yx::CIOError` `NotAllowed` with "uri", "posInGrain", "diskGrainIndex", "extentGrainIndex"
+    /// and "preparedDataSize" if the position is not 0 or `data` is empty. Data that do not fit the
+    /// grain's place, or are too short to be enciphered, are refused before anything is written.
     ///
-    /// When a compressed grain outgrows its slot and no new one can be had, its position is 0 from
-    /// then on, but it reads as before, since the old slot still holds the old data.
+    /// If a compressed grain outgrows its slot and allocating a new one fails, its position is 0
+    /// from then on, but it still reads as before, from the old slot.
     void writePreparedGrainData(yx::TBuffer<unsigned char> const& data);
 
-    /// The same for bytes that the caller leaves unchanged, so that the stream can pass them on
-    /// without a copy.
+    /// The same for data that the caller does not change afterwards, which the stream may then pass
+    /// on without a copy.
     void writePreparedGrainDataKeepBuffer(yx::TConstBufferSlice<unsigned char> const& data);
 
-    /// Stores what the provider has for this grain, so that the grain no longer needs it, moves to
-    /// the grain's end, and returns the bytes stored. A grain with a position is only passed over:
-    /// the result is the grain size in bytes. Without a provider it does nothing and returns 0.
+    /// Stores the provider's data of this grain in the extent, so that the grain no longer depends
+    /// on it. Moves to the grain's end and returns the number of bytes stored. For a grain that has
+    /// a position, it stores nothing and returns the grain size in bytes. Without a provider, it
+    /// does nothing and returns 0.
     ///
-    /// A position other than 0 is `yx::CIOError` `NotAllowed` with "uri", "posInGrain",
-    /// "diskGrainIndex" and "extentGrainIndex"; then, a grain not opened for reading and writing is
-    /// `yx::CError`.
+    /// Throws, in this order, `yx::CIOError` `NotAllowed` with "uri", "posInGrain",
+    /// "diskGrainIndex" and "extentGrainIndex" if the position is not 0, and `yx::CError` if the
+    /// grain was not opened for reading and writing.
     __int64 makeIndependentOfParent();
 
-    /// Sets `iv` to `baseIV` with the 64-bit grain index, its lowest byte first, laid over it by
-    /// exclusive-or again and again. So equal grains at different places of a disk are enciphered
-    /// differently.
+    /// Sets `iv` to `baseIV`, exclusive-or the 64-bit grain index, which is repeated with its
+    /// lowest byte first to the length of `baseIV`. So equal grains at different places of a disk
+    /// are enciphered differently.
     static void makeGrainEncryptIV(yx::TBuffer<unsigned char>& iv,
                                    yx::TBuffer<unsigned char> const& baseIV, __int64 grainIndex);
 
 protected:
-    /// Loads the plain grain into memory. After a failure nothing is loaded.
+    /// Loads the plain grain into memory. A failure leaves nothing loaded.
     void readGrainData();
 
-    /// Reads the record at the stream's position, at most two reads, into `target` and deciphers
-    /// it. `target` ends at the record's padding; with a cipher, at the end of the data.
+    /// Reads the record at the stream's position into `target`, with at most two reads, and
+    /// deciphers it. `target` includes the record's padding; with a cipher it ends with the data.
     void readCompressedGrain(yx::TBuffer<unsigned char>& target);
 
     /// Reads the grain at the stream's position into `target` and deciphers it.
     void readUncompressedGrain(yx::TBuffer<unsigned char>& target);
 
-    /// Makes the prepared zero grain that of the given disk grain index.
+    /// Makes the prepared zero grain if there is none, and gives it the disk grain index.
     void initZeroGrainData(__int64 grainIndex);
 
-    /// What both public forms do.
+    /// Does the work of both public forms.
     void writePreparedGrainDataImpl(yx::TConstBufferSlice<unsigned char> const& data,
                                     bool keepBuffer);
 
-    /// Enciphers and stores prepared data, where the table above says.
+    /// Enciphers prepared data and stores them where the table at the class says.
     void writePreparedGrainDataInternal(yx::TConstBufferSlice<unsigned char> const& data,
                                         bool keepBuffer);
 
 private:
+    bool isStateSound() const;
     void verifySizes() const;
     void verifySlot(__int64 slotSizeSectors) const;
     void verifyPlace(__int64 diskGrainIndex, __int64 posSectors) const;
@@ -207,18 +205,17 @@ private:
     __int64 calcDiskPosition() const;
     yx::CProps uriProps() const;
     yx::CProps placeProps() const;
-    /// Where the file holds the grain; 0 if it does not.
+    /// Where the file holds the grain's data; 0 if it does not.
     __int64 getStoredPosSectors() const {
         return m_grainPosSectors > 0 ? m_grainPosSectors : m_abandonedPosSectors;
     }
 
     bool isLoaded() const { return m_grainData.getUsed() != 0; }
-    /// Also when the plain bytes are not.
+    /// The record may be loaded without the plain bytes.
     bool isRecordLoaded() const { return m_preparedData.getUsed() != 0; }
     void resetToClosed();
     void dropLoadedData();
     void seekToGrain();
-    int countReadableGrains(void* target, int grainCount);
     void reserveWorstCase(yx::TBuffer<unsigned char>& buffer) const;
     void makeCurrentGrainIV();
 
@@ -266,8 +263,8 @@ private:
     yx::TBuffer<unsigned char> m_cipherData;
     yx::TBuffer<unsigned char> m_grainIV;
     yx::TBuffer<unsigned char> m_paddedGrainData;
-    /// The slot that was given up when no new one could be had: the file's tables still name it. 0
-    /// for none.
+    /// The position of the old slot while a grain that has outgrown it has no new one: the tables
+    /// still point to it. 0 if there is no such slot.
     __int64 m_abandonedPosSectors = 0;
 };
 

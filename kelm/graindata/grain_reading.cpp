@@ -1,3 +1,5 @@
+#include <cassert>
+
 #include "kelm/graindata/grain.h"
 #include "kelm/graindata/internal/grain_record.h"
 #include "yx/error.h"
@@ -8,12 +10,12 @@ namespace {
 
 constexpr char kGrainReadName[] = "CVMDKGrain::read";
 
-/// A record with more compressed data than so many grains is taken for damage.
+/// A record whose compressed data exceed this many grains is treated as damaged.
 constexpr int kMaxRecordGrains = 2;
 
-/// Deciphered records end with their data. Decoders are many times slower over the last bytes of
-/// their input, which is all of it for a grain of zeros, so while this lives, a record has padding
-/// as plain records have.
+/// Pads a deciphered record to whole sectors for as long as it lives. Deciphered records end with
+/// their data, unlike plain ones, and decoders are many times slower over the last bytes of their
+/// input. For a grain of zeros those are all that it has.
 class RecordPadding {
 public:
     explicit RecordPadding(yx::TBuffer<unsigned char>& record)
@@ -48,58 +50,16 @@ void CVMDKGrain::read(void* target, int size) {
                        static_cast<std::size_t>(size));
     }
     m_posInGrain += size;
+    assert(isStateSound());
 }
 
 bool CVMDKGrain::isInFileAlone() const {
     return getStoredPosSectors() != 0 && !m_compressed && !m_cipher && !isLoaded();
 }
 
-void CVMDKGrain::readAndLeave(void* target) {
-    int const sizeBytes = static_cast<int>(m_grainSizeBytes);
-    if (m_posInGrain != 0 || !isInFileAlone()) {
-        read(target, sizeBytes);
-        return;
-    }
-    seekToGrain();
-    m_stream->read(target, sizeBytes);
-    m_posInGrain = m_grainSizeBytes;
-}
-
-int CVMDKGrain::readAdjacentAndLeave(void* target, int grainCount) {
-    int const sizeBytes = static_cast<int>(m_grainSizeBytes);
-    int readCount = 0;
-    try {
-        seekToGrain();
-        readCount = m_stream->readLax(target, grainCount * sizeBytes) / sizeBytes;
-    } catch (yx::CError& error) {
-        error.nop();
-        readCount = countReadableGrains(target, grainCount);
-        // A failure that did not come again.
-        if (readCount == grainCount)
-            throw;
-    }
-    // What ends or fails among the grains is the error of the one there, not of those before.
-    if (readCount == 0) {
-        readAndLeave(target);
-        return 1;
-    }
-    m_posInGrain = m_grainSizeBytes;
-    return readCount;
-}
-
-/// Reads as many of these grains as can be read, one by one.
-int CVMDKGrain::countReadableGrains(void* target, int grainCount) {
-    int const sizeBytes = static_cast<int>(m_grainSizeBytes);
-    auto* next = static_cast<unsigned char*>(target);
-    int count = 0;
-    try {
-        seekToGrain();
-        for (; count < grainCount && m_stream->readLax(next, sizeBytes) == sizeBytes; ++count)
-            next += sizeBytes;
-    } catch (yx::CError& error) {
-        error.nop();
-    }
-    return count;
+void CVMDKGrain::skipToEnd() {
+    if (isOpen())
+        m_posInGrain = m_grainSizeBytes;
 }
 
 void CVMDKGrain::verifyReadRange(int size) const {
@@ -117,6 +77,7 @@ void CVMDKGrain::verifyReadRange(int size) const {
 }
 
 void CVMDKGrain::readFallbackData(__int64 posInGrain, void* target, int size) {
+    assert(posInGrain >= 0 && posInGrain + size <= m_grainSizeBytes);
     if (m_fallbackDataProvider)
         m_fallbackDataProvider->getData(calcDiskPosition() + posInGrain, target, size);
     else
@@ -133,7 +94,7 @@ void CVMDKGrain::readGrainData() {
     }
 }
 
-/// The record stays, so that a further read of the grain finds all it needs in memory.
+/// Keeps the record, so that further reads of the grain need not access the file.
 void CVMDKGrain::readWholeCompressedGrain(void* target) {
     try {
         loadRecord();
@@ -189,13 +150,13 @@ void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
 
     if (m_cipher) {
         decipherRecord(static_cast<int>(storedSizeBytes), target);
-        // What fills the last cipher block is no part of the prepared form.
+        // The fill of the last cipher block does not belong to the prepared form.
         target.setUsed(static_cast<int>(compressedSizeBytes) + kGrainRecordHeaderSizeBytes);
     }
 }
 
-/// The compressed size from the record's header. `lba` is deliberately compared with nothing: the
-/// grain tables decide which grain a record is.
+/// The compressed size from the record's header. Deliberately, `lba` is not checked: the grain
+/// tables alone decide which grain a record belongs to.
 unsigned int CVMDKGrain::verifiedCompressedSize(unsigned char const* record) const {
     unsigned int const compressedSizeBytes = loadGrainRecordCompressedSize(record);
     if (compressedSizeBytes > kMaxRecordGrains * m_grainSizeBytes)
@@ -212,7 +173,7 @@ unsigned int CVMDKGrain::verifiedCompressedSize(unsigned char const* record) con
 
 void CVMDKGrain::decipherRecord(int storedSizeBytes, yx::TBuffer<unsigned char>& target) {
     makeCurrentGrainIV();
-    // First to full size, so that the cipher need not make the buffer grow.
+    // Set to full size first, so that the cipher does not have to enlarge the buffer.
     target.setUsed(storedSizeBytes + kGrainRecordHeaderSizeBytes);
     yx::copyMemory(target.getData(), m_cipherData.getData(), kGrainRecordHeaderSizeBytes);
     target.setUsed(kGrainRecordHeaderSizeBytes);
@@ -260,6 +221,7 @@ void CVMDKGrain::readPreparedGrainData(yx::TBuffer<unsigned char>& target) {
         target.assign(*m_preparedZeroGrainData);
     }
     m_posInGrain = m_grainSizeBytes;
+    assert(!m_dirty && isStateSound());
 }
 
 void CVMDKGrain::readPreparedFromExtent(yx::TBuffer<unsigned char>& target) {

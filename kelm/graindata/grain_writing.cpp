@@ -1,3 +1,4 @@
+#include <cassert>
 #include <climits>
 
 #include "kelm/graindata/grain.h"
@@ -25,7 +26,7 @@ Slice wholeOf(yx::TBuffer<unsigned char> const& buffer) {
 void CVMDKGrain::write(void const* source, int size) {
     if (size == 0)
         return;
-    // Deliberate: a read-only grain reports a bad range as such; logs tell the two apart.
+    // Deliberate: on a read-only grain a bad range is reported first; logs distinguish the two.
     verifyWriteRange(size);
     verifyWritable(kWriteName);
     if (size == m_grainSizeBytes)
@@ -35,6 +36,7 @@ void CVMDKGrain::write(void const* source, int size) {
     yx::copyMemory(m_grainData.getData() + m_posInGrain, source, static_cast<std::size_t>(size));
     m_posInGrain += size;
     m_dirty = true;
+    assert(isStateSound());
 }
 
 void CVMDKGrain::verifyWriteRange(int size) const {
@@ -64,8 +66,9 @@ void CVMDKGrain::verifyWritable(char const* function) const {
 void CVMDKGrain::flushChangesToStream() {
     if (!m_dirty)
         return;
-    // Deliberate: without a look at the provider, so over a parent with data the zeros are dropped
-    // and the parent shows again; hosts that must keep them store the grain in prepared form.
+    assert(isStateSound());
+    // Deliberate: the provider is not asked. Zeros over a parent's data are therefore dropped, and
+    // the parent's data show again; hosts that must keep the zeros store the grain prepared.
     if (getStoredPosSectors() == 0 &&
         yx::isAllZero(m_grainData.getData(), static_cast<std::size_t>(m_grainSizeBytes))) {
         m_dirty = false;
@@ -99,6 +102,7 @@ void CVMDKGrain::writePreparedGrainDataImpl(Slice const& data, bool keepBuffer) 
     dropLoadedData();
     writePreparedGrainDataInternal(data, keepBuffer);
     m_posInGrain = m_grainSizeBytes;
+    assert(!isLoaded() && isStateSound());
 }
 
 void CVMDKGrain::writePreparedGrainDataInternal(Slice const& data, bool keepBuffer) {
@@ -111,7 +115,7 @@ void CVMDKGrain::writePreparedGrainDataInternal(Slice const& data, bool keepBuff
         encipherRecord(data);
     else
         encipherUncompressed(data);
-    // The next grain reuses this buffer, so nobody may keep it.
+    // The next grain reuses this buffer, so the stream must not keep it.
     store(wholeOf(m_cipherData), false);
 }
 
@@ -160,9 +164,9 @@ void CVMDKGrain::store(Slice const& data, bool keepBuffer) {
     __int64 const dataSizeSectors = roundUpToSectors(data.getLength());
     __int64 newSlotSizeSectors = m_compressed ? dataSizeSectors : m_grainSizeSectors;
     if (m_compressed && m_grainPosSectors > 0 && dataSizeSectors > m_slotSizeSectors) {
-        // A grain that grew once may grow again: it gets all that it can ever need.
+        // A grain that has grown once may grow again, so it gets the most that it can ever need.
         newSlotSizeSectors = m_worstCaseGrainSizeSectors;
-        // Until the new slot is there, the tables name the old one and reads go on there.
+        // Until there is a new slot, the tables point to the old one and reads use it.
         m_abandonedPosSectors = m_grainPosSectors;
         m_grainPosSectors = 0;
         m_slotSizeSectors = 0;
@@ -172,10 +176,12 @@ void CVMDKGrain::store(Slice const& data, bool keepBuffer) {
     else
         allocate(data, keepBuffer, static_cast<int>(newSlotSizeSectors));
     m_dirty = false;
+    assert(m_abandonedPosSectors == 0);
+    assert(roundUpToSectors(data.getLength()) <= m_slotSizeSectors);
 }
 
 void CVMDKGrain::overwrite(Slice const& data, bool keepBuffer) {
-    // Only uncompressed data can be too big here. What lies behind the slot is another grain's.
+    // Only uncompressed data can be too big here. The bytes after the slot belong to other grains.
     if (roundUpToSectors(data.getLength()) > m_slotSizeSectors)
         throw yx::CInvalidArgError(
             kWritePreparedName,
@@ -183,7 +189,7 @@ void CVMDKGrain::overwrite(Slice const& data, bool keepBuffer) {
                 yx::toString(m_slotSizeSectors) +
                 " sectors, prepared data size: " + yx::toString(data.getLength()) + " bytes)",
             placeProps());
-    // Deliberate: the slot's bytes behind the data stay as they were, and the slot as large.
+    // Deliberate: the rest of the slot is left as it is, and the slot keeps its size.
     seekToGrain();
     if (keepBuffer)
         m_stream->writeKeepBuffer(data, nullptr);
@@ -209,14 +215,14 @@ __int64 CVMDKGrain::makeIndependentOfParent() {
                            "position in the grain is 0.",
                            placeProps(), nullptr);
     verifyWritable(kMakeIndependentName);
-    // Deliberate: the position stays at 0 here, unlike below; the extent relies on neither.
+    // Deliberate: unlike below, the position stays at 0; the extent relies on neither.
     if (!m_fallbackDataProvider)
         return 0;
     if (getStoredPosSectors() >= 1) {
         m_posInGrain = m_grainSizeBytes;
         return m_grainSizeBytes;
     }
-    // Deliberate: unflushed changes are dropped for what the parent has; hosts flush before.
+    // Deliberate: unflushed changes are replaced by the parent's data; hosts flush first.
     reserveWorstCase(m_parentPreparedData);
     m_fallbackDataProvider->getPreparedGrainData(calcDiskPosition(), m_parentPreparedData,
                                                  static_cast<int>(m_grainSizeBytes), m_compressed);

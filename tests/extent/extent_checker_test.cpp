@@ -35,7 +35,7 @@ protected:
     }
 };
 
-TEST_F(ExtentChecker, TellsWhatASoundFileHolds) {
+TEST_F(ExtentChecker, ReportsWhatASoundFileHolds) {
     soundFile(kCompressedAndEnciphered);
     auto const report = test_support::checkExtent(memory->getFile(uri), kStartGrainIndex);
     EXPECT_TRUE(report.findings.empty());

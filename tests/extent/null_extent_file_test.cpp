@@ -55,7 +55,7 @@ protected:
 
 constexpr __int64 kExtentSizeBytes = 41 * 512;
 
-TEST_F(NullExtentFile, TellsWhatItWasMadeWith) {
+TEST_F(NullExtentFile, ReturnsWhatItWasMadeWith) {
     yx::P<CVMDKNullExtentFile> const extent = makeExtent();
     EXPECT_EQ(extent->getURI(), yx::CURI(kURI));
     EXPECT_EQ(extent->getStartGrainIndex(), 10);

@@ -36,7 +36,7 @@ protected:
     bool exists() { return memory->fileExists(uri); }
 };
 
-TEST_F(OnDemandExtentFile, TellsWhatItWasMadeWith) {
+TEST_F(OnDemandExtentFile, ReturnsWhatItWasMadeWith) {
     yx::P<CVMDKOnDemandExtentFile> const extent = make(kCompressed);
     EXPECT_EQ(extent->getStartGrainIndex(), 10);
     EXPECT_EQ(extent->getGrainSizeSectors(), 8);

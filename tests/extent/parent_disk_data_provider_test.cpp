@@ -297,7 +297,7 @@ TEST_F(ParentDiskDataProvider, ParentThatIsHandedInIsTakenAsItIs) {
 }
 
 TEST_F(ParentDiskDataProvider, ChildReadsItsOwnGrainsWithoutOpeningTheParent) {
-    // The parent has changed, which nobody notices as long as nobody reaches it.
+    // The parent has changed, which shows only when it is opened.
     putParent({.contentID = "0000beef"});
     putDisk("child",
             {.contentID = "00000002", .parentContentID = "abcdef01", .parentHint = "parent.vmdk"});
@@ -401,7 +401,7 @@ TEST_F(ParentDiskDataProvider, ChainsThatBiteTheirOwnTailEnd) {
         EXPECT_THROW(disk->isGrainWritten(), yx::CIOError);
         Buffer data;
         EXPECT_THROW(disk->readPreparedGrainData(data), yx::CIOError);
-        // Nothing behind the parent's end asks the chain.
+        // Nothing past the end of the parent asks the chain.
         EXPECT_EQ(disk->getSizeBytes(), 32768);
     }
 }

@@ -18,7 +18,7 @@ TEST(ReverseIncrementalWriter, IsCopiedAndDestroyedAndNothingElse) {
     EXPECT_FALSE(std::is_default_constructible_v<Writer>);
 }
 
-/// Tells when it goes.
+/// Records its own destruction.
 class Sentinel : public yx::CBase {
 public:
     explicit Sentinel(bool& gone) : m_gone(gone) {}

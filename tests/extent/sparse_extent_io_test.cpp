@@ -11,6 +11,7 @@ namespace {
 using kelm::CVMDKSparseExtentFile;
 using Request = FakeDataProvider::Request;
 using Requests = std::vector<Request>;
+using test_support::textPattern;
 
 constexpr char kSeek[] = "CVMDKSparseExtentFile::seek";
 
@@ -300,7 +301,7 @@ TEST_F(SparseExtentIO, GrainThatCannotBeReadFailsAloneAmidThoseThatLieTogether) 
     }
 }
 
-TEST_F(SparseExtentIO, FailureThatDoesNotComeAgainIsToldAllTheSame) {
+TEST_F(SparseExtentIO, FailureThatDoesNotComeAgainIsReportedAllTheSame) {
     createExtent(kPlain);
     writeAt(*openExtent(kPlain), 0, pattern(8 * 4096, 5));
     auto const faulty = yx::makeObject<test_support::FaultyFileSystem>(files.get());
@@ -312,6 +313,105 @@ TEST_F(SparseExtentIO, FailureThatDoesNotComeAgainIsToldAllTheSame) {
                               [&] { read(*extent, 10 * 4096); }));
     EXPECT_EQ(extent->getPosition(), 0);
     EXPECT_TRUE(sameBytes(pattern(8 * 4096, 5), read(*extent, 8 * 4096)));
+}
+
+TEST_F(SparseExtentIO, TableThatCannotBeReadAmidGrainsThatLieTogetherFailsAtItsGrain) {
+    createExtent(kPlain);
+    Bytes const bytes = pattern(8 * 4096, 5);
+    writeAt(*openExtent(kPlain), 0, bytes);
+    // Each look at a grain's place reads the table anew.
+    yx::P<kelm::CVMDKGrainTableCache> const cache = yx::makeObject<kelm::CVMDKGrainTableCache>(0);
+    for (bool const continues : {false, true}) {
+        for (int badGrain = continues ? 2 : 1; badGrain < 8; ++badGrain) {
+            SCOPED_TRACE(testing::Message() << badGrain << (continues ? ", continued" : ""));
+            int loads = -1;
+            auto const broken = yx::makeObject<test_support::HookedFileSystem>(
+                files.get(), [&](test_support::FileOperation& operation, auto const& proceed) {
+                    bool const isTable =
+                        operation.kind == test_support::FileOperation::Kind::Read &&
+                        operation.position < 8192;
+                    // Once only, so that it shows if the table is asked again.
+                    if (isTable && loads >= 0 && loads++ == badGrain - 1)
+                        throw yx::CIOError(yx::CIOError::IOFailure, "Table lost.", yx::CProps(),
+                                           nullptr);
+                    proceed();
+                });
+            yx::P<CVMDKSparseExtentFile> const extent =
+                openExtent(kPlain, {.cache = cache.get(), .bare = true, .through = broken.get()});
+            extent->seek(0);
+            loads = 0;
+            Bytes target(8 * 4096, 0xEE);
+            auto const position = [&] { return static_cast<std::size_t>(extent->getPosition()); };
+            if (continues)
+                extent->read(target.data(), 4096);
+            EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, "Table lost.", {}, [&] {
+                extent->read(target.data() + position(), static_cast<int>(8 * 4096 - position()));
+            }));
+            EXPECT_EQ(extent->getPosition(), badGrain * 4096);
+            EXPECT_TRUE(sameBytes(
+                concat({slice(bytes, 0, position()), Bytes(target.size() - position(), 0xEE)}),
+                target));
+            extent->read(target.data() + position(), static_cast<int>(8 * 4096 - position()));
+            EXPECT_TRUE(sameBytes(bytes, target));
+        }
+    }
+}
+
+TEST_F(SparseExtentIO, DataThatCannotBeReadFailsBeforeATableBehindIt) {
+    createExtent(kPlain);
+    writeAt(*openExtent(kPlain), 0, pattern(8 * 4096, 5));
+    yx::P<kelm::CVMDKGrainTableCache> const cache = yx::makeObject<kelm::CVMDKGrainTableCache>(0);
+    int loads = -1;
+    auto const broken = yx::makeObject<test_support::HookedFileSystem>(
+        files.get(), [&](test_support::FileOperation& operation, auto const& proceed) {
+            bool const isRead = operation.kind == test_support::FileOperation::Kind::Read;
+            bool const isTable = isRead && operation.position < 8192;
+            if (isTable && loads >= 0 && loads++ == 4)
+                throw yx::CIOError(yx::CIOError::IOFailure, "Table lost.", yx::CProps(), nullptr);
+            // Grain 2 lies there.
+            if (isRead && !isTable && operation.position + operation.length > 8192 + 2 * 4096)
+                throw yx::CIOError(yx::CIOError::IOFailure, "Grain lost.", yx::CProps(), nullptr);
+            proceed();
+        });
+    yx::P<CVMDKSparseExtentFile> const extent =
+        openExtent(kPlain, {.cache = cache.get(), .bare = true, .through = broken.get()});
+    extent->seek(0);
+    loads = 0;
+    EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, "Grain lost.", {},
+                              [&] { read(*extent, 8 * 4096); }));
+    EXPECT_EQ(extent->getPosition(), 2 * 4096);
+}
+
+TEST_F(SparseExtentIO, GrainThatARequestPassesReadsLikeAnyOther) {
+    Bytes const bytes = concat({pattern(4096, 1), zeros(4096), textPattern(4096, 2)});
+    for (Kind const& kind : kAllKinds) {
+        SCOPED_TRACE(kind.name);
+        createExtent(kind);
+        yx::P<CVMDKSparseExtentFile> const extent = openExtent(kind);
+        writeAt(*extent, 0, slice(bytes, 0, 4096));
+        writeAt(*extent, 2 * 4096, slice(bytes, 2 * 4096, 4096));
+        extent->flushChanges();
+        for (__int64 const grain : {0, 1}) {
+            EXPECT_TRUE(sameBytes(slice(bytes, static_cast<std::size_t>(grain) * 4096, 4097),
+                                  readAt(*extent, grain * 4096, 4097)));
+            EXPECT_TRUE(sameBytes(slice(bytes, static_cast<std::size_t>(grain) * 4096, 4096),
+                                  readAt(*extent, grain * 4096, 4096)));
+        }
+    }
+}
+
+TEST_F(SparseExtentIO, GrainThatARequestPassesShowsUnflushedChanges) {
+    for (Kind const& kind : kAllKinds) {
+        SCOPED_TRACE(kind.name);
+        createExtent(kind);
+        yx::P<CVMDKSparseExtentFile> const extent = openExtent(kind);
+        writeAt(*extent, 0, pattern(2 * 4096, 1));
+        extent->flushChanges();
+        Bytes const changed = textPattern(4096, 3);
+        writeAt(*extent, 0, changed);
+        EXPECT_TRUE(sameBytes(concat({changed, slice(pattern(2 * 4096, 1), 4096, 1)}),
+                              readAt(*extent, 0, 4097)));
+    }
 }
 
 TEST_F(SparseExtentIO, GrainInASlotThatIsTooSmallIsRefusedAmidThoseThatLieTogether) {
@@ -576,7 +676,7 @@ TEST_F(SparseExtentIO, PartialLastGrainIsReadAndWrittenUpToTheCapacity) {
     }
 }
 
-/// An extent whose seek does not lead where it is told.
+/// An extent whose seek goes to another position.
 class MisledExtent : public CVMDKSparseExtentFile {
 public:
     using CVMDKSparseExtentFile::CVMDKSparseExtentFile;
@@ -714,7 +814,7 @@ TEST_F(SparseExtentIO, GrainIndependenceOutsideTheExtentIsABadPosition) {
     }
 }
 
-TEST_F(SparseExtentIO, TellsWhichGrainsAreWritten) {
+TEST_F(SparseExtentIO, SaysWhichGrainsAreWritten) {
     createExtent(kPlain);
     yx::P<CVMDKSparseExtentFile> const extent = openExtent(kPlain, {.provider = provider.get()});
     extent->seek(2 * 4096 + 100);

@@ -81,7 +81,7 @@ std::vector<Refusal> headerRefusals() {
     };
 }
 
-/// What is refused behind the encryption tests, in order.
+/// What is refused after the encryption checks, in order.
 std::vector<Refusal> formatRefusals(bool compressed) {
     return {
         field("version", kVersionOffset, 4, 4,
@@ -211,7 +211,7 @@ TEST_F(SparseExtentOpening, RefusesEveryVersionButOneToThree) {
     }
 }
 
-TEST_F(SparseExtentOpening, FlagsTellWhetherItIsCompressed) {
+TEST_F(SparseExtentOpening, FlagsDecideWhetherItIsCompressed) {
     createExtent(kPlain);
     EXPECT_FALSE(openExtent(kPlain)->getCompressed());
     createExtent(kCompressed);
@@ -301,7 +301,7 @@ TEST_F(SparseExtentOpening, EveryTableSizeThatTheFileHasRoomForOpens) {
 TEST_F(SparseExtentOpening, CompressedExtentNeedsASlotSizeDirectory) {
     createExtent(kCompressed);
     Bytes bytes = content();
-    // The marker behind the last grain table.
+    // The marker after the last grain table.
     ASSERT_EQ(slice(bytes, 15 * 512 + 12, 4), (Bytes{0x02, 0x90, 0x34, 0x18}));
     put(bytes, 15 * 512 + 12, 0, 4);
     setContent(bytes);
@@ -309,7 +309,7 @@ TEST_F(SparseExtentOpening, CompressedExtentNeedsASlotSizeDirectory) {
                             {{"uri", kExtentURI}}, [&] { openExtent(kCompressed); }));
 }
 
-TEST_F(SparseExtentOpening, TellsWhatItWasOpenedWith) {
+TEST_F(SparseExtentOpening, ReturnsWhatItWasOpenedWith) {
     createExtent(kCompressed);
     yx::P<CVMDKSparseExtentFile> const extent = openExtent(kCompressed);
     EXPECT_EQ(extent->getStartGrainIndex(), 10);
@@ -374,7 +374,7 @@ TEST_F(SparseExtentOpening, PlainExtentHasNoTrail) {
     EXPECT_EQ(before.size(), 16U * 512);
 }
 
-/// Tells when it goes.
+/// Records its own destruction.
 class Sentinel : public FakeDataProvider {
 public:
     explicit Sentinel(bool& gone) : m_gone(gone) {}

@@ -33,7 +33,7 @@ Bytes decompress(CVMDKCompressor& compressor, Bytes const& stream, std::size_t m
     return plain;
 }
 
-TEST(Compressor, NameTellsWhichCoderComesFirst) {
+TEST(Compressor, NameSaysWhichCoderIsTriedFirst) {
     struct {
         int level;
         char const* name;

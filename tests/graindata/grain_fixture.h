@@ -73,7 +73,7 @@ inline std::ostream& operator<<(std::ostream& stream, Kind const& kind) {
                   << (kind.enciphered ? ", enciphered" : "");
 }
 
-/// A stream that tells which writes promised to keep their buffer, and can fail in a seek too.
+/// A stream that records which writes promised to keep their buffer, and can also fail in a seek.
 class GrainStream : public ScriptedStream {
 public:
     int getKeepCount() const { return m_keepCount; }

@@ -183,41 +183,39 @@ TEST_F(GrainReading, PartWrittenAfterAReadOfTheWholeGoesOverWhatWasRead) {
     }
 }
 
-TEST_F(GrainReading, GrainThatIsReadAndLeftReadsLikeAnyOther) {
-    Bytes const plain = pattern(kGrainSizeBytes, 8);
+TEST_F(GrainReading, IsInFileAloneAsLongAsTheFileHoldsTheBytesAndMemoryNone) {
     for (Kind const kind : kAllKinds) {
-        putGrain(kind, plain);
+        putGrain(kind, pattern(kGrainSizeBytes, 8));
         yx::P<CVMDKGrain> const grain = makeGrain(kind);
-        for (__int64 const index : {0, 1}) {
-            openGrain(*grain, index);
-            Bytes target(kGrainSizeBytes, 0xEE);
-            grain->readAndLeave(target.data());
-            EXPECT_EQ(target, index == 0 ? plain : zeros(kGrainSizeBytes)) << kind;
-            EXPECT_EQ(grain->getBytesLeft(), 0);
-            // Whoever does not leave it after all is served all the same.
-            EXPECT_EQ(readAll(*grain), target) << kind;
-        }
+        EXPECT_FALSE(grain->isInFileAlone()) << kind;
+        openGrain(*grain);
+        // What is compressed or enciphered is not in the file as it is.
+        EXPECT_EQ(grain->isInFileAlone(), !kind.compressed && !kind.enciphered) << kind;
+        readAll(*grain);
+        EXPECT_FALSE(grain->isInFileAlone()) << kind;
+        openGrain(*grain);
+        write(*grain, textPattern(kGrainSizeBytes, 10));
+        EXPECT_FALSE(grain->isInFileAlone()) << kind;
+        grain->flushChangesToStream();
+        openGrain(*grain, 1);
+        EXPECT_FALSE(grain->isInFileAlone()) << kind;
     }
 }
 
-TEST_F(GrainReading, GrainThatIsReadAndLeftShowsUnflushedChanges) {
+TEST_F(GrainReading, SkipsToItsEndWithoutReading) {
     for (Kind const kind : kAllKinds) {
-        putGrain(kind, pattern(kGrainSizeBytes, 9));
+        Bytes const plain = pattern(kGrainSizeBytes, 8);
+        putGrain(kind, plain);
         yx::P<CVMDKGrain> const grain = makeGrain(kind);
+        grain->skipToEnd();
+        EXPECT_EQ(grain->getPosition(), 0) << kind;
         openGrain(*grain);
-        Bytes const changed = textPattern(kGrainSizeBytes, 10);
-        write(*grain, changed);
-        grain->seek(0);
-        Bytes target(kGrainSizeBytes, 0xEE);
-        grain->readAndLeave(target.data());
-        EXPECT_EQ(target, changed) << kind;
-        // Its position must be at the start, like that of any read of the whole.
-        EXPECT_TRUE(
-            throwsIOError(yx::CIOError::UnexpectedEnd,
-                          "Unexpected end of data trying to read 4096 bytes from VMDK "
-                          "grain.",
-                          {{"uri", "test:/stream"}, {"position", "4096"}, {"bytesToRead", "4096"}},
-                          [&] { grain->readAndLeave(target.data()); }));
+        EXPECT_EQ(grain->getPosition(), 0) << kind;
+        grain->skipToEnd();
+        EXPECT_EQ(grain->getPosition(), kGrainSizeBytes) << kind;
+        EXPECT_EQ(grain->getBytesLeft(), 0) << kind;
+        // A caller that stays after all is served all the same.
+        EXPECT_EQ(readAll(*grain), plain) << kind;
     }
 }
 
@@ -250,7 +248,7 @@ TEST_F(GrainReading, RecordTakesTwoReadsAtMost) {
 }
 
 TEST_F(GrainReading, RecordThatEndsOnASectorIsReadWithoutTheNextOne) {
-    // 12 + 500 bytes; the file ends behind them.
+    // 12 + 500 bytes; the file ends after them.
     Bytes const plain = concat({pattern(489, 7), zeros(3607)});
     Bytes const stream489 = test_support::compressWithZlib(pattern(489, 7), 0);
     ASSERT_EQ(stream489.size(), 500U);
@@ -261,14 +259,14 @@ TEST_F(GrainReading, RecordThatEndsOnASectorIsReadWithoutTheNextOne) {
     EXPECT_EQ(reads(), (Operations{readOf(8192, 512)}));
 }
 
-TEST_F(GrainReading, EncipheredRecordCanNeedASectorMoreThanItsPlainSizeTells) {
+TEST_F(GrainReading, EncipheredRecordCanNeedASectorMoreThanItsPlainSize) {
     // 12 + 500 bytes fill a sector, but 500 bytes are 512 in whole cipher blocks.
     Bytes const plain = concat({pattern(489, 8), zeros(3607)});
     Bytes const record = makeRecord(80, test_support::compressWithZlib(pattern(489, 8), 0));
     putRecord(encipherRecord(record, key, ivOf(10)));
     yx::P<CVMDKGrain> const grain = makeGrain(kCompressedAndEnciphered, kReadOnly);
     openGrain(*grain);
-    // Here the file has only the blocks themselves behind the header, as a last slot may have.
+    // Here the file has only the blocks themselves after the header, as a last slot may have.
     stream->content().resize(8192 + 1024);
     EXPECT_EQ(readAll(*grain), plain);
     EXPECT_EQ(reads(), (Operations{readOf(8192, 512), readOf(8704, 512)}));

@@ -6,8 +6,8 @@
 
 namespace kelm {
 
-/// The byte position of a grain. An index that no position can express yields the nearest end of
-/// the range, which every seek refuses.
+/// The byte position of a grain. If it exceeds 64 bits, the result is the largest or smallest
+/// number, which every seek refuses.
 inline __int64 grainPositionBytes(__int64 grainIndex, __int64 grainSizeBytes) {
     using Limits = std::numeric_limits<__int64>;
     if (grainIndex > Limits::max() / grainSizeBytes)
@@ -17,8 +17,8 @@ inline __int64 grainPositionBytes(__int64 grainIndex, __int64 grainSizeBytes) {
     return grainIndex * grainSizeBytes;
 }
 
-/// The index in the whole disk of an extent's grain. One that no number can express yields the
-/// largest, which every grain and provider refuses.
+/// The index in the whole disk of an extent's grain. If it exceeds 64 bits, the result is the
+/// largest number, which every grain and provider refuses.
 inline __int64 diskGrainIndexOf(__int64 startGrainIndex, __int64 extentGrainIndex) {
     constexpr __int64 kMax = std::numeric_limits<__int64>::max();
     return startGrainIndex > kMax - extentGrainIndex ? kMax : startGrainIndex + extentGrainIndex;

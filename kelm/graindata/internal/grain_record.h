@@ -5,7 +5,8 @@
 
 namespace kelm {
 
-// Access in place to the header of a compressed grain's record; `CVMDKDataPreparer` has the layout.
+// Access to the fields of a compressed grain's record header, in place. `CVMDKDataPreparer` has the
+// layout.
 
 inline constexpr int kGrainRecordLBAOffset = 0;
 inline constexpr int kGrainRecordCompressedSizeOffset = 8;
