@@ -30,11 +30,24 @@ bool isRegularFile(int fileDescriptor) {
 } // namespace
 
 FileLock FileLock::take(std::string const& path, Type type) {
+    std::optional<FileLock> lock = tryTake(path, type);
+    if (!lock) {
+        throw yx::CIOError(yx::CIOError::AccessDenied, "The file is in use.",
+                           yx::CProps().add("path", yx::String::fromUTF8(path)), nullptr);
+    }
+    return std::move(*lock);
+}
+
+std::optional<FileLock> FileLock::tryTake(std::string const& path, Type type) {
     // An exclusive lock needs a descriptor that is open for writing. Named pipes must not wait.
     int const flags = (type == Type::Exclusive ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NONBLOCK;
     FileDescriptor file = FileDescriptor::own(::open(path.c_str(), flags));
     if (!file.isOpen())
         throwSystemError("Cannot open the file to lock it", path);
+    return tryTake(std::move(file), type);
+}
+
+std::optional<FileLock> FileLock::tryTake(FileDescriptor file, Type type) {
     if (!isRegularFile(file.get()))
         return FileLock();
     switch (tryLock(file.get(), type)) {
@@ -42,8 +55,7 @@ FileLock FileLock::take(std::string const& path, Type type) {
         return FileLock(std::move(file));
     case EAGAIN:
     case EACCES:
-        throw yx::CIOError(yx::CIOError::AccessDenied, "The file is in use.",
-                           yx::CProps().add("path", yx::String::fromUTF8(path)), nullptr);
+        return std::nullopt;
     default:
         // No locks on this file system, or none left.
         return FileLock();

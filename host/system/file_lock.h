@@ -1,8 +1,10 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "host/system/file_descriptor.h"
+#include "host/system/file_number.h"
 
 namespace kelm::host {
 
@@ -30,8 +32,17 @@ public:
     /// `throwSystemError` makes of it.
     static FileLock take(std::string const& path, Type type);
 
+    /// The same, but nothing if another holder is in the way.
+    static std::optional<FileLock> tryTake(std::string const& path, Type type);
+
+    /// The same for a file that is open, for writing too if the lock is exclusive; it is kept open.
+    static std::optional<FileLock> tryTake(FileDescriptor file, Type type);
+
     /// Whether a lock is held.
     bool isHeld() const { return m_file.isOpen(); }
+
+    /// Which file is locked; only if a lock is held.
+    FileNumber getFile() const { return *numberOfFile(m_file.get()); }
 
 private:
     explicit FileLock(FileDescriptor file) : m_file(std::move(file)) {}

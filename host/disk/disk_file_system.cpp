@@ -1,0 +1,302 @@
+#include "host/disk/disk_file_system.h"
+
+#include <algorithm>
+
+#include "host/disk/own_name.h"
+#include "kelm/format/constants.h"
+#include "kelm/format/descriptor_accessor.h"
+#include "kelm/format/file_reference.h"
+#include "kelm/format/sparse_extent_header.h"
+#include "yx/error.h"
+#include "yx/optimizing_io_stream.h"
+
+namespace kelm::host {
+
+namespace {
+
+using Access = yx::IIOStream::Access;
+
+/// The ranges of a lock file that its users lock; see `yx::CLockFile`.
+constexpr __int64 kLockPositionBytes = 0;
+constexpr __int64 kPresencePositionBytes = 1;
+
+yx::CProps propsOf(yx::CURI const& uri) {
+    return yx::CProps().add("uri", uri.toString(true));
+}
+
+/// Buffered, so that files which demand alignment get it.
+yx::P<yx::IIOStream> buffered(yx::IIOStream* stream) {
+    return yx::makeObject<yx::COptimizingIOStream>(stream);
+}
+
+/// Nothing if the file is no extent.
+std::optional<CVMDKSparseExtentHeader> tryReadHeader(yx::IIOStream& stream) {
+    stream.seek(0);
+    yx::CDataInStream in(&stream);
+    unsigned int const magic = in.readUInt32();
+    if (magic != kHeaderMagic && magic != kEncryptionExtensionHeaderMagic)
+        return std::nullopt;
+    stream.seek(0);
+    CVMDKSparseExtentHeader header;
+    yx::CDataInStream again(&stream);
+    header.load(again);
+    return header;
+}
+
+/// The area of a descriptor that lies in an extent file and has been found sound.
+yx::P<Overlay> readArea(yx::IIOStream& stream, CVMDKSparseExtentHeader const& header) {
+    yx::P<Overlay> area = yx::makeObject<Overlay>();
+    area->positionBytes =
+        static_cast<__int64>(header.getDescriptorOffsetSectors()) * kSectorSizeBytes;
+    area->bytes.resize(header.getDescriptorSizeSectors() * kSectorSizeBytes);
+    stream.seek(area->positionBytes);
+    stream.read(area->bytes.data(), static_cast<int>(area->bytes.size()));
+    return area;
+}
+
+} // namespace
+
+DiskFileSystem::DiskFileSystem(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
+                               yx::IIOStream::Access access, DiskTrust const& trust,
+                               FileLocks* locks)
+    : m_fileSystem(fileSystem), m_trust(trust), m_locks(locks) {
+    if (!m_locks)
+        m_locks = yx::makeObject<FileLocks>();
+    yx::CURI const uri = mainFile.toNormalized();
+    m_members.push_back({uri, access, DiskReach(uri, trust)});
+}
+
+DiskFileSystem::Member* DiskFileSystem::findMain(yx::CURI const& uri) {
+    auto const found = std::find_if(m_members.begin(), m_members.end(),
+                                    [&](Member const& each) { return each.mainFile == uri; });
+    return found == m_members.end() ? nullptr : &*found;
+}
+
+DiskFileSystem::Member* DiskFileSystem::findByLockFile(yx::CURI const& uri) {
+    if (uri.getExtension() != ".lock")
+        return nullptr;
+    auto const found = std::find_if(m_members.begin(), m_members.end(), [&](Member const& member) {
+        return member.mainFile.getParent() << (member.mainFile.getName() + ".lock") == uri;
+    });
+    return found == m_members.end() ? nullptr : &*found;
+}
+
+/// A file that no descriptor names is judged as if the disk's own did.
+DiskFileSystem::Member& DiskFileSystem::ownerOf(yx::CURI const& uri) {
+    auto const extent = m_extents.find(uri);
+    return m_members[extent == m_extents.end() ? 0 : extent->second];
+}
+
+yx::P<yx::IIOStream> DiskFileSystem::openBelow(yx::CURI const& uri, Access access) {
+    unsigned int reserved = 0;
+    return m_fileSystem->openFile(uri, access, &reserved);
+}
+
+yx::P<yx::IIOStream> DiskFileSystem::openFile(yx::CURI const& uri, Access access, unsigned int*) {
+    yx::CURI const name = uri.toNormalized();
+    if (Member* const member = findMain(name))
+        return openMainFile(*member, uri, access);
+    if (Member* const member = findByLockFile(name))
+        return openLockFile(*member, uri, access);
+    return openExtentFile(uri, access);
+}
+
+bool DiskFileSystem::fileExists(yx::CURI const& uri) {
+    return !m_hidden.contains(uri.toNormalized()) && m_fileSystem->fileExists(uri);
+}
+
+void DiskFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
+    yx::CURI const name = uri.toNormalized();
+    if (!findByLockFile(name)) {
+        Member const* const main = findMain(name);
+        Member const& owner = main ? *main : ownerOf(name);
+        verifyMayChange(owner, uri);
+        owner.reach.verifyExtent(name);
+    }
+    m_fileSystem->deleteFile(uri, ignoreMissing);
+}
+
+void DiskFileSystem::verifyMayChange(Member const& member, yx::CURI const& uri) const {
+    if (&member == &m_members.front())
+        return;
+    throw yx::CIOError(yx::CIOError::NotAllowed, "A file of a parent disk is only read.",
+                       propsOf(uri), nullptr);
+}
+
+bool DiskFileSystem::lock(Member const& member, yx::CURI const& uri) {
+    return m_locks->take(uri, member.access == yx::IIOStream::ReadWrite ? FileLock::Type::Exclusive
+                                                                        : FileLock::Type::Shared);
+}
+
+yx::P<yx::IIOStream> DiskFileSystem::openMainFile(Member& member, yx::CURI const& uri,
+                                                  Access access) {
+    if (access != yx::IIOStream::ReadOnly)
+        verifyMayChange(member, uri);
+    if (&member != &m_members.front())
+        DiskReach::verifyParent(member.mainFile);
+    yx::P<yx::IIOStream> stream = openBelow(uri, access);
+    lock(member, uri);
+    // `learn` adds a member, and with it moves this one.
+    std::size_t const index = static_cast<std::size_t>(&member - m_members.data());
+    // An empty file is one that the library is making.
+    if (!member.isKnown && stream->getLength() > 0)
+        learn(member, stream.get());
+    yx::P<Overlay> const overlay = m_members[index].overlay;
+    if (!overlay)
+        return stream;
+    bool const demandsAlignment = dynamic_cast<yx::IAlignedStreamBase*>(stream.get()) != nullptr;
+    return yx::makeObject<OverlaidStream>(demandsAlignment ? buffered(stream.get()) : stream,
+                                          overlay);
+}
+
+yx::P<yx::IIOStream> DiskFileSystem::openExtentFile(yx::CURI const& uri, Access access) {
+    yx::CURI const name = uri.toNormalized();
+    Member const& owner = ownerOf(name);
+    if (access != yx::IIOStream::ReadOnly)
+        verifyMayChange(owner, uri);
+    owner.reach.verifyExtent(name);
+    yx::P<yx::IIOStream> stream = openBelow(uri, access);
+    lock(owner, uri);
+    verifyGrainSize(owner, name, *stream);
+    return stream;
+}
+
+void DiskFileSystem::verifyGrainSize(Member const& member, yx::CURI const& uri,
+                                     yx::IIOStream& stream) {
+    // A file without a header yet is being made.
+    if (m_trust.allowOversize || stream.getLength() < kSectorSizeBytes ||
+        !m_judged.insert(uri).second)
+        return;
+    if (std::optional<CVMDKSparseExtentHeader> const header = tryReadHeader(*buffered(&stream)))
+        member.reach.verifyGrainSize(uri, header->getGrainSizeSectors());
+    stream.seek(0);
+}
+
+/// Looks at the descriptor of the file.
+DiskFileSystem::Plan DiskFileSystem::readPlan(Member const& member, yx::IIOStream* stream) {
+    yx::P<yx::IIOStream> const in = buffered(stream);
+    yx::P<CVMDKDescriptorAccessor> const accessor =
+        yx::makeObject<CVMDKDescriptorAccessor>(in.get(), yx::IIOStream::ReadOnly);
+    yx::P<CVMDKDescriptor> descriptor = accessor->getDescriptor();
+    Plan plan;
+    if (accessor->getEmbeddedInSparseExtentFile()) {
+        CVMDKSparseExtentHeader const header = *tryReadHeader(*in);
+        member.reach.verifyGrainSize(member.mainFile, header.getGrainSizeSectors());
+        yx::P<Overlay> const area = readArea(*in, header);
+        if (auto corrected = correctOwnName(area->bytes, member.mainFile)) {
+            area->bytes = std::move(*corrected);
+            plan.overlay = area;
+            yx::TBuffer<unsigned char> text(static_cast<int>(area->bytes.size()), -1);
+            std::copy(area->bytes.begin(), area->bytes.end(), text.getData());
+            descriptor = yx::makeObject<CVMDKDescriptor>(text);
+        }
+    }
+    stream->seek(0);
+    plan.extents = member.reach.verifyExtents(*descriptor, *m_fileSystem);
+    plan.isOfDisk = !plan.extents.empty() && descriptor->hasValue("createType");
+    yx::String hint;
+    if (descriptor->getParentContentID() != kNoParentContentID &&
+        descriptor->tryGetParentFileNameHint(hint))
+        plan.parent = vmdkFileReferenceToURI(member.mainFile.getParent(), hint);
+    return plan;
+}
+
+/// Notes what the descriptor says. The members move.
+void DiskFileSystem::learn(Member& member, yx::IIOStream* stream) {
+    Plan const plan = readPlan(member, stream);
+    std::size_t const index = static_cast<std::size_t>(&member - m_members.data());
+    for (yx::CURI const& extent : plan.extents)
+        m_extents.try_emplace(extent, index);
+    member.overlay = plan.overlay;
+    member.isKnown = true;
+    if (plan.parent && !findMain(*plan.parent))
+        m_members.push_back(
+            {*plan.parent, yx::IIOStream::ReadOnly, DiskReach(*plan.parent, m_trust)});
+}
+
+/// Before anything is made beside a parent.
+void DiskFileSystem::verifyIsDisk(Member& member) {
+    if (&member == &m_members.front() || member.isKnown)
+        return;
+    DiskReach::verifyParent(member.mainFile);
+    if (!readPlan(member, openBelow(member.mainFile, yx::IIOStream::ReadOnly).get()).isOfDisk) {
+        throw yx::CIOError(yx::CIOError::CorruptData, "The parent is no disk.",
+                           propsOf(member.mainFile), nullptr);
+    }
+}
+
+yx::P<yx::IIOStream> DiskFileSystem::openLockFile(Member& member, yx::CURI const& uri,
+                                                  Access access) {
+    try {
+        verifyIsDisk(member);
+    } catch (yx::CError const& error) {
+        error.nop();
+        // The library then opens the main file, and gets the same error.
+        m_hidden.insert(uri.toNormalized());
+        throw;
+    }
+    try {
+        return openBelow(uri, access);
+    } catch (yx::CIOError const& error) {
+        error.nop();
+        if (error.getIOCode() == yx::CIOError::AccessDenied && access == yx::IIOStream::ReadWrite)
+            goOnWithoutWriting(member, uri);
+        throw;
+    }
+}
+
+void DiskFileSystem::goOnWithoutWriting(Member const& member, yx::CURI const& lockFile) {
+    if (member.access != yx::IIOStream::ReadOnly || !m_fileSystem->fileExists(lockFile))
+        return;
+    if (tryJoinLockFile(lockFile) || lock(member, member.mainFile))
+        m_hidden.insert(lockFile.toNormalized());
+}
+
+/// Shares the lock and the presence of the lock file's users. False if the file cannot be read, or
+/// has no locks.
+bool DiskFileSystem::tryJoinLockFile(yx::CURI const& lockFile) {
+    yx::P<yx::IIOStream> stream;
+    try {
+        stream = openBelow(lockFile, yx::IIOStream::ReadOnly);
+    } catch (yx::CIOError const&) {
+        return false;
+    }
+    try {
+        for (__int64 const positionBytes : {kLockPositionBytes, kPresencePositionBytes})
+            m_joined.push_back(stream->lockRange(positionBytes, 1, yx::IStreamBase::Shared));
+    } catch (yx::CIOError const& error) {
+        if (error.getIOCode() != yx::CIOError::AccessDenied)
+            return false;
+        throw yx::CLockFileError("The disk is in use: its lock file is held by another program or "
+                                 "another open disk.",
+                                 propsOf(lockFile), &error);
+    }
+    return true;
+}
+
+void DiskFileSystem::storeOwnName() {
+    Member const& disk = m_members.front();
+    if (!disk.overlay)
+        return;
+    yx::P<yx::IIOStream> const stream =
+        buffered(openBelow(disk.mainFile, yx::IIOStream::ReadWrite).get());
+    std::vector<unsigned char> const& wanted = disk.overlay->bytes;
+    std::vector<unsigned char> present(wanted.size());
+    stream->seek(disk.overlay->positionBytes);
+    stream->read(present.data(), static_cast<int>(present.size()));
+    auto const [firstWanted, firstPresent] =
+        std::mismatch(wanted.begin(), wanted.end(), present.begin());
+    if (firstWanted == wanted.end())
+        return;
+    auto const first = (firstWanted - wanted.begin()) / kSectorSizeBytes * kSectorSizeBytes;
+    auto const end = std::min<std::ptrdiff_t>(first + kSectorSizeBytes,
+                                              static_cast<std::ptrdiff_t>(wanted.size()));
+    if (!std::equal(wanted.begin() + end, wanted.end(), present.begin() + end))
+        return;
+    stream->seek(disk.overlay->positionBytes + first);
+    stream->write(wanted.data() + first, static_cast<int>(end - first), nullptr);
+    stream->flush();
+    stream->close();
+}
+
+} // namespace kelm::host

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "host/disk/disk_reach.h"
+#include "host/disk/file_locks.h"
+#include "host/disk/overlaid_stream.h"
+#include "yx/file_system.h"
+
+namespace kelm::host {
+
+/// The files of one disk and of its parents, as the library is to see them. Made anew for each disk
+/// object that is opened, over the file system that the files are on. What a descriptor says is
+/// looked at here before the library acts on it.
+///
+/// - A disk in one file is the file that was named: see `correctOwnName`. Streams on such a file
+///   show the descriptor as it should be, and the file of the name that it has is left alone. The
+///   first write of the descriptor brings it to the file, or `storeOwnName` does.
+/// - Each file is locked from when it is first opened until this ends, the disk's own shared or
+///   alone, as it was opened, the parents' shared; see `FileLocks`. Lock files are not.
+/// - Only files that the descriptors may reach are opened, made or deleted (`DiskReach`), and those
+///   of the parents are only read. Anything else is `CIOError` `NotAllowed`.
+/// - A reader who may not write a lock file takes its lock through a stream for reading, and goes
+///   on without the lock file where that cannot be had either but the disk's main file is locked: an
+///   old lock file of another user, or on a medium that cannot be written, keeps no reader out. One
+///   that somebody holds alone does: `CLockFileError` "The disk is in use: its lock file is held by
+///   another program or another open disk." with "uri".
+///
+/// A descriptor is read when its file is first opened, which the library does under the lock. That
+/// of a parent is looked at once before, since nothing is to be made beside a file that is no disk.
+class DiskFileSystem : public yx::CBase, public virtual yx::IFileSystem {
+public:
+    /// `access` is what the disk at `mainFile` is opened for. `locks` may be null; given, it also
+    /// holds the locks that were taken before, on files that the caller made.
+    DiskFileSystem(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
+                   yx::IIOStream::Access access, DiskTrust const& trust = {},
+                   FileLocks* locks = nullptr);
+    DiskFileSystem(DiskFileSystem const&) = delete;
+    DiskFileSystem& operator=(DiskFileSystem const&) = delete;
+
+    /// Ends the locks, those that were given too.
+    ~DiskFileSystem() override { m_locks->release(); }
+
+    yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
+                                  unsigned int* reserved) override;
+    bool fileExists(yx::CURI const& uri) override;
+    void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
+
+    /// How far descriptors are believed.
+    DiskTrust const& getTrust() const { return m_trust; }
+
+    /// Brings the right name of a disk in one file to the device, if the descriptor has a wrong one
+    /// and a single sector is changed by that. Otherwise the next one who stores the descriptor does
+    /// it. For a disk that is open for writing, before anything else stores its descriptor.
+    void storeOwnName();
+
+private:
+    /// The disk, or one of its parents.
+    struct Member {
+        yx::CURI mainFile;
+        yx::IIOStream::Access access;
+        DiskReach reach;
+
+        /// The descriptor has been read.
+        bool isKnown = false;
+
+        /// What the main file shows in the stead of its descriptor; null if it shows that.
+        yx::P<Overlay> overlay = {};
+    };
+
+    /// What a descriptor says, as far as it matters here.
+    struct Plan {
+        std::vector<yx::CURI> extents;
+        std::optional<yx::CURI> parent;
+        yx::P<Overlay> overlay;
+
+        /// Any text parses as a descriptor; this one is such as a disk has.
+        bool isOfDisk = false;
+    };
+
+    Member* findMain(yx::CURI const& uri);
+    Member* findByLockFile(yx::CURI const& uri);
+    Member& ownerOf(yx::CURI const& uri);
+    yx::P<yx::IIOStream> openBelow(yx::CURI const& uri, yx::IIOStream::Access access);
+    yx::P<yx::IIOStream> openMainFile(Member& member, yx::CURI const& uri,
+                                      yx::IIOStream::Access access);
+    yx::P<yx::IIOStream> openExtentFile(yx::CURI const& uri, yx::IIOStream::Access access);
+    yx::P<yx::IIOStream> openLockFile(Member& member, yx::CURI const& uri,
+                                      yx::IIOStream::Access access);
+    void verifyIsDisk(Member& member);
+    void goOnWithoutWriting(Member const& member, yx::CURI const& lockFile);
+    bool tryJoinLockFile(yx::CURI const& lockFile);
+    void verifyMayChange(Member const& member, yx::CURI const& uri) const;
+    void verifyGrainSize(Member const& member, yx::CURI const& uri, yx::IIOStream& stream);
+    bool lock(Member const& member, yx::CURI const& uri);
+    Plan readPlan(Member const& member, yx::IIOStream* stream);
+    void learn(Member& member, yx::IIOStream* stream);
+
+    yx::P<yx::IFileSystem> m_fileSystem;
+    DiskTrust m_trust;
+    yx::P<FileLocks> m_locks;
+
+    /// The disk, then its parents in order, as far as they are known.
+    std::vector<Member> m_members;
+
+    /// The index of the member that has an extent, by the extent's URI.
+    std::map<yx::CURI, std::size_t> m_extents;
+
+    /// Extents whose header has been looked at.
+    std::set<yx::CURI> m_judged;
+
+    /// Lock files that the library is not to see.
+    std::set<yx::CURI> m_hidden;
+
+    /// The locks on lock files that were opened for reading.
+    std::vector<yx::P<yx::IStreamLock>> m_joined;
+};
+
+} // namespace kelm::host

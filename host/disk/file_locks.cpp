@@ -1,0 +1,83 @@
+#include "host/disk/file_locks.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+
+#include "host/system/file_descriptor.h"
+#include "yx/error.h"
+
+namespace kelm::host {
+
+namespace {
+
+[[noreturn]] void throwFileInUse(yx::CURI const& uri) {
+    throw yx::CLockFileError(
+        "The disk is in use: its file is held by another program or another open disk.",
+        yx::CProps().add("uri", uri.toString(true)), nullptr);
+}
+
+FileDescriptor makeNewFile(yx::CURI const& uri, std::string const& path) {
+    constexpr mode_t kMode = 0666;
+    FileDescriptor file =
+        FileDescriptor::own(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+    if (!file.isOpen() && errno == EEXIST) {
+        throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
+                           yx::CProps().add("uri", uri.toString(true)), nullptr);
+    }
+    if (!file.isOpen())
+        throwSystemError("Cannot make the file", path);
+    return file;
+}
+
+} // namespace
+
+bool FileLocks::take(yx::CURI const& uri, FileLock::Type type) {
+    if (uri.getScheme() != "file")
+        return false;
+    std::string const path = yx::toNativePath(uri).toStdString();
+    if (std::optional<FileNumber> const file = numberOfFile(path)) {
+        if (auto const held = m_locks.find(*file); held != m_locks.end())
+            return held->second.isHeld();
+    }
+    std::optional<FileLock> lock = FileLock::tryTake(path, type);
+    if (!lock)
+        throwFileInUse(uri);
+    return keep(std::move(*lock));
+}
+
+bool FileLocks::keep(FileLock lock) {
+    if (!lock.isHeld())
+        return false;
+    FileNumber const file = lock.getFile();
+    m_locks.insert_or_assign(file, std::move(lock));
+    return true;
+}
+
+void FileLocks::makeFile(yx::CURI const& uri) {
+    std::string const path = yx::toNativePath(uri).toStdString();
+    FileDescriptor file = makeNewFile(uri, path);
+    std::optional<FileNumber> const made = numberOfFile(file.get());
+    std::optional<FileLock> lock = FileLock::tryTake(std::move(file), FileLock::Type::Exclusive);
+    // Whoever was quicker to lock it may have taken it away before this lock stood.
+    if (!lock || numberOfFile(path) != made)
+        throwFileInUse(uri);
+    keep(std::move(*lock));
+}
+
+void FileLocks::verifyIsFree(yx::CURI const& uri) const {
+    if (uri.getScheme() != "file")
+        return;
+    std::string const path = yx::toNativePath(uri).toStdString();
+    std::optional<FileNumber> const file = numberOfFile(path);
+    if (!file || m_locks.contains(*file))
+        return;
+    try {
+        if (!FileLock::tryTake(path, FileLock::Type::Exclusive))
+            throwFileInUse(uri);
+    } catch (yx::CIOError const&) {
+        // Not to be opened; who deletes it needs rights on the folder alone.
+    }
+}
+
+} // namespace kelm::host

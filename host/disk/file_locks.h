@@ -1,0 +1,51 @@
+#pragma once
+
+#include <map>
+
+#include "host/system/file_lock.h"
+#include "host/system/file_number.h"
+#include "yx/base.h"
+#include "yx/uri.h"
+
+namespace kelm::host {
+
+/// The locks on the files of a disk, held for as long as this lives: one for each file, whatever
+/// names it is reached by. So an opening never conflicts with another one of the same disk object.
+class FileLocks : public yx::CBase {
+public:
+    FileLocks() = default;
+    FileLocks(FileLocks const&) = delete;
+    FileLocks& operator=(FileLocks const&) = delete;
+    ~FileLocks() override = default;
+
+    /// Locks a file, which exists. A lock on it that is here already stays as it is, of whatever
+    /// type. Files of other URIs than "file:" are not locked. Returns whether a lock is held, which
+    /// it is not on a file system without locks.
+    ///
+    /// Another holder in the way is `CLockFileError` "The disk is in use: its file is held by
+    /// another program or another open disk." with "uri"; other errors are those of
+    /// `FileLock::take`.
+    bool take(yx::CURI const& uri, FileLock::Type type);
+
+    /// Makes a new, empty file and locks it alone. There is no moment in which another program could
+    /// take the file for one that nobody uses, and of two who make a file of one name, one fails.
+    ///
+    /// A file that is there is `yx::CIOError` `AlreadyExists` "The file exists already." with "uri";
+    /// one that another program took away meanwhile is `CLockFileError` as in `take`; other errors
+    /// are those of `throwSystemError`. For `file:` URIs.
+    void makeFile(yx::CURI const& uri);
+
+    /// Ends all locks.
+    void release() { m_locks.clear(); }
+
+    /// Refuses, as `take` does, a file that somebody else has locked. A file that is not there, or
+    /// that cannot be locked, is nobody's.
+    void verifyIsFree(yx::CURI const& uri) const;
+
+private:
+    bool keep(FileLock lock);
+
+    std::map<FileNumber, FileLock> m_locks;
+};
+
+} // namespace kelm::host
