@@ -1,0 +1,48 @@
+#include "host/check/extent_reader.h"
+
+#include <cassert>
+
+#include "host/check/check_errors.h"
+#include "kelm/format/constants.h"
+
+namespace kelm::host {
+
+bool ExtentReader::tryReadHeader(CVMDKSparseExtentHeader& header) {
+    auto const failure = findingOf([&] {
+        m_sizeBytes = m_stream.getLength();
+        m_sizeSectors = m_sizeBytes / kSectorSizeBytes;
+        m_stream.seek(0);
+        yx::CDataInStream in(&m_stream);
+        header.load(in);
+    });
+    if (failure)
+        m_findings.addOnce(*failure);
+    return !failure;
+}
+
+bool ExtentReader::contains(__int64 sector, __int64 bytes) const {
+    assert(bytes >= 0);
+    return sector > 0 && sector <= m_sizeSectors &&
+           bytes <= m_sizeBytes - sector * kSectorSizeBytes;
+}
+
+std::optional<ExtentReader::Bytes> ExtentReader::tryRead(__int64 sector, __int64 bytes,
+                                                         std::string const& name) {
+    assert((sector == 0 || contains(sector, bytes)) && "the caller has checked the place");
+    Bytes data;
+    auto const failure = findingOf([&] { data = read(sector * kSectorSizeBytes, bytes); });
+    if (!failure)
+        return data;
+    m_findings.addOnce(name + " cannot be read: " + *failure);
+    return std::nullopt;
+}
+
+ExtentReader::Bytes ExtentReader::read(__int64 positionBytes, __int64 bytes) {
+    assert(positionBytes >= 0 && bytes > 0);
+    Bytes data(static_cast<std::size_t>(bytes));
+    m_stream.seek(positionBytes);
+    m_stream.read(data.data(), static_cast<int>(bytes));
+    return data;
+}
+
+} // namespace kelm::host

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "host/disk/extent_place.h"
+#include "kelm/format/sparse_extent_header.h"
+
+namespace kelm::host {
+
+/// What a header whose sizes are possible says about its extent.
+struct ExtentShape {
+    CVMDKSparseExtentHeader header;
+    __int64 grainSizeSectors = 0;
+    __int64 grainCount = 0;
+    __int64 tableCount = 0;
+    bool compressed = false;
+
+    /// What the disk says about the same extent.
+    ExtentPlace place;
+};
+
+} // namespace kelm::host

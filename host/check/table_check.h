@@ -1,0 +1,42 @@
+#pragma once
+
+#include <string>
+
+#include "host/check/slot_check.h"
+#include "host/check/table_directories.h"
+
+namespace kelm::host {
+
+/// Checks the grain tables of an extent, their redundant copies, and the slots that they name.
+class TableCheck {
+public:
+    /// `shape`, `reader` and `findings` must outlive the object.
+    TableCheck(ExtentReader& reader, ExtentShape const& shape, ExtentFindings const& findings)
+        : m_reader(reader),
+          m_shape(shape),
+          m_findings(findings),
+          m_directories(reader, shape, findings),
+          m_slots(reader, shape, findings) {}
+
+    /// Must come first. False, with a finding, if there are no tables to be checked.
+    bool findDirectories() { return m_directories.find(); }
+
+    /// Checks a table and the slots of its grains. Takes the sectors of both in `taken`.
+    void run(__int64 table, SectorMap& taken);
+
+    /// Where the data of the grains ends, as far as their tables have been checked.
+    __int64 getDataEndSectors() const { return m_slots.getDataEndSectors(); }
+
+private:
+    void checkRedundantTable(std::string const& name, ExtentReader::Bytes const& entries,
+                             TablePlaces const& places);
+    ExtentReader::Bytes readSlotSizes(__int64 table, TablePlaces const& places);
+
+    ExtentReader& m_reader;
+    ExtentShape const& m_shape;
+    ExtentFindings const& m_findings;
+    TableDirectories m_directories;
+    SlotCheck m_slots;
+};
+
+} // namespace kelm::host
