@@ -88,7 +88,7 @@ TEST_F(Force, ADiskInUseIsNotReplaced) {
     std::set<std::string> before = listFiles();
     RunningTool reader(folder(), {"export", "disk.vmdk", "-"});
     reader.readOutput(1);
-    std::string const error = runBadly(3, {"create", "disk.vmdk", "--size", "8M", "--force"});
+    std::string const error = runBadly(6, {"create", "disk.vmdk", "--size", "8M", "--force"});
     EXPECT_NE(error.find("in use"), std::string::npos) << error;
     EXPECT_EQ(reader.finish().status, 0);
     EXPECT_EQ(listFiles(), before);

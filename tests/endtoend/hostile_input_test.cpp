@@ -14,7 +14,7 @@ using HostileNames = ToolTest;
 constexpr char kHostileName[] = "a\x1b[2J\xc2\x9b.vmdk";
 
 TEST_F(HostileNames, AreEscapedByEveryCommandThatPrintsThem) {
-    EXPECT_EQ(runBadly(3, {"info", "a\nkelm: all is well"}),
+    EXPECT_EQ(runBadly(8, {"info", "a\nkelm: all is well"}),
               "kelm: The disk does not exist. (uri: " + path("a\\nkelm: all is well") + ")\n");
     std::string const printed = path("a\\x1b[2J\\u{9b}.vmdk");
     EXPECT_EQ(runBadly(2, {"create", "disk.vmdk", "--a\nb\x1b"}).find('\x1b'), std::string::npos);
@@ -49,7 +49,7 @@ TEST_F(HostileNames, OfADescriptorReachNoTerminal) {
     writeFile("disk.vmdk", text);
     std::string const words =
         "VMDK disk has an unsupported create type: 'kind\\x1b[31m\\u{9b}\\x7f\\t!'.";
-    EXPECT_EQ(runBadly(3, {"info", "disk.vmdk"}),
+    EXPECT_EQ(runBadly(7, {"info", "disk.vmdk"}),
               "kelm: " + words + " (uri: " + path("disk.vmdk") + ")\n");
     EXPECT_EQ(run({"check", "disk.vmdk"}).out,
               path("disk.vmdk") + ": the disk cannot be opened: " + words + "\n1 finding\n");
@@ -86,7 +86,7 @@ TEST_F(HostileRounds, EndAtTheFirstSignal) {
         waitForFile(tool, "disk.vmdk.lock");
         tool.signal(signal);
         Outcome const outcome = tool.finish();
-        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.status, 10);
         EXPECT_EQ(outcome.err, "kelm: Cancelled.\n");
         EXPECT_EQ(listFiles().count("disk.vmdk.lock"), 0u);
     }
@@ -104,7 +104,7 @@ TEST_F(FileSizeLimit, IsAnErrorAndLeavesNothing) {
             ::setrlimit(RLIMIT_FSIZE, &limit);
         });
         Outcome const outcome = tool.finish();
-        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.status, 9);
         EXPECT_NE(outcome.err.find("File too large"), std::string::npos) << outcome.err;
         EXPECT_EQ(listFiles(), before);
     }

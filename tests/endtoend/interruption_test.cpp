@@ -23,7 +23,7 @@ protected:
     void expectCleanEnd(Outcome const& outcome, std::set<std::string> const& filesBefore) {
         if (outcome.status == 0)
             return;
-        EXPECT_EQ(outcome.status, 3) << outcome.err;
+        EXPECT_EQ(outcome.status, 10) << outcome.err;
         EXPECT_EQ(outcome.err, "kelm: Cancelled.\n");
         EXPECT_EQ(listFiles(), filesBefore);
     }
@@ -44,12 +44,12 @@ TEST_F(Interruption, ImportFromAPipeLeavesNothing) {
         for (int const signal : {SIGINT, SIGTERM}) {
             RunningTool tool(folder(),
                              joined({{"import", "-", "disk.vmdk", "--size", "16M"}, options}));
-            // More than a pipe holds, so that the program runs, and short of the end, so that it still
-            // waits when the signal comes.
+            // More than a pipe holds, so that the program runs, and short of the end, so that it
+            // still waits when the signal comes.
             tool.feed(image.substr(0, kPipeBytes + m_random() % (kImageBytes - kPipeBytes)));
             tool.signal(signal);
             Outcome const outcome = tool.finish();
-            EXPECT_EQ(outcome.status, 3) << outcome.err;
+            EXPECT_EQ(outcome.status, 10) << outcome.err;
             EXPECT_EQ(outcome.err, "kelm: Cancelled.\n");
             EXPECT_EQ(listFiles(), std::set<std::string>());
         }
@@ -127,7 +127,7 @@ TEST_F(Interruption, LongWorkOnAHugeDiskEndsAtOnce) {
         waitForFile(tool, "disk.vmdk.lock");
         tool.signal(SIGINT);
         Outcome const outcome = tool.finish();
-        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.status, 10);
         EXPECT_EQ(outcome.err, "kelm: Cancelled.\n");
         EXPECT_EQ(listFiles(), before);
     }
@@ -173,7 +173,7 @@ TEST_F(Interruption, WaitingForAPasswordEnds) {
     tool.signal(SIGINT);
     Outcome const outcome = tool.finish();
     if (outcome.status != -1) {
-        EXPECT_EQ(outcome.status, 3) << outcome.err;
+        EXPECT_EQ(outcome.status, 10) << outcome.err;
         EXPECT_EQ(outcome.err, "kelm: Cancelled.\n");
     }
     EXPECT_EQ(listFiles(), std::set<std::string>());
@@ -193,7 +193,7 @@ TEST_F(Interruption, AnOutputThatTakesNoMoreIsAnError) {
                                       command + " 2> /dev/null " + output;
             return WEXITSTATUS(std::system(shell.c_str()));
         };
-        EXPECT_EQ(runWith("> /dev/full"), 3);
+        EXPECT_EQ(runWith("> /dev/full"), 9);
         EXPECT_EQ(runWith("> /dev/null"), 0);
         EXPECT_EQ(listFiles(), before);
     }

@@ -10,7 +10,7 @@ namespace endtoend {
 
 namespace {
 
-/// What tells a user about the program: the help, the manual page, the completion of the shell.
+/// What a user can read about the program: the help, the manual page, the completion of the shell.
 class Manual : public ToolTest {
 protected:
     /// Runs a line of the shell in the folder, where the program and its neighbours are to be had.
@@ -126,6 +126,17 @@ TEST_F(Manual, PageHasEveryCommandAndOption) {
     }
     for (std::string const& option : optionsIn(runWell({"--help"})))
         EXPECT_EQ(described.count(option), 1u) << option;
+}
+
+TEST_F(Manual, PageHasEveryExitStatus) {
+    Outcome const page = runShell("sed '1,/^.SH \"EXIT STATUS\"/d; /^.SH EXAMPLES/,$d' "
+                                  "'" KELM_SOURCE_DIR "/tools/kelm/kelm.1'");
+    ASSERT_EQ(page.status, 0) << page.err;
+    constexpr int kLastStatus = 10;
+    for (int status = 0; status <= kLastStatus; ++status) {
+        std::string const entry = ".TP\n.B " + std::to_string(status) + "\n";
+        EXPECT_NE(page.out.find(entry), std::string::npos) << status;
+    }
 }
 
 TEST_F(Manual, ShellCompletesCommandsOptionsAndFiles) {

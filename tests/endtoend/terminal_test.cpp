@@ -69,7 +69,7 @@ TEST_F(Terminal, InterruptingThePromptIsAnInterruption) {
     makeEncryptedDisk();
     // The terminal turns this character into the signal.
     TerminalPlay const stopped = play({"info", "disk.vmdk"}, {{"Password of disk.vmdk: ", "\x03"}});
-    EXPECT_EQ(stopped.status, 3) << stopped.shown;
+    EXPECT_EQ(stopped.status, 10) << stopped.shown;
     EXPECT_NE(stopped.shown.find("kelm: Cancelled."), std::string::npos) << stopped.shown;
     EXPECT_EQ(listFiles(), (std::set<std::string>{"disk.vmdk", "password"}));
 }

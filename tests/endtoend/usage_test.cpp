@@ -44,7 +44,7 @@ TEST_F(Usage, BadArgumentsAreToldInOneLineAndMakeNothing) {
 
 TEST_F(Usage, AMissingDiskIsAnErrorOfTheFile) {
     for (std::string const command : {"info", "check", "map", "flatten"}) {
-        EXPECT_EQ(runBadly(3, {command, "no.vmdk"}),
+        EXPECT_EQ(runBadly(8, {command, "no.vmdk"}),
                   "kelm: The disk does not exist. (uri: " + path("no.vmdk") + ")\n");
     }
     EXPECT_EQ(listFiles(), std::set<std::string>());

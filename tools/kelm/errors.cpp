@@ -1,12 +1,49 @@
 #include "tools/kelm/errors.h"
 
+#include <cassert>
 #include <cstdio>
+#include <optional>
 
+#include "host/system/cancel.h"
 #include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
+#include "yx/lock_file.h"
 #include "yx/log.h"
 
 namespace kelm::tool {
+
+namespace {
+
+std::optional<ExitStatus> statusOfCode(yx::CIOError::Code code) {
+    switch (code) {
+    case yx::CIOError::CorruptData:
+    case yx::CIOError::UnexpectedEnd:
+        return ExitStatus::Damaged;
+    case yx::CIOError::NotFound:
+        return ExitStatus::NotFound;
+    case yx::CIOError::NoSpace:
+        return ExitStatus::NoSpace;
+    default:
+        return std::nullopt;
+    }
+}
+
+/// The status that an error has by itself, without its cause; none if it is any other error.
+std::optional<ExitStatus> ownStatusOf(yx::CError const& error) {
+    if (dynamic_cast<host::CancelledError const*>(&error))
+        return ExitStatus::Interrupted;
+    if (dynamic_cast<PasswordError const*>(&error) || isPasswordMissing(error) ||
+        host::isPasswordWrong(error))
+        return ExitStatus::WrongPassword;
+    // A lock file that cannot be made is nobody's; its cause says what is wrong.
+    if (dynamic_cast<yx::CLockFileError const*>(&error) &&
+        !error.getMessage().wx().StartsWith(yx::kLockNotTakenMessagePrefix))
+        return ExitStatus::InUse;
+    auto const* const ioError = dynamic_cast<yx::CIOError const*>(&error);
+    return ioError ? statusOfCode(ioError->getIOCode()) : std::nullopt;
+}
+
+} // namespace
 
 std::string describeError(std::exception const& error) {
     std::string const text = host::describeError(error);
@@ -17,11 +54,13 @@ std::string describeError(std::exception const& error) {
 ExitStatus exitStatusOf(std::exception const& error) {
     if (dynamic_cast<UsageError const*>(&error))
         return ExitStatus::WrongUsage;
-    if (dynamic_cast<PasswordError const*>(&error))
-        return ExitStatus::WrongPassword;
-    auto const* const known = dynamic_cast<yx::CError const*>(&error);
-    if (known && (isPasswordMissing(*known) || host::isPasswordWrong(*known)))
-        return ExitStatus::WrongPassword;
+    for (auto const* known = dynamic_cast<yx::CError const*>(&error); known;
+         known = known->getCause()) {
+        if (std::optional<ExitStatus> const status = ownStatusOf(*known)) {
+            assert(*status != ExitStatus::Done && "an error is never a success");
+            return *status;
+        }
+    }
     return ExitStatus::Failed;
 }
 
