@@ -7,13 +7,12 @@
 
 namespace kelm::host {
 
-/// Whether an error that a check meets tells of the disk's state. Others tell of the caller's
-/// situation, and end the check: a disk in use, a wrong or missing password,
-/// `TooManyRoundsError`, `CancelledError`.
+/// Whether an error that a check meets is about the state of the disk. All others end the check: a
+/// disk in use, a wrong or missing password, `TooManyRoundsError`, `CancelledError`.
 bool isFinding(yx::CError const& error);
 
-/// Runs a step of a check. Returns the message of an error that is a finding, and nothing if the
-/// step is done; every other error passes.
+/// Runs a step of a check. Returns nothing if it succeeds, and the message of its error if that is
+/// a finding. Every other error passes.
 template <class Step>
 std::optional<std::string> findingOf(Step const& step) {
     try {

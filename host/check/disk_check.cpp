@@ -1,6 +1,7 @@
 #include "host/check/disk_check.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -15,6 +16,7 @@ namespace kelm::host {
 
 namespace {
 
+/// Goes through a disk and its parents, from the child to the last parent.
 class DiskCheck {
 public:
     DiskCheck(yx::IFileSystem* fileSystem, yx::String const& password, WorkOptions const& options,
@@ -41,11 +43,13 @@ public:
 
 private:
     void find(yx::CURI const& file, std::string const& text) {
+        assert(!file.isEmpty() && !text.empty());
         ++m_findingCount;
         m_report(file, printable(text));
     }
 
-    /// Returns the URI of the parent, empty if there is none or it cannot be known.
+    /// Returns the URI of the parent. It is empty if there is none, or if the disk cannot be
+    /// opened.
     yx::CURI checkOneDisk(yx::CURI const& uri) {
         std::unique_ptr<SafeDisk> disk;
         auto const failure = findingOf([&] {
@@ -56,6 +60,7 @@ private:
             find(uri, "the disk cannot be opened: " + *failure);
             return {};
         }
+        assert(disk);
         checkContentID(*disk);
         checkExtents(*disk);
         checkGrains(*disk, m_options, [&](std::string const& text) { find(uri, text); });
@@ -81,6 +86,7 @@ private:
     void checkExtents(SafeDisk& disk) {
         __int64 const grainSizeBytes = disk.getGrainSizeBytes();
         for (DiskExtent const& extent : disk.listExtents()) {
+            assert(extent.startBytes <= extent.endBytes);
             if (m_fileSystem->fileExists(extent.uri)) {
                 checkExtentFile(extent.uri,
                                 {(extent.endBytes - extent.startBytes) / kSectorSizeBytes,
@@ -113,7 +119,7 @@ private:
     FindingCallback const& m_report;
     __int64 m_findingCount = 0;
 
-    /// What a disk that was checked says of the parent's content.
+    /// The content ID that the last disk expects of its parent.
     std::optional<unsigned int> m_expectedContentID;
 };
 

@@ -7,19 +7,21 @@
 
 namespace kelm::host {
 
-/// Receives what is wrong: the file and a sentence about it.
+/// Receives a finding: the file, and a sentence about what is wrong with it.
 using FindingCallback = std::function<void(yx::CURI const& file, std::string const& text)>;
 
-/// Reads all of a disk and of its parents, changes nothing, and reports everything that breaks a
-/// rule of the format: the descriptor, the headers, the tables against their redundant copies, the
-/// places of the grains, the records and the trail of compressed extents, the key hash, every grain
-/// that does not decode, and parents that are missing or have changed. Returns how many findings
-/// there were.
+/// Reads all of a disk and of its parents and reports everything that breaks a rule of the format:
+/// in the descriptor, the headers, the tables compared with their redundant copies, the places of
+/// the grains, the records and the trail of compressed extents, the key hash, and in every grain,
+/// which is decoded. Parents that are missing or have changed are findings too. Changes nothing.
+/// Returns the number of findings.
 ///
-/// Not findings but errors, which pass through: a main file that does not exist, a disk in use, a
-/// wrong or missing password, `TooManyRoundsError`, `CancelledError`. What `report` throws passes too. Grains are decoded
-/// by `WorkOptions::threads` threads; `report` is called on the caller's, and the findings of
-/// an extent come in the order of its grains. Takes less than 128 MiB of memory, whatever the disk.
+/// Some failures are errors, not findings: a main file that does not exist, a disk in use, a wrong
+/// or missing password, `TooManyRoundsError`, `CancelledError`, and whatever `report` throws.
+///
+/// Grains are decoded by `WorkOptions::threads` threads. `report` is called on the caller's thread,
+/// and the findings of an extent come in the order of its grains. Takes less than 128 MiB of
+/// memory, however large the disk is.
 __int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
                   WorkOptions const& options, FindingCallback const& report);
 

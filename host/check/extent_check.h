@@ -9,14 +9,14 @@
 
 namespace kelm::host {
 
-/// Checks the structure of a sparse extent file without decoding its grains: the header, the tables
-/// against their redundant copies, that the slots of the grains lie behind the metadata, inside the
-/// file and apart from each other, and in a compressed extent that the records name their grain and
-/// fit their slots and that the trail closes the file. `report` gets a sentence for each finding; a
-/// stretch that cannot be read is one. What `report` throws passes.
+/// Checks the structure of a sparse extent file without decoding its grains. The tables must equal
+/// their redundant copies; the slots of the grains must lie behind the metadata, inside the file
+/// and apart from each other. In a compressed extent, the records must name their grain and fit
+/// their slots, and the trail must close the file. `report` gets a sentence for each finding; a
+/// part of the file that cannot be read is one. What `report` throws passes.
 ///
-/// Takes at most some 32 MiB of memory. The tables of a file of more than 128 GiB are read once for
-/// each 128 GiB. `cancel` may be null.
+/// Takes about 32 MiB of memory at most. The tables of a file of more than 128 GiB are read once
+/// for each 128 GiB. `cancel` may be null.
 void checkExtent(yx::IIOStream& stream, ExtentPlace const& place, CancelFlag const* cancel,
                  std::function<void(std::string const&)> const& report);
 

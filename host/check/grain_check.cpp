@@ -1,6 +1,7 @@
 #include "host/check/grain_check.h"
 
 #include <algorithm>
+#include <cassert>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -24,6 +25,7 @@ struct CheckedGrain {
 
 using GrainDecoders = WorkerPipeline<CheckedGrain>;
 
+/// Keeps the workers supplied with the grains of one disk, and reports what they find in order.
 class GrainCheck {
 public:
     GrainCheck(SafeDisk& disk, WorkOptions const& options,
@@ -44,12 +46,12 @@ public:
             }
         }
         drainAll();
-        tellUnreachable();
+        reportUnreachable();
         m_throttle.report(m_disk.getSizeBytes(), m_disk.getSizeBytes());
     }
 
 private:
-    /// Grains that cannot be looked up, all for one reason.
+    /// Neighbouring grains that cannot be looked up, all for the same reason.
     struct Unreachable {
         __int64 firstIndex;
         __int64 endIndex;
@@ -59,7 +61,7 @@ private:
     void startWorkers(int threads) {
         for (int i = 0; i < threads; ++i)
             m_preparers.push_back(m_disk.getDisk().createDataPreparer());
-        // A record can be a little larger than its plain grain.
+        // A record can be slightly larger than its plain grain.
         __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
         __int64 const itemBytes = 2 * (grainSizeBytes + grainSizeBytes / 16 + kSectorSizeBytes);
         m_decoders = std::make_unique<GrainDecoders>(
@@ -70,7 +72,7 @@ private:
             });
     }
 
-    /// Checks the grains of one table. If one cannot be looked up, none behind it can.
+    /// Checks the grains of one table. If one of them cannot be looked up, none after it can.
     void checkTable(__int64 startBytes, __int64 endBytes, __int64 firstIndex) {
         __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
         __int64 index = firstIndex;
@@ -81,8 +83,8 @@ private:
             bool isHere = false;
             auto const lookUp = [&] { isHere = isGrainHere(position); };
             auto failure = findingOf(lookUp);
-            // Tables are read in runs. A bad one spoils those behind it, but those before it are
-            // there when they are asked for again.
+            // Tables are read in runs. A bad one spoils those after it in its run, but those before
+            // it have been read and are found the second time.
             if (failure)
                 failure = findingOf(lookUp);
             if (failure) {
@@ -96,7 +98,7 @@ private:
         }
     }
 
-    /// By position, since an extent may begin within a grain of the disk.
+    /// By position, not by index, since an extent may begin within a grain of the disk.
     bool isGrainHere(__int64 positionBytes) {
         m_disk.getDisk().seek(positionBytes);
         return m_disk.getDisk().isGrainWrittenAndIndependentOfParent();
@@ -114,8 +116,9 @@ private:
         });
         if (failure) {
             drainAll();
-            tellGrain(index, *failure);
+            reportGrain(index, *failure);
         } else if (isToBeDecoded) {
+            assert(m_decoders->getFree() && "the record has been read into it");
             m_decoders->getFree()->index = index;
             m_decoders->submit();
         }
@@ -127,11 +130,12 @@ private:
     }
 
     void drainOne() {
+        assert(m_decoders && m_decoders->isBusy());
         auto const failure = findingOf([this] { m_decoders->takeOldest(); });
         __int64 const index = m_decoders->getTaken().index;
         m_decoders->recycle();
         if (failure)
-            tellGrain(index, *failure);
+            reportGrain(index, *failure);
     }
 
     void drainAll() {
@@ -140,17 +144,18 @@ private:
     }
 
     void noteUnreachable(__int64 firstIndex, __int64 endIndex, std::string const& reason) {
+        assert(firstIndex < endIndex);
         if (m_unreachable && m_unreachable->endIndex == firstIndex &&
             m_unreachable->reason == reason) {
             m_unreachable->endIndex = endIndex;
             return;
         }
         drainAll();
-        tellUnreachable();
+        reportUnreachable();
         m_unreachable = Unreachable{firstIndex, endIndex, reason};
     }
 
-    void tellUnreachable() {
+    void reportUnreachable() {
         if (!m_unreachable)
             return;
         Unreachable const run = *m_unreachable;
@@ -162,8 +167,8 @@ private:
                  " cannot be looked up: " + run.reason);
     }
 
-    void tellGrain(__int64 index, std::string const& failure) {
-        tellUnreachable();
+    void reportGrain(__int64 index, std::string const& failure) {
+        reportUnreachable();
         m_report("grain " + std::to_string(index) + ": " + failure);
     }
 
@@ -174,7 +179,7 @@ private:
     std::optional<Unreachable> m_unreachable;
     Buffer m_grain;
 
-    /// One a worker; they outlive the pipeline.
+    /// One for each worker. They outlive the pipeline.
     std::vector<yx::P<CVMDKDataPreparer>> m_preparers;
 
     /// Null for a disk that stores plain grains.

@@ -9,10 +9,10 @@
 namespace kelm::host {
 
 /// Reads and decodes every grain that a disk itself holds, on several threads. `report` gets a
-/// sentence for each grain that fails and for each run of grains that cannot be looked up for one
-/// reason, in the order of the grains, on the caller's thread.
+/// sentence for each grain that fails, and one for each run of grains that cannot be looked up for
+/// the same reason, in the order of the grains, on the caller's thread.
 ///
-/// Errors that tell nothing of the disk (see `isFinding`) are thrown.
+/// Errors that are no findings (see `isFinding`) are thrown.
 void checkGrains(SafeDisk& disk, WorkOptions const& options,
                  std::function<void(std::string const&)> const& report);
 

@@ -1,10 +1,12 @@
 #include "host/system/cancel.h"
 
+#include <cassert>
+
 namespace kelm::host {
 
 namespace {
 
-/// What the handler reaches; a handler gets no argument of its own.
+/// For the handler, which cannot be given an argument.
 std::atomic<CancelFlag*> activeFlag{nullptr};
 
 extern "C" void setActiveFlag(int) {
@@ -21,16 +23,17 @@ std::shared_ptr<yx::CError const> CancelledError::clone() const {
 }
 
 SignalCancellation::SignalCancellation(CancelFlag& flag) {
-    activeFlag.store(&flag);
+    [[maybe_unused]] CancelFlag const* const former = activeFlag.exchange(&flag);
+    assert(!former && "a process has one such object at a time");
     struct sigaction action = {};
     action.sa_handler = setActiveFlag;
-    // The default comes back at the first signal, so that a second one always ends the process. No
-    // restart: a read that waits for a pipe or a prompt must notice.
+    // The first signal restores the default action, so that a second one always ends the process.
+    // No SA_RESTART: a read that waits for a pipe or a prompt must return.
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     for (std::size_t i = 0; i < std::size(kSignals); ++i) {
         sigaction(kSignals[i], nullptr, &m_before[i]);
-        // Whoever started the process ignoring a signal, as for one that outlives its terminal,
-        // means it.
+        // A process that was started with a signal ignored is to go on ignoring it: one that must
+        // outlive its terminal, for example.
         if (m_before[i].sa_handler != SIG_IGN)
             sigaction(kSignals[i], &action, nullptr);
     }
@@ -39,6 +42,7 @@ SignalCancellation::SignalCancellation(CancelFlag& flag) {
 SignalCancellation::~SignalCancellation() {
     for (std::size_t i = 0; i < std::size(kSignals); ++i)
         sigaction(kSignals[i], &m_before[i], nullptr);
+    assert(activeFlag.load() && "no other object has taken the signals over");
     activeFlag.store(nullptr);
 }
 

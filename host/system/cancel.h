@@ -9,20 +9,20 @@
 
 namespace kelm::host {
 
-/// Thrown by long work that was told to stop: "Cancelled." with code -1.
+/// Thrown by long work that the user or the caller stopped: "Cancelled." with code -1.
 class CancelledError : public yx::CError {
 public:
     CancelledError();
     std::shared_ptr<yx::CError const> clone() const override;
 };
 
-/// Tells long work to stop. May be set from another thread and from a signal handler.
+/// Asks long work to stop. May be set from another thread and from a signal handler.
 class CancelFlag {
 public:
-    /// Tells the work to stop; nothing takes that back.
+    /// Asks the work to stop. There is no way to take that back.
     void set() noexcept { m_set.store(true, std::memory_order_relaxed); }
 
-    /// Whether the work was told to stop.
+    /// Whether the work is to stop.
     bool isSet() const noexcept { return m_set.load(std::memory_order_relaxed); }
 
     /// Throws `CancelledError` if the flag is set.
@@ -36,9 +36,9 @@ private:
     static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 };
 
-/// Sets a flag on SIGINT, SIGTERM and SIGHUP for as long as it lives, but for those that the process
-/// ignores. A second signal of the kind ends the process as if nobody had listened. One at a time in
-/// a process.
+/// Turns SIGINT, SIGTERM and SIGHUP into a set flag for as long as it lives. Signals that the
+/// process ignores stay ignored. A second signal of the same kind ends the process, as if there
+/// were no handler. A process can have only one such object at a time.
 class SignalCancellation {
 public:
     /// `flag` must outlive the object.

@@ -1,5 +1,6 @@
 #include "host/system/file_descriptor.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 
@@ -14,16 +15,19 @@ namespace kelm::host {
 
 namespace {
 
+/// How long a set flag may go unnoticed.
 constexpr int kLookIntervalMilliseconds = 200;
 
 } // namespace
 
 FileDescriptor::~FileDescriptor() {
+    assert(m_value >= -1);
     if (m_owned && m_value >= 0)
         ::close(m_value);
 }
 
 void waitUntilReady(int fileDescriptor, short events, CancelFlag const* cancel) {
+    assert(fileDescriptor >= 0 && "poll would wait for ever");
     pollfd entry{fileDescriptor, events, 0};
     do {
         if (cancel)
@@ -34,7 +38,7 @@ void waitUntilReady(int fileDescriptor, short events, CancelFlag const* cancel) 
 FileDescriptor openForReading(std::string const& path) {
     struct stat status = {};
     bool const isPipe = ::stat(path.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
-    // To wait within `open` would lose a signal that comes just before.
+    // A signal that arrives just before a waiting `open` would be lost.
     int const flags = O_RDONLY | O_CLOEXEC | (isPipe ? O_NONBLOCK : 0);
     return FileDescriptor::own(::open(path.c_str(), flags));
 }
@@ -43,7 +47,7 @@ FileDescriptor openPipeForWriting(std::string const& path, CancelFlag const* can
     while (true) {
         FileDescriptor pipe =
             FileDescriptor::own(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
-        // What a pipe says that has no reader yet.
+        // ENXIO: the pipe has no reader yet.
         if (pipe.isOpen() || errno != ENXIO)
             return pipe;
         if (cancel)

@@ -15,17 +15,17 @@ public:
     std::shared_ptr<yx::CError const> clone() const override;
 };
 
-/// Watches all derivations of keys in the process for as long as it lives. The descriptor of a disk
-/// says how many rounds its key takes, up to 2^31, which is hours of work; so each derivation is
-/// refused beyond a limit, and can be interrupted. One at a time in a process.
+/// Limits all derivations of keys in the process, and makes them interruptible, for as long as it
+/// lives. The number of rounds comes from the disk's descriptor and may be up to 2^31, which is
+/// hours of work. A process can have only one such object at a time.
 class KeyDerivationWatch {
 public:
-    /// Some half a minute of work. New disks take 10000 rounds.
+    /// About half a minute of work. New disks take 10000 rounds.
     static constexpr int kDefaultMaxRounds = 10'000'000;
 
-    /// A derivation throws `CancelledError` soon after `cancel` is set, and `TooManyRoundsError`
-    /// before it begins if it asks for more than `maxRounds`. `cancel` must outlive the object, and
-    /// may be null.
+    /// A derivation of more than `maxRounds` throws `TooManyRoundsError` before it begins. One that
+    /// is under way throws `CancelledError` soon after `cancel` is set. `cancel` may be null;
+    /// otherwise it must outlive the object.
     explicit KeyDerivationWatch(CancelFlag const* cancel, int maxRounds = kDefaultMaxRounds);
     KeyDerivationWatch(KeyDerivationWatch const&) = delete;
     KeyDerivationWatch& operator=(KeyDerivationWatch const&) = delete;

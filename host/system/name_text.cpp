@@ -19,8 +19,8 @@ struct Character {
     unsigned int codePoint = 0;
 };
 
-/// What a first byte announces. The second byte's range leaves out overlong forms, surrogates, and
-/// what lies above U+10FFFF.
+/// The sequences that a range of first bytes begins. The range of the second byte excludes overlong
+/// forms, surrogates, and code points above U+10FFFF.
 struct Sequence {
     unsigned char first;
     unsigned char last;
@@ -64,7 +64,7 @@ Character characterAt(std::string const& text, std::size_t at) {
     return {sequence->sizeBytes, codePoint};
 }
 
-/// Control characters, line and paragraph separators, and the marks that turn the direction.
+/// Control characters, line and paragraph separators, and marks that change the direction.
 bool isUnsafe(unsigned int codePoint) {
     return codePoint < 0x20 || (codePoint >= 0x7F && codePoint <= 0x9F) || codePoint == 0x61C ||
            codePoint == 0x200E || codePoint == 0x200F ||
@@ -118,8 +118,8 @@ std::string printableJSON(std::string const& document) {
     for (std::size_t at = 0; at < document.size();) {
         Character const character = characterAt(document, at);
         assert(character.sizeBytes > 0);
-        // Inside of strings there are no line ends and no other control characters of ASCII but
-        // one: those are escaped already.
+        // The document's own escapes cover the ASCII control characters within strings, all but
+        // DEL. A line end therefore stands between values.
         if (character.codePoint != '\n' && isUnsafe(character.codePoint))
             result += formatCode("\\u%04x", character.codePoint);
         else

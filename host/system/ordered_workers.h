@@ -50,17 +50,18 @@ public:
     /// The slot that the next `submit` hands over. It is free if `hasFree`.
     std::size_t getNextSlot() const { return slotOf(m_submitted); }
 
-    /// Hands the slot `getNextSlot` to the workers. With no slot free it is `yx::CError` "No slot is
-    /// free.".
+    /// Hands the slot `getNextSlot` to the workers. With no slot free it is `yx::CError` "No slot
+    /// is free.".
     void submit();
 
     /// Whether a slot is on its way or taken.
     bool isBusy() const { return m_submitted != m_recycled; }
 
-    /// Waits for the slot that was submitted first, takes it, and returns it. What its work threw is
-    /// thrown here, and the slot is taken all the same. Called again before `recycle`, it returns or
-    /// throws the same. If it has to wait, it waits for several slots at once, so that threads
-    /// change less often. With nothing submitted it is `yx::CError` "No work is on its way.".
+    /// Waits for the slot that was submitted first, takes it, and returns it. What its work threw
+    /// is thrown here, and the slot is taken all the same. Called again before `recycle`, it
+    /// returns or throws the same. If it has to wait, it waits for several slots at once, so that
+    /// threads change less often. With nothing submitted it is `yx::CError` "No work is on its
+    /// way.".
     std::size_t takeOldest();
 
     /// The slot that is taken. With none taken it is `yx::CError` "No slot is taken.".

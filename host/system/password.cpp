@@ -1,5 +1,6 @@
 #include "host/system/password.h"
 
+#include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -23,7 +24,7 @@ constexpr int kMaxPasswordBytes = 4096;
 constexpr int kLineEndBytes = 2;
 constexpr char kTerminalPath[] = "/dev/tty";
 
-/// Switches a terminal's echo off for as long as it lives.
+/// Turns a terminal's echo off for as long as it lives.
 class EchoOff {
 public:
     explicit EchoOff(int terminal) : m_terminal(terminal) {
@@ -48,7 +49,7 @@ private:
                        nullptr);
 }
 
-/// Reads to the end of the data, or to the end of a line with `oneLine`.
+/// Reads to the end of the data or, with `oneLine`, to the end of the line.
 Password readFrom(int fileDescriptor, std::string const& path, bool oneLine,
                   CancelFlag const& cancel) {
     yx::TCryptBuffer<unsigned char> bytes(kMaxPasswordBytes + kLineEndBytes + 1, 0);
@@ -56,6 +57,7 @@ Password readFrom(int fileDescriptor, std::string const& path, bool oneLine,
     while (!atEnd) {
         if (bytes.getUsed() > kMaxPasswordBytes + kLineEndBytes)
             throwTooLong();
+        assert(bytes.getUsed() < bytes.getAllocated());
         unsigned char* const next = bytes.getData() + bytes.getUsed();
         waitUntilReady(fileDescriptor, POLLIN, &cancel);
         ssize_t const count = ::read(fileDescriptor, next, 1);
@@ -75,6 +77,7 @@ Password readFrom(int fileDescriptor, std::string const& path, bool oneLine,
     }
     if (size > kMaxPasswordBytes)
         throwTooLong();
+    assert(size >= 0 && size <= bytes.getUsed());
     yx::String text = yx::String::fromUTF8(
         {reinterpret_cast<char const*>(bytes.getData()), static_cast<std::size_t>(size)});
     Password password(text);

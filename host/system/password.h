@@ -7,13 +7,13 @@
 
 namespace kelm::host {
 
-/// A password in memory, overwritten when it is given up.
+/// A password in memory that is overwritten when the object ends or is assigned to.
 class Password {
 public:
     /// The empty password.
     Password() = default;
 
-    /// A copy of `text`, whose owner wipes the original.
+    /// A copy of `text`. The caller wipes the original.
     explicit Password(yx::String const& text) : m_text(text) {}
 
     Password(Password const&) = default;
@@ -22,7 +22,7 @@ public:
     Password& operator=(Password const& other);
     ~Password() { m_text.wipe(); }
 
-    /// The text, as long as the object is unchanged.
+    /// The text. The reference is valid as long as the object is unchanged.
     yx::String const& get() const { return m_text; }
 
     /// Whether there is no password.
@@ -32,15 +32,17 @@ private:
     yx::String m_text;
 };
 
-/// Passwords are UTF-8 and at most 4096 bytes. A line end at the end does not count. What cannot be
-/// read or is too long is `yx::CIOError`, an unset variable `NotFound`. While a password keeps one
-/// waiting, `cancel` is looked at several times a second and ends it with `CancelledError`.
+/// Read a password from a file, an open file descriptor or an environment variable. It is UTF-8, at
+/// most 4096 bytes; a line end at its end does not count. One that cannot be read, or is too long,
+/// is `yx::CIOError`; an unset variable is `NotFound`. Once `cancel` is set, the wait for input
+/// ends with `CancelledError` within a fraction of a second.
 Password readPasswordFile(std::string const& path, CancelFlag const& cancel);
 Password readPasswordFileDescriptor(int fileDescriptor, CancelFlag const& cancel);
 Password readPasswordVariable(std::string const& name);
 
-/// Asks on the controlling terminal, without echo; with `twice`, asks again and refuses a second
-/// answer that differs. Without a terminal: `yx::CIOError` `NotSupported`.
+/// Asks for a password on the controlling terminal, without echo. With `twice`, asks a second time;
+/// two different answers are `yx::CError` "The two passwords differ.". Without a terminal:
+/// `yx::CIOError` `NotSupported`.
 Password promptForPassword(std::string const& prompt, bool twice, CancelFlag const& cancel);
 
 } // namespace kelm::host

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -36,7 +37,7 @@ std::string formatDuration(double seconds) {
     return text.data();
 }
 
-/// Writes to a terminal; what it does not take is no loss.
+/// Writes to a terminal. A failure is ignored: the bar is only for show.
 void writeLine(int fileDescriptor, std::string const& text) {
     [[maybe_unused]] ssize_t const written = ::write(fileDescriptor, text.data(), text.size());
 }
@@ -46,11 +47,13 @@ void writeLine(int fileDescriptor, std::string const& text) {
 ProgressThrottle::ProgressThrottle(ProgressCallback callback) : m_callback(std::move(callback)) {}
 
 void ProgressThrottle::report(__int64 doneBytes, __int64 totalBytes) {
+    assert(doneBytes >= 0 && totalBytes >= -1);
     if (!m_callback)
         return;
     __int64 const now = nowNanoseconds();
     if (doneBytes != totalBytes && now < m_nextReportNanoseconds)
         return;
+    assert(now >= m_nextReportNanoseconds - kReportIntervalNanoseconds);
     m_nextReportNanoseconds = now + kReportIntervalNanoseconds;
     m_callback(doneBytes, totalBytes);
 }
@@ -63,6 +66,7 @@ std::string formatProgress(char const* label, __int64 doneBytes, __int64 totalBy
         double const part =
             std::min(1.0, static_cast<double>(doneBytes) / static_cast<double>(totalBytes));
         auto const filled = static_cast<std::size_t>(part * kBarWidth);
+        assert(filled <= kBarWidth);
         std::array<char, 16> percent{};
         std::snprintf(percent.data(), percent.size(), " %3d%% ", static_cast<int>(part * 100));
         line += percent.data();
@@ -88,6 +92,7 @@ ProgressBar::~ProgressBar() {
 
 void ProgressBar::hide() {
     constexpr char kClearLine[] = "\r\x1b[K";
+    assert(!m_shown || m_isTerminal);
     if (m_shown)
         writeLine(m_fileDescriptor, kClearLine);
     m_shown = false;

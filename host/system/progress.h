@@ -7,17 +7,18 @@
 
 namespace kelm::host {
 
-/// How far long work has come, in bytes of the disk or image. Called on the thread that does the
-/// work, at most some ten times a second, and once at the end.
+/// Receives how far long work has come, in bytes of the disk or image. Called on the thread that
+/// started the work, about ten times a second at most, and once at the end.
 using ProgressCallback = std::function<void(__int64 doneBytes, __int64 totalBytes)>;
 
-/// Calls a callback no more often than a person can read, so that work may tell it everything.
+/// Passes progress on to a callback, no more often than a person can read. Work can report to it
+/// after every step.
 class ProgressThrottle {
 public:
     /// `callback` may be empty: then nothing is reported.
     explicit ProgressThrottle(ProgressCallback callback);
 
-    /// `totalBytes` of -1 means that nobody knows.
+    /// `totalBytes` is -1 if it is not known.
     void report(__int64 doneBytes, __int64 totalBytes);
 
 private:
@@ -25,8 +26,8 @@ private:
     __int64 m_nextReportNanoseconds = 0;
 };
 
-/// A line on a terminal that shows a bar, the rate and the time left, and goes away at the end.
-/// Shows nothing if `fileDescriptor` is no terminal.
+/// A line on a terminal with a bar, the rate and the time left, which is removed at the end. Shows
+/// nothing if `fileDescriptor` is not a terminal.
 class ProgressBar {
 public:
     /// `label` says what is being done, such as "import".
@@ -35,13 +36,13 @@ public:
     ProgressBar& operator=(ProgressBar const&) = delete;
     ~ProgressBar();
 
-    /// Draws the line. `totalBytes` of -1 means that nobody knows.
+    /// Draws the line. `totalBytes` is -1 if it is not known.
     void show(__int64 doneBytes, __int64 totalBytes);
 
-    /// Takes the line off the terminal, so that other text can go there, until the next `show`.
+    /// Removes the line until the next `show`, to make room for other output.
     void hide();
 
-    /// A callback that shows; the bar must outlive it.
+    /// A callback that calls `show`. The bar must outlive it.
     ProgressCallback callback();
 
 private:

@@ -4,15 +4,15 @@
 
 namespace kelm::host {
 
-/// Blocks all signals of the calling thread as long as it lives. Threads that are started meanwhile
-/// inherit that, so signals keep going to the thread that waits for files and pipes.
+/// Blocks all signals in the calling thread as long as it lives. Threads that are started meanwhile
+/// inherit the block, so that signals go to the thread that waits for files and pipes.
 class SignalBlock {
 public:
     SignalBlock();
     SignalBlock(SignalBlock const&) = delete;
     SignalBlock& operator=(SignalBlock const&) = delete;
 
-    /// Puts the former signal mask back.
+    /// Restores the former signal mask.
     ~SignalBlock();
 
 private:

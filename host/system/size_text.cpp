@@ -1,6 +1,7 @@
 #include "host/system/size_text.h"
 
 #include <array>
+#include <cassert>
 #include <cstdio>
 #include <limits>
 
@@ -18,7 +19,7 @@ constexpr int kBitsPerUnit = 10;
                      nullptr);
 }
 
-/// How many bits to the left a unit letter shifts; -1 for no unit.
+/// How many bits to the left a unit letter shifts; -1 if it is no unit.
 int unitShift(char letter) {
     char const upper =
         letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
@@ -50,6 +51,7 @@ __int64 parseSize(std::string const& text) {
             throwInvalid(text);
         value = value * 10 + addend;
     }
+    assert(value >= 0 && value <= limit);
     return value << shift;
 }
 

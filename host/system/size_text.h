@@ -6,9 +6,9 @@
 
 namespace kelm::host {
 
-/// Reads a size in bytes: decimal digits and at most one of the letters K, M, G, T (of either case,
-/// powers of 1024), as in "40G", "512M" or "65536". Anything else, and what exceeds 64 bits, is
-/// `yx::CError` "Invalid size: '" text "'".
+/// Parses a size in bytes: decimal digits, then at most one of the letters K, M, G, T in either
+/// case, which stand for powers of 1024; for example "40G", "512M" or "65536". Anything else, and a
+/// size of 2^63 or more, is `yx::CError` "Invalid size: '" text "'".
 __int64 parseSize(std::string const& text);
 
 /// A size for people, with one decimal from 1 KiB on: "512 bytes", "1.5 GiB".

@@ -5,19 +5,19 @@
 
 namespace kelm::host {
 
-/// How long work is to go about its task, whatever that is: transfers, checks, comparisons.
+/// What every long piece of work lets its caller choose: transfers, checks and comparisons alike.
 struct WorkOptions {
-    /// Workers that compress and decompress; 0 for as many as the machine has cores.
+    /// How many threads compress and decompress; 0 for one per core.
     int threads = 0;
 
-    /// Called with how far the work has come; may be empty.
+    /// Receives the progress. May be empty.
     ProgressCallback progress;
 
-    /// May be null. When it is set, the work ends with `CancelledError`.
+    /// Once this flag is set, the work throws `CancelledError`. May be null.
     CancelFlag const* cancel = nullptr;
 };
 
-/// How many workers these options ask for.
+/// How many threads these options ask for; at least 1.
 int countThreads(WorkOptions const& options);
 
 } // namespace kelm::host

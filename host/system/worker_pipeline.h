@@ -10,9 +10,9 @@
 
 namespace kelm::host {
 
-/// Works on items on several threads and gives them back in the order in which they came. All items
-/// are made at the start and used again and again, so memory is bounded. For work that takes longer
-/// than a change of threads, some microseconds; shorter work is faster on the thread that has it.
+/// Works on items on several threads and returns them in the order in which they were submitted.
+/// All items are made at the start and used again and again, so memory is bounded. Not for work
+/// that takes only a few microseconds: that is faster on the thread that has it.
 ///
 /// One thread, the owner, fills the items and takes them back. Only the workers touch an item
 /// between `submit` and `takeOldest`:
@@ -55,8 +55,8 @@ public:
     /// "No work is on its way.".
     Item& takeOldest() { return m_items[m_workers.takeOldest()]; }
 
-    /// The item of the last `takeOldest`, also of one that threw, until `recycle`. With none taken it
-    /// is `yx::CError` "No slot is taken.".
+    /// The item of the last `takeOldest`, also of one that threw, until `recycle`. With none taken
+    /// it is `yx::CError` "No slot is taken.".
     Item& getTaken() { return m_items[m_workers.getTakenSlot()]; }
 
     /// Makes the item of the last `takeOldest` free. With none taken it is `yx::CError` "No slot is

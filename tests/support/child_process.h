@@ -28,8 +28,8 @@ private:
 /// by time. The test must have no threads.
 class ChildProcess {
 public:
-    /// `body` returns the exit code of the child, which ends without running the test's destructors.
-    /// An exception out of it is printed and gives exit code 99.
+    /// `body` returns the exit code of the child, which ends without running the test's
+    /// destructors. An exception out of it is printed and gives exit code 99.
     explicit ChildProcess(std::function<int(Line const&)> const& body);
     ChildProcess(ChildProcess&&) noexcept;
     ChildProcess& operator=(ChildProcess const&) = delete;

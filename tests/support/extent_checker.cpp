@@ -12,7 +12,7 @@ constexpr std::uint64_t kTrailSectors = 3;
 constexpr std::uint64_t kRecordHeaderBytes = 12;
 constexpr std::uint64_t kCipherBlockBytes = 16;
 
-// The numbers of docs/file-format.md, told once more so that an error in the library's own shows.
+// The numbers of docs/file-format.md, stated again so that an error in the library's own shows.
 constexpr std::uint64_t kMagic = 0x564D444B;
 constexpr std::uint64_t kEncipheredMagic = 0x05644B45;
 constexpr std::uint64_t kRedundantDirectoryFlag = 0x2;

@@ -39,8 +39,8 @@ public:
 
     __int64 getNextPosSectors() const { return m_nextPosSectors; }
 
-    /// While set, an allocation is `CIOError` `NoSpace`, "Scripted allocation failure.", and changes
-    /// nothing.
+    /// While set, an allocation is `CIOError` `NoSpace`, "Scripted allocation failure.", and
+    /// changes nothing.
     void setFailing(bool failing) { m_failing = failing; }
 
     void flushChangesToStream() override {}

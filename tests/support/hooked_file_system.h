@@ -67,7 +67,7 @@ std::string toText(FileOperation const& operation);
 /// Wraps a file system and its streams, and hands each operation to a hook, which lets it happen by
 /// calling `proceed`, once at most, or throws. The hook may lower the length of a read or a write
 /// first: then `readLax` returns only that much, `read` fails as at the end of a file, and a write
-/// writes only that much and does not tell.
+/// writes only that much and reports nothing.
 ///
 /// Streams gather writes if the streams below do. `getPosition`, `getURI`, `waitReadable` and the
 /// tests for the end pass by the hook.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 namespace test_support {
 
@@ -24,7 +25,7 @@ std::size_t toSectors(std::size_t bytes) {
     return (bytes + kSectorBytes - 1) / kSectorBytes;
 }
 
-/// Collects what a state is made of, to tell equal states.
+/// Collects what a state is made of, to recognize equal states.
 class Fingerprint {
 public:
     void add(std::uint64_t value) {

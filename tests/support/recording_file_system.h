@@ -9,8 +9,8 @@
 
 namespace test_support {
 
-/// Wraps a file system and keeps one log, in order, of every operation on it and on all its streams,
-/// by the kinds and words of `FileOperation`.
+/// Wraps a file system and keeps one log, in order, of every operation on it and on all its
+/// streams, by the kinds and words of `FileOperation`.
 ///
 /// Typical use:
 ///

@@ -4,8 +4,8 @@
 
 namespace test_support {
 
-// What other software makes of the bytes that the library stores: zlib and OpenSSL, called directly.
-// Each of these throws `std::runtime_error` on what it cannot do.
+// What other software makes of the bytes that the library stores: zlib and OpenSSL, called
+// directly. Each of these throws `std::runtime_error` on what it cannot do.
 
 /// A zlib stream of `plain`.
 std::vector<unsigned char> compressWithZlib(std::vector<unsigned char> const& plain, int level);

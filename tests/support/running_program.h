@@ -60,7 +60,8 @@ private:
     std::filesystem::path m_errorFile;
 };
 
-/// A file descriptor of a process, which polls as readable once the process has ended; to be closed.
+/// A file descriptor of a process, which polls as readable once the process has ended; to be
+/// closed.
 int openProcess(pid_t id);
 
 } // namespace test_support

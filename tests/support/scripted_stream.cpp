@@ -1,7 +1,6 @@
 #include "tests/support/scripted_stream.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <ostream>

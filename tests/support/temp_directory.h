@@ -20,7 +20,8 @@ public:
     TempDirectory& operator=(TempDirectory const&) = delete;
     ~TempDirectory();
 
-    /// Removes what tests of this user that were killed have left in the folder for temporary files.
+    /// Removes what tests of this user that were killed have left in the folder for temporary
+    /// files.
     static void removeLeft();
 
     /// Absolute, without links in it.

@@ -4,9 +4,9 @@
 
 namespace test_support {
 
-/// As long as it lives, the process has the rights of an ordinary user, so that permissions of files
-/// count also where tests run as the system's administrator. Directories that tests work in must
-/// then be open to everybody.
+/// As long as it lives, the process has the rights of an ordinary user, so that permissions of
+/// files count also where tests run as the system's administrator. Directories that tests work in
+/// must then be open to everybody.
 class UnprivilegedScope {
 public:
     UnprivilegedScope();

@@ -26,12 +26,12 @@ __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
                            [&work](yx::CURI const& file, std::string const& text) {
                                work.hideBar();
                                print(host::printable(host::displayName(file)) + ": " + text + "\n");
-                               // Long before the next one, perhaps.
+                               // The next one may be a long time coming.
                                flushOutput();
                            });
 }
 
-/// Asks for the password only when the disk turns out to need one.
+/// Asks for the password only if the disk turns out to need one.
 __int64 checkAskingForPassword(Invocation& invocation, CheckArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     try {
@@ -58,7 +58,7 @@ ExitStatus check(Invocation& invocation, CheckArguments& arguments) {
 void addCheckCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<CheckArguments>();
     CLI::App& command = addCommand(
-        program, run, "check", "Read everything of a disk and its parents, and tell what is wrong",
+        program, run, "check", "Read everything of a disk and its parents, and list what is wrong",
         "kelm check backup.vmdk && echo sound",
         [arguments](Invocation& invocation) { return check(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");

@@ -21,8 +21,8 @@ struct InfoArguments {
     PasswordOptions passwords;
 };
 
-/// The chain as far as it can be opened. A parent that cannot be is told of, since that is what the
-/// user wants to know.
+/// The chain of parents. If one of them cannot be opened, the error takes the place of the chain:
+/// that is what the user needs to know.
 Json reportParents(Invocation& invocation, host::SafeDisk& disk, yx::String const& password) {
     Json parents = Json::array();
     if (!disk.hasParent())
@@ -62,12 +62,12 @@ ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
 void addInfoCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<InfoArguments>();
     CLI::App& command = addCommand(
-        program, run, "info", "Tell what a disk is", "kelm info backup.vmdk --space",
+        program, run, "info", "Show what a disk is", "kelm info backup.vmdk --space",
         [arguments](Invocation& invocation) { return showInfo(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
     addFlag(command, "--json", arguments->json, "Print JSON");
     addFlag(command, "--space", arguments->space,
-            "Tell also what the grains take; reads all tables of the disk");
+            "Show also how much space the grains take; reads all tables of the disk");
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

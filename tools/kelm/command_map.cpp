@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cassert>
 #include <memory>
 
 #include "host/system/name_text.h"
@@ -36,7 +37,7 @@ char const* nameOf(host::GrainPlace place) {
     return "absent";
 }
 
-/// Writes the runs as they come, for there may be more than fit the memory.
+/// Prints the runs one by one, since all of them may not fit into memory.
 class RunPrinter {
 public:
     RunPrinter(host::SafeDisk& disk, bool json) : m_json(json) {
@@ -51,9 +52,10 @@ public:
     }
 
     void add(host::GrainRun const& run) {
+        assert(!m_isFinished && run.lengthBytes > 0);
         std::string const start = std::to_string(run.startBytes);
         std::string const length = std::to_string(run.lengthBytes);
-        // Put together by hand, since there may be millions.
+        // Without the JSON library, since there may be millions of runs.
         if (m_json)
             print(std::string(m_first ? "" : ",") + "\n    {\"startBytes\":" + start +
                   ",\"lengthBytes\":" + length + ",\"place\":\"" + nameOf(run.place) + "\"}");
@@ -63,6 +65,8 @@ public:
     }
 
     void finish() {
+        assert(!m_isFinished);
+        m_isFinished = true;
         if (m_json)
             print(m_first ? "]\n}\n" : "\n  ]\n}\n");
     }
@@ -75,6 +79,7 @@ private:
 
     bool m_json;
     bool m_first = true;
+    bool m_isFinished = false;
 };
 
 void writePicture(Invocation& invocation, MapPicture const& picture,
@@ -99,7 +104,7 @@ void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& argu
 }
 
 void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
-    // The lines show how far it is; a progress bar would break them up.
+    // The lines themselves show progress, and a bar would break them up.
     host::WorkOptions options;
     options.cancel = &invocation.getCancel();
     RunPrinter printer(disk, arguments.json);

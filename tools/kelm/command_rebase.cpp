@@ -28,7 +28,7 @@ ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
         throw UsageError("A disk cannot be its own parent: " + arguments.child);
     std::unique_ptr<host::SafeDisk> const parent =
         openDisk(invocation, arguments.parent, yx::IIOStream::ReadOnly, arguments.passwords);
-    // Opening the whole chain finds a parent that stands on the child, which is locked.
+    // If one of the parents were a descendant of the child, opening the chain would meet its lock.
     openParents(invocation, *parent, usedPassword(invocation, arguments.passwords));
     host::repointToParent(*child, *parent,
                           arguments.unsafe ? host::ParentCheck::None : host::ParentCheck::Content);
@@ -40,13 +40,13 @@ ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
 void addRebaseCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<RebaseArguments>();
     CLI::App& command =
-        addCommand(program, run, "rebase", "Tell a child disk where its parent is now",
+        addCommand(program, run, "rebase", "Record in a child disk where its parent is now",
                    "kelm rebase tuesday.vmdk --parent /backup/monday.vmdk",
                    [arguments](Invocation& invocation) { return rebase(invocation, *arguments); });
     addFileArgument(command, "CHILD", arguments->child, "The main file of the child disk");
     addFileOption(command, "--parent", arguments->parent, "The main file of the parent", true);
     addFlag(command, "--unsafe", arguments->unsafe,
-            "Take a parent whose content is not what the child was made of");
+            "Accept a parent with other content than the child was made of");
     arguments->passwords.addTo(command, "", "of both disks");
 }
 

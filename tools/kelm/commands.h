@@ -12,7 +12,7 @@ class App;
 
 namespace kelm::tool {
 
-/// What the command line asks for.
+/// The work that the command line asks for.
 using Run = std::function<ExitStatus(Invocation&)>;
 
 /// Adds a command, with an example under its help and with "--max-rounds", the limit for the keys
@@ -21,7 +21,7 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action);
 
 // Each adds its command to the program. Parsing a command line that names the command sets `run`,
-// which is then to be called; what it throws are `UsageError` and the errors of the library.
+// which the caller then calls. It throws `UsageError` and the errors of the library.
 
 void addCreateCommand(CLI::App& program, Run& run);
 void addInfoCommand(CLI::App& program, Run& run);

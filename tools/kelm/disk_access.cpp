@@ -73,7 +73,7 @@ void verifyIsNoneOf(std::vector<yx::CURI> const& files, yx::CURI const& file) {
 std::optional<yx::CURI> tryNameRegularFile(std::string const& argument) {
     std::error_code ignored;
     std::filesystem::file_status const status = std::filesystem::status(argument, ignored);
-    // One that does not exist may be an extent file that is still to be made.
+    // A file that does not exist may be an extent file that is yet to be made.
     bool const isSomethingElse =
         std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
     if (argument == "-" || isSomethingElse)
@@ -114,13 +114,14 @@ void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request
 }
 
 void NewDiskInProgress::finish() {
+    assert(m_disk && "a disk is finished once");
     m_invocation.getCancel().check();
     m_disk->flush();
     std::vector<yx::CURI> keptFiles = m_disk->listFiles();
     m_disk.reset();
     m_guard->keep();
     if (m_formerDisk) {
-        // A descriptor that was copied may make a file part of two disks.
+        // A copied descriptor can make a file part of two disks.
         std::vector<yx::CURI> const& sources = m_guard->getProtectedFiles();
         keptFiles.insert(keptFiles.end(), sources.begin(), sources.end());
         m_formerDisk->removeFilesBut(keptFiles);

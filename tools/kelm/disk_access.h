@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cassert>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,12 +13,12 @@
 
 namespace kelm::tool {
 
-/// Opens the disk that the user names. If it is encrypted and no option names a password, the user
-/// is asked, if there is a terminal.
+/// Opens the disk that the user names. If it is encrypted and no option gives a password, asks for
+/// it on the terminal.
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
                                          yx::IIOStream::Access access, PasswordOptions& passwords);
 
-/// The password that the options name or the user types, for a disk that turned out to need one.
+/// The password that the options give or the user types, for a disk that turned out to need one.
 host::Password const& askForPassword(Invocation const& invocation, std::string const& file,
                                      PasswordOptions& passwords);
 
@@ -26,7 +27,7 @@ std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
                                                          host::SafeDisk& disk,
                                                          yx::String const& password);
 
-/// The password that opened a disk; empty if none was needed so far.
+/// The password that opened a disk; empty if none has been needed so far.
 yx::String usedPassword(Invocation const& invocation, PasswordOptions& passwords);
 
 /// Whether a password is needed to read the disk's grains.
@@ -39,8 +40,8 @@ std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& dis
 /// Refuses, with `UsageError`, a file to be written that is one of `files`, which are to be read.
 void verifyIsNoneOf(std::vector<yx::CURI> const& files, yx::CURI const& file);
 
-/// The file that the user names for an image or a picture, if it could be a file of a disk; none for
-/// "-" and for what is no regular file, such as a pipe or a device.
+/// The file that the user names for an image or a picture, if it could belong to a disk. None for
+/// "-" and for anything but a regular file, such as a pipe or a device.
 std::optional<yx::CURI> tryNameRegularFile(std::string const& argument);
 
 /// Refuses, with `UsageError`, an output that the user names if it is a file of `disk` or of one of
@@ -48,7 +49,8 @@ std::optional<yx::CURI> tryNameRegularFile(std::string const& argument);
 void verifyIsNoFileOf(Invocation& invocation, host::SafeDisk& disk, yx::String const& password,
                       std::string const& output);
 
-/// A disk on its way to be: what has been made of it goes away again unless it is finished.
+/// A disk that is being made. Unless it is finished, its files are removed again. Not for a disk
+/// that exists and is only changed: see `openDisk`.
 class NewDiskInProgress {
 public:
     /// Makes the disk. A file that exists is `CIOError` `AlreadyExists` unless `force` is given;
@@ -57,10 +59,14 @@ public:
     NewDiskInProgress(Invocation& invocation, yx::CURI const& uri, host::NewDisk const& request,
                       bool force, std::vector<yx::CURI> const& protectedFiles = {});
 
-    host::SafeDisk& getDisk() { return *m_disk; }
+    /// The disk, until `finish`.
+    host::SafeDisk& getDisk() {
+        assert(m_disk && "the disk is not finished");
+        return *m_disk;
+    }
 
-    /// Flushes and closes the disk; its files stay. Extent files of a disk that it has replaced,
-    /// and that it has not replaced by its own, go.
+    /// Flushes and closes the disk; its files stay. Extent files of a disk that it replaces are
+    /// removed, unless files of the new disk have taken their names.
     void finish();
 
 private:

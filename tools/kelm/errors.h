@@ -10,13 +10,13 @@
 
 namespace kelm::tool {
 
-/// The user asked for something that makes no sense.
+/// The command line asks for something that makes no sense.
 class UsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// A password that cannot be had, for the reason that `cause` tells.
+/// No password could be obtained, for the reason that `cause` or the message gives.
 class PasswordError : public yx::CError {
 public:
     explicit PasswordError(yx::CError const& cause)
@@ -29,14 +29,15 @@ public:
 
 using host::isPasswordMissing;
 
-/// An error in one line, with what the user can do about it where that is an option of this program.
+/// Describes an error in one line. Where an option of this program helps, the line names it.
 std::string describeError(std::exception const& error);
 
-/// How the program ends with that error.
+/// The exit status for an error. It is that of the outermost error in the chain of causes that has
+/// a status of its own.
 ExitStatus exitStatusOf(std::exception const& error);
 
-/// Sends warnings of the library to standard error, in the words of this program, and leaves out
-/// the errors that it logs: they are thrown too, and told once.
+/// Sends warnings of the library to standard error, in this program's form. Errors that the library
+/// logs are left out: they are thrown too, and each is reported once.
 void routeLibraryMessages();
 
 } // namespace kelm::tool

@@ -7,14 +7,15 @@
 
 namespace kelm::tool {
 
-/// What every command works with: the files of this machine, and the wish of the user to stop.
+/// What every command works with: the files of this machine, and the flag that a signal sets.
 class Invocation {
 public:
     Invocation();
     Invocation(Invocation const&) = delete;
     Invocation& operator=(Invocation const&) = delete;
 
-    /// From here on the work is done, and a wish to stop comes too late to be told by the status.
+    /// Blocks the signals: the work is done, and an interruption would come too late to change the
+    /// exit status.
     ~Invocation();
 
     yx::IFileSystem* getFiles() { return m_files.get(); }
@@ -26,15 +27,16 @@ private:
     host::SignalCancellation m_signals;
 };
 
-/// Long work: a bar on standard error, if that is a terminal, and an end at the user's wish.
+/// The options of long work that shows a progress bar on standard error, if that is a terminal, and
+/// can be interrupted. Not for a command whose own output shows how far it is.
 class LongWork {
 public:
     LongWork(Invocation const& invocation, char const* label, int threads = 0);
 
-    /// The work must end before this object.
+    /// Valid as long as this object.
     host::WorkOptions const& getOptions() const { return m_options; }
 
-    /// Makes room on the terminal for a line of output.
+    /// Removes the bar until the next progress, to make room for a line of output.
     void hideBar() { m_bar.hide(); }
 
 private:

@@ -28,11 +28,11 @@ void addCommands(CLI::App& program, Run& run) {
     kelm::tool::addChildCommand(program, run);
     kelm::tool::addFlattenCommand(program, run);
     kelm::tool::addRebaseCommand(program, run);
-    program.footer("'kelm COMMAND --help' tells more about a command and has an example.\n"
+    program.footer("'kelm COMMAND --help' describes a command and has an example.\n"
                    "Sizes are bytes, or numbers with one of the letters K, M, G, T.");
 }
 
-/// The help and the version are no errors; all else is told in one line.
+/// The help and the version are no errors. All others are reported in one line.
 ExitStatus answerParseError(CLI::App const& program, CLI::ParseError const& error) {
     if (error.get_exit_code() == 0) {
         std::ostringstream text;

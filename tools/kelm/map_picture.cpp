@@ -1,6 +1,7 @@
 #include "tools/kelm/map_picture.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <utility>
 
@@ -19,7 +20,7 @@ constexpr int kGridTop = 76;
 constexpr int kWidth = 2 * kMargin + kColumns * kCellPitch;
 constexpr int kBarHeight = 18;
 
-// Colours that people with any kind of colour vision can tell apart; the hatching helps in print.
+// Colours that people with any kind of colour vision can distinguish; the hatching helps in print.
 constexpr char kHereFill[] = "#0072b2";
 constexpr char kParentFill[] = "url(#parent)";
 constexpr char kAbsentFill[] = "#e6e9ec";
@@ -64,7 +65,7 @@ __int64 calcCellBytes(__int64 sizeBytes, __int64 grainSizeBytes) {
     return std::max<__int64>(grainsPerCell, 1) * grainSizeBytes;
 }
 
-/// A little that is held must still be seen.
+/// Even a tiny share must be visible.
 double shownHeight(double share) {
     return share > 0 ? std::max(1.5, share * kCellSize) : 0;
 }
@@ -94,10 +95,12 @@ MapPicture::MapPicture(std::string title, __int64 sizeBytes, __int64 grainSizeBy
       m_cells(static_cast<std::size_t>((sizeBytes + m_cellBytes - 1) / m_cellBytes)) {}
 
 void MapPicture::addRun(host::GrainRun const& run) {
+    assert(run.startBytes >= 0 && run.endBytes() <= m_sizeBytes);
     if (run.place == host::GrainPlace::Absent)
         return;
     bool const here = run.place == host::GrainPlace::Here;
     (here ? m_hereBytes : m_parentBytes) += run.lengthBytes;
+    assert(m_hereBytes + m_parentBytes <= m_sizeBytes && "runs do not overlap");
     for (__int64 position = run.startBytes; position < run.endBytes();) {
         __int64 const index = position / m_cellBytes;
         __int64 const end = std::min(run.endBytes(), (index + 1) * m_cellBytes);

@@ -7,26 +7,26 @@
 
 namespace kelm::tool {
 
-/// A picture of a disk as an SVG document: a grid of cells, each for a run of grains of one length,
-/// filled from below by as much as the disk and its parents hold there; a bar for the space in the
-/// files; a legend. Disks of every size make a picture of about the same size, and take about the
-/// same memory.
+/// A picture of a disk as an SVG document: a grid of cells, a bar for the space in the files, and a
+/// legend. All cells stand for the same number of grains; each is filled from below, in proportion
+/// to what the disk and its parents hold there. The size of the picture, and the memory that it
+/// takes, hardly depend on the size of the disk.
 class MapPicture {
 public:
-    /// An empty disk.
+    /// Begins with a disk that holds nothing.
     MapPicture(std::string title, __int64 sizeBytes, __int64 grainSizeBytes);
 
-    /// Enters who holds a part of the disk.
+    /// Adds a run. Runs must not overlap.
     void addRun(host::GrainRun const& run);
 
-    /// Enters how the files of the disk use their space.
+    /// Sets how the files of the disk use their space.
     void setSpace(CVMDKSpaceInfo const& space) { m_space = space; }
 
     /// The document.
     std::string draw() const;
 
 private:
-    /// What share of a cell is held where.
+    /// The shares of a cell that the disk and its parents hold, from 0 to 1.
     struct Cell {
         double here = 0;
         double parent = 0;

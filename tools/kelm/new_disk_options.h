@@ -12,8 +12,7 @@ class App;
 
 namespace kelm::tool {
 
-/// The options that say what a new disk is to be. Objects must outlive the command that they were
-/// added to.
+/// The options that describe a new disk. An object must outlive the commands that it was added to.
 struct NewDiskOptions {
     bool compressed = false;
     int level = -1;
@@ -29,9 +28,9 @@ struct NewDiskOptions {
     void addCompressedTo(CLI::App& command);
     void addParentTo(CLI::App& command);
 
-    /// What to make. `sizeBytes` of -1 is the size of the parent; without a parent it is
-    /// `UsageError`. A new disk is encrypted if that is asked for, or if its parent is; the password
-    /// is then that of `passwords`, or typed by the user.
+    /// The request for the new disk. A `sizeBytes` of -1 means the size of the parent; without a
+    /// parent it is `UsageError`. The disk is encrypted if the user asks for that or if its parent
+    /// is encrypted. The password is then that of `passwords`, or the user types it.
     host::NewDisk makeRequest(Invocation& invocation, __int64 sizeBytes,
                               PasswordOptions& passwords) const;
 

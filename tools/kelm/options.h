@@ -4,8 +4,8 @@
 
 #include "yx/base.h"
 
-// Only the sources that deal with its templates include the command line library: it takes longer
-// to compile than all the rest.
+// Include the command line library only where its templates are used: it takes longer to compile
+// than all the rest.
 namespace CLI {
 class App;
 }

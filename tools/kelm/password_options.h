@@ -15,8 +15,8 @@ namespace kelm::tool {
 /// Under this title the help lists all that is about passwords.
 inline constexpr char kPasswordHelpGroup[] = "Passwords";
 
-/// The options that say where a password comes from. There is none that takes the password itself,
-/// which every user of the machine could read.
+/// The options that say where a password comes from. There is none for the password itself, since
+/// every user of the machine can read command lines.
 class PasswordOptions {
 public:
     /// Adds "--password-file" and its like to `command`, with `prefix` behind the dashes; this

@@ -91,14 +91,14 @@ TEST_F(DiskCheckTest, ReadsDisksThatEndWithinAGrain) {
     makeDisk({}, "parent.vmdk");
     for (bool const compressed : {false, true}) {
         putShortChild(compressed);
-        // The extent has whole grains; that the disk takes less of it is told, and nothing else.
+        // The extent has whole grains. That the disk uses less of it is the only finding.
         EXPECT_THAT(check("child.vmdk"),
                     ElementsAre("child-s00000.vmdk: the header has a capacity of 384 sectors, the "
                                 "descriptor says 300"));
     }
 }
 
-TEST_F(DiskCheckTest, TellsBrokenGrainsInTheirOrder) {
+TEST_F(DiskCheckTest, ReportsBrokenGrainsInTheirOrder) {
     makeDisk({.compressed = true});
     // The data, the size of the data, the data.
     patch("disk.vmdk", grain("disk.vmdk", 0) + 12, Bytes(8, 0xFF));
@@ -116,7 +116,7 @@ TEST_F(DiskCheckTest, TellsBrokenGrainsInTheirOrder) {
     }
 }
 
-TEST_F(DiskCheckTest, TellsOnceThatAnExtentFileIsMissing) {
+TEST_F(DiskCheckTest, ReportsOnceThatAnExtentFileIsMissing) {
     makeDisk({.fileSizeLimit = kSplitLimit});
     files->deleteFile(uriOf("disk-s00001.vmdk"), false);
     std::vector<std::string> const findings = check();
@@ -126,7 +126,7 @@ TEST_F(DiskCheckTest, TellsOnceThatAnExtentFileIsMissing) {
     EXPECT_THAT(findings[1], testing::HasSubstr(" cannot be looked up: "));
 }
 
-TEST_F(DiskCheckTest, TellsOnceThatTablesCannotBeRead) {
+TEST_F(DiskCheckTest, ReportsOnceThatTablesCannotBeRead) {
     // Four tables, of which the third is nowhere.
     { createSafe({}, "disk.vmdk", "", 4 * 512 * kGrainBytes); }
     patch("disk.vmdk", directory("disk.vmdk") + 8, Bytes{0xFF, 0xFF, 0xFF, 0x7F});
@@ -137,7 +137,7 @@ TEST_F(DiskCheckTest, TellsOnceThatTablesCannotBeRead) {
     EXPECT_THAT(findings[1], StartsWith("disk.vmdk: grains 1024 to 2047 cannot be looked up: "));
 }
 
-TEST_F(DiskCheckTest, TellsWhatTheExtentsDisagreeIn) {
+TEST_F(DiskCheckTest, ReportsWhatTheExtentsDisagreeIn) {
     makeDisk({.fileSizeLimit = kSplitLimit});
     std::string const name = "disk-s00002.vmdk";
     patch(name, 20, Bytes{64});
@@ -147,7 +147,7 @@ TEST_F(DiskCheckTest, TellsWhatTheExtentsDisagreeIn) {
                                   "the disk has one of 128"));
 }
 
-TEST_F(DiskCheckTest, TellsThatAGrainSharesItsPlace) {
+TEST_F(DiskCheckTest, ReportsThatAGrainSharesItsPlace) {
     makeDisk({});
     Bytes const table = bytesOf("disk.vmdk");
     auto const at = table.begin() + static_cast<std::ptrdiff_t>(firstTable("disk.vmdk"));
@@ -158,7 +158,7 @@ TEST_F(DiskCheckTest, TellsThatAGrainSharesItsPlace) {
                                 std::to_string(grain("disk.vmdk", 0) / kSector)));
 }
 
-TEST_F(DiskCheckTest, TellsThatATableSharesItsPlaceAndLeavesItsGrains) {
+TEST_F(DiskCheckTest, ReportsThatATableSharesItsPlaceAndLeavesItsGrains) {
     {
         std::unique_ptr<SafeDisk> const disk =
             createSafe({}, "disk.vmdk", "", 4 * 512 * kGrainBytes);
@@ -171,7 +171,7 @@ TEST_F(DiskCheckTest, TellsThatATableSharesItsPlaceAndLeavesItsGrains) {
                 ElementsAre("disk.vmdk: grain table 1 shares its place with something else"));
 }
 
-TEST_F(DiskCheckTest, TellsWhatIsWrongWithTheDirectories) {
+TEST_F(DiskCheckTest, ReportsWhatIsWrongWithTheDirectories) {
     makeDisk({});
     Bytes const sound = bytesOf("disk.vmdk");
     patch("disk.vmdk", 56, Bytes{0xFF, 0xFF, 0, 0});
@@ -182,7 +182,7 @@ TEST_F(DiskCheckTest, TellsWhatIsWrongWithTheDirectories) {
     EXPECT_THAT(check(), ElementsAre(StartsWith("disk.vmdk: the disk cannot be opened: ")));
 }
 
-TEST_F(DiskCheckTest, TellsWhatIsWrongWithTheDirectoriesOfAFurtherExtent) {
+TEST_F(DiskCheckTest, ReportsWhatIsWrongWithTheDirectoriesOfAFurtherExtent) {
     makeDisk({.fileSizeLimit = kSplitLimit});
     patch("disk-s00001.vmdk", 56, Bytes{0xFF, 0xFF, 0, 0});
     EXPECT_THAT(check(), ElementsAre("disk-s00001.vmdk: the grain directory lies outside the file",
@@ -246,7 +246,7 @@ TEST_F(DiskCheckTest, ChecksTheParentsToo) {
     EXPECT_THAT(check("three.vmdk"), ElementsAre("one.vmdk: the parent does not exist"));
 }
 
-TEST_F(DiskCheckTest, TellsThatAChainLeadsBack) {
+TEST_F(DiskCheckTest, ReportsThatAChainLeadsBack) {
     makeDisk({}, "one.vmdk");
     makeDisk({}, "two.vmdk", "one.vmdk");
     {
@@ -270,7 +270,7 @@ TEST_F(DiskCheckTest, WhatTheCallerIsToBlameForIsNoFinding) {
     EXPECT_THROW(check("disk.vmdk", "secret"), yx::CLockFileError);
 }
 
-TEST_F(DiskCheckTest, StopsWhenItIsTold) {
+TEST_F(DiskCheckTest, StopsWhenItIsCancelled) {
     makeDisk({.compressed = true});
     CancelFlag flag;
     flag.set();
