@@ -13,13 +13,13 @@ namespace kelm::host {
 namespace {
 
 /// How much of a file is searched for overlaps at a time: 128 GiB, which takes 32 MiB of memory.
-constexpr __int64 kStretchSectors = 1LL << 28;
+constexpr __int64 kSearchedStretchSectors = 1LL << 28;
 
 void checkStretches(TableCheck& tables, ExtentShape const& shape, __int64 fileSizeSectors,
                     CancelFlag const* cancel, ExtentFindings& findings) {
     __int64 const reachSectors = std::min(fileSizeSectors, kTableReachSectors);
-    for (__int64 start = 0; start < reachSectors; start += kStretchSectors) {
-        SectorMap taken(start, std::min(kStretchSectors, reachSectors - start));
+    for (__int64 start = 0; start < reachSectors; start += kSearchedStretchSectors) {
+        SectorMap taken(start, std::min(kSearchedStretchSectors, reachSectors - start));
         findings.setRepeating(start > 0);
         for (__int64 table = 0; table < shape.tableCount; ++table) {
             if (cancel)
