@@ -24,7 +24,7 @@ struct Comparison {
     bool isEqual() const { return differingBytes == 0; }
 };
 
-/// Compares two contents to their ends.
+/// Compares two contents up to the end of the longer one. Reads all of both.
 Comparison compareContent(ContentReader& left, ContentReader& right, WorkOptions const& options);
 
 } // namespace kelm::host

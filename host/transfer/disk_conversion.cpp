@@ -1,5 +1,6 @@
 #include "host/transfer/disk_conversion.h"
 
+#include <cassert>
 #include <optional>
 
 #include "host/transfer/grain_pipeline.h"
@@ -16,6 +17,7 @@ namespace {
 /// Between disks whose grains have one size.
 void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
                    TransferProgress& progress) {
+    assert(from.getGrainSizeBytes() == to.getGrainSizeBytes());
     bool const bothAreCompressed = from.getDisk().getCompressed() && to.getDisk().getCompressed();
     std::optional<RecordVerifier> verifier;
     if (bothAreCompressed && check == RecordCheck::Decode)
@@ -26,7 +28,7 @@ void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
         if (item.inputIsPrepared && bothAreCompressed) {
             if (verifier)
                 verifier->verify(item, worker);
-            // Readers ignore the index in a record, so one that nobody verified may be wrong.
+            // Readers ignore the index in a record, so one that was not verified may be wrong.
             preparers.of(worker).patchGrainIndexInPreparedGrainData(*item.input, item.grainIndex);
             item.result = item.input;
             return;
@@ -42,6 +44,7 @@ void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
             return reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared);
         },
         [&](GrainItem& item) {
+            assert(item.grainIndex < to.getGrainCount());
             // A larger disk has room for the whole of the other one's last grain.
             if (item.result && to.isWholeGrain(item.grainIndex))
                 to.writePreparedGrain(item.grainIndex, *item.result);
@@ -60,6 +63,7 @@ void convertBytes(SafeDisk& from, SafeDisk& to, TransferProgress& progress) {
     __int64 grainIndex = 0;
     while (reader.readNextPlain(grain, grainIndex)) {
         __int64 const positionBytes = grainIndex * from.getGrainSizeBytes();
+        assert(positionBytes + grain.getUsed() <= to.getSizeBytes());
         if (!isZeroGrain(grain))
             to.write(positionBytes, grain.getData(), grain.getUsed());
         progress.advanceTo(positionBytes);

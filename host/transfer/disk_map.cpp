@@ -1,6 +1,7 @@
 #include "host/transfer/disk_map.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace kelm::host {
 
@@ -13,12 +14,14 @@ GrainPlace findPlace(CVMDKDisk& disk, __int64 positionBytes) {
     return disk.isGrainWritten() ? GrainPlace::Parent : GrainPlace::Absent;
 }
 
-/// Puts neighbours of one place together.
+/// Joins neighbours that are held in the same place.
 class RunJoiner {
 public:
     explicit RunJoiner(std::function<void(GrainRun const&)> const& use) : m_use(use) {}
 
     void add(GrainRun const& part) {
+        assert(part.lengthBytes > 0);
+        assert(part.startBytes == m_run.endBytes());
         if (part.place == m_run.place) {
             m_run.lengthBytes += part.lengthBytes;
             return;
@@ -31,6 +34,9 @@ public:
         if (m_run.lengthBytes > 0)
             m_use(m_run);
     }
+
+    /// Where the parts that were added end.
+    __int64 getEndBytes() const { return m_run.endBytes(); }
 
 private:
     std::function<void(GrainRun const&)> const& m_use;
@@ -54,6 +60,7 @@ void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
             position += length;
         }
     }
+    assert(joiner.getEndBytes() == disk.getSizeBytes());
     joiner.finish();
     throttle.report(disk.getSizeBytes(), disk.getSizeBytes());
 }

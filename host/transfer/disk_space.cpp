@@ -1,6 +1,7 @@
 #include "host/transfer/disk_space.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "kelm/format/constants.h"
 #include "kelm/format/sparse_extent_header.h"
@@ -48,10 +49,12 @@ private:
         space.setHeaderSize(toBytes(header.getOverheadSectors()));
         space.setDeadSpaceSize(std::max<__int64>(0, stream->getLength() - space.getHeaderSize() -
                                                         space.getPayloadSizeInFile()));
+        assert(space.getPayloadSize() >= 0 && space.getPayloadSizeInFile() >= 0);
+        assert(space.getHeaderSize() >= 0);
         m_total.addSpaceInfo(space);
     }
 
-    /// So that no sum below leaves 64 bits; the disk itself has judged its first extent only.
+    /// So that no sum overflows 64 bits; opening the disk has checked its first extent only.
     static void verifySizes(yx::CURI const& uri, CVMDKSparseExtentHeader const& header) {
         auto const refuse = [&uri](char const* field, unsigned long long value) {
             throw yx::CIOError(yx::CIOError::CorruptData,
@@ -72,6 +75,7 @@ private:
             yx::makeObject<CVMDKGrainTableCache>(kCachedTables);
         yx::P<CVMDKGrainDirectory> const directory = yx::makeObject<CVMDKGrainDirectory>(
             &stream, yx::IIOStream::ReadOnly, header, cache.get());
+        assert(entries > 0);
         __int64 const grainCount = CVMDKGrainDirectory::calcExtentGrainCount(
             static_cast<__int64>(header.getCapacitySectors()),
             static_cast<__int64>(header.getGrainSizeSectors()));
@@ -82,12 +86,13 @@ private:
             m_throttle.report(startBytes + first * toBytes(header.getGrainSizeSectors()),
                               m_disk.getSizeBytes());
             int const count = static_cast<int>(std::min<__int64>(entries, grainCount - first));
+            assert(count > 0);
             usage += directory->getGrainTable(first / entries)->calcUsage(count);
         }
         return usage;
     }
 
-    /// A number from the file that nothing may have judged yet is cut down to what a file can have.
+    /// A number from the file that nothing has checked yet is limited to what a file can have.
     static __int64 toBytes(unsigned long long sectors) {
         return static_cast<__int64>(std::min(sectors, kMaxCapacitySectors)) * kSectorSizeBytes;
     }

@@ -1,5 +1,7 @@
 #include "host/transfer/parent_independence.h"
 
+#include <cassert>
+
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/record_verifier.h"
@@ -12,6 +14,7 @@ namespace {
 /// Finds the next grain from `grainIndex` on that only a parent holds; the grain count if there is
 /// none.
 __int64 findParentsGrain(SafeDisk& disk, __int64 grainIndex, TransferProgress& progress) {
+    assert(grainIndex >= 0 && grainIndex <= disk.getGrainCount());
     while (grainIndex < disk.getGrainCount() &&
            (disk.isGrainWrittenHere(grainIndex) || !disk.isGrainWritten(grainIndex))) {
         progress.advanceTo(grainIndex * disk.getGrainSizeBytes());
@@ -33,7 +36,7 @@ void copyDirectly(SafeDisk& disk, TransferProgress& progress) {
     }
 }
 
-/// Records are verified by the workers. What is not there as a record is decoded when it is copied.
+/// The workers verify the records. A grain that is not stored as a record is decoded when it is copied.
 void copyVerified(SafeDisk& disk, int threads, TransferProgress& progress) {
     RecordVerifier verifier(disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {

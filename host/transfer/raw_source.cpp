@@ -1,6 +1,7 @@
 #include "host/transfer/raw_source.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -58,6 +59,7 @@ void RawSource::findData() {
     m_dataEndBytes = ::lseek(m_file.get(), m_dataStartBytes, SEEK_HOLE);
     if (m_dataEndBytes <= m_dataStartBytes)
         m_dataEndBytes = m_endBytes;
+    assert(m_dataStartBytes >= m_positionBytes);
 }
 
 bool RawSource::isInHole(__int64 endBytes) {
@@ -69,6 +71,8 @@ bool RawSource::isInHole(__int64 endBytes) {
 }
 
 int RawSource::readNext(unsigned char* buffer, int capacityBytes, bool& isHole) {
+    assert(capacityBytes > 0);
+    assert(m_positionBytes >= m_startBytes);
     isHole = false;
     int count = capacityBytes;
     if (m_endBytes < 0) {
@@ -82,6 +86,7 @@ int RawSource::readNext(unsigned char* buffer, int capacityBytes, bool& isHole) 
             count = readFromFile(buffer, count);
     }
     m_positionBytes += count;
+    assert(m_endBytes < 0 || m_positionBytes <= m_endBytes);
     return count;
 }
 

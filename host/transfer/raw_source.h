@@ -8,12 +8,13 @@
 
 namespace kelm::host {
 
-/// A raw image read from start to end: a file, a block device, or a pipe. Holes of files are not
-/// read. Errors are `yx::CIOError` with the path under "path".
+/// A raw image that is read from start to end: a file, a block device, or a pipe. Holes of files are
+/// not read. Not for disks, nor for reading at random. Errors are `yx::CIOError` with the path under
+/// "path".
 class RawSource {
 public:
-    /// "-" is standard input, from where it stands. While a pipe has nothing to read, `cancel` is
-    /// looked at several times a second; it may be null and must outlive the source.
+    /// "-" is standard input, from its current position. While a pipe has nothing to read, `cancel`
+    /// is checked several times a second; it may be null and must outlive the source.
     explicit RawSource(std::string const& path, CancelFlag const* cancel = nullptr);
 
     /// In bytes; -1 for a pipe.
@@ -22,9 +23,9 @@ public:
     /// How many bytes have been read.
     __int64 getPosition() const { return m_positionBytes - m_startBytes; }
 
-    /// Reads the next `capacityBytes` bytes, fewer only at the end, and returns the count, 0 at the
-    /// end. `isHole` tells that all of them are zeros that are stored nowhere; `buffer` is then not
-    /// touched.
+    /// Reads the next `capacityBytes` bytes, at least one, fewer only at the end, and returns the
+    /// count, 0 at the end. `isHole` becomes whether all of them are zeros that are stored nowhere;
+    /// `buffer` is then not touched. A file that became shorter meanwhile is `UnexpectedEnd`.
     int readNext(unsigned char* buffer, int capacityBytes, bool& isHole);
 
 private:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -99,6 +100,7 @@ void RawTarget::write(unsigned char const* data, int bytes) {
 }
 
 void RawTarget::writeZeros(__int64 bytes) {
+    assert(bytes >= 0 && !m_finished);
     beginWriting();
     if (m_kind == Kind::File) {
         m_positionBytes += bytes;
@@ -118,6 +120,8 @@ bool RawTarget::beginWritingAnywhere() {
 }
 
 void RawTarget::writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const {
+    assert(m_kind == Kind::Device || (m_kind == Kind::File && m_isOurs));
+    assert(positionBytes >= 0);
     while (bytes > 0) {
         ssize_t const count =
             ::pwrite(m_file.get(), data, static_cast<std::size_t>(bytes), positionBytes);
@@ -132,6 +136,7 @@ void RawTarget::writeAt(__int64 positionBytes, unsigned char const* data, int by
 }
 
 void RawTarget::passWritten(__int64 bytes) {
+    assert(bytes >= 0 && !m_finished);
     if (m_kind != Kind::Pipe)
         m_earlyWriteBack.onWritten(m_file.get(), m_positionBytes, bytes);
     m_positionBytes += bytes;

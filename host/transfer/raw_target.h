@@ -8,14 +8,14 @@
 
 namespace kelm::host {
 
-/// A raw image written from start to end: a new file, a block device, or a pipe. Zeros become holes
-/// in a file. A file that was made or emptied and is not finished is removed. Errors are
-/// `yx::CIOError` with the path under "path".
+/// A raw image that is written from start to end: a new file, a block device, or a pipe. Zeros become
+/// holes in a file. A file that was made or emptied and is not finished is removed. Not for disks.
+/// Errors are `yx::CIOError` with the path under "path".
 class RawTarget {
 public:
     /// "-" is standard output. A file or a block device that exists is `AlreadyExists` unless
     /// `overwrite` is given; the first write empties such a file. While a pipe takes nothing,
-    /// `cancel` is looked at several times a second; it may be null and must outlive the target.
+    /// `cancel` is checked several times a second; it may be null and must outlive the target.
     RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel = nullptr);
     RawTarget(RawTarget const&) = delete;
     RawTarget& operator=(RawTarget const&) = delete;
@@ -27,14 +27,15 @@ public:
     /// Writes zeros as the next bytes.
     void writeZeros(__int64 bytes);
 
-    /// Begins writing, and tells whether `writeAt` works: in a file or a block device, not in a pipe.
+    /// Begins writing, and returns whether `writeAt` works: for a file or a block device, not for a
+    /// pipe.
     bool beginWritingAnywhere();
 
-    /// Writes at a place of its own. Several threads may do so at once, each elsewhere, also while
-    /// another object function runs.
+    /// Writes at the given place, once `beginWritingAnywhere` has returned true. Several threads may
+    /// do so at once, each at another place, also while any other function of the object runs.
     void writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const;
 
-    /// Counts as the next bytes what `writeAt` has written there.
+    /// Counts as the next bytes what `writeAt` has written behind the current position.
     void passWritten(__int64 bytes);
 
     /// Gives the file its length and brings everything to the device.
