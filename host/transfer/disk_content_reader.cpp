@@ -3,7 +3,12 @@
 #include <algorithm>
 #include <cassert>
 
+#include "host/transfer/exact_size.h"
+
 namespace kelm::host {
+
+DiskContentReader::DiskContentReader(SafeDisk& disk)
+    : m_disk(disk), m_lengthBytes(getExactSizeBytes(disk)) {}
 
 bool DiskContentReader::isNothingWritten(__int64 endBytes) {
     __int64 const grainBytes = m_disk.getGrainSizeBytes();
@@ -16,9 +21,8 @@ bool DiskContentReader::isNothingWritten(__int64 endBytes) {
 
 int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) {
     assert(bytes > 0);
-    assert(m_positionBytes <= m_disk.getSizeBytes());
-    int const count =
-        static_cast<int>(std::min<__int64>(bytes, m_disk.getSizeBytes() - m_positionBytes));
+    assert(m_positionBytes <= m_lengthBytes);
+    int const count = static_cast<int>(std::min<__int64>(bytes, m_lengthBytes - m_positionBytes));
     if (count <= 0)
         return 0;
     isZero = isNothingWritten(m_positionBytes + count);

@@ -5,19 +5,20 @@
 
 namespace kelm::host {
 
-/// The content of a disk, for a comparison. The disk must outlive the reader.
+/// The content of a disk up to its exact size, for a comparison. The disk must outlive the reader.
 class DiskContentReader : public ContentReader {
 public:
     /// Starts at the disk's first byte.
-    explicit DiskContentReader(SafeDisk& disk) : m_disk(disk) {}
+    explicit DiskContentReader(SafeDisk& disk);
 
-    __int64 getLength() const override { return m_disk.getSizeBytes(); }
+    __int64 getLength() const override { return m_lengthBytes; }
     int readNext(unsigned char* buffer, int bytes, bool& isZero) override;
 
 private:
     bool isNothingWritten(__int64 endBytes);
 
     SafeDisk& m_disk;
+    __int64 m_lengthBytes;
     __int64 m_positionBytes = 0;
 };
 

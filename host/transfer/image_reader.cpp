@@ -7,18 +7,34 @@
 
 namespace kelm::host {
 
-ImageReader::ImageReader(RawSource& source, SafeDisk& disk)
-    : m_source(source), m_disk(disk), m_grainSizeBytes(static_cast<int>(disk.getGrainSizeBytes())) {
+ImageReader::ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length)
+    : m_source(source),
+      m_disk(disk),
+      m_length(length),
+      m_grainSizeBytes(static_cast<int>(disk.getGrainSizeBytes())) {
     verifyFits(source.getLength());
 }
 
 void ImageReader::verifyFits(__int64 imageBytes) const {
-    if (imageBytes <= m_disk.getSizeBytes())
+    yx::CProps props;
+    props.add("imageSize", yx::toString(imageBytes));
+    if (imageBytes > m_disk.getSizeBytes()) {
+        throw yx::CIOError(yx::CIOError::NotAllowed, "The image is larger than the disk.",
+                           props.add("diskSize", yx::toString(m_disk.getSizeBytes())), nullptr);
+    }
+    if (m_length.bytes >= 0 && imageBytes > m_length.bytes) {
+        throw yx::CIOError(yx::CIOError::NotAllowed, "The image is longer than expected.",
+                           props.add("expectedSize", yx::toString(m_length.bytes)), nullptr);
+    }
+}
+
+void ImageReader::verifyIsNotShort() const {
+    if (m_length.mayBeShorter || m_doneBytes >= m_length.bytes)
         return;
-    throw yx::CIOError(yx::CIOError::NotAllowed, "The image is larger than the disk.",
+    throw yx::CIOError(yx::CIOError::NotAllowed, "The image ended early.",
                        yx::CProps()
-                           .add("imageSize", yx::toString(imageBytes))
-                           .add("diskSize", yx::toString(m_disk.getSizeBytes())),
+                           .add("imageSize", yx::toString(m_doneBytes))
+                           .add("expectedSize", yx::toString(m_length.bytes)),
                        nullptr);
 }
 
@@ -26,8 +42,10 @@ bool ImageReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainInde
     grain.setUsed(m_grainSizeBytes);
     bool isHole = false;
     int const count = m_source.readNext(grain.getData(), m_grainSizeBytes, isHole);
-    if (count == 0)
+    if (count == 0) {
+        verifyIsNotShort();
         return false;
+    }
     // Only the last grain may be short.
     assert(!m_isAtEnd && count <= m_grainSizeBytes);
     assert(m_doneBytes == m_nextGrainIndex * m_grainSizeBytes);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/disk/safe_disk.h"
+#include "host/transfer/image_length.h"
 #include "host/transfer/raw_source.h"
 
 namespace kelm::host {
@@ -9,14 +10,16 @@ namespace kelm::host {
 /// reads an image by `RawContentReader`, which knows no disk.
 class ImageReader {
 public:
-    /// Both must outlive the reader. An image longer than the disk is `CIOError` `NotAllowed` "The
-    /// image is larger than the disk." with "imageSize" and "diskSize" in bytes: at once if the
-    /// length is known, or else when `readNext` meets the surplus.
-    ImageReader(RawSource& source, SafeDisk& disk);
+    /// `source` and `disk` must outlive the reader. An image longer than the disk is `CIOError`
+    /// `NotAllowed` "The image is larger than the disk." with "imageSize" and "diskSize" in bytes:
+    /// at once if the length is known, or else when `readNext` meets the surplus. So is one longer
+    /// than `length`: "The image is longer than expected." with "imageSize" and "expectedSize".
+    ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length);
 
     /// Reads the next grain and sets its index, or returns false at the end of the image. `grain`
     /// gets the full size of a grain, or 0 bytes for a grain in a hole. What the image does not have
-    /// of its last grain is what the disk has there.
+    /// of its last grain is what the disk has there. An image that is shorter than it must be is
+    /// `CIOError` `NotAllowed` "The image ended early." with "imageSize" and "expectedSize".
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex);
 
     /// How many bytes of the image have been read.
@@ -25,9 +28,11 @@ public:
 private:
     void completeLastGrain(yx::TBuffer<unsigned char>& grain, __int64 grainIndex, int imageBytes);
     void verifyFits(__int64 imageBytes) const;
+    void verifyIsNotShort() const;
 
     RawSource& m_source;
     SafeDisk& m_disk;
+    ImageLength m_length;
     int m_grainSizeBytes;
     __int64 m_nextGrainIndex = 0;
     __int64 m_doneBytes = 0;

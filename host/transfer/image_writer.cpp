@@ -5,14 +5,14 @@
 
 namespace kelm::host {
 
-ImageWriter::ImageWriter(SafeDisk const& disk, RawTarget& target)
-    : m_target(target),
-      m_grainSizeBytes(disk.getGrainSizeBytes()),
-      m_diskSizeBytes(disk.getSizeBytes()) {}
+ImageWriter::ImageWriter(SafeDisk const& disk, RawTarget& target, __int64 imageBytes)
+    : m_target(target), m_grainSizeBytes(disk.getGrainSizeBytes()), m_imageBytes(imageBytes) {
+    assert(imageBytes >= 0 && imageBytes <= disk.getSizeBytes());
+}
 
 int ImageWriter::bytesOf(__int64 grainIndex) const {
-    assert(grainIndex >= 0 && startOf(grainIndex) < m_diskSizeBytes);
-    return static_cast<int>(std::min(m_grainSizeBytes, m_diskSizeBytes - startOf(grainIndex)));
+    assert(grainIndex >= 0 && startOf(grainIndex) < m_imageBytes);
+    return static_cast<int>(std::min(m_grainSizeBytes, m_imageBytes - startOf(grainIndex)));
 }
 
 void ImageWriter::beginEarly() {
@@ -54,8 +54,8 @@ void ImageWriter::writeLate(__int64 grainIndex, yx::TBuffer<unsigned char> const
 }
 
 void ImageWriter::finish() {
-    assert(m_doneBytes <= m_diskSizeBytes);
-    m_target.writeZeros(m_diskSizeBytes - m_doneBytes);
+    assert(m_doneBytes <= m_imageBytes);
+    m_target.writeZeros(m_imageBytes - m_doneBytes);
     m_target.finish();
 }
 

@@ -12,8 +12,12 @@ namespace kelm::host {
 /// these threads before their turn.
 class ImageWriter {
 public:
-    /// `target` must outlive the writer, the disk need not.
-    ImageWriter(SafeDisk const& disk, RawTarget& target);
+    /// `target` must outlive the writer, the disk need not. The image gets `imageBytes` bytes, no
+    /// more than the disk has.
+    ImageWriter(SafeDisk const& disk, RawTarget& target, __int64 imageBytes);
+
+    /// The size of the whole image.
+    __int64 getImageBytes() const { return m_imageBytes; }
 
     /// Must come before the first `writeEarly`. Further calls do nothing.
     void beginEarly();
@@ -29,7 +33,7 @@ public:
     /// was not.
     void writeLate(__int64 grainIndex, yx::TBuffer<unsigned char> const* grain);
 
-    /// Writes zeros up to the size of the disk, and brings the image to the device.
+    /// Writes zeros up to the size of the image, and brings the image to the device.
     void finish();
 
 private:
@@ -39,7 +43,7 @@ private:
 
     RawTarget& m_target;
     __int64 m_grainSizeBytes;
-    __int64 m_diskSizeBytes;
+    __int64 m_imageBytes;
     bool m_hasBegun = false;
     bool m_canWriteEarly = false;
     __int64 m_doneBytes = 0;

@@ -1,5 +1,8 @@
 #include "host/transfer/raw_export.h"
 
+#include <cassert>
+
+#include "host/transfer/exact_size.h"
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/image_writer.h"
@@ -12,7 +15,7 @@ namespace kelm::host {
 namespace {
 
 void exportPlain(SafeDisk& disk, ImageWriter& writer, TransferProgress& progress) {
-    WrittenGrainReader reader(disk, progress);
+    WrittenGrainReader reader(disk, progress, writer.getImageBytes());
     yx::TBuffer<unsigned char> grain;
     __int64 grainIndex = 0;
     bool isPrepared = false;
@@ -24,6 +27,7 @@ void exportPlain(SafeDisk& disk, ImageWriter& writer, TransferProgress& progress
 
 void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
                       TransferProgress& progress) {
+    assert(threads > 0);
     Unpreparer unpreparer(disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
         yx::P<GrainItem::Buffer> const plain = unpreparer.getPlain(item, worker);
@@ -33,7 +37,7 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
         writer.writeEarly(item.grainIndex, *plain);
         item.result = plain;
     });
-    WrittenGrainReader reader(disk, progress);
+    WrittenGrainReader reader(disk, progress, writer.getImageBytes());
     pipeline.run(
         [&](GrainItem& item) {
             if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
@@ -51,14 +55,16 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
 } // namespace
 
 void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options) {
-    TransferProgress progress(options, disk.getSizeBytes());
-    ImageWriter writer(disk, target);
+    __int64 const imageBytes = getExactSizeBytes(disk);
+    TransferProgress progress(options, imageBytes);
+    ImageWriter writer(disk, target, imageBytes);
+    target.verifyHasRoomFor(imageBytes);
     if (disk.getDisk().getCompressed())
         exportCompressed(disk, writer, countThreads(options), progress);
     else
         exportPlain(disk, writer, progress);
     writer.finish();
-    progress.finish(disk.getSizeBytes());
+    progress.finish(imageBytes);
 }
 
 } // namespace kelm::host

@@ -6,8 +6,10 @@
 
 namespace kelm::host {
 
-/// Copies a whole disk to a raw image and finishes that. Zeros become holes. A grain that cannot be
-/// read or decoded ends the export; the error has the grain's place, as `addGrainPlace` says.
+/// Copies a whole disk, up to its exact size (`getExactSizeBytes`), to a raw image and finishes
+/// that. Zeros become holes. A target that is too small is left as it was: see
+/// `RawTarget::verifyHasRoomFor`. A grain that cannot be read or decoded ends the export; the error
+/// has the grain's place, as `addGrainPlace` says.
 void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options);
 
 } // namespace kelm::host

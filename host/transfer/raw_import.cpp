@@ -1,5 +1,6 @@
 #include "host/transfer/raw_import.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "host/transfer/grain_pipeline.h"
@@ -17,6 +18,7 @@ using Buffer = yx::TBuffer<unsigned char>;
 /// Whether the disk reads as `grain` there already.
 bool holdsEqualGrain(SafeDisk& disk, __int64 grainIndex, Buffer const& grain, Buffer& scratch) {
     readPlainGrain(disk, grainIndex, scratch);
+    assert(scratch.getUsed() <= grain.getUsed());
     return std::memcmp(scratch.getData(), grain.getData(),
                        static_cast<std::size_t>(scratch.getUsed())) == 0;
 }
@@ -39,6 +41,7 @@ void importDirectly(ImageReader& reader, SafeDisk& disk, TransferProgress& progr
 
 void importCompressed(ImageReader& reader, SafeDisk& disk, int threads,
                       TransferProgress& progress) {
+    assert(!disk.hasParent());
     PreparerSet preparers(disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
         bool const isInHole = item.input->getUsed() == 0;
@@ -60,13 +63,15 @@ void importCompressed(ImageReader& reader, SafeDisk& disk, int threads,
 
 } // namespace
 
-void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options) {
+void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
+               ImageLength const& length) {
     TransferProgress progress(options, source.getLength());
-    ImageReader reader(source, disk);
+    ImageReader reader(source, disk, length);
     if (disk.getDisk().getCompressed() && !disk.hasParent())
         importCompressed(reader, disk, countThreads(options), progress);
     else
         importDirectly(reader, disk, progress);
+    assert(reader.getDoneBytes() == source.getPosition());
     disk.flush();
     progress.finish(source.getPosition());
 }

@@ -6,9 +6,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,6 +38,25 @@ FileDescriptor openStandardOutput() {
     }
     // Somebody else's pipe, or one without a reader, is left to the first write.
     return FileDescriptor::borrow(STDOUT_FILENO);
+}
+
+/// How many bytes the file or device can take from its current position on; nothing for a pipe, and
+/// where there is no limit. Asks the descriptor, since standard output may lead to a device.
+std::optional<__int64> findRoom(int file) {
+    struct stat status = {};
+    __int64 const positionBytes = ::lseek(file, 0, SEEK_CUR);
+    if (positionBytes < 0 || ::fstat(file, &status) != 0)
+        return std::nullopt;
+    if (S_ISBLK(status.st_mode)) {
+        __int64 const endBytes = ::lseek(file, 0, SEEK_END);
+        ::lseek(file, positionBytes, SEEK_SET);
+        return endBytes - positionBytes;
+    }
+    struct rlimit limit = {};
+    if (!S_ISREG(status.st_mode) || ::getrlimit(RLIMIT_FSIZE, &limit) != 0 ||
+        limit.rlim_cur == RLIM_INFINITY)
+        return std::nullopt;
+    return static_cast<__int64>(limit.rlim_cur) - positionBytes;
 }
 
 } // namespace
@@ -81,6 +102,19 @@ void RawTarget::open(bool overwrite) {
 RawTarget::~RawTarget() {
     if (m_isOurs && !m_finished)
         ::unlink(m_realPath.c_str());
+}
+
+void RawTarget::verifyHasRoomFor(__int64 imageBytes) const {
+    assert(imageBytes >= 0 && m_positionBytes == 0);
+    std::optional<__int64> const roomBytes = findRoom(m_file.get());
+    if (!roomBytes || imageBytes <= *roomBytes)
+        return;
+    throw yx::CIOError(yx::CIOError::NoSpace, "The target is too small for the image.",
+                       yx::CProps()
+                           .add("path", yx::String::fromUTF8(m_path))
+                           .add("imageSize", yx::toString(imageBytes))
+                           .add("targetSize", yx::toString(*roomBytes)),
+                       nullptr);
 }
 
 void RawTarget::beginWriting() {

@@ -21,6 +21,13 @@ public:
     RawTarget& operator=(RawTarget const&) = delete;
     ~RawTarget();
 
+    /// Refuses an image that can be seen not to fit, before anything is written: one longer than the
+    /// block device, or than the limit on the size of a file that the process has (RLIMIT_FSIZE).
+    /// Such an image is `CIOError` `NoSpace` "The target is too small for the image." with "path",
+    /// "imageSize" and "targetSize" in bytes. Whether a file system has enough free space cannot be
+    /// seen in advance, since zeros take none.
+    void verifyHasRoomFor(__int64 imageBytes) const;
+
     /// Writes the next bytes.
     void write(unsigned char const* data, int bytes);
 

@@ -8,15 +8,22 @@
 namespace kelm::host {
 
 WrittenGrainReader::WrittenGrainReader(SafeDisk& disk, TransferProgress& progress)
-    : m_disk(disk), m_progress(progress) {}
+    : WrittenGrainReader(disk, progress, disk.getSizeBytes()) {}
+
+WrittenGrainReader::WrittenGrainReader(SafeDisk& disk, TransferProgress& progress, __int64 endBytes)
+    : m_disk(disk),
+      m_progress(progress),
+      m_endGrainIndex((endBytes + disk.getGrainSizeBytes() - 1) / disk.getGrainSizeBytes()) {
+    assert(m_endGrainIndex >= 0 && m_endGrainIndex <= disk.getGrainCount());
+}
 
 bool WrittenGrainReader::findNext() {
-    assert(m_nextGrainIndex <= m_disk.getGrainCount());
-    while (m_nextGrainIndex < m_disk.getGrainCount() && !m_disk.isGrainWritten(m_nextGrainIndex)) {
+    assert(m_nextGrainIndex <= m_endGrainIndex);
+    while (m_nextGrainIndex < m_endGrainIndex && !m_disk.isGrainWritten(m_nextGrainIndex)) {
         m_progress.advanceTo(m_nextGrainIndex * m_disk.getGrainSizeBytes());
         ++m_nextGrainIndex;
     }
-    return m_nextGrainIndex < m_disk.getGrainCount();
+    return m_nextGrainIndex < m_endGrainIndex;
 }
 
 bool WrittenGrainReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex,

@@ -14,6 +14,9 @@ public:
     /// Both must outlive the reader. `progress` advances while grains are skipped.
     WrittenGrainReader(SafeDisk& disk, TransferProgress& progress);
 
+    /// The same, but only of grains that begin before `endBytes`.
+    WrittenGrainReader(SafeDisk& disk, TransferProgress& progress, __int64 endBytes);
+
     /// Reads the next grain and sets its index, or returns false if there is none. `isPrepared`
     /// becomes whether `grain` has the prepared form, which is taken wherever it can be had.
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex, bool& isPrepared);
@@ -27,6 +30,7 @@ private:
     SafeDisk& m_disk;
     TransferProgress& m_progress;
     __int64 m_nextGrainIndex = 0;
+    __int64 m_endGrainIndex;
 };
 
 } // namespace kelm::host

@@ -89,6 +89,82 @@ TEST_F(Pipes, TooMuchInputRemovesTheDisk) {
     EXPECT_EQ(listFiles(), std::set<std::string>());
 }
 
+TEST_F(Pipes, InputThatEndsEarlyRemovesTheDisk) {
+    for (std::size_t const bytes : {std::size_t{0}, std::size_t{5000000}}) {
+        Outcome const outcome = run({"import", "-", "disk.vmdk", "--size", "8M"},
+                                    makeImage(kImageBytes, 4).substr(0, bytes));
+        EXPECT_EQ(outcome.status, 3);
+        EXPECT_EQ(outcome.err, "kelm: The image ended early. (imageSize: " + std::to_string(bytes) +
+                                   ", expectedSize: 8388608)\n");
+        EXPECT_EQ(listFiles(), std::set<std::string>());
+    }
+}
+
+TEST_F(Pipes, ChildOfADiskNeedsAsManyBytesAsItsParentStandsFor) {
+    std::string const monday = makeImage((std::size_t{9} << 20) + 512, 5);
+    writeFile("monday", monday);
+    runWell({"import", "monday", "monday.vmdk"});
+    Arguments const command{"import", "-", "tuesday.vmdk", "--parent", "monday.vmdk"};
+    Outcome const nothing = run(command, "");
+    EXPECT_EQ(nothing.status, 3);
+    EXPECT_EQ(nothing.err, "kelm: The image ended early. (imageSize: 0, expectedSize: 9437696)\n");
+    EXPECT_EQ(run(command, monday + "x").status, 3);
+    EXPECT_EQ(listFiles().count("tuesday.vmdk"), 0U);
+    EXPECT_EQ(run(command, monday).status, 0);
+    EXPECT_TRUE(runWell({"export", "tuesday.vmdk", "-"}) == monday);
+}
+
+TEST_F(Pipes, ShorterInputIsTakenOnPurpose) {
+    std::string const image = makeImage(5000001, 6);
+    Outcome const outcome = run({"import", "-", "disk.vmdk", "--size", "9M", "--pad"}, image);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    std::string padded = image;
+    padded.resize(std::size_t{9} << 20, '\0');
+    EXPECT_TRUE(runWell({"export", "disk.vmdk", "-"}) == padded);
+
+    // Behind a shorter image, a child has what its parent has.
+    Outcome const ofChild =
+        run({"import", "-", "child.vmdk", "--parent", "disk.vmdk", "--pad"}, "new");
+    EXPECT_EQ(ofChild.status, 0) << ofChild.err;
+    EXPECT_TRUE(runWell({"export", "child.vmdk", "-"}) == "new" + padded.substr(3));
+}
+
+TEST_F(Pipes, ExportHasTheExactSizeOfTheImport) {
+    std::string const image = makeImage((std::size_t{9} << 20) + 513, 7);
+    writeFile("image", image);
+    for (Arguments const& kind :
+         {Arguments{}, Arguments{"--compressed"}, Arguments{"--split", "4M"},
+          Arguments{"--split", "4M", "--on-demand"}}) {
+        runWell(joined({{"import", "image", "disk.vmdk", "--force"}, kind}));
+        EXPECT_TRUE(runWell({"export", "disk.vmdk", "-"}) == image);
+        runWell({"convert", "disk.vmdk", "copy.vmdk", "--compressed", "--force"});
+        EXPECT_TRUE(runWell({"export", "copy.vmdk", "-"}) == image);
+        runWell({"child", "disk.vmdk", "child.vmdk", "--force"});
+        EXPECT_TRUE(runWell({"export", "child.vmdk", "-"}) == image);
+        runWell({"flatten", "child.vmdk"});
+        EXPECT_TRUE(runWell({"export", "child.vmdk", "-"}) == image);
+        EXPECT_EQ(runWell({"check", "child.vmdk"}), "");
+        runWell({"convert", "disk.vmdk", "copy.vmdk", "--size", "12M", "--force"});
+        EXPECT_EQ(runWell({"export", "copy.vmdk", "-"}).size(), std::size_t{12} << 20);
+        EXPECT_EQ(runWell({"compare", "image", "copy.vmdk"}), "equal\n");
+    }
+}
+
+using Info = ToolTest;
+
+TEST_F(Info, ShowsTheExactSizeOfTheImage) {
+    writeFile("image", makeImage((std::size_t{9} << 20) + 512, 8));
+    runWell({"import", "image", "disk.vmdk"});
+    EXPECT_NE(runWell({"info", "disk.vmdk"}).find("\nimage size:   9.0 MiB (9437696 bytes)\n"),
+              std::string::npos);
+    auto const info = nlohmann::json::parse(runWell({"info", "disk.vmdk", "--json"}));
+    EXPECT_EQ(info["imageBytes"], 9437696);
+    EXPECT_EQ(info["sizeBytes"], 9502720);
+    runWell({"create", "empty.vmdk", "--size", "9M"});
+    EXPECT_FALSE(
+        nlohmann::json::parse(runWell({"info", "empty.vmdk", "--json"})).contains("imageBytes"));
+}
+
 using Compare = ToolTest;
 
 TEST_F(Compare, TellsTheFirstDifferenceAndTheCount) {

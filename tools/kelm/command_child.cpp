@@ -1,6 +1,7 @@
 #include <memory>
 
 #include "host/store/file_names.h"
+#include "host/transfer/exact_size.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/new_disk_options.h"
@@ -19,17 +20,21 @@ struct ChildArguments {
 ExitStatus makeChild(Invocation& invocation, ChildArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.child);
     std::vector<yx::CURI> parentFiles;
+    bool keepsExactSize = false;
     {
         std::unique_ptr<host::SafeDisk> const parent = openDisk(
             invocation, arguments.newDisk.parent, yx::IIOStream::ReadOnly, arguments.passwords);
         parentFiles =
             listChainFiles(invocation, *parent, usedPassword(invocation, arguments.passwords));
         verifyIsNoneOf(parentFiles, uri);
+        keepsExactSize = host::keepsExactSize(*parent);
         arguments.newDisk.compressed = parent->getDisk().getCompressed();
     }
     host::NewDisk const request =
         arguments.newDisk.makeRequest(invocation, -1, arguments.passwords);
     NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, parentFiles);
+    if (keepsExactSize)
+        host::setExactSizeBytes(disk.getDisk(), request.sizeBytes);
     disk.finish();
     return ExitStatus::Done;
 }

@@ -1,6 +1,9 @@
+#include <algorithm>
 #include <memory>
 
 #include "host/store/file_names.h"
+#include "host/transfer/disk_conversion.h"
+#include "host/transfer/exact_size.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
@@ -29,16 +32,21 @@ ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
     std::vector<yx::CURI> const sourceFiles =
         listChainFiles(invocation, *from, usedPassword(invocation, arguments.passwords.ofFirst()));
     verifyIsNoneOf(sourceFiles, uri);
+    bool const keepsExactSize = host::keepsExactSize(*from);
+    __int64 const exactSizeBytes = host::getExactSizeBytes(*from);
     if (arguments.sizeBytes == -1)
-        arguments.sizeBytes = from->getSizeBytes();
-    if (arguments.sizeBytes < from->getSizeBytes())
+        arguments.sizeBytes = exactSizeBytes;
+    if (arguments.sizeBytes < exactSizeBytes)
         throw UsageError("A disk can be made larger, not smaller.");
-    host::NewDisk const request = arguments.newDisk.makeRequest(invocation, arguments.sizeBytes,
-                                                                arguments.passwords.ofSecond());
+    host::NewDisk const request = arguments.newDisk.makeRequest(
+        invocation, std::max(arguments.sizeBytes, from->getSizeBytes()),
+        arguments.passwords.ofSecond());
     NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     LongWork const work(invocation, "convert", arguments.threads);
     host::convertDisk(*from, to.getDisk(), work.getOptions(),
                       arguments.noVerify ? host::RecordCheck::None : host::RecordCheck::Decode);
+    if (keepsExactSize)
+        host::setExactSizeBytes(to.getDisk(), arguments.sizeBytes);
     to.finish();
     return ExitStatus::Done;
 }

@@ -1,6 +1,9 @@
+#include <algorithm>
 #include <memory>
 
 #include "host/store/file_names.h"
+#include "host/transfer/exact_size.h"
+#include "host/transfer/raw_import.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
@@ -16,6 +19,7 @@ struct ImportArguments {
     std::string disk;
     __int64 sizeBytes = -1;
     int threads = 0;
+    bool pad = false;
     NewDiskOptions newDisk;
     PasswordOptions passwords;
 };
@@ -34,7 +38,12 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
         arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
     NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     LongWork const work(invocation, "import", arguments.threads);
-    host::importRaw(source, disk.getDisk(), work.getOptions());
+    // The writer of a pipe may have failed half-way, and nothing but the count would show it.
+    bool const isPipe = source.getLength() == -1;
+    host::ImageLength const length =
+        isPipe ? host::ImageLength{request.sizeBytes, arguments.pad} : host::ImageLength{};
+    host::importRaw(source, disk.getDisk(), work.getOptions(), length);
+    host::setExactSizeBytes(disk.getDisk(), std::max(request.sizeBytes, source.getPosition()));
     disk.finish();
     return ExitStatus::Done;
 }
@@ -56,6 +65,8 @@ void addImportCommand(CLI::App& program, Run& run) {
     arguments->newDisk.addCompressedTo(command);
     arguments->newDisk.addCommonTo(command);
     arguments->newDisk.addParentTo(command);
+    addFlag(command, "--pad", arguments->pad,
+            "Accept standard input, or a pipe, that ends before the size of the disk");
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
 }

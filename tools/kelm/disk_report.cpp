@@ -1,8 +1,10 @@
 #include "tools/kelm/disk_report.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "host/disk/disk_files.h"
+#include "host/disk/disk_record.h"
 #include "host/system/name_text.h"
 #include "host/system/size_text.h"
 #include "host/transfer/disk_space.h"
@@ -21,6 +23,16 @@ void addOptional(Json& report, char const* name, Get const& get) {
         report[name] = get();
     } catch (yx::CError const&) {
         return;
+    }
+}
+
+/// Nothing, too, for a value that cannot be right: what reads the content refuses it.
+std::optional<__int64> tryGetImageBytes(host::SafeDisk& disk) {
+    yx::P<CVMDKDescriptor> const descriptor = disk.getDisk().getDescriptor();
+    try {
+        return host::DiskRecord(*descriptor).getImageBytes(disk.getSizeBytes());
+    } catch (yx::CIOError const&) {
+        return std::nullopt;
     }
 }
 
@@ -127,6 +139,8 @@ Json reportDisk(host::SafeDisk& disk) {
     report["compressed"] = disk.getDisk().getCompressed();
     report["encrypted"] = isEncrypted(disk);
     report["sizeBytes"] = disk.getSizeBytes();
+    if (std::optional<__int64> const imageBytes = tryGetImageBytes(disk))
+        report["imageBytes"] = *imageBytes;
     report["grainSizeBytes"] = disk.getGrainSizeBytes();
     addOptional(report, "contentID",
                 [&] { return yx::toHexString(descriptor.getContentID()).toStdString(); });
@@ -157,6 +171,8 @@ std::string formatReport(Json const& report) {
     text += line("kind", report["kind"].get<std::string>() + (compressed ? ", compressed" : "") +
                              (encrypted ? ", encrypted" : ""));
     text += line("size", formatBytes(report["sizeBytes"]));
+    if (report.contains("imageBytes"))
+        text += line("image size", formatBytes(report["imageBytes"]));
     text += line("grain size", formatBytes(report["grainSizeBytes"]));
     text += line("geometry", formatGeometry(report["geometry"]));
     text += line("content ID", report.value("contentID", "none"));

@@ -1,5 +1,6 @@
 #include "tools/kelm/new_disk_options.h"
 
+#include "host/transfer/exact_size.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
@@ -38,7 +39,7 @@ void NewDiskOptions::inheritFromParent(Invocation& invocation, PasswordOptions& 
         openDisk(invocation, parent, yx::IIOStream::ReadOnly, passwords);
     request.parent = disk->getDisk().getMainFileURI();
     if (request.sizeBytes == -1)
-        request.sizeBytes = disk->getSizeBytes();
+        request.sizeBytes = host::getExactSizeBytes(*disk);
     // One password opens a whole chain.
     if (isEncrypted(*disk))
         request.password = usedPassword(invocation, passwords);

@@ -151,7 +151,7 @@ TEST_F(RawImage, SourceThatCannotBeReadIsRefused) {
     EXPECT_TRUE(
         throwsIOError(yx::CIOError::NotFound, "Cannot open the image: No such file or directory",
                       {{"path", pathOf("none")}}, [&] { RawSource source(pathOf("none")); }));
-    EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, "Cannot read the image: Is a directory",
+    EXPECT_TRUE(throwsIOError(yx::CIOError::AccessDenied, "Cannot read the image: Is a directory",
                               {{"path", folder.path()}}, [&] { RawSource source(folder.path()); }));
 }
 

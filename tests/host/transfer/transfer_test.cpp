@@ -339,9 +339,10 @@ TEST_F(Transfer, ImageThatCannotBeWrittenIsRemoved) {
         std::string const name = std::string(kind.name) + ".vmdk";
         importImage(mixedContent(), *createSafe(kind, name));
         FileSizeLimit const limit(kGrainBytes);
-        EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, "Cannot write the image: File too large",
-                                  {{"path", pathOf("out.raw")}},
-                                  [&] { exportImage(*openSafe(name, kReadOnly, kind.password)); }));
+        EXPECT_TRUE(throwsIOError(
+            yx::CIOError::NoSpace, "The target is too small for the image.",
+            {{"path", pathOf("out.raw")}, {"imageSize", "8388608"}, {"targetSize", "65536"}},
+            [&] { exportImage(*openSafe(name, kReadOnly, kind.password)); }));
         EXPECT_FALSE(std::filesystem::exists(pathOf("out.raw")));
     }
 }
