@@ -1,6 +1,7 @@
 #include "host/disk/disk_file_system.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "host/disk/own_name.h"
 #include "kelm/format/constants.h"
@@ -130,6 +131,8 @@ bool DiskFileSystem::lock(Member const& member, yx::CURI const& uri) {
 
 yx::P<yx::IIOStream> DiskFileSystem::openMainFile(Member& member, yx::CURI const& uri,
                                                   Access access) {
+    if (member.refusal)
+        std::rethrow_exception(std::exchange(member.refusal, nullptr));
     if (access != yx::IIOStream::ReadOnly)
         verifyMayChange(member, uri);
     if (&member != &m_members.front())
@@ -215,7 +218,7 @@ void DiskFileSystem::learn(Member& member, yx::IIOStream* stream) {
 }
 
 /// Before anything is made beside a parent.
-void DiskFileSystem::verifyIsDisk(Member& member) {
+void DiskFileSystem::verifyIsDisk(Member const& member) {
     if (&member == &m_members.front() || member.isKnown)
         return;
     DiskReach::verifyParent(member.mainFile);
@@ -231,10 +234,13 @@ yx::P<yx::IIOStream> DiskFileSystem::openLockFile(Member& member, yx::CURI const
         verifyIsDisk(member);
     } catch (yx::CError const& error) {
         error.nop();
-        // The library then opens the main file, and gets the same error.
+        // Without a lock file in sight the library goes on to the main file, and gets the error there
+        // as it is.
+        member.refusal = std::current_exception();
         m_hidden.insert(uri.toNormalized());
         throw;
     }
+    m_hidden.erase(uri.toNormalized());
     try {
         return openBelow(uri, access);
     } catch (yx::CIOError const& error) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <exception>
 #include <map>
 #include <optional>
 #include <set>
@@ -67,6 +68,9 @@ private:
         /// The descriptor has been read.
         bool isKnown = false;
 
+        /// Why the library could not have the lock file; it learns that from the main file.
+        std::exception_ptr refusal = {};
+
         /// What the main file shows in the stead of its descriptor; null if it shows that.
         yx::P<Overlay> overlay = {};
     };
@@ -90,7 +94,7 @@ private:
     yx::P<yx::IIOStream> openExtentFile(yx::CURI const& uri, yx::IIOStream::Access access);
     yx::P<yx::IIOStream> openLockFile(Member& member, yx::CURI const& uri,
                                       yx::IIOStream::Access access);
-    void verifyIsDisk(Member& member);
+    void verifyIsDisk(Member const& member);
     void goOnWithoutWriting(Member const& member, yx::CURI const& lockFile);
     bool tryJoinLockFile(yx::CURI const& lockFile);
     void verifyMayChange(Member const& member, yx::CURI const& uri) const;

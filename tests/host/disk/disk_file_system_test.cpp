@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include "tests/support/disk_fixture.h"
+#include "tests/support/faulty_file_system.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/recording_file_system.h"
 #include "tests/support/temp_directory.h"
@@ -193,8 +194,9 @@ TEST_F(DiskFileSystemTest, TheRightNameIsStoredByOneWriteOfOneSector) {
         files->storeOwnName();
         files->storeOwnName();
     }
-    EXPECT_THAT(record->lines({FileOperation::Kind::Write, FileOperation::Kind::Flush}),
-                ElementsAre("write monday.vmdk 512+512", "flush monday.vmdk"));
+    EXPECT_THAT(
+        record->lines({FileOperation::Kind::Write, FileOperation::Kind::Flush}, "monday.vmdk"),
+        ElementsAre("write monday.vmdk 512+512", "flush monday.vmdk"));
     EXPECT_NE(std::string::npos, contentOf("monday.vmdk").find("SPARSE \"monday.vmdk\"\n"));
     EXPECT_EQ("one", read(*yx::makeObject<kelm::CVMDKDisk>(native.get(), folder.uri("monday.vmdk"),
                                                            kReadOnly, "", 1, nullptr, nullptr)));
@@ -499,6 +501,29 @@ TEST_F(Reach, NothingIsMadeBesideAParentThatIsNoDisk) {
     EXPECT_THROW(read(*disk), yx::CError);
     for (std::string const& line : record->lines({FileOperation::Kind::Open}))
         EXPECT_EQ(std::string::npos, line.find("passwd.lock")) << line;
+}
+
+TEST_F(Reach, AParentThatCannotBeLookedAtIsNotReadWithoutALock) {
+    make("out/base.vmdk", "one");
+    make("in/a.vmdk", "");
+    unsigned int const id = open("out/base.vmdk").disk->getDescriptor()->getContentID();
+    std::ostringstream text;
+    text << "# Disk DescriptorFile\nversion=1\nCID=1\nparentCID=" << std::hex << id
+         << "\nparentFileNameHint=\"../out/base.vmdk\"\ncreateType=\"twoGbMaxExtentSparse\"\n"
+            "RW 16384 SPARSE \"a.vmdk\"\n";
+    putText("in/disk.vmdk", text.str());
+    auto const faulty = yx::makeObject<FaultyFileSystem>(native.get());
+    auto const files =
+        yx::makeObject<DiskFileSystem>(faulty.get(), folder.uri("in/disk.vmdk"), kReadOnly);
+    auto const disk = yx::makeObject<kelm::CVMDKDisk>(files.get(), folder.uri("in/disk.vmdk"),
+                                                      kReadOnly, "", 1, nullptr, nullptr);
+    LogCapture const quiet;
+    faulty->add({.kinds = {FileOperation::Kind::Open}, .file = "base.vmdk"});
+    EXPECT_TRUE(throwsIOError(yx::CIOError::IOFailure, "Injected failure.",
+                              {{"uri", folder.uri("out/base.vmdk").toString(true).toStdString()}},
+                              [&] { read(*disk); }));
+    EXPECT_EQ("one", read(*disk));
+    EXPECT_TRUE(std::filesystem::exists(path("out/base.vmdk.lock")));
 }
 
 TEST_F(Reach, ParentsAreOnlyRead) {
