@@ -84,22 +84,18 @@ private:
     }
 
     void checkExtents(SafeDisk& disk) {
-        __int64 const grainSizeBytes = disk.getGrainSizeBytes();
         for (DiskExtent const& extent : disk.listExtents()) {
             assert(extent.startBytes <= extent.endBytes);
             if (m_fileSystem->fileExists(extent.uri)) {
-                checkExtentFile(extent.uri,
-                                {(extent.endBytes - extent.startBytes) / kSectorSizeBytes,
-                                 (extent.startBytes + grainSizeBytes - 1) / grainSizeBytes,
-                                 grainSizeBytes / kSectorSizeBytes,
-                                 disk.getDisk().getCompressed()});
+                checkExtentFile(extent);
             } else if (!disk.createsExtentFilesOnDemand()) {
                 find(extent.uri, "the file is missing");
             }
         }
     }
 
-    void checkExtentFile(yx::CURI const& uri, ExtentPlace const& place) {
+    void checkExtentFile(DiskExtent const& extent) {
+        yx::CURI const& uri = extent.uri;
         yx::P<yx::IIOStream> stream;
         auto const failure = findingOf([&] {
             unsigned int reserved = 0;
@@ -109,7 +105,7 @@ private:
             find(uri, *failure);
             return;
         }
-        checkExtent(*stream, place, m_options.cancel,
+        checkExtent(*stream, extent, m_options.cancel,
                     [&](std::string const& text) { find(uri, text); });
     }
 

@@ -32,11 +32,11 @@ void checkStretches(TableCheck& tables, ExtentShape const& shape, __int64 fileSi
 
 } // namespace
 
-void checkExtent(yx::IIOStream& stream, ExtentPlace const& place, CancelFlag const* cancel,
+void checkExtent(yx::IIOStream& stream, DiskExtent const& extent, CancelFlag const* cancel,
                  std::function<void(std::string const&)> const& report) {
     ExtentFindings findings(report);
     ExtentReader reader(stream, findings);
-    std::optional<ExtentShape> const shape = HeaderCheck(reader, place, findings).run();
+    std::optional<ExtentShape> const shape = HeaderCheck(reader, extent, findings).run();
     if (!shape)
         return;
     TableCheck tables(reader, *shape, findings);

@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "host/disk/extent_place.h"
+#include "host/disk/disk_extent.h"
 #include "host/system/cancel.h"
 #include "yx/stream.h"
 
@@ -17,7 +17,7 @@ namespace kelm::host {
 ///
 /// Takes about 32 MiB of memory at most. The tables of a file of more than 128 GiB are read once
 /// for each 128 GiB. `cancel` may be null.
-void checkExtent(yx::IIOStream& stream, ExtentPlace const& place, CancelFlag const* cancel,
+void checkExtent(yx::IIOStream& stream, DiskExtent const& extent, CancelFlag const* cancel,
                  std::function<void(std::string const&)> const& report);
 
 } // namespace kelm::host

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/disk/extent_place.h"
+#include "host/disk/disk_extent.h"
 #include "kelm/format/sparse_extent_header.h"
 
 namespace kelm::host {
@@ -14,7 +14,7 @@ struct ExtentShape {
     bool compressed = false;
 
     /// What the disk says about the same extent.
-    ExtentPlace place;
+    DiskExtent extent;
 };
 
 } // namespace kelm::host

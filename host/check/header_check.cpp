@@ -60,18 +60,19 @@ void HeaderCheck::checkCompression() const {
 
 void HeaderCheck::compareWithDisk() const {
     assert(m_shape.grainSizeSectors > 0);
-    ExtentPlace const& place = m_shape.place;
+    DiskExtent const& extent = m_shape.extent;
     auto const capacity = static_cast<__int64>(m_shape.header.getCapacitySectors());
-    if (capacity != place.sizeSectors) {
+    if (capacity != extent.getSizeSectors()) {
         m_findings.addOnce("the header has a capacity of " + std::to_string(capacity) +
-                           " sectors, the descriptor says " + std::to_string(place.sizeSectors));
+                           " sectors, the descriptor says " +
+                           std::to_string(extent.getSizeSectors()));
     }
-    if (m_shape.grainSizeSectors != place.grainSizeSectors) {
+    if (m_shape.grainSizeSectors != extent.getGrainSizeSectors()) {
         m_findings.addOnce(
             "the header has a grain size of " + std::to_string(m_shape.grainSizeSectors) +
-            " sectors, the disk has one of " + std::to_string(place.grainSizeSectors));
+            " sectors, the disk has one of " + std::to_string(extent.getGrainSizeSectors()));
     }
-    if (m_shape.compressed != place.compressed) {
+    if (m_shape.compressed != extent.isCompressed) {
         m_findings.addOnce(m_shape.compressed ? "the extent is compressed, the disk is not"
                                               : "the extent is not compressed, the disk is");
     }

@@ -10,10 +10,10 @@ namespace kelm::host {
 /// Checks the header of an extent by itself and against the disk.
 class HeaderCheck {
 public:
-    /// All arguments but `place` must outlive the object.
-    HeaderCheck(ExtentReader& reader, ExtentPlace const& place, ExtentFindings const& findings)
+    /// All arguments but `extent` must outlive the object.
+    HeaderCheck(ExtentReader& reader, DiskExtent const& extent, ExtentFindings const& findings)
         : m_reader(reader), m_findings(findings) {
-        m_shape.place = place;
+        m_shape.extent = extent;
     }
 
     /// Nothing, with a finding, if the header does not allow the rest of the file to be read.

@@ -14,7 +14,7 @@ void SlotCheck::run(__int64 grain, int index, GrainTables const& tables, SectorM
     __int64 const position = tables.getPosition(index);
     if (position == 0)
         return;
-    std::string const name = "grain " + std::to_string(grain + m_shape.place.startGrainIndex);
+    std::string const name = "grain " + std::to_string(grain + m_shape.extent.getStartGrainIndex());
     if (grain >= m_shape.grainCount) {
         m_findings.addOnce("the entry of " + name + " is set, which is behind the end");
         return;
@@ -63,7 +63,7 @@ __int64 SlotCheck::checkRecord(std::string const& name, __int64 grain, __int64 p
     if (!record)
         return 0;
     // Unsigned, since the index that a bad descriptor leads to may be anything.
-    auto const lba = static_cast<unsigned long long>(grain + m_shape.place.startGrainIndex) *
+    auto const lba = static_cast<unsigned long long>(grain + m_shape.extent.getStartGrainIndex()) *
                      static_cast<unsigned long long>(m_shape.grainSizeSectors);
     if (loadGrainRecordLBA(record->data()) != lba)
         m_findings.addOnce("the record of " + name + " names another grain");

@@ -6,10 +6,6 @@ namespace kelm::host {
 
 namespace {
 
-yx::CURI lockURIOf(yx::CURI const& uri) {
-    return uri.getParent() << (uri.getName() + ".lock");
-}
-
 /// A reader's lock on a disk that is about to be opened; null where it cannot be had although
 /// nobody holds it, as on read-only media.
 ///
@@ -18,8 +14,8 @@ yx::CURI lockURIOf(yx::CURI const& uri) {
 /// such a reader.
 yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     try {
-        return yx::makeObject<yx::CLockFile>(fileSystem, lockURIOf(uri), yx::CLockFile::Shared,
-                                             false, true);
+        return yx::makeObject<yx::CLockFile>(fileSystem, CVMDKDisk::getLockFileURI(uri),
+                                             yx::CLockFile::Shared, false, true);
     } catch (yx::CLockFileError const& error) {
         if (!error.getMessage().wx().StartsWith(yx::kLockNotTakenMessagePrefix))
             throw;
@@ -28,6 +24,10 @@ yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const&
 }
 
 } // namespace
+
+bool isLockFile(yx::CURI const& uri) {
+    return uri.getExtension() == kLockFileExtension;
+}
 
 yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                                 yx::IIOStream::Access access, yx::String const& password,
@@ -50,7 +50,8 @@ yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri
 void verifyIsNotInUse(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     if (!fileSystem->fileExists(uri))
         return;
-    yx::CLockFile const lock(fileSystem, lockURIOf(uri), yx::CLockFile::Exclusive, false, true);
+    yx::CLockFile const lock(fileSystem, CVMDKDisk::getLockFileURI(uri), yx::CLockFile::Exclusive,
+                             false, true);
 }
 
 } // namespace kelm::host

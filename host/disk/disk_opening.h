@@ -11,6 +11,9 @@ yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri
                                 yx::IIOStream::Access access, yx::String const& password,
                                 int compressionLevel, int readCacheLimit);
 
+/// Whether a file is a lock file by its name.
+bool isLockFile(yx::CURI const& uri);
+
 /// Refuses, with `CLockFileError`, to replace a disk that somebody uses. One that does not exist is
 /// in nobody's use.
 void verifyIsNotInUse(yx::IFileSystem* fileSystem, yx::CURI const& uri);

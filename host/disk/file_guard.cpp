@@ -2,16 +2,13 @@
 
 #include <algorithm>
 
+#include "host/disk/disk_opening.h"
 #include "yx/error.h"
 #include "yx/log.h"
 
 namespace kelm::host {
 
 namespace {
-
-bool isLockFile(yx::CURI const& uri) {
-    return uri.getExtension() == ".lock";
-}
 
 bool contains(std::vector<yx::CURI> const& uris, yx::CURI const& uri) {
     return std::find(uris.begin(), uris.end(), uri.toNormalized()) != uris.end();

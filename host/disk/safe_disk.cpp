@@ -1,18 +1,14 @@
 #include "host/disk/safe_disk.h"
 
-#include <algorithm>
-
+#include "host/disk/descriptor_room.h"
 #include "host/disk/disk_opening.h"
+#include "host/disk/extent_creation.h"
+#include "host/store/file_names.h"
 #include "kelm/format/constants.h"
 
 namespace kelm::host {
 
-namespace {
-
-/// Room for a text descriptor to grow: an encoding line and longer content IDs.
-constexpr __int64 kDescriptorRoomBytes = __int64{4} * kSectorSizeBytes;
-
-} // namespace
+using Content = DiskWriting::Content;
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                    yx::String const& password, int compressionLevel, int readCacheLimit)
@@ -21,40 +17,63 @@ SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStre
     if (access != yx::IIOStream::ReadWrite)
         return;
     verifyWholeGrainExtents();
-    verifyExtentFilesExist();
-    giveDescriptorRoom();
-    recoverFromPowerCut();
+    m_extentFiles.verifyExist();
+    giveDescriptorRoom(fileSystem, m_disk->getMainFileURI());
+    m_extentFiles.recover();
 }
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk)
     : m_fileSystem(fileSystem),
       m_disk(disk),
       m_hasParent(!disk->getParentDiskMainURI().isEmpty()),
-      m_createsExtentFilesOnDemand(disk->getDescriptor()->getYxCreateExtentFilesOnDemand()),
-      m_preparer(disk->createDataPreparer()) {
-    m_worstCaseGrainBytes = calcWorstCaseGrainBytes(*m_preparer);
-    collectExtents();
-    // It is changed here, by `changeContentID`.
-    m_disk->setContentIDUpdatesEnabled(false);
-}
+      m_layout(*disk),
+      m_contentIDChange(*disk),
+      m_extentFiles(fileSystem, m_layout, disk->getDescriptor()->getYxCreateExtentFilesOnDemand(),
+                    keyHashOf(*disk)),
+      m_room(fileSystem, m_layout, calcWorstCaseGrainBytes(*disk->createDataPreparer()),
+             [this] { m_disk->flushChanges(); }),
+      m_tableLimit(*disk, [this] { flush(); }),
+      m_reading(*disk, m_layout, m_tableLimit),
+      m_preparedReading(*disk, m_layout, m_reading),
+      m_writing(*disk, m_layout, m_contentIDChange, m_extentFiles, m_room, m_tableLimit),
+      m_zeroWriting(*disk, m_layout, m_reading, m_writing),
+      m_independence(*disk, m_layout, m_reading, m_preparedReading, m_writing, m_zeroWriting) {}
 
-void SafeDisk::collectExtents() {
-    yx::TArray<yx::P<CVMDKExtentInfo>> infos;
-    m_disk->getDescriptor()->getExtentEntries(infos);
-    yx::CURI const folder = m_disk->getMainFileURI().getParent();
-    __int64 endBytes = 0;
-    for (yx::P<CVMDKExtentInfo> const& info : infos) {
-        if (endBytes % getGrainSizeBytes() != 0)
-            m_extentsAreWholeGrains = false;
-        endBytes += info->getSizeSectors() * kSectorSizeBytes;
-        m_extents.push_back({endBytes, vmdkFileReferenceToURI(folder, info->getFilename()), -1,
-                             !m_createsExtentFilesOnDemand || m_extents.empty()});
+std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri,
+                                           NewDisk const& request) {
+    verifyCanBeMade(uri, request);
+    yx::String parentRelPath;
+    unsigned int parentContentID = kNoParentContentID;
+    // Open until the disk is made, so that nobody changes them meanwhile.
+    std::vector<std::unique_ptr<SafeDisk>> parents;
+    for (yx::CURI next = request.parent; !next.isEmpty() && parents.size() <= kMaxChainLength;
+         next = parents.back()->getDisk().getParentDiskMainURI()) {
+        parents.push_back(
+            std::make_unique<SafeDisk>(files, next, yx::IIOStream::ReadOnly, request.password));
+        files->protect(parents.back()->listFiles());
     }
+    if (!parents.empty()) {
+        parentContentID = parents.front()->getDisk().getDescriptor()->getContentID();
+        parentRelPath = makeFileReference(uri.getParent(), request.parent);
+    }
+    verifyIsNotInUse(files, uri);
+    CVMDKDisk::create(files, uri, request.sizeBytes, request.password, request.compressed,
+                      request.compressionLevel, request.fileSizeLimitBytes, parentRelPath,
+                      parentContentID, request.createExtentFilesOnDemand);
+    // Opened anew, for the cache without limit.
+    std::unique_ptr<SafeDisk> disk(new SafeDisk(
+        files, openLockedDisk(files, uri, yx::IIOStream::ReadWrite, request.password,
+                              request.compressionLevel, CVMDKGrainTableCache::kNoLimit)));
+    for (yx::CURI const& file : disk->listFiles()) {
+        if (files->fileExists(file))
+            syncFile(files, file);
+    }
+    return disk;
 }
 
-void SafeDisk::verifyWholeGrainExtents() {
+void SafeDisk::verifyWholeGrainExtents() const {
     // Here positions are cut into grains by the disk, there by each extent.
-    if (!m_extentsAreWholeGrains) {
+    if (!m_layout.areExtentsWholeGrains()) {
         throw yx::CIOError(yx::CIOError::NotSupported,
                            "The disk cannot be written to, since not all of its extents are whole "
                            "numbers of grains.",
@@ -63,95 +82,63 @@ void SafeDisk::verifyWholeGrainExtents() {
     }
 }
 
-void SafeDisk::verifyExtentFilesExist() {
-    if (m_createsExtentFilesOnDemand)
-        return;
-    for (Extent const& extent : m_extents) {
-        if (!m_fileSystem->fileExists(extent.uri)) {
-            throw yx::CIOError(yx::CIOError::NotFound, "An extent file of the disk is missing.",
-                               yx::CProps().add("uri", extent.uri.toString(true)), nullptr);
-        }
-    }
-}
-
-void SafeDisk::giveDescriptorRoom() {
-    yx::P<yx::IIOStream> const stream =
-        openVMDKFileStream(m_fileSystem.get(), m_disk->getMainFileURI(), yx::IIOStream::ReadWrite);
-    CVMDKDescriptorAccessor accessor(stream.get(), yx::IIOStream::ReadWrite);
-    if (accessor.getEmbeddedInSparseExtentFile())
-        return;
-    CVMDKDescriptor asStored = *accessor.getDescriptor();
-    asStored.setEncodingUTF8();
-    asStored.setContentID(0xFFFFFFFF);
-    auto const storedBytes = static_cast<__int64>(asStored.toString().toStdString().size());
-    if (storedBytes < stream->getLength())
-        return;
-    stream->setLength(storedBytes + kDescriptorRoomBytes);
-    stream->flush();
-    stream->close();
-}
-
 std::vector<yx::CURI> SafeDisk::listFiles() {
     std::vector<yx::CURI> files{m_disk->getMainFileURI()};
-    for (Extent const& extent : m_extents) {
+    for (DiskExtent const& extent : m_layout.getExtents()) {
         if (extent.uri != files.front())
             files.push_back(extent.uri);
     }
     return files;
 }
 
-std::vector<DiskExtent> SafeDisk::listExtents() const {
-    std::vector<DiskExtent> extents;
-    __int64 startBytes = 0;
-    for (Extent const& extent : m_extents) {
-        extents.push_back({extent.uri, startBytes, extent.endBytes});
-        startBytes = extent.endBytes;
-    }
-    return extents;
-}
-
-__int64 SafeDisk::getGrainCount() const {
-    return (getSizeBytes() + getGrainSizeBytes() - 1) / getGrainSizeBytes();
-}
-
-bool SafeDisk::isWholeGrain(__int64 grainIndex) const {
-    return m_extentsAreWholeGrains && (grainIndex + 1) * getGrainSizeBytes() <= getSizeBytes();
-}
-
-int SafeDisk::grainBytesAt(__int64 grainStartBytes) const {
-    return static_cast<int>(std::min(getGrainSizeBytes(), getSizeBytes() - grainStartBytes));
-}
-
-/// Before every operation that may bring further tables into memory.
-void SafeDisk::dropTablesIfMany() {
-    yx::P<CVMDKGrainTableCache> const tables = m_disk->getGrainTableCache();
-    if (tables->getCachedTableCount() < kMaxTablesInMemory)
-        return;
-    // All extents but the current one were flushed when they were left, so after this no table is
-    // changed.
-    flush();
-    tables->clear();
-}
-
 void SafeDisk::read(__int64 positionBytes, void* buffer, int bytes) {
-    dropTablesIfMany();
-    m_disk->seek(positionBytes);
-    m_disk->read(buffer, bytes);
+    m_reading.read(positionBytes, buffer, bytes);
 }
 
-bool SafeDisk::isGrainWritten(__int64 grainIndex) {
-    // Several grains of the file may lie under this one; only reading tells.
-    if (!m_extentsAreWholeGrains)
-        return true;
-    dropTablesIfMany();
-    m_disk->seek(grainIndex * getGrainSizeBytes());
-    return m_disk->isGrainWritten();
+void SafeDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
+    m_writing.verifyMayWrite(positionBytes, bytes);
+    m_writing.reserveRoom(positionBytes, bytes);
+    if (!m_hasParent) {
+        m_writing.write(positionBytes, buffer, bytes, Content::Changes);
+        return;
+    }
+    auto const* source = static_cast<unsigned char const*>(buffer);
+    m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
+        if (yx::isAllZero(source, static_cast<std::size_t>(size)))
+            m_zeroWriting.writeInGrain(partBytes, size);
+        else
+            m_writing.write(partBytes, source, size, Content::Changes);
+        source += size;
+    });
 }
 
-bool SafeDisk::isGrainWrittenHere(__int64 grainIndex) {
-    dropTablesIfMany();
-    m_disk->seek(grainIndex * getGrainSizeBytes());
-    return m_disk->isGrainWrittenAndIndependentOfParent();
+void SafeDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
+    m_writing.verifyMayWrite(positionBytes, bytes);
+    m_layout.forEachGrainPart(positionBytes, bytes, [this](__int64 partBytes, int size) {
+        m_zeroWriting.writeInGrain(partBytes, size);
+    });
+}
+
+void SafeDisk::writePreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& data) {
+    __int64 const positionBytes = grainIndex * getGrainSizeBytes();
+    m_writing.verifyMayWrite(positionBytes, 0);
+    m_writing.reserveRoom(positionBytes, getGrainSizeBytes());
+    if (isWholeGrain(grainIndex)) {
+        m_writing.writePrepared(grainIndex, data, Content::Changes);
+    } else {
+        // The library refuses it, in its words.
+        m_disk->seek(positionBytes);
+        m_disk->writePreparedGrainData(data);
+    }
+}
+
+bool SafeDisk::tryReadPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
+    return m_preparedReading.tryRead(grainIndex, data);
+}
+
+void SafeDisk::makeGrainIndependentOfParent(__int64 grainIndex) {
+    if (m_hasParent)
+        m_independence.makeGrainIndependent(grainIndex);
 }
 
 } // namespace kelm::host

@@ -24,8 +24,8 @@ constexpr __int64 kGrainsInMemory = __int64{1024} * kGrainTableEntryCount;
 
 class SlotRepair {
 public:
-    SlotRepair(yx::IIOStream& stream, ExtentPlace const& place)
-        : m_stream(stream), m_place(place) {}
+    SlotRepair(yx::IIOStream& stream, DiskExtent const& extent)
+        : m_stream(stream), m_extent(extent) {}
 
     __int64 run() {
         openDirectory();
@@ -143,14 +143,14 @@ private:
         if (m_stream.readLax(record, kGrainRecordHeaderSizeBytes) < kGrainRecordHeaderSizeBytes)
             return 0;
         auto const diskGrainIndex =
-            static_cast<unsigned long long>(slot.grainIndex + m_place.startGrainIndex);
+            static_cast<unsigned long long>(slot.grainIndex + m_extent.getStartGrainIndex());
         if (loadGrainRecordLBA(record) != diskGrainIndex * m_header.getGrainSizeSectors())
             return 0;
         return recordSizeSectors(m_header, loadGrainRecordCompressedSize(record));
     }
 
     yx::IIOStream& m_stream;
-    ExtentPlace const& m_place;
+    DiskExtent const& m_extent;
     CVMDKSparseExtentHeader m_header;
     yx::P<CVMDKGrainTableCache> m_tables;
     yx::P<CVMDKGrainDirectory> m_directory;
@@ -161,8 +161,8 @@ private:
 
 } // namespace
 
-__int64 repairSlots(yx::IIOStream& stream, ExtentPlace const& place) {
-    return SlotRepair(stream, place).run();
+__int64 repairSlots(yx::IIOStream& stream, DiskExtent const& extent) {
+    return SlotRepair(stream, extent).run();
 }
 
 } // namespace kelm::host

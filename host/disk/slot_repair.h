@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/disk/extent_place.h"
+#include "host/disk/disk_extent.h"
 #include "yx/stream.h"
 
 namespace kelm::host {
@@ -19,6 +19,6 @@ namespace kelm::host {
 ///
 /// Takes at most some 36 MiB of memory. The tables are read once where the grains lie in their
 /// order, and else twice more for each 128 GiB of the file.
-__int64 repairSlots(yx::IIOStream& stream, ExtentPlace const& place);
+__int64 repairSlots(yx::IIOStream& stream, DiskExtent const& extent);
 
 } // namespace kelm::host

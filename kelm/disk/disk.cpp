@@ -42,9 +42,13 @@ CVMDKDisk::~CVMDKDisk() {
     }
 }
 
+yx::CURI CVMDKDisk::getLockFileURI(yx::CURI const& mainFileURI) {
+    return mainFileURI.getParent() << (mainFileURI.getName() + kLockFileExtension);
+}
+
 void CVMDKDisk::takeLock(yx::CURI const& uri) {
     // Deliberate: named after the URI as given; all who share a disk agree on that name.
-    yx::CURI const lockURI = uri.getParent() << (uri.getName() + ".lock");
+    yx::CURI const lockURI = getLockFileURI(uri);
     bool const exclusive = m_access == yx::IIOStream::ReadWrite;
     try {
         m_lockFile = yx::makeObject<yx::CLockFile>(

@@ -29,6 +29,9 @@ inline constexpr char kPasswordWrongMessage[] =
 inline constexpr char kFileSizeLimitTooSmallMessagePrefix[] =
     "Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: ";
 
+/// What the name of a lock file ends with; see `CVMDKDisk::getLockFileURI`.
+inline constexpr char kLockFileExtension[] = ".lock";
+
 /// A whole virtual disk: one positioned byte space, and a run of grains of one size.
 ///
 /// A disk lies in one or more extents, end to end, of which at most one is open at a time. It has
@@ -86,6 +89,10 @@ public:
                                    bool compressed, int compressionLevel, __int64 fileSizeLimit,
                                    yx::String const& parentRelPath, unsigned int parentContentID,
                                    bool createExtentFilesOnDemand);
+
+    /// The lock file of a disk: it lies beside the main file, under its name as given and
+    /// `kLockFileExtension`. A main file of several names so has several lock files.
+    static yx::CURI getLockFileURI(yx::CURI const& mainFileURI);
 
     /// The limit to offer for split disks: 2 GiB.
     static __int64 getDefaultFileSizeLimit();

@@ -184,15 +184,7 @@ void CVMDKNullExtentFile::fillWithPreparedZeroGrain(yx::TBuffer<unsigned char>& 
                                                     __int64 diskGrainIndex) {
     if (!m_dataPreparer)
         m_dataPreparer = createDataPreparer();
-    if (!m_preparedZeroGrain) {
-        int const grainSizeBytes = static_cast<int>(m_grainSizeBytes);
-        auto const zeros = yx::makeObject<yx::TBuffer<unsigned char>>(grainSizeBytes, -1);
-        auto const aux = yx::makeObject<yx::TBuffer<unsigned char>>();
-        yx::initMemory(zeros->getData(), 0, static_cast<std::size_t>(grainSizeBytes));
-        m_preparedZeroGrain = m_dataPreparer->prepareGrainData(zeros.get(), 0, aux.get());
-    }
-    data.assign(*m_preparedZeroGrain);
-    m_dataPreparer->patchGrainIndexInPreparedGrainData(data, diskGrainIndex);
+    data.assign(m_preparedZeroGrain.get(*m_dataPreparer, m_grainSizeBytes, diskGrainIndex));
 }
 
 } // namespace kelm

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "kelm/extent/extent_file.h"
+#include "kelm/graindata/prepared_zero_grain.h"
 
 namespace kelm {
 
@@ -92,7 +93,7 @@ private:
     yx::P<IVMDKDataProvider> m_fallbackDataProvider;
     __int64 m_position = 0;
     yx::P<CVMDKDataPreparer> m_dataPreparer;
-    yx::P<yx::TBuffer<unsigned char>> m_preparedZeroGrain;
+    CVMDKPreparedZeroGrain m_preparedZeroGrain;
 };
 
 } // namespace kelm

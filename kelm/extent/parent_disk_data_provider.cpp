@@ -138,17 +138,8 @@ void CVMDKParentDiskDataProvider::fillWithPreparedZeroGrain(__int64 position,
                                                             int grainSizeBytes) {
     if (!m_dataPreparer)
         m_dataPreparer = m_parentDisk->createDataPreparer();
-    if (!m_zeroGrain) {
-        m_zeroGrain = yx::makeObject<yx::TBuffer<unsigned char>>(grainSizeBytes, -1);
-        yx::initMemory(m_zeroGrain->getData(), 0, static_cast<std::size_t>(grainSizeBytes));
-    }
-    if (!m_preparedZeroGrain) {
-        m_auxBuffer = yx::makeObject<yx::TBuffer<unsigned char>>();
-        m_preparedZeroGrain =
-            m_dataPreparer->prepareGrainData(m_zeroGrain.get(), 0, m_auxBuffer.get());
-    }
-    data.assign(*m_preparedZeroGrain);
-    m_dataPreparer->patchGrainIndexInPreparedGrainData(data, position / grainSizeBytes);
+    data.assign(
+        m_preparedZeroGrain.get(*m_dataPreparer, grainSizeBytes, position / grainSizeBytes));
 }
 
 bool CVMDKParentDiskDataProvider::isGrainWritten(__int64 position) {

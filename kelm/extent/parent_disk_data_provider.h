@@ -1,7 +1,7 @@
 #pragma once
 
 #include "kelm/extent/data_provider.h"
-#include "kelm/graindata/data_preparer.h"
+#include "kelm/graindata/prepared_zero_grain.h"
 #include "kelm/metadata/grain_table_cache.h"
 #include "yx/file_system.h"
 #include "yx/uri.h"
@@ -93,9 +93,7 @@ private:
     __int64 m_parentDiskSizeBytes = -1;
     yx::String m_password;
     yx::P<CVMDKDataPreparer> m_dataPreparer;
-    yx::P<yx::TBuffer<unsigned char>> m_zeroGrain;
-    yx::P<yx::TBuffer<unsigned char>> m_auxBuffer;
-    yx::P<yx::TBuffer<unsigned char>> m_preparedZeroGrain;
+    CVMDKPreparedZeroGrain m_preparedZeroGrain;
     int m_chainDepth = 0;
 };
 

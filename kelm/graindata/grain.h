@@ -2,7 +2,7 @@
 
 #include "kelm/export.h"
 #include "kelm/extent/data_provider.h"
-#include "kelm/graindata/data_preparer.h"
+#include "kelm/graindata/prepared_zero_grain.h"
 #include "kelm/metadata/igrain_allocator.h"
 #include "krym/krym.h"
 #include "yx/stream.h"
@@ -252,9 +252,7 @@ private:
     yx::P<CVMDKDataPreparer> m_dataPreparer;
     __int64 m_worstCaseGrainSizeSectors = 0;
     yx::TBuffer<unsigned char> m_preparedData;
-    yx::P<yx::TBuffer<unsigned char>> m_zeroGrainData;
-    yx::P<yx::TBuffer<unsigned char>> m_zeroGrainAuxData;
-    yx::P<yx::TBuffer<unsigned char>> m_preparedZeroGrainData;
+    CVMDKPreparedZeroGrain m_preparedZeroGrain;
     yx::TBuffer<unsigned char> m_parentPreparedData;
     yx::P<krym::ICipher> m_cipher;
     int m_cipherBlockSize = 0;

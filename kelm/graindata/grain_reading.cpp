@@ -218,7 +218,7 @@ void CVMDKGrain::readPreparedGrainData(yx::TBuffer<unsigned char>& target) {
             calcDiskPosition(), target, static_cast<int>(m_grainSizeBytes), m_compressed);
     else {
         initZeroGrainData(m_diskGrainIndex);
-        target.assign(*m_preparedZeroGrainData);
+        target.assign(m_preparedZeroGrain.getLast());
     }
     m_posInGrain = m_grainSizeBytes;
     assert(!m_dirty && isStateSound());
@@ -238,18 +238,7 @@ void CVMDKGrain::readPreparedFromExtent(yx::TBuffer<unsigned char>& target) {
 }
 
 void CVMDKGrain::initZeroGrainData(__int64 grainIndex) {
-    if (!m_zeroGrainData) {
-        yx::P<yx::TBuffer<unsigned char>> const zeros =
-            yx::makeObject<yx::TBuffer<unsigned char>>(static_cast<int>(m_grainSizeBytes), -1);
-        yx::initMemory(zeros->getData(), 0, static_cast<std::size_t>(m_grainSizeBytes));
-        m_zeroGrainData = zeros;
-    }
-    if (!m_preparedZeroGrainData) {
-        m_zeroGrainAuxData = yx::makeObject<yx::TBuffer<unsigned char>>();
-        m_preparedZeroGrainData =
-            m_dataPreparer->prepareGrainData(m_zeroGrainData.get(), 0, m_zeroGrainAuxData.get());
-    }
-    m_dataPreparer->patchGrainIndexInPreparedGrainData(*m_preparedZeroGrainData, grainIndex);
+    m_preparedZeroGrain.get(*m_dataPreparer, m_grainSizeBytes, grainIndex);
 }
 
 } // namespace kelm

@@ -1,0 +1,77 @@
+#include "host/disk/disk_layout.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "kelm/kelm.h"
+
+namespace kelm::host {
+
+namespace {
+
+std::vector<DiskExtent> extentsOf(CVMDKDisk& disk) {
+    yx::TArray<yx::P<CVMDKExtentInfo>> infos;
+    disk.getDescriptor()->getExtentEntries(infos);
+    yx::CURI const folder = disk.getMainFileURI().getParent();
+    std::vector<DiskExtent> extents;
+    __int64 startBytes = 0;
+    for (yx::P<CVMDKExtentInfo> const& info : infos) {
+        __int64 const endBytes = startBytes + info->getSizeSectors() * kSectorSizeBytes;
+        extents.push_back({vmdkFileReferenceToURI(folder, info->getFilename()), startBytes,
+                           endBytes, disk.getGrainSizeBytes(), disk.getCompressed()});
+        startBytes = endBytes;
+    }
+    return extents;
+}
+
+} // namespace
+
+DiskLayout::DiskLayout(CVMDKDisk& disk) : DiskLayout(extentsOf(disk)) {
+    assert(getSizeBytes() == disk.getSizeBytes());
+}
+
+DiskLayout::DiskLayout(std::vector<DiskExtent> extents) : m_extents(std::move(extents)) {
+    verifyInvariants();
+    for (DiskExtent const& extent : m_extents) {
+        if (extent.startBytes % getGrainSizeBytes() != 0)
+            m_areExtentsWholeGrains = false;
+    }
+}
+
+void DiskLayout::verifyInvariants() const {
+    assert(!m_extents.empty());
+    assert(getGrainSizeBytes() > 0);
+    [[maybe_unused]] __int64 expectedStartBytes = 0;
+    for ([[maybe_unused]] DiskExtent const& extent : m_extents) {
+        assert(extent.startBytes == expectedStartBytes);
+        assert(extent.endBytes >= extent.startBytes);
+        assert(extent.grainSizeBytes == getGrainSizeBytes());
+        expectedStartBytes = extent.endBytes;
+    }
+}
+
+std::size_t DiskLayout::findExtent(__int64 positionBytes) const {
+    auto const found = std::upper_bound(
+        m_extents.begin(), m_extents.end(), positionBytes,
+        [](__int64 position, DiskExtent const& extent) { return position < extent.endBytes; });
+    return static_cast<std::size_t>(found - m_extents.begin());
+}
+
+__int64 DiskLayout::getGrainCount() const {
+    return (getSizeBytes() + getGrainSizeBytes() - 1) / getGrainSizeBytes();
+}
+
+bool DiskLayout::isWholeGrain(__int64 grainIndex) const {
+    return m_areExtentsWholeGrains && (grainIndex + 1) * getGrainSizeBytes() <= getSizeBytes();
+}
+
+int DiskLayout::getGrainBytesAt(__int64 grainStartBytes) const {
+    return static_cast<int>(std::min(getGrainSizeBytes(), getSizeBytes() - grainStartBytes));
+}
+
+int DiskLayout::getPartBytes(__int64 positionBytes, __int64 bytes) const {
+    __int64 const inGrain = positionBytes % getGrainSizeBytes();
+    return static_cast<int>(std::min(bytes, getGrainSizeBytes() - inGrain));
+}
+
+} // namespace kelm::host

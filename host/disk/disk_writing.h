@@ -1,0 +1,55 @@
+#pragma once
+
+#include "host/disk/content_id_change.h"
+#include "host/disk/extent_files.h"
+#include "host/disk/extent_room.h"
+#include "host/disk/table_limit.h"
+
+namespace kelm::host {
+
+/// Every change to the content of a disk, with what has to come before it: room in the file, a new
+/// content ID, the file itself. Zeros over a parent's data go through `ZeroWriting`.
+class DiskWriting {
+public:
+    /// What a change means for the children of the disk.
+    enum class Content {
+        Changes, ///< the disk gets a new content ID
+        Stays,   ///< it reads as before, and its children go on to know it
+    };
+
+    /// All of them must outlive the object.
+    DiskWriting(CVMDKDisk& disk, DiskLayout const& layout, ContentIDChange& contentIDChange,
+                ExtentFiles& files, ExtentRoom& room, TableLimit& tableLimit);
+
+    /// Throws what a write of that range would throw for its place and the disk's access.
+    void verifyMayWrite(__int64 positionBytes, __int64 bytes);
+
+    /// Comes before all other operations of a range. Errors are those of `ExtentRoom`.
+    void reserveRoom(__int64 positionBytes, __int64 bytes);
+
+    /// Writes exactly `bytes` bytes at `positionBytes`. Content that stays is not noted as
+    /// unflushed, since nothing is lost with it.
+    void write(__int64 positionBytes, void const* buffer, int bytes, Content content);
+
+    /// Stores a whole grain that was prepared for its index.
+    void writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data, Content content);
+
+    /// Brings all changes to the device.
+    void flush();
+
+    /// Whether bytes may be in memory alone.
+    bool hasUnflushedWrites() const { return m_hasUnflushedWrites; }
+
+private:
+    void prepareChange(__int64 positionBytes, __int64 bytes, Content content);
+
+    CVMDKDisk& m_disk;
+    DiskLayout const& m_layout;
+    ContentIDChange& m_contentIDChange;
+    ExtentFiles& m_files;
+    ExtentRoom& m_room;
+    TableLimit& m_tableLimit;
+    bool m_hasUnflushedWrites = false;
+};
+
+} // namespace kelm::host

@@ -1,0 +1,72 @@
+#include "host/disk/extent_room.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "yx/error.h"
+
+namespace kelm::host {
+
+namespace {
+
+/// The largest length of a file that can still get its trail.
+constexpr __int64 kLengthLimitBytes =
+    kMaxExtentFileBytes - __int64{kTrailSectors} * kSectorSizeBytes;
+
+} // namespace
+
+ExtentRoom::ExtentRoom(yx::IFileSystem* fileSystem, DiskLayout const& layout,
+                       __int64 worstCaseGrainBytes, std::function<void()> flush)
+    : m_fileSystem(fileSystem),
+      m_layout(layout),
+      m_worstCaseGrainBytes(worstCaseGrainBytes),
+      m_flush(std::move(flush)),
+      m_lengthBoundsBytes(layout.getExtents().size(), -1) {
+    assert(worstCaseGrainBytes >= layout.getGrainSizeBytes());
+}
+
+void ExtentRoom::reserve(__int64 positionBytes, __int64 bytes) {
+    __int64 const endBytes = positionBytes + bytes;
+    std::vector<DiskExtent> const& extents = m_layout.getExtents();
+    for (std::size_t i = m_layout.findExtent(positionBytes);
+         i < extents.size() && positionBytes < endBytes; ++i) {
+        __int64 const partEndBytes = std::min(endBytes, extents[i].endBytes);
+        // A range touches two grains more than its length says.
+        __int64 const grains = (partEndBytes - positionBytes) / m_layout.getGrainSizeBytes() + 2;
+        reserveInExtent(i, grains * m_worstCaseGrainBytes);
+        positionBytes = partEndBytes;
+    }
+}
+
+void ExtentRoom::reserveInExtent(std::size_t index, __int64 growthBytes) {
+    __int64& boundBytes = m_lengthBoundsBytes[index];
+    if (boundBytes >= 0 && boundBytes + growthBytes <= kLengthLimitBytes) {
+        boundBytes += growthBytes;
+        return;
+    }
+    // The bound counts every write as a new grain; near the limit only the file itself knows.
+    m_flush();
+    [[maybe_unused]] __int64 const formerBoundBytes = boundBytes;
+    boundBytes = -1;
+    yx::CURI const& uri = m_layout.getExtents()[index].uri;
+    // A file that is made on demand is measured once it is there, with its tables.
+    if (!m_fileSystem->fileExists(uri))
+        return;
+    unsigned int reserved = 0;
+    __int64 const lengthBytes =
+        m_fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &reserved)->getLength();
+    assert(formerBoundBytes == -1 || lengthBytes <= formerBoundBytes);
+    boundBytes = lengthBytes;
+    if (lengthBytes + growthBytes > kLengthLimitBytes) {
+        throw yx::CIOError(
+            yx::CIOError::NoSpace,
+            "The file could grow beyond the 2 TiB that one file of a disk can hold. Copy the disk "
+            "to one that is split over several files.",
+            yx::CProps().add("uri", uri.toString(true)).add("length", yx::toString(lengthBytes)),
+            nullptr);
+    }
+    boundBytes += growthBytes;
+    assert(boundBytes <= kLengthLimitBytes);
+}
+
+} // namespace kelm::host

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "kelm/graindata/data_preparer.h"
+#include "yx/uri.h"
+
+namespace kelm::host {
+
+/// What a new disk is to be.
+struct NewDisk {
+    /// At least this many bytes; disks are whole numbers of 64 KiB, and no smaller than 8 MiB.
+    __int64 sizeBytes = 0;
+
+    /// Empty for a disk that is not encrypted.
+    yx::String password;
+
+    /// Whether grains are stored compressed.
+    bool compressed = false;
+
+    /// 0 to 9, -1 for the default.
+    int compressionLevel = -1;
+
+    /// The largest size of any file, -1 for one file.
+    __int64 fileSizeLimitBytes = -1;
+
+    /// Whether all extent files but the first come into being at their first write.
+    bool createExtentFilesOnDemand = false;
+
+    /// The parent's main file; empty for none. It is opened with `password` too.
+    yx::CURI parent;
+};
+
+/// Refuses what cannot become a disk that works, by `yx::CInvalidArgError` at "SafeDisk::create": a
+/// single file that could pass 2 TiB, with splitting named as the way out, and a name that ends in
+/// ".lock" or that a descriptor cannot hold.
+void verifyCanBeMade(yx::CURI const& uri, NewDisk const& request);
+
+/// The most bytes that a grain takes in a file, enciphering included.
+__int64 calcWorstCaseGrainBytes(CVMDKDataPreparer const& preparer);
+
+} // namespace kelm::host

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "host/disk/prepared_reading.h"
+#include "host/disk/zero_writing.h"
+
+namespace kelm::host {
+
+/// Gives a child disk copies of what its parent holds. It is for disks with a parent alone: without
+/// one, the library's own operation would leave its cursor a grain ahead of the open grain.
+class ParentIndependence {
+public:
+    /// All of them must outlive the object.
+    ParentIndependence(CVMDKDisk& disk, DiskLayout const& layout, DiskReading& reading,
+                       PreparedReading& preparedReading, DiskWriting& writing,
+                       ZeroWriting& zeroWriting);
+
+    /// Gives a grain that the parent holds a copy of its own. Flushes first if there are unwritten
+    /// changes, which a grain without a place of its own would lose. Grains that are here, or nowhere
+    /// in the chain, stay as they are, and so does a last grain that is cut short and reads as
+    /// zeros, as it does without a parent too. The content ID stays.
+    void makeGrainIndependent(__int64 grainIndex);
+
+private:
+    void copyPlain(__int64 grainIndex);
+
+    DiskLayout const& m_layout;
+    DiskReading& m_reading;
+    PreparedReading& m_preparedReading;
+    DiskWriting& m_writing;
+    ZeroWriting& m_zeroWriting;
+    yx::P<CVMDKDataPreparer> m_preparer;
+    yx::TBuffer<unsigned char> m_grain;
+};
+
+} // namespace kelm::host
