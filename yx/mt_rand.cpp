@@ -63,6 +63,16 @@ P<CMutex> const& CMTRand::getGlobalInstanceMutex() {
     return mutex;
 }
 
+unsigned int CMTRand::drawGlobal32() {
+    CMutexLock const lock(getGlobalInstanceMutex().get());
+    return getGlobal()->rand32();
+}
+
+void CMTRand::drawGlobalData(unsigned char* target, int sizeBytes) {
+    CMutexLock const lock(getGlobalInstanceMutex().get());
+    getGlobal()->randData(target, sizeBytes);
+}
+
 unsigned int CMTRand::rand32() {
     if (unsigned int const count = getForkCount(); count != m_seededForkCount) {
         m_generator = makeSeededGenerator();

@@ -20,6 +20,11 @@ public:
     static P<CMTRand> const& getGlobal();
     static P<CMutex> const& getGlobalInstanceMutex();
 
+    /// `rand32` and `randData` of the generator that all share, under its mutex. May be called from
+    /// several threads at once.
+    static unsigned int drawGlobal32();
+    static void drawGlobalData(unsigned char* target, int sizeBytes);
+
     /// A value of the Mersenne Twister; fit for identifiers, not for keys. In a process forked off
     /// since the last draw the generator is seeded anew; errors are those of the constructor.
     unsigned int rand32();

@@ -61,8 +61,7 @@ void verifyParentArguments(Request const& request) {
 
 /// Deliberately any number, even one that `CVMDKDescriptorAccessor::changeContentID` refuses.
 unsigned int drawContentID() {
-    yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
-    return yx::CMTRand::getGlobal()->rand32();
+    return yx::CMTRand::drawGlobal32();
 }
 
 yx::String getCreateType(Request const& request) {

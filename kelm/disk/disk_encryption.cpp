@@ -43,8 +43,7 @@ private:
 };
 
 void fillWithRandom(yx::TBuffer<unsigned char>& buffer) {
-    yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
-    yx::CMTRand::getGlobal()->randData(buffer.getData(), buffer.getUsed());
+    yx::CMTRand::drawGlobalData(buffer.getData(), buffer.getUsed());
 }
 
 [[noreturn]] void throwBadDerivation(yx::String const& message) {

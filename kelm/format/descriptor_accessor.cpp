@@ -50,11 +50,6 @@ void verifyRange(yx::IIOStream& stream, char const* field, unsigned long long se
     }
 }
 
-unsigned int drawNumber() {
-    yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
-    return yx::CMTRand::getGlobal()->rand32();
-}
-
 } // namespace
 
 CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(yx::IIOStream* stream,
@@ -130,9 +125,9 @@ void CVMDKDescriptorAccessor::storeDescriptor(bool flush) {
 unsigned int CVMDKDescriptorAccessor::changeContentID() {
     verifyWriteAccess("changeContentID");
     unsigned int const oldID = m_descriptor->getContentID();
-    unsigned int newID = drawNumber();
+    unsigned int newID = yx::CMTRand::drawGlobal32();
     while (newID == 0 || newID == kNoParentContentID || newID == oldID)
-        newID = drawNumber();
+        newID = yx::CMTRand::drawGlobal32();
     m_descriptor->setContentID(newID);
     return newID;
 }

@@ -24,10 +24,7 @@ constexpr std::size_t kMarkSizeBytes = kMarkPrefix.size() + kMarkDigits;
 /// From the operating system, so that processes forked from one do not draw the same numbers.
 std::string drawMark() {
     TBuffer<unsigned char> number(kMarkDigits / 2, -1);
-    {
-        CMutexLock const lock(CMTRand::getGlobalInstanceMutex().get());
-        CMTRand::getGlobal()->randData(number.getData(), number.getUsed());
-    }
+    CMTRand::drawGlobalData(number.getData(), number.getUsed());
     return std::string(kMarkPrefix) + hexEncode(number).toStdString();
 }
 
