@@ -1,6 +1,7 @@
 #include "host/disk/file_guard.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "host/disk/disk_opening.h"
 #include "yx/error.h"
@@ -22,18 +23,48 @@ FileGuard::FileGuard(yx::IFileSystem* fileSystem, bool overwrite, CancelFlag con
 FileGuard::~FileGuard() {
     if (m_kept)
         return;
-    for (auto uri = m_made.rbegin(); uri != m_made.rend(); ++uri) {
+    for (auto file = m_made.rbegin(); file != m_made.rend(); ++file) {
+        if (isAnother(*file))
+            continue;
         try {
-            m_fileSystem->deleteFile(*uri, true);
+            m_fileSystem->deleteFile(file->uri, true);
         } catch (std::exception const& error) {
-            yx::logWarning(error,
-                           "Cannot delete the unfinished file '" + uri->toString(true) + "'.", "");
+            yx::logWarning(
+                error, "Cannot delete the unfinished file '" + file->uri.toString(true) + "'.", "");
         }
     }
 }
 
-bool FileGuard::wasMadeHere(yx::CURI const& uri) const {
-    return contains(m_made, uri);
+FileGuard::MadeFile* FileGuard::findMade(yx::CURI const& uri) {
+    auto const found = std::find_if(
+        m_made.begin(), m_made.end(),
+        [name = uri.toNormalized()](MadeFile const& file) { return file.uri == name; });
+    return found == m_made.end() ? nullptr : &*found;
+}
+
+/// Whether there is a file of that name which is not the one that was made.
+bool FileGuard::isAnother(MadeFile const& file) const {
+    if (!file.isThere || !file.identity)
+        return false;
+    std::optional<FileIdentity> const now = identifyFile(file.uri);
+    return now && now != file.identity;
+}
+
+void FileGuard::verifyFilesAreThere() const {
+    for (MadeFile const& file : m_made) {
+        if (!file.isThere)
+            continue;
+        yx::CProps const props = yx::CProps().add("uri", file.uri.toString(true));
+        if (!m_fileSystem->fileExists(file.uri)) {
+            throw yx::CIOError(yx::CIOError::NotFound,
+                               "The file was deleted while it was being written.", props, nullptr);
+        }
+        if (isAnother(file)) {
+            throw yx::CIOError(yx::CIOError::IOFailure,
+                               "The file was replaced by another one while it was being written.",
+                               props, nullptr);
+        }
+    }
 }
 
 void FileGuard::protect(std::vector<yx::CURI> const& files) {
@@ -54,9 +85,9 @@ void FileGuard::verifyMayReplace(yx::CURI const& uri) const {
 
 yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                          unsigned int* reserved) {
-    bool const mayMakeFile =
-        access == yx::IIOStream::ReadWrite && !isLockFile(uri) && !wasMadeHere(uri);
-    if (mayMakeFile) {
+    if (access != yx::IIOStream::ReadWrite || isLockFile(uri))
+        return m_fileSystem->openFile(uri, access, reserved);
+    if (!findMade(uri)) {
         if (m_cancel)
             m_cancel->check();
         if (m_fileSystem->fileExists(uri)) {
@@ -65,9 +96,16 @@ yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Acc
             m_fileSystem->deleteFile(uri, true);
         }
         // Noted first: an opening that fails late may have made the file.
-        m_made.push_back(uri.toNormalized());
+        m_made.push_back({uri.toNormalized(), false, std::nullopt});
     }
-    return m_fileSystem->openFile(uri, access, reserved);
+    yx::P<yx::IIOStream> const stream = m_fileSystem->openFile(uri, access, reserved);
+    MadeFile& file = *findMade(uri);
+    assert(file.uri == uri.toNormalized());
+    if (!file.isThere) {
+        file.isThere = true;
+        file.identity = identifyFile(file.uri);
+    }
+    return stream;
 }
 
 bool FileGuard::fileExists(yx::CURI const& uri) {
@@ -75,9 +113,13 @@ bool FileGuard::fileExists(yx::CURI const& uri) {
 }
 
 void FileGuard::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
-    if (!isLockFile(uri) && !wasMadeHere(uri) && m_fileSystem->fileExists(uri))
+    MadeFile* const made = findMade(uri);
+    if (!isLockFile(uri) && !made && m_fileSystem->fileExists(uri))
         verifyMayReplace(uri);
     m_fileSystem->deleteFile(uri, ignoreMissing);
+    if (made)
+        made->isThere = false;
+    assert(!made || !made->isThere);
 }
 
 } // namespace kelm::host

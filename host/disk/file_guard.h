@@ -1,31 +1,40 @@
 #pragma once
 
+#include <optional>
 #include <vector>
 
+#include "host/store/file_identity.h"
 #include "host/system/cancel.h"
 #include "yx/file_system.h"
 
 namespace kelm::host {
 
-/// A file system for making new files: it passes everything on to another one, refuses to touch
-/// what was there before, and takes away what it made unless it is told to keep it.
+/// A file system for making new files. It passes everything on to another one, refuses to touch
+/// what was there before, and deletes what it made unless `keep` was called. Do not use it for a
+/// disk that exists and is changed.
 ///
 /// Lock files (".lock") are exempt: one that a killed process left is taken over by the next user.
 class FileGuard : public yx::CBase, public virtual yx::IFileSystem {
 public:
     /// With `overwrite`, files that were there before may be replaced and deleted; what replaced
-    /// them is taken away like any new file. `cancel`, which may be null and must outlive the guard,
-    /// is looked at before each new file, since a disk may have thousands.
+    /// them is taken away like any new file. `cancel`, which may be null and must outlive the
+    /// guard, is looked at before each new file, since a disk may have thousands.
     FileGuard(yx::IFileSystem* fileSystem, bool overwrite, CancelFlag const* cancel = nullptr);
     FileGuard(FileGuard const&) = delete;
     FileGuard& operator=(FileGuard const&) = delete;
 
-    /// Deletes the files that were made, unless they are to be kept. Every stream on them must be closed by then.
-    /// What cannot be deleted is logged as a warning.
+    /// Deletes the files that were made, unless they are to be kept. Every stream on them must be
+    /// closed by then. What cannot be deleted is logged as a warning. A file that somebody else has
+    /// put under the name of one that was made stays.
     ~FileGuard() override;
 
     /// All files stay, those that a disk on this guard may still make included.
     void keep() { m_kept = true; }
+
+    /// Looks whether each name still is that of the file that was made here. A file that somebody
+    /// deleted meanwhile is `CIOError` `NotFound`, one that was replaced `IOFailure`, each with
+    /// "uri". Comes once all streams are closed, and before `keep`.
+    void verifyFilesAreThere() const;
 
     /// Names files that may not be replaced or deleted even with `overwrite`, since they are being
     /// read. Trying to is `CIOError` `NotAllowed` with "uri".
@@ -44,14 +53,24 @@ public:
     void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
 
 private:
-    bool wasMadeHere(yx::CURI const& uri) const;
+    /// A file that was made here, as far as the opening got.
+    struct MadeFile {
+        yx::CURI uri;
+        bool isThere = false;
+
+        /// Only of a file of the operating system.
+        std::optional<FileIdentity> identity;
+    };
+
+    MadeFile* findMade(yx::CURI const& uri);
+    bool isAnother(MadeFile const& file) const;
     void verifyMayReplace(yx::CURI const& uri) const;
 
     yx::P<yx::IFileSystem> m_fileSystem;
     bool m_overwrite;
     CancelFlag const* m_cancel;
     bool m_kept = false;
-    std::vector<yx::CURI> m_made;
+    std::vector<MadeFile> m_made;
     std::vector<yx::CURI> m_protected;
 };
 

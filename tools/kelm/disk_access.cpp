@@ -119,6 +119,7 @@ void NewDiskInProgress::finish() {
     m_disk->flush();
     std::vector<yx::CURI> keptFiles = m_disk->listFiles();
     m_disk.reset();
+    m_guard->verifyFilesAreThere();
     m_guard->keep();
     if (m_formerDisk) {
         // A copied descriptor can make a file part of two disks.

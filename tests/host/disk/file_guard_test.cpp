@@ -5,6 +5,7 @@
 #include "tests/host/host_fixture.h"
 #include "tests/support/faulty_file_system.h"
 #include "tests/support/log_capture.h"
+#include "yx/native_file_system.h"
 
 using testing::ElementsAre;
 
@@ -86,6 +87,42 @@ TEST_F(FileGuardTest, ProtectedFilesStayWhateverIsAllowed) {
         EXPECT_TRUE(throwsIOError(yx::CIOError::NotAllowed, "The file is being read.",
                                   {{"uri", "mem:///disks/old"}}, action));
     EXPECT_EQ("old", get("old"));
+}
+
+TEST_F(FileGuardTest, KnowsWhetherItsFilesAreStillThere) {
+    yx::P<FileGuard> const guard = makeGuard();
+    put(*guard, "a", "new");
+    put(*guard, "b", "new");
+    guard->deleteFile(uriOf("b"), false);
+    EXPECT_NO_THROW(guard->verifyFilesAreThere());
+    files->deleteFile(uriOf("a"), false);
+    EXPECT_TRUE(throwsIOError(yx::CIOError::NotFound,
+                              "The file was deleted while it was being written.",
+                              {{"uri", "mem:///disks/a"}}, [&] { guard->verifyFilesAreThere(); }));
+}
+
+TEST_F(FileGuardTest, KnowsAFileOfTheSystemFromAnotherOfItsName) {
+    yx::P<yx::CNativeFileSystem> const native = yx::makeObject<yx::CNativeFileSystem>();
+    std::string const uri = folder.uri("a").toString(true).toStdString();
+    {
+        yx::P<FileGuard> const guard = yx::makeObject<FileGuard>(native.get(), false);
+        unsigned int reserved = 0;
+        yx::P<yx::IIOStream> stream = guard->openFile(folder.uri("a"), kReadWrite, &reserved);
+        stream->write("new", 3, nullptr);
+        EXPECT_NO_THROW(guard->verifyFilesAreThere());
+        std::filesystem::remove(pathOf("a"));
+        EXPECT_TRUE(throwsIOError(yx::CIOError::NotFound,
+                                  "The file was deleted while it was being written.",
+                                  {{"uri", uri}}, [&] { guard->verifyFilesAreThere(); }));
+        std::ofstream(pathOf("a")) << "another";
+        EXPECT_TRUE(
+            throwsIOError(yx::CIOError::IOFailure,
+                          "The file was replaced by another one while it was being written.",
+                          {{"uri", uri}}, [&] { guard->verifyFilesAreThere(); }));
+        stream->close();
+    }
+    // What is not its own it does not take away.
+    EXPECT_EQ(fromText("another"), readImage(pathOf("a")));
 }
 
 TEST_F(FileGuardTest, LeftLockFileIsNobodysProperty) {
