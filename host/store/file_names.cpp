@@ -20,26 +20,28 @@ yx::CURI uriOfPath(yx::String const& path) {
     return yx::CURI(Path(path, true, false), false);
 }
 
+/// Refuses bytes that would come out as the name of another file.
+yx::String decodeName(char const* name, char const* message) {
+    std::optional<yx::String> const text = yx::String::tryFromUTF8(name);
+    if (!text) {
+        throw yx::CIOError(yx::CIOError::NotSupported, message,
+                           yx::CProps().add("name", yx::String::fromUTF8(name)), nullptr);
+    }
+    return *text;
+}
+
 /// The real path, empty if there is none.
 yx::String realPath(yx::String const& path) {
     std::unique_ptr<char, decltype(&std::free)> const resolved(
         ::realpath(path.toStdString().c_str(), nullptr), &std::free);
-    return resolved ? yx::String::fromUTF8(resolved.get()) : yx::String();
+    if (!resolved)
+        return {};
+    return decodeName(resolved.get(), "The name of a folder or file is not valid UTF-8.");
 }
 
 [[noreturn]] void throwNotFound(yx::String const& path) {
     throw yx::CIOError(yx::CIOError::NotFound, "No such file or directory",
                        yx::CProps().add("uri", uriOfPath(path).toString(true)), nullptr);
-}
-
-/// Other bytes would come out as a name that no file has.
-yx::String decodeArgument(std::string const& argument) {
-    std::optional<yx::String> const text = yx::String::tryFromUTF8(argument);
-    if (!text) {
-        throw yx::CIOError(yx::CIOError::NotSupported, "A file name is not valid UTF-8.",
-                           yx::CProps().add("name", yx::String::fromUTF8(argument)), nullptr);
-    }
-    return *text;
 }
 
 bool isLink(yx::String const& path) {
@@ -74,7 +76,7 @@ yx::String unescape(wxString const& component) {
 } // namespace
 
 yx::CURI uriFromArgument(std::string const& argument) {
-    yx::String const text = decodeArgument(argument);
+    yx::String const text = decodeName(argument.c_str(), "A file name is not valid UTF-8.");
     yx::String const path = isFileURI(argument) ? yx::toNativePath(yx::CURI(text)) : text;
     yx::String const real = realPath(path);
     if (!real.isEmpty())

@@ -7,17 +7,17 @@
 namespace kelm::host {
 
 /// The URI of a file that a user names: a path of the operating system or a `file:` URI. Links and
-/// ".." are resolved, in the folder alone for a file that does not exist yet, so that every spelling
-/// of one file gives one URI, and with it one lock file. A folder that does not exist, and a link to
-/// a file that does not exist, is `CIOError` `NotFound` with "uri"; a name that is no UTF-8 is
-/// `NotSupported`.
+/// ".." are resolved, in the folder alone for a file that does not exist yet, so that every
+/// spelling of one file gives one URI, and with it one lock file. A folder that does not exist, and
+/// a link to a file that does not exist, is `CIOError` `NotFound` with "uri"; a name that is no
+/// UTF-8 is `NotSupported` with "name", and so is one whose real path is no UTF-8.
 yx::CURI uriFromArgument(std::string const& argument);
 
 /// Whether a descriptor in `folder` that says `reference` means `file`.
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file);
 
-/// The text by which a descriptor in `folder` refers to `file`: a relative path if `file` lies in or
-/// below the folder or beside it, otherwise its URI. Read back by `vmdkFileReferenceToURI`.
+/// The text by which a descriptor in `folder` refers to `file`: a relative path if `file` lies in
+/// or below the folder or beside it, otherwise its URI. Read back by `vmdkFileReferenceToURI`.
 yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file);
 
 } // namespace kelm::host

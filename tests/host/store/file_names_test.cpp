@@ -63,6 +63,27 @@ TEST_F(FileNames, RefusesWhatIsNowhere) {
                               {{"name", "a\xC3\xBF.vmdk"}}, [] { uriFromArgument("a\xFF.vmdk"); }));
 }
 
+TEST_F(FileNames, FolderThatIsNoUTF8IsRefusedByName) {
+    std::filesystem::create_directory(folder.path() / "d\xFF");
+    // The name that the folder would have in another encoding.
+    std::filesystem::create_directory(folder.path() / "d\xC3\xBF");
+    std::filesystem::create_directory_symlink("d\xFF", folder.path() / "linked");
+    std::ofstream(folder.path() / "d\xFF/old.vmdk") << "x";
+    std::filesystem::path const before = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path() / "d\xFF");
+    auto const refusal = [&](std::string const& name) {
+        return Props{{"name", folder.path().string() + "/d\xC3\xBF" + name}};
+    };
+    constexpr char kWords[] = "The name of a folder or file is not valid UTF-8.";
+    EXPECT_TRUE(throwsIOError(yx::CIOError::NotSupported, kWords, refusal(""),
+                              [] { uriFromArgument("new.vmdk"); }));
+    EXPECT_TRUE(throwsIOError(yx::CIOError::NotSupported, kWords, refusal("/old.vmdk"),
+                              [] { uriFromArgument("old.vmdk"); }));
+    std::filesystem::current_path(before);
+    EXPECT_TRUE(throwsIOError(yx::CIOError::NotSupported, kWords, refusal(""),
+                              [&] { uriFromArgument(pathOf("linked/new.vmdk")); }));
+}
+
 TEST_F(FileNames, ReferencesAreRelativePaths) {
     struct Case {
         char const* folder;
