@@ -23,9 +23,8 @@ unsigned int drawContentIDLike(unsigned int contentID) {
     int const digits = countDigits(contentID);
     assert(digits >= 1 && digits <= kMaxDigits);
     for (;;) {
-        yx::CMutexLock const lock(yx::CMTRand::getGlobalInstanceMutex().get());
         unsigned int const drawn =
-            yx::CMTRand::getGlobal()->rand32() >> kBitsOfDigit * (kMaxDigits - digits);
+            yx::CMTRand::drawGlobal32() >> kBitsOfDigit * (kMaxDigits - digits);
         if (drawn != 0 && drawn != kNoParentContentID && drawn != contentID &&
             countDigits(drawn) == digits)
             return drawn;

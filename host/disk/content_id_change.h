@@ -8,9 +8,9 @@ namespace kelm::host {
 /// notices that its parent has changed.
 ///
 /// The library does this by itself too, but a power cut can harm that: its new ID may have another
-/// number of digits, and then moves every later line of the descriptor, some of them from one sector
-/// to the next. Here the new ID has as many digits as the old one. Do not use it for changes after
-/// which the disk reads as before; its children still know such a disk.
+/// number of digits, and then moves every later line of the descriptor, some of them from one
+/// sector to the next. Here the new ID has as many digits as the old one. Do not use it for changes
+/// after which the disk reads as before; its children still know such a disk.
 class ContentIDChange {
 public:
     /// Ends the library's own updates. `disk` must outlive the object.

@@ -14,8 +14,8 @@ yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri
 /// Whether a file is a lock file by its name.
 bool isLockFile(yx::CURI const& uri);
 
-/// Refuses, with `CLockFileError`, to replace a disk that somebody uses. One that does not exist is
-/// in nobody's use.
+/// Throws `CLockFileError` for a disk that is in use, and so must not be replaced. A disk that does
+/// not exist is not in use.
 void verifyIsNotInUse(yx::IFileSystem* fileSystem, yx::CURI const& uri);
 
 } // namespace kelm::host

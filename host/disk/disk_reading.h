@@ -1,18 +1,29 @@
 #pragma once
 
 #include "host/disk/disk_layout.h"
+#include "host/disk/stored_view.h"
 #include "host/disk/table_limit.h"
-#include "kelm/disk/disk.h"
+#include "host/disk/unflushed_grains.h"
+#include "yx/error.h"
 
 namespace kelm::host {
 
 /// Reads a disk by positions, and says what it holds. For grains in prepared form, see
 /// `PreparedReading`.
+///
+/// What is stored can be read whether or not changes in memory can be written: where an operation
+/// fails while there are such changes, grains that were not changed are read from the files alone,
+/// and so are all others of that kind until the next flush that succeeds.
 class DiskReading {
 public:
     /// All of them must outlive the object.
-    DiskReading(CVMDKDisk& disk, DiskLayout const& layout, TableLimit& tableLimit)
-        : m_disk(disk), m_layout(layout), m_tableLimit(tableLimit) {}
+    DiskReading(CVMDKDisk& disk, DiskLayout const& layout, TableLimit& tableLimit,
+                UnflushedGrains& unflushed, StoredView& storedView)
+        : m_disk(disk),
+          m_layout(layout),
+          m_tableLimit(tableLimit),
+          m_unflushed(unflushed),
+          m_storedView(storedView) {}
 
     /// Reads exactly `bytes` bytes at `positionBytes`.
     void read(__int64 positionBytes, void* buffer, int bytes);
@@ -24,10 +35,32 @@ public:
     /// Whether this very disk holds the grain.
     bool isGrainWrittenHere(__int64 grainIndex);
 
+    /// Calls `use` with the disk that can answer for the grain, and returns what it returns. `use`
+    /// may be called twice, and throws no error but those of the disk.
+    template <class Use>
+    auto useDisk(__int64 grainIndex, Use const& use) {
+        if (!m_unflushed.areStuck()) {
+            try {
+                m_tableLimit.keep();
+                return use(m_disk);
+            } catch (yx::CError const&) {
+                m_unflushed.noteFailure();
+                // Without changes in memory, nothing but the read itself has failed.
+                if (!m_unflushed.areStuck())
+                    throw;
+            }
+        }
+        return use(chooseDisk(grainIndex));
+    }
+
 private:
+    CVMDKDisk& chooseDisk(__int64 grainIndex);
+
     CVMDKDisk& m_disk;
     DiskLayout const& m_layout;
     TableLimit& m_tableLimit;
+    UnflushedGrains& m_unflushed;
+    StoredView& m_storedView;
 };
 
 } // namespace kelm::host

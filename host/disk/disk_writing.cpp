@@ -6,15 +6,18 @@
 
 namespace kelm::host {
 
-DiskWriting::DiskWriting(CVMDKDisk& disk, DiskLayout const& layout,
+DiskWriting::DiskWriting(CVMDKDisk& disk, DiskLayout const& layout, SyncWatch const& syncWatch,
                          ContentIDChange& contentIDChange, ExtentFiles& files, ExtentRoom& room,
-                         TableLimit& tableLimit)
+                         TableLimit& tableLimit, UnflushedGrains& unflushed, StoredView& storedView)
     : m_disk(disk),
       m_layout(layout),
+      m_syncWatch(syncWatch),
       m_contentIDChange(contentIDChange),
       m_files(files),
       m_room(room),
-      m_tableLimit(tableLimit) {}
+      m_tableLimit(tableLimit),
+      m_unflushed(unflushed),
+      m_storedView(storedView) {}
 
 void DiskWriting::verifyMayWrite(__int64 positionBytes, __int64 bytes) {
     m_disk.seek(positionBytes);
@@ -42,12 +45,24 @@ void DiskWriting::prepareChange(__int64 positionBytes, __int64 bytes, Content co
     m_files.makeReached(positionBytes, bytes);
 }
 
+/// Puts the disk to a place. That brings the changes of the grain before it to the file, and may
+/// fail; the grain here is then unchanged, and counts as stored.
+void DiskWriting::beginChangeOfGrain(__int64 positionBytes) {
+    m_disk.seek(positionBytes);
+    m_disk.isGrainWrittenAndIndependentOfParent();
+    m_unflushed.add(positionBytes / m_layout.getGrainSizeBytes());
+}
+
 void DiskWriting::write(__int64 positionBytes, void const* buffer, int bytes, Content content) {
     prepareChange(positionBytes, bytes, content);
-    m_disk.seek(positionBytes);
-    m_disk.write(buffer, bytes);
-    if (content == Content::Changes)
-        m_hasUnflushedWrites = true;
+    auto const* source = static_cast<unsigned char const*>(buffer);
+    m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
+        beginChangeOfGrain(partBytes);
+        if (content == Content::Changes)
+            m_hasUnflushedWrites = true;
+        m_disk.write(source, size);
+        source += size;
+    });
 }
 
 void DiskWriting::writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data,
@@ -55,13 +70,24 @@ void DiskWriting::writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> c
     assert(m_layout.isWholeGrain(grainIndex));
     __int64 const positionBytes = grainIndex * m_layout.getGrainSizeBytes();
     prepareChange(positionBytes, m_layout.getGrainSizeBytes(), content);
-    m_disk.seek(positionBytes);
+    beginChangeOfGrain(positionBytes);
     m_disk.writePreparedGrainData(data);
 }
 
 void DiskWriting::flush() {
-    m_disk.flushChanges();
+    try {
+        m_syncWatch.verifyNoneFailed();
+        m_disk.flushChanges();
+    } catch (...) {
+        m_unflushed.noteFailure();
+        throw;
+    }
+    // A stream that was left may have met the failure without a word.
+    m_syncWatch.verifyNoneFailed();
     m_hasUnflushedWrites = false;
+    m_unflushed.clear();
+    m_storedView.close();
+    assert(m_unflushed.isEmpty());
 }
 
 } // namespace kelm::host

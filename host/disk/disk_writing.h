@@ -3,7 +3,10 @@
 #include "host/disk/content_id_change.h"
 #include "host/disk/extent_files.h"
 #include "host/disk/extent_room.h"
+#include "host/disk/stored_view.h"
 #include "host/disk/table_limit.h"
+#include "host/disk/unflushed_grains.h"
+#include "host/store/sync_watch.h"
 
 namespace kelm::host {
 
@@ -18,8 +21,9 @@ public:
     };
 
     /// All of them must outlive the object.
-    DiskWriting(CVMDKDisk& disk, DiskLayout const& layout, ContentIDChange& contentIDChange,
-                ExtentFiles& files, ExtentRoom& room, TableLimit& tableLimit);
+    DiskWriting(CVMDKDisk& disk, DiskLayout const& layout, SyncWatch const& syncWatch,
+                ContentIDChange& contentIDChange, ExtentFiles& files, ExtentRoom& room,
+                TableLimit& tableLimit, UnflushedGrains& unflushed, StoredView& storedView);
 
     /// Throws what a write of that range would throw for its place and the disk's access.
     void verifyMayWrite(__int64 positionBytes, __int64 bytes);
@@ -34,7 +38,8 @@ public:
     /// Stores a whole grain that was prepared for its index.
     void writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data, Content content);
 
-    /// Brings all changes to the device.
+    /// Brings all changes to the device. Once a file of the disk could not be synced, every call
+    /// throws the error of that again.
     void flush();
 
     /// Whether bytes may be in memory alone.
@@ -42,13 +47,17 @@ public:
 
 private:
     void prepareChange(__int64 positionBytes, __int64 bytes, Content content);
+    void beginChangeOfGrain(__int64 positionBytes);
 
     CVMDKDisk& m_disk;
     DiskLayout const& m_layout;
+    SyncWatch const& m_syncWatch;
     ContentIDChange& m_contentIDChange;
     ExtentFiles& m_files;
     ExtentRoom& m_room;
     TableLimit& m_tableLimit;
+    UnflushedGrains& m_unflushed;
+    StoredView& m_storedView;
     bool m_hasUnflushedWrites = false;
 };
 

@@ -1,14 +1,54 @@
 #include "host/disk/extent_creation.h"
 
+#include <cassert>
+
+#include "yx/log.h"
+#include "yx/memory_file_system.h"
+
 namespace kelm::host {
 
-void createExtentFile(yx::IFileSystem* fileSystem, DiskExtent const& extent,
-                      yx::TBuffer<unsigned char> const& keyHash) {
+namespace {
+
+void writeHeaderFirst(yx::IIOStream& stream, yx::TBuffer<unsigned char> const& content) {
+    assert(content.getUsed() > kSectorSizeBytes);
+    stream.write(content.getData(), kSectorSizeBytes, nullptr);
+    stream.flush();
+    stream.write(content.getData() + kSectorSizeBytes, content.getUsed() - kSectorSizeBytes,
+                 nullptr);
+    stream.flush();
+    stream.close();
+}
+
+} // namespace
+
+yx::TBuffer<unsigned char> makeExtentFileContent(DiskExtent const& extent,
+                                                 yx::TBuffer<unsigned char> const& keyHash) {
+    assert(extent.getSizeBytes() % extent.grainSizeBytes == 0);
+    auto const memory = yx::makeObject<yx::CMemoryFileSystem>();
     yx::TBuffer<unsigned char> zeroBuffer(static_cast<int>(extent.grainSizeBytes), -1);
     yx::initMemory(zeroBuffer.getData(), 0, static_cast<std::size_t>(zeroBuffer.getUsed()));
-    createEmptyVMDKSparseExtentFile(fileSystem, extent.uri, extent.isCompressed,
+    createEmptyVMDKSparseExtentFile(memory.get(), extent.uri, extent.isCompressed,
                                     extent.getSizeBytes() / extent.grainSizeBytes,
                                     extent.getGrainSizeSectors(), zeroBuffer, nullptr, 0, keyHash);
+    return memory->getFile(extent.uri);
+}
+
+void createExtentFileDurably(yx::IFileSystem* fileSystem, DiskExtent const& extent,
+                             yx::TBuffer<unsigned char> const& keyHash) {
+    yx::TBuffer<unsigned char> const content = makeExtentFileContent(extent, keyHash);
+    try {
+        writeHeaderFirst(*openVMDKFileStream(fileSystem, extent.uri, yx::IIOStream::ReadWrite),
+                         content);
+    } catch (...) {
+        try {
+            fileSystem->deleteFile(extent.uri, true);
+        } catch (yx::CError const& error) {
+            yx::logWarning(error,
+                           "Cannot delete the unfinished file '" + extent.uri.toString(true) + "'.",
+                           "");
+        }
+        throw;
+    }
 }
 
 yx::TBuffer<unsigned char> keyHashOf(CVMDKDisk& disk) {

@@ -8,14 +8,17 @@
 
 namespace kelm::host {
 
-ExtentFiles::ExtentFiles(yx::IFileSystem* fileSystem, DiskLayout const& layout,
-                         bool areMadeOnDemand, yx::TBuffer<unsigned char> const& keyHash)
+ExtentFiles::ExtentFiles(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI,
+                         DiskLayout const& layout, bool areMadeOnDemand,
+                         yx::TBuffer<unsigned char> const& keyHash)
     : m_fileSystem(fileSystem),
+      m_mainFileURI(mainFileURI),
       m_layout(layout),
       m_areMadeOnDemand(areMadeOnDemand),
       m_keyHash(keyHash) {
     for (std::size_t i = 0; i < layout.getExtents().size(); ++i)
         m_isThere.push_back(!mayBeMissing(i));
+    assert(m_isThere.front());
 }
 
 void ExtentFiles::verifyExist() const {
@@ -33,7 +36,7 @@ void ExtentFiles::recover() {
     std::vector<DiskExtent> const& extents = m_layout.getExtents();
     for (std::size_t i = 0; i < extents.size(); ++i) {
         if (mayBeMissing(i))
-            removeIfUnfinished(m_fileSystem.get(), extents[i], m_keyHash);
+            moveAsideIfUnfinished(m_fileSystem.get(), m_mainFileURI, extents[i], m_keyHash);
         m_isThere[i] = m_fileSystem->fileExists(extents[i].uri);
         if (m_isThere[i])
             repairExtentFile(m_fileSystem.get(), extents[i]);
@@ -55,11 +58,11 @@ void ExtentFiles::makeReached(__int64 positionBytes, __int64 bytes) {
 }
 
 void ExtentFiles::make(DiskExtent const& extent) {
-    removeIfUnfinished(m_fileSystem.get(), extent, m_keyHash);
-    if (!m_fileSystem->fileExists(extent.uri))
-        createExtentFile(m_fileSystem.get(), extent, m_keyHash);
-    syncFile(m_fileSystem.get(), extent.uri);
-    assert(m_fileSystem->fileExists(extent.uri));
+    moveAsideIfUnfinished(m_fileSystem.get(), m_mainFileURI, extent, m_keyHash);
+    if (m_fileSystem->fileExists(extent.uri))
+        syncFile(m_fileSystem.get(), extent.uri);
+    else
+        createExtentFileDurably(m_fileSystem.get(), extent, m_keyHash);
 }
 
 } // namespace kelm::host

@@ -16,15 +16,16 @@ namespace kelm::host {
 /// empty file in the place of a missing one.
 class ExtentFiles {
 public:
-    /// `layout` must outlive the object. With `areMadeOnDemand`, all files but the first may be
-    /// missing. `keyHash` is that of `createExtentFile`.
-    ExtentFiles(yx::IFileSystem* fileSystem, DiskLayout const& layout, bool areMadeOnDemand,
-                yx::TBuffer<unsigned char> const& keyHash);
+    /// `mainFileURI` is normalised. `layout` must outlive the object. With `areMadeOnDemand`, all
+    /// files but the first may be missing. `keyHash` is that of `makeExtentFileContent`.
+    ExtentFiles(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI, DiskLayout const& layout,
+                bool areMadeOnDemand, yx::TBuffer<unsigned char> const& keyHash);
 
     /// Whether the file of an extent may be missing, since nothing has been written there yet.
     bool areMadeOnDemand() const { return m_areMadeOnDemand; }
 
-    /// Throws `CIOError` `NotFound` with "uri" for the first file that is missing and should not be.
+    /// Throws `CIOError` `NotFound` with "uri" for the first file that is missing and should not
+    /// be.
     void verifyExist() const;
 
     /// Puts right what a power cut can leave in the files. Comes before all other writing.
@@ -39,6 +40,7 @@ private:
     void make(DiskExtent const& extent);
 
     yx::P<yx::IFileSystem> m_fileSystem;
+    yx::CURI m_mainFileURI;
     DiskLayout const& m_layout;
     bool m_areMadeOnDemand;
     yx::TBuffer<unsigned char> m_keyHash;

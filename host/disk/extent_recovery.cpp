@@ -5,54 +5,75 @@
 #include <cstring>
 
 #include "host/disk/extent_creation.h"
+#include "host/disk/extent_names.h"
 #include "host/disk/slot_repair.h"
 #include "host/disk/trail_repair.h"
+#include "host/store/file_moving.h"
+#include "kelm/format/internal/little_endian.h"
+#include "kelm/kelm.h"
 #include "yx/log.h"
-#include "yx/memory_file_system.h"
 
 namespace kelm::host {
 
 namespace {
 
-/// Whether a file holds nothing but parts of `whole`, its first sector aside.
+constexpr char kSuffix[] = "unfinished";
+
+/// Whether a file that is no longer than `whole` is empty or begins like that, and holds nothing
+/// else than parts of it.
 bool isPartOf(yx::TBuffer<unsigned char> const& whole, yx::TBuffer<unsigned char> const& part) {
     assert(part.getUsed() <= whole.getUsed());
-    for (int at = kSectorSizeBytes; at < part.getUsed(); at += kSectorSizeBytes) {
+    for (int at = 0; at < part.getUsed(); at += kSectorSizeBytes) {
         auto const size =
             static_cast<std::size_t>(std::min<int>(kSectorSizeBytes, part.getUsed() - at));
-        if (!yx::isAllZero(part.getData() + at, size) &&
-            std::memcmp(part.getData() + at, whole.getData() + at, size) != 0)
+        bool const isMissing = at > 0 && yx::isAllZero(part.getData() + at, size);
+        if (!isMissing && std::memcmp(part.getData() + at, whole.getData() + at, size) != 0)
             return false;
     }
     return true;
 }
 
+bool isWhole(yx::TBuffer<unsigned char> const& whole, yx::TBuffer<unsigned char> const& part) {
+    return part.getUsed() == whole.getUsed() &&
+           std::memcmp(part.getData(), whole.getData(),
+                       static_cast<std::size_t>(whole.getUsed())) == 0;
+}
+
 bool isUnfinished(yx::IFileSystem* fileSystem, DiskExtent const& extent,
                   yx::TBuffer<unsigned char> const& keyHash) {
-    auto const empty = yx::makeObject<yx::CMemoryFileSystem>();
-    createExtentFile(empty.get(), extent, keyHash);
-    yx::TBuffer<unsigned char> const whole = empty->getFile(extent.uri);
     yx::P<yx::IIOStream> const stream =
         openVMDKFileStream(fileSystem, extent.uri, yx::IIOStream::ReadOnly);
-    if (stream->getLength() > whole.getUsed())
+    __int64 const lengthBytes = stream->getLength();
+    if (lengthBytes == 0)
+        return true;
+    yx::TBuffer<unsigned char> const whole = makeExtentFileContent(extent, keyHash);
+    if (lengthBytes > whole.getUsed())
         return false;
-    yx::TBuffer<unsigned char> part(static_cast<int>(stream->getLength()), -1);
+    yx::TBuffer<unsigned char> part(static_cast<int>(lengthBytes), -1);
     stream->read(part.getData(), part.getUsed());
-    bool const isWhole = part.getUsed() == whole.getUsed() &&
-                         std::memcmp(part.getData(), whole.getData(),
-                                     static_cast<std::size_t>(whole.getUsed())) == 0;
-    return !isWhole && isPartOf(whole, part);
+    return isPartOf(whole, part) && !isWhole(whole, part);
+}
+
+bool beginsAsExtent(yx::IIOStream& stream) {
+    unsigned char magic[sizeof(unsigned int)] = {};
+    stream.seek(0);
+    stream.readLax(magic, sizeof magic);
+    stream.seek(0);
+    auto const value = loadLittleEndian<unsigned int>(magic);
+    return value == kHeaderMagic || value == kEncryptionExtensionHeaderMagic;
 }
 
 } // namespace
 
-void removeIfUnfinished(yx::IFileSystem* fileSystem, DiskExtent const& extent,
-                        yx::TBuffer<unsigned char> const& keyHash) {
-    if (!fileSystem->fileExists(extent.uri) || !isUnfinished(fileSystem, extent, keyHash))
+void moveAsideIfUnfinished(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI,
+                           DiskExtent const& extent, yx::TBuffer<unsigned char> const& keyHash) {
+    if (!isExtentName(mainFileURI, extent.uri) || !fileSystem->fileExists(extent.uri) ||
+        !isUnfinished(fileSystem, extent, keyHash))
         return;
-    yx::logWarning("Removing the unfinished extent file '" + extent.uri.toString(true) +
-                   "'. It holds no data.");
-    fileSystem->deleteFile(extent.uri, true);
+    assert(extent.uri != mainFileURI);
+    yx::CURI const target = moveAside(fileSystem, extent.uri, kSuffix);
+    yx::logWarning("Moved the unfinished extent file '" + extent.uri.toString(true) + "' to '" +
+                   target.toString(true) + "'. It holds no data.");
 }
 
 void repairExtentFile(yx::IFileSystem* fileSystem, DiskExtent const& extent) {
@@ -60,6 +81,8 @@ void repairExtentFile(yx::IFileSystem* fileSystem, DiskExtent const& extent) {
         return;
     yx::P<yx::IIOStream> const stream =
         openVMDKFileStream(fileSystem, extent.uri, yx::IIOStream::ReadWrite);
+    if (!beginsAsExtent(*stream))
+        return;
     if (repairTrail(*stream))
         yx::logWarning("Repaired the end of the extent file '" + extent.uri.toString(true) + "'.");
     __int64 const count = repairSlots(*stream, extent);

@@ -39,6 +39,7 @@ void ExtentRoom::reserve(__int64 positionBytes, __int64 bytes) {
 }
 
 void ExtentRoom::reserveInExtent(std::size_t index, __int64 growthBytes) {
+    assert(growthBytes > 0);
     __int64& boundBytes = m_lengthBoundsBytes[index];
     if (boundBytes >= 0 && boundBytes + growthBytes <= kLengthLimitBytes) {
         boundBytes += growthBytes;
@@ -46,7 +47,6 @@ void ExtentRoom::reserveInExtent(std::size_t index, __int64 growthBytes) {
     }
     // The bound counts every write as a new grain; near the limit only the file itself knows.
     m_flush();
-    [[maybe_unused]] __int64 const formerBoundBytes = boundBytes;
     boundBytes = -1;
     yx::CURI const& uri = m_layout.getExtents()[index].uri;
     // A file that is made on demand is measured once it is there, with its tables.
@@ -55,7 +55,6 @@ void ExtentRoom::reserveInExtent(std::size_t index, __int64 growthBytes) {
     unsigned int reserved = 0;
     __int64 const lengthBytes =
         m_fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &reserved)->getLength();
-    assert(formerBoundBytes == -1 || lengthBytes <= formerBoundBytes);
     boundBytes = lengthBytes;
     if (lengthBytes + growthBytes > kLengthLimitBytes) {
         throw yx::CIOError(
@@ -66,7 +65,7 @@ void ExtentRoom::reserveInExtent(std::size_t index, __int64 growthBytes) {
             nullptr);
     }
     boundBytes += growthBytes;
-    assert(boundBytes <= kLengthLimitBytes);
+    assert(boundBytes >= lengthBytes && boundBytes <= kLengthLimitBytes);
 }
 
 } // namespace kelm::host

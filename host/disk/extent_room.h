@@ -17,8 +17,8 @@ constexpr __int64 kMaxExtentFileBytes = 0x20000000000;
 /// that count comes near the limit.
 class ExtentRoom {
 public:
-    /// `layout` must outlive the object. `worstCaseGrainBytes` is what a grain can take in a file at
-    /// most. `flush` brings what was written to the files, so that their lengths count.
+    /// `layout` must outlive the object. `worstCaseGrainBytes` is what a grain can take in a file
+    /// at most. `flush` brings what was written to the files, so that their lengths count.
     ExtentRoom(yx::IFileSystem* fileSystem, DiskLayout const& layout, __int64 worstCaseGrainBytes,
                std::function<void()> flush);
 

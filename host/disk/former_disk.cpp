@@ -1,7 +1,9 @@
 #include "host/disk/former_disk.h"
 
 #include <algorithm>
+#include <cassert>
 
+#include "host/disk/extent_names.h"
 #include "kelm/kelm.h"
 #include "yx/error.h"
 #include "yx/log.h"
@@ -9,16 +11,6 @@
 namespace kelm::host {
 
 namespace {
-
-/// Whether a name is that of the disk with "-s" and digits before the extension.
-bool isExtentName(yx::CURI const& main, yx::CURI const& extent) {
-    wxString digits;
-    wxString const prefix = main.getTitle().wx() + "-s";
-    if (extent.getExtension() != main.getExtension() ||
-        !extent.getTitle().wx().StartsWith(prefix, &digits))
-        return false;
-    return !digits.empty() && digits.find_first_not_of("0123456789") == wxString::npos;
-}
 
 yx::P<CVMDKDescriptor> readDescriptor(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     yx::P<yx::IIOStream> const stream =
@@ -46,7 +38,7 @@ FormerDisk::FormerDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri)
     try {
         noteExtentFiles(uri);
     } catch (yx::CError const&) {
-        // No disk, or one that nobody can read: whatever it had is not known to be its own.
+        // There is no disk, or one that cannot be read: which files are its own is not known.
         m_extentFiles.clear();
     }
 }
@@ -60,14 +52,15 @@ void FormerDisk::noteExtentFiles(yx::CURI const& uri) {
     for (yx::P<CVMDKExtentInfo> const& info : infos) {
         yx::CURI const file =
             vmdkFileReferenceToURI(main.getParent(), info->getFilename()).toNormalized();
-        if (file.getParent() == main.getParent() && isExtentName(main, file) &&
-            m_fileSystem->fileExists(file) && isExtentWithoutDescriptor(m_fileSystem.get(), file))
+        if (isExtentName(main, file) && m_fileSystem->fileExists(file) &&
+            isExtentWithoutDescriptor(m_fileSystem.get(), file))
             m_extentFiles.push_back(file);
     }
 }
 
 void FormerDisk::removeFilesBut(std::vector<yx::CURI> const& kept) {
     for (yx::CURI const& file : m_extentFiles) {
+        assert(file == file.toNormalized());
         if (std::find(kept.begin(), kept.end(), file) != kept.end())
             continue;
         try {

@@ -21,8 +21,8 @@ public:
     /// The files that may be removed.
     std::vector<yx::CURI> const& getExtentFiles() const { return m_extentFiles; }
 
-    /// Deletes the files but those in `kept`, which are normalised. What cannot be deleted is logged
-    /// as a warning.
+    /// Deletes the files but those in `kept`, which are normalised. What cannot be deleted is
+    /// logged as a warning.
     void removeFilesBut(std::vector<yx::CURI> const& kept);
 
 private:

@@ -15,9 +15,9 @@ public:
                        ZeroWriting& zeroWriting);
 
     /// Gives a grain that the parent holds a copy of its own. Flushes first if there are unwritten
-    /// changes, which a grain without a place of its own would lose. Grains that are here, or nowhere
-    /// in the chain, stay as they are, and so does a last grain that is cut short and reads as
-    /// zeros, as it does without a parent too. The content ID stays.
+    /// changes, which a grain without a place of its own would lose. Grains that are here, or
+    /// nowhere in the chain, stay as they are, and so does a last grain that is cut short and reads
+    /// as zeros, as it does without a parent too. The content ID stays.
     void makeGrainIndependent(__int64 grainIndex);
 
 private:

@@ -4,7 +4,7 @@
 
 namespace kelm::host {
 
-// The library tells both by their words alone.
+// The library distinguishes both by their messages alone.
 
 bool isPasswordMissing(yx::CError const& error) {
     return error.getMessage() == kPasswordMissingMessage;

@@ -25,10 +25,10 @@ void padToSector(yx::TBuffer<unsigned char>& data) {
 } // namespace
 
 PreparedReading::PreparedReading(CVMDKDisk& disk, DiskLayout const& layout, DiskReading& reading)
-    : m_disk(disk),
-      m_layout(layout),
+    : m_layout(layout),
       m_reading(reading),
-      m_hasParent(!disk.getParentDiskMainURI().isEmpty()) {}
+      m_hasParent(!disk.getParentDiskMainURI().isEmpty()),
+      m_isCompressed(disk.getCompressed()) {}
 
 bool PreparedReading::tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
     if (!m_layout.isWholeGrain(grainIndex))
@@ -36,17 +36,20 @@ bool PreparedReading::tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& da
     // Every further grain of such a parent would fail likewise.
     if (!m_parentIsOfOneForm && !m_reading.isGrainWrittenHere(grainIndex))
         return false;
-    if (!tryReadAsStored(grainIndex, data))
+    bool const isRead = m_reading.useDisk(
+        grainIndex, [&](CVMDKDisk& disk) { return tryReadFrom(disk, grainIndex, data); });
+    if (!isRead)
         return false;
     padToSector(data);
-    assert(m_disk.getCompressed() || data.getUsed() == m_layout.getGrainSizeBytes());
+    assert(m_isCompressed || data.getUsed() == m_layout.getGrainSizeBytes());
     return true;
 }
 
-bool PreparedReading::tryReadAsStored(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
+bool PreparedReading::tryReadFrom(CVMDKDisk& disk, __int64 grainIndex,
+                                  yx::TBuffer<unsigned char>& data) {
     try {
-        m_disk.seek(grainIndex * m_layout.getGrainSizeBytes());
-        m_disk.readPreparedGrainData(data);
+        disk.seek(grainIndex * m_layout.getGrainSizeBytes());
+        disk.readPreparedGrainData(data);
         return true;
     } catch (yx::CIOError& error) {
         // The parent ends within the grain.

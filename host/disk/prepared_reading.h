@@ -7,7 +7,7 @@ namespace kelm::host {
 /// Reads grains in the form in which a file stores them. Use `DiskReading` for plain bytes.
 class PreparedReading {
 public:
-    /// All of them must outlive the object.
+    /// `layout` and `reading` must outlive the object.
     PreparedReading(CVMDKDisk& disk, DiskLayout const& layout, DiskReading& reading);
 
     /// Fills `data` with a whole grain in prepared form, or returns false where that cannot be: the
@@ -16,12 +16,12 @@ public:
     bool tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
 
 private:
-    bool tryReadAsStored(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
+    bool tryReadFrom(CVMDKDisk& disk, __int64 grainIndex, yx::TBuffer<unsigned char>& data);
 
-    CVMDKDisk& m_disk;
     DiskLayout const& m_layout;
     DiskReading& m_reading;
     bool m_hasParent;
+    bool m_isCompressed;
     bool m_parentIsOfOneForm = true;
 };
 

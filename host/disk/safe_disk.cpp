@@ -12,30 +12,39 @@ using Content = DiskWriting::Content;
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                    yx::String const& password, int compressionLevel, int readCacheLimit)
-    : SafeDisk(fileSystem, openLockedDisk(fileSystem, uri, access, password, compressionLevel,
-                                          readCacheLimit)) {
+    : SafeDisk(yx::makeObject<SyncWatch>(fileSystem), uri, access, password, compressionLevel,
+               readCacheLimit) {}
+
+SafeDisk::SafeDisk(yx::P<SyncWatch> const& files, yx::CURI const& uri, yx::IIOStream::Access access,
+                   yx::String const& password, int compressionLevel, int readCacheLimit)
+    : SafeDisk(files,
+               openLockedDisk(files.get(), uri, access, password, compressionLevel, readCacheLimit),
+               password) {
     if (access != yx::IIOStream::ReadWrite)
         return;
     verifyWholeGrainExtents();
     m_extentFiles.verifyExist();
-    giveDescriptorRoom(fileSystem, m_disk->getMainFileURI());
+    giveDescriptorRoom(m_fileSystem.get(), m_disk->getMainFileURI());
     m_extentFiles.recover();
 }
 
-SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk)
-    : m_fileSystem(fileSystem),
+SafeDisk::SafeDisk(yx::P<SyncWatch> const& files, yx::P<CVMDKDisk> const& disk,
+                   yx::String const& password)
+    : m_fileSystem(files),
       m_disk(disk),
       m_hasParent(!disk->getParentDiskMainURI().isEmpty()),
       m_layout(*disk),
       m_contentIDChange(*disk),
-      m_extentFiles(fileSystem, m_layout, disk->getDescriptor()->getYxCreateExtentFilesOnDemand(),
-                    keyHashOf(*disk)),
-      m_room(fileSystem, m_layout, calcWorstCaseGrainBytes(*disk->createDataPreparer()),
+      m_extentFiles(files.get(), disk->getMainFileURI(), m_layout,
+                    disk->getDescriptor()->getYxCreateExtentFilesOnDemand(), keyHashOf(*disk)),
+      m_room(files.get(), m_layout, calcWorstCaseGrainBytes(*disk->createDataPreparer()),
              [this] { m_disk->flushChanges(); }),
       m_tableLimit(*disk, [this] { flush(); }),
-      m_reading(*disk, m_layout, m_tableLimit),
+      m_storedView(files.get(), disk->getMainFileURI(), password),
+      m_reading(*disk, m_layout, m_tableLimit, m_unflushed, m_storedView),
       m_preparedReading(*disk, m_layout, m_reading),
-      m_writing(*disk, m_layout, m_contentIDChange, m_extentFiles, m_room, m_tableLimit),
+      m_writing(*disk, m_layout, *files, m_contentIDChange, m_extentFiles, m_room, m_tableLimit,
+                m_unflushed, m_storedView),
       m_zeroWriting(*disk, m_layout, m_reading, m_writing),
       m_independence(*disk, m_layout, m_reading, m_preparedReading, m_writing, m_zeroWriting) {}
 
@@ -61,12 +70,15 @@ std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri
                       request.compressionLevel, request.fileSizeLimitBytes, parentRelPath,
                       parentContentID, request.createExtentFilesOnDemand);
     // Opened anew, for the cache without limit.
-    std::unique_ptr<SafeDisk> disk(new SafeDisk(
-        files, openLockedDisk(files, uri, yx::IIOStream::ReadWrite, request.password,
-                              request.compressionLevel, CVMDKGrainTableCache::kNoLimit)));
+    yx::P<SyncWatch> const watched = yx::makeObject<SyncWatch>(files);
+    std::unique_ptr<SafeDisk> disk(
+        new SafeDisk(watched,
+                     openLockedDisk(watched.get(), uri, yx::IIOStream::ReadWrite, request.password,
+                                    request.compressionLevel, CVMDKGrainTableCache::kNoLimit),
+                     request.password));
     for (yx::CURI const& file : disk->listFiles()) {
-        if (files->fileExists(file))
-            syncFile(files, file);
+        if (watched->fileExists(file))
+            syncFile(watched.get(), file);
     }
     return disk;
 }
@@ -97,6 +109,8 @@ void SafeDisk::read(__int64 positionBytes, void* buffer, int bytes) {
 
 void SafeDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
     m_writing.verifyMayWrite(positionBytes, bytes);
+    if (bytes < 1)
+        return;
     m_writing.reserveRoom(positionBytes, bytes);
     if (!m_hasParent) {
         m_writing.write(positionBytes, buffer, bytes, Content::Changes);

@@ -23,8 +23,8 @@ namespace kelm::host {
 constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDepth;
 
 /// A disk as a host should use it: by positions, and without the traps of the bare library. For
-/// disks of others, use `CVMDKDisk`. This class only opens a disk and puts its parts together; what
-/// each part sees to is told in its header:
+/// disks of others, use `CVMDKDisk`. This class only opens a disk and puts its parts together. The
+/// header of each part has the details:
 ///
 /// - `ExtentFiles`: no extent file is missing or half made.
 /// - `ExtentRoom`: no extent file outgrows 2 TiB.
@@ -34,6 +34,8 @@ constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDe
 /// - `ParentIndependence`: no unwritten change is lost to the parent's data.
 /// - `giveDescriptorRoom`: the first write does not fail on a text descriptor without room.
 /// - `openLockedDisk`: nobody reads a disk that is being written.
+/// - `SyncWatch`: no flush says that all is well after a sync has failed.
+/// - `DiskReading`: what is stored can be read while a full device refuses changes.
 ///
 /// A power cut harms nothing that was flushed, and a new disk is on the device with all its files
 /// before it is handed out.
@@ -45,17 +47,18 @@ public:
     /// Opens a disk. A main file that does not exist is `CIOError` `NotFound`, also for writing; a
     /// missing extent file of a disk to be written to is `NotFound` with that file's "uri". A disk
     /// in which an extent but the last is no whole number of grains is `NotSupported` for writing.
-    /// `readCacheLimit` is the most grain tables that a disk opened for reading keeps.
+    /// `readCacheLimit` is the most grain tables that a disk opened for reading keeps; one that is
+    /// opened for writing keeps up to `kMaxTablesInMemory`.
     SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
              yx::String const& password, int compressionLevel = -1,
              int readCacheLimit = CVMDKGrainTableCache::kDefaultLimit);
 
     /// Makes a disk through `files` and opens it for writing. An existing file in the place of one
     /// of the disk's files is `CIOError` `AlreadyExists`, unless `files` may overwrite. What
-    /// `verifyCanBeMade` refuses is `CInvalidArgError`. Even where `files` may overwrite, an existing
-    /// disk that is in use is `CLockFileError`, and a file of one of the parents is `NotAllowed`.
-    /// The guard takes away what was made, unless it is told to keep it once the disk is as it
-    /// should be; the disk must be gone first.
+    /// `verifyCanBeMade` refuses is `CInvalidArgError`. Even where `files` may overwrite, an
+    /// existing disk that is in use is `CLockFileError`, and a file of one of the parents is
+    /// `NotAllowed`. The guard takes away what was made, unless `FileGuard::keep` is called once
+    /// the disk is as it should be. The disk must be closed before the guard ends.
     static std::unique_ptr<SafeDisk> create(FileGuard* files, yx::CURI const& uri,
                                             NewDisk const& request);
 
@@ -79,7 +82,11 @@ public:
     /// Whether the grain can be stored in prepared form: it is no last grain that is cut short.
     bool isWholeGrain(__int64 grainIndex) const { return m_layout.isWholeGrain(grainIndex); }
 
-    /// Reads or writes exactly `bytes` bytes at `positionBytes`.
+    /// Makes a disk opened for writing keep at most so many grain tables; see `TableLimit::set`.
+    void limitTables(int maxTables) { m_tableLimit.set(maxTables); }
+
+    /// Reads or writes exactly `bytes` bytes at `positionBytes`. Writing a count below 1, of zeros
+    /// too, changes nothing.
     void read(__int64 positionBytes, void* buffer, int bytes);
     void write(__int64 positionBytes, void const* buffer, int bytes);
 
@@ -99,7 +106,7 @@ public:
     /// See `ParentIndependence`. Does nothing on a disk without a parent.
     void makeGrainIndependentOfParent(__int64 grainIndex);
 
-    /// Brings all changes to the device.
+    /// Brings all changes to the device; see `DiskWriting::flush`.
     void flush() { m_writing.flush(); }
 
     /// The files of the disk: the main file, then the extent files that are files of their own.
@@ -115,11 +122,14 @@ public:
     yx::IFileSystem* getFileSystem() { return m_fileSystem.get(); }
 
 private:
-    SafeDisk(yx::IFileSystem* fileSystem, yx::P<CVMDKDisk> const& disk);
+    SafeDisk(yx::P<SyncWatch> const& files, yx::CURI const& uri, yx::IIOStream::Access access,
+             yx::String const& password, int compressionLevel, int readCacheLimit);
+    SafeDisk(yx::P<SyncWatch> const& files, yx::P<CVMDKDisk> const& disk,
+             yx::String const& password);
 
     void verifyWholeGrainExtents() const;
 
-    yx::P<yx::IFileSystem> m_fileSystem;
+    yx::P<SyncWatch> m_fileSystem;
     yx::P<CVMDKDisk> m_disk;
     bool m_hasParent;
     DiskLayout m_layout;
@@ -127,6 +137,8 @@ private:
     ExtentFiles m_extentFiles;
     ExtentRoom m_room;
     TableLimit m_tableLimit;
+    UnflushedGrains m_unflushed;
+    StoredView m_storedView;
     DiskReading m_reading;
     PreparedReading m_preparedReading;
     DiskWriting m_writing;

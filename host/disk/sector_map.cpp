@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 
 namespace kelm::host {
 
@@ -11,6 +12,7 @@ constexpr __int64 kWordBits = 64;
 
 /// `count` set bits, of which the lowest is `first`.
 unsigned long long makeMask(__int64 first, __int64 count) {
+    assert(count >= 1 && first >= 0 && first + count <= kWordBits);
     return ~0ULL >> (kWordBits - count) << first;
 }
 
@@ -19,7 +21,9 @@ unsigned long long makeMask(__int64 first, __int64 count) {
 SectorMap::SectorMap(__int64 startSectors, __int64 sizeSectors)
     : m_startSectors(startSectors),
       m_sizeSectors(sizeSectors),
-      m_words(static_cast<std::size_t>((sizeSectors + kWordBits - 1) / kWordBits)) {}
+      m_words(static_cast<std::size_t>((sizeSectors + kWordBits - 1) / kWordBits)) {
+    assert(startSectors >= 0 && sizeSectors >= 0);
+}
 
 __int64 SectorMap::take(__int64 startSectors, __int64 sizeSectors) {
     __int64 const end = std::min(startSectors + sizeSectors - m_startSectors, m_sizeSectors);

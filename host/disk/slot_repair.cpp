@@ -1,6 +1,7 @@
 #include "host/disk/slot_repair.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "host/disk/record_size.h"
 #include "host/disk/sector_map.h"
@@ -65,7 +66,7 @@ private:
     void visitSlots(Visit const& visit) {
         for (__int64 grain = 0; grain < m_grainCount; ++grain) {
             if (grain % kGrainsInMemory == 0) {
-                // A table that leaves the cache unflushed could not tell of a failure.
+                // A table that leaves the cache unflushed could not report a failure.
                 m_directory->flushChangesToStream();
                 if (grain > 0)
                     m_tables->clear();
@@ -126,11 +127,13 @@ private:
     }
 
     void repair(Slot const& slot, __int64 roomSectors) {
+        assert(slot.posSectors > 0);
         if (slot.sizeSectors > 0 && slot.sizeSectors <= roomSectors)
             return;
         __int64 const recordSectors = readRecordSize(slot);
         if (recordSectors < 1 || recordSectors > roomSectors)
             return;
+        assert(recordSectors <= kMaxSlotSizeSectors);
         m_directory->setGrainInfo(slot.grainIndex, slot.posSectors,
                                   slot.sizeSectors == 0 ? recordSectors : roomSectors);
         ++m_repairCount;

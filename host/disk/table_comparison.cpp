@@ -216,7 +216,8 @@ private:
         }
     }
 
-    /// Calls `visit` with the table and the place of every grain, and whether only the table has it.
+    /// Calls `visit` with the table and the place of every grain, and whether only the table has
+    /// it.
     template <class Visit>
     void visitEntries(Visit const& visit) {
         for (__int64 table = 0; table < m_tableCount; ++table) {

@@ -22,8 +22,8 @@ struct DamagedTable {
 };
 
 /// Compares the grain tables of an extent file with their redundant copies, and calls `report` for
-/// each that is damaged, in order. Only the main table is read otherwise, so a sector of it that was
-/// lost would read as grains that were never written. An extent without redundant tables has
+/// each that is damaged, in order. Only the main table is read otherwise, so a sector of it that
+/// was lost would read as grains that were never written. An extent without redundant tables has
 /// nothing to compare. `startGrainIndex` is the index in the disk of the extent's first grain.
 ///
 /// A copy may lag behind its table after a power cut, which is no damage: the table then names

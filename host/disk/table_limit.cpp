@@ -1,5 +1,6 @@
 #include "host/disk/table_limit.h"
 
+#include <algorithm>
 #include <cassert>
 
 namespace kelm::host {
@@ -9,9 +10,14 @@ TableLimit::TableLimit(CVMDKDisk& disk, std::function<void()> flush)
     assert(m_flush);
 }
 
+void TableLimit::set(int maxTables) {
+    assert(maxTables >= 1);
+    m_tooManyTables = std::min(maxTables, kMaxTablesInMemory - 1) + 1;
+}
+
 void TableLimit::keep() {
     yx::P<CVMDKGrainTableCache> const tables = m_disk.getGrainTableCache();
-    if (tables->getCachedTableCount() < kMaxTablesInMemory)
+    if (tables->getCachedTableCount() < m_tooManyTables)
         return;
     // All extents but the current one were flushed when they were left, so after this no table is
     // changed.

@@ -6,8 +6,8 @@
 
 namespace kelm::host {
 
-/// The grain tables that a disk keeps in memory, with those of its parents: up to 48 MiB, for 512 GiB
-/// of disk with grains of 64 KiB.
+/// The grain tables that a disk keeps in memory, with those of its parents: up to 48 MiB, for 512
+/// GiB of disk with grains of 64 KiB.
 constexpr int kMaxTablesInMemory = 16384;
 
 /// Bounds the grain tables of a disk whose cache has no limit of its own.
@@ -19,12 +19,19 @@ public:
     /// `disk` must outlive the object. `flush` brings all changes of the disk to its files.
     TableLimit(CVMDKDisk& disk, std::function<void()> flush);
 
+    /// Keeps at most so many tables from now on, 1 or more, and never more than
+    /// `kMaxTablesInMemory`. One operation may go beyond that, since tables are loaded in runs.
+    void set(int maxTables);
+
     /// Comes before every operation that may bring further tables into memory.
     void keep();
 
 private:
     CVMDKDisk& m_disk;
     std::function<void()> m_flush;
+
+    /// As many bring about the flush.
+    int m_tooManyTables = kMaxTablesInMemory;
 };
 
 } // namespace kelm::host

@@ -5,8 +5,9 @@
 namespace kelm::host {
 
 /// Gives a compressed extent the trail that must end its file, at a sector boundary: footer marker,
-/// copy of the header, end-of-stream marker. A file that was cut off within a sector would otherwise
-/// stay as it is until a grain is added, since the library puts the trail behind the last byte.
+/// copy of the header, end-of-stream marker. A file that was cut off within a sector would
+/// otherwise stay as it is until a grain is added, since the library puts the trail behind the last
+/// byte.
 ///
 /// A trail that stands in the wrong place moves to the next sector boundary. Where there is no
 /// trail, one is written behind all that the file holds; nothing else is overwritten or removed.

@@ -46,7 +46,7 @@ void report(std::exception const& error) {
     nbdkit_set_error(errnoOf(error));
 }
 
-/// What a callback returns: 0, or -1 after the error has been told.
+/// What a callback returns: 0, or -1 after the error has been reported.
 template <class Action>
 int guarded(Action const& action) {
     try {
@@ -64,7 +64,7 @@ bool isServedForWriting() {
 }
 
 void load() {
-    // Errors that the library logs are thrown too, and told then.
+    // Errors that the library logs are thrown too, and reported then.
     yx::setLogHandler([](yx::LogEntry const& entry) {
         if (entry.level == yx::LogLevel::Warning) {
             nbdkit_error("warning: %s", host::printable(entry.message.toStdString()).c_str());

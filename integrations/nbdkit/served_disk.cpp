@@ -33,6 +33,9 @@ void ServedDisk::open(yx::IIOStream::Access access) {
     auto opened = std::make_unique<host::SafeDisk>(
         m_fileSystem.get(), m_settings.uri, access, password, kDefaultCompressionLevel,
         m_settings.maxCachedTables.value_or(CVMDKGrainTableCache::kDefaultLimit));
+    // A table that left the cache by itself could come back stale while it has changes.
+    if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
+        opened->limitTables(*m_settings.maxCachedTables);
     m_parents = host::openParents(m_fileSystem.get(), *opened, password);
     m_disk = std::move(opened);
     m_access = access;
@@ -47,17 +50,14 @@ void ServedDisk::close() {
 
 void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
     disk().read(positionBytes, buffer, bytes);
-    limitCache();
 }
 
 void ServedDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
     disk().write(positionBytes, buffer, bytes);
-    limitCache();
 }
 
 void ServedDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
     disk().writeZeros(positionBytes, bytes);
-    limitCache();
 }
 
 std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes,
@@ -78,21 +78,7 @@ std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes
         runs.back().lengthBytes += nextBytes - positionBytes;
         positionBytes = nextBytes;
     }
-    limitCache();
     return runs;
-}
-
-/// The limit given for a disk that is written to; `host::SafeDisk` keeps to one of its own.
-void ServedDisk::limitCache() {
-    if (!m_settings.maxCachedTables || !isWritable())
-        return;
-    CVMDKGrainTableCache& cache = *disk().getDisk().getGrainTableCache();
-    if (cache.getCachedTableCount() <= *m_settings.maxCachedTables)
-        return;
-    // A table that left the cache by itself could come back stale while it has changes; after a
-    // flush, none has.
-    disk().flush();
-    cache.clear();
 }
 
 } // namespace kelm::nbd

@@ -63,7 +63,6 @@ public:
 
 private:
     host::SafeDisk& disk() const;
-    void limitCache();
 
     DiskSettings m_settings;
     yx::P<yx::IFileSystem> m_fileSystem;

@@ -33,7 +33,7 @@ public:
     /// What is wrong with a grain's content; empty if nothing is.
     std::string checkContent(int grain, Bytes const& content) const;
 
-    /// Whether reading the grain may be an error. `isRecovered` tells that the disk was opened for
+    /// Whether reading the grain may be an error. `isRecovered` means that the disk was opened for
     /// writing by `SafeDisk` after the cut.
     bool mayFail(int grain, bool isRecovered) const;
 

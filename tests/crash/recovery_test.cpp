@@ -164,7 +164,7 @@ TEST_F(Recovery, ContentIDThatCannotBeStoredIsTriedAgain) {
     unsigned int const oldID = storedContentID();
     yx::P<FaultyFileSystem> const faulty = yx::makeObject<FaultyFileSystem>(files.get());
     SafeDisk disk(faulty.get(), crashURI(kMainFile), kReadWrite, "", 1);
-    faulty->add({.kinds = {FileOperation::Kind::Flush}});
+    faulty->add({.kinds = {FileOperation::Kind::Write}});
     EXPECT_THROW(writeGrain(disk, 0, pattern(100, 1)), yx::CIOError);
     EXPECT_EQ(oldID, disk.getDisk().getDescriptor()->getContentID());
     writeGrain(disk, 0, pattern(100, 1));
@@ -226,22 +226,25 @@ protected:
     yx::CURI m_file = crashURI("disk-s00001.vmdk");
 };
 
-TEST_F(OnDemandRecovery, UnfinishedFileIsRemoved) {
+TEST_F(OnDemandRecovery, UnfinishedFileIsMovedAside) {
     Bytes const whole = emptyExtentFile();
-    Bytes headless = whole;
-    std::fill_n(headless.begin(), 512, static_cast<unsigned char>(0));
-    for (Bytes const& content : {Bytes(), zeros(700), zeros(whole.size()), headless,
-                                 slice(whole, 0, 5000), slice(headless, 0, whole.size() - 512)}) {
+    Bytes withHole = whole;
+    std::fill_n(withHole.begin() + 512, 4096, static_cast<unsigned char>(0));
+    yx::CURI const aside = crashURI("disk-s00001.vmdk.unfinished");
+    for (Bytes const& content :
+         {Bytes(), slice(whole, 0, 300), slice(whole, 0, 512), slice(whole, 0, 5000), withHole}) {
         files->putFile(m_file, toBuffer(content));
+        files->deleteFile(aside, true);
         EXPECT_THROW(readGrain(*open(kReadOnly), m_secondGrain), yx::CError);
         LogCapture const log;
         {
             std::unique_ptr<SafeDisk> const disk = open();
             ASSERT_EQ(1U, log.entries().size());
-            EXPECT_EQ("Removing the unfinished extent file 'mem:///disks/disk-s00001.vmdk'. It "
-                      "holds no data.",
+            EXPECT_EQ("Moved the unfinished extent file 'mem:///disks/disk-s00001.vmdk' to "
+                      "'mem:///disks/disk-s00001.vmdk.unfinished'. It holds no data.",
                       log.entries()[0].message);
             EXPECT_FALSE(files->fileExists(m_file));
+            EXPECT_TRUE(sameBytes(content, toBytes(files->getFile(aside))));
             EXPECT_TRUE(sameBytes(zeros(kGrainBytes), readGrain(*disk, m_secondGrain)));
         }
         std::unique_ptr<SafeDisk> const disk = open();
@@ -251,7 +254,7 @@ TEST_F(OnDemandRecovery, UnfinishedFileIsRemoved) {
     }
 }
 
-TEST_F(OnDemandRecovery, FileThatMayHoldDataIsKept) {
+TEST_F(OnDemandRecovery, FileThatMayHoldDataOrBeSomebodysIsKept) {
     Bytes const whole = emptyExtentFile();
     Bytes withGrain;
     {
@@ -263,7 +266,10 @@ TEST_F(OnDemandRecovery, FileThatMayHoldDataIsKept) {
     std::fill_n(withGrain.begin(), 512, static_cast<unsigned char>(0));
     Bytes strange = whole;
     strange[4000] = 7;
-    for (Bytes const& content : {whole, withGrain, strange}) {
+    Bytes headless = whole;
+    std::fill_n(headless.begin(), 512, static_cast<unsigned char>(0));
+    for (Bytes const& content : {whole, withGrain, strange, headless, zeros(512), zeros(700),
+                                 zeros(whole.size()), pattern(300, 1)}) {
         files->putFile(m_file, toBuffer(content));
         open();
         EXPECT_TRUE(sameBytes(content, files->getFile(m_file)));

@@ -228,6 +228,47 @@ TEST_F(Plugin, TellsOfAFullDevice) {
         << outcome.err;
 }
 
+TEST_F(Plugin, ServesWhatIsStoredThoughTheDeviceIsFull) {
+    for (DiskKind const& kind : {kPlain, kCompressed}) {
+        SCOPED_TRACE(kind.name);
+        makeDisk(kind);
+        auto const limitFiles = [] {
+            std::signal(SIGXFSZ, SIG_IGN);
+            rlimit const limit{8 << 20, 8 << 20};
+            ::setrlimit(RLIMIT_FSIZE, &limit);
+        };
+        // With few tables in memory, reads flush.
+        for (Arguments const& parameters : {Arguments{}, Arguments{"cache-tables=1"}}) {
+            std::unique_ptr<Server> const server = serve({}, parameters, {limitFiles, ""});
+            {
+                Client const client(server->socketPath());
+                std::mt19937 random(3);
+                std::map<std::size_t, std::string> stored;
+                int error = 0;
+                for (std::size_t at = 0; error == 0 && at < kDiskBytes; at += kGrainBytes) {
+                    std::string noise(kGrainBytes, '\0');
+                    for (char& byte : noise)
+                        byte = static_cast<char>(random());
+                    error = client.write(at, noise);
+                    if (error == 0)
+                        error = client.flush();
+                    if (error == 0)
+                        stored[at] = noise;
+                }
+                EXPECT_EQ(error, ENOSPC);
+                EXPECT_EQ(client.flush(), ENOSPC);
+                EXPECT_GT(stored.size(), 64U);
+                for (auto const& [at, bytes] : stored)
+                    ASSERT_EQ(client.read(at, bytes.size()), bytes) << at;
+                std::size_t const storedBytes = stored.size() * kGrainBytes;
+                EXPECT_EQ(client.listExtents(0, storedBytes).front(), (Extent{storedBytes, false}));
+            }
+            server->stop();
+        }
+        std::filesystem::remove(path("disk.vmdk"));
+    }
+}
+
 TEST_F(Plugin, TellsOfDamage) {
     std::string const image(kDiskBytes, 'x');
     makeDisk(kCompressed, "", image);

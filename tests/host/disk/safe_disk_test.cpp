@@ -212,6 +212,29 @@ TEST_F(SafeDiskTest, RefusesWhatLiesOutsideAndWritesNothing) {
     EXPECT_TRUE(sameBytes(zeros(8), readFrom(*disk, 8388600, 8)));
 }
 
+TEST_F(SafeDiskTest, CountBelowOneChangesNothing) {
+    createSafe({}, "parent.vmdk");
+    createSafe({}, "child.vmdk", "parent.vmdk");
+    createSafe({"split", false, kSplitLimit, "", true}, "demand.vmdk");
+    for (char const* const name : {"parent.vmdk", "child.vmdk", "demand.vmdk"}) {
+        SCOPED_TRACE(name);
+        Bytes const before = toBytes(files->getFile(uriOf(name)));
+        std::vector<std::string> const namesBefore = fileNames();
+        {
+            std::unique_ptr<SafeDisk> const disk = openSafe(name);
+            for (int const count : {0, -1, -70000}) {
+                for (__int64 const position : {__int64{0}, __int64{65536}, kSmallestDiskBytes}) {
+                    disk->write(position, nullptr, count);
+                    disk->writeZeros(position, count);
+                }
+            }
+            disk->flush();
+        }
+        EXPECT_TRUE(sameBytes(before, toBytes(files->getFile(uriOf(name)))));
+        EXPECT_EQ(namesBefore, fileNames());
+    }
+}
+
 TEST_F(SafeDiskTest, ReadOnlyDiskRefusesZerosToo) {
     createSafe({});
     std::unique_ptr<SafeDisk> const disk = openSafe("disk.vmdk", kReadOnly);

@@ -1,0 +1,92 @@
+#include "host/store/file_moving.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "host/system/file_descriptor.h"
+#include "yx/error.h"
+#include "yx/native_file_system.h"
+
+namespace kelm::host {
+
+namespace {
+
+constexpr __int64 kPieceBytes = 1024 * 1024;
+
+[[noreturn]] void throwExists(yx::CURI const& uri) {
+    throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
+                       yx::CProps().add("uri", uri.toString(true)), nullptr);
+}
+
+/// Whether it was done; if not, `errno` says why.
+bool tryRename(std::string const& from, std::string const& to) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return true;
+    // Not every file system can do that in one step.
+    bool const mayBeUnknown = errno == EINVAL || errno == ENOSYS;
+    return mayBeUnknown && ::link(from.c_str(), to.c_str()) == 0 && ::unlink(from.c_str()) == 0;
+}
+
+void renameNativeFile(yx::CURI const& from, yx::CURI const& to) {
+    std::string const path = yx::toNativePath(from).toStdString();
+    if (tryRename(path, yx::toNativePath(to).toStdString()))
+        return;
+    if (errno == EEXIST)
+        throwExists(to);
+    throwSystemError("Cannot rename the file", path);
+}
+
+void copyFile(yx::IFileSystem* fileSystem, yx::CURI const& from, yx::CURI const& to) {
+    unsigned int reserved = 0;
+    yx::P<yx::IIOStream> const source =
+        fileSystem->openFile(from, yx::IIOStream::ReadOnly, &reserved);
+    if (fileSystem->fileExists(to))
+        throwExists(to);
+    yx::P<yx::IIOStream> const target =
+        fileSystem->openFile(to, yx::IIOStream::ReadWrite, &reserved);
+    std::vector<unsigned char> piece(
+        static_cast<std::size_t>(std::min(source->getLength(), kPieceBytes)));
+    for (__int64 left = source->getLength(); left > 0;) {
+        auto const size = static_cast<int>(std::min(left, kPieceBytes));
+        source->read(piece.data(), size);
+        target->write(piece.data(), size, nullptr);
+        left -= size;
+    }
+    target->flush();
+    target->close();
+}
+
+} // namespace
+
+void moveFile(yx::IFileSystem* fileSystem, yx::CURI const& from, yx::CURI const& to) {
+    assert(from.getParent() == to.getParent());
+    if (auto* const mover = dynamic_cast<IFileMover*>(fileSystem)) {
+        mover->moveFile(from, to);
+    } else if (dynamic_cast<yx::CNativeFileSystem*>(fileSystem)) {
+        renameNativeFile(from, to);
+    } else {
+        copyFile(fileSystem, from, to);
+        fileSystem->deleteFile(from, false);
+    }
+}
+
+yx::CURI moveAside(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& suffix) {
+    yx::String const name = uri.getName() + "." + suffix;
+    for (int number = 1;; ++number) {
+        yx::String const numbered = number == 1 ? name : name + "." + yx::toString(number);
+        yx::CURI const target = (uri.getParent() << numbered).toNormalized();
+        if (fileSystem->fileExists(target))
+            continue;
+        moveFile(fileSystem, uri, target);
+        return target;
+    }
+}
+
+} // namespace kelm::host
