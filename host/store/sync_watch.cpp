@@ -87,6 +87,7 @@ public:
             throw;
         }
         assert(!m_hasWritten || !m_memory->hasFailure());
+        m_hasWritten = false;
     }
 
     int getPositionAlign() override { return m_aligned ? m_aligned->getPositionAlign() : 1; }

@@ -20,7 +20,7 @@ public:
     void verifyNoneFailed() const;
 
     /// Streams opened for writing are watched. Their `flush` throws the error of the first failure
-    /// again, without trying, where they have written anything since they were opened.
+    /// again, without trying, where they have written anything since they were last synced.
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* reserved) override;
 

@@ -48,7 +48,7 @@ protected:
     }
 
     /// Writes until the device refuses.
-    void writeUntilRefused(SafeDisk& disk) {
+    void writeUntilRefused(SafeDisk& disk, bool isOnDemand = false) {
         bool isRefused = false;
         for (int grain = 60; grain < 128 && !isRefused; ++grain) {
             try {
@@ -58,7 +58,10 @@ protected:
                 isRefused = true;
             }
         }
-        EXPECT_THROW(disk.flush(), yx::CIOError);
+        // Where a file could not be made, nothing is left in memory.
+        if (!isOnDemand) {
+            EXPECT_THROW(disk.flush(), yx::CIOError);
+        }
     }
 
     yx::P<FaultyFileSystem> faulty;
@@ -69,10 +72,13 @@ protected:
 TEST_F(FullDevice, EveryStoredGrainCanBeRead) {
     for (bool const isChild : {false, true}) {
         for (DiskKind const& kind : allDiskKinds()) {
+            // To stretch a password takes most of the time.
+            if (isChild && kind.password[0] != '\0')
+                continue;
             SCOPED_TRACE(std::string(kind.name) + (isChild ? ", child" : ""));
             std::unique_ptr<SafeDisk> const disk = makeStored(kind, isChild);
             fill();
-            writeUntilRefused(*disk);
+            writeUntilRefused(*disk, kind.onDemand);
             for (int grain = 0; grain < kStoredGrains; ++grain) {
                 ASSERT_TRUE(sameBytes(contentOf(grain), readGrain(*disk, grain))) << grain;
                 EXPECT_TRUE(disk->isGrainWritten(grain)) << grain;
