@@ -13,9 +13,16 @@ void readAt(CVMDKDisk& disk, __int64 positionBytes, void* buffer, int bytes) {
 
 } // namespace
 
+/// Notes that an operation has failed; whether changes in memory may be the reason.
+bool DiskReading::becomesStuck() {
+    if (m_unflushed)
+        m_unflushed->noteFailure();
+    return isStuck();
+}
+
 CVMDKDisk& DiskReading::chooseDisk(__int64 grainIndex) {
-    assert(m_unflushed.areStuck());
-    return m_unflushed.contains(grainIndex) ? m_disk : m_storedView.getDisk();
+    assert(isStuck() && m_storedView);
+    return m_unflushed->contains(grainIndex) ? m_disk : m_storedView->getDisk();
 }
 
 void DiskReading::read(__int64 positionBytes, void* buffer, int bytes) {
@@ -26,18 +33,17 @@ void DiskReading::read(__int64 positionBytes, void* buffer, int bytes) {
         readAt(m_disk, positionBytes, buffer, bytes);
         return;
     }
-    if (!m_unflushed.areStuck()) {
+    if (!isStuck()) {
         try {
             m_tableLimit.keep();
             readAt(m_disk, positionBytes, buffer, bytes);
             return;
         } catch (yx::CError const&) {
-            m_unflushed.noteFailure();
-            if (!m_unflushed.areStuck())
+            if (!becomesStuck())
                 throw;
         }
     }
-    assert(!m_unflushed.isEmpty());
+    assert(!m_unflushed->isEmpty());
     auto* target = static_cast<unsigned char*>(buffer);
     m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
         readAt(chooseDisk(partBytes / grainSizeBytes), partBytes, target, size);

@@ -16,9 +16,10 @@ namespace kelm::host {
 /// and so are all others of that kind until the next flush that succeeds.
 class DiskReading {
 public:
-    /// All of them must outlive the object.
+    /// All of them must outlive the object. Without the last two, for the reads of operations that
+    /// write, every failure passes.
     DiskReading(CVMDKDisk& disk, DiskLayout const& layout, TableLimit& tableLimit,
-                UnflushedGrains& unflushed, StoredView& storedView)
+                UnflushedGrains* unflushed = nullptr, StoredView* storedView = nullptr)
         : m_disk(disk),
           m_layout(layout),
           m_tableLimit(tableLimit),
@@ -39,14 +40,13 @@ public:
     /// may be called twice, and throws no error but those of the disk.
     template <class Use>
     auto useDisk(__int64 grainIndex, Use const& use) {
-        if (!m_unflushed.areStuck()) {
+        if (!isStuck()) {
             try {
                 m_tableLimit.keep();
                 return use(m_disk);
             } catch (yx::CError const&) {
-                m_unflushed.noteFailure();
                 // Without changes in memory, nothing but the read itself has failed.
-                if (!m_unflushed.areStuck())
+                if (!becomesStuck())
                     throw;
             }
         }
@@ -54,13 +54,17 @@ public:
     }
 
 private:
+    bool isStuck() const { return m_unflushed && m_unflushed->areStuck(); }
+    bool becomesStuck();
     CVMDKDisk& chooseDisk(__int64 grainIndex);
 
     CVMDKDisk& m_disk;
     DiskLayout const& m_layout;
     TableLimit& m_tableLimit;
-    UnflushedGrains& m_unflushed;
-    StoredView& m_storedView;
+
+    /// Null together.
+    UnflushedGrains* m_unflushed;
+    StoredView* m_storedView;
 };
 
 } // namespace kelm::host

@@ -41,12 +41,15 @@ SafeDisk::SafeDisk(yx::P<SyncWatch> const& files, yx::P<CVMDKDisk> const& disk,
              [this] { m_disk->flushChanges(); }),
       m_tableLimit(*disk, [this] { flush(); }),
       m_storedView(files.get(), disk->getMainFileURI(), password),
-      m_reading(*disk, m_layout, m_tableLimit, m_unflushed, m_storedView),
+      m_reading(*disk, m_layout, m_tableLimit, &m_unflushed, &m_storedView),
       m_preparedReading(*disk, m_layout, m_reading),
+      m_strictReading(*disk, m_layout, m_tableLimit),
+      m_strictPreparedReading(*disk, m_layout, m_strictReading),
       m_writing(*disk, m_layout, *files, m_contentIDChange, m_extentFiles, m_room, m_tableLimit,
                 m_unflushed, m_storedView),
-      m_zeroWriting(*disk, m_layout, m_reading, m_writing),
-      m_independence(*disk, m_layout, m_reading, m_preparedReading, m_writing, m_zeroWriting) {}
+      m_zeroWriting(*disk, m_layout, m_strictReading, m_writing),
+      m_independence(*disk, m_layout, m_strictReading, m_strictPreparedReading, m_writing,
+                     m_zeroWriting) {}
 
 std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri,
                                            NewDisk const& request) {

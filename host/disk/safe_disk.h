@@ -141,6 +141,10 @@ private:
     StoredView m_storedView;
     DiskReading m_reading;
     PreparedReading m_preparedReading;
+
+    // What operations that write read before: there, a change that cannot be stored is an error.
+    DiskReading m_strictReading;
+    PreparedReading m_strictPreparedReading;
     DiskWriting m_writing;
     ZeroWriting m_zeroWriting;
     ParentIndependence m_independence;
