@@ -11,7 +11,7 @@ namespace kelm::host {
 namespace {
 
 constexpr int kBitsOfDigit = 4;
-constexpr int kMaxDigits = 8;
+constexpr int kMaxContentIDDigits = 8;
 
 int countDigits(unsigned int contentID) {
     return static_cast<int>(yx::toHexString(contentID).wx().length());
@@ -21,10 +21,10 @@ int countDigits(unsigned int contentID) {
 
 unsigned int drawContentIDLike(unsigned int contentID) {
     int const digits = countDigits(contentID);
-    assert(digits >= 1 && digits <= kMaxDigits);
+    assert(digits >= 1 && digits <= kMaxContentIDDigits);
     for (;;) {
         unsigned int const drawn =
-            yx::CMTRand::drawGlobal32() >> kBitsOfDigit * (kMaxDigits - digits);
+            yx::CMTRand::drawGlobal32() >> kBitsOfDigit * (kMaxContentIDDigits - digits);
         if (drawn != 0 && drawn != kNoParentContentID && drawn != contentID &&
             countDigits(drawn) == digits)
             return drawn;

@@ -6,7 +6,7 @@ namespace kelm::host {
 
 namespace {
 
-void readAt(CVMDKDisk& disk, __int64 positionBytes, void* buffer, int bytes) {
+void readDiskAt(CVMDKDisk& disk, __int64 positionBytes, void* buffer, int bytes) {
     disk.seek(positionBytes);
     disk.read(buffer, bytes);
 }
@@ -30,13 +30,13 @@ void DiskReading::read(__int64 positionBytes, void* buffer, int bytes) {
     bool const isInDisk = positionBytes >= 0 && positionBytes <= m_layout.getSizeBytes() - bytes;
     if (!isInDisk) {
         // Refused in the words of the library.
-        readAt(m_disk, positionBytes, buffer, bytes);
+        readDiskAt(m_disk, positionBytes, buffer, bytes);
         return;
     }
     if (!isStuck()) {
         try {
             m_tableLimit.keep();
-            readAt(m_disk, positionBytes, buffer, bytes);
+            readDiskAt(m_disk, positionBytes, buffer, bytes);
             return;
         } catch (yx::CError const&) {
             if (!becomesStuck())
@@ -46,7 +46,7 @@ void DiskReading::read(__int64 positionBytes, void* buffer, int bytes) {
     assert(!m_unflushed->isEmpty());
     auto* target = static_cast<unsigned char*>(buffer);
     m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
-        readAt(chooseDisk(partBytes / grainSizeBytes), partBytes, target, size);
+        readDiskAt(chooseDisk(partBytes / grainSizeBytes), partBytes, target, size);
         target += size;
     });
 }
