@@ -150,12 +150,21 @@ TYPED_TEST(LockFile, AFileThatACrashLeftIsTakenOver) {
     }
 }
 
+TYPED_TEST(LockFile, WhatAPowerCutLeavesOfAMarkIsTakenOver) {
+    std::string const kContents[] = {std::string(1, '\0'), std::string(32, '\0'), "kelm dead lock:",
+                                     std::string(kMark, 20) + std::string(12, '\0')};
+    for (std::string const& content : kContents) {
+        this->put(content);
+        CLockFile(&this->files(), this->uri(), CLockFile::Exclusive, false, true);
+        EXPECT_FALSE(this->files().fileExists(this->uri()));
+    }
+}
+
 TYPED_TEST(LockFile, SomebodysFileIsLeftAsItIs) {
     std::string const kContents[] = {"x",
                                      "[metadata]\n",
-                                     std::string(1, '\0'),
                                      std::string(77, '\0'),
-                                     "kelm dead lock:",
+                                     "kelm dead lick",
                                      std::string(kMark) + "0",
                                      "kelm dead lock: 0123456789abcdeg",
                                      std::string(100000, 'k')};

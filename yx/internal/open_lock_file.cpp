@@ -1,6 +1,5 @@
 #include "yx/internal/open_lock_file.h"
 
-#include <algorithm>
 #include <cassert>
 #include <string_view>
 
@@ -37,10 +36,19 @@ std::string readStart(IInStream& stream) {
     return content;
 }
 
+/// Whether a file holds a mark, or what a power cut can leave of one: bytes that did not reach the
+/// device are zeros, or missing at the end.
 bool isMark(std::string_view content) {
-    return content.size() <= kMarkSizeBytes && content.starts_with(kMarkPrefix) &&
-           std::ranges::all_of(content.substr(kMarkPrefix.size()),
-                               [](char character) { return hexDigitValue(character) >= 0; });
+    if (content.size() > kMarkSizeBytes)
+        return false;
+    for (std::size_t at = 0; at < content.size(); ++at) {
+        char const character = content[at];
+        bool const isOfMark =
+            at < kMarkPrefix.size() ? character == kMarkPrefix[at] : hexDigitValue(character) >= 0;
+        if (character != '\0' && !isOfMark)
+            return false;
+    }
+    return true;
 }
 
 P<IIOStream> open(IFileSystem& fileSystem, CURI const& uri, IIOStream::Access access) {
