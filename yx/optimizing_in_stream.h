@@ -29,8 +29,11 @@ public:
     /// Holds a reference to `stream`, which must not be null and must have no other user as long
     /// as this object lives, since its position moves with every access.
     explicit COptimizingInStream(IInStream* stream);
-    COptimizingInStream(COptimizingInStream const&) = delete;
-    COptimizingInStream& operator=(COptimizingInStream const&) = delete;
+
+    /// A copy is a second handle on the same layer: both share the stream, what is buffered, and the
+    /// position, and when one is closed, so is the other.
+    COptimizingInStream(COptimizingInStream const&) = default;
+    COptimizingInStream& operator=(COptimizingInStream const&) = default;
     ~COptimizingInStream() override;
 
     /// That of the stream under it, with what is still held back here.
@@ -67,8 +70,8 @@ protected:
     /// For the class that adds writing.
     explicit COptimizingInStream(std::unique_ptr<detail::StreamBuffering> buffering);
 
-    /// What both halves work on.
-    std::unique_ptr<detail::StreamBuffering> m_buffering;
+    /// What both halves work on, shared with copies.
+    std::shared_ptr<detail::StreamBuffering> m_buffering;
 };
 
 } // namespace yx

@@ -8,6 +8,13 @@ namespace yx {
 COptimizingIOStream::COptimizingIOStream(IIOStream* stream)
     : COptimizingInStream(std::make_unique<detail::StreamBuffering>(stream, stream)) {}
 
+COptimizingIOStream& COptimizingIOStream::operator=(COptimizingIOStream const& other) {
+    if (m_buffering != other.m_buffering)
+        m_buffering->writeBack();
+    COptimizingInStream::operator=(other);
+    return *this;
+}
+
 COptimizingIOStream::~COptimizingIOStream() {
     try {
         m_buffering->writeBack();

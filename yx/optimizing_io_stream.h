@@ -34,6 +34,11 @@ public:
     /// with all bytes kept if it cannot.
     explicit COptimizingIOStream(IIOStream* stream);
 
+    /// Copies share all, as for `COptimizingInStream`. An assignment first writes back what is held
+    /// here; a failure to do so passes, and nothing is assigned.
+    COptimizingIOStream(COptimizingIOStream const&) = default;
+    COptimizingIOStream& operator=(COptimizingIOStream const& other);
+
     /// Writes back, without a flush of the stream under it. A failure goes to
     /// `onExceptionInDestructorIgnored`; to see it, call `close` or `flush` first.
     ~COptimizingIOStream() override;

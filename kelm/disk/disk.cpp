@@ -1,5 +1,7 @@
 #include "kelm/disk/disk.h"
 
+#include <cassert>
+
 #include "kelm/extent/internal/grain_position.h"
 #include "kelm/extent/low_level_file_stream.h"
 #include "kelm/extent/on_demand_extent_file.h"
@@ -11,6 +13,22 @@
 #include "yx/log.h"
 
 namespace kelm {
+
+namespace {
+
+/// For an assertion: whether the extents follow each other from the disk's start to its end.
+template <class Extents>
+[[maybe_unused]] bool hasNoGaps(Extents const& extents, __int64 sizeSectors) {
+    __int64 endSector = 0;
+    for (auto const& [key, value] : extents) {
+        if (key.m_startSector != endSector)
+            return false;
+        endSector += key.m_sizeSectors;
+    }
+    return endSector == sizeSectors;
+}
+
+} // namespace
 
 CVMDKDisk::CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                      yx::String const& password, int compressionLevel,
@@ -111,6 +129,7 @@ void CVMDKDisk::readExtentLines(yx::CProps const& uriProps) {
     }
     m_sizeSectors = sectors;
     m_sizeBytes = sectors * kSectorSizeBytes;
+    assert(hasNoGaps(m_extentMap, m_sizeSectors));
 }
 
 void CVMDKDisk::learnGrainSize() {
@@ -127,6 +146,7 @@ void CVMDKDisk::learnGrainSize() {
         entry.second.m_startGrainIndex =
             (entry.first.m_startSector + m_grainSizeSectors - 1) / m_grainSizeSectors;
     }
+    assert(m_grainSizeSectors > 0);
 }
 
 void CVMDKDisk::makeParentDataProvider(yx::String const& password, CVMDKDisk* parentDisk) {
@@ -158,6 +178,7 @@ yx::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
 
 void CVMDKDisk::storeDescriptor() {
     verifyWriteAccess("storeDescriptor");
+    assert(m_lockFile);
     yx::P<CVMDKDescriptorAccessor> const accessor = openDescriptorAccessor();
     *accessor->getDescriptor() = *m_descriptor;
     accessor->storeDescriptor(true);

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cassert>
 
 #include "kelm/disk/disk.h"
 #include "kelm/extent/internal/grain_position.h"
@@ -51,6 +52,9 @@ void CVMDKDisk::leaveCurrentExtentIfOutside() {
 }
 
 void CVMDKDisk::openExtentUnderCursor() {
+    // Only who reads may go without a lock.
+    assert(m_lockFile || m_access == yx::IIOStream::ReadOnly);
+    assert(m_position >= 0 && m_position <= m_sizeBytes);
     auto const found = m_extentMap.find(CExtentKey{m_position / kSectorSizeBytes, 1});
     if (found == m_extentMap.end()) {
         // Deliberate: the key is "mainURI" here and "mainFileURI" everywhere else; hosts read it.
@@ -69,9 +73,11 @@ void CVMDKDisk::beginIOOp(__int64 maxBytes, yx::P<IVMDKExtentFile>& extent, __in
     if (!m_currentExtent)
         openExtentUnderCursor();
     __int64 const relative = m_position - m_currentExtentStartBytes;
+    assert(relative >= 0 && relative < m_currentExtentSizeBytes);
     if (m_currentExtent->getPosition() != relative)
         m_currentExtent->seek(relative);
     opBytes = std::min(maxBytes, m_currentExtentSizeBytes - relative);
+    assert(opBytes > 0);
     extent = m_currentExtent;
 }
 

@@ -16,6 +16,10 @@ CVMDKLowLevelFileStream::CVMDKLowLevelFileStream(yx::IFileSystem* fileSystem, yx
                                                  yx::IIOStream::Access access)
     : yx::COptimizingIOStream(openFile(fileSystem, uri, access).get()) {}
 
+CVMDKLowLevelFileStream::CVMDKLowLevelFileStream(CVMDKLowLevelFileStream const&) = default;
+CVMDKLowLevelFileStream& CVMDKLowLevelFileStream::operator=(CVMDKLowLevelFileStream const&) =
+    default;
+
 void CVMDKLowLevelFileStream::close() {
     yx::COptimizingInStream::close();
 }

@@ -15,6 +15,10 @@ public:
     CVMDKLowLevelFileStream(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                             yx::IIOStream::Access access);
 
+    /// Copies share the file, what is buffered, and the position; see `yx::COptimizingIOStream`.
+    CVMDKLowLevelFileStream(CVMDKLowLevelFileStream const&);
+    CVMDKLowLevelFileStream& operator=(CVMDKLowLevelFileStream const&);
+
     /// Writes back and closes; see `yx::COptimizingIOStream`.
     void close() override;
 };

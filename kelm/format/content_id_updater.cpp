@@ -1,7 +1,10 @@
 #include "kelm/format/content_id_updater.h"
 
+#include <cassert>
+
 #include "kelm/extent/low_level_file_stream.h"
 #include "kelm/extent/sparse_extent_file.h"
+#include "kelm/format/constants.h"
 #include "kelm/format/descriptor_accessor.h"
 
 namespace kelm {
@@ -28,7 +31,9 @@ CVMDKContentIDUpdater::CVMDKContentIDUpdater(yx::IFileSystem* fileSystem,
 void CVMDKContentIDUpdater::onDiskAboutToChange(CVMDKSparseExtentFile& extentFile) {
     if (m_alreadyChanged || !m_updatesEnabled)
         return;
-    m_descriptor->setContentID(changeMainFileContentID(extentFile));
+    unsigned int const contentID = changeMainFileContentID(extentFile);
+    assert(contentID != 0 && contentID != kNoParentContentID);
+    m_descriptor->setContentID(contentID);
     m_alreadyChanged = true;
 }
 

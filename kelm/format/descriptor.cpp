@@ -1,6 +1,7 @@
 #include "kelm/format/descriptor.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "kelm/format/internal/descriptor_text.h"
 #include "kelm/format/marker.h"
@@ -73,8 +74,8 @@ CVMDKDescriptor::CVMDKDescriptor(CVMDKDescriptor const& other)
 }
 
 CVMDKDescriptor& CVMDKDescriptor::operator=(CVMDKDescriptor const& other) {
-    CVMDKDescriptor const copy(other);
-    m_entries = copy.m_entries;
+    CVMDKDescriptor copy(other);
+    m_entries = std::move(copy.m_entries);
     m_headerEndIndex = copy.m_headerEndIndex;
     return *this;
 }
@@ -113,6 +114,13 @@ void CVMDKDescriptor::findHeaderEnd() {
         if (yx::cast<CNameValueEntry>(m_entries[i]))
             m_headerEndIndex = i + 1;
     }
+    assert(isHeaderEndPlausible());
+}
+
+bool CVMDKDescriptor::isHeaderEndPlausible() const {
+    if (m_headerEndIndex < 0 || m_headerEndIndex > m_entries.getSize())
+        return false;
+    return m_headerEndIndex == 0 || !yx::cast<CVMDKExtentInfo>(m_entries[m_headerEndIndex - 1]);
 }
 
 yx::P<CVMDKDescriptor::CNameValueEntry> CVMDKDescriptor::findValueEntry(
@@ -171,10 +179,14 @@ void CVMDKDescriptor::addGenericLine(yx::String const& line, bool inHeader) {
 }
 
 void CVMDKDescriptor::addLine(yx::P<CVMDKDescriptorEntry> const& entry, bool inHeader) {
-    if (inHeader)
-        m_entries.insert(m_headerEndIndex++, entry);
-    else
+    assert(entry);
+    if (inHeader) {
+        m_entries.insert(m_headerEndIndex, entry);
+        ++m_headerEndIndex;
+    } else {
         m_entries.add(entry);
+    }
+    assert(isHeaderEndPlausible());
 }
 
 void CVMDKDescriptor::addExtentEntry(CVMDKExtentInfo* entry) {
@@ -188,10 +200,12 @@ void CVMDKDescriptor::addExtentEntry(CVMDKExtentInfo* entry) {
 }
 
 void CVMDKDescriptor::getExtentEntries(yx::TArray<yx::P<CVMDKExtentInfo>>& target) const {
+    yx::TArray<yx::P<CVMDKExtentInfo>> extended(target);
     for (auto const& line : m_entries) {
         if (auto const extent = yx::cast<CVMDKExtentInfo>(line))
-            target.add(extent);
+            extended.add(extent);
     }
+    target = std::move(extended);
 }
 
 yx::String CVMDKDescriptor::toString() const {

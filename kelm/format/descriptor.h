@@ -196,6 +196,9 @@ private:
     void parseLines(wxString const& text);
     void findHeaderEnd();
     void addLine(yx::P<CVMDKDescriptorEntry> const& entry, bool inHeader);
+
+    /// Whether the header ends within the lines, and not behind an extent line.
+    bool isHeaderEndPlausible() const;
     yx::TBuffer<unsigned char> getBytes(yx::String const& key) const;
     void setBytes(yx::String const& key, yx::TBuffer<unsigned char> const& bytes);
 

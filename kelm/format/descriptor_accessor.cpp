@@ -1,5 +1,6 @@
 #include "kelm/format/descriptor_accessor.h"
 
+#include <cassert>
 #include <limits>
 
 #include "kelm/format/constants.h"
@@ -80,6 +81,8 @@ void CVMDKDescriptorAccessor::readDescriptor() {
     m_stream->seek(m_descriptorOffsetBytes);
     m_stream->read(text.getData(), text.getUsed());
     m_descriptor = yx::makeObject<CVMDKDescriptor>(text);
+    assert(m_descriptorOffsetBytes >= 0 && m_descriptorSizeBytes >= 0);
+    assert(m_embeddedInSparseExtentFile || m_descriptorOffsetBytes == 0);
 }
 
 void CVMDKDescriptorAccessor::locateEmbeddedDescriptor() {
@@ -112,6 +115,7 @@ void CVMDKDescriptorAccessor::verifyWriteAccess(char const* function) const {
 void CVMDKDescriptorAccessor::storeDescriptor(bool flush) {
     verifyWriteAccess("storeDescriptor");
     keepPosition(*m_stream, [this, flush] {
+        assert(m_descriptorSizeBytes <= kMaxDescriptorSizeBytes);
         m_stream->seek(m_descriptorOffsetBytes);
         int const sizeBytes = static_cast<int>(m_descriptorSizeBytes);
         yx::TBuffer<unsigned char> zeros(sizeBytes, -1);

@@ -1,5 +1,6 @@
 #include "kelm/format/sparse_extent_header.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "kelm/format/constants.h"
@@ -36,6 +37,8 @@ namespace {
 
 constexpr char kNewLineDetection[] = {'\n', ' ', '\r', '\n'};
 constexpr int kPlainPaddingSizeBytes = 433;
+static_assert(79 + kPlainPaddingSizeBytes == kSectorSizeBytes);
+static_assert(85 + kMaxEncryptionKeyHashSizeBytes == kSectorSizeBytes);
 
 } // namespace
 
@@ -103,6 +106,8 @@ void CVMDKSparseExtentHeader::store(yx::CDataOutStream& stream) {
                 yx::toString(m_encryptionKeyHash.getUsed()),
             "", -1, yx::CProps(), nullptr);
     }
+    // Before anything is written: it may need memory.
+    resizePadding();
     stream.writeUInt32(m_encryptionExtensionEnabled ? kEncryptionExtensionHeaderMagic
                                                     : kHeaderMagic);
     stream.writeUInt32(m_version);
@@ -120,7 +125,7 @@ void CVMDKSparseExtentHeader::store(yx::CDataOutStream& stream) {
     stream.writeUInt16(m_compressAlgorithm);
     if (m_encryptionExtensionEnabled)
         storeEncryptionExtension(stream);
-    resizePadding();
+    assert(m_padding.getUsed() == getPaddingSizeBytes());
     stream.write(m_padding.getData(), m_padding.getUsed(), nullptr);
 }
 

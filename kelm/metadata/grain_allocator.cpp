@@ -1,6 +1,7 @@
 #include "kelm/metadata/grain_allocator.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <limits>
 
@@ -38,6 +39,7 @@ CVMDKGrainAllocator::CVMDKGrainAllocator(yx::IIOStream* stream, yx::IIOStream::A
         readTrail(trailData);
     else
         m_nextPosBytes = m_stream->getLength();
+    assert(m_nextPosBytes >= 0);
 }
 
 CVMDKGrainAllocator::~CVMDKGrainAllocator() {
@@ -85,6 +87,7 @@ void CVMDKGrainAllocator::flushChangesToStream() {
     if (!m_trailDataDirty || m_trailData.getUsed() == 0)
         return;
     // The next position stays in front of the trail, which the next new grain overwrites.
+    assert(m_access != yx::IIOStream::ReadOnly);
     m_stream->seek(m_nextPosBytes);
     m_stream->write(m_trailData.getData(), m_trailData.getUsed(), nullptr);
     m_trailDataDirty = false;
@@ -119,6 +122,10 @@ __int64 CVMDKGrainAllocator::allocNewGrainImpl(
         m_stream->write(data, size, nullptr);
     m_nextPosBytes = startPosBytes + size;
     fillWithZeros(startPosBytes + slotBytes);
+
+    assert(startPosBytes % m_alignmentBytes == 0);
+    // The slot lies within what has been written, and the next one will lie behind it.
+    assert(m_nextPosBytes == startPosBytes + slotBytes);
 
     // Only now, so that the table never points to data that could not be written.
     __int64 const posSectors = startPosBytes / kSectorSizeBytes;

@@ -1,6 +1,7 @@
 #include "kelm/metadata/grain_directory.h"
 
 #include <algorithm>
+#include <cassert>
 #include <limits>
 
 #include "kelm/format/constants.h"
@@ -82,6 +83,10 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(yx::IIOStream* stream, yx::IIOStream::A
     readDirectories();
     findSlotDirectory();
     readSlotDirectory();
+    assert(m_directory.getUsed() == m_tableCount);
+    assert(m_redundantDirectory.getUsed() == 0 || m_redundantDirectory.getUsed() == m_tableCount);
+    assert(m_slotDirectory.getUsed() == 0 || m_slotDirectory.getUsed() == m_tableCount);
+    assert(!m_compressed || m_slotDirectoryPosSectors > 0);
 }
 
 CVMDKGrainDirectory::CVMDKGrainDirectory(yx::IIOStream* stream, yx::IIOStream::Access access,
@@ -121,13 +126,18 @@ yx::P<CVMDKGrainTable> CVMDKGrainDirectory::loadRun(__int64 tableIndex) {
     __int64 const end = std::min(first + kRunTables, m_tableCount);
     yx::P<CVMDKGrainTable> result;
     for (__int64 index = first; index < end; ++index) {
-        // Deliberately without a look at what the cache holds: a neighbour that is cached is read
-        // again and replaced, and what the old one still had to write is written only then. The
-        // bytes in the file under a small cache depend on this order.
-        yx::P<CVMDKGrainTable> const table = loadTable(static_cast<int>(index));
-        m_grainTableCache->setCachedTable(this, index, table.get());
-        if (index == tableIndex)
-            result = table;
+        try {
+            // Deliberately without a look at what the cache holds: a neighbour that is cached is
+            // read again and replaced, and what the old one still had to write is written only
+            // then. The bytes in the file under a small cache depend on this order.
+            yx::P<CVMDKGrainTable> const table = loadTable(static_cast<int>(index));
+            m_grainTableCache->setCachedTable(this, index, table.get());
+            if (index == tableIndex)
+                result = table;
+        } catch (...) {
+            uncacheTables(first, index);
+            throw;
+        }
     }
     // Cannot be, since the index lies within its run.
     if (!result) {
@@ -139,7 +149,15 @@ yx::P<CVMDKGrainTable> CVMDKGrainDirectory::loadRun(__int64 tableIndex) {
     return result;
 }
 
+/// Part of a run must not stay in the cache. Whoever changed one of its tables would lose the change
+/// when another table of the run is asked for: the run is then read again, and replaces all of it.
+void CVMDKGrainDirectory::uncacheTables(__int64 first, __int64 end) {
+    for (__int64 index = first; index < end; ++index)
+        m_grainTableCache->removeCachedTable(this, index);
+}
+
 yx::P<CVMDKGrainTable> CVMDKGrainDirectory::loadTable(int tableIndex) {
+    assert(tableIndex >= 0 && tableIndex < m_directory.getUsed());
     // Deliberately, an entry of 0 is no exception: such a table is read from sector 0.
     return yx::makeObject<CVMDKGrainTable>(
         m_stream.get(), m_access, m_grainSizeSectors, getEntry(m_directory, tableIndex),

@@ -56,9 +56,11 @@ public:
     ~CVMDKGrainDirectory() override;
 
     /// The table of that index, from the cache or from the file. On a miss the whole aligned run of
-    /// 32 tables around it is read and put into the cache, over what the cache holds of it. An
-    /// index outside the directory is `yx::CInvalidArgError` "invalid table index: <index>" with
-    /// "uri".
+    /// 32 tables around it is read and put into the cache, over what the cache holds of it.
+    ///
+    /// An index outside the directory is `yx::CInvalidArgError` "invalid table index: <index>" with
+    /// "uri". Where a table of the run cannot be read, the error passes and none of those that this
+    /// call has read stays in the cache: the next call for the run reads all of it.
     yx::P<CVMDKGrainTable> getGrainTable(__int64 tableIndex);
 
     /// `CVMDKGrainTable::getGrainInfo` by the grain's index in the extent; it may also throw what
@@ -84,6 +86,7 @@ private:
     void findSlotDirectory();
     void readSlotDirectory();
     yx::P<CVMDKGrainTable> loadRun(__int64 tableIndex);
+    void uncacheTables(__int64 first, __int64 end);
     yx::P<CVMDKGrainTable> loadTable(int tableIndex);
 
     yx::P<yx::IIOStream> m_stream;

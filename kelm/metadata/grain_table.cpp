@@ -1,5 +1,6 @@
 #include "kelm/metadata/grain_table.h"
 
+#include <cassert>
 #include <limits>
 
 #include "kelm/metadata/internal/table_io.h"
@@ -44,6 +45,8 @@ CVMDKGrainTable::CVMDKGrainTable(yx::IIOStream* stream, yx::IIOStream::Access ac
     if (m_slotTablePosSectors > 0)
         readNumbers(*m_stream, m_slotTablePosSectors, kSlotTablePosField, m_slotSizes,
                     m_entryCount);
+    assert(m_entries.getUsed() == m_entryCount);
+    assert(m_slotSizes.getUsed() == 0 || m_slotSizes.getUsed() == m_entryCount);
 }
 
 CVMDKGrainTable::~CVMDKGrainTable() {
@@ -100,6 +103,7 @@ bool CVMDKGrainTable::countChangesIn(CVMDKTableChangeCount* count) {
 }
 
 CVMDKGrainTable::Usage CVMDKGrainTable::calcUsage(int entryCount) const {
+    assert(entryCount <= m_entryCount);
     unsigned int const* const entries = m_entries.getData();
     Usage usage;
     for (int i = 0; i < entryCount; ++i)
@@ -115,6 +119,8 @@ CVMDKGrainTable::Usage CVMDKGrainTable::calcUsage(int entryCount) const {
 }
 
 void CVMDKGrainTable::flushChangesToStream() {
+    assert(!hasUnflushedChanges() || m_access == yx::IIOStream::ReadWrite);
+    assert(!m_slotSizesDirty || getSlotSizeTrackingEnabled());
     if (m_entriesDirty) {
         writeNumbers(*m_stream, m_tablePosSectors, kTablePosField, m_entries);
         if (m_redundantTablePosSectors > 0)

@@ -54,6 +54,10 @@ public:
     /// on.
     void setCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex, CVMDKGrainTable* table);
 
+    /// Drops that table, if it is here. Like any other that leaves the cache, it flushes itself at its
+    /// last release.
+    void removeCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex);
+
     /// Flushes that directory's tables in rising index and keeps them, with their recency. The
     /// first failure passes; the tables behind it stay changed. Where no table was changed since,
     /// the cost does not depend on how many there are.

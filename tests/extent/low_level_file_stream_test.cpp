@@ -53,6 +53,35 @@ TEST_F(LowLevelFileStream, MissingFileFailsForReadingAndIsMadeForWriting) {
     EXPECT_EQ(content(), Bytes());
 }
 
+TEST_F(LowLevelFileStream, CopiesShareWhatTheyWorkOn) {
+    kelm::CVMDKLowLevelFileStream first(files.get(), uri, IIOStream::ReadWrite);
+    first.write("abc", 3, nullptr);
+    {
+        kelm::CVMDKLowLevelFileStream second(first);
+        EXPECT_EQ(second.getPosition(), 3);
+        second.write("def", 3, nullptr);
+        EXPECT_EQ(first.getPosition(), 6);
+    }
+    first.write("ghi", 3, nullptr);
+    kelm::CVMDKLowLevelFileStream third(first);
+    third.close();
+    EXPECT_EQ(content(), test_support::fromText("abcdefghi"));
+    EXPECT_THROW(first.seek(0), yx::CIOError);
+}
+
+TEST_F(LowLevelFileStream, AssignmentFirstWritesWhatWasHeldBack) {
+    yx::CURI const otherURI("mem:///d/other");
+    kelm::CVMDKLowLevelFileStream stream(files.get(), uri, IIOStream::ReadWrite);
+    stream.write("abc", 3, nullptr);
+    kelm::CVMDKLowLevelFileStream const other(files.get(), otherURI, IIOStream::ReadWrite);
+    stream = other;
+    EXPECT_EQ(content(), test_support::fromText("abc"));
+    stream.write("other", 5, nullptr);
+    stream.flush();
+    EXPECT_EQ(test_support::toBytes(memory->getFile(otherURI)), test_support::fromText("other"));
+    EXPECT_EQ(content(), test_support::fromText("abc"));
+}
+
 TEST_F(LowLevelFileStream, TellsTheURIThatItWasOpenedWith) {
     yx::CURI const odd("mem:/d/x/../extent.vmdk");
     EXPECT_EQ(

@@ -635,6 +635,65 @@ TEST_F(GrainDirectory, LoadedRunReplacesCachedNeighboursByStaleCopies) {
     EXPECT_EQ(slice(stream->content(), 11 * 512, 8), (Bytes{0xE9, 0x03, 0, 0, 0xB8, 0x22, 0, 0}));
 }
 
+TEST_F(GrainDirectory, FailedLoadLeavesNoTableOfItsRunInTheCache) {
+    yx::P<CVMDKGrainDirectory> const directory = openQuietly(plainFile(40), plainSettings(40));
+    directory->getGrainTable(35);
+    stream->setFault([](Operation const& operation) { return operation.position == 30 * 512; });
+    takeOperations();
+    EXPECT_THROW(directory->getGrainTable(3), yx::CIOError);
+    EXPECT_EQ(takeOperations(), tableReads(0, 20));
+    EXPECT_EQ(cache->getCachedTableCount(), 8);
+    EXPECT_THROW(directory->getGrainTable(3), yx::CIOError);
+    EXPECT_EQ(takeOperations(), tableReads(0, 20));
+
+    stream->setFault({});
+    EXPECT_EQ(infoOf(*directory, 3 * 4), (Info{1003, 8}));
+    EXPECT_EQ(takeOperations(), tableReads(0, 31));
+    EXPECT_EQ(cache->getCachedTableCount(), 40);
+}
+
+TEST_F(GrainDirectory, NoChangeIsLostWhereATableOfTheRunCannotBeRead) {
+    yx::P<CVMDKGrainDirectory> const directory = openQuietly(plainFile(32), plainSettings(32));
+    stream->setFault([](Operation const& operation) {
+        return operation.kind == Kind::Read && operation.position == 30 * 512;
+    });
+    // Who gets an error tries again; who gets none relies on it.
+    std::vector<__int64> changed;
+    for (int grain = 1; grain < 32 * 4; grain += 9) {
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (grain == 64)
+                stream->setFault({});
+            try {
+                directory->setGrainInfo(grain, 5000 + grain, 8);
+                changed.push_back(grain);
+                break;
+            } catch (yx::CIOError const&) {
+            }
+        }
+        directory->flushChangesToStream();
+    }
+    EXPECT_EQ(changed, (std::vector<__int64>{64, 73, 82, 91, 100, 109, 118, 127}));
+    yx::P<CVMDKGrainTableCache> const otherCache = yx::makeObject<CVMDKGrainTableCache>();
+    yx::P<CVMDKGrainDirectory> const reopened = open(*stream, *otherCache, plainSettings(32));
+    for (__int64 const grain : changed)
+        EXPECT_EQ(infoOf(*reopened, grain), (Info{5000 + grain, 8}));
+}
+
+TEST_F(GrainDirectory, FailedLoadLeavesNoStaleCopyOfAChangedNeighbour) {
+    cache = yx::makeObject<CVMDKGrainTableCache>(1);
+    yx::P<CVMDKGrainDirectory> const directory = openQuietly(plainFile(32), plainSettings(32));
+    directory->getGrainTable(0);
+    cache->setCachedTable(directory.get(), 2, directory->getGrainTable(2).get());
+    cache->setAutoEnforceLimit(false);
+    directory->setGrainInfo(2 * 4 + 1, 5000, 8);
+    stream->setFault([](Operation const& operation) {
+        return operation.kind == Kind::Read && operation.position == 30 * 512;
+    });
+    EXPECT_THROW(directory->getGrainTable(7), yx::CIOError);
+    stream->setFault({});
+    EXPECT_EQ(infoOf(*directory, 2 * 4 + 1), (Info{5000, 8}));
+}
+
 TEST_F(GrainDirectory, WithALimitOfZeroTablesLiveAsLongAsTheirUse) {
     cache = yx::makeObject<CVMDKGrainTableCache>(0);
     yx::P<CVMDKGrainDirectory> const directory = openQuietly(plainFile(3), plainSettings(3));

@@ -1,5 +1,6 @@
 // Many random operations of several directories over one cache, against a plain model: each must
-// give the same values, and reach the files by the same reads and writes in the same order.
+// give the same values, and reach the files by the same reads and writes in the same order, also when
+// a read in the middle of a run of tables fails. KELM_MODEL_ROUNDS multiplies the number of histories.
 
 #include <algorithm>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include "kelm/metadata/grain_directory.h"
 #include "tests/metadata/file_image.h"
 #include "tests/support/bytes.h"
+#include "tests/support/model_rounds.h"
 #include "tests/support/scripted_stream.h"
 
 namespace kelm {
@@ -32,6 +34,9 @@ constexpr int kEntriesPerTable = 4;
 constexpr int kGrainSizeSectors = 128;
 constexpr int kFirstTableSector = 10;
 
+/// What the model fails with where a read of the file is to fail.
+struct ModelReadFailure {};
+
 /// An extent file of tables one sector apart, as the model sees it.
 struct ModelFile {
     int tableCount;
@@ -41,6 +46,14 @@ struct ModelFile {
     Bytes content;
     /// What should have reached the file.
     Operations operations;
+    /// The read that is to fail, counted from 1; 0 for none.
+    int failingRead = 0;
+
+    void logRead(int sector, int sizeBytes) {
+        operations.push_back({Kind::Read, sector * 512LL, sizeBytes});
+        if (failingRead > 0 && --failingRead == 0)
+            throw ModelReadFailure();
+    }
 
     int tableSector(int index) const { return kFirstTableSector + index; }
     int redundantSector(int index) const { return tableSector(index) + tableCount; }
@@ -69,7 +82,7 @@ struct ModelFile {
 };
 
 ModelFile makeFile(int tableCount, bool isRedundant, bool hasSlotSizes) {
-    ModelFile file{tableCount, isRedundant, hasSlotSizes, {}, {}};
+    ModelFile file{tableCount, isRedundant, hasSlotSizes, {}, {}, 0};
     auto const positionsFrom = [&](int sector) {
         std::vector<std::uint32_t> positions(static_cast<std::size_t>(tableCount));
         std::iota(positions.begin(), positions.end(), static_cast<std::uint32_t>(sector));
@@ -97,9 +110,9 @@ public:
     };
 
     ModelTable(ModelFile& file, int index) : m_file(file), m_index(index) {
-        log(Kind::Read, m_file.tableSector(index), 4);
+        m_file.logRead(m_file.tableSector(index), kEntriesPerTable * 4);
         if (m_file.hasSlotSizes)
-            log(Kind::Read, m_file.slotTableSector(index), 2);
+            m_file.logRead(m_file.slotTableSector(index), kEntriesPerTable * 2);
         for (int i = 0; i < kEntriesPerTable; ++i) {
             m_entries.push_back(m_file.read(m_file.tableSector(index), i, 4));
             m_slotSizes.push_back(m_file.hasSlotSizes
@@ -135,12 +148,9 @@ public:
     }
 
 private:
-    void log(Kind kind, int sector, int elementSizeBytes) {
-        m_file.operations.push_back({kind, sector * 512LL, kEntriesPerTable * elementSizeBytes});
-    }
-
     void write(int sector, int elementSizeBytes, std::vector<std::uint32_t> const& values) {
-        log(Kind::Write, sector, elementSizeBytes);
+        m_file.operations.push_back(
+            {Kind::Write, sector * 512LL, kEntriesPerTable * elementSizeBytes});
         for (int i = 0; i < kEntriesPerTable; ++i)
             m_file.write(sector, i, elementSizeBytes, values[unsigned(i)]);
     }
@@ -216,11 +226,19 @@ struct ModelCache {
         if (ModelTablePtr table = get(file, index))
             return table;
         ModelTablePtr result;
-        for (int i = index / 32 * 32; i < std::min(index / 32 * 32 + 32, file.tableCount); ++i) {
-            auto const table = std::make_shared<ModelTable>(file, i);
-            put(file, i, table);
-            if (i == index)
-                result = table;
+        int const first = index / 32 * 32;
+        for (int i = first; i < std::min(first + 32, file.tableCount); ++i) {
+            try {
+                auto const table = std::make_shared<ModelTable>(file, i);
+                put(file, i, table);
+                if (i == index)
+                    result = table;
+            } catch (ModelReadFailure const&) {
+                std::erase_if(items, [&](Item const& item) {
+                    return item.file == &file && item.index >= first && item.index < i;
+                });
+                throw;
+            }
         }
         return result;
     }
@@ -256,6 +274,9 @@ public:
 
     /// How often a changed table was replaced by one read before its changes were written.
     int getReplacedDirtyTables() const { return m_model.replacedDirtyTables; }
+
+    /// How many runs of tables could not be read.
+    int getFailedLoads() const { return m_failedLoads; }
 
 private:
     struct Extent {
@@ -344,23 +365,65 @@ private:
                 static_cast<std::uint32_t>(slotSizeSectors)};
     }
 
+    /// Runs something on the real thing and on the model, where at times a read of the file fails.
+    template <class Real, class Modelled>
+    void runBoth(Extent& extent, Real const& real, Modelled const& modelled) {
+        int const failingRead = pick(5) == 0 ? 1 + pick(64) : 0;
+        extent.model->failingRead = failingRead;
+        int reads = 0;
+        extent.stream->setFault([&](Operation const& operation) {
+            return operation.kind == Kind::Read && ++reads == failingRead;
+        });
+        bool hasFailed = false;
+        try {
+            real();
+        } catch (yx::CIOError const&) {
+            hasFailed = true;
+        }
+        extent.stream->setFault({});
+        bool shouldFail = false;
+        try {
+            modelled();
+        } catch (ModelReadFailure const&) {
+            shouldFail = true;
+        }
+        extent.model->failingRead = 0;
+        EXPECT_EQ(hasFailed, shouldFail);
+        m_failedLoads += hasFailed ? 1 : 0;
+    }
+
     void getInfo() {
-        auto const [extent, table] = pickTable();
-        int const entry = pick(kEntriesPerTable);
-        __int64 posSectors = -1;
-        __int64 slotSizeSectors = -1;
-        extent.directory->getGrainInfo(table * kEntriesPerTable + entry, posSectors,
-                                       slotSizeSectors);
-        EXPECT_EQ(entryOf(posSectors, slotSizeSectors),
-                  m_model.load(*extent.model, table)->get(entry));
+        auto [extent, table] = pickTable();
+        int const grain = table * kEntriesPerTable + pick(kEntriesPerTable);
+        ModelTable::Entry actual{};
+        ModelTable::Entry expected{};
+        runBoth(
+            extent,
+            [&, &directory = *extent.directory] {
+                __int64 posSectors = -1;
+                __int64 slotSizeSectors = -1;
+                directory.getGrainInfo(grain, posSectors, slotSizeSectors);
+                actual = entryOf(posSectors, slotSizeSectors);
+            },
+            [&, &file = *extent.model] {
+                expected =
+                    m_model.load(file, grain / kEntriesPerTable)->get(grain % kEntriesPerTable);
+            });
+        EXPECT_EQ(actual, expected);
     }
 
     void setInfo() {
-        auto const [extent, table] = pickTable();
-        int const entry = pick(kEntriesPerTable);
+        auto [extent, table] = pickTable();
+        int const grain = table * kEntriesPerTable + pick(kEntriesPerTable);
         ModelTable::Entry const value = pickEntry(extent.model->hasSlotSizes);
-        extent.directory->setGrainInfo(table * kEntriesPerTable + entry, value.pos, value.slotSize);
-        m_model.load(*extent.model, table)->set(entry, value);
+        runBoth(
+            extent,
+            [&, &directory = *extent.directory] {
+                directory.setGrainInfo(grain, value.pos, value.slotSize);
+            },
+            [&, &file = *extent.model] {
+                m_model.load(file, grain / kEntriesPerTable)->set(grain % kEntriesPerTable, value);
+            });
     }
 
     void hold() {
@@ -441,6 +504,7 @@ private:
     ModelCache m_model;
     std::vector<Extent> m_extents;
     std::vector<Held> m_held;
+    int m_failedLoads = 0;
     std::size_t m_hotExtent = 0;
     int m_hotTable = 0;
 };
@@ -449,13 +513,17 @@ class MetadataModel : public testing::TestWithParam<int> {};
 
 TEST_P(MetadataModel, DirectoriesOverOneCacheBehaveAsTheModel) {
     int const limit = GetParam();
-    unsigned int const seed = 20240611U + static_cast<unsigned int>(limit);
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    Pair pair(limit, seed);
-    pair.run(20000);
-    // Proof that the case occurs: a cache that holds part of a run, some of it changed.
-    if (limit > 0) {
-        EXPECT_GT(pair.getReplacedDirtyTables(), 100);
+    for (unsigned int round = 0; round < test_support::modelRounds() && !HasFailure(); ++round) {
+        unsigned int const seed = 20240611U + static_cast<unsigned int>(limit) + 1000 * round;
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        Pair pair(limit, seed);
+        pair.run(20000);
+        // Proof that the cases occur: a cache that holds part of a run, some of it changed, and a
+        // run that cannot be read.
+        if (limit > 0) {
+            EXPECT_GT(pair.getReplacedDirtyTables(), 100);
+        }
+        EXPECT_GT(pair.getFailedLoads(), 5);
     }
 }
 

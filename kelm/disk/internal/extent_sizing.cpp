@@ -1,6 +1,7 @@
 #include "kelm/disk/internal/extent_sizing.h"
 
 #include <algorithm>
+#include <cassert>
 #include <limits>
 
 #include "kelm/disk/disk.h"
@@ -94,6 +95,7 @@ ExtentSizing sizeExtents(__int64 sizeBytes, bool compressed, __int64 fileSizeLim
                              worstCase + ", worstCase: " + worstCase + ")",
                          "", -1, yx::CProps(), nullptr);
     }
+    assert(maxExtentPayloadBytes % kNewDiskGrainSizeBytes == 0);
     return {maxExtentPayloadBytes, maxExtentPayloadBytes / kNewDiskGrainSizeBytes,
             descriptorSectors, budget.embedded};
 }

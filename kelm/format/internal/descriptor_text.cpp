@@ -1,5 +1,7 @@
 #include "kelm/format/internal/descriptor_text.h"
 
+#include <new>
+
 #include "yx/error.h"
 #include "yx/log.h"
 
@@ -46,6 +48,10 @@ wxString decodeText(std::string_view bytes) {
     yx::String const encoding = findEncoding(bytes);
     try {
         return decodeAs(encoding, bytes);
+    } catch (std::bad_alloc const&) {
+        // Says nothing about the encoding, and a later store would write what another one made of
+        // the text.
+        throw;
     } catch (std::exception const& error) {
         // Deliberate: the parenthesis stays open; these are the words that logs are searched for.
         yx::logWarning(error,
