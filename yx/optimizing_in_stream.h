@@ -30,8 +30,8 @@ public:
     /// as this object lives, since its position moves with every access.
     explicit COptimizingInStream(IInStream* stream);
 
-    /// A copy is a second handle on the same layer: both share the stream, what is buffered, and the
-    /// position, and when one is closed, so is the other.
+    /// A copy is a second handle on the same layer: both share the stream, what is buffered, and
+    /// the position, and when one is closed, so is the other.
     COptimizingInStream(COptimizingInStream const&) = default;
     COptimizingInStream& operator=(COptimizingInStream const&) = default;
     ~COptimizingInStream() override;

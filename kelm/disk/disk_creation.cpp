@@ -126,7 +126,7 @@ void writeDescriptorFile(yx::IFileSystem* fileSystem, yx::CURI const& uri,
     yx::P<yx::IIOStream> const stream =
         openVMDKFileStream(fileSystem, uri, yx::IIOStream::ReadWrite);
     descriptor.store(*stream, sizeBytes, zeroBuffer);
-    // Bytes that were held back must not fail in a destructor, where nobody would hear of it.
+    // Buffered bytes must not fail in a destructor, where the failure could not be reported.
     stream->close();
 }
 

@@ -14,7 +14,7 @@ namespace kelm {
 //   password, salt --PBKDF2--> derived key --AES-256-CBC, IV--> wrapped disk key ("yxEncEncKey")
 //   disk key --SHA-256--> key hash ("yxEncKeyHash", and the header of every extent)
 //
-// A wrong password unwraps to a wrong disk key without complaint and is told by the hash alone.
+// A wrong password unwraps to a wrong disk key without an error; only the hash shows it.
 
 namespace {
 
@@ -63,7 +63,7 @@ void CVMDKDisk::deriveEncryptKey(yx::TCryptBuffer<unsigned char>& key, int keyBy
         throwBadDerivation("Unknown encryption key derivation algorithm: " +
                            keyDerivationAlgorithm);
     __int64 const iterations = yx::parseInt64(iterationsText, false);
-    // Deliberately before the iterations: where both are too small, callers are told of the salt.
+    // Deliberately before the iterations: where both are too small, the salt is reported.
     if (salt.getUsed() < kMinSaltSizeBytes)
         throwBadDerivation("Key derivation salt is too small: " + yx::toString(salt.getUsed()) +
                            " bytes");

@@ -42,7 +42,7 @@ void CVMDKDiskIOStream::seek(__int64 position) {
 }
 
 yx::P<yx::IStreamLock> CVMDKDiskIOStream::lockRange(__int64, __int64, LockType) {
-    // Deliberate: a closed stream is not told apart; it is refused in the same words.
+    // Deliberate: a closed stream makes no difference here.
     throw yx::CFileSystemError(yx::CFileSystemError::LockingNotSupported,
                                yx::CError("VMDK Disk I/O stream does not support lockRange.", "",
                                           -1, yx::CProps(), nullptr));

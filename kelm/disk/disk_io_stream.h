@@ -5,9 +5,9 @@
 
 namespace kelm {
 
-/// A whole disk wherever a stream is expected. It has no cursor and no buffer of its own: the
-/// disk's cursor is the stream's. What a disk cannot do, changing its length and locking a range,
-/// is refused. On a closed stream every operation but `getURI`, `close` and `lockRange` is
+/// Serves a whole disk where a stream is expected. It has no cursor and no buffer of its own: it
+/// moves the disk's cursor. It refuses what a disk cannot do: changing the length, and locking a
+/// range. On a closed stream every operation but `getURI`, `close` and `lockRange` is
 /// `yx::CIOError` `Closed` with an empty message.
 class KELM_API CVMDKDiskIOStream : public yx::CBase, public virtual yx::IIOStream {
 public:
@@ -33,7 +33,8 @@ public:
     /// Always `yx::CFileSystemError` `LockingNotSupported`.
     yx::P<yx::IStreamLock> lockRange(__int64 position, __int64 length, LockType type) override;
 
-    /// Gives the disk up, which ends it if nobody else holds it; its destructor then flushes.
+    /// Releases the disk. If this was the last reference, the disk's destructor flushes, and a
+    /// failure does not come out here; call `flush` first.
     void close() override;
 
     void read(void* target, int sizeBytes) override;

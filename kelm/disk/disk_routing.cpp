@@ -52,7 +52,7 @@ void CVMDKDisk::leaveCurrentExtentIfOutside() {
 }
 
 void CVMDKDisk::openExtentUnderCursor() {
-    // Only who reads may go without a lock.
+    // Only a reader may go without a lock.
     assert(m_lockFile || m_access == yx::IIOStream::ReadOnly);
     assert(m_position >= 0 && m_position <= m_sizeBytes);
     auto const found = m_extentMap.find(CExtentKey{m_position / kSectorSizeBytes, 1});

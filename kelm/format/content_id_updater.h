@@ -8,7 +8,7 @@ namespace kelm {
 class CVMDKSparseExtentFile;
 
 /// Gives a disk a new content ID once, just before its first modification, so that a child disk can
-/// tell that its parent has changed.
+/// detect that its parent has changed.
 class KELM_API CVMDKContentIDUpdater : public yx::CBase {
 public:
     /// `mainFileURI` is the file with the disk's descriptor, `descriptor` the disk's copy of it in

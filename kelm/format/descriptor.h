@@ -38,7 +38,7 @@ public:
     /// A line of key and value.
     class KELM_API CNameValueEntry : public CVMDKDescriptorEntry {
     public:
-        /// `value` is without the quotes that `quoted` tells of.
+        /// `value` is without quotes; `quoted` says whether the line has them.
         CNameValueEntry(yx::String const& name, yx::String const& value, bool quoted);
 
         /// In the case in which the text has it.
@@ -89,8 +89,9 @@ public:
     /// behind the last key and value line before the extent lines if `inHeader`, else at the end.
     void setValue(yx::String const& key, yx::String const& value, bool quoted, bool inHeader);
 
-    /// Removes every line of that key, and answers whether there was one. The other lines keep their
-    /// order, and new ones go where they would in a descriptor read from the text that is left.
+    /// Removes every line of that key, and answers whether there was one. The other lines keep
+    /// their order, and new ones go where they would in a descriptor read from the text that is
+    /// left.
     bool removeValue(yx::String const& key);
 
     /// Adds a line, to be kept verbatim, in the place where `setValue` would put a new key.

@@ -32,14 +32,14 @@ void keepPosition(yx::IIOStream& stream, Operation operation) {
         try {
             stream.seek(position);
         } catch (std::exception const&) {
-            // The first error is the one that tells what happened.
+            // The first error is the one to report.
         }
         throw;
     }
 }
 
-/// A number that no file can have wraps around; what does not come out as 0 or negative is for
-/// `verifyRange` to refuse.
+/// Wraps around for numbers that no file can have. `verifyRange` refuses those that do not come out
+/// as 0 or negative.
 __int64 sectorsToBytes(unsigned long long sectors) {
     return static_cast<__int64>(sectors * kSectorSizeBytes);
 }

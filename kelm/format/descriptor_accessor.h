@@ -11,7 +11,7 @@ namespace kelm {
 /// the `yx::CError` family.
 class KELM_API CVMDKDescriptorAccessor : public yx::CBase {
 public:
-    /// Reads and parses the descriptor; `access` tells how the stream was opened.
+    /// Reads and parses the descriptor; `access` says how the stream was opened.
     ///
     /// Throws `yx::CIOError` with "uri": `UnsupportedVersion` "VMDK file has an unsupported
     /// version: " and the version; `CorruptData` "No VMDK descriptor found in VMDK file.";

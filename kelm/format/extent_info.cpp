@@ -39,8 +39,8 @@ bool isNumber(std::wstring_view text) {
 
 /// False if `text` is no number of 64 bits.
 bool tryParseNumber(std::wstring_view text, __int64& number) {
-    // Words are told from numbers before they cost an exception each: a text may hold hundreds of
-    // thousands of lines.
+    // Words are separated from numbers before they cost an exception each: a text may hold hundreds
+    // of thousands of lines.
     if (!isNumber(text))
         return false;
     try {

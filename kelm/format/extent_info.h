@@ -37,7 +37,7 @@ public:
 private:
     friend class CVMDKDescriptor;
 
-    /// The same for a part of a text.
+    /// As `tryParseDescriptorLine`, for a line within a larger text.
     static yx::P<CVMDKExtentInfo> tryParse(std::wstring_view line);
 
     yx::String m_access;

@@ -144,7 +144,7 @@ int CVMDKSparseExtentHeader::getPaddingSizeBytes() const {
 }
 
 /// Fits the padding to the variant. It grows here if the header changed its variant since it was
-/// loaded or stored, and memory that nobody has written must not reach the file.
+/// loaded or stored, and uninitialised memory must not reach the file.
 void CVMDKSparseExtentHeader::resizePadding() {
     int const oldSizeBytes = m_padding.getUsed();
     int const newSizeBytes = getPaddingSizeBytes();

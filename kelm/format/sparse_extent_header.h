@@ -10,10 +10,10 @@ namespace kelm {
 /// The 512-byte binary record at the start of a sparse extent file, and in a stream-optimized one
 /// near its end too. Sizes and offsets count sectors of 512 bytes.
 ///
-/// The record's layout is drawn in the source file. Its magic number and its new-line detection
-/// bytes have no field: the first follows from `getEncryptionExtensionEnabled`, the others are
-/// constants. A new header holds zeros, no encryption extension and an empty key hash. The setters
-/// test nothing.
+/// The record's layout is drawn in the source file. The magic number and the new-line detection
+/// bytes have no field here: the former follows from `getEncryptionExtensionEnabled`, the latter
+/// are constant. A new header holds zeros, no encryption extension and an empty key hash. The
+/// setters check nothing.
 class KELM_API CVMDKSparseExtentHeader : public yx::CBase {
 public:
     CVMDKSparseExtentHeader();
@@ -23,10 +23,9 @@ public:
     CVMDKSparseExtentHeader& operator=(CVMDKSparseExtentHeader const&) = default;
     ~CVMDKSparseExtentHeader() override = default;
 
-    /// Reads a record at the stream's position, which then stands 512 bytes further on. Judges the
-    /// magic number, the new-line detection bytes (if their flag is set) and the length of the key
-    /// hash, and no other field; the redundant directory's offset loads as 0 unless its flag is
-    /// set.
+    /// Reads a record at the stream's position, which moves on by 512 bytes. Checks the magic
+    /// number, the new-line detection bytes (if their flag is set) and the length of the key hash,
+    /// and no other field. The redundant directory's offset loads as 0 unless its flag is set.
     ///
     /// Throws `yx::CIOError` `CorruptData`: "Invalid magic number in VMDK sparse header" with "num"
     /// (the magic in decimal); "VMDK image is corrupted (probably by having been transferred in FTP
@@ -99,7 +98,7 @@ public:
     unsigned short getCompressAlgorithm() const { return m_compressAlgorithm; }
     void setCompressAlgorithm(unsigned short algorithm) { m_compressAlgorithm = algorithm; }
 
-    /// Whether the record has the encryption fields, which its magic number tells.
+    /// Whether the record has the encryption fields; its magic number says so.
     bool getEncryptionExtensionEnabled() const { return m_encryptionExtensionEnabled; }
     void setEncryptionExtensionEnabled(bool enabled) { m_encryptionExtensionEnabled = enabled; }
 

@@ -148,8 +148,8 @@ void CVMDKGrainAllocator::verifySlotSize(int slotBytes, int size) const {
 }
 
 void CVMDKGrainAllocator::verifyWritable() const {
-    // Deliberately a test for read-only, where the grain and its table test for read-and-write:
-    // which of them refuses an access that is neither depends on it.
+    // Deliberately a test for read-only, unlike the tests of the grain and its table for
+    // read-and-write: it decides which of them refuses an access that is neither.
     if (m_access == yx::IIOStream::ReadOnly) {
         throw yx::CError("Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the "
                          "grain allocator was not opened for writing.",

@@ -50,7 +50,7 @@ public:
     /// `yx::CError` if the access is read-only; what the stream and the directory throw passes.
     ///
     /// A failure leaves the grain table unchanged. The next slot then begins where this one would
-    /// have, or, if the data themselves could be written, behind what was written.
+    /// have begun or, if the data themselves could be written, behind what was written.
     __int64 allocNewGrain(__int64 grainIndex, void const* data, int size,
                           int slotSizeSectors) override;
     __int64 allocNewGrainKeepBuffer(__int64 grainIndex,

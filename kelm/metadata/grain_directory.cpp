@@ -73,8 +73,8 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(yx::IIOStream* stream, yx::IIOStream::A
       m_entriesPerTable(entriesPerTable),
       m_compressed(compressed),
       m_capacitySectors(capacitySectors) {
-    // The cache knows directories by address, and one whose last flush failed has left its tables
-    // there: they are of another file.
+    // The cache knows directories by address. An earlier directory of this address whose last flush
+    // failed has left its tables there, and they belong to another file.
     m_grainTableCache->removeCachedTablesFromDirectory(this);
     verifySizes();
     m_grainCount = calcExtentGrainCount(m_capacitySectors, m_grainSizeSectors);
@@ -149,8 +149,9 @@ yx::P<CVMDKGrainTable> CVMDKGrainDirectory::loadRun(__int64 tableIndex) {
     return result;
 }
 
-/// Part of a run must not stay in the cache. Whoever changed one of its tables would lose the change
-/// when another table of the run is asked for: the run is then read again, and replaces all of it.
+/// Part of a run must not stay in the cache. Whoever changed one of its tables would lose the
+/// change when another table of the run is asked for: the run is then read again, and replaces all
+/// of it.
 void CVMDKGrainDirectory::uncacheTables(__int64 first, __int64 end) {
     for (__int64 index = first; index < end; ++index)
         m_grainTableCache->removeCachedTable(this, index);

@@ -5,8 +5,8 @@
 
 namespace kelm {
 
-/// The grain directory of one sparse extent: it turns a grain index of the extent into a grain
-/// table and an entry of it.
+/// The grain directory of one sparse extent: finds the grain table, and the entry in it, of each
+/// grain of the extent.
 ///
 /// In the file, each a run of little-endian 32-bit sector numbers, one for each table:
 ///

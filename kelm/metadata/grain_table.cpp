@@ -75,7 +75,7 @@ void CVMDKGrainTable::setGrainInfo(__int64 index, __int64 posSectors, __int64 sl
     verifyWritable();
 
     // Both stores drop the bits that the file has no room for, deliberately without a check: the
-    // entry format sets the limit, and who makes the file keeps it below 2 TiB.
+    // entry format sets the limit, and whoever makes the file keeps it below 2 TiB.
     unsigned int& entry = m_entries.getData()[index];
     if (entry != posSectors) {
         entry = static_cast<unsigned int>(posSectors);
@@ -149,7 +149,8 @@ void CVMDKGrainTable::verifySlotSize(__int64 posSectors, __int64 slotSizeSectors
                 ", grain size: " + yx::toString(m_grainSizeSectors) + ")",
             uriPropsOf(*m_stream));
     }
-    // Deliberately also where the position is 0: who clears an entry gives a positive slot size.
+    // Deliberately also where the position is 0: a caller that clears an entry passes a positive
+    // slot size.
     if (slotSizeSectors < 1) {
         throw yx::CInvalidArgError(kSetGrainInfoName, "Invalid grain slot size.",
                                    uriPropsOf(*m_stream)

@@ -70,7 +70,8 @@ public:
     /// and for a slot size below 1; then `yx::CError` for a table that is not open for writing.
     void setGrainInfo(__int64 index, __int64 posSectors, __int64 slotSizeSectors);
 
-    /// Adds up what `getGrainInfo` tells of the first `entryCount` grains, which must be there.
+    /// The usage of the first `entryCount` grains, by what `getGrainInfo` returns for them; at most
+    /// as many as the table has.
     Usage calcUsage(int entryCount) const;
 
     /// Whether the table keeps a slot size for each grain.

@@ -10,18 +10,19 @@ namespace kelm {
 
 class CVMDKGrainDirectory;
 
-/// The grain tables that are in memory, of any number of directories, least recently used out
-/// first.
+/// Keeps grain tables of any number of directories in memory, and evicts the least recently used
+/// ones above its limit.
 ///
-/// It is the only owner of a table between uses, and so decides when a changed table reaches the
+/// Between uses it is the only owner of a table, and so decides when a changed table reaches the
 /// file: a table that leaves the cache flushes itself at its last release. Eviction goes by recency
-/// alone, whether or not a table is changed. A flush that fails on that way is reported to
-/// `yx::onExceptionInDestructorIgnored`, and that table's changes are lost.
+/// alone, whether or not a table has changed. If that flush fails, the failure is reported to
+/// `yx::onExceptionInDestructorIgnored` and the table's changes are lost. A disk that is written to
+/// should therefore have a cache without limit.
 ///
 /// Disks that share a cache must together be used by one thread at a time.
 class KELM_API CVMDKGrainTableCache : public yx::CBase, public virtual yx::IBase {
 public:
-    /// The directory by its address, on which no reference is held, and the table's index in it.
+    /// The directory, by its address and without a reference, and the table's index in it.
     struct CKey {
         /// Whose table it is, and which.
         CVMDKGrainDirectory* directory;
@@ -54,8 +55,8 @@ public:
     /// on.
     void setCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex, CVMDKGrainTable* table);
 
-    /// Drops that table, if it is here. Like any other that leaves the cache, it flushes itself at its
-    /// last release.
+    /// Drops that table, if it is here. Like any other that leaves the cache, it flushes itself at
+    /// its last release.
     void removeCachedTable(CVMDKGrainDirectory* directory, __int64 tableIndex);
 
     /// Flushes that directory's tables in rising index and keeps them, with their recency. The

@@ -4,15 +4,15 @@
 
 namespace kelm {
 
-/// How often the grain tables of a cache turned from unchanged to changed. Tables that were all
-/// flushed at some count need no further look as long as the count stays. Internal.
+/// Counts how often the grain tables of a cache turned from unchanged to changed, so that a flush
+/// can skip tables that were all flushed at the present count. Internal.
 class CVMDKTableChangeCount : public yx::CBase {
 public:
     /// The count so far; a table adds to it with its first change since its last flush.
     unsigned long long get() const { return m_count; }
     void increment() { ++m_count; }
 
-    /// Whether all tables of the cache count here. If not, the count tells nothing.
+    /// Whether all tables of the cache count here. If not, the count means nothing.
     bool isComplete() const { return m_isComplete; }
     void setIncomplete() { m_isComplete = false; }
 
@@ -21,8 +21,8 @@ private:
     bool m_isComplete = true;
 };
 
-/// Where a grain table counts its changes, if anywhere. A table stays where it counts when another
-/// one is assigned to it, which counts as a change. Internal.
+/// A grain table's reference to the count of its cache; may be empty. A table keeps its count when
+/// another table is assigned to it, and the assignment counts as a change. Internal.
 class CVMDKTableChangeCountRef {
 public:
     CVMDKTableChangeCountRef() = default;

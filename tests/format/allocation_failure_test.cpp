@@ -1,7 +1,5 @@
 // Every allocation of the operations of the format fails once.
 
-#include <memory>
-
 #include <gtest/gtest.h>
 
 #include "kelm/format/descriptor_accessor.h"
@@ -40,13 +38,13 @@ constexpr char kText[] = "# Disk DescriptorFile\n"
 
 /// What an operation works on and what it gives.
 struct DescriptorCase {
-    std::unique_ptr<CVMDKDescriptor> descriptor;
+    yx::P<CVMDKDescriptor> descriptor;
     yx::TArray<yx::P<CVMDKExtentInfo>> extents;
     yx::String text;
 };
 
 DescriptorCase caseOf(std::string_view text) {
-    return {std::make_unique<CVMDKDescriptor>(toBuffer(fromText(text))), {}, {}};
+    return {yx::makeObject<CVMDKDescriptor>(toBuffer(fromText(text))), {}, {}};
 }
 
 std::string describe(DescriptorCase const& each) {
@@ -117,7 +115,7 @@ TEST(FormatAllocations, TextIsReadInItsOwnEncodingOrNotAtAll) {
         failEachAllocation(
             text.c_str(), [] { return DescriptorCase(); },
             [&](DescriptorCase& each) {
-                each.descriptor = std::make_unique<CVMDKDescriptor>(toBuffer(fromText(text)));
+                each.descriptor = yx::makeObject<CVMDKDescriptor>(toBuffer(fromText(text)));
             },
             [](DescriptorCase const& each) { return describe(each); });
     }
@@ -173,12 +171,12 @@ TEST(FormatAllocations, HeaderIsWhole) {
             contentOf);
         // Turned into the other variant, it needs a padding of another size.
         failEachAllocation(
-            "variant", [&] { return std::make_unique<CVMDKSparseExtentHeader>(source); },
-            [&](std::unique_ptr<CVMDKSparseExtentHeader> const& header) {
+            "variant", [&] { return yx::makeObject<CVMDKSparseExtentHeader>(source); },
+            [&](yx::P<CVMDKSparseExtentHeader> const& header) {
                 header->setEncryptionExtensionEnabled(!isEncrypted);
                 header->setEncryptionKeyHash(toBuffer(Bytes(100, 0x55)));
             },
-            [](std::unique_ptr<CVMDKSparseExtentHeader> const& header) {
+            [](yx::P<CVMDKSparseExtentHeader> const& header) {
                 auto const stream = yx::makeObject<ScriptedStream>();
                 yx::CDataOutStream out(stream.get());
                 header->store(out);

@@ -1,5 +1,5 @@
-// Random edits of a descriptor against a plain list of lines. KELM_MODEL_ROUNDS multiplies the number
-// of histories.
+// Random edits of a descriptor against a plain list of lines. KELM_MODEL_ROUNDS multiplies the
+// number of histories.
 
 #include <cctype>
 #include <random>

@@ -33,7 +33,9 @@ FileImage makeFile() {
     return FileImage(110)
         .put32(1, positions)
         .putSlotDirectoryMarker(10 + kTableCount, 1)
-        .put32(11 + kTableCount, slotPositions);
+        .put32(11 + kTableCount, slotPositions)
+        // The trail.
+        .put16(109, std::vector<std::uint16_t>(256, 0x9999));
 }
 
 struct Extent {

@@ -1,6 +1,7 @@
 // Many random operations of several directories over one cache, against a plain model: each must
-// give the same values, and reach the files by the same reads and writes in the same order, also when
-// a read in the middle of a run of tables fails. KELM_MODEL_ROUNDS multiplies the number of histories.
+// give the same values, and reach the files by the same reads and writes in the same order, also
+// when a read in the middle of a run of tables fails. KELM_MODEL_ROUNDS multiplies the number of
+// histories.
 
 #include <algorithm>
 #include <cstdint>

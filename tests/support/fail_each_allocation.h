@@ -10,8 +10,8 @@
 
 namespace test_support {
 
-/// Lets each allocation of an operation fail once, each time on a subject of its own: the error must
-/// come out, and the operation done again must leave what it leaves where nothing has failed.
+/// Lets each allocation of an operation fail once, each time on a subject of its own: the error
+/// must come out, and the operation done again must leave what it leaves where nothing has failed.
 ///
 /// `make` makes a subject, `run` is the operation, and `describe` gives all that counts of a
 /// subject.
