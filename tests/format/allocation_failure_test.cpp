@@ -109,7 +109,7 @@ TEST(FormatAllocations, WhatADescriptorIsAskedComesWhole) {
 }
 
 TEST(FormatAllocations, TextIsReadInItsOwnEncodingOrNotAtAll) {
-    for (std::string const text :
+    for (std::string const& text :
          {std::string(kText) + "k=\xC3\xBC\n", std::string("encoding=\"UTF-8\"\nk=\xC3\xBC\n"),
           std::string("encoding=\"latin1\"\nk=\xFC\n")}) {
         failEachAllocation(
