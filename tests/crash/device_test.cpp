@@ -254,7 +254,7 @@ TEST_F(Devices, DeviceThatRunsFullInTheMiddleOfAnImportHoldsNothingAfterwards) {
             RunningProgram(folder.path(),
                            joined({{KELM_TOOL, "import", image, "disk.vmdk"}, options}))
                 .finish();
-        EXPECT_EQ(3, outcome.status) << outcome.err;
+        EXPECT_EQ(9, outcome.status) << outcome.err;
         EXPECT_NE(std::string::npos, outcome.err.find("No space left on device")) << outcome.err;
         EXPECT_EQ(std::set<std::string>(), fileNames());
     }

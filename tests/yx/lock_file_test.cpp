@@ -160,6 +160,13 @@ TYPED_TEST(LockFile, WhatAPowerCutLeavesOfAMarkIsTakenOver) {
     }
 }
 
+TYPED_TEST(LockFile, IsRemovedFromAFullDevice) {
+    auto const full = yx::makeObject<FaultyFileSystem>(&this->files());
+    full->add({.kinds = {Kind::Write}, .sticky = true, .code = CIOError::NoSpace});
+    CLockFile(full.get(), this->uri(), CLockFile::Exclusive, false, true);
+    EXPECT_FALSE(this->files().fileExists(this->uri()));
+}
+
 TYPED_TEST(LockFile, SomebodysFileIsLeftAsItIs) {
     std::string const kContents[] = {"x",
                                      "[metadata]\n",

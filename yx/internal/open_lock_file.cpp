@@ -136,11 +136,24 @@ bool OpenLockFile::becomeAloneOnNamedFile() {
     // Somebody who knows nothing of lock files may have written to it.
     if (!m_presence || readState() == State::Foreign)
         return false;
-    std::string const mark = drawMark();
+    return isContentOfNamedFile(writeMark());
+}
+
+std::string OpenLockFile::writeMark() {
+    std::string mark = drawMark();
     assert(isMark(mark));
-    m_stream->seek(0);
-    m_stream->write(mark.data(), static_cast<int>(mark.size()), nullptr);
-    return isContentOfNamedFile(mark);
+    try {
+        m_stream->seek(0);
+        m_stream->write(mark.data(), static_cast<int>(mark.size()), nullptr);
+    } catch (CIOError const& error) {
+        if (error.getIOCode() != CIOError::NoSpace)
+            throw;
+        // Zeros that were never written take no space on a device that is full.
+        mark.assign(kMarkSizeBytes, '\0');
+        m_stream->setLength(0);
+        m_stream->setLength(static_cast<__int64>(mark.size()));
+    }
+    return mark;
 }
 
 bool OpenLockFile::isContentOfNamedFile(std::string const& content) {

@@ -70,6 +70,7 @@ private:
     P<IStreamLock> tryLockPresence(IStreamBase::LockType type);
     State readState();
     bool becomeAloneOnNamedFile();
+    std::string writeMark();
     bool isContentOfNamedFile(std::string const& content);
 
     P<IFileSystem> m_fileSystem;
