@@ -51,19 +51,22 @@ bool FileGuard::isAnother(MadeFile const& file) const {
 }
 
 void FileGuard::verifyFilesAreThere() const {
-    for (MadeFile const& file : m_made) {
-        if (!file.isThere)
-            continue;
-        yx::CProps const props = yx::CProps().add("uri", file.uri.toString(true));
-        if (!m_fileSystem->fileExists(file.uri)) {
-            throw yx::CIOError(yx::CIOError::NotFound,
-                               "The file was deleted while it was being written.", props, nullptr);
-        }
-        if (isAnother(file)) {
-            throw yx::CIOError(yx::CIOError::IOFailure,
-                               "The file was replaced by another one while it was being written.",
-                               props, nullptr);
-        }
+    for (MadeFile const& file : m_made)
+        verifyIsThere(file);
+}
+
+void FileGuard::verifyIsThere(MadeFile const& file) const {
+    if (!file.isThere)
+        return;
+    yx::CProps const props = yx::CProps().add("uri", file.uri.toString(true));
+    if (!m_fileSystem->fileExists(file.uri)) {
+        throw yx::CIOError(yx::CIOError::NotFound,
+                           "The file was deleted while it was being written.", props, nullptr);
+    }
+    if (isAnother(file)) {
+        throw yx::CIOError(yx::CIOError::IOFailure,
+                           "The file was replaced by another one while it was being written.",
+                           props, nullptr);
     }
 }
 
@@ -87,7 +90,9 @@ yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Acc
                                          unsigned int* reserved) {
     if (access != yx::IIOStream::ReadWrite || isLockFile(uri))
         return m_fileSystem->openFile(uri, access, reserved);
-    if (!findMade(uri)) {
+    if (MadeFile const* const made = findMade(uri)) {
+        verifyIsThere(*made);
+    } else {
         if (m_cancel)
             m_cancel->check();
         if (m_fileSystem->fileExists(uri)) {

@@ -44,6 +44,8 @@ public:
     std::vector<yx::CURI> const& getProtectedFiles() const { return m_protected; }
 
     /// Opening for writing a file that was there before is `CIOError` `AlreadyExists` with "uri".
+    /// One that was made here and that somebody has deleted or replaced is not made again: the
+    /// errors are those of `verifyFilesAreThere`.
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* reserved) override;
 
@@ -64,6 +66,7 @@ private:
 
     MadeFile* findMade(yx::CURI const& uri);
     bool isAnother(MadeFile const& file) const;
+    void verifyIsThere(MadeFile const& file) const;
     void verifyMayReplace(yx::CURI const& uri) const;
 
     yx::P<yx::IFileSystem> m_fileSystem;
