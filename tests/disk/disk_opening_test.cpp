@@ -316,7 +316,8 @@ TEST_F(DiskOpening, EveryFailedOperationOfAnOpeningArrives) {
             } catch (yx::CError const&) {
                 failed = true;
             }
-            EXPECT_EQ(failed, faulty->hits() > 0);
+            bool const arrived = failed || !ignored.entries().empty();
+            EXPECT_EQ(arrived, faulty->hits() > 0);
             if (!failed)
                 break;
             faulty->clear();
