@@ -61,7 +61,9 @@ void checkRecord(yx::TBuffer<unsigned char>& file) {
 
 void checkExtentFile(yx::TBuffer<unsigned char>& file) {
     yx::CBufferStream stream(&file, 2.0);
-    attempt([&] { host::checkExtent(stream, {16, 0}, nullptr, [](std::string const&) {}); });
+    host::DiskExtent place;
+    place.endBytes = 16 * kSectorSizeBytes;
+    attempt([&] { host::checkExtent(stream, place, nullptr, [](std::string const&) {}); });
     attempt([&] {
         stream.seek(0);
         CVMDKGrainTableCache cache;

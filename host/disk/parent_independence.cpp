@@ -4,8 +4,6 @@
 
 namespace kelm::host {
 
-using Content = DiskWriting::Content;
-
 ParentIndependence::ParentIndependence(CVMDKDisk& disk, DiskLayout const& layout,
                                        DiskReading& reading, PreparedReading& preparedReading,
                                        DiskWriting& writing, ZeroWriting& zeroWriting)
@@ -30,7 +28,7 @@ void ParentIndependence::makeGrainIndependent(__int64 grainIndex) {
         return;
     }
     m_preparer->patchGrainIndexInPreparedGrainData(m_grain, grainIndex);
-    m_writing.writePrepared(grainIndex, m_grain, Content::Stays);
+    m_writing.writePrepared(grainIndex, m_grain, DiskWriting::Content::Stays);
 }
 
 void ParentIndependence::copyPlain(__int64 grainIndex) {
@@ -40,9 +38,10 @@ void ParentIndependence::copyPlain(__int64 grainIndex) {
     m_grain.setUsed(grainBytes);
     m_reading.read(grainStartBytes, m_grain.getData(), grainBytes);
     if (!yx::isAllZero(m_grain.getData(), static_cast<std::size_t>(grainBytes)))
-        m_writing.write(grainStartBytes, m_grain.getData(), grainBytes, Content::Stays);
+        m_writing.write(grainStartBytes, m_grain.getData(), grainBytes,
+                        DiskWriting::Content::Stays);
     else if (m_layout.isWholeGrain(grainIndex))
-        m_zeroWriting.storeGrain(grainIndex, Content::Stays);
+        m_zeroWriting.storeGrain(grainIndex, DiskWriting::Content::Stays);
 }
 
 } // namespace kelm::host
