@@ -13,6 +13,7 @@ namespace kelm::host {
 /// Reads the file of an extent for its check: what cannot be read becomes a finding, not an error.
 class ExtentReader {
 public:
+    /// What is read from the file.
     using Bytes = std::vector<unsigned char>;
 
     /// `stream` and `findings` must outlive the object.
@@ -23,6 +24,7 @@ public:
     /// false, with a finding, if that fails.
     bool tryReadHeader(CVMDKSparseExtentHeader& header);
 
+    /// The length of the file; 0 before `tryReadHeader`.
     __int64 getSizeBytes() const { return m_sizeBytes; }
 
     /// The whole sectors of the file.

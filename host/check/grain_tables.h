@@ -14,6 +14,7 @@ public:
     /// The sector at which a grain lies; 0 if it has no place.
     __int64 getPosition(int index) const;
 
+    /// Whether there is a slot size table.
     bool hasSlotSizes() const { return !m_slotSizes.empty(); }
 
     /// The sectors that a grain's slot takes. Only with slot sizes.

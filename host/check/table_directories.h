@@ -7,8 +7,13 @@ namespace kelm::host {
 
 /// Where the tables of one run of grains lie, in sectors; -1 for one whose place is not known.
 struct TablePlaces {
+    /// The grain table.
     __int64 table = -1;
+
+    /// Its redundant copy.
     __int64 redundantTable = -1;
+
+    /// The table of slot sizes.
     __int64 slotSizeTable = -1;
 };
 
@@ -24,7 +29,10 @@ public:
     /// finding and counts as absent.
     bool find();
 
+    /// Whether there is a redundant directory.
     bool hasRedundant() const { return m_redundantSector != 0; }
+
+    /// Whether there is a directory of slot size tables.
     bool hasSlotSizes() const { return m_slotSizeSector != 0; }
 
     /// Where the tables of a run of grains lie. Entries that cannot be read are a finding.

@@ -18,8 +18,13 @@ struct DiskExtent {
     __int64 grainSizeBytes = __int64{kNewDiskGrainSizeSectors} * kSectorSizeBytes;
     bool isCompressed = false;
 
+    /// The length of the stretch.
     __int64 getSizeBytes() const { return endBytes - startBytes; }
+
+    /// `getSizeBytes` in sectors.
     __int64 getSizeSectors() const { return getSizeBytes() / kSectorSizeBytes; }
+
+    /// `grainSizeBytes` in sectors.
     __int64 getGrainSizeSectors() const { return grainSizeBytes / kSectorSizeBytes; }
 
     /// The index in the disk of the extent's first grain. Where an extent starts within a grain of

@@ -9,7 +9,10 @@ namespace kelm::host {
 /// Bytes that a file is shown to have at a place, in the stead of its own. All streams on the file
 /// share one of these.
 struct Overlay : public yx::CBase {
+    /// Where the bytes begin in the file.
     __int64 positionBytes = 0;
+
+    /// What the file is shown to hold there.
     std::vector<unsigned char> bytes;
 };
 
@@ -18,6 +21,7 @@ struct Overlay : public yx::CBase {
 /// is the stream's below.
 class OverlaidStream : public yx::CBase, public virtual yx::IIOStream {
 public:
+    /// Shows the file of `stream` with what `overlay` holds, now and later.
     OverlaidStream(yx::P<yx::IIOStream> stream, yx::P<Overlay> overlay);
 
     __int64 getLength() const override { return m_stream->getLength(); }

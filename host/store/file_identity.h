@@ -9,7 +9,10 @@ namespace kelm::host {
 
 /// What distinguishes a file of the operating system from every other one, whatever its name is.
 struct FileIdentity {
+    /// The number of the device that the file lies on.
     unsigned long long device = 0;
+
+    /// The number of the file on its device.
     unsigned long long inode = 0;
 
     /// When the file was made, where the file system knows; a device may give the number of a
@@ -17,6 +20,7 @@ struct FileIdentity {
     __int64 birthSeconds = 0;
     unsigned int birthNanoseconds = 0;
 
+    /// Whether both are one file.
     bool operator==(FileIdentity const&) const = default;
 };
 

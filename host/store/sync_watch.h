@@ -14,6 +14,7 @@ namespace kelm::host {
 /// failure of one would end the others.
 class SyncWatch : public yx::CBase, public virtual yx::IFileSystem, public virtual IFileMover {
 public:
+    /// Watches what is opened through it in `fileSystem`.
     explicit SyncWatch(yx::IFileSystem* fileSystem);
 
     /// Throws the error of the first sync that failed, if one has.

@@ -16,6 +16,7 @@ namespace kelm::host {
 /// kind than "file".
 class FileLock {
 public:
+    /// Who may hold a lock on the same file at the same time.
     enum class Type {
         Shared,    ///< beside other shared ones
         Exclusive, ///< alone

@@ -11,6 +11,7 @@ namespace kelm::host {
 /// rounds to derive; at most 10000000 are allowed." with code -1.
 class TooManyRoundsError : public yx::CError {
 public:
+    /// The message is made of both numbers.
     TooManyRoundsError(int rounds, int maxRounds);
     std::shared_ptr<yx::CError const> clone() const override;
 };

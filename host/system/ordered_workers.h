@@ -42,6 +42,7 @@ public:
     /// more than fit into 64 MiB, but at least one.
     static int calcSlotCount(__int64 slotBytes, int threadCount);
 
+    /// The slots that the constructor was asked for.
     std::size_t getSlotCount() const { return m_slots.size(); }
 
     /// Whether a slot is free.

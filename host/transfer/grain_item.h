@@ -6,6 +6,7 @@ namespace kelm::host {
 
 /// A grain on its way through a `GrainPipeline`, with all the memory that the work on it takes.
 struct GrainItem {
+    /// What grains and records are held in.
     using Buffer = yx::TBuffer<unsigned char>;
 
     /// The grain's index in the disk.
