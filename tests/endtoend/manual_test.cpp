@@ -104,6 +104,7 @@ TEST_F(Manual, ExamplesOfTheHelpWork) {
             if (command == "child")
                 std::filesystem::remove(path("tuesday.vmdk"));
             line = replaceAll(line, "/dev/sdb", "sdb");
+            line = replaceAll(line, "40G", "8M");
             line = replaceAll(line, "/backup/", path("backup/"));
             line = replaceAll(line, "--encrypt", "--encrypt --password-file password");
             Outcome const outcome = runShell(line);

@@ -114,9 +114,9 @@ TEST_P(Mount, FileSystemOnADiskTakesAndKeepsFiles) {
             Files const files(folder());
             if (!files.isThere())
                 GTEST_SKIP() << "A file cannot be mounted here: " << files.explain();
-            EXPECT_GT(readFile("files/safe_disk.h").size(), 1000u);
+            EXPECT_GT(readFile("files/disk/safe_disk.h").size(), 1000u);
             writeFile("files/new", content);
-            std::filesystem::remove(path("files/safe_disk.cpp"));
+            std::filesystem::remove(path("files/disk/safe_disk.cpp"));
         }
         disk.finish();
     }

@@ -134,7 +134,7 @@ TEST_F(Plugin, TakesADiskForWritingBeforeTheFirstClient) {
     // Who connects is greeted, once the server is ready, and is no client until it asks for the disk.
     EXPECT_EQ(server->greeting(), "NBDMAGIC");
     Outcome const looked = run({"info", "disk.vmdk"});
-    EXPECT_EQ(looked.status, 3);
+    EXPECT_EQ(looked.status, 6);
     EXPECT_NE(looked.err.find("The disk is in use"), std::string::npos) << looked.err;
 }
 
