@@ -231,7 +231,6 @@ TEST_F(Plugin, TellsOfAFullDevice) {
 TEST_F(Plugin, ServesWhatIsStoredThoughTheDeviceIsFull) {
     for (DiskKind const& kind : {kPlain, kCompressed}) {
         SCOPED_TRACE(kind.name);
-        makeDisk(kind);
         auto const limitFiles = [] {
             std::signal(SIGXFSZ, SIG_IGN);
             rlimit const limit{8 << 20, 8 << 20};
@@ -239,6 +238,7 @@ TEST_F(Plugin, ServesWhatIsStoredThoughTheDeviceIsFull) {
         };
         // With few tables in memory, reads flush.
         for (Arguments const& parameters : {Arguments{}, Arguments{"cache-tables=1"}}) {
+            makeDisk(kind);
             std::unique_ptr<Server> const server = serve({}, parameters, {limitFiles, ""});
             {
                 Client const client(server->socketPath());
@@ -264,8 +264,8 @@ TEST_F(Plugin, ServesWhatIsStoredThoughTheDeviceIsFull) {
                 EXPECT_EQ(client.listExtents(0, storedBytes).front(), (Extent{storedBytes, false}));
             }
             server->stop();
+            std::filesystem::remove(path("disk.vmdk"));
         }
-        std::filesystem::remove(path("disk.vmdk"));
     }
 }
 
