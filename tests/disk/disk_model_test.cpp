@@ -1,9 +1,13 @@
+// Disks of every kind, and chains of three of a kind, against arrays of bytes. KELM_MODEL_ROUNDS
+// multiplies the number of histories.
+
 #include <map>
 #include <random>
 
 #include "tests/support/child_process.h"
 #include "tests/support/disk_fixture.h"
 #include "tests/support/extent_checker.h"
+#include "tests/support/model_rounds.h"
 #include "tests/support/temp_directory.h"
 
 namespace test_support {
@@ -260,9 +264,7 @@ testing::AssertionResult readsAs(yx::IFileSystem& files, yx::CURI const& uri, Di
 
 class DiskModel : public testing::TestWithParam<DiskKind> {};
 
-TEST_P(DiskModel, HistoriesReadBackInMemory) {
-    DiskKind const kind = GetParam();
-    unsigned int const seed = 20240601;
+void runHistoryInMemory(DiskKind const& kind, unsigned int seed) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     yx::P<yx::CMemoryFileSystem> const files = yx::makeObject<yx::CMemoryFileSystem>();
     yx::CURI const uri("mem:///d/disk.vmdk");
@@ -273,9 +275,7 @@ TEST_P(DiskModel, HistoriesReadBackInMemory) {
     EXPECT_TRUE(extentsAreSound(*files, uri, kind));
 }
 
-TEST_P(DiskModel, ChainsOfThreeReadBack) {
-    DiskKind const kind = GetParam();
-    unsigned int const seed = 4711;
+void runChainInMemory(DiskKind const& kind, unsigned int seed) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     yx::P<yx::CMemoryFileSystem> const files = yx::makeObject<yx::CMemoryFileSystem>();
     std::vector<std::unique_ptr<History>> chain;
@@ -292,6 +292,17 @@ TEST_P(DiskModel, ChainsOfThreeReadBack) {
         EXPECT_TRUE(extentsAreSound(*files, uri, kind));
         parent = uri;
     }
+}
+
+TEST_P(DiskModel, HistoriesReadBackInMemory) {
+    for (unsigned int round = 0; round < modelRounds() && !HasFailure(); ++round)
+        runHistoryInMemory(GetParam(), 20240601 + round);
+}
+
+TEST_P(DiskModel, ChainsOfThreeReadBack) {
+    // Each disk of a chain has a seed of its own.
+    for (unsigned int round = 0; round < modelRounds() && !HasFailure(); ++round)
+        runChainInMemory(GetParam(), 4711 + 3 * round);
 }
 
 TEST_P(DiskModel, HistoriesOnTheNativeFileSystemReadBackInAnotherProcess) {

@@ -668,11 +668,7 @@ class ExtentModelOfGrainSize : public ExtentModel, public testing::WithParamInte
 protected:
     void runAllSubjects(Files filesThat, unsigned int firstSeed) {
         unsigned int seed = firstSeed;
-        Geometry geometry = GetParam();
-        // One table, and room in it: a run of tables that cannot be loaded is the business of the
-        // tests of the grain directory.
-        if (filesThat == Files::Fail)
-            geometry.grainCount = std::min<__int64>(geometry.grainCount, 500);
+        Geometry const& geometry = GetParam();
         for (unsigned int round = 0; round < test_support::modelRounds(); ++round) {
             for (Subject const& subject : kSubjects) {
                 for (bool const hasProvider : {false, true}) {

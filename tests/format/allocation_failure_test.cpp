@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include "kelm/extent/low_level_file_stream.h"
+#include "kelm/extent/sparse_extent_file.h"
+#include "kelm/format/content_id_updater.h"
 #include "kelm/format/descriptor_accessor.h"
 #include "kelm/format/empty_sparse_extent_file.h"
 #include "kelm/format/file_reference.h"
@@ -147,6 +150,96 @@ TEST(FormatAllocations, StoredDescriptorIsWhole) {
             accessor.storeDescriptor(true);
         },
         contentOf);
+}
+
+constexpr unsigned int kOldContentID = 0x87654321;
+
+/// What an ID that is drawn at random leaves to compare: whether it is a new one, and the text
+/// around it.
+std::string describeChange(CVMDKDescriptor const& descriptor) {
+    CVMDKDescriptor copy(descriptor);
+    bool const isNew = copy.getContentID() != kOldContentID;
+    copy.setContentID(kOldContentID);
+    return (isNew ? "new ID in " : "old ID in ") + copy.toString().toStdString();
+}
+
+constexpr char kTextWithID[] = "encoding=\"UTF-8\"\nCID=87654321\nkey=value\n";
+
+struct AccessorCase {
+    AccessorCase() {
+        Bytes file = fromText(kTextWithID);
+        file.resize(1024);
+        stream = yx::makeObject<ScriptedStream>(file);
+        accessor = yx::makeObject<CVMDKDescriptorAccessor>(stream.get(), yx::IIOStream::ReadWrite);
+    }
+
+    yx::P<ScriptedStream> stream;
+    yx::P<CVMDKDescriptorAccessor> accessor;
+    unsigned int drawn = 0;
+};
+
+TEST(FormatAllocations, ContentIDThatIsDrawnIsTheOneThatIsSet) {
+    failEachAllocation(
+        "change", [] { return AccessorCase(); },
+        [](AccessorCase& each) { each.drawn = each.accessor->changeContentID(); },
+        [](AccessorCase const& each) {
+            EXPECT_EQ(each.drawn, each.accessor->getDescriptor()->getContentID());
+            return describeChange(*each.accessor->getDescriptor()) +
+                   test_support::toText(each.stream->content());
+        });
+}
+
+/// A disk in memory with an extent of it, open, and the updater of its content ID.
+struct UpdaterCase {
+    explicit UpdaterCase(bool isEmbedded) {
+        kelm::createEmptyVMDKSparseExtentFile(
+            files.get(), isEmbedded ? mainFile : extentFile, false, 16, 8, zeroBuffer(2048),
+            isEmbedded ? descriptor.get() : nullptr, isEmbedded ? 1 : 0, {});
+        if (!isEmbedded)
+            files->putFile(mainFile, toBuffer(fromText(kTextWithID)));
+        extent = yx::makeObject<kelm::CVMDKSparseExtentFile>(
+            kelm::openVMDKFileStream(files.get(), isEmbedded ? mainFile : extentFile,
+                                     yx::IIOStream::ReadWrite)
+                .get(),
+            yx::IIOStream::ReadWrite, 0, 1, cache.get(), nullptr, nullptr, nullptr,
+            yx::TCryptBuffer<unsigned char>(), yx::TBuffer<unsigned char>());
+    }
+
+    /// The descriptor as it is in the file.
+    yx::P<CVMDKDescriptor> readStored() const {
+        unsigned int options = 0;
+        yx::P<yx::IIOStream> const stream =
+            files->openFile(mainFile, yx::IIOStream::ReadOnly, &options);
+        return CVMDKDescriptorAccessor(stream.get(), yx::IIOStream::ReadOnly).getDescriptor();
+    }
+
+    yx::CURI mainFile = yx::CURI("mem:///d/disk.vmdk");
+    yx::CURI extentFile = yx::CURI("mem:///d/disk-s001.vmdk");
+    yx::P<yx::CMemoryFileSystem> files = yx::makeObject<yx::CMemoryFileSystem>();
+    yx::P<CVMDKDescriptor> descriptor =
+        yx::makeObject<CVMDKDescriptor>(toBuffer(fromText(kTextWithID)));
+    yx::P<kelm::CVMDKGrainTableCache> cache = yx::makeObject<kelm::CVMDKGrainTableCache>();
+    yx::P<kelm::CVMDKContentIDUpdater> updater =
+        yx::makeObject<kelm::CVMDKContentIDUpdater>(files.get(), mainFile, descriptor.get());
+    yx::P<kelm::CVMDKSparseExtentFile> extent;
+};
+
+TEST(FormatAllocations, ContentIDOfADiskIsOneInTheFileAndInMemory) {
+    for (bool const isEmbedded : {false, true}) {
+        failEachAllocation(
+            isEmbedded ? "embedded" : "separate",
+            [isEmbedded] { return std::make_unique<UpdaterCase>(isEmbedded); },
+            [](std::unique_ptr<UpdaterCase> const& each) {
+                // Whatever failed before has left a disk with a descriptor.
+                EXPECT_NE(each->readStored()->toString().wx().find("key=value"), wxString::npos);
+                each->updater->onDiskAboutToChange(*each->extent);
+            },
+            [](std::unique_ptr<UpdaterCase> const& each) {
+                yx::P<CVMDKDescriptor> const stored = each->readStored();
+                EXPECT_EQ(stored->getContentID(), each->descriptor->getContentID());
+                return describeChange(*stored) + describeChange(*each->descriptor);
+            });
+    }
 }
 
 TEST(FormatAllocations, HeaderIsWhole) {
