@@ -8,7 +8,8 @@
 namespace kelm::host {
 
 /// Whether an error that a check meets is about the state of the disk. All others end the check: a
-/// disk in use, a wrong or missing password, `TooManyRoundsError`, `CancelledError`.
+/// disk in use, one that `DiskReach` refuses, a wrong or missing password, `TooManyRoundsError`,
+/// `CancelledError`.
 bool isFinding(yx::CError const& error);
 
 /// Runs a step of a check. Returns nothing if it succeeds, and the message of its error if that is

@@ -20,8 +20,12 @@ namespace {
 class DiskCheck {
 public:
     DiskCheck(yx::IFileSystem* fileSystem, yx::String const& password, WorkOptions const& options,
-              FindingCallback const& report)
-        : m_fileSystem(fileSystem), m_password(password), m_options(options), m_report(report) {}
+              FindingCallback const& report, DiskTrust const& trust)
+        : m_fileSystem(fileSystem),
+          m_password(password),
+          m_options(options),
+          m_report(report),
+          m_trust(trust) {}
 
     void checkChain(yx::CURI uri) {
         std::vector<yx::CURI> checked;
@@ -54,7 +58,8 @@ private:
         std::unique_ptr<SafeDisk> disk;
         auto const failure = findingOf([&] {
             disk = std::make_unique<SafeDisk>(m_fileSystem.get(), uri, yx::IIOStream::ReadOnly,
-                                              m_password);
+                                              m_password, -1, CVMDKGrainTableCache::kDefaultLimit,
+                                              m_trust);
         });
         if (failure) {
             find(uri, "the disk cannot be opened: " + *failure);
@@ -113,6 +118,7 @@ private:
     yx::String const& m_password;
     WorkOptions const& m_options;
     FindingCallback const& m_report;
+    DiskTrust const& m_trust;
     __int64 m_findingCount = 0;
 
     /// The content ID that the last disk expects of its parent.
@@ -122,12 +128,13 @@ private:
 } // namespace
 
 __int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
-                  WorkOptions const& options, FindingCallback const& report) {
+                  WorkOptions const& options, FindingCallback const& report,
+                  DiskTrust const& trust) {
     if (!fileSystem->fileExists(uri)) {
         throw yx::CIOError(yx::CIOError::NotFound, "The disk does not exist.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
-    DiskCheck check(fileSystem, password, options, report);
+    DiskCheck check(fileSystem, password, options, report, trust);
     check.checkChain(uri);
     return check.getFindingCount();
 }

@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "host/disk/disk_trust.h"
 #include "host/system/work_options.h"
 #include "yx/file_system.h"
 
@@ -17,12 +18,13 @@ using FindingCallback = std::function<void(yx::CURI const& file, std::string con
 /// Returns the number of findings.
 ///
 /// Some failures are errors, not findings: a main file that does not exist, a disk in use, a wrong
-/// or missing password, `TooManyRoundsError`, `CancelledError`, and whatever `report` throws.
+/// or missing password, what `trust` does not admit, `TooManyRoundsError`, `CancelledError`, and whatever `report` throws.
 ///
 /// Grains are decoded by `WorkOptions::threads` threads. `report` is called on the caller's thread,
 /// and the findings of an extent come in the order of its grains. Takes less than 128 MiB of
 /// memory, however large the disk is.
 __int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
-                  WorkOptions const& options, FindingCallback const& report);
+                  WorkOptions const& options, FindingCallback const& report,
+                  DiskTrust const& trust = {});
 
 } // namespace kelm::host

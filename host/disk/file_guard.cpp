@@ -4,18 +4,11 @@
 #include <cassert>
 
 #include "host/disk/disk_opening.h"
+#include "host/store/file_names.h"
 #include "yx/error.h"
 #include "yx/log.h"
 
 namespace kelm::host {
-
-namespace {
-
-bool contains(std::vector<yx::CURI> const& uris, yx::CURI const& uri) {
-    return std::find(uris.begin(), uris.end(), uri.toNormalized()) != uris.end();
-}
-
-} // namespace
 
 FileGuard::FileGuard(yx::IFileSystem* fileSystem, bool overwrite, CancelFlag const* cancel)
     : m_fileSystem(fileSystem), m_overwrite(overwrite), m_cancel(cancel) {}
@@ -80,10 +73,12 @@ void FileGuard::verifyMayReplace(yx::CURI const& uri) const {
         throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
-    if (contains(m_protected, uri)) {
+    if (std::any_of(m_protected.begin(), m_protected.end(),
+                    [&](yx::CURI const& each) { return isSameFile(each, uri); })) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "The file is being read.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
+    m_locks->verifyIsFree(uri);
 }
 
 yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
@@ -100,8 +95,12 @@ yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Acc
             // Nothing of the old file may shine through behind the end of the new one.
             m_fileSystem->deleteFile(uri, true);
         }
-        // Noted first: an opening that fails late may have made the file.
-        m_made.push_back({uri.toNormalized(), false, std::nullopt});
+        if (uri.getScheme() == "file")
+            m_locks->makeFile(uri);
+        // Noted before it is opened: an opening that fails late may have made the file.
+        yx::CURI const name = uri.toNormalized();
+        std::optional<FileIdentity> const identity = identifyFile(name);
+        m_made.push_back({name, identity.has_value(), identity});
     }
     yx::P<yx::IIOStream> const stream = m_fileSystem->openFile(uri, access, reserved);
     MadeFile& file = *findMade(uri);
@@ -118,13 +117,14 @@ bool FileGuard::fileExists(yx::CURI const& uri) {
 }
 
 void FileGuard::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
-    MadeFile* const made = findMade(uri);
+    MadeFile const* const made = findMade(uri);
     if (!isLockFile(uri) && !made && m_fileSystem->fileExists(uri))
         verifyMayReplace(uri);
     m_fileSystem->deleteFile(uri, ignoreMissing);
+    // What has the name from now on is another file.
     if (made)
-        made->isThere = false;
-    assert(!made || !made->isThere);
+        m_made.erase(m_made.begin() + (made - m_made.data()));
+    assert(!findMade(uri));
 }
 
 } // namespace kelm::host

@@ -3,6 +3,7 @@
 #include <optional>
 #include <vector>
 
+#include "host/disk/file_locks.h"
 #include "host/store/file_identity.h"
 #include "host/system/cancel.h"
 #include "yx/file_system.h"
@@ -12,6 +13,10 @@ namespace kelm::host {
 /// A file system for making new files. It passes everything on to another one, refuses to touch
 /// what was there before, and deletes what it made unless `keep` was called. Do not use it for a
 /// disk that exists and is changed.
+///
+/// Files of `file:` URIs are made exclusively and locked from their first moment (`FileLocks`), so
+/// that of two programs which make a file of one name, one fails; one that somebody has locked is
+/// not replaced but `CLockFileError`. The locks end with the disk that is made, or with the guard.
 ///
 /// Lock files (".lock") are exempt: one that a killed process left is taken over by the next user.
 class FileGuard : public yx::CBase, public virtual yx::IFileSystem {
@@ -37,8 +42,11 @@ public:
     void verifyFilesAreThere() const;
 
     /// Names files that may not be replaced or deleted even with `overwrite`, since they are being
-    /// read. Trying to is `CIOError` `NotAllowed` with "uri".
+    /// read, by whatever name. Trying to is `CIOError` `NotAllowed` with "uri".
     void protect(std::vector<yx::CURI> const& files);
+
+    /// The locks on what was made.
+    FileLocks* getLocks() { return m_locks.get(); }
 
     /// What was protected, as normalised URIs.
     std::vector<yx::CURI> const& getProtectedFiles() const { return m_protected; }
@@ -70,6 +78,7 @@ private:
     void verifyMayReplace(yx::CURI const& uri) const;
 
     yx::P<yx::IFileSystem> m_fileSystem;
+    yx::P<FileLocks> m_locks = yx::makeObject<FileLocks>();
     bool m_overwrite;
     CancelFlag const* m_cancel;
     bool m_kept = false;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/disk/disk_trust.h"
 #include "kelm/graindata/data_preparer.h"
 #include "yx/uri.h"
 
@@ -27,6 +28,10 @@ struct NewDisk {
 
     /// The parent's main file; empty for none. It is opened with `password` too.
     yx::CURI parent;
+
+    /// How far the parents are believed, and the new disk itself: one that is made on demand and is
+    /// larger than `kMaxBytesWithoutFile` needs `allowOversize`.
+    DiskTrust trust;
 };
 
 /// Refuses what cannot become a disk that works, by `yx::CInvalidArgError` at "SafeDisk::create": a

@@ -15,7 +15,8 @@ std::vector<std::unique_ptr<SafeDisk>> openParents(yx::IFileSystem* fileSystem, 
                                yx::CProps().add("parentURI", uri.toString(true)), nullptr);
         }
         parents.push_back(
-            std::make_unique<SafeDisk>(fileSystem, uri, yx::IIOStream::ReadOnly, password));
+            std::make_unique<SafeDisk>(fileSystem, uri, yx::IIOStream::ReadOnly, password, -1,
+                                       CVMDKGrainTableCache::kDefaultLimit, disk.getTrust()));
         child = parents.back().get();
     }
     return parents;

@@ -11,44 +11,43 @@ namespace kelm::host {
 using Content = DiskWriting::Content;
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
-                   yx::String const& password, int compressionLevel, int readCacheLimit)
-    : SafeDisk(yx::makeObject<SyncWatch>(fileSystem), uri, access, password, compressionLevel,
-               readCacheLimit) {}
-
-SafeDisk::SafeDisk(yx::P<SyncWatch> const& files, yx::CURI const& uri, yx::IIOStream::Access access,
-                   yx::String const& password, int compressionLevel, int readCacheLimit)
-    : SafeDisk(files,
-               openLockedDisk(files.get(), uri, access, password, compressionLevel, readCacheLimit),
-               password) {
+                   yx::String const& password, int compressionLevel, int readCacheLimit,
+                   DiskTrust const& trust)
+    : SafeDisk(yx::makeObject<DiskFileSystem>(fileSystem, uri, access, trust), uri, access,
+               password, compressionLevel, readCacheLimit) {
     if (access != yx::IIOStream::ReadWrite)
         return;
     verifyWholeGrainExtents();
     m_extentFiles.verifyExist();
+    m_diskFiles->storeOwnName();
     giveDescriptorRoom(m_fileSystem.get(), m_disk->getMainFileURI());
     m_extentFiles.recover();
 }
 
-SafeDisk::SafeDisk(yx::P<SyncWatch> const& files, yx::P<CVMDKDisk> const& disk,
-                   yx::String const& password)
-    : m_fileSystem(files),
-      m_disk(disk),
-      m_hasParent(!disk->getParentDiskMainURI().isEmpty()),
-      m_layout(*disk),
-      m_contentIDChange(*disk),
-      m_extentFiles(files.get(), disk->getMainFileURI(), m_layout,
-                    disk->getDescriptor()->getYxCreateExtentFilesOnDemand(), keyHashOf(*disk)),
-      m_room(files.get(), m_layout, calcWorstCaseGrainBytes(*disk->createDataPreparer()),
+SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
+                   yx::IIOStream::Access access, yx::String const& password, int compressionLevel,
+                   int readCacheLimit)
+    : m_diskFiles(diskFiles),
+      m_fileSystem(yx::makeObject<SyncWatch>(diskFiles.get())),
+      m_disk(openLockedDisk(m_fileSystem.get(), uri, access, password, compressionLevel,
+                            readCacheLimit)),
+      m_hasParent(!m_disk->getParentDiskMainURI().isEmpty()),
+      m_layout(*m_disk),
+      m_contentIDChange(*m_disk),
+      m_extentFiles(m_fileSystem.get(), m_disk->getMainFileURI(), m_layout,
+                    m_disk->getDescriptor()->getYxCreateExtentFilesOnDemand(), keyHashOf(*m_disk)),
+      m_room(m_fileSystem.get(), m_layout, calcWorstCaseGrainBytes(*m_disk->createDataPreparer()),
              [this] { m_disk->flushChanges(); }),
-      m_tableLimit(*disk, [this] { flush(); }),
-      m_storedView(files.get(), disk->getMainFileURI(), password),
-      m_reading(*disk, m_layout, m_tableLimit, &m_unflushed, &m_storedView),
-      m_preparedReading(*disk, m_layout, m_reading),
-      m_strictReading(*disk, m_layout, m_tableLimit),
-      m_strictPreparedReading(*disk, m_layout, m_strictReading),
-      m_writing(*disk, m_layout, *files, m_contentIDChange, m_extentFiles, m_room, m_tableLimit,
-                m_unflushed, m_storedView),
-      m_zeroWriting(*disk, m_layout, m_strictReading, m_writing),
-      m_independence(*disk, m_layout, m_strictReading, m_strictPreparedReading, m_writing,
+      m_tableLimit(*m_disk, [this] { flush(); }),
+      m_storedView(m_fileSystem.get(), m_disk->getMainFileURI(), password),
+      m_reading(*m_disk, m_layout, m_tableLimit, &m_unflushed, &m_storedView),
+      m_preparedReading(*m_disk, m_layout, m_reading),
+      m_strictReading(*m_disk, m_layout, m_tableLimit),
+      m_strictPreparedReading(*m_disk, m_layout, m_strictReading),
+      m_writing(*m_disk, m_layout, *m_fileSystem, m_contentIDChange, m_extentFiles, m_room,
+                m_tableLimit, m_unflushed, m_storedView),
+      m_zeroWriting(*m_disk, m_layout, m_strictReading, m_writing),
+      m_independence(*m_disk, m_layout, m_strictReading, m_strictPreparedReading, m_writing,
                      m_zeroWriting) {}
 
 std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri,
@@ -61,7 +60,8 @@ std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri
     for (yx::CURI next = request.parent; !next.isEmpty() && parents.size() <= kMaxChainLength;
          next = parents.back()->getDisk().getParentDiskMainURI()) {
         parents.push_back(
-            std::make_unique<SafeDisk>(files, next, yx::IIOStream::ReadOnly, request.password));
+            std::make_unique<SafeDisk>(files, next, yx::IIOStream::ReadOnly, request.password, -1,
+                                       CVMDKGrainTableCache::kDefaultLimit, request.trust));
         files->protect(parents.back()->listFiles());
     }
     if (!parents.empty()) {
@@ -69,19 +69,18 @@ std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri
         parentRelPath = makeFileReference(uri.getParent(), request.parent);
     }
     verifyIsNotInUse(files, uri);
-    CVMDKDisk::create(files, uri, request.sizeBytes, request.password, request.compressed,
+    yx::P<DiskFileSystem> const diskFiles = yx::makeObject<DiskFileSystem>(
+        files, uri, yx::IIOStream::ReadWrite, request.trust, files->getLocks());
+    CVMDKDisk::create(diskFiles.get(), uri, request.sizeBytes, request.password, request.compressed,
                       request.compressionLevel, request.fileSizeLimitBytes, parentRelPath,
                       parentContentID, request.createExtentFilesOnDemand);
     // Opened anew, for the cache without limit.
-    yx::P<SyncWatch> const watched = yx::makeObject<SyncWatch>(files);
-    std::unique_ptr<SafeDisk> disk(
-        new SafeDisk(watched,
-                     openLockedDisk(watched.get(), uri, yx::IIOStream::ReadWrite, request.password,
-                                    request.compressionLevel, CVMDKGrainTableCache::kNoLimit),
-                     request.password));
+    std::unique_ptr<SafeDisk> disk(new SafeDisk(diskFiles, uri, yx::IIOStream::ReadWrite,
+                                                request.password, request.compressionLevel,
+                                                CVMDKGrainTableCache::kNoLimit));
     for (yx::CURI const& file : disk->listFiles()) {
-        if (watched->fileExists(file))
-            syncFile(watched.get(), file);
+        if (disk->m_fileSystem->fileExists(file))
+            syncFile(disk->m_fileSystem.get(), file);
     }
     return disk;
 }

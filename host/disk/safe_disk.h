@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "host/disk/content_id_change.h"
+#include "host/disk/disk_file_system.h"
 #include "host/disk/disk_layout.h"
 #include "host/disk/disk_reading.h"
 #include "host/disk/disk_writing.h"
@@ -40,6 +41,9 @@ constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDe
 /// A power cut harms nothing that was flushed, and a new disk is on the device with all its files
 /// before it is handed out.
 ///
+/// All files are reached through a `DiskFileSystem`: the disk is the file that was named, its files
+/// are locked themselves, and a descriptor leads to nothing outside of its folder.
+///
 /// URIs should be those of `uriFromArgument`, so that every user of a disk names the same lock
 /// file. Errors are those of `CVMDKDisk` unless said otherwise. Serves one thread at a time.
 class SafeDisk {
@@ -48,10 +52,11 @@ public:
     /// missing extent file of a disk to be written to is `NotFound` with that file's "uri". A disk
     /// in which an extent but the last is no whole number of grains is `NotSupported` for writing.
     /// `readCacheLimit` is the most grain tables that a disk opened for reading keeps; one that is
-    /// opened for writing keeps up to `kMaxTablesInMemory`.
+    /// opened for writing keeps up to `kMaxTablesInMemory`. What `trust` does not admit is refused as
+    /// `DiskReach` says, and so it is in the parents.
     SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
              yx::String const& password, int compressionLevel = -1,
-             int readCacheLimit = CVMDKGrainTableCache::kDefaultLimit);
+             int readCacheLimit = CVMDKGrainTableCache::kDefaultLimit, DiskTrust const& trust = {});
 
     /// Makes a disk through `files` and opens it for writing. An existing file in the place of one
     /// of the disk's files is `CIOError` `AlreadyExists`, unless `files` may overwrite. What
@@ -121,14 +126,19 @@ public:
     /// Where the files of the disk are.
     yx::IFileSystem* getFileSystem() { return m_fileSystem.get(); }
 
+    /// How far its descriptors are believed.
+    DiskTrust const& getTrust() const { return m_diskFiles->getTrust(); }
+
 private:
-    SafeDisk(yx::P<SyncWatch> const& files, yx::CURI const& uri, yx::IIOStream::Access access,
-             yx::String const& password, int compressionLevel, int readCacheLimit);
-    SafeDisk(yx::P<SyncWatch> const& files, yx::P<CVMDKDisk> const& disk,
-             yx::String const& password);
+    SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
+             yx::IIOStream::Access access, yx::String const& password, int compressionLevel,
+             int readCacheLimit);
 
     void verifyWholeGrainExtents() const;
 
+    yx::P<DiskFileSystem> m_diskFiles;
+
+    /// Over `m_diskFiles`.
     yx::P<SyncWatch> m_fileSystem;
     yx::P<CVMDKDisk> m_disk;
     bool m_hasParent;

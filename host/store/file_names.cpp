@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include "host/system/file_number.h"
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"
 
@@ -95,6 +96,15 @@ yx::CURI uriFromArgument(std::string const& argument) {
     if (realFolder.isEmpty() || name.isEmpty() || name == "." || name == "..")
         throwNotFound(path);
     return (uriOfPath(realFolder) << name).toNormalized();
+}
+
+bool isSameFile(yx::CURI const& left, yx::CURI const& right) {
+    if (left.toNormalized() == right.toNormalized())
+        return true;
+    if (left.getScheme() != "file" || right.getScheme() != "file")
+        return false;
+    std::optional<FileNumber> const number = numberOfFile(yx::toNativePath(left).toStdString());
+    return number && number == numberOfFile(yx::toNativePath(right).toStdString());
 }
 
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file) {

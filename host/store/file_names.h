@@ -13,6 +13,10 @@ namespace kelm::host {
 /// UTF-8 is `NotSupported` with "name", and so is one whose real path is no UTF-8.
 yx::CURI uriFromArgument(std::string const& argument);
 
+/// Whether two names mean one file: they are equal once normalised, or lead to the same file of the
+/// operating system, by whatever links.
+bool isSameFile(yx::CURI const& left, yx::CURI const& right);
+
 /// Whether a descriptor in `folder` that says `reference` means `file`.
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file);
 

@@ -16,6 +16,7 @@
 #include "host/store/file_names.h"
 #include "host/system/error_text.h"
 #include "host/system/name_text.h"
+#include "host/system/open_file_limit.h"
 #include "integrations/nbdkit/command_line.h"
 #include "integrations/nbdkit/errno_of.h"
 #include "integrations/nbdkit/served_disk.h"
@@ -64,6 +65,7 @@ bool isServedForWriting() {
 }
 
 void load() {
+    host::raiseOpenFileLimit();
     // Errors that the library logs are thrown too, and reported then.
     yx::setLogHandler([](yx::LogEntry const& entry) {
         if (entry.level == yx::LogLevel::Warning) {
@@ -84,7 +86,7 @@ void unload() {
 void printCapabilities() {
     std::printf("kelm_version=%s\n"
                 "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
-                "kelm_parameters=file,password,cache-tables\n"
+                "kelm_parameters=file,password,cache-tables,allow-path,allow-oversize\n"
                 "kelm_requests=read,write,zero,flush,fua,extents,cache\n",
                 KELM_VERSION);
 }
@@ -111,6 +113,14 @@ bool configureCacheTables(char const* value) {
     return true;
 }
 
+bool configureAllowOversize(char const* value) {
+    int const isAllowed = nbdkit_parse_bool(value);
+    if (isAllowed == -1)
+        return false;
+    settings.trust.allowOversize = isAllowed == 1;
+    return true;
+}
+
 bool configureParameter(std::string_view key, char const* value) {
     if (key == "file") {
         // At once, since nbdkit may change its working directory later.
@@ -121,6 +131,12 @@ bool configureParameter(std::string_view key, char const* value) {
         return configurePassword(value);
     if (key == "cache-tables")
         return configureCacheTables(value);
+    if (key == "allow-path") {
+        settings.trust.allowedPaths.push_back(host::uriFromArgument(value));
+        return true;
+    }
+    if (key == "allow-oversize")
+        return configureAllowOversize(value);
     throw std::runtime_error("unknown parameter '" + std::string(key) + "'");
 }
 
@@ -254,10 +270,15 @@ nbdkit_plugin describePlugin() {
     plugin.version = KELM_VERSION;
     plugin.description = "Serves VMDK sparse virtual disks: compressed, encrypted, child disks.";
     plugin.magic_config_key = "file";
-    plugin.config_help = "[file=]<FILENAME>     (required) The main file of the disk.\n"
-                         "password=<PASSWORD>   The password of the disk and its parents:\n"
-                         "                      -, +FILENAME, -FD, or the password itself.\n"
-                         "cache-tables=<N>      The most grain tables to keep in memory.\n";
+    plugin.config_help =
+        "[file=]<FILENAME>     (required) The main file of the disk.\n"
+        "password=<PASSWORD>   The password of the disk and its parents:\n"
+        "                      -, +FILENAME, -FD, or the password itself.\n"
+        "cache-tables=<N>      The most grain tables to keep in memory.\n"
+        "allow-path=<FOLDER>   A folder in which files of the disk may lie,\n"
+        "                      beside the disk's own; may be given several times.\n"
+        "allow-oversize=<BOOL> Take a disk with grains above 64 MiB, more than\n"
+        "                      65536 extents, or more than 1 TiB without files.\n";
     plugin.load = load;
     plugin.unload = unload;
     plugin.dump_plugin = printCapabilities;

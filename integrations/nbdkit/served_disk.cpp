@@ -32,7 +32,7 @@ void ServedDisk::open(yx::IIOStream::Access access) {
     yx::String const& password = m_settings.password.get();
     auto opened = std::make_unique<host::SafeDisk>(
         m_fileSystem.get(), m_settings.uri, access, password, kDefaultCompressionLevel,
-        m_settings.maxCachedTables.value_or(CVMDKGrainTableCache::kDefaultLimit));
+        m_settings.maxCachedTables.value_or(CVMDKGrainTableCache::kDefaultLimit), m_settings.trust);
     // A table that left the cache by itself could come back stale while it has changes.
     if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
         opened->limitTables(*m_settings.maxCachedTables);

@@ -17,6 +17,9 @@ struct DiskSettings {
     /// The most grain tables to keep in memory. By default, a disk opened for writing keeps as many
     /// as `host::SafeDisk` lets it, and one opened for reading as many as the library does.
     std::optional<int> maxCachedTables;
+
+    /// How far the descriptors of the disk and its parents are believed.
+    host::DiskTrust trust;
 };
 
 /// Neighbouring bytes that are stored somewhere in the chain, or nowhere.

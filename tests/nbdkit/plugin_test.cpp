@@ -44,7 +44,8 @@ TEST_F(Plugin, TellsWhatItCanDo) {
     std::string const expected = std::string("kelm_version=") + KELM_VERSION +
                                  "\n"
                                  "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
-                                 "kelm_parameters=file,password,cache-tables\n"
+                                 "kelm_parameters=file,password,cache-tables,"
+                                 "allow-path,allow-oversize\n"
                                  "kelm_requests=read,write,zero,flush,fua,extents,cache\n";
     EXPECT_NE(outcome.out.find(expected), std::string::npos) << outcome.out;
     for (char const* const line :

@@ -22,13 +22,15 @@ struct CheckArguments {
 __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
                   yx::String const& password) {
     LongWork work(invocation, "check", threads);
-    return host::checkDisk(invocation.getFiles(), uri, password, work.getOptions(),
-                           [&work](yx::CURI const& file, std::string const& text) {
-                               work.hideBar();
-                               print(host::printable(host::displayName(file)) + ": " + text + "\n");
-                               // The next one may be a long time coming.
-                               flushOutput();
-                           });
+    return host::checkDisk(
+        invocation.getFiles(), uri, password, work.getOptions(),
+        [&work](yx::CURI const& file, std::string const& text) {
+            work.hideBar();
+            print(host::printable(host::displayName(file)) + ": " + text + "\n");
+            // The next one may be a long time coming.
+            flushOutput();
+        },
+        invocation.getTrust());
 }
 
 /// Asks for the password only if the disk turns out to need one.

@@ -3,14 +3,46 @@
 #include <limits>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "host/store/file_names.h"
 #include "host/system/key_derivation.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/password_options.h"
 
 namespace kelm::tool {
+
+namespace {
+
+/// How far the user trusts the disks of a command.
+struct TrustOptions {
+    std::vector<std::string> allowedPaths;
+    bool allowOversize = false;
+
+    void addTo(CLI::App& command) {
+        command
+            .add_option("--allow-path", allowedPaths,
+                        "A folder in which files of a disk may lie, beside the disk's own; may be "
+                        "given several times")
+            ->type_name("FOLDER")
+            ->allow_extra_args(false);
+        command.add_flag("--allow-oversize", allowOversize,
+                         "Take disks with grains above 64 MiB, more than 65536 extents, or more "
+                         "than 1 TiB without files");
+    }
+
+    host::DiskTrust make() const {
+        host::DiskTrust trust;
+        for (std::string const& folder : allowedPaths)
+            trust.allowedPaths.push_back(host::uriFromArgument(folder));
+        trust.allowOversize = allowOversize;
+        return trust;
+    }
+};
+
+} // namespace
 
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action) {
@@ -20,9 +52,12 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
     addNumberOption(command, "--max-rounds", *maxRounds, 1, std::numeric_limits<int>::max(),
                     "The most rounds of key derivation that a disk may ask for");
     command.get_option("--max-rounds")->group(kPasswordHelpGroup);
-    command.callback([&run, maxRounds, action = std::move(action)] {
-        run = [maxRounds, action](Invocation& invocation) {
+    auto const trust = std::make_shared<TrustOptions>();
+    trust->addTo(command);
+    command.callback([&run, maxRounds, trust, action = std::move(action)] {
+        run = [maxRounds, trust, action](Invocation& invocation) {
             host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
+            invocation.setTrust(trust->make());
             return action(invocation);
         };
     });

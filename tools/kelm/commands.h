@@ -15,8 +15,9 @@ namespace kelm::tool {
 /// The work that the command line asks for.
 using Run = std::function<ExitStatus(Invocation&)>;
 
-/// Adds a command, with an example under its help and with "--max-rounds", the limit for the keys
-/// that it derives. Parsing a command line that names it sets `run` to `action` under that limit.
+/// Adds a command, with an example under its help, with "--max-rounds", the limit for the keys that
+/// it derives, and with the options that say how far disks are trusted. Parsing a command line that
+/// names it sets `run` to `action` under these.
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action);
 

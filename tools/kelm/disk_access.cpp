@@ -16,7 +16,9 @@ namespace {
 
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
                                          yx::IIOStream::Access access, yx::String const& password) {
-    return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password);
+    return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password, -1,
+                                            CVMDKGrainTableCache::kDefaultLimit,
+                                            invocation.getTrust());
 }
 
 } // namespace
@@ -64,7 +66,8 @@ std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& dis
 }
 
 void verifyIsNoneOf(std::vector<yx::CURI> const& files, yx::CURI const& file) {
-    if (std::find(files.begin(), files.end(), file) != files.end()) {
+    if (std::any_of(files.begin(), files.end(),
+                    [&](yx::CURI const& each) { return host::isSameFile(each, file); })) {
         throw UsageError("The file to be written belongs to a disk that is to be read: " +
                          host::displayName(file));
     }

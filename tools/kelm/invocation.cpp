@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include "host/system/open_file_limit.h"
+
 namespace kelm::tool {
 
 Invocation::Invocation() : m_files(yx::makeObject<yx::CNativeFileSystem>()), m_signals(m_cancel) {
@@ -11,6 +13,7 @@ Invocation::Invocation() : m_files(yx::makeObject<yx::CNativeFileSystem>()), m_s
     std::signal(SIGPIPE, SIG_IGN);
     // So must a file that the limit of the process lets grow no more.
     std::signal(SIGXFSZ, SIG_IGN);
+    host::raiseOpenFileLimit();
 }
 
 Invocation::~Invocation() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/disk/disk_trust.h"
 #include "host/system/cancel.h"
 #include "host/system/progress.h"
 #include "host/transfer/transfer.h"
@@ -21,8 +22,13 @@ public:
     yx::IFileSystem* getFiles() { return m_files.get(); }
     host::CancelFlag const& getCancel() const { return m_cancel; }
 
+    /// How far the user lets the command believe descriptors.
+    host::DiskTrust const& getTrust() const { return m_trust; }
+    void setTrust(host::DiskTrust const& trust) { m_trust = trust; }
+
 private:
     yx::P<yx::CNativeFileSystem> m_files;
+    host::DiskTrust m_trust;
     host::CancelFlag m_cancel;
     host::SignalCancellation m_signals;
 };

@@ -53,6 +53,7 @@ host::NewDisk NewDiskOptions::makeRequest(Invocation& invocation, __int64 sizeBy
     request.compressionLevel = level;
     request.fileSizeLimitBytes = splitBytes;
     request.createExtentFilesOnDemand = onDemand;
+    request.trust = invocation.getTrust();
     if (!parent.empty())
         inheritFromParent(invocation, passwords, request);
     if (request.sizeBytes == -1)

@@ -289,6 +289,7 @@ TEST_F(SizeTrap, SplitDiskMayBeLargerThanTwoTiB) {
     request.sizeBytes = 2 * kTwoTiB;
     request.fileSizeLimitBytes = __int64{4} << 30;
     request.createExtentFilesOnDemand = true;
+    request.trust.allowOversize = true;
     std::unique_ptr<SafeDisk> const disk =
         SafeDisk::create(makeGuard().get(), uriOf("disk.vmdk"), request);
     writeTo(*disk, 2 * kTwoTiB - 100, pattern(100, 1));
