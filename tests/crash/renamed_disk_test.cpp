@@ -28,6 +28,13 @@ protected:
         files->deleteFile(uriOf("a.vmdk"), false);
     }
 
+    /// A compressed grain that was on its way may be unreadable until the disk has been opened for
+    /// writing.
+    static void expectItself(yx::CMemoryFileSystem& state, std::string const& name,
+                             Bytes const& first) {
+        EXPECT_EQ(first, readGrain(*openSafe(&state, name, kReadOnly), 0));
+    }
+
     static void expectSound(yx::CMemoryFileSystem& state, std::string const& name,
                             Bytes const& first, Bytes const& second, bool secondIsFlushed) {
         std::unique_ptr<SafeDisk> const disk = openSafe(&state, name, kReadOnly);
@@ -64,7 +71,7 @@ TEST_P(RenamedDisk, IsItselfWhereverThePowerIsCut) {
                     continue;
                 ++states;
                 putImages(*state, left.files);
-                expectSound(*state, name, before, after, false);
+                expectItself(*state, name, before);
                 { openSafe(state.get(), name, kReadWrite); }
                 expectSound(*state, name, before, after, false);
                 EXPECT_FALSE(state->fileExists(uriOf("a.vmdk")));
