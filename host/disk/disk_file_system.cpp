@@ -107,14 +107,22 @@ bool DiskFileSystem::fileExists(yx::CURI const& uri) {
 }
 
 void DiskFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
-    yx::CURI const name = uri.toNormalized();
-    if (!findByLockFile(name)) {
-        Member const* const main = findMain(name);
-        Member const& owner = main ? *main : ownerOf(name);
-        verifyMayChange(owner, uri);
-        owner.reach.verifyExtent(name);
-    }
+    if (!findByLockFile(uri.toNormalized()))
+        verifyMayRemove(uri);
     m_fileSystem->deleteFile(uri, ignoreMissing);
+}
+
+void DiskFileSystem::moveFile(yx::CURI const& from, yx::CURI const& to) {
+    verifyMayRemove(from);
+    host::moveFile(m_fileSystem.get(), from, to);
+}
+
+void DiskFileSystem::verifyMayRemove(yx::CURI const& uri) {
+    yx::CURI const name = uri.toNormalized();
+    Member const* const main = findMain(name);
+    Member const& owner = main ? *main : ownerOf(name);
+    verifyMayChange(owner, uri);
+    owner.reach.verifyExtent(name);
 }
 
 void DiskFileSystem::verifyMayChange(Member const& member, yx::CURI const& uri) const {

@@ -9,7 +9,7 @@
 #include "host/disk/disk_reach.h"
 #include "host/disk/file_locks.h"
 #include "host/disk/overlaid_stream.h"
-#include "yx/file_system.h"
+#include "host/store/file_moving.h"
 
 namespace kelm::host {
 
@@ -32,7 +32,7 @@ namespace kelm::host {
 ///
 /// A descriptor is read when its file is first opened, which the library does under the lock. That
 /// of a parent is looked at once before, since nothing is to be made beside a file that is no disk.
-class DiskFileSystem : public yx::CBase, public virtual yx::IFileSystem {
+class DiskFileSystem : public yx::CBase, public virtual yx::IFileSystem, public virtual IFileMover {
 public:
     /// `access` is what the disk at `mainFile` is opened for. `locks` may be null; given, it also
     /// holds the locks that were taken before, on files that the caller made.
@@ -49,6 +49,7 @@ public:
                                   unsigned int* reserved) override;
     bool fileExists(yx::CURI const& uri) override;
     void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
+    void moveFile(yx::CURI const& from, yx::CURI const& to) override;
 
     /// How far descriptors are believed.
     DiskTrust const& getTrust() const { return m_trust; }
@@ -98,6 +99,7 @@ private:
     void goOnWithoutWriting(Member const& member, yx::CURI const& lockFile);
     bool tryJoinLockFile(yx::CURI const& lockFile);
     void verifyMayChange(Member const& member, yx::CURI const& uri) const;
+    void verifyMayRemove(yx::CURI const& uri);
     void verifyGrainSize(Member const& member, yx::CURI const& uri, yx::IIOStream& stream);
     bool lock(Member const& member, yx::CURI const& uri);
     Plan readPlan(Member const& member, yx::IIOStream* stream);

@@ -103,7 +103,13 @@ TEST_F(ExtentRecoveryTest, OpeningForWritingTouchesNoFileThatADescriptorMerelyNa
     putText("disk.vmdk", text);
     yx::CURI const key("mem:///keys/id_rsa");
     files->putFile(key, toBuffer(pattern(400, 1)));
-    openSafe();
+    EXPECT_THROW(openSafe(), yx::CIOError);
+    EXPECT_TRUE(sameBytes(pattern(400, 1), toBytes(files->getFile(key))));
+
+    kelm::host::DiskTrust trust;
+    trust.allowedPaths.push_back(yx::CURI("mem:///keys"));
+    SafeDisk(files.get(), uriOf("disk.vmdk"), kReadWrite, "", 1,
+             kelm::CVMDKGrainTableCache::kDefaultLimit, trust);
     EXPECT_TRUE(sameBytes(pattern(400, 1), toBytes(files->getFile(key))));
 }
 
