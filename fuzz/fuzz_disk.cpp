@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "fuzz/support/canary.h"
 #include "fuzz/support/disk_input.h"
 #include "fuzz/support/disk_script.h"
 #include "fuzz/support/too_dear.h"
@@ -379,7 +380,10 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     Input script(input.script.data(), input.script.size());
     yx::P<yx::CMemoryFileSystem> const files = yx::makeObject<yx::CMemoryFileSystem>();
     input.putFiles(*files);
-    if (!kelm::fuzz::areTooDear(*files))
-        Subject(files.get(), script.takeByte()).run(script);
+    if (kelm::fuzz::areTooDear(*files))
+        return 0;
+    kelm::fuzz::Canary const canary(*files);
+    Subject(files.get(), script.takeByte()).run(script);
+    canary.verifyUntouched();
     return 0;
 }

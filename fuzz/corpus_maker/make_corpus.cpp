@@ -6,6 +6,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -140,6 +141,40 @@ void saveDisks(fs::path const& folder) {
     }
 }
 
+/// Another content of the main file: its text with one name in the place of another.
+Buffer renameIn(Buffer const& content, std::string const& from, std::string const& to) {
+    std::string text(reinterpret_cast<char const*>(content.getData()),
+                     static_cast<std::size_t>(content.getUsed()));
+    std::size_t const at = text.find(from);
+    if (at == std::string::npos)
+        throw std::logic_error("a disk does not name " + from);
+    text.replace(at, from.size(), to);
+    return toBuffer({reinterpret_cast<std::uint8_t const*>(text.data()), text.size()});
+}
+
+/// Disks in files of their own whose texts name a file outside of their folder.
+void saveStrangers(fs::path const& folder) {
+    for (MadeDisk const& disk : makeDisks()) {
+        if (disk.name != "split" && disk.name != "on-demand")
+            continue;
+        for (std::string const target :
+             {"../canary/disk-s001.vmdk", "../canary/made.vmdk", "mem:///disks-canary/disk.vmdk"}) {
+            DiskInput input;
+            for (MadeFile const& file : disk.files) {
+                input.addFile(file.nameIndex, file.nameIndex == 0
+                                                  ? renameIn(file.content, "disk-s002.vmdk", target)
+                                                  : file.content);
+            }
+            std::string const name = fs::path(target).parent_path().filename().string() + "-" +
+                                     fs::path(target).stem().string();
+            input.script = writingScript();
+            save(folder, "stranger-" + disk.name + "-" + name + "-write", input.serialize());
+            input.script = oddScript();
+            save(folder, "stranger-" + disk.name + "-" + name + "-odd", input.serialize());
+        }
+    }
+}
+
 void saveHeaders(fs::path const& folder) {
     constexpr int kMaxSeedBytes = 12000;
     for (MadeDisk const& disk : makeDisks()) {
@@ -223,6 +258,7 @@ int main(int argc, char** argv) {
     try {
         fs::path const folder = argv[1];
         saveDisks(folder / "disk");
+        saveStrangers(folder / "disk");
         saveHeaders(folder / "header");
         saveDescriptors(folder / "descriptor");
         saveReferences(folder / "reference");
