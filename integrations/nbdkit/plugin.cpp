@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 #define NBDKIT_API_VERSION 2
@@ -15,6 +16,7 @@
 
 #include "host/store/file_names.h"
 #include "host/system/error_text.h"
+#include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
 #include "host/system/open_file_limit.h"
 #include "integrations/nbdkit/command_line.h"
@@ -40,10 +42,14 @@ constexpr uint32_t kMaxRequestBytes = 32 << 20;
 constexpr std::size_t kMaxRunsPerAnswer = 4096;
 
 DiskSettings settings;
+int maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
+std::optional<host::KeyDerivationWatch> keyDerivationWatch;
 std::unique_ptr<ServedDisk> servedDisk;
 
 void report(std::exception const& error) {
-    nbdkit_error("%s", host::describeError(error).c_str());
+    bool const takesTooLong = dynamic_cast<host::TooManyRoundsError const*>(&error) != nullptr;
+    nbdkit_error("%s%s", host::describeError(error).c_str(),
+                 takesTooLong ? " A larger max-rounds allows more." : "");
     nbdkit_set_error(errnoOf(error));
 }
 
@@ -79,6 +85,7 @@ void load() {
 
 void unload() {
     // The library may stay in memory longer than these handlers.
+    keyDerivationWatch.reset();
     yx::setLogHandler({});
     yx::setIgnoredExceptionHandler({});
 }
@@ -86,7 +93,7 @@ void unload() {
 void printCapabilities() {
     std::printf("kelm_version=%s\n"
                 "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
-                "kelm_parameters=file,password,cache-tables,allow-path,allow-oversize\n"
+                "kelm_parameters=file,password,cache-tables,max-rounds,allow-path,allow-oversize\n"
                 "kelm_requests=read,write,zero,flush,fua,extents,cache\n",
                 KELM_VERSION);
 }
@@ -113,6 +120,14 @@ bool configureCacheTables(char const* value) {
     return true;
 }
 
+bool configureMaxRounds(char const* value) {
+    if (nbdkit_parse_int("max-rounds", value, &maxRounds) != 0)
+        return false;
+    if (maxRounds < 1)
+        throw std::runtime_error("max-rounds must be at least 1");
+    return true;
+}
+
 bool configureAllowOversize(char const* value) {
     int const isAllowed = nbdkit_parse_bool(value);
     if (isAllowed == -1)
@@ -131,6 +146,8 @@ bool configureParameter(std::string_view key, char const* value) {
         return configurePassword(value);
     if (key == "cache-tables")
         return configureCacheTables(value);
+    if (key == "max-rounds")
+        return configureMaxRounds(value);
     if (key == "allow-path") {
         settings.trust.allowedPaths.push_back(host::uriFromArgument(value));
         return true;
@@ -147,10 +164,12 @@ int configure(char const* key, char const* value) {
 }
 
 int completeConfiguration() {
-    if (!settings.uri.isEmpty())
-        return 0;
-    nbdkit_error("the parameter file=<FILENAME> is missing");
-    return -1;
+    if (settings.uri.isEmpty()) {
+        nbdkit_error("the parameter file=<FILENAME> is missing");
+        return -1;
+    }
+    keyDerivationWatch.emplace(nullptr, maxRounds);
+    return 0;
 }
 
 int getReady() {
@@ -275,6 +294,7 @@ nbdkit_plugin describePlugin() {
         "password=<PASSWORD>   The password of the disk and its parents:\n"
         "                      -, +FILENAME, -FD, or the password itself.\n"
         "cache-tables=<N>      The most grain tables to keep in memory.\n"
+        "max-rounds=<N>        The most rounds that a key may take to derive.\n"
         "allow-path=<FOLDER>   A folder in which files of the disk may lie,\n"
         "                      beside the disk's own; may be given several times.\n"
         "allow-oversize=<BOOL> Take a disk with grains above 64 MiB, more than\n"

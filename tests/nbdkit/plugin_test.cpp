@@ -44,7 +44,7 @@ TEST_F(Plugin, TellsWhatItCanDo) {
     std::string const expected = std::string("kelm_version=") + KELM_VERSION +
                                  "\n"
                                  "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
-                                 "kelm_parameters=file,password,cache-tables,"
+                                 "kelm_parameters=file,password,cache-tables,max-rounds,"
                                  "allow-path,allow-oversize\n"
                                  "kelm_requests=read,write,zero,flush,fua,extents,cache\n";
     EXPECT_NE(outcome.out.find(expected), std::string::npos) << outcome.out;
@@ -86,6 +86,10 @@ TEST_F(Plugin, RefusesWrongParameters) {
               "nbdkit: error: cache-tables must be at least 1\n");
     EXPECT_NE(refusalOf({"disk.vmdk", "cache-tables=many"}).find("cache-tables"),
               std::string::npos);
+    EXPECT_EQ(refusalOf({"disk.vmdk", "max-rounds=0"}),
+              "nbdkit: error: max-rounds must be at least 1\n");
+    EXPECT_NE(refusalOf({"disk.vmdk", "max-rounds=2147483648"}).find("max-rounds"),
+              std::string::npos);
     EXPECT_EQ(refusalOf({"missing.vmdk"}),
               "nbdkit: error: The disk does not exist. (uri: " + path("missing.vmdk") + ")\n");
     writeFile("text", "no disk\n");
@@ -113,6 +117,54 @@ TEST_F(Plugin, RefusesAWrongOrMissingPasswordBeforeItServes) {
                   "nbdkit: error: VMDK is encrypted but no password provided (uri: " +
                       path("disk.vmdk") + ")\n");
     }
+}
+
+TEST_F(Plugin, RefusesKeysThatTakeMoreRoundsThanAllowed) {
+    makeDisk({"EncryptedSplit", {"--split", "4M"}, true});
+    auto const setRounds = [this](std::string const& from, std::string const& to) {
+        std::string text = readFile("disk.vmdk");
+        std::size_t const at = text.find(":" + from + "\n");
+        ASSERT_NE(at, std::string::npos);
+        writeFile("disk.vmdk", text.replace(at, from.size() + 2, ":" + to + "\n"));
+    };
+    auto const words = [](std::string const& rounds, std::string const& most) {
+        return "nbdkit: error: The key of the disk takes " + rounds +
+               " rounds to derive; at most " + most +
+               " are allowed. A larger max-rounds allows more.\n";
+    };
+    EXPECT_EQ(refusalOf({"disk.vmdk", "password=+password", "max-rounds=9999"}),
+              words("10000", "9999"));
+    expectServed({"disk.vmdk", "password=+password", "max-rounds=10000"});
+    setRounds("10000", "2147483647");
+    for (char const* const option : {"-f", "-r"})
+        EXPECT_EQ(refusalOf({option, "disk.vmdk", "password=+password"}),
+                  words("2147483647", "10000000"));
+    EXPECT_EQ(listFiles().count("disk.vmdk.lock"), 0u);
+}
+
+TEST_F(Plugin, RefusesNamesThatAreNoUTF8) {
+    makeDisk({"Split", {"--split", "4M"}});
+    // What the name would be, were its bytes read in another encoding.
+    std::filesystem::rename(path("disk-s00001.vmdk"), path("d\xC3\xA4.vmdk"));
+    std::string const name = "file://" + path("d%E4.vmdk");
+    std::string text = readFile("disk.vmdk");
+    std::string const before = "\"disk-s00001.vmdk\"";
+    std::size_t const at = text.find(before);
+    ASSERT_NE(at, std::string::npos);
+    writeFile("disk.vmdk", text.replace(at, before.size(), "\"" + name + "\""));
+    std::string const words = "nbdkit: error: The URI names no file of the operating system: its "
+                              "path is no UTF-8. (uri: " +
+                              name + ")\n";
+    EXPECT_EQ(refusalOf({"disk.vmdk"}), words);
+    EXPECT_EQ(refusalOf({"file=" + name}), words);
+    // For reading, an extent is opened when a client comes to it.
+    std::unique_ptr<Server> const server = serve({"-r"});
+    {
+        Client const client(server->socketPath());
+        EXPECT_EQ(client.read(0, 4), std::string(4, '\0'));
+        EXPECT_EQ(client.tryRead(std::size_t{6} << 20, 4), EINVAL);
+    }
+    EXPECT_NE(server->stop().err.find(words.substr(words.find("The URI"))), std::string::npos);
 }
 
 TEST_F(Plugin, RefusesAChildWithoutItsParentBeforeItServes) {
