@@ -68,10 +68,33 @@ std::vector<wxString> splitPath(yx::CURI const& uri) {
     return components;
 }
 
-yx::String unescape(wxString const& component) {
-    return yx::CURI("", "/" + yx::String(component), nullptr, nullptr, nullptr, -1, nullptr,
-                    nullptr)
-        .getName();
+/// Nothing for bytes that are no UTF-8 and so have no form as text.
+std::optional<yx::String> tryUnescape(wxString const& component) {
+    yx::CURI const uri("", "/" + yx::String(component), nullptr, nullptr, nullptr, -1, nullptr,
+                       nullptr);
+    try {
+        return uri.getName();
+    } catch (yx::CIOError const& error) {
+        if (error.getIOCode() != yx::CIOError::NotSupported)
+            throw;
+        return std::nullopt;
+    }
+}
+
+/// From the component at `common` of both on, as a path relative to `from`; nothing for names that
+/// have no form as text.
+std::optional<yx::String> relativePath(std::vector<wxString> const& from,
+                                       std::vector<wxString> const& to, size_t common) {
+    yx::String path;
+    for (size_t i = common; i < from.size(); ++i)
+        path += "../";
+    for (size_t i = common; i < to.size(); ++i) {
+        std::optional<yx::String> const name = tryUnescape(to[i]);
+        if (!name)
+            return std::nullopt;
+        path += (i > common ? "/" : "") + *name;
+    }
+    return path;
 }
 
 } // namespace
@@ -125,19 +148,12 @@ yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file) {
     while (common < from.size() && common + 1 < to.size() && from[common] == to[common])
         ++common;
 
-    yx::String relative;
-    for (size_t i = common; i < from.size(); ++i)
-        relative += "../";
-    for (size_t i = common; i < to.size(); ++i) {
-        if (i > common)
-            relative += "/";
-        relative += unescape(to[i]);
-    }
+    std::optional<yx::String> const relative = relativePath(from, to, common);
     // A quote would end the value, and blanks at its ends may get lost. What else a path may hold
     // that its reader takes for a sign of something else, only the reader knows.
-    bool const storable = relative.wx().find_first_of("\"\n\r") == wxString::npos &&
-                          relative.wx() == relative.wx().Strip(wxString::both);
-    return storable && isReferenceTo(folder, relative, target) ? relative : target.toString(true);
+    bool const storable = relative && relative->wx().find_first_of("\"\n\r") == wxString::npos &&
+                          relative->wx() == relative->wx().Strip(wxString::both);
+    return storable && isReferenceTo(folder, *relative, target) ? *relative : target.toString(true);
 }
 
 } // namespace kelm::host

@@ -10,7 +10,8 @@ namespace kelm::host {
 /// ".." are resolved, in the folder alone for a file that does not exist yet, so that every
 /// spelling of one file gives one URI, and with it one lock file. A folder that does not exist, and
 /// a link to a file that does not exist, is `CIOError` `NotFound` with "uri"; a name that is no
-/// UTF-8 is `NotSupported` with "name", and so is one whose real path is no UTF-8.
+/// UTF-8 is `NotSupported` with "name", and so is one whose real path is no UTF-8; a URI whose
+/// escapes are no UTF-8 is `NotSupported` with "uri".
 yx::CURI uriFromArgument(std::string const& argument);
 
 /// Whether two names mean one file: they are equal once normalised, or lead to the same file of the
@@ -21,7 +22,8 @@ bool isSameFile(yx::CURI const& left, yx::CURI const& right);
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file);
 
 /// The text by which a descriptor in `folder` refers to `file`: a relative path if `file` lies in
-/// or below the folder or beside it, otherwise its URI. Read back by `vmdkFileReferenceToURI`.
+/// or below the folder or beside it, otherwise its URI. Read back by `vmdkFileReferenceToURI`. A
+/// name whose escapes are no UTF-8 goes in as a URI, in which they stay as they are.
 yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file);
 
 } // namespace kelm::host

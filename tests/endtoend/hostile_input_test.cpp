@@ -55,6 +55,70 @@ TEST_F(HostileNames, OfADescriptorReachNoTerminal) {
               path("disk.vmdk") + ": the disk cannot be opened: " + words + "\n1 finding\n");
 }
 
+class UnreadableNames : public ToolTest {
+protected:
+    /// Replaces the name of a file in the descriptor "disk.vmdk" by a URI that is no UTF-8, and
+    /// gives the file the name that the URI would have in another encoding.
+    void rename(std::string const& file) {
+        std::string text = readFile("disk.vmdk");
+        std::size_t const at = text.find("\"" + file + "\"");
+        ASSERT_NE(at, std::string::npos);
+        writeFile("disk.vmdk", text.replace(at, file.size() + 2, "\"" + uri() + "\""));
+        std::filesystem::rename(path(file), path("d\xC3\xA4.vmdk"));
+    }
+
+    std::string uri() const { return "file://" + path("d%E4.vmdk"); }
+
+    std::string words() const {
+        return "The URI names no file of the operating system: its path is no UTF-8. (uri: " +
+               uri() + ")\n";
+    }
+};
+
+TEST_F(UnreadableNames, OfExtentsAreRefused) {
+    runWell({"create", "disk.vmdk", "--size", "8M", "--split", "4M"});
+    rename("disk-s00000.vmdk");
+    std::string const other = readFile("d\xC3\xA4.vmdk");
+    std::set<std::string> const before = listFiles();
+    for (Arguments const& arguments :
+         {Arguments{"info", "disk.vmdk"}, Arguments{"map", "disk.vmdk"},
+          Arguments{"export", "disk.vmdk", "-"}, Arguments{"convert", "disk.vmdk", "new.vmdk"}}) {
+        std::string const line = runBadly(3, arguments);
+        EXPECT_NE(line.find(words()), std::string::npos) << arguments.front() << ": " << line;
+    }
+    EXPECT_NE(run({"check", "disk.vmdk"}).out.find("its path is no UTF-8"), std::string::npos);
+    EXPECT_EQ(listFiles(), before);
+    EXPECT_TRUE(readFile("d\xC3\xA4.vmdk") == other);
+}
+
+TEST_F(UnreadableNames, OfAParentAreRefused) {
+    writeFile("image", makeImage(std::size_t{8} << 20, 5));
+    runWell({"import", "image", "parent.vmdk"});
+    runWell({"child", "parent.vmdk", "disk.vmdk", "--split", "4M"});
+    rename("parent.vmdk");
+    std::string const other = readFile("d\xC3\xA4.vmdk");
+    std::set<std::string> const before = listFiles();
+    for (Arguments const& arguments :
+         {Arguments{"export", "disk.vmdk", "-"}, Arguments{"flatten", "disk.vmdk"}}) {
+        EXPECT_EQ(runBadly(3, arguments),
+                  "kelm: The name in the URI is no UTF-8. (uri: " + uri() + ")\n")
+            << arguments.front();
+    }
+    EXPECT_EQ(listFiles(), before);
+    EXPECT_TRUE(readFile("d\xC3\xA4.vmdk") == other);
+}
+
+TEST_F(UnreadableNames, OfNewAndOldDisksAreRefused) {
+    runWell({"create", "d\xC3\xA4.vmdk", "--size", "8M"});
+    std::string const other = readFile("d\xC3\xA4.vmdk");
+    for (Arguments const& arguments :
+         {Arguments{"create", uri(), "--size", "8M", "--force"}, Arguments{"info", uri()},
+          Arguments{"child", uri(), "new.vmdk"}, Arguments{"check", uri()}})
+        EXPECT_EQ(runBadly(3, arguments), "kelm: " + words()) << arguments.front();
+    EXPECT_EQ(listFiles(), std::set<std::string>{"d\xC3\xA4.vmdk"});
+    EXPECT_TRUE(readFile("d\xC3\xA4.vmdk") == other);
+}
+
 class HostileRounds : public ToolTest {
 protected:
     /// An encrypted disk whose descriptor asks for the most rounds that there can be.

@@ -84,6 +84,40 @@ TEST_F(FileNames, FolderThatIsNoUTF8IsRefusedByName) {
                               [&] { uriFromArgument(pathOf("linked/new.vmdk")); }));
 }
 
+TEST_F(FileNames, URIWhoseEscapesAreNoUTF8IsRefused) {
+    // What the names would be, were their bytes read in another encoding or leniently.
+    std::ofstream(folder.path() / "\xC3\xA4.vmdk") << "x";
+    std::ofstream(folder.path() / "real.vmdk") << "x";
+    std::filesystem::create_directory(folder.path() / "d\xC3\xA4");
+    for (std::string const name :
+         {"%E4.vmdk", "d%E4/new.vmdk", "new%FF.vmdk", "real%E0%80%AF..%E0%80%AFreal.vmdk",
+          "%ED%A0%80.vmdk", "real%F0%80%80%AE.vmdk"}) {
+        for (std::string const& uri : {"file://" + pathOf(name), "file:" + pathOf(name)}) {
+            EXPECT_TRUE(throwsIOError(
+                yx::CIOError::NotSupported,
+                "The URI names no file of the operating system: its path is no UTF-8.",
+                {{"uri", uri}}, [&] { uriFromArgument(uri); }));
+        }
+    }
+}
+
+TEST_F(FileNames, ReferencesKeepEscapesThatAreNoUTF8) {
+    for (char const* const name : {"mem:/disks/%E4.vmdk", "mem:/disks/d%E4/a.vmdk",
+                                   "mem:/%FF/a.vmdk", "mem:/disks/%ED%A0%80"}) {
+        yx::CURI const file(name);
+        for (char const* const from : {"mem:/disks/", "mem:/other/"}) {
+            yx::CURI const base(from);
+            yx::String const reference = makeFileReference(base, file);
+            EXPECT_EQ(reference.toStdString(), name);
+            EXPECT_EQ(kelm::vmdkFileReferenceToURI(base, reference).toString(true).toStdString(),
+                      name);
+        }
+    }
+    // What both have in common is not spelled.
+    EXPECT_EQ(makeFileReference(yx::CURI("mem:/d%E4/"), yx::CURI("mem:/d%E4/a.vmdk")).toStdString(),
+              "a.vmdk");
+}
+
 TEST_F(FileNames, ReferencesAreRelativePaths) {
     struct Case {
         char const* folder;
