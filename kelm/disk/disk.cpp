@@ -165,6 +165,11 @@ void CVMDKDisk::setChainDepth(int depth) {
         provider->setChainDepth(depth);
 }
 
+yx::P<CVMDKDisk> CVMDKDisk::getParentDisk() {
+    auto const provider = yx::cast<CVMDKParentDiskDataProvider>(m_parentDataProvider);
+    return provider ? provider->getParentDisk() : yx::P<CVMDKDisk>();
+}
+
 yx::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
     yx::P<yx::IIOStream> stream;
     if (m_currentExtent && m_currentExtent->getURI().toNormalized() == m_mainFileURI) {

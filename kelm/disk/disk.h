@@ -126,6 +126,12 @@ public:
     /// Empty for a disk without a parent.
     yx::CURI getParentDiskMainURI() { return m_parentDiskMainURI; }
 
+    /// The parent in use, opened by this if it was not yet; null for a disk without a parent. For
+    /// asking what it holds: this disk seeks it before each use, so its cursor may be moved. It has
+    /// this disk's grain table cache. Throws what opening the parent throws, as
+    /// `CVMDKParentDiskDataProvider::ensureParentDiskOpen`.
+    yx::P<CVMDKDisk> getParentDisk();
+
     /// The disk's working copy, not a copy of it. Changes reach the file with `storeDescriptor`.
     yx::P<CVMDKDescriptor> getDescriptor() { return m_descriptor; }
 

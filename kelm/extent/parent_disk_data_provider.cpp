@@ -88,6 +88,11 @@ void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
     assert(m_parentDiskSizeBytes >= 0);
 }
 
+yx::P<CVMDKDisk> CVMDKParentDiskDataProvider::getParentDisk() {
+    ensureParentDiskOpen();
+    return m_parentDisk;
+}
+
 void CVMDKParentDiskDataProvider::getData(__int64 position, void* buffer, int bytes) {
     assert(position >= 0 && bytes >= 0);
     ensureParentDiskOpen();

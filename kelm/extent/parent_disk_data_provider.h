@@ -52,6 +52,9 @@ public:
     /// "expectedContentID" and "actualContentID" if its content ID is not the expected one.
     void ensureParentDiskOpen();
 
+    /// The parent, opened by `ensureParentDiskOpen`.
+    yx::P<CVMDKDisk> getParentDisk();
+
     /// Sets the number of disks that depend on this child, each through the next; 0 at first. If
     /// opening the parent would make a chain of more than 255 parents, as files that name each
     /// other in a circle do, it throws `yx::CIOError` `CorruptData` "VMDK parent chain is too

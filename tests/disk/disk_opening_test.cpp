@@ -2,7 +2,9 @@
 
 #include "tests/support/disk_fixture.h"
 #include "tests/support/faulty_file_system.h"
+#include "tests/support/grain_contents.h"
 #include "tests/support/ignored_exception_capture.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/recording_file_system.h"
 
 using testing::ElementsAre;
@@ -155,6 +157,26 @@ TEST_F(DiskOpening, ParentThatIsHandedInIsTheOneThatIsRead) {
     kelm::CVMDKDisk child(files.get(), uriOf("child.vmdk"), yx::IIOStream::ReadOnly, "", 1, nullptr,
                           parent.get());
     EXPECT_EQ("base", toText(readAt(child, 100, 4)));
+}
+
+TEST_F(DiskOpening, ParentInUseIsGivenAndOpenedForThat) {
+    unsigned int const id = create({}, "base.vmdk")->getDescriptor()->getContentID();
+    create({}, "child.vmdk", 0, "base.vmdk", id);
+    yx::P<kelm::CVMDKDisk> const child = open(yx::IIOStream::ReadOnly, "", "child.vmdk");
+    yx::P<kelm::CVMDKDisk> const parent = child->getParentDisk();
+    ASSERT_TRUE(parent);
+    EXPECT_EQ("mem:///disks/base.vmdk", parent->getMainFileURI().toString(true).toStdString());
+    EXPECT_EQ(child->getGrainTableCache(), parent->getGrainTableCache());
+    EXPECT_EQ(parent, child->getParentDisk());
+    EXPECT_FALSE(parent->getParentDisk());
+}
+
+TEST_F(DiskOpening, ParentThatHasChangedIsNotGiven) {
+    test_support::LogCapture const quiet;
+    create({}, "base.vmdk");
+    create({}, "child.vmdk", 0, "base.vmdk", 42);
+    EXPECT_TRUE(reportsCorruptData(
+        [&] { open(yx::IIOStream::ReadOnly, "", "child.vmdk")->getParentDisk(); }));
 }
 
 TEST_F(DiskOpening, CacheServesTheWholeChain) {
