@@ -47,11 +47,15 @@ fuzz: install-packages
 fuzz-corpus: all
 	build/release/bin/fuzz/make_corpus fuzz/corpus
 
-# Runs histories of writing, killing and reopening on every kind of disk for SOAK_SECONDS, in the
-# folder for temporary files. SOAK_ARGS may be "--seed <n>".
+# Takes ten random chains of disks of other software for each of SOAK_CHAIN_ROUNDS. Then runs
+# histories of writing, killing and reopening on every kind of disk for SOAK_SECONDS, in the folder
+# for temporary files. SOAK_ARGS may be "--seed <n>".
+SOAK_CHAIN_ROUNDS ?= 200
 SOAK_SECONDS ?= 60
 SOAK_ARGS ?=
 soak: all
+	KELM_MODEL_ROUNDS=$(SOAK_CHAIN_ROUNDS) build/release/bin/test_host_transfer \
+	    --gtest_filter='ForeignChainModel.*'
 	build/release/bin/helpers/soak/soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
 # Measures everything beside its limit and writes one report. BENCH_WORK is a folder on the disk

@@ -36,13 +36,13 @@ public:
     }
 
     void run() {
-        __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
         for (DiskExtent const& extent : m_disk.listExtents()) {
-            __int64 const firstIndex = (extent.startBytes + grainSizeBytes - 1) / grainSizeBytes;
+            __int64 const grainSizeBytes = grainSizeOf(extent);
             __int64 const tableBytes = grainSizeBytes * kGrainTableEntryCount;
             for (__int64 start = extent.startBytes; start < extent.endBytes; start += tableBytes) {
-                checkTable(start, std::min(extent.endBytes, start + tableBytes),
-                           firstIndex + (start - extent.startBytes) / grainSizeBytes);
+                checkTable(start, std::min(extent.endBytes, start + tableBytes), grainSizeBytes,
+                           extent.getStartGrainIndex() +
+                               (start - extent.startBytes) / grainSizeBytes);
             }
         }
         drainAll();
@@ -57,6 +57,16 @@ private:
         __int64 endIndex;
         std::string reason;
     };
+
+    /// The grain size of an extent's file; that of the disk if the file does not tell, which the first
+    /// look at a grain then finds.
+    __int64 grainSizeOf(DiskExtent const& extent) {
+        __int64 grainSizeBytes = m_disk.getGrainSizeBytes();
+        if (extent.getSizeBytes() > 0)
+            findingOf(
+                [&] { grainSizeBytes = m_disk.getFileGrain(extent.startBytes).wholeSizeBytes; });
+        return grainSizeBytes;
+    }
 
     void startWorkers(int threads) {
         for (int i = 0; i < threads; ++i)
@@ -73,8 +83,8 @@ private:
     }
 
     /// Checks the grains of one table. If one of them cannot be looked up, none after it can.
-    void checkTable(__int64 startBytes, __int64 endBytes, __int64 firstIndex) {
-        __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
+    void checkTable(__int64 startBytes, __int64 endBytes, __int64 grainSizeBytes,
+                    __int64 firstIndex) {
         __int64 index = firstIndex;
         for (__int64 position = startBytes; position < endBytes; position += grainSizeBytes) {
             if (m_cancel)
@@ -109,7 +119,7 @@ private:
             drainOne();
         bool isToBeDecoded = false;
         auto const failure = findingOf([&] {
-            isToBeDecoded = m_decoders && m_disk.isWholeGrain(index) &&
+            isToBeDecoded = m_decoders && m_disk.getFileGrain(positionBytes).isGrainOfDisk &&
                             m_disk.tryReadPreparedGrain(index, *m_decoders->getFree()->record);
             if (!isToBeDecoded)
                 readPlain(positionBytes, static_cast<int>(bytes));

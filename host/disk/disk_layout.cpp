@@ -61,10 +61,6 @@ __int64 DiskLayout::getGrainCount() const {
     return (getSizeBytes() + getGrainSizeBytes() - 1) / getGrainSizeBytes();
 }
 
-bool DiskLayout::isWholeGrain(__int64 grainIndex) const {
-    return m_areExtentsWholeGrains && (grainIndex + 1) * getGrainSizeBytes() <= getSizeBytes();
-}
-
 int DiskLayout::getGrainBytesAt(__int64 grainStartBytes) const {
     return static_cast<int>(std::min(getGrainSizeBytes(), getSizeBytes() - grainStartBytes));
 }

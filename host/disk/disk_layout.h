@@ -10,8 +10,8 @@ class CVMDKDisk;
 
 namespace kelm::host {
 
-/// How a disk is cut into extents and grains: the one place for arithmetic with either. Knows
-/// nothing of what the files hold.
+/// How a disk as a whole is cut into extents and grains: the one place for arithmetic with either.
+/// Knows nothing of the files, which may be cut into other grains: see `ExtentGrains`.
 class DiskLayout {
 public:
     /// The layout that the descriptor of an open disk describes.
@@ -37,9 +37,6 @@ public:
     /// Whether all extents but the last are whole numbers of grains. If not, the grains of the
     /// files are not those of the disk.
     bool areExtentsWholeGrains() const { return m_areExtentsWholeGrains; }
-
-    /// Whether the grain is a whole grain of one file. A last grain that is cut short is not.
-    bool isWholeGrain(__int64 grainIndex) const;
 
     /// How many bytes of the grain that starts there lie in the disk.
     int getGrainBytesAt(__int64 grainStartBytes) const;

@@ -51,20 +51,39 @@ void DiskReading::read(__int64 positionBytes, void* buffer, int bytes) {
     });
 }
 
-bool DiskReading::isGrainWritten(__int64 grainIndex) {
-    if (!m_layout.areExtentsWholeGrains())
-        return true;
-    return useDisk(grainIndex, [&](CVMDKDisk& disk) {
-        disk.seek(grainIndex * m_layout.getGrainSizeBytes());
-        return disk.isGrainWritten();
+bool DiskReading::isWritten(__int64 positionBytes, __int64 bytes) {
+    bool isWritten = false;
+    m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
+        isWritten =
+            isWritten || useDisk(partBytes / m_layout.getGrainSizeBytes(), [&](CVMDKDisk& disk) {
+                return m_grains.isWritten(disk, partBytes, size);
+            });
     });
+    return isWritten;
+}
+
+bool DiskReading::isWrittenHere(__int64 positionBytes, __int64 bytes) {
+    bool isWrittenHere = true;
+    m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
+        isWrittenHere = isWrittenHere &&
+                        useDisk(partBytes / m_layout.getGrainSizeBytes(), [&](CVMDKDisk& disk) {
+                            return m_grains.isWrittenHere(disk, partBytes, size);
+                        });
+    });
+    return isWrittenHere;
+}
+
+bool DiskReading::isGrainWritten(__int64 grainIndex) {
+    __int64 const startBytes = grainIndex * m_layout.getGrainSizeBytes();
+    // Refuses a grain outside of the disk.
+    m_grains.at(startBytes);
+    return isWritten(startBytes, m_layout.getGrainBytesAt(startBytes));
 }
 
 bool DiskReading::isGrainWrittenHere(__int64 grainIndex) {
-    return useDisk(grainIndex, [&](CVMDKDisk& disk) {
-        disk.seek(grainIndex * m_layout.getGrainSizeBytes());
-        return disk.isGrainWrittenAndIndependentOfParent();
-    });
+    __int64 const startBytes = grainIndex * m_layout.getGrainSizeBytes();
+    m_grains.at(startBytes);
+    return isWrittenHere(startBytes, m_layout.getGrainBytesAt(startBytes));
 }
 
 } // namespace kelm::host

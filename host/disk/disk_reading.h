@@ -1,6 +1,6 @@
 #pragma once
 
-#include "host/disk/disk_layout.h"
+#include "host/disk/chain_grains.h"
 #include "host/disk/stored_view.h"
 #include "host/disk/table_limit.h"
 #include "host/disk/unflushed_grains.h"
@@ -18,10 +18,12 @@ class DiskReading {
 public:
     /// All of them must outlive the object. Without the last two, for the reads of operations that
     /// write, every failure passes.
-    DiskReading(CVMDKDisk& disk, DiskLayout const& layout, TableLimit& tableLimit,
-                UnflushedGrains* unflushed = nullptr, StoredView* storedView = nullptr)
+    DiskReading(CVMDKDisk& disk, DiskLayout const& layout, ChainGrains& grains,
+                TableLimit& tableLimit, UnflushedGrains* unflushed = nullptr,
+                StoredView* storedView = nullptr)
         : m_disk(disk),
           m_layout(layout),
+          m_grains(grains),
           m_tableLimit(tableLimit),
           m_unflushed(unflushed),
           m_storedView(storedView) {}
@@ -29,11 +31,13 @@ public:
     /// Reads exactly `bytes` bytes at `positionBytes`.
     void read(__int64 positionBytes, void* buffer, int bytes);
 
-    /// Whether the chain holds the grain; false means that it reads as zeros. Always true where
-    /// extents are no whole numbers of grains: several grains of a file may then lie under one.
+    /// Whether the chain holds anything of a range of the disk, or of a grain; false means that it
+    /// reads as zeros. See `ChainGrains::isWritten`.
+    bool isWritten(__int64 positionBytes, __int64 bytes);
     bool isGrainWritten(__int64 grainIndex);
 
-    /// Whether this very disk holds the grain.
+    /// Whether this very disk holds all of a range, or of a grain. See `ChainGrains::isWrittenHere`.
+    bool isWrittenHere(__int64 positionBytes, __int64 bytes);
     bool isGrainWrittenHere(__int64 grainIndex);
 
     /// Calls `use` with the disk that can answer for the grain, and returns what it returns. `use`
@@ -60,6 +64,7 @@ private:
 
     CVMDKDisk& m_disk;
     DiskLayout const& m_layout;
+    ChainGrains& m_grains;
     TableLimit& m_tableLimit;
 
     /// Null together.

@@ -67,7 +67,7 @@ void DiskWriting::write(__int64 positionBytes, void const* buffer, int bytes, Co
 
 void DiskWriting::writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data,
                                 Content content) {
-    assert(m_layout.isWholeGrain(grainIndex));
+    assert((grainIndex + 1) * m_layout.getGrainSizeBytes() <= m_layout.getSizeBytes());
     __int64 const positionBytes = grainIndex * m_layout.getGrainSizeBytes();
     prepareChange(positionBytes, m_layout.getGrainSizeBytes(), content);
     beginChangeOfGrain(positionBytes);

@@ -35,7 +35,7 @@ public:
     /// unflushed, since nothing is lost with it.
     void write(__int64 positionBytes, void const* buffer, int bytes, Content content);
 
-    /// Stores a whole grain that was prepared for its index.
+    /// Stores a grain of the disk (`FileGrain::isGrainOfDisk`) that was prepared for its index.
     void writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data, Content content);
 
     /// Brings all changes to the device. Once a file of the disk could not be synced, every call

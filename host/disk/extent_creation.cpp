@@ -23,12 +23,13 @@ void writeHeaderFirst(yx::IIOStream& stream, yx::TBuffer<unsigned char> const& c
 
 yx::TBuffer<unsigned char> makeExtentFileContent(DiskExtent const& extent,
                                                  yx::TBuffer<unsigned char> const& keyHash) {
-    assert(extent.getSizeBytes() % extent.grainSizeBytes == 0);
+    // Up to the end of a last grain that is cut short, which could not be read otherwise.
+    __int64 const grainCount =
+        (extent.getSizeBytes() + extent.grainSizeBytes - 1) / extent.grainSizeBytes;
     auto const memory = yx::makeObject<yx::CMemoryFileSystem>();
     yx::TBuffer<unsigned char> zeroBuffer(static_cast<int>(extent.grainSizeBytes), -1);
     yx::initMemory(zeroBuffer.getData(), 0, static_cast<std::size_t>(zeroBuffer.getUsed()));
-    createEmptyVMDKSparseExtentFile(memory.get(), extent.uri, extent.isCompressed,
-                                    extent.getSizeBytes() / extent.grainSizeBytes,
+    createEmptyVMDKSparseExtentFile(memory.get(), extent.uri, extent.isCompressed, grainCount,
                                     extent.getGrainSizeSectors(), zeroBuffer, nullptr, 0, keyHash);
     return memory->getFile(extent.uri);
 }

@@ -5,9 +5,11 @@
 namespace kelm::host {
 
 ParentIndependence::ParentIndependence(CVMDKDisk& disk, DiskLayout const& layout,
-                                       DiskReading& reading, PreparedReading& preparedReading,
-                                       DiskWriting& writing, ZeroWriting& zeroWriting)
+                                       ChainGrains& grains, DiskReading& reading,
+                                       PreparedReading& preparedReading, DiskWriting& writing,
+                                       ZeroWriting& zeroWriting)
     : m_layout(layout),
+      m_grains(grains),
       m_reading(reading),
       m_preparedReading(preparedReading),
       m_writing(writing),
@@ -20,28 +22,36 @@ void ParentIndependence::makeGrainIndependent(__int64 grainIndex) {
     assert(!m_writing.hasUnflushedWrites());
     if (m_reading.isGrainWrittenHere(grainIndex) || !m_reading.isGrainWritten(grainIndex))
         return;
-    m_writing.reserveRoom(grainIndex * m_layout.getGrainSizeBytes(), 1);
-    // `CVMDKDisk::makeGrainIndependentOfParent` would take a record from an encrypted parent
-    // without its padding.
-    if (!m_preparedReading.tryRead(grainIndex, m_grain)) {
-        copyPlain(grainIndex);
+    __int64 const startBytes = grainIndex * m_layout.getGrainSizeBytes();
+    int const grainBytes = m_layout.getGrainBytesAt(startBytes);
+    m_writing.reserveRoom(startBytes, grainBytes);
+    if (tryCopyPrepared(grainIndex))
         return;
-    }
-    m_preparer->patchGrainIndexInPreparedGrainData(m_grain, grainIndex);
-    m_writing.writePrepared(grainIndex, m_grain, DiskWriting::Content::Stays);
+    m_grains.forEachPart(startBytes, grainBytes, [this](__int64 partBytes, int size) {
+        if (!m_reading.isWrittenHere(partBytes, size))
+            copyPlain(partBytes, size);
+    });
 }
 
-void ParentIndependence::copyPlain(__int64 grainIndex) {
-    __int64 const grainStartBytes = grainIndex * m_layout.getGrainSizeBytes();
-    int const grainBytes = m_layout.getGrainBytesAt(grainStartBytes);
-    assert(grainBytes >= 1);
-    m_grain.setUsed(grainBytes);
-    m_reading.read(grainStartBytes, m_grain.getData(), grainBytes);
-    if (!yx::isAllZero(m_grain.getData(), static_cast<std::size_t>(grainBytes)))
-        m_writing.write(grainStartBytes, m_grain.getData(), grainBytes,
-                        DiskWriting::Content::Stays);
-    else if (m_layout.isWholeGrain(grainIndex))
-        m_zeroWriting.storeGrain(grainIndex, DiskWriting::Content::Stays);
+bool ParentIndependence::tryCopyPrepared(__int64 grainIndex) {
+    // `CVMDKDisk::makeGrainIndependentOfParent` would take a record from an encrypted parent
+    // without its padding.
+    if (!m_preparedReading.tryRead(grainIndex, m_grain))
+        return false;
+    m_preparer->patchGrainIndexInPreparedGrainData(m_grain, grainIndex);
+    m_writing.writePrepared(grainIndex, m_grain, DiskWriting::Content::Stays);
+    return true;
+}
+
+void ParentIndependence::copyPlain(__int64 positionBytes, int bytes) {
+    assert(bytes >= 1);
+    m_grain.setUsed(bytes);
+    m_reading.read(positionBytes, m_grain.getData(), bytes);
+    if (!yx::isAllZero(m_grain.getData(), static_cast<std::size_t>(bytes)))
+        m_writing.write(positionBytes, m_grain.getData(), bytes, DiskWriting::Content::Stays);
+    else if (m_grains.at(positionBytes).isGrainOfDisk)
+        m_zeroWriting.storeGrain(positionBytes / m_layout.getGrainSizeBytes(),
+                                 DiskWriting::Content::Stays);
 }
 
 } // namespace kelm::host

@@ -10,20 +10,23 @@ namespace kelm::host {
 class ParentIndependence {
 public:
     /// All of them must outlive the object.
-    ParentIndependence(CVMDKDisk& disk, DiskLayout const& layout, DiskReading& reading,
-                       PreparedReading& preparedReading, DiskWriting& writing,
+    ParentIndependence(CVMDKDisk& disk, DiskLayout const& layout, ChainGrains& grains,
+                       DiskReading& reading, PreparedReading& preparedReading, DiskWriting& writing,
                        ZeroWriting& zeroWriting);
 
     /// Gives a grain that the parent holds a copy of its own. Flushes first if there are unwritten
     /// changes, which a grain without a place of its own would lose. Grains that are here, or
-    /// nowhere in the chain, stay as they are, and so does a last grain that is cut short and reads
-    /// as zeros, as it does without a parent too. The content ID stays.
+    /// nowhere in the chain, stay as they are, and so does a grain that has no prepared form
+    /// (`FileGrain::isGrainOfDisk`) and reads as zeros, as it does without a parent too. The content
+    /// ID stays.
     void makeGrainIndependent(__int64 grainIndex);
 
 private:
-    void copyPlain(__int64 grainIndex);
+    bool tryCopyPrepared(__int64 grainIndex);
+    void copyPlain(__int64 positionBytes, int bytes);
 
     DiskLayout const& m_layout;
+    ChainGrains& m_grains;
     DiskReading& m_reading;
     PreparedReading& m_preparedReading;
     DiskWriting& m_writing;

@@ -2,9 +2,6 @@
 
 #include <cassert>
 
-#include "kelm/extent/parent_disk_data_provider.h"
-#include "yx/error.h"
-
 namespace kelm::host {
 
 namespace {
@@ -24,44 +21,21 @@ void padToSector(yx::TBuffer<unsigned char>& data) {
 
 } // namespace
 
-PreparedReading::PreparedReading(CVMDKDisk& disk, DiskLayout const& layout, DiskReading& reading)
-    : m_layout(layout),
-      m_reading(reading),
-      m_hasParent(!disk.getParentDiskMainURI().isEmpty()),
-      m_isCompressed(disk.getCompressed()) {}
+PreparedReading::PreparedReading(DiskLayout const& layout, ChainGrains& grains,
+                                 DiskReading& reading)
+    : m_layout(layout), m_grains(grains), m_reading(reading) {}
 
 bool PreparedReading::tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
-    if (!m_layout.isWholeGrain(grainIndex))
-        return false;
-    // Every further grain of such a parent would fail likewise.
-    if (!m_parentIsOfOneForm && !m_reading.isGrainWrittenHere(grainIndex))
-        return false;
-    bool const isRead = m_reading.useDisk(
-        grainIndex, [&](CVMDKDisk& disk) { return tryReadFrom(disk, grainIndex, data); });
-    if (!isRead)
-        return false;
-    padToSector(data);
-    assert(m_isCompressed || data.getUsed() == m_layout.getGrainSizeBytes());
-    return true;
-}
-
-bool PreparedReading::tryReadFrom(CVMDKDisk& disk, __int64 grainIndex,
-                                  yx::TBuffer<unsigned char>& data) {
-    try {
+    bool const isRead = m_reading.useDisk(grainIndex, [&](CVMDKDisk& disk) {
+        if (!m_grains.canBeReadPrepared(disk, grainIndex))
+            return false;
         disk.seek(grainIndex * m_layout.getGrainSizeBytes());
         disk.readPreparedGrainData(data);
         return true;
-    } catch (yx::CIOError& error) {
-        // The parent ends within the grain.
-        if (m_hasParent && error.getIOCode() == yx::CIOError::NotAllowed)
-            return false;
-        throw;
-    } catch (yx::CError& error) {
-        if (error.getMessage() != kParentIncompatibleMessage)
-            throw;
-        m_parentIsOfOneForm = false;
-        return false;
-    }
+    });
+    if (isRead)
+        padToSector(data);
+    return isRead;
 }
 
 } // namespace kelm::host

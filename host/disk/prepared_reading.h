@@ -7,22 +7,17 @@ namespace kelm::host {
 /// Reads grains in the form in which a file stores them. Use `DiskReading` for plain bytes.
 class PreparedReading {
 public:
-    /// `layout` and `reading` must outlive the object.
-    PreparedReading(CVMDKDisk& disk, DiskLayout const& layout, DiskReading& reading);
+    /// All of them must outlive the object.
+    PreparedReading(DiskLayout const& layout, ChainGrains& grains, DiskReading& reading);
 
-    /// Fills `data` with a whole grain in prepared form, or returns false where that cannot be: the
-    /// last grain of a disk or of a parent that is no whole number of grains, and a grain of a
-    /// parent that stores its grains in another form.
+    /// Fills `data` with a whole grain in prepared form, or returns false where that cannot be, as
+    /// `ChainGrains::canBeReadPrepared` says. Read it in plain form then.
     bool tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
 
 private:
-    bool tryReadFrom(CVMDKDisk& disk, __int64 grainIndex, yx::TBuffer<unsigned char>& data);
-
     DiskLayout const& m_layout;
+    ChainGrains& m_grains;
     DiskReading& m_reading;
-    bool m_hasParent;
-    bool m_isCompressed;
-    bool m_parentIsOfOneForm = true;
 };
 
 } // namespace kelm::host

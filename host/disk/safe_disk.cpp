@@ -8,8 +8,6 @@
 
 namespace kelm::host {
 
-using Content = DiskWriting::Content;
-
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                    yx::String const& password, int compressionLevel, int readCacheLimit,
                    DiskTrust const& trust)
@@ -33,6 +31,7 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
                             readCacheLimit)),
       m_hasParent(!m_disk->getParentDiskMainURI().isEmpty()),
       m_layout(*m_disk),
+      m_grains(m_fileSystem.get(), *m_disk, m_layout),
       m_contentIDChange(*m_disk),
       m_extentFiles(m_fileSystem.get(), m_disk->getMainFileURI(), m_layout,
                     m_disk->getDescriptor()->getYxCreateExtentFilesOnDemand(), keyHashOf(*m_disk)),
@@ -40,15 +39,15 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
              [this] { m_disk->flushChanges(); }),
       m_tableLimit(*m_disk, [this] { flush(); }),
       m_storedView(m_fileSystem.get(), m_disk->getMainFileURI(), password),
-      m_reading(*m_disk, m_layout, m_tableLimit, &m_unflushed, &m_storedView),
-      m_preparedReading(*m_disk, m_layout, m_reading),
-      m_strictReading(*m_disk, m_layout, m_tableLimit),
-      m_strictPreparedReading(*m_disk, m_layout, m_strictReading),
+      m_reading(*m_disk, m_layout, m_grains, m_tableLimit, &m_unflushed, &m_storedView),
+      m_preparedReading(m_layout, m_grains, m_reading),
+      m_strictReading(*m_disk, m_layout, m_grains, m_tableLimit),
+      m_strictPreparedReading(m_layout, m_grains, m_strictReading),
       m_writing(*m_disk, m_layout, *m_fileSystem, m_contentIDChange, m_extentFiles, m_room,
                 m_tableLimit, m_unflushed, m_storedView),
-      m_zeroWriting(*m_disk, m_layout, m_strictReading, m_writing),
-      m_independence(*m_disk, m_layout, m_strictReading, m_strictPreparedReading, m_writing,
-                     m_zeroWriting) {}
+      m_zeroWriting(*m_disk, m_layout, m_grains, m_strictReading, m_writing),
+      m_independence(*m_disk, m_layout, m_grains, m_strictReading, m_strictPreparedReading,
+                     m_writing, m_zeroWriting) {}
 
 std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri,
                                            NewDisk const& request) {
@@ -115,22 +114,22 @@ void SafeDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
         return;
     m_writing.reserveRoom(positionBytes, bytes);
     if (!m_hasParent) {
-        m_writing.write(positionBytes, buffer, bytes, Content::Changes);
+        m_writing.write(positionBytes, buffer, bytes, DiskWriting::Content::Changes);
         return;
     }
     auto const* source = static_cast<unsigned char const*>(buffer);
-    m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
+    m_grains.forEachPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
         if (yx::isAllZero(source, static_cast<std::size_t>(size)))
             m_zeroWriting.writeInGrain(partBytes, size);
         else
-            m_writing.write(partBytes, source, size, Content::Changes);
+            m_writing.write(partBytes, source, size, DiskWriting::Content::Changes);
         source += size;
     });
 }
 
 void SafeDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
     m_writing.verifyMayWrite(positionBytes, bytes);
-    m_layout.forEachGrainPart(positionBytes, bytes, [this](__int64 partBytes, int size) {
+    m_grains.forEachPart(positionBytes, bytes, [this](__int64 partBytes, int size) {
         m_zeroWriting.writeInGrain(partBytes, size);
     });
 }
@@ -139,8 +138,8 @@ void SafeDisk::writePreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>
     __int64 const positionBytes = grainIndex * getGrainSizeBytes();
     m_writing.verifyMayWrite(positionBytes, 0);
     m_writing.reserveRoom(positionBytes, getGrainSizeBytes());
-    if (isWholeGrain(grainIndex)) {
-        m_writing.writePrepared(grainIndex, data, Content::Changes);
+    if (grainIndex < getGrainCount() && isWholeGrain(grainIndex)) {
+        m_writing.writePrepared(grainIndex, data, DiskWriting::Content::Changes);
     } else {
         // The library refuses it, in its words.
         m_disk->seek(positionBytes);

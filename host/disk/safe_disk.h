@@ -37,6 +37,7 @@ constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDe
 /// - `openLockedDisk`: nobody reads a disk that is being written.
 /// - `SyncWatch`: no flush says that all is well after a sync has failed.
 /// - `DiskReading`: what is stored can be read while a full device refuses changes.
+/// - `ChainGrains`: nothing is taken as a whole where the grains of a disk or of a parent differ.
 ///
 /// A power cut harms nothing that was flushed, and a new disk is on the device with all its files
 /// before it is handed out.
@@ -84,8 +85,13 @@ public:
     /// Whether this is a child disk.
     bool hasParent() const { return m_hasParent; }
 
-    /// Whether the grain can be stored in prepared form: it is no last grain that is cut short.
-    bool isWholeGrain(__int64 grainIndex) const { return m_layout.isWholeGrain(grainIndex); }
+    /// The grain of a file that holds a byte of the disk; see `ChainGrains`.
+    FileGrain getFileGrain(__int64 positionBytes) { return m_grains.at(positionBytes); }
+
+    /// Whether the grain can be stored in prepared form: see `FileGrain::isGrainOfDisk`.
+    bool isWholeGrain(__int64 grainIndex) {
+        return m_grains.at(grainIndex * getGrainSizeBytes()).isGrainOfDisk;
+    }
 
     /// Makes a disk opened for writing keep at most so many grain tables; see `TableLimit::set`.
     void limitTables(int maxTables) { m_tableLimit.set(maxTables); }
@@ -105,6 +111,12 @@ public:
     bool tryReadPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
 
     /// See `DiskReading`.
+    bool isWritten(__int64 positionBytes, __int64 bytes) {
+        return m_reading.isWritten(positionBytes, bytes);
+    }
+    bool isWrittenHere(__int64 positionBytes, __int64 bytes) {
+        return m_reading.isWrittenHere(positionBytes, bytes);
+    }
     bool isGrainWritten(__int64 grainIndex) { return m_reading.isGrainWritten(grainIndex); }
     bool isGrainWrittenHere(__int64 grainIndex) { return m_reading.isGrainWrittenHere(grainIndex); }
 
@@ -143,6 +155,7 @@ private:
     yx::P<CVMDKDisk> m_disk;
     bool m_hasParent;
     DiskLayout m_layout;
+    ChainGrains m_grains;
     ContentIDChange m_contentIDChange;
     ExtentFiles m_extentFiles;
     ExtentRoom m_room;

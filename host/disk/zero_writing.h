@@ -14,20 +14,21 @@ namespace kelm::host {
 class ZeroWriting {
 public:
     /// All of them must outlive the object.
-    ZeroWriting(CVMDKDisk& disk, DiskLayout const& layout, DiskReading& reading,
-                DiskWriting& writing);
+    ZeroWriting(CVMDKDisk& disk, DiskLayout const& layout, ChainGrains& grains,
+                DiskReading& reading, DiskWriting& writing);
 
-    /// Makes a range within one grain read as zeros.
+    /// Makes a range within one grain of a file (`ChainGrains::at`) read as zeros.
     void writeInGrain(__int64 positionBytes, int bytes);
 
-    /// Stores a whole grain of zeros.
+    /// Stores a grain of the disk as zeros (`FileGrain::isGrainOfDisk`).
     void storeGrain(__int64 grainIndex, DiskWriting::Content content);
 
 private:
-    void zeroShortGrain(__int64 grainStartBytes, int grainBytes);
+    void zeroOtherGrain(FileGrain const& fileGrain);
 
     CVMDKDisk& m_disk;
     DiskLayout const& m_layout;
+    ChainGrains& m_grains;
     DiskReading& m_reading;
     DiskWriting& m_writing;
     bool m_hasParent;

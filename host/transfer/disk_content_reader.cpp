@@ -10,22 +10,13 @@ namespace kelm::host {
 DiskContentReader::DiskContentReader(SafeDisk& disk)
     : m_disk(disk), m_lengthBytes(getExactSizeBytes(disk)) {}
 
-bool DiskContentReader::isNothingWritten(__int64 endBytes) {
-    __int64 const grainBytes = m_disk.getGrainSizeBytes();
-    for (__int64 grain = m_positionBytes / grainBytes; grain * grainBytes < endBytes; ++grain) {
-        if (m_disk.isGrainWritten(grain))
-            return false;
-    }
-    return true;
-}
-
 int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) {
     assert(bytes > 0);
     assert(m_positionBytes <= m_lengthBytes);
     int const count = static_cast<int>(std::min<__int64>(bytes, m_lengthBytes - m_positionBytes));
     if (count <= 0)
         return 0;
-    isZero = isNothingWritten(m_positionBytes + count);
+    isZero = !m_disk.isWritten(m_positionBytes, count);
     if (!isZero)
         m_disk.read(m_positionBytes, buffer, count);
     m_positionBytes += count;

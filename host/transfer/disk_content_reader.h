@@ -15,8 +15,6 @@ public:
     int readNext(unsigned char* buffer, int bytes, bool& isZero) override;
 
 private:
-    bool isNothingWritten(__int64 endBytes);
-
     SafeDisk& m_disk;
     __int64 m_lengthBytes;
     __int64 m_positionBytes = 0;

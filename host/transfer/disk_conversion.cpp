@@ -25,7 +25,7 @@ void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
     Unpreparer unpreparer(from, threads);
     PreparerSet preparers(to, threads);
     GrainPipeline pipeline(threads, from.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
-        if (item.inputIsPrepared && bothAreCompressed) {
+        if (item.inputIsPrepared && bothAreCompressed && !item.resultIsPlain) {
             if (verifier)
                 verifier->verify(item, worker);
             // Readers ignore the index in a record, so one that was not verified may be wrong.
@@ -35,22 +35,26 @@ void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
         }
         yx::P<GrainItem::Buffer> const plain = unpreparer.getPlain(item, worker);
         if (!isZeroGrain(*plain))
-            item.result = preparers.of(worker).prepareGrainData(plain.get(), item.grainIndex,
-                                                                item.aux2.get());
+            item.result = item.resultIsPlain ? plain
+                                             : preparers.of(worker).prepareGrainData(
+                                                   plain.get(), item.grainIndex, item.aux2.get());
     });
     WrittenGrainReader reader(from, progress);
     pipeline.run(
         [&](GrainItem& item) {
-            return reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared);
+            if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
+                return false;
+            // A larger disk has room for the whole of the other one's last grain.
+            item.resultIsPlain = !to.isWholeGrain(item.grainIndex);
+            return true;
         },
         [&](GrainItem& item) {
             assert(item.grainIndex < to.getGrainCount());
-            // A larger disk has room for the whole of the other one's last grain.
-            if (item.result && to.isWholeGrain(item.grainIndex))
-                to.writePreparedGrain(item.grainIndex, *item.result);
+            if (item.result && item.resultIsPlain)
+                to.write(item.grainIndex * to.getGrainSizeBytes(), item.result->getData(),
+                         item.result->getUsed());
             else if (item.result)
-                to.write(item.grainIndex * to.getGrainSizeBytes(), item.input->getData(),
-                         bytesInDisk(to, item.grainIndex));
+                to.writePreparedGrain(item.grainIndex, *item.result);
             progress.advanceTo(item.grainIndex * from.getGrainSizeBytes());
         },
         grainPlaceOf(from));

@@ -1,17 +1,16 @@
 #include "host/transfer/disk_map.h"
 
-#include <algorithm>
 #include <cassert>
 
 namespace kelm::host {
 
 namespace {
 
-GrainPlace findPlace(CVMDKDisk& disk, __int64 positionBytes) {
-    disk.seek(positionBytes);
-    if (disk.isGrainWrittenAndIndependentOfParent())
+GrainPlace findPlace(SafeDisk& disk, FileGrain const& grain) {
+    if (disk.isWrittenHere(grain.startBytes, grain.getSizeBytes()))
         return GrainPlace::Here;
-    return disk.isGrainWritten() ? GrainPlace::Parent : GrainPlace::Absent;
+    return disk.isWritten(grain.startBytes, grain.getSizeBytes()) ? GrainPlace::Parent
+                                                                  : GrainPlace::Absent;
 }
 
 /// Joins neighbours that are held in the same place.
@@ -49,16 +48,13 @@ void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
                      std::function<void(GrainRun const&)> const& use) {
     ProgressThrottle throttle(options.progress);
     RunJoiner joiner(use);
-    // Extent by extent, since one may begin within a grain of the disk.
-    for (DiskExtent const& extent : disk.listExtents()) {
-        for (__int64 position = extent.startBytes; position < extent.endBytes;) {
-            if (options.cancel)
-                options.cancel->check();
-            throttle.report(position, disk.getSizeBytes());
-            __int64 const length = std::min(disk.getGrainSizeBytes(), extent.endBytes - position);
-            joiner.add({position, length, findPlace(disk.getDisk(), position)});
-            position += length;
-        }
+    for (__int64 position = 0; position < disk.getSizeBytes();) {
+        if (options.cancel)
+            options.cancel->check();
+        throttle.report(position, disk.getSizeBytes());
+        FileGrain const grain = disk.getFileGrain(position);
+        joiner.add({position, grain.getSizeBytes(), findPlace(disk, grain)});
+        position = grain.endBytes;
     }
     assert(joiner.getEndBytes() == disk.getSizeBytes());
     joiner.finish();

@@ -16,7 +16,8 @@ enum class GrainPlace {
 
 /// Neighbouring grains that are held in the same place.
 struct GrainRun {
-    /// The run's place in the disk: whole grains, but for a last grain that is cut short.
+    /// The run's place in the disk: whole grains of the disk's files, but for the last grains of
+    /// extents that are cut short.
     __int64 startBytes = 0;
     __int64 lengthBytes = 0;
 

@@ -16,6 +16,10 @@ struct GrainItem {
     yx::P<Buffer> input = yx::makeObject<Buffer>();
     bool inputIsPrepared = false;
 
+    /// Whether the result is to be plain, since the target cannot take the prepared form there. Set
+    /// anew whenever an item is filled for a pipeline that asks for it.
+    bool resultIsPlain = false;
+
     /// Room for the work, and for its result.
     yx::P<Buffer> aux1 = yx::makeObject<Buffer>();
     yx::P<Buffer> aux2 = yx::makeObject<Buffer>();

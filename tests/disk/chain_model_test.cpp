@@ -8,8 +8,7 @@
 #include "kelm/kelm.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/extent_checker.h"
-#include "tests/support/foreign_disk_model.h"
-#include "tests/support/grain_contents.h"
+#include "tests/support/filled_foreign_chain.h"
 #include "tests/support/model_rounds.h"
 #include "yx/memory_file_system.h"
 
@@ -117,38 +116,9 @@ private:
             reopen();
     }
 
-    Bytes drawContent(__int64 sizeBytes) {
-        auto const size = static_cast<std::size_t>(sizeBytes);
-        switch (below(4)) {
-        case 0:
-            return zeros(size);
-        case 1:
-            return textPattern(size, below(1000));
-        case 2:
-            return sparse(size, below(1000));
-        default:
-            return pattern(size, below(1000));
-        }
-    }
-
-    /// From within a grain or at the start of one, up to several grains and extents on.
-    void drawRange(__int64& position, __int64& sizeBytes) {
-        __int64 const total = foreign().sizeBytes();
-        position = below(total);
-        __int64 const grainBytes =
-            foreign().extents[m_model->extentAt(position)].grainSizeSectors * kChainSectorBytes;
-        if (below(2) == 0)
-            position -= position % grainBytes;
-        __int64 const sizes[] = {grainBytes, 1 + below(grainBytes), 1 + below(3 * grainBytes),
-                                 m_model->bytesLeftInExtent(position) + below(2 * grainBytes)};
-        sizeBytes = std::min(sizes[below(4)], total - position);
-    }
-
     void write() {
-        __int64 position = 0;
-        __int64 sizeBytes = 0;
-        drawRange(position, sizeBytes);
-        Bytes const bytes = drawContent(sizeBytes);
+        auto const [position, sizeBytes] = drawForeignRange(m_random, *m_model);
+        Bytes const bytes = drawForeignContent(m_random, sizeBytes);
         m_disk->seek(position);
         m_disk->write(bytes.data(), static_cast<int>(sizeBytes));
         m_model->write(position, bytes);
@@ -156,9 +126,7 @@ private:
     }
 
     void read() {
-        __int64 position = 0;
-        __int64 sizeBytes = 0;
-        drawRange(position, sizeBytes);
+        auto const [position, sizeBytes] = drawForeignRange(m_random, *m_model);
         Bytes actual(static_cast<std::size_t>(sizeBytes), 0xEE);
         m_disk->seek(position);
         m_disk->read(actual.data(), static_cast<int>(sizeBytes));
@@ -189,7 +157,7 @@ private:
         if (!isGrainOfDisk(position))
             return;
         __int64 const grainBytes = foreign().grainSizeBytes();
-        Bytes const bytes = drawContent(grainBytes);
+        Bytes const bytes = drawForeignContent(m_random, grainBytes);
         Buffer plain = toBuffer(bytes);
         Buffer aux;
         yx::P<kelm::CVMDKDataPreparer> const preparer = m_disk->createDataPreparer();

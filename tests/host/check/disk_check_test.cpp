@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/host/host_fixture.h"
+#include "tests/support/foreign_chain.h"
 
 using kelm::host::CancelFlag;
 using kelm::host::CancelledError;
@@ -114,6 +115,17 @@ TEST_F(DiskCheckTest, ReportsBrokenGrainsInTheirOrder) {
                                 StartsWith("disk.vmdk: grain 7: "),
                                 StartsWith("disk.vmdk: grain 10: ")));
     }
+}
+
+TEST_F(DiskCheckTest, FindsABrokenGrainInAnExtentOfSmallerOnes) {
+    makeForeignDisk(*files, yx::CURI("mem:///disks"),
+                    {"disk.vmdk", {{128, 128, true}, {128, 8, true}}});
+    DiskTest::writeAt(*open(kReadWrite), 65536 + 3 * 4096, pattern(4096, 1));
+    patch("disk-s00001.vmdk", grain("disk-s00001.vmdk", 3) + 12, Bytes(8, 0xFF));
+    EXPECT_THAT(check(),
+                ElementsAre("disk-s00001.vmdk: the header has a grain size of 8 sectors, the disk "
+                            "has one of 128",
+                            StartsWith("disk.vmdk: grain 4: ")));
 }
 
 TEST_F(DiskCheckTest, ReportsOnceThatAnExtentFileIsMissing) {

@@ -37,21 +37,18 @@ TEST(DiskLayout, FindsTheExtentOfAByte) {
     EXPECT_EQ(3U, layout.findExtent(5 * kGrain));
 }
 
-TEST(DiskLayout, CountsGrainsAndKnowsWhichAreWhole) {
+TEST(DiskLayout, CountsGrainsAndTheBytesOfTheLast) {
     DiskLayout const layout = layoutOf({2 * kGrain, 3 * kGrain + 512});
     EXPECT_EQ(3 * kGrain + 512, layout.getSizeBytes());
     EXPECT_EQ(4, layout.getGrainCount());
     EXPECT_TRUE(layout.areExtentsWholeGrains());
-    EXPECT_TRUE(layout.isWholeGrain(2));
-    EXPECT_FALSE(layout.isWholeGrain(3));
     EXPECT_EQ(kGrain, layout.getGrainBytesAt(2 * kGrain));
     EXPECT_EQ(512, layout.getGrainBytesAt(3 * kGrain));
 }
 
-TEST(DiskLayout, NoGrainIsWholeWhereAnExtentStartsWithinOne) {
+TEST(DiskLayout, KnowsOfAnExtentThatStartsWithinAGrain) {
     DiskLayout const layout = layoutOf({kGrain + 512, 4 * kGrain});
     EXPECT_FALSE(layout.areExtentsWholeGrains());
-    EXPECT_FALSE(layout.isWholeGrain(0));
     EXPECT_EQ(2, layout.getExtents()[1].getStartGrainIndex());
 }
 

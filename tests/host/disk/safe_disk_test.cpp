@@ -266,6 +266,19 @@ TEST_F(SafeDiskTest, ExtentsThatAreNoWholeGrainsAreReadAndNotWritten) {
     EXPECT_TRUE(sameBytes(content, readImage(pathOf("out.raw"))));
 }
 
+TEST_F(SafeDiskTest, FileMadeOnDemandReachesToTheEndOfAnExtentThatIsCutShort) {
+    putExtent("a.vmdk", 2);
+    putText("disk.vmdk", "# Disk DescriptorFile\nversion=1\nencoding=\"UTF-8\"\nCID=12345678\n"
+                         "parentCID=ffffffff\ncreateType=\"twoGbMaxExtentSparse\"\n"
+                         "RW 256 SPARSE \"a.vmdk\"\nRW 300 SPARSE \"b.vmdk\"\n"
+                         "yxCreateExtentFilesOnDemand=\"1\"\n" +
+                             std::string(600, '\0'));
+    Bytes const content = pattern(556 * 512, 1);
+    writeTo(*openSafe(), 0, content);
+    EXPECT_TRUE(sameBytes(content, contentAfterReopening()));
+    EXPECT_TRUE(sameBytes(content, readFrom(*openSafe(), 0, content.size())));
+}
+
 TEST_F(SafeDiskTest, CreatesOverNothing) {
     putText("disk.vmdk", "a letter");
     NewDisk request;

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <algorithm>
+#include <deque>
+
+#include "host/disk/extent_grains.h"
+#include "kelm/disk/disk.h"
+
+namespace kelm::host {
+
+/// What may be taken as a whole at a place of a disk: the one place that decides about every short
+/// cut past reading and writing plain bytes. Each extent of the disk and of each of its parents may
+/// have a grain size and a form of its own, and any length, so that all of them have to be asked.
+///
+/// - Nothing in the chain holds a range: it need not be read, for it is zeros (`isWritten`).
+/// - The disk itself holds a range (`isWrittenHere`).
+/// - A grain can be read in prepared form (`canBeReadPrepared`).
+/// - A grain can be written in prepared form (`at`, `FileGrain::isGrainOfDisk`).
+///
+/// The bare library answers all of this for the first byte of a grain only.
+///
+/// Functions that look into tables are given the object to ask: the disk, or another object of the
+/// same disk, as `DiskReading::useDisk` chooses it. Its cursor moves, and so do those of its parents.
+/// They open parents as far as needed, and throw what that and reading tables and headers throws.
+class ChainGrains {
+public:
+    /// `layout` is that of `disk`.
+    ChainGrains(yx::IFileSystem* fileSystem, CVMDKDisk& disk, DiskLayout const& layout);
+
+    /// The grain of the disk's own files that holds a byte of the disk; see `ExtentGrains::at`.
+    FileGrain at(__int64 positionBytes) { return m_levels.front().at(positionBytes); }
+
+    /// Calls `use(positionBytes, bytes)` for each part of a range that lies in one grain of a file,
+    /// in order.
+    template <class Use>
+    void forEachPart(__int64 positionBytes, __int64 bytes, Use const& use) {
+        __int64 const endBytes = positionBytes + bytes;
+        while (positionBytes < endBytes) {
+            __int64 const partEndBytes = std::min(at(positionBytes).endBytes, endBytes);
+            use(positionBytes, static_cast<int>(partEndBytes - positionBytes));
+            positionBytes = partEndBytes;
+        }
+    }
+
+    /// Whether the disk or one of its parents holds a grain of which a byte is in the range; false
+    /// means that the range reads as zeros.
+    bool isWritten(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
+
+    /// Whether the disk's own files hold every grain of which a byte is in the range.
+    bool isWrittenHere(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
+
+    /// Whether the prepared form of a grain, as `CVMDKDisk::readPreparedGrainData` reads it, stands
+    /// for the bytes of the disk there: it is a grain of the disk, and so it is in each parent down
+    /// to the one that holds it, in the same size and form.
+    bool canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex);
+
+private:
+    bool isWrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
+    ExtentGrains& levelOf(std::size_t level, CVMDKDisk& disk);
+    bool hasFormOfDisk(DiskLayout const& parent) const;
+
+    yx::P<yx::IFileSystem> m_fileSystem;
+
+    /// The disk, then its parents in order, as far as they were needed. References to them stay
+    /// good while it grows.
+    std::deque<ExtentGrains> m_levels;
+};
+
+} // namespace kelm::host
