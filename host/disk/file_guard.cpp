@@ -78,6 +78,11 @@ void FileGuard::verifyMayReplace(yx::CURI const& uri) const {
         throw yx::CIOError(yx::CIOError::NotAllowed, "The file is being read.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
+    if (isOtherThanFile(uri)) {
+        throw yx::CIOError(yx::CIOError::NotAllowed,
+                           "The name is that of something else than a file, and is not replaced.",
+                           yx::CProps().add("uri", uri.toString(true)), nullptr);
+    }
     m_locks->verifyIsFree(uri);
 }
 

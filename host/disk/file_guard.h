@@ -18,6 +18,8 @@ namespace kelm::host {
 /// that of two programs which make a file of one name, one fails; one that somebody has locked is
 /// not replaced but `CLockFileError`. The locks end with the disk that is made, or with the guard.
 ///
+/// What is no regular file, such as a block device, is never replaced: `CIOError` `NotAllowed`.
+///
 /// Lock files (".lock") are exempt: one that a killed process left is taken over by the next user.
 class FileGuard : public yx::CBase, public virtual yx::IFileSystem {
 public:

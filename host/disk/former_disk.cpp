@@ -34,28 +34,42 @@ bool isExtentWithoutDescriptor(yx::IFileSystem* fileSystem, yx::CURI const& uri)
 } // namespace
 
 FormerDisk::FormerDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri)
-    : m_fileSystem(fileSystem) {
+    : m_fileSystem(fileSystem), m_mainFile(uri.toNormalized()) {
     try {
-        noteExtentFiles(uri);
+        noteExtentFiles();
     } catch (yx::CError const&) {
         // There is no disk, or one that cannot be read: which files are its own is not known.
         m_extentFiles.clear();
     }
 }
 
-void FormerDisk::noteExtentFiles(yx::CURI const& uri) {
-    yx::CURI const main = uri.toNormalized();
-    if (!m_fileSystem->fileExists(main))
+void FormerDisk::noteExtentFiles() {
+    if (!m_fileSystem->fileExists(m_mainFile))
         return;
     yx::TArray<yx::P<CVMDKExtentInfo>> infos;
-    readDescriptor(m_fileSystem.get(), main)->getExtentEntries(infos);
+    readDescriptor(m_fileSystem.get(), m_mainFile)->getExtentEntries(infos);
     for (yx::P<CVMDKExtentInfo> const& info : infos) {
         yx::CURI const file =
-            vmdkFileReferenceToURI(main.getParent(), info->getFilename()).toNormalized();
-        if (isExtentName(main, file) && m_fileSystem->fileExists(file) &&
+            vmdkFileReferenceToURI(m_mainFile.getParent(), info->getFilename()).toNormalized();
+        if (isExtentName(m_mainFile, file) && m_fileSystem->fileExists(file) &&
             isExtentWithoutDescriptor(m_fileSystem.get(), file))
             m_extentFiles.push_back(file);
     }
+}
+
+void FormerDisk::keep(FileLocks& locks) {
+    if (m_mainFile.getScheme() != "file" || !m_fileSystem->fileExists(m_mainFile))
+        return;
+    std::vector<yx::CURI> files{m_mainFile};
+    files.insert(files.end(), m_extentFiles.begin(), m_extentFiles.end());
+    for (yx::CURI const& file : files) {
+        try {
+            locks.take(file, FileLock::Type::Exclusive);
+        } catch (yx::CIOError const&) {
+            // Not to be opened; who replaces it needs rights on the folder alone.
+        }
+    }
+    m_kept.emplace(files);
 }
 
 void FormerDisk::removeFilesBut(std::vector<yx::CURI> const& kept) {
@@ -72,6 +86,8 @@ void FormerDisk::removeFilesBut(std::vector<yx::CURI> const& kept) {
                            "");
         }
     }
+    if (m_kept)
+        m_kept->drop();
 }
 
 } // namespace kelm::host

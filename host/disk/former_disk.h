@@ -1,14 +1,17 @@
 #pragma once
 
+#include <optional>
 #include <vector>
 
+#include "host/disk/file_locks.h"
+#include "host/store/kept_files.h"
 #include "yx/file_system.h"
 
 namespace kelm::host {
 
-/// The extent files of a disk that is to be replaced by a new one of its name. The new disk
-/// replaces those whose names it needs too; the others would stay behind for good, and are removed
-/// here once the new disk is complete.
+/// The files of a disk that is to be replaced by a new one of its name. The new disk replaces those
+/// whose names it needs too; the others would stay behind for good, and are removed here once the
+/// new disk is complete. Until then the former disk can be kept.
 ///
 /// A descriptor may name any file of the machine, so only a file counts that is what a splitting of
 /// this disk would have made: one in the disk's folder, with the disk's name, "-s", digits and the
@@ -21,15 +24,24 @@ public:
     /// The files that may be removed.
     std::vector<yx::CURI> const& getExtentFiles() const { return m_extentFiles; }
 
-    /// Deletes the files but those in `kept`, which are normalised. What cannot be deleted is
-    /// logged as a warning.
+    /// Keeps the main file and the extent files, if they are files of the operating system, as
+    /// `KeptFiles` does: unless `removeFilesBut` is called, they are put back when this ends, which
+    /// must be after the files of the new disk are gone. `locks`, those of the new disk, hold them
+    /// from now on, so that nobody else uses or replaces them: `CLockFileError` as
+    /// `FileLocks::take` if somebody does.
+    void keep(FileLocks& locks);
+
+    /// Deletes the files but those in `kept`, which are normalised, and those that `keep` has kept:
+    /// the new disk is complete. What cannot be deleted is logged as a warning.
     void removeFilesBut(std::vector<yx::CURI> const& kept);
 
 private:
-    void noteExtentFiles(yx::CURI const& uri);
+    void noteExtentFiles();
 
     yx::P<yx::IFileSystem> m_fileSystem;
+    yx::CURI m_mainFile;
     std::vector<yx::CURI> m_extentFiles;
+    std::optional<KeptFiles> m_kept;
 };
 
 } // namespace kelm::host

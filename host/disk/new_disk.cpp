@@ -20,6 +20,8 @@ void verifyName(yx::CURI const& uri) {
         throw yx::CInvalidArgError(kCreateName, message,
                                    yx::CProps().add("uri", uri.toString(true)));
     };
+    if (isOtherThanFile(uri))
+        refuse("A disk cannot take the place of something that is no regular file.");
     // A guard takes such a file for a lock file, which it lets everybody touch.
     if (isLockFile(uri))
         refuse("The name of a disk must not end in '.lock'.");

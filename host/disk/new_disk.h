@@ -35,8 +35,8 @@ struct NewDisk {
 };
 
 /// Refuses what cannot become a disk that works, by `yx::CInvalidArgError` at "SafeDisk::create": a
-/// single file that could pass 2 TiB, with splitting named as the way out, and a name that ends in
-/// ".lock" or that a descriptor cannot hold.
+/// single file that could pass 2 TiB, with splitting named as the way out, a name that ends in
+/// ".lock" or that a descriptor cannot hold, and the name of a device, a pipe or a folder.
 void verifyCanBeMade(yx::CURI const& uri, NewDisk const& request);
 
 /// The most bytes that a grain takes in a file, enciphering included.

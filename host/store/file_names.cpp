@@ -130,6 +130,14 @@ bool isSameFile(yx::CURI const& left, yx::CURI const& right) {
     return number && number == numberOfFile(yx::toNativePath(right).toStdString());
 }
 
+bool isOtherThanFile(yx::CURI const& uri) {
+    if (uri.getScheme() != "file")
+        return false;
+    struct stat status = {};
+    return ::stat(yx::toNativePath(uri).toStdString().c_str(), &status) == 0 &&
+           !S_ISREG(status.st_mode);
+}
+
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file) {
     try {
         return vmdkFileReferenceToURI(folder, reference) == file.toNormalized();

@@ -18,6 +18,10 @@ yx::CURI uriFromArgument(std::string const& argument);
 /// operating system, by whatever links.
 bool isSameFile(yx::CURI const& left, yx::CURI const& right);
 
+/// Whether a name is that of something else than a regular file, links followed: a device, a pipe, a
+/// folder. What does not exist is nothing else, and neither is a file of another URI than "file:".
+bool isOtherThanFile(yx::CURI const& uri);
+
 /// Whether a descriptor in `folder` that says `reference` means `file`.
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file);
 

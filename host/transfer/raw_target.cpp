@@ -59,6 +59,11 @@ std::optional<__int64> findRoom(int file) {
     return static_cast<__int64>(limit.rlim_cur) - positionBytes;
 }
 
+[[noreturn]] void throwTargetInUse(char const* message, std::string const& path) {
+    throw yx::CLockFileError(message, yx::CProps().add("path", yx::String::fromUTF8(path)),
+                             nullptr);
+}
+
 } // namespace
 
 RawTarget::RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel)
@@ -84,8 +89,12 @@ void RawTarget::open(bool overwrite) {
             errno = EEXIST;
             throwSystemError("Cannot make the image", m_path);
         }
+        // Alone, a device whose file system is mounted is not opened.
+        int const flags = S_ISBLK(status.st_mode) ? kFlags | O_EXCL : kFlags;
         m_file = S_ISFIFO(status.st_mode) ? openPipeForWriting(m_path, m_cancel)
-                                          : FileDescriptor::own(::open(m_path.c_str(), kFlags));
+                                          : FileDescriptor::own(::open(m_path.c_str(), flags));
+        if (!m_file.isOpen() && errno == EBUSY)
+            throwTargetInUse("The device is in use.", m_path);
         if (!m_file.isOpen())
             throwSystemError("Cannot make the image", m_path);
     }
@@ -97,6 +106,22 @@ void RawTarget::open(bool overwrite) {
         m_kind = Kind::Device;
     m_realPath = realPath(m_path);
     m_isOurs = made;
+    if (m_kind == Kind::File)
+        lock();
+}
+
+void RawTarget::lock() {
+    // The same open file, so that the lock is that of `m_file`.
+    FileDescriptor same = FileDescriptor::own(::fcntl(m_file.get(), F_DUPFD_CLOEXEC, 0));
+    if (!same.isOpen())
+        throwSystemError("Cannot lock the image", m_path);
+    std::optional<FileLock> lock = FileLock::tryTake(std::move(same), FileLock::Type::Exclusive);
+    if (!lock) {
+        // Whoever was quicker has the file now.
+        m_isOurs = false;
+        throwTargetInUse("The file is in use.", m_path);
+    }
+    m_lock = std::move(*lock);
 }
 
 RawTarget::~RawTarget() {

@@ -4,6 +4,7 @@
 
 #include "host/system/cancel.h"
 #include "host/system/file_descriptor.h"
+#include "host/system/file_lock.h"
 #include "yx/internal/early_write_back.h"
 
 namespace kelm::host {
@@ -11,6 +12,11 @@ namespace kelm::host {
 /// A raw image that is written from start to end: a new file, a block device, or a pipe. Zeros become
 /// holes in a file. A file that was made or emptied and is not finished is removed. Not for disks.
 /// Errors are `yx::CIOError` with the path under "path".
+///
+/// A block device is opened alone: one that is mounted or otherwise taken is `yx::CLockFileError`
+/// "The device is in use." with "path". A file is locked (`FileLock`) until this ends: one that a
+/// disk has open, or that is written by another program of ours, is `CLockFileError` "The file is in
+/// use." with "path".
 class RawTarget {
 public:
     /// "-" is standard output. A file or a block device that exists is `AlreadyExists` unless
@@ -52,6 +58,7 @@ private:
     enum class Kind { File, Device, Pipe };
 
     void open(bool overwrite);
+    void lock();
     void beginWriting();
     void writeToPipe(unsigned char const* data, int bytes);
     void syncFolder() const;
@@ -59,6 +66,7 @@ private:
     std::string m_path;
     CancelFlag const* m_cancel;
     FileDescriptor m_file;
+    FileLock m_lock;
 
     /// The file itself, which the path may be a link to.
     std::string m_realPath;

@@ -93,8 +93,13 @@ TEST_F(Identity, OneFileHasOneWriterByAllItsNames) {
     auto const writer = open("a.vmdk", yx::IIOStream::ReadWrite);
     auto const splitWriter = open("split.vmdk", yx::IIOStream::ReadWrite);
     for (char const* const name :
-         {"a.vmdk", "./other/../a.vmdk", "soft.vmdk", "other/hard.vmdk", "copy.vmdk"})
-        EXPECT_NE(run({"info", name}).err.find("The disk is in use: "), std::string::npos) << name;
+         {"a.vmdk", "./other/../a.vmdk", "soft.vmdk", "other/hard.vmdk", "copy.vmdk"}) {
+        for (std::string const& spelling : {std::string(name), path(name)}) {
+            EXPECT_NE(run({"info", spelling}).err.find("The disk is in use"), std::string::npos)
+                << spelling;
+            EXPECT_THROW(open(spelling, yx::IIOStream::ReadWrite), yx::CLockFileError) << spelling;
+        }
+    }
 }
 
 TEST_F(Identity, AParentIsHeldByItsFileWhileAChildIsOpen) {

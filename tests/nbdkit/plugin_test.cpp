@@ -97,6 +97,31 @@ TEST_F(Plugin, RefusesWrongParameters) {
               "nbdkit: error: VMDK descriptor value 'createType' not found.\n");
 }
 
+TEST_F(Plugin, ReachesOutsideOfTheFolderOnlyWhereItIsAllowed) {
+    std::string const image = makeImage(kDiskBytes, 31);
+    makeDisk({"Split", {"--split", "4M"}}, "", image);
+    std::filesystem::create_directory(path("received"));
+    std::string text = readFile("disk.vmdk");
+    for (std::size_t at = 0; (at = text.find("\"disk-s", at)) != std::string::npos; at += 4)
+        text.insert(at + 1, "../");
+    writeFile("received/disk.vmdk", text);
+    EXPECT_EQ(refusalOf({"received/disk.vmdk"}),
+              "nbdkit: error: The disk names a file outside of its folder. If you trust the disk, "
+              "allow that file's folder (--allow-path, allow-path=). (uri: " +
+                  path("disk-s00000.vmdk") + ", folder: " + path("received") + ")\n");
+    for (std::string const& allowed : {"allow-path=.", "allow-path=" + path("")}) {
+        Server server(folder(), {KELM_NBDKIT_PLUGIN, "received/disk.vmdk", allowed});
+        {
+            Client const client(server.socketPath());
+            EXPECT_EQ(client.read(0, kDiskBytes), image);
+            EXPECT_EQ(client.write(0, "written"), 0);
+        }
+        stopWell(server);
+    }
+    EXPECT_EQ(run({"compare", "received/disk.vmdk", "disk.vmdk", "--allow-path", "."}).out,
+              "equal\n");
+}
+
 TEST_F(Plugin, TakesThePasswordInEachForm) {
     makeDisk(kEncrypted);
     expectServed({"file=disk.vmdk", "password=correct horse"});

@@ -9,6 +9,7 @@
 #include "host/store/file_names.h"
 #include "host/system/name_text.h"
 #include "tools/kelm/errors.h"
+#include "yx/log.h"
 
 namespace kelm::tool {
 
@@ -23,9 +24,17 @@ std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const&
 
 } // namespace
 
+void warnOfFormerDisk(yx::CURI const& uri) {
+    for (yx::CURI const& folder : host::KeptFiles::findFoldersOf(uri)) {
+        yx::logWarning("The disk that was to be replaced is still kept in '" +
+                       yx::toNativePath(folder) + "'. Move its files back, or delete the folder.");
+    }
+}
+
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
                                          yx::IIOStream::Access access, PasswordOptions& passwords) {
     yx::CURI const uri = host::uriFromArgument(file);
+    warnOfFormerDisk(uri);
     try {
         return openWith(invocation, uri, access, usedPassword(invocation, passwords));
     } catch (yx::CError const& error) {
@@ -97,15 +106,22 @@ NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri
       m_guard(
           yx::makeObject<host::FileGuard>(invocation.getFiles(), force, &invocation.getCancel())) {
     m_guard->protect(protectedFiles);
-    if (force && invocation.getFiles()->fileExists(uri)) {
-        host::verifyIsNotInUse(invocation.getFiles(), uri);
-        m_formerDisk.emplace(invocation.getFiles(), uri);
-    }
-    create(uri, request);
+    warnOfFormerDisk(uri);
+    create(uri, request, force);
 }
 
-void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request) {
+void NewDiskInProgress::keepFormerDisk(yx::CURI const& uri) {
+    host::verifyIsNotInUse(m_invocation.getFiles(), uri);
+    m_formerDisk.emplace(m_invocation.getFiles(), uri);
+    m_formerDisk->keep(*m_guard->getLocks());
+}
+
+void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request, bool force) {
     try {
+        // Nothing that exists is touched for what makes no sense.
+        host::verifyCanBeMade(uri, request);
+        if (force && m_invocation.getFiles()->fileExists(uri))
+            keepFormerDisk(uri);
         m_disk = host::SafeDisk::create(m_guard.get(), uri, request);
     } catch (yx::CInvalidArgError const& error) {
         throw UsageError(error.what());

@@ -13,6 +13,9 @@
 
 namespace kelm::tool {
 
+/// Tells the user of a disk that a program was replacing when it was killed.
+void warnOfFormerDisk(yx::CURI const& uri);
+
 /// Opens the disk that the user names. If it is encrypted and no option gives a password, asks for
 /// it on the terminal.
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
@@ -53,7 +56,8 @@ void verifyIsNoFileOf(Invocation& invocation, host::SafeDisk& disk, yx::String c
 /// that exists and is only changed: see `openDisk`.
 class NewDiskInProgress {
 public:
-    /// Makes the disk. A file that exists is `CIOError` `AlreadyExists` unless `force` is given;
+    /// Makes the disk. With `force`, a disk that exists is kept until this ends, and comes back if the
+    /// new one is not finished; see `host::KeptFiles`. A file that exists is `CIOError` `AlreadyExists` unless `force` is given;
     /// even then, a disk in use is `CLockFileError`, and one of `protectedFiles` is `CIOError`
     /// `NotAllowed`. A request that makes no sense is `UsageError`.
     NewDiskInProgress(Invocation& invocation, yx::CURI const& uri, host::NewDisk const& request,
@@ -70,12 +74,14 @@ public:
     void finish();
 
 private:
-    void create(yx::CURI const& uri, host::NewDisk const& request);
+    void keepFormerDisk(yx::CURI const& uri);
+    void create(yx::CURI const& uri, host::NewDisk const& request, bool force);
 
     Invocation& m_invocation;
     std::optional<host::FormerDisk> m_formerDisk;
 
-    // The disk goes before the guard, which deletes its files.
+    // The disk goes before the guard, which deletes its files, and that before the former disk, which
+    // comes back then.
     yx::P<host::FileGuard> m_guard;
     std::unique_ptr<host::SafeDisk> m_disk;
 };

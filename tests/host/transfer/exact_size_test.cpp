@@ -3,8 +3,6 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <linux/loop.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +13,7 @@
 #include "host/transfer/transfer.h"
 #include "tests/host/host_fixture.h"
 #include "tests/support/expect_error.h"
+#include "tests/support/loop_device.h"
 
 namespace test_support {
 namespace {
@@ -213,38 +212,6 @@ TEST_F(ExactSize, TooLargeForTheProcessLeavesTheTargetAsItWas) {
     exportWithLimit(kExactBytes);
     EXPECT_EQ(static_cast<std::size_t>(kExactBytes), readImage(path).size());
 }
-
-/// A block device that has the bytes of a file; none where the system gives us none.
-class LoopDevice {
-public:
-    explicit LoopDevice(std::string const& file) {
-        int const control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
-        int const number = control < 0 ? -1 : ::ioctl(control, LOOP_CTL_GET_FREE);
-        if (control >= 0)
-            ::close(control);
-        m_path = "/dev/loop" + std::to_string(number);
-        m_device = number < 0 ? -1 : ::open(m_path.c_str(), O_RDWR | O_CLOEXEC);
-        int const backing = ::open(file.c_str(), O_RDWR | O_CLOEXEC);
-        m_isThere = m_device >= 0 && ::ioctl(m_device, LOOP_SET_FD, backing) == 0;
-        ::close(backing);
-    }
-    LoopDevice(LoopDevice const&) = delete;
-    LoopDevice& operator=(LoopDevice const&) = delete;
-    ~LoopDevice() {
-        if (m_isThere)
-            ::ioctl(m_device, LOOP_CLR_FD);
-        if (m_device >= 0)
-            ::close(m_device);
-    }
-
-    bool isThere() const { return m_isThere; }
-    std::string const& getPath() const { return m_path; }
-
-private:
-    std::string m_path;
-    int m_device = -1;
-    bool m_isThere = false;
-};
 
 TEST_F(ExactSize, TooLargeForADeviceLeavesItAsItWas) {
     constexpr __int64 kDeviceBytes = kSmallestDiskBytes - 65536 + 512;

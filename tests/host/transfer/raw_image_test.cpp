@@ -7,12 +7,15 @@
 #include "host/transfer/raw_source.h"
 #include "host/transfer/raw_target.h"
 #include "tests/host/host_fixture.h"
+#include "tests/support/expect_error.h"
+#include "tests/support/loop_device.h"
 
 namespace test_support {
 namespace {
 
 using kelm::host::CancelFlag;
 using kelm::host::CancelledError;
+using kelm::host::FileLock;
 using kelm::host::RawSource;
 using kelm::host::RawTarget;
 
@@ -41,6 +44,17 @@ protected:
             }
             holes += isHole;
             all.insert(all.end(), step.begin(), step.begin() + count);
+        }
+    }
+
+    /// Expects that a file or a device cannot be overwritten now.
+    static void expectInUse(std::string const& message, std::string const& path) {
+        try {
+            RawTarget(path, true).writeZeros(1);
+            FAIL() << "It was written to.";
+        } catch (yx::CLockFileError const& error) {
+            EXPECT_EQ(error.getMessage(), message);
+            EXPECT_EQ(propsOf(error), (Props{{"path", path}}));
         }
     }
 
@@ -184,6 +198,37 @@ TEST_F(RawImage, ExistingFileIsNotOverwrittenUnasked) {
                               [&] { RawTarget target(pathOf("old.raw"), false); }));
     EXPECT_THROW(RawTarget(folder.path(), true), yx::CIOError);
     EXPECT_EQ(pattern(100, 1), readImage(pathOf("old.raw")));
+}
+
+TEST_F(RawImage, FileThatSomebodyHasOpenAsADiskIsNotOverwritten) {
+    putImage("disk", pattern(100, 1));
+    std::filesystem::create_hard_link(pathOf("disk"), pathOf("link"));
+    FileLock const reader = FileLock::take(pathOf("disk"), FileLock::Type::Shared);
+    expectInUse("The file is in use.", pathOf("link"));
+    EXPECT_EQ(pattern(100, 1), readImage(pathOf("disk")));
+}
+
+TEST_F(RawImage, FileHasOneWriter) {
+    RawTarget first(pathOf("out.raw"), false);
+    first.write(pattern(5, 2).data(), 5);
+    expectInUse("The file is in use.", pathOf("out.raw"));
+    first.finish();
+    EXPECT_EQ(pattern(5, 2), readImage(pathOf("out.raw")));
+}
+
+TEST_F(RawImage, DeviceThatSomebodyHasAloneIsNotOverwritten) {
+    Bytes const before = pattern(1 << 20, 1);
+    putImage("backing", before);
+    LoopDevice const device(pathOf("backing"));
+    if (!device.isThere())
+        GTEST_SKIP() << "The system gives no loop device.";
+    // As a mounted file system does.
+    int const holder = ::open(device.getPath().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC);
+    ASSERT_GE(holder, 0);
+    expectInUse("The device is in use.", device.getPath());
+    ::close(holder);
+    EXPECT_EQ(before, readImage(pathOf("backing")));
+    EXPECT_NO_THROW(RawTarget(device.getPath(), true));
 }
 
 TEST_F(RawImage, OverwritingLeavesNothingOfTheOldFile) {

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "yx/uri.h"
+
+namespace kelm::host {
+
+/// Files of the operating system that are about to be replaced, kept under second names in a folder
+/// of their own until what replaces them is complete. Whoever fails meanwhile puts them back, and
+/// whoever is killed leaves them there whole.
+///
+/// The folder lies beside the first file and has its name and ".former", or that with a number
+/// behind it if there is such a folder.
+class KeptFiles {
+public:
+    /// Gives each file, all of one folder, its second name, and brings these to the device. The
+    /// first names stay where the file system has hard links, and go where it has none.
+    ///
+    /// Throws what `throwSystemError` makes of a failure, and leaves the files under their first
+    /// names.
+    explicit KeptFiles(std::vector<yx::CURI> const& files);
+    KeptFiles(KeptFiles const&) = delete;
+    KeptFiles& operator=(KeptFiles const&) = delete;
+
+    /// Puts the files back under their first names, unless `drop` was called: the first one last, and
+    /// only then the second names go. A name that another file has by now stays that file's; then
+    /// the folder stays, and a warning names it.
+    ~KeptFiles();
+
+    /// Deletes the second names, since what replaced the files is complete. What cannot be deleted
+    /// is logged as a warning.
+    void drop();
+
+    /// The folders that were left beside a file: of a program that was killed, or that is at work.
+    static std::vector<yx::CURI> findFoldersOf(yx::CURI const& file);
+
+private:
+    struct File {
+        std::string first;
+        std::string second;
+    };
+
+    bool tryRestore(File const& file) const;
+    bool tryRestoreAll() const;
+    void removeSecondNames() const;
+
+    std::string m_folder;
+    std::vector<File> m_files;
+    bool m_isDropped = false;
+};
+
+} // namespace kelm::host
