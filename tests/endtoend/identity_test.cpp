@@ -1,4 +1,6 @@
-#include <sys/stat.h>
+#include <csignal>
+
+#include <unistd.h>
 
 #include "tests/endtoend/tool_fixture.h"
 #include "tests/support/safe_disks.h"
@@ -158,6 +160,73 @@ TEST_F(Identity, OfTwoProgramsThatMakeADiskAtOnceOneLeavesItWhole) {
         EXPECT_TRUE((firstIsThere && firstStatus == 0) || (secondIsThere && secondStatus == 0))
             << round;
         EXPECT_EQ(runWell({"check", "disk.vmdk"}), "") << round;
+    }
+}
+
+/// What a user who may only read sees beside the lock file of another one.
+class OtherUser : public Identity {
+protected:
+    void SetUp() override {
+        std::filesystem::permissions(folder(), std::filesystem::perms(0755));
+        if (::geteuid() != 0 || runAsOther({"--version"}).status != 0)
+            GTEST_SKIP() << "Here the program cannot be run by two users.";
+        m_image = import("a.vmdk", 1);
+    }
+
+    Outcome runAsOther(Arguments const& arguments) const {
+        auto const becomeOther = [] {
+            constexpr uid_t kNobody = 65534;
+            if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0)
+                ::_exit(1);
+        };
+        return RunningTool(folder(), arguments, becomeOther).finish();
+    }
+
+    void expectReadable() const {
+        Outcome const outcome = runAsOther({"compare", m_image, "a.vmdk"});
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        EXPECT_EQ(outcome.out, "equal\n");
+    }
+
+    /// Lets the other user read the lock file, or not even that.
+    void setLockFileMode(unsigned int mode) const {
+        std::filesystem::permissions(path("a.vmdk.lock"), std::filesystem::perms(mode));
+    }
+
+    std::string m_image;
+};
+
+TEST_F(OtherUser, IsNotKeptOutByWhatAKilledProgramLeft) {
+    {
+        RunningTool killed(folder(), {"export", "a.vmdk", "-"});
+        killed.readOutput(1);
+        killed.signal(SIGKILL);
+        EXPECT_EQ(killed.finish().status, -1);
+    }
+    for (unsigned int const mode : {0644U, 0600U}) {
+        SCOPED_TRACE(mode);
+        setLockFileMode(mode);
+        expectReadable();
+    }
+}
+
+TEST_F(OtherUser, ReadsBesideAReader) {
+    RunningTool reader(folder(), {"export", "a.vmdk", "-"});
+    reader.readOutput(1);
+    for (unsigned int const mode : {0644U, 0600U}) {
+        SCOPED_TRACE(mode);
+        setLockFileMode(mode);
+        expectReadable();
+    }
+    EXPECT_EQ(reader.finish().status, 0);
+}
+
+TEST_F(OtherUser, IsKeptOutByAWriter) {
+    auto const writer = open("a.vmdk", yx::IIOStream::ReadWrite);
+    for (unsigned int const mode : {0644U, 0600U}) {
+        SCOPED_TRACE(mode);
+        setLockFileMode(mode);
+        EXPECT_EQ(runAsOther({"compare", m_image, "a.vmdk"}).status, 6);
     }
 }
 
