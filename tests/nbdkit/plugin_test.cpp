@@ -109,7 +109,7 @@ TEST_F(Plugin, ReachesOutsideOfTheFolderOnlyWhereItIsAllowed) {
               "nbdkit: error: The disk names a file outside of its folder. If you trust the disk, "
               "allow that file's folder (--allow-path, allow-path=). (uri: " +
                   path("disk-s00000.vmdk") + ", folder: " + path("received") + ")\n");
-    for (std::string const& allowed : {"allow-path=.", "allow-path=" + path("")}) {
+    for (std::string const& allowed : {std::string("allow-path=."), "allow-path=" + path("")}) {
         Server server(folder(), {KELM_NBDKIT_PLUGIN, "received/disk.vmdk", allowed});
         {
             Client const client(server.socketPath());

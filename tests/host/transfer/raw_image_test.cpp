@@ -53,7 +53,7 @@ protected:
             RawTarget(path, true).writeZeros(1);
             FAIL() << "It was written to.";
         } catch (yx::CLockFileError const& error) {
-            EXPECT_EQ(error.getMessage(), message);
+            EXPECT_EQ(error.getMessage().toStdString(), message);
             EXPECT_EQ(propsOf(error), (Props{{"path", path}}));
         }
     }
