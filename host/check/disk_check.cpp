@@ -9,6 +9,7 @@
 #include "host/check/check_errors.h"
 #include "host/check/extent_check.h"
 #include "host/check/grain_check.h"
+#include "host/disk/descriptor_checksum.h"
 #include "host/system/name_text.h"
 #include "kelm/format/constants.h"
 
@@ -66,11 +67,19 @@ private:
             return {};
         }
         assert(disk);
+        checkDescriptor(*disk);
         checkContentID(*disk);
         checkExtents(*disk);
         checkGrains(*disk, m_options, [&](std::string const& text) { find(uri, text); });
         return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
                                  : yx::CURI();
+    }
+
+    void checkDescriptor(SafeDisk& disk) {
+        yx::CURI const uri = disk.getDisk().getMainFileURI();
+        if (getChecksumState(*disk.getDisk().getDescriptor(), uri) == ChecksumState::Different)
+            find(uri, "the descriptor differs from its checksum: it is damaged, or other software "
+                      "has edited it");
     }
 
     void checkContentID(SafeDisk& disk) {

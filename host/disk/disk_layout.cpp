@@ -7,26 +7,33 @@
 
 namespace kelm::host {
 
-namespace {
-
-std::vector<DiskExtent> extentsOf(CVMDKDisk& disk) {
+std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
+                                             yx::CURI const& mainFile, __int64 grainSizeBytes,
+                                             bool isCompressed) {
     yx::TArray<yx::P<CVMDKExtentInfo>> infos;
-    disk.getDescriptor()->getExtentEntries(infos);
-    yx::CURI const folder = disk.getMainFileURI().getParent();
+    descriptor.getExtentEntries(infos);
+    yx::CURI const folder = mainFile.getParent();
     std::vector<DiskExtent> extents;
     __int64 startBytes = 0;
     for (yx::P<CVMDKExtentInfo> const& info : infos) {
-        __int64 const endBytes = startBytes + info->getSizeSectors() * kSectorSizeBytes;
+        __int64 const sizeSectors = info->getSizeSectors();
+        if (sizeSectors < 0 || sizeSectors > kMaxPositionSectors - startBytes / kSectorSizeBytes) {
+            throw yx::CIOError(yx::CIOError::CorruptData,
+                               "Invalid extent size in VMDK descriptor: " +
+                                   yx::toString(sizeSectors),
+                               yx::CProps().add("uri", mainFile.toString(true)), nullptr);
+        }
+        __int64 const endBytes = startBytes + sizeSectors * kSectorSizeBytes;
         extents.push_back({vmdkFileReferenceToURI(folder, info->getFilename()), startBytes,
-                           endBytes, disk.getGrainSizeBytes(), disk.getCompressed()});
+                           endBytes, grainSizeBytes, isCompressed});
         startBytes = endBytes;
     }
     return extents;
 }
 
-} // namespace
-
-DiskLayout::DiskLayout(CVMDKDisk& disk) : DiskLayout(extentsOf(disk)) {
+DiskLayout::DiskLayout(CVMDKDisk& disk)
+    : DiskLayout(listDescribedExtents(*disk.getDescriptor(), disk.getMainFileURI(),
+                                      disk.getGrainSizeBytes(), disk.getCompressed())) {
     assert(getSizeBytes() == disk.getSizeBytes());
 }
 

@@ -5,10 +5,18 @@
 #include "host/disk/disk_extent.h"
 
 namespace kelm {
+class CVMDKDescriptor;
 class CVMDKDisk;
-}
+} // namespace kelm
 
 namespace kelm::host {
+
+/// The extents of a disk in order, without gaps, as its descriptor names them. `mainFile` is where the
+/// descriptor lies. A size below 0, or beyond what positions of 64 bits reach, is `yx::CIOError`
+/// `CorruptData` "Invalid extent size in VMDK descriptor: " and the number, with "uri".
+std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
+                                             yx::CURI const& mainFile, __int64 grainSizeBytes,
+                                             bool isCompressed);
 
 /// How a disk as a whole is cut into extents and grains: the one place for arithmetic with either.
 /// Knows nothing of the files, which may be cut into other grains: see `ExtentGrains`.

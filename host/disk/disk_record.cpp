@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <string_view>
 
-#include "kelm/format/internal/descriptor_text.h"
-#include "krym/digest_type_sha256.h"
 #include "yx/error.h"
 #include "yx/number.h"
 
@@ -18,8 +16,6 @@ constexpr char kTimeKey[] = "ddb.kelm.time";
 constexpr char kSourceKey[] = "ddb.kelm.source";
 constexpr char kHostKey[] = "ddb.kelm.host";
 constexpr char kLabelKey[] = "ddb.kelm.label";
-constexpr char kChecksumKey[] = "ddb.kelm.checksum";
-constexpr char kContentIDKey[] = "CID";
 
 // Of one length.
 constexpr char kUnfinished[] = "unfinished";
@@ -70,15 +66,6 @@ std::string unescape(std::string const& text) {
         at += kEscapeLength - 1;
     }
     return plain;
-}
-
-std::string toHex(unsigned char const* bytes, int size) {
-    std::string text;
-    for (int i = 0; i < size; ++i) {
-        text += kHexDigits[bytes[i] >> 4];
-        text += kHexDigits[bytes[i] & 15];
-    }
-    return text;
 }
 
 bool isAllDigits(std::string const& text) {
@@ -175,50 +162,6 @@ std::string DiskRecord::getLabel() const {
 
 void DiskRecord::setLabel(std::string const& label) {
     setText(kLabelKey, label);
-}
-
-std::string DiskRecord::calcChecksum() const {
-    std::string text = m_descriptor.toString().toStdString();
-    // Behind the last line end there is no line.
-    if (!text.empty())
-        text.pop_back();
-    yx::P<krym::IDigest> const digest = yx::makeObject<krym::CDigestType_SHA256>()->createDigest();
-    auto const feed = [&digest](std::string_view part) {
-        digest->update(part.data(), static_cast<int>(part.size()));
-    };
-    detail::forEachLine(std::string_view(text), [&](std::string_view line) {
-        auto const entry = detail::isComment(line) ? std::nullopt : detail::tryParseNameValue(line);
-        auto const isKey = [&entry](char const* key) {
-            return entry && detail::isSameKey(
-                                wxString::FromUTF8(entry->name.data(), entry->name.size()), key);
-        };
-        if (isKey(kChecksumKey))
-            return true;
-        // Of these two, the key alone counts.
-        feed(isKey(kContentIDKey) || isKey(kStateKey) ? entry->name : line);
-        feed("\n");
-        return true;
-    });
-    digest->finish();
-    return toHex(static_cast<unsigned char const*>(digest->getData()), digest->getSize());
-}
-
-ChecksumState DiskRecord::getChecksumState() const {
-    yx::String value;
-    if (!m_descriptor.tryGetValue(kChecksumKey, value))
-        return ChecksumState::Absent;
-    return value.toStdString() == calcChecksum() ? ChecksumState::Valid : ChecksumState::Different;
-}
-
-void DiskRecord::updateChecksum() {
-    // Storing the descriptor adds this line where it is missing.
-    m_descriptor.setEncodingUTF8();
-    m_descriptor.setValue(kChecksumKey, yx::String::fromUTF8(calcChecksum()), true, false);
-}
-
-void DiskRecord::updateChecksumIfPresent() {
-    if (m_descriptor.hasValue(kChecksumKey))
-        updateChecksum();
 }
 
 } // namespace kelm::host

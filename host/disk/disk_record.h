@@ -13,13 +13,6 @@ enum class DiskState {
     Unfinished, ///< it was still being filled
 };
 
-/// Whether a descriptor is as its last writer among our programs left it.
-enum class ChecksumState {
-    Absent, ///< no such writer, or not one of ours
-    Valid,
-    Different, ///< other software has edited the text, or it is damaged
-};
-
 /// What a disk says about itself beyond the format, by keys in its descriptor. Other software
 /// ignores and keeps them, and a disk without them is as good as any.
 ///
@@ -29,12 +22,12 @@ enum class ChecksumState {
 ///     ddb.kelm.source = "/dev/sdb"
 ///     ddb.kelm.host = "server7"
 ///     ddb.kelm.label = "before the upgrade"
-///     ddb.kelm.checksum = "6dcd4ce2..."              64 hexadecimal digits
 ///
 /// In texts, quotes, percent signs, control characters and bytes that are no UTF-8 stand as "%" and
 /// two hexadecimal digits for each byte, since a descriptor has no escapes of its own.
 ///
-/// Everything here changes the descriptor in memory; storing it is the caller's.
+/// Everything here changes the descriptor in memory; storing it is the caller's, by
+/// `SafeDisk::storeDescriptor`, which also keeps the checksum true (`updateChecksum`).
 class DiskRecord {
 public:
     /// The longest text that `setSource`, `setHost` and `setLabel` take, in bytes as stored: a
@@ -71,21 +64,9 @@ public:
     std::string getLabel() const;
     void setLabel(std::string const& label);
 
-    /// Compares the checksum with the text.
-    ChecksumState getChecksumState() const;
-
-    /// Makes the checksum true. Comes last of all changes to the text, but for those of the content
-    /// ID and of the state: their values are left out of it, since each has to change by a write of
-    /// one sector alone.
-    void updateChecksum();
-
-    /// The same, but only where there is a checksum: for changes to disks that may not be ours.
-    void updateChecksumIfPresent();
-
 private:
     std::string getText(char const* key) const;
     void setText(char const* key, std::string const& text);
-    std::string calcChecksum() const;
 
     CVMDKDescriptor& m_descriptor;
 };

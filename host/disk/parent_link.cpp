@@ -20,15 +20,16 @@ void repointToParent(SafeDisk& child, SafeDisk& parent, ParentCheck check) {
                            nullptr);
     }
     descriptor->setParentContentID(actual);
-    child.getDisk().changeParentRelPath(
+    descriptor->setParentFileNameHint(
         makeFileReference(child.getDisk().getMainFileURI().getParent(), parentURI));
+    child.storeDescriptor();
 }
 
 void dropParentLink(SafeDisk& disk) {
     yx::P<CVMDKDescriptor> const descriptor = disk.getDisk().getDescriptor();
     descriptor->removeParentFileNameHint();
     descriptor->setParentContentID(kNoParentContentID);
-    disk.getDisk().storeDescriptor();
+    disk.storeDescriptor();
 }
 
 } // namespace kelm::host

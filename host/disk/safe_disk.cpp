@@ -1,5 +1,6 @@
 #include "host/disk/safe_disk.h"
 
+#include "host/disk/descriptor_checksum.h"
 #include "host/disk/descriptor_room.h"
 #include "host/disk/disk_opening.h"
 #include "host/disk/extent_creation.h"
@@ -7,6 +8,18 @@
 #include "kelm/format/constants.h"
 
 namespace kelm::host {
+
+namespace {
+
+/// What the library does not put into the descriptor of a new disk.
+void completeNewDescriptor(CVMDKDisk& disk) {
+    yx::P<CVMDKDescriptor> const descriptor = disk.getDescriptor();
+    writeContentID(*descriptor, descriptor->getContentID());
+    updateChecksum(*descriptor, disk.getMainFileURI());
+    disk.storeDescriptor();
+}
+
+} // namespace
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                    yx::String const& password, int compressionLevel, int readCacheLimit,
@@ -77,6 +90,7 @@ std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri
     std::unique_ptr<SafeDisk> disk(new SafeDisk(diskFiles, uri, yx::IIOStream::ReadWrite,
                                                 request.password, request.compressionLevel,
                                                 CVMDKGrainTableCache::kNoLimit));
+    completeNewDescriptor(disk->getDisk());
     for (yx::CURI const& file : disk->listFiles()) {
         if (disk->m_fileSystem->fileExists(file))
             syncFile(disk->m_fileSystem.get(), file);
@@ -93,6 +107,18 @@ void SafeDisk::verifyWholeGrainExtents() const {
                            yx::CProps().add("uri", m_disk->getMainFileURI().toString(true)),
                            nullptr);
     }
+}
+
+void SafeDisk::storeDescriptor() {
+    yx::CURI const& mainFile = m_disk->getMainFileURI();
+    yx::P<yx::IIOStream> const stream =
+        openVMDKFileStream(m_fileSystem.get(), mainFile, yx::IIOStream::ReadOnly);
+    yx::P<CVMDKDescriptor> const stored =
+        CVMDKDescriptorAccessor(stream.get(), yx::IIOStream::ReadOnly).getDescriptor();
+    stream->close();
+    if (getChecksumState(*stored, mainFile) == ChecksumState::Valid)
+        updateChecksum(*m_disk->getDescriptor(), mainFile);
+    m_disk->storeDescriptor();
 }
 
 std::vector<yx::CURI> SafeDisk::listFiles() {

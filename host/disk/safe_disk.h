@@ -29,6 +29,7 @@ constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDe
 ///
 /// - `ExtentFiles`: no extent file is missing or half made.
 /// - `ExtentRoom`: no extent file outgrows 2 TiB.
+/// - `updateChecksum`: a damaged descriptor is told from a sound one.
 /// - `ContentIDChange`: children notice a change, whatever a power cut leaves.
 /// - `TableLimit`: no changed grain table is lost, and memory has a bound.
 /// - `ZeroWriting`: zeros hide what a parent has there.
@@ -125,6 +126,11 @@ public:
 
     /// Brings all changes to the device; see `DiskWriting::flush`.
     void flush() { m_writing.flush(); }
+
+    /// Brings the descriptor to the device, after changes to `getDisk().getDescriptor()`. Its checksum
+    /// is kept true (`updateChecksum`). A disk without one gets none, and one whose stored text
+    /// differs from its checksum goes on differing: a change of ours says nothing about the rest.
+    void storeDescriptor();
 
     /// The files of the disk: the main file, then the extent files that are files of their own.
     std::vector<yx::CURI> listFiles();

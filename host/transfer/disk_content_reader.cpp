@@ -4,11 +4,14 @@
 #include <cassert>
 
 #include "host/transfer/exact_size.h"
+#include "host/transfer/whole_reading.h"
 
 namespace kelm::host {
 
-DiskContentReader::DiskContentReader(SafeDisk& disk)
-    : m_disk(disk), m_lengthBytes(getExactSizeBytes(disk)) {}
+DiskContentReader::DiskContentReader(SafeDisk& disk, CancelFlag const* cancel) : m_disk(disk) {
+    beginWholeReading(disk, cancel);
+    m_lengthBytes = getExactSizeBytes(disk);
+}
 
 int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) {
     assert(bytes > 0);

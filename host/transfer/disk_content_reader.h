@@ -8,15 +8,16 @@ namespace kelm::host {
 /// The content of a disk up to its exact size, for a comparison. The disk must outlive the reader.
 class DiskContentReader : public ContentReader {
 public:
-    /// Starts at the disk's first byte.
-    explicit DiskContentReader(SafeDisk& disk);
+    /// Starts at the disk's first byte. Errors are those of `beginWholeReading`, which `cancel` may
+    /// end.
+    explicit DiskContentReader(SafeDisk& disk, CancelFlag const* cancel = nullptr);
 
     __int64 getLength() const override { return m_lengthBytes; }
     int readNext(unsigned char* buffer, int bytes, bool& isZero) override;
 
 private:
     SafeDisk& m_disk;
-    __int64 m_lengthBytes;
+    __int64 m_lengthBytes = 0;
     __int64 m_positionBytes = 0;
 };
 

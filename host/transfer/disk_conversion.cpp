@@ -7,6 +7,7 @@
 #include "host/transfer/grain_place.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/unpreparer.h"
+#include "host/transfer/whole_reading.h"
 #include "host/transfer/written_grain_reader.h"
 #include "yx/error.h"
 
@@ -84,6 +85,7 @@ void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options, Recor
                                .add("targetSize", yx::toString(to.getSizeBytes())),
                            nullptr);
     }
+    beginWholeReading(from, options.cancel);
     TransferProgress progress(options, from.getSizeBytes());
     if (from.getGrainSizeBytes() == to.getGrainSizeBytes())
         convertGrains(from, to, check, countThreads(options), progress);

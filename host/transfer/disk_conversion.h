@@ -12,7 +12,7 @@ namespace kelm::host {
 ///
 /// A smaller target is `CIOError` `NotAllowed`. A grain that cannot be read or decoded, or whose
 /// record fails the check, ends the conversion; the error has the grain's place, as `addGrainPlace`
-/// says.
+/// says. `beginWholeReading` comes before all else.
 void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options,
                  RecordCheck check = RecordCheck::Decode);
 

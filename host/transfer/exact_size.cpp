@@ -66,10 +66,8 @@ void setExactSizeBytes(SafeDisk& disk, __int64 exactSizeBytes) {
     // On the device before the descriptor says that nothing lies there.
     disk.flush();
     yx::P<CVMDKDescriptor> const descriptor = disk.getDisk().getDescriptor();
-    DiskRecord record(*descriptor);
-    record.setImageBytes(exactSizeBytes);
-    record.updateChecksumIfPresent();
-    disk.getDisk().storeDescriptor();
+    DiskRecord(*descriptor).setImageBytes(exactSizeBytes);
+    disk.storeDescriptor();
     assert(getExactSizeBytes(disk) == exactSizeBytes);
 }
 

@@ -6,6 +6,7 @@
 #include "host/transfer/grain_place.h"
 #include "host/transfer/record_verifier.h"
 #include "host/transfer/transfer_progress.h"
+#include "host/transfer/whole_reading.h"
 
 namespace kelm::host {
 
@@ -62,6 +63,8 @@ void copyVerified(SafeDisk& disk, int threads, TransferProgress& progress) {
 } // namespace
 
 void makeIndependentOfParent(SafeDisk& disk, WorkOptions const& options) {
+    if (disk.hasParent())
+        beginWholeReading(disk, options.cancel);
     TransferProgress progress(options, disk.getSizeBytes());
     if (disk.hasParent() && disk.getDisk().getCompressed())
         copyVerified(disk, countThreads(options), progress);

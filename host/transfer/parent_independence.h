@@ -11,6 +11,7 @@ namespace kelm::host {
 /// A grain that cannot be read or decoded, or whose record names another grain, ends the work; the
 /// error has the grain's place, as `addGrainPlace` says. Grains that were copied before stay, so
 /// the work can be done again. The disk needs its parent then as before.
+/// `beginWholeReading` comes first, and its errors leave the disk as it was.
 void makeIndependentOfParent(SafeDisk& disk, WorkOptions const& options);
 
 } // namespace kelm::host

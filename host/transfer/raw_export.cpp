@@ -8,6 +8,7 @@
 #include "host/transfer/image_writer.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/unpreparer.h"
+#include "host/transfer/whole_reading.h"
 #include "host/transfer/written_grain_reader.h"
 
 namespace kelm::host {
@@ -55,6 +56,7 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
 } // namespace
 
 void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options) {
+    beginWholeReading(disk, options.cancel);
     __int64 const imageBytes = getExactSizeBytes(disk);
     TransferProgress progress(options, imageBytes);
     ImageWriter writer(disk, target, imageBytes);

@@ -9,7 +9,8 @@ namespace kelm::host {
 /// Copies a whole disk, up to its exact size (`getExactSizeBytes`), to a raw image and finishes
 /// that. Zeros become holes. A target that is too small is left as it was: see
 /// `RawTarget::verifyHasRoomFor`. A grain that cannot be read or decoded ends the export; the error
-/// has the grain's place, as `addGrainPlace` says.
+/// has the grain's place, as `addGrainPlace` says. `beginWholeReading` comes before anything is
+/// written.
 void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options);
 
 } // namespace kelm::host

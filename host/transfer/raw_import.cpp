@@ -8,6 +8,7 @@
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/preparer_set.h"
 #include "host/transfer/transfer_progress.h"
+#include "host/transfer/whole_reading.h"
 
 namespace kelm::host {
 
@@ -65,6 +66,8 @@ void importCompressed(ImageReader& reader, SafeDisk& disk, int threads,
 
 void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
                ImageLength const& length) {
+    if (disk.hasParent())
+        beginWholeReading(disk, options.cancel);
     TransferProgress progress(options, source.getLength());
     ImageReader reader(source, disk, length);
     if (disk.getDisk().getCompressed() && !disk.hasParent())

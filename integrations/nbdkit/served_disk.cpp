@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/disk/parent_chain.h"
+#include "host/transfer/whole_reading.h"
 #include "yx/native_file_system.h"
 
 namespace kelm::nbd {
@@ -37,6 +38,7 @@ void ServedDisk::open(yx::IIOStream::Access access) {
     if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
         opened->limitTables(*m_settings.maxCachedTables);
     m_parents = host::openParents(m_fileSystem.get(), *opened, password);
+    host::beginWholeReading(*opened, nullptr);
     m_disk = std::move(opened);
     m_access = access;
 }

@@ -194,6 +194,26 @@ TEST_F(Plugin, RefusesAChildWithoutItsParentBeforeItServes) {
               "nbdkit: error: The disk does not exist. (uri: " + path("parent.vmdk") + ")\n");
 }
 
+TEST_F(Plugin, RefusesADamagedGrainTableBeforeItServes) {
+    makeDisk(kPlain, "", std::string(kDiskBytes, 'p'));
+    std::string const file = readFile("disk.vmdk");
+    auto const sectorAt = [&file](std::size_t position) {
+        std::size_t sector = 0;
+        for (std::size_t i = 4; i-- > 0;)
+            sector = sector << 8 | static_cast<unsigned char>(file[position + i]);
+        return sector * 512;
+    };
+    // The first sector of the first main table, which the header and the directory lead to.
+    patchFile("disk.vmdk", sectorAt(sectorAt(56)), std::string(512, '\0'));
+    for (char const* const option : {"-f", "-r"}) {
+        EXPECT_EQ(refusalOf({option, "disk.vmdk"}),
+                  "nbdkit: error: Grain table 0 differs from its redundant copy, so its grains may "
+                  "be lost. (uri: " +
+                      path("disk.vmdk") +
+                      ", table: 0, grains: 0-255, bytes: 0-16777215, damagedTables: 1)\n");
+    }
+}
+
 TEST_F(Plugin, KeepsOthersFromWritingToAParent) {
     makeDisk({"Child", {}, false, true}, std::string(kDiskBytes, 'p'));
     std::unique_ptr<Server> const server = serve();

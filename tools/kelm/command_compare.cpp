@@ -26,7 +26,7 @@ public:
     Side(Invocation& invocation, std::string const& file, PasswordOptions& passwords) {
         if (file != "-" && host::isDiskMainFile(file)) {
             m_disk = openDisk(invocation, file, yx::IIOStream::ReadOnly, passwords);
-            m_reader = std::make_unique<host::DiskContentReader>(*m_disk);
+            m_reader = std::make_unique<host::DiskContentReader>(*m_disk, &invocation.getCancel());
         } else {
             m_source = std::make_unique<host::RawSource>(file, &invocation.getCancel());
             m_reader = std::make_unique<host::RawContentReader>(*m_source);
