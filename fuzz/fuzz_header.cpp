@@ -63,7 +63,8 @@ void checkExtentFile(yx::TBuffer<unsigned char>& file) {
     yx::CBufferStream stream(&file, 2.0);
     host::DiskExtent place;
     place.endBytes = 16 * kSectorSizeBytes;
-    attempt([&] { host::checkExtent(stream, place, nullptr, [](std::string const&) {}); });
+    host::KnownGrains known;
+    attempt([&] { host::checkExtent(stream, place, nullptr, [](std::string const&) {}, known); });
     attempt([&] {
         stream.seek(0);
         CVMDKGrainTableCache cache;

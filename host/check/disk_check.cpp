@@ -69,8 +69,9 @@ private:
         assert(disk);
         checkDescriptor(*disk);
         checkContentID(*disk);
+        m_known = KnownGrains();
         checkExtents(*disk);
-        checkGrains(*disk, m_options, [&](std::string const& text) { find(uri, text); });
+        checkGrains(*disk, m_options, [&](std::string const& text) { find(uri, text); }, m_known);
         return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
                                  : yx::CURI();
     }
@@ -120,7 +121,7 @@ private:
             return;
         }
         checkExtent(*stream, extent, m_options.cancel,
-                    [&](std::string const& text) { find(uri, text); });
+                    [&](std::string const& text) { find(uri, text); }, m_known);
     }
 
     yx::P<yx::IFileSystem> m_fileSystem;
@@ -129,6 +130,9 @@ private:
     FindingCallback const& m_report;
     DiskTrust const& m_trust;
     __int64 m_findingCount = 0;
+
+    /// Of the disk that is being checked.
+    KnownGrains m_known;
 
     /// The content ID that the last disk expects of its parent.
     std::optional<unsigned int> m_expectedContentID;

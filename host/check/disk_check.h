@@ -15,7 +15,7 @@ using FindingCallback = std::function<void(yx::CURI const& file, std::string con
 /// in the descriptor, the headers, the tables compared with their redundant copies, the places of
 /// the grains, the records and the trail of compressed extents, the key hash, and in every grain,
 /// which is decoded. Parents that are missing or have changed are findings too. Changes nothing.
-/// Returns the number of findings.
+/// Returns the number of findings. What one cause breaks is one finding, with the number of grains.
 ///
 /// Some failures are errors, not findings: a main file that does not exist, a disk in use, a wrong
 /// or missing password, what `trust` does not admit, `TooManyRoundsError`, `CancelledError`, and whatever `report` throws.

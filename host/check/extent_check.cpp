@@ -30,11 +30,8 @@ void checkStretches(TableCheck& tables, ExtentShape const& shape, __int64 fileSi
     findings.setRepeating(false);
 }
 
-} // namespace
-
-void checkExtent(yx::IIOStream& stream, DiskExtent const& extent, CancelFlag const* cancel,
-                 std::function<void(std::string const&)> const& report) {
-    ExtentFindings findings(report);
+void checkParts(yx::IIOStream& stream, DiskExtent const& extent, CancelFlag const* cancel,
+                ExtentFindings& findings) {
     ExtentReader reader(stream, findings);
     std::optional<ExtentShape> const shape = HeaderCheck(reader, extent, findings).run();
     if (!shape)
@@ -42,8 +39,24 @@ void checkExtent(yx::IIOStream& stream, DiskExtent const& extent, CancelFlag con
     TableCheck tables(reader, *shape, findings);
     if (shape->tableCount > 0 && tables.findDirectories())
         checkStretches(tables, *shape, reader.getSizeSectors(), cancel, findings);
-    if (shape->compressed)
+    // A file that was cut off has no trail.
+    if (shape->compressed && !findings.isFileCutOff())
         checkTrail(reader, tables.getDataEndSectors(), findings);
+}
+
+} // namespace
+
+void checkExtent(yx::IIOStream& stream, DiskExtent const& extent, CancelFlag const* cancel,
+                 std::function<void(std::string const&)> const& report, KnownGrains& known) {
+    FindingFold fold(report);
+    ExtentFindings findings(fold, known);
+    try {
+        checkParts(stream, extent, cancel, findings);
+    } catch (CancelledError const&) {
+        fold.flush();
+        throw;
+    }
+    fold.flush();
 }
 
 } // namespace kelm::host

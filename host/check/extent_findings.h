@@ -1,7 +1,9 @@
 #pragma once
 
-#include <functional>
 #include <string>
+
+#include "host/check/finding_fold.h"
+#include "host/check/known_grains.h"
 
 namespace kelm::host {
 
@@ -9,25 +11,46 @@ namespace kelm::host {
 /// several times, and most findings must be reported only the first time.
 class ExtentFindings {
 public:
-    /// Receives a sentence about what is wrong.
-    using Report = std::function<void(std::string const&)>;
+    /// Both arguments must outlive the object.
+    ExtentFindings(FindingFold& fold, KnownGrains& known) : m_fold(fold), m_known(known) {}
 
-    /// `report` must outlive the object.
-    explicit ExtentFindings(Report const& report) : m_report(report) {}
+    // Each of these reports a finding that every reading of the tables would meet; it is dropped
+    // while repeating. Grains are numbered as in the disk.
 
-    /// Reports a finding that every reading of the tables would meet; dropped while repeating.
+    /// A finding about the file itself.
     void addOnce(std::string const& text) const;
 
-    /// Reports a finding that belongs to the stretch of the file that is being looked at.
-    void addOfStretch(std::string const& text) const;
+    /// A finding about a table.
+    void addOfTable(__int64 table, std::string const& text) const;
+
+    /// A finding about a grain, which is then known.
+    void addOfGrain(__int64 grainIndex, std::string const& text) const;
+
+    /// A finding about a grain that lies where the file has ended. There is one cause for all of
+    /// these.
+    void addBehindEnd(__int64 grainIndex, std::string const& text);
+
+    // Each of these reports a finding that belongs to the stretch of the file that is being looked
+    // at.
+
+    /// A finding about a table.
+    void addOfTableInStretch(__int64 table, std::string const& text) const;
+
+    /// A finding about a grain.
+    void addOfGrainInStretch(__int64 grainIndex, std::string const& text) const;
 
     /// Whether the tables have been read before.
     bool isRepeating() const { return m_isRepeating; }
     void setRepeating(bool isRepeating) { m_isRepeating = isRepeating; }
 
+    /// Whether a grain lies where the file has ended.
+    bool isFileCutOff() const { return m_isFileCutOff; }
+
 private:
-    Report const& m_report;
+    FindingFold& m_fold;
+    KnownGrains& m_known;
     bool m_isRepeating = false;
+    bool m_isFileCutOff = false;
 };
 
 } // namespace kelm::host

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/check/check_errors.h"
+#include "host/check/finding_fold.h"
 #include "host/system/worker_pipeline.h"
 #include "kelm/format/constants.h"
 
@@ -29,13 +30,41 @@ using GrainDecoders = WorkerPipeline<CheckedGrain>;
 class GrainCheck {
 public:
     GrainCheck(SafeDisk& disk, WorkOptions const& options,
-               std::function<void(std::string const&)> const& report)
-        : m_disk(disk), m_cancel(options.cancel), m_throttle(options.progress), m_report(report) {
+               std::function<void(std::string const&)> const& report, KnownGrains const& known)
+        : m_disk(disk),
+          m_cancel(options.cancel),
+          m_throttle(options.progress),
+          m_fold(report),
+          m_known(known) {
         if (disk.getDisk().getCompressed())
             startWorkers(countThreads(options));
     }
 
     void run() {
+        try {
+            checkAllGrains();
+        } catch (CancelledError const&) {
+            m_fold.flush();
+            throw;
+        }
+        m_fold.flush();
+        m_throttle.report(m_disk.getSizeBytes(), m_disk.getSizeBytes());
+    }
+
+private:
+    /// Neighbouring grains that cannot be looked up, all for the same reason.
+    struct Unreachable {
+        __int64 firstIndex;
+        __int64 endIndex;
+        std::string reason;
+    };
+
+    void checkAllGrains() {
+        std::vector<DiskExtent> const& extents = m_disk.listExtents();
+        m_numbersAreUnique =
+            std::all_of(extents.begin(), extents.end(), [this](DiskExtent const& extent) {
+                return grainSizeOf(extent) == m_disk.getGrainSizeBytes();
+            });
         for (DiskExtent const& extent : m_disk.listExtents()) {
             __int64 const grainSizeBytes = grainSizeOf(extent);
             __int64 const tableBytes = grainSizeBytes * kGrainTableEntryCount;
@@ -47,16 +76,7 @@ public:
         }
         drainAll();
         reportUnreachable();
-        m_throttle.report(m_disk.getSizeBytes(), m_disk.getSizeBytes());
     }
-
-private:
-    /// Neighbouring grains that cannot be looked up, all for the same reason.
-    struct Unreachable {
-        __int64 firstIndex;
-        __int64 endIndex;
-        std::string reason;
-    };
 
     /// The grain size of an extent's file; that of the disk if the file does not tell, which the first
     /// look at a grain then finds.
@@ -171,7 +191,7 @@ private:
         Unreachable const run = *m_unreachable;
         m_unreachable.reset();
         std::string const first = std::to_string(run.firstIndex);
-        m_report((run.endIndex == run.firstIndex + 1
+        m_fold.add((run.endIndex == run.firstIndex + 1
                       ? "grain " + first
                       : "grains " + first + " to " + std::to_string(run.endIndex - 1)) +
                  " cannot be looked up: " + run.reason);
@@ -179,13 +199,18 @@ private:
 
     void reportGrain(__int64 index, std::string const& failure) {
         reportUnreachable();
-        m_report("grain " + std::to_string(index) + ": " + failure);
+        if (!m_numbersAreUnique || !m_known.contains(index))
+            m_fold.addOfThing("grain", index, "grain " + std::to_string(index) + ": " + failure);
     }
 
     SafeDisk& m_disk;
     CancelFlag const* m_cancel;
     ProgressThrottle m_throttle;
-    std::function<void(std::string const&)> const& m_report;
+    FindingFold m_fold;
+    KnownGrains const& m_known;
+
+    /// Whether no two grains have one number, which those of extents of different grain sizes may.
+    bool m_numbersAreUnique = true;
     std::optional<Unreachable> m_unreachable;
     Buffer m_grain;
 
@@ -199,8 +224,8 @@ private:
 } // namespace
 
 void checkGrains(SafeDisk& disk, WorkOptions const& options,
-                 std::function<void(std::string const&)> const& report) {
-    GrainCheck(disk, options, report).run();
+                 std::function<void(std::string const&)> const& report, KnownGrains const& known) {
+    GrainCheck(disk, options, report, known).run();
 }
 
 } // namespace kelm::host

@@ -3,17 +3,19 @@
 #include <functional>
 #include <string>
 
+#include "host/check/known_grains.h"
 #include "host/disk/safe_disk.h"
 #include "host/system/work_options.h"
 
 namespace kelm::host {
 
 /// Reads and decodes every grain that a disk itself holds, on several threads. `report` gets a
-/// sentence for each grain that fails, and one for each run of grains that cannot be looked up for
-/// the same reason, in the order of the grains, on the caller's thread.
+/// sentence for each grain that fails, or for several that are alike (`FindingFold`), and one for
+/// each run of grains that cannot be looked up for the same reason, in the order of the grains, on
+/// the caller's thread. Grains that are `known` to be damaged are not reported again.
 ///
 /// Errors that are no findings (see `isFinding`) are thrown.
 void checkGrains(SafeDisk& disk, WorkOptions const& options,
-                 std::function<void(std::string const&)> const& report);
+                 std::function<void(std::string const&)> const& report, KnownGrains const& known);
 
 } // namespace kelm::host

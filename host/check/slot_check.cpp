@@ -9,53 +9,57 @@
 
 namespace kelm::host {
 
-void SlotCheck::run(__int64 grain, int index, GrainTables const& tables, SectorMap& taken) {
-    assert(grain >= 0 && grain % kGrainTableEntryCount == index);
-    __int64 const position = tables.getPosition(index);
+void SlotCheck::run(__int64 grain, int entry, GrainTables const& tables, SectorMap& taken) {
+    assert(grain >= 0 && grain % kGrainTableEntryCount == entry);
+    __int64 const position = tables.getPosition(entry);
     if (position == 0)
         return;
-    std::string const name = "grain " + std::to_string(grain + m_shape.extent.getStartGrainIndex());
+    __int64 const index = grain + m_shape.extent.getStartGrainIndex();
+    std::string const name = "grain " + std::to_string(index);
     if (grain >= m_shape.grainCount) {
-        m_findings.addOnce("the entry of " + name + " is set, which is behind the end");
+        m_findings.addOfGrain(index, "the entry of " + name + " is set, which is behind the end");
         return;
     }
     if (position < static_cast<__int64>(std::min<unsigned long long>(
                        m_shape.header.getOverheadSectors(), kTableReachSectors))) {
-        m_findings.addOnce(name + " lies in the metadata");
+        m_findings.addOfGrain(index, name + " lies in the metadata");
         return;
     }
     if (!m_reader.contains(position, m_shape.compressed ? kSectorSizeBytes : 1)) {
-        m_findings.addOnce(name + " lies outside the file");
+        m_findings.addBehindEnd(index, name + " lies outside the file");
         return;
     }
-    __int64 const size = checkSize(name, grain, index, tables);
+    __int64 const size = checkSize(name, grain, entry, tables);
     assert(size >= 0);
     if (!m_reader.contains(position, size * kSectorSizeBytes))
-        m_findings.addOnce(name + " reaches behind the end of the file");
+        m_findings.addBehindEnd(index, name + " reaches behind the end of the file");
     __int64 const shared = taken.take(position, size);
     if (shared != -1) {
-        m_findings.addOfStretch(name + " shares its place with something else, at sector " +
-                                std::to_string(shared));
+        m_findings.addOfGrainInStretch(index, name +
+                                                  " shares its place with something else, at "
+                                                  "sector " +
+                                                  std::to_string(shared));
     }
     m_dataEndSectors = std::max(m_dataEndSectors, position + size);
 }
 
 /// Returns the size of the slot in sectors.
-__int64 SlotCheck::checkSize(std::string const& name, __int64 grain, int index,
+__int64 SlotCheck::checkSize(std::string const& name, __int64 grain, int entry,
                              GrainTables const& tables) {
     if (!m_shape.compressed)
         return m_shape.grainSizeSectors;
-    __int64 const position = tables.getPosition(index);
+    __int64 const position = tables.getPosition(entry);
     if (!tables.hasSlotSizes())
         return checkRecord(name, grain, position);
-    __int64 const slotSectors = tables.getSlotSizeSectors(index);
+    __int64 const slotSectors = tables.getSlotSizeSectors(entry);
     // Reading the records is what takes long; once is enough.
     if (!m_findings.isRepeating() && checkRecord(name, grain, position) > slotSectors)
-        m_findings.addOnce("the record of " + name + " does not fit its slot");
+        m_findings.addOfGrain(grain + m_shape.extent.getStartGrainIndex(),
+                              "the record of " + name + " does not fit its slot");
     return slotSectors;
 }
 
-/// Returns how many sectors the record takes; 0 if it cannot be read.
+/// Returns how many sectors the record takes; 0 if it cannot be read or is another grain's.
 __int64 SlotCheck::checkRecord(std::string const& name, __int64 grain, __int64 positionSectors) {
     assert(m_shape.compressed);
     std::optional<ExtentReader::Bytes> const record =
@@ -63,10 +67,14 @@ __int64 SlotCheck::checkRecord(std::string const& name, __int64 grain, __int64 p
     if (!record)
         return 0;
     // Unsigned, since the index that a bad descriptor leads to may be anything.
-    auto const lba = static_cast<unsigned long long>(grain + m_shape.extent.getStartGrainIndex()) *
+    __int64 const index = grain + m_shape.extent.getStartGrainIndex();
+    auto const lba = static_cast<unsigned long long>(index) *
                      static_cast<unsigned long long>(m_shape.grainSizeSectors);
-    if (loadGrainRecordLBA(record->data()) != lba)
-        m_findings.addOnce("the record of " + name + " names another grain");
+    if (loadGrainRecordLBA(record->data()) != lba) {
+        m_findings.addOfGrain(index, "the record of " + name + " names another grain");
+        // Nor is its size that of this grain.
+        return 0;
+    }
     return recordSizeSectors(m_shape.header, loadGrainRecordCompressedSize(record->data()));
 }
 

@@ -13,23 +13,23 @@ namespace kelm::host {
 class SlotCheck {
 public:
     /// All arguments must outlive the object.
-    SlotCheck(ExtentReader& reader, ExtentShape const& shape, ExtentFindings const& findings)
+    SlotCheck(ExtentReader& reader, ExtentShape const& shape, ExtentFindings& findings)
         : m_reader(reader), m_shape(shape), m_findings(findings) {}
 
-    /// Checks the slot of a grain, which is the grain `index` of `tables` and `grain` of the
+    /// Checks the slot of a grain, which is the grain `entry` of `tables` and `grain` of the
     /// extent. Takes its sectors in `taken`.
-    void run(__int64 grain, int index, GrainTables const& tables, SectorMap& taken);
+    void run(__int64 grain, int entry, GrainTables const& tables, SectorMap& taken);
 
     /// Where the data of the grains ends, as far as their slots have been checked.
     __int64 getDataEndSectors() const { return m_dataEndSectors; }
 
 private:
-    __int64 checkSize(std::string const& name, __int64 grain, int index, GrainTables const& tables);
+    __int64 checkSize(std::string const& name, __int64 grain, int entry, GrainTables const& tables);
     __int64 checkRecord(std::string const& name, __int64 grain, __int64 positionSectors);
 
     ExtentReader& m_reader;
     ExtentShape const& m_shape;
-    ExtentFindings const& m_findings;
+    ExtentFindings& m_findings;
     __int64 m_dataEndSectors = 0;
 };
 

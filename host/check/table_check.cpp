@@ -12,12 +12,12 @@ void TableCheck::run(__int64 table, SectorMap& taken) {
     std::string const name = "grain table " + std::to_string(table);
     TablePlaces const places = m_directories.readPlaces(table);
     if (!m_reader.contains(places.table, kGrainTableSizeBytes)) {
-        m_findings.addOnce(name + " lies outside the file");
+        m_findings.addOfTable(table, name + " lies outside the file");
         return;
     }
     // Its grains would be findings too, each of them twice.
     if (taken.take(places.table, kGrainTableSizeSectors) != -1) {
-        m_findings.addOfStretch(name + " shares its place with something else");
+        m_findings.addOfTableInStretch(table, name + " shares its place with something else");
         return;
     }
     std::optional<ExtentReader::Bytes> entries =
@@ -25,7 +25,7 @@ void TableCheck::run(__int64 table, SectorMap& taken) {
     if (!entries)
         return;
     if (!m_findings.isRepeating() && m_directories.hasRedundant())
-        checkRedundantTable(name, *entries, places);
+        checkRedundantTable(table, *entries, places);
     ExtentReader::Bytes slotSizes;
     if (m_directories.hasSlotSizes())
         slotSizes = readSlotSizes(table, places);
@@ -34,19 +34,20 @@ void TableCheck::run(__int64 table, SectorMap& taken) {
         m_slots.run(table * kGrainTableEntryCount + index, index, tables, taken);
 }
 
-void TableCheck::checkRedundantTable(std::string const& name, ExtentReader::Bytes const& entries,
+void TableCheck::checkRedundantTable(__int64 table, ExtentReader::Bytes const& entries,
                                      TablePlaces const& places) {
     assert(entries.size() == kGrainTableSizeBytes);
+    std::string const name = "grain table " + std::to_string(table);
     std::string const copyName = "the redundant copy of " + name;
     if (places.redundantTable == places.table) {
-        m_findings.addOnce(name + " is its own redundant copy");
+        m_findings.addOfTable(table, name + " is its own redundant copy");
     } else if (!m_reader.contains(places.redundantTable, kGrainTableSizeBytes)) {
-        m_findings.addOnce(copyName + " lies outside the file");
+        m_findings.addOfTable(table, copyName + " lies outside the file");
     } else {
         std::optional<ExtentReader::Bytes> const copy =
             m_reader.tryRead(places.redundantTable, kGrainTableSizeBytes, copyName);
         if (copy && *copy != entries)
-            m_findings.addOnce(name + " differs from its redundant copy");
+            m_findings.addOfTable(table, name + " differs from its redundant copy");
     }
 }
 
@@ -54,7 +55,7 @@ ExtentReader::Bytes TableCheck::readSlotSizes(__int64 table, TablePlaces const& 
     assert(m_shape.compressed && "only compressed extents have slot sizes");
     std::string const name = "slot size table " + std::to_string(table);
     if (!m_reader.contains(places.slotSizeTable, kSlotSizeTableSizeBytes)) {
-        m_findings.addOnce(name + " lies outside the file");
+        m_findings.addOfTable(table, name + " lies outside the file");
         return {};
     }
     return m_reader.tryRead(places.slotSizeTable, kSlotSizeTableSizeBytes, name)

@@ -11,7 +11,7 @@ namespace kelm::host {
 class TableCheck {
 public:
     /// `shape`, `reader` and `findings` must outlive the object.
-    TableCheck(ExtentReader& reader, ExtentShape const& shape, ExtentFindings const& findings)
+    TableCheck(ExtentReader& reader, ExtentShape const& shape, ExtentFindings& findings)
         : m_reader(reader),
           m_shape(shape),
           m_findings(findings),
@@ -28,7 +28,7 @@ public:
     __int64 getDataEndSectors() const { return m_slots.getDataEndSectors(); }
 
 private:
-    void checkRedundantTable(std::string const& name, ExtentReader::Bytes const& entries,
+    void checkRedundantTable(__int64 table, ExtentReader::Bytes const& entries,
                              TablePlaces const& places);
     ExtentReader::Bytes readSlotSizes(__int64 table, TablePlaces const& places);
 

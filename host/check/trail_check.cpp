@@ -15,8 +15,10 @@ void checkTrail(ExtentReader& reader, __int64 dataEndSectors, ExtentFindings con
         findings.addOnce("the file does not end in whole sectors");
         return;
     }
-    if (start < dataEndSectors)
+    if (start < dataEndSectors) {
         findings.addOnce("the grains reach into the trail");
+        return;
+    }
     std::optional<ExtentReader::Bytes> const trail =
         reader.tryRead(start, __int64{kTrailSectors} * kSectorSizeBytes, "the trail");
     std::optional<ExtentReader::Bytes> const header =

@@ -14,6 +14,17 @@ TEST_F(Usage, VersionIsPrinted) {
     EXPECT_EQ(runWell({"--version"}), "kelm 1.0.0\n");
 }
 
+TEST_F(Usage, HelpOfCheckSaysWhatItCannotNotice) {
+    std::string const help = runWell({"check", "--help"});
+    std::size_t const words = help.find(
+        "What it cannot notice:\n"
+        "  - other bytes in a grain that is stored plain: only compressed grains have checksums\n"
+        "  - grains that both copies of a grain table have lost\n"
+        "  - a disk, or a file of it, that was replaced by an older one that is sound in itself\n"
+        "  - whether the disk holds what it was made of: 'kelm compare' tells that\n");
+    EXPECT_LT(words, help.find("Example:\n  kelm check")) << help;
+}
+
 TEST_F(Usage, EveryCommandHasHelpWithAnExample) {
     for (std::string const& command : allCommands()) {
         std::string const help = runWell({command, "--help"});

@@ -48,6 +48,13 @@ __int64 checkAskingForPassword(Invocation& invocation, CheckArguments& arguments
                      askForPassword(invocation, arguments.disk, arguments.passwords).get());
 }
 
+constexpr char kWhatIsNotNoticed[] =
+    "What it cannot notice:\n"
+    "  - other bytes in a grain that is stored plain: only compressed grains have checksums\n"
+    "  - grains that both copies of a grain table have lost\n"
+    "  - a disk, or a file of it, that was replaced by an older one that is sound in itself\n"
+    "  - whether the disk holds what it was made of: 'kelm compare' tells that\n\n";
+
 ExitStatus check(Invocation& invocation, CheckArguments& arguments) {
     __int64 const findings = checkAskingForPassword(invocation, arguments);
     if (findings == 0)
@@ -64,6 +71,7 @@ void addCheckCommand(CLI::App& program, Run& run) {
         program, run, "check", "Read everything of a disk and its parents, and list what is wrong",
         "kelm check backup.vmdk && echo sound",
         [arguments](Invocation& invocation) { return check(invocation, *arguments); });
+    command.footer(kWhatIsNotNoticed + command.get_footer());
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");

@@ -110,8 +110,6 @@ TEST_F(DiskCheckTest, ReportsBrokenGrainsInTheirOrder) {
         EXPECT_THAT(check("disk.vmdk", "", threads),
                     ElementsAre("disk.vmdk: the record of grain 1 does not fit its slot",
                                 StartsWith("disk.vmdk: grain 0: "),
-                                "disk.vmdk: grain 1: Error reading compressed data from VMDK. "
-                                "Invalid compressed grain size.",
                                 StartsWith("disk.vmdk: grain 7: "),
                                 StartsWith("disk.vmdk: grain 10: ")));
     }
@@ -126,6 +124,48 @@ TEST_F(DiskCheckTest, FindsABrokenGrainInAnExtentOfSmallerOnes) {
                 ElementsAre("disk-s00001.vmdk: the header has a grain size of 8 sectors, the disk "
                             "has one of 128",
                             StartsWith("disk.vmdk: grain 4: ")));
+}
+
+TEST_F(DiskCheckTest, ReportsOnceThatAFileWasCutOff) {
+    for (bool const compressed : {false, true}) {
+        SCOPED_TRACE(compressed);
+        files = yx::makeObject<yx::CMemoryFileSystem>();
+        {
+            std::unique_ptr<SafeDisk> const disk = createSafe({.compressed = compressed});
+            // Not in the order of their places in the file.
+            for (__int64 index = 0; index < 128; ++index)
+                writeTo(*disk, index * 37 % 128 * kGrainBytes,
+                        pattern(kGrainBytes, static_cast<unsigned>(index)));
+        }
+        // The 65th grain that was stored, which is grain 64 * 37 % 128.
+        Bytes content = bytesOf("disk.vmdk");
+        content.resize(grain("disk.vmdk", 64));
+        putBytes("disk.vmdk", content);
+        EXPECT_THAT(check(), ElementsAre("disk.vmdk: grain 1 lies outside the file; the same of 63 "
+                                         "more, up to grain 127"));
+    }
+}
+
+TEST_F(DiskCheckTest, ReportsOnceThatAStretchOfAFileIsGone) {
+    {
+        std::unique_ptr<SafeDisk> const disk = createSafe({.compressed = true});
+        for (__int64 index = 0; index < 128; ++index)
+            writeTo(*disk, index * kGrainBytes,
+                    pattern(kGrainBytes, static_cast<unsigned>(index)));
+    }
+    std::size_t const start = grain("disk.vmdk", 20);
+    patch("disk.vmdk", start, Bytes(grain("disk.vmdk", 90) - start, 0));
+    EXPECT_THAT(check(), ElementsAre("disk.vmdk: the record of grain 20 names another grain; the "
+                                     "same of 69 more, up to grain 89"));
+}
+
+TEST_F(DiskCheckTest, ADescriptorThatDiffersFromItsChecksumIsAFinding) {
+    makeDisk({});
+    Bytes const content = bytesOf("disk.vmdk");
+    std::string const text(content.begin(), content.end());
+    patch("disk.vmdk", text.find("lsilogic"), Bytes{'L'});
+    EXPECT_THAT(check(), ElementsAre("disk.vmdk: the descriptor differs from its checksum: it is "
+                                     "damaged, or other software has edited it"));
 }
 
 TEST_F(DiskCheckTest, ReportsOnceThatAnExtentFileIsMissing) {
@@ -265,7 +305,8 @@ TEST_F(DiskCheckTest, ReportsThatAChainLeadsBack) {
         std::unique_ptr<SafeDisk> const one = openSafe("one.vmdk");
         one->getDisk().getDescriptor()->setParentContentID(
             openSafe("two.vmdk", kReadOnly)->getDisk().getDescriptor()->getContentID());
-        one->getDisk().changeParentRelPath("two.vmdk");
+        one->getDisk().getDescriptor()->setParentFileNameHint("two.vmdk");
+        one->storeDescriptor();
     }
     std::vector<std::string> const findings = check("two.vmdk");
     ASSERT_EQ(1U, findings.size()) << testing::PrintToString(findings);

@@ -8,7 +8,6 @@
 namespace {
 
 using kelm::CVMDKDescriptor;
-using kelm::host::ChecksumState;
 using kelm::host::DiskRecord;
 using kelm::host::DiskState;
 
@@ -37,7 +36,6 @@ TEST(DiskRecord, ADiskThatSaysNothingIsCompleteAndHasNoFacts) {
     EXPECT_EQ("", record.getSource());
     EXPECT_EQ("", record.getHost());
     EXPECT_EQ("", record.getLabel());
-    EXPECT_EQ(ChecksumState::Absent, record.getChecksumState());
 }
 
 TEST(DiskRecord, TheStateKeepsItsLength) {
@@ -116,57 +114,6 @@ TEST(DiskRecord, ATextThatIsTooLongIsRefused) {
     EXPECT_THROW(record.setLabel(std::string(DiskRecord::kMaxTextBytes / 3 + 1, '"')),
                  yx::CInvalidArgError);
     EXPECT_EQ(std::string(DiskRecord::kMaxTextBytes, 'x'), record.getLabel());
-}
-
-TEST(DiskRecord, TheChecksumCoversEveryLineButTwoValues) {
-    CVMDKDescriptor descriptor = parse(kPlainText);
-    DiskRecord record(descriptor);
-    record.setState(DiskState::Unfinished);
-    record.updateChecksum();
-    EXPECT_EQ(ChecksumState::Valid, record.getChecksumState());
-    std::string const text = textOf(descriptor);
-    CVMDKDescriptor stored = parse(text);
-    EXPECT_EQ(ChecksumState::Valid, DiskRecord(stored).getChecksumState());
-
-    record.setState(DiskState::Complete);
-    descriptor.setContentID(1);
-    EXPECT_EQ(ChecksumState::Valid, record.getChecksumState());
-
-    // But for the text's last line end, which ends nothing.
-    for (std::size_t at = 0; at + 1 < text.size(); ++at) {
-        std::string changed = text;
-        changed[at] = static_cast<char>(changed[at] ^ 1);
-        std::size_t const lineStart = text.rfind('\n', at) + 1;
-        std::string const line = text.substr(lineStart, text.find('\n', at) - lineStart);
-        bool const isLeftOut = (line.starts_with("CID=") || line.starts_with("ddb.kelm.state")) &&
-                               at - lineStart > line.find('=') && text[at] != '\n';
-        CVMDKDescriptor descriptorChanged = parse(changed);
-        ChecksumState const state = DiskRecord(descriptorChanged).getChecksumState();
-        if (isLeftOut)
-            EXPECT_EQ(ChecksumState::Valid, state) << at << ": " << changed;
-        else
-            EXPECT_NE(ChecksumState::Valid, state) << at << ": " << changed;
-    }
-}
-
-TEST(DiskRecord, TheChecksumIsThatOfTheTextWithoutItsOwnLine) {
-    CVMDKDescriptor descriptor = parse("encoding=\"UTF-8\"\nCID=5\n");
-    DiskRecord(descriptor).updateChecksum();
-    // printf 'encoding="UTF-8"\nCID\n' | sha256sum
-    EXPECT_EQ("encoding=\"UTF-8\"\nCID=5\nddb.kelm.checksum = "
-              "\"b3b604dc45c39263fd6ecf550d5cc737ecf28d88d89648034c8491758f61da48\"\n",
-              textOf(descriptor));
-}
-
-TEST(DiskRecord, ADiskThatIsNotOursGetsNoChecksum) {
-    CVMDKDescriptor descriptor = parse(kPlainText);
-    DiskRecord(descriptor).updateChecksumIfPresent();
-    EXPECT_EQ(kPlainText, textOf(descriptor));
-    DiskRecord(descriptor).updateChecksum();
-    descriptor.setParentContentID(7);
-    EXPECT_EQ(ChecksumState::Different, DiskRecord(descriptor).getChecksumState());
-    DiskRecord(descriptor).updateChecksumIfPresent();
-    EXPECT_EQ(ChecksumState::Valid, DiskRecord(descriptor).getChecksumState());
 }
 
 } // namespace

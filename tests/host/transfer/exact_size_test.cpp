@@ -99,21 +99,6 @@ TEST_F(ExactSize, TakesNoSpaceWhereAChildEqualsItsParent) {
     EXPECT_EQ(kExactBytes, getExactSizeBytes(*openSafe("child.vmdk", kReadOnly)));
 }
 
-TEST_F(ExactSize, KeepsTheChecksumTrue) {
-    std::unique_ptr<SafeDisk> const disk = createSafe({});
-    kelm::host::DiskRecord record(*disk->getDisk().getDescriptor());
-    record.updateChecksum();
-    setExactSizeBytes(*disk, kExactBytes);
-    EXPECT_EQ(kelm::host::ChecksumState::Valid, record.getChecksumState());
-}
-
-TEST_F(ExactSize, AddsNoChecksum) {
-    std::unique_ptr<SafeDisk> const disk = createSafe({});
-    setExactSizeBytes(*disk, kExactBytes);
-    EXPECT_EQ(kelm::host::ChecksumState::Absent,
-              kelm::host::DiskRecord(*disk->getDisk().getDescriptor()).getChecksumState());
-}
-
 TEST_F(ExactSize, DoesNotHideWhatOthersWriteBehindIt) {
     for (__int64 const position : {kExactBytes, kSmallestDiskBytes - 1}) {
         SCOPED_TRACE(position);
