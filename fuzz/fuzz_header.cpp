@@ -64,7 +64,10 @@ void checkExtentFile(yx::TBuffer<unsigned char>& file) {
     host::DiskExtent place;
     place.endBytes = 16 * kSectorSizeBytes;
     host::KnownGrains known;
-    attempt([&] { host::checkExtent(stream, place, nullptr, [](std::string const&) {}, known); });
+    attempt([&] {
+        host::checkExtent(
+            stream, place, nullptr, [](std::string const&) {}, known);
+    });
     attempt([&] {
         stream.seek(0);
         CVMDKGrainTableCache cache;

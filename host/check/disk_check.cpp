@@ -71,7 +71,8 @@ private:
         checkContentID(*disk);
         m_known = KnownGrains();
         checkExtents(*disk);
-        checkGrains(*disk, m_options, [&](std::string const& text) { find(uri, text); }, m_known);
+        checkGrains(
+            *disk, m_options, [&](std::string const& text) { find(uri, text); }, m_known);
         return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
                                  : yx::CURI();
     }
@@ -120,8 +121,9 @@ private:
             find(uri, *failure);
             return;
         }
-        checkExtent(*stream, extent, m_options.cancel,
-                    [&](std::string const& text) { find(uri, text); }, m_known);
+        checkExtent(
+            *stream, extent, m_options.cancel, [&](std::string const& text) { find(uri, text); },
+            m_known);
     }
 
     yx::P<yx::IFileSystem> m_fileSystem;

@@ -49,9 +49,9 @@ void FindingFold::addOfThing(char const* noun, __int64 number, std::string const
 void FindingFold::addOfCause(std::string const& cause, char const* noun, __int64 number,
                              std::string const& text) {
     assert(!text.empty());
-    auto const alike =
-        std::find_if(m_held.begin(), m_held.end(),
-                     [&cause](Folded const& folded) { return folded.likeness == cause; });
+    auto const alike = std::find_if(m_held.begin(), m_held.end(), [&cause](Folded const& folded) {
+        return folded.likeness == cause;
+    });
     if (alike == m_held.end()) {
         m_held.push_back({noun, text, cause, number});
     } else {

@@ -192,9 +192,9 @@ private:
         m_unreachable.reset();
         std::string const first = std::to_string(run.firstIndex);
         m_fold.add((run.endIndex == run.firstIndex + 1
-                      ? "grain " + first
-                      : "grains " + first + " to " + std::to_string(run.endIndex - 1)) +
-                 " cannot be looked up: " + run.reason);
+                        ? "grain " + first
+                        : "grains " + first + " to " + std::to_string(run.endIndex - 1)) +
+                   " cannot be looked up: " + run.reason);
     }
 
     void reportGrain(__int64 index, std::string const& failure) {

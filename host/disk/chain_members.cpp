@@ -31,9 +31,9 @@ ChainMember readMember(yx::IFileSystem* fileSystem, yx::CURI const& mainFile) {
     CVMDKSparseExtentHeader const header = readHeader(fileSystem, member.extents.front().uri);
     auto const grainSizeSectors = header.getGrainSizeSectors();
     if (grainSizeSectors == 0 || grainSizeSectors > CVMDKDataPreparer::kMaxGrainSizeSectors) {
-        throw yx::CIOError(
-            yx::CIOError::CorruptData, "The header of a parent disk is damaged.",
-            yx::CProps().add("uri", member.extents.front().uri.toString(true)), nullptr);
+        throw yx::CIOError(yx::CIOError::CorruptData, "The header of a parent disk is damaged.",
+                           yx::CProps().add("uri", member.extents.front().uri.toString(true)),
+                           nullptr);
     }
     for (DiskExtent& extent : member.extents) {
         extent.grainSizeBytes = static_cast<__int64>(grainSizeSectors) * kSectorSizeBytes;

@@ -18,8 +18,8 @@ yx::CIOError makeError(DamagedTablePlace const& place, __int64 tableCount) {
     __int64 const startBytes = extent.startBytes + place.table.startSectors * kSectorSizeBytes;
     __int64 const endBytes =
         std::min(startBytes + place.table.sizeSectors * kSectorSizeBytes, extent.endBytes);
-    __int64 const firstGrain = extent.getStartGrainIndex() +
-                               place.table.startSectors / extent.getGrainSizeSectors();
+    __int64 const firstGrain =
+        extent.getStartGrainIndex() + place.table.startSectors / extent.getGrainSizeSectors();
     __int64 const grainCount =
         (endBytes - startBytes + extent.grainSizeBytes - 1) / extent.grainSizeBytes;
     yx::String const table = yx::toString(place.table.tableIndex);
@@ -46,9 +46,10 @@ void findDamagedTables(SafeDisk& disk, CancelFlag const* cancel,
                 continue;
             yx::P<yx::IIOStream> const stream =
                 openVMDKFileStream(files, extent.uri, yx::IIOStream::ReadOnly);
-            compareRedundantTables(
-                *stream, extent.getStartGrainIndex(), cancel,
-                [&](DamagedTable const& table) { report({extent.uri, extent, table}); });
+            compareRedundantTables(*stream, extent.getStartGrainIndex(), cancel,
+                                   [&](DamagedTable const& table) {
+                                       report({extent.uri, extent, table});
+                                   });
         }
     }
 }

@@ -6,4 +6,4 @@
 #include "host/transfer/parent_independence.h" // IWYU pragma: export
 #include "host/transfer/raw_export.h"          // IWYU pragma: export
 #include "host/transfer/raw_import.h"          // IWYU pragma: export
-#include "host/transfer/whole_reading.h"        // IWYU pragma: export
+#include "host/transfer/whole_reading.h"       // IWYU pragma: export

@@ -107,8 +107,8 @@ TEST_F(Damage, OfAWholeFilesEndIsOneFindingInEveryKindOfDisk) {
     for (Arguments const& options :
          {Arguments{}, Arguments{"--compressed"}, Arguments{"--split", "4M"}}) {
         makeDisk(joined({options, {"--force"}}));
-        std::string const file = options == Arguments{"--split", "4M"} ? "disk-s00001.vmdk"
-                                                                       : "disk.vmdk";
+        std::string const file =
+            options == Arguments{"--split", "4M"} ? "disk-s00001.vmdk" : "disk.vmdk";
         std::filesystem::resize_file(path(file), std::filesystem::file_size(path(file)) * 2 / 3);
         Outcome const outcome = run({"check", "disk.vmdk"});
         EXPECT_EQ(outcome.status, 1);

@@ -20,6 +20,12 @@ protected:
         patchFile(file, position, to);
     }
 
+    std::set<std::string> listDiskFiles() const {
+        std::set<std::string> names = listFiles();
+        std::erase_if(names, [](std::string const& name) { return !name.ends_with(".vmdk"); });
+        return names;
+    }
+
     std::string words(std::string const& file) const {
         return path(file) +
                ": the descriptor differs from its checksum: it is damaged, or other software has "
@@ -71,7 +77,12 @@ TEST_F(DescriptorDamage, ADiskThatBecameShorterIsNotTakenWithoutAWord) {
 
 TEST_F(DescriptorDamage, IsNotMetAfterAnyChangeOfOurs) {
     makeDisk({"--size", "9000001"});
-    EXPECT_EQ(runWell({"check", "disk.vmdk"}), "");
+    for (std::string const& name :
+         {std::string("b.vmdk"), std::string(150, 'n') + ".vmdk", std::string("disk.vmdk")}) {
+        std::filesystem::rename(folder() / *listDiskFiles().begin(), folder() / name);
+        EXPECT_EQ(runWell({"check", name}), "");
+        runWell({"export", name, "copy.img", "--force"});
+    }
     runWell({"child", "disk.vmdk", "child.vmdk"});
     EXPECT_EQ(runWell({"check", "child.vmdk"}), "");
     std::filesystem::create_directory(folder() / "a longer folder");

@@ -49,13 +49,12 @@ protected:
     }
 
     void expectWholeDiskRefused(std::string const& file) {
-        for (Arguments const& command : {Arguments{"export", "disk.vmdk", "copy.img"},
-                                         Arguments{"export", "disk.vmdk", "-"},
-                                         Arguments{"convert", "disk.vmdk", "copy.vmdk"},
-                                         Arguments{"compare", "disk.vmdk", "image"},
-                                         Arguments{"compare", "image", "disk.vmdk"},
-                                         Arguments{"import", "image", "copy.vmdk", "--parent",
-                                                   "disk.vmdk"}})
+        for (Arguments const& command :
+             {Arguments{"export", "disk.vmdk", "copy.img"}, Arguments{"export", "disk.vmdk", "-"},
+              Arguments{"convert", "disk.vmdk", "copy.vmdk"},
+              Arguments{"compare", "disk.vmdk", "image"},
+              Arguments{"compare", "image", "disk.vmdk"},
+              Arguments{"import", "image", "copy.vmdk", "--parent", "disk.vmdk"}})
             expectRefused(command, file, "0-127", "0-8388607");
         EXPECT_EQ(listFiles().count("copy.img"), 0U);
         EXPECT_EQ(listFiles().count("copy.vmdk"), 0U);

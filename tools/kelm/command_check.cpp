@@ -1,5 +1,7 @@
 #include <memory>
 
+#include <CLI/CLI.hpp>
+
 #include "host/check/disk_check.h"
 #include "host/store/file_names.h"
 #include "host/system/name_text.h"

@@ -150,8 +150,7 @@ TEST_F(DiskCheckTest, ReportsOnceThatAStretchOfAFileIsGone) {
     {
         std::unique_ptr<SafeDisk> const disk = createSafe({.compressed = true});
         for (__int64 index = 0; index < 128; ++index)
-            writeTo(*disk, index * kGrainBytes,
-                    pattern(kGrainBytes, static_cast<unsigned>(index)));
+            writeTo(*disk, index * kGrainBytes, pattern(kGrainBytes, static_cast<unsigned>(index)));
     }
     std::size_t const start = grain("disk.vmdk", 20);
     patch("disk.vmdk", start, Bytes(grain("disk.vmdk", 90) - start, 0));

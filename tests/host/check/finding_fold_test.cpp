@@ -28,8 +28,7 @@ TEST_F(FindingFoldTest, NeighboursThatAreAlikeAreOne) {
     for (int number = 5; number < 10; ++number)
         addGrain(number, ": " + std::to_string(100 * number) + " sectors");
     fold.flush();
-    EXPECT_THAT(findings,
-                ElementsAre("grain 5: 500 sectors; the same of 4 more, up to grain 9"));
+    EXPECT_THAT(findings, ElementsAre("grain 5: 500 sectors; the same of 4 more, up to grain 9"));
 }
 
 TEST_F(FindingFoldTest, WhatIsNotAlikeOrNoNeighbourStaysApartAndInOrder) {
@@ -51,10 +50,9 @@ TEST_F(FindingFoldTest, WhatHasACommonCauseIsOneAtTheEnd) {
     fold.addOfCause("end", "grain", 700, "grain 700 is outside");
     fold.addOfCause("other end", "grain", 1, "grain 1 is outside");
     fold.flush();
-    EXPECT_THAT(findings,
-                ElementsAre("grain 4 is bad",
-                            "grain 3 is outside; the same of 2 more, up to grain 700",
-                            "grain 1 is outside"));
+    EXPECT_THAT(findings, ElementsAre("grain 4 is bad",
+                                      "grain 3 is outside; the same of 2 more, up to grain 700",
+                                      "grain 1 is outside"));
 }
 
 TEST_F(FindingFoldTest, ManyThatAreAlikeBecomeOneAfterTwenty) {

@@ -49,8 +49,7 @@ TEST(DrawContentID, DrawsOfTheWholeRange) {
 
 TEST(WriteContentID, FillsItsPlaceUpWithZeros) {
     constexpr char kHead[] = "encoding=\"UTF-8\"\n";
-    for (char const* const place :
-         {"00000001", "ffffffff", "1", "abcdef", "ABCDEF1"}) {
+    for (char const* const place : {"00000001", "ffffffff", "1", "abcdef", "ABCDEF1"}) {
         EXPECT_EQ(std::string(kHead) + "CID=0000beef\n",
                   textWith(std::string(kHead) + "CID=" + place + "\n", 0xBEEF))
             << place;
@@ -68,8 +67,8 @@ TEST(WriteContentID, ACommentMakesUpForThePlaceOfALongText) {
 }
 
 TEST(WriteContentID, KeepsItsPlaceWhereLinesWouldMoveFromSectorToSector) {
-    std::string const text = "encoding=\"UTF-8\"\nCID=abcdef\nyxLong=" + std::string(900, 'x') +
-                             "\n";
+    std::string const text =
+        "encoding=\"UTF-8\"\nCID=abcdef\nyxLong=" + std::string(900, 'x') + "\n";
     CVMDKDescriptor descriptor(toBuffer({text.begin(), text.end()}));
     EXPECT_EQ(0xADBEEFU, writeContentID(descriptor, 0xDEADBEEF));
     EXPECT_EQ(1, countChangedSectors(text, descriptor.toString().toStdString()));
@@ -146,8 +145,7 @@ TEST_F(ContentIDChangeTest, ChangesOneSectorOfEveryNewDisk) {
         { createSafe(kind, name); }
         for (int opening = 0; opening < 40; ++opening) {
             std::unique_ptr<SafeDisk> const disk = openSafe(name, kReadWrite, kind.password);
-            std::string const before =
-                disk->getDisk().getDescriptor()->toString().toStdString();
+            std::string const before = disk->getDisk().getDescriptor()->toString().toStdString();
             disk->write(0, "x", 1);
             std::string const after = disk->getDisk().getDescriptor()->toString().toStdString();
             EXPECT_EQ(1, countChangedSectors(before, after));

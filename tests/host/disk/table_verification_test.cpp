@@ -64,8 +64,7 @@ TEST_F(TableVerificationTest, GoesThroughTheExtentsAndThenTheParents) {
     makeDisk("two.vmdk", {.fileSizeLimit = kSplitLimit}, "one.vmdk");
     makeDisk("three.vmdk", {}, "two.vmdk");
     EXPECT_EQ(Found{}, listDamage("three.vmdk"));
-    for (char const* const file :
-         {"one.vmdk", "two-s00000.vmdk", "two-s00001.vmdk", "three.vmdk"})
+    for (char const* const file : {"one.vmdk", "two-s00000.vmdk", "two-s00001.vmdk", "three.vmdk"})
         loseFirstTable(file);
     __int64 const secondExtent = openSafe("two.vmdk", kReadOnly)->listExtents()[1].startBytes;
     EXPECT_EQ((Found{"three.vmdk 0 0 differs from its redundant copy",
