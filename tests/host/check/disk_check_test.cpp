@@ -137,11 +137,11 @@ TEST_F(DiskCheckTest, ReportsOnceThatAFileWasCutOff) {
                 writeTo(*disk, index * 37 % 128 * kGrainBytes,
                         pattern(kGrainBytes, static_cast<unsigned>(index)));
         }
-        // The 65th grain that was stored, which is grain 64 * 37 % 128.
+        // Grain 64 was the 65th to be stored, grain 1 the 46th, and grain 2 the 91st.
         Bytes content = bytesOf("disk.vmdk");
         content.resize(grain("disk.vmdk", 64));
         putBytes("disk.vmdk", content);
-        EXPECT_THAT(check(), ElementsAre("disk.vmdk: grain 1 lies outside the file; the same of 63 "
+        EXPECT_THAT(check(), ElementsAre("disk.vmdk: grain 2 lies outside the file; the same of 63 "
                                          "more, up to grain 127"));
     }
 }

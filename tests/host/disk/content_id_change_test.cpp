@@ -143,7 +143,7 @@ TEST_F(ContentIDChangeTest, ChangesOneSectorOfEveryNewDisk) {
         SCOPED_TRACE(kind.name);
         std::string const name = std::string(kind.name) + ".vmdk";
         { createSafe(kind, name); }
-        for (int opening = 0; opening < 40; ++opening) {
+        for (int opening = 0; opening < 5; ++opening) {
             std::unique_ptr<SafeDisk> const disk = openSafe(name, kReadWrite, kind.password);
             std::string const before = disk->getDisk().getDescriptor()->toString().toStdString();
             disk->write(0, "x", 1);
