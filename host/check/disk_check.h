@@ -18,7 +18,8 @@ using FindingCallback = std::function<void(yx::CURI const& file, std::string con
 /// Returns the number of findings. What one cause breaks is one finding, with the number of grains.
 ///
 /// Some failures are errors, not findings: a main file that does not exist, a disk in use, a wrong
-/// or missing password, what `trust` does not admit, `TooManyRoundsError`, `CancelledError`, and whatever `report` throws.
+/// or missing password, what `trust` does not admit, `TooManyRoundsError`, `CancelledError`, and
+/// whatever `report` throws.
 ///
 /// Grains are decoded by `WorkOptions::threads` threads. `report` is called on the caller's thread,
 /// and the findings of an extent come in the order of its grains. Takes less than 128 MiB of

@@ -72,7 +72,7 @@ private:
         /// Why the library could not have the lock file; it learns that from the main file.
         std::exception_ptr refusal = {};
 
-        /// What the main file shows in the stead of its descriptor; null if it shows that.
+        /// What the main file shows instead of its descriptor; null if it shows that.
         yx::P<Overlay> overlay = {};
     };
 

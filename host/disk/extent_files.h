@@ -8,7 +8,7 @@
 
 namespace kelm::host {
 
-/// Sees to it that the extent files of a disk that is written to are there, and whole.
+/// Makes sure that the extent files of a disk that is written to are there, and whole.
 ///
 /// The files of some disks come into being at their first write. Such a file is on the device with
 /// all its tables before grains go in, so that a power cut leaves no grain in a file that cannot be

@@ -6,7 +6,7 @@
 
 namespace kelm::host {
 
-/// Bytes that a file is shown to have at a place, in the stead of its own. All streams on the file
+/// Bytes that a file is shown to have at a place, instead of its own. All streams on the file
 /// share one of these.
 struct Overlay : public yx::CBase {
     /// Where the bytes begin in the file.

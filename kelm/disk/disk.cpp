@@ -74,8 +74,8 @@ void CVMDKDisk::takeLock(yx::CURI const& uri) {
             exclusive ? yx::CLockFile::Exclusive : yx::CLockFile::Shared, false, true);
     } catch (yx::CError& error) {
         error.nop();
-        // Read-only media hold nobody who could change the disk. Deliberately for exactly
-        // read-only: any other access shares the lock too, but has to have it.
+        // On read-only media nobody can change the disk. Deliberately for exactly read-only:
+        // any other access shares the lock too, but has to have it.
         bool const mayGoWithoutLock =
             m_access == yx::IIOStream::ReadOnly && !m_fileSystem->fileExists(lockURI);
         if (!mayGoWithoutLock)

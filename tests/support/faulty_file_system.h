@@ -28,7 +28,7 @@ struct Fault {
     /// Which operations count.
     FileOperationKinds kinds;
 
-    /// The how-manyeth of them fails, counted from 1 since the fault was added.
+    /// Which of them fails, counted from 1 since the fault was added.
     int nth = 1;
 
     /// Whether all later ones fail, too.
