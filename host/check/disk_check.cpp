@@ -10,6 +10,7 @@
 #include "host/check/extent_check.h"
 #include "host/check/grain_check.h"
 #include "host/disk/descriptor_checksum.h"
+#include "host/disk/disk_record.h"
 #include "host/system/name_text.h"
 #include "kelm/format/constants.h"
 
@@ -26,7 +27,10 @@ public:
           m_password(password),
           m_options(options),
           m_report(report),
-          m_trust(trust) {}
+          m_trust(trust) {
+        // That a disk is unfinished is a finding.
+        m_trust.unfinished = UnfinishedDisks::InChain;
+    }
 
     void checkChain(yx::CURI uri) {
         std::vector<yx::CURI> checked;
@@ -68,6 +72,8 @@ private:
         }
         assert(disk);
         checkDescriptor(*disk);
+        if (DiskRecord(*disk->getDisk().getDescriptor()).getState() == DiskState::Unfinished)
+            find(uri, "the disk is unfinished: it has not been filled to its end");
         checkContentID(*disk);
         m_known = KnownGrains();
         checkExtents(*disk);
@@ -130,7 +136,7 @@ private:
     yx::String const& m_password;
     WorkOptions const& m_options;
     FindingCallback const& m_report;
-    DiskTrust const& m_trust;
+    DiskTrust m_trust;
     __int64 m_findingCount = 0;
 
     /// Of the disk that is being checked.

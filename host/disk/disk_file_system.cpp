@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/disk/disk_record.h"
 #include "host/disk/own_name.h"
+#include "host/disk/unfinished_disk.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/descriptor_accessor.h"
 #include "kelm/format/file_reference.h"
@@ -204,12 +206,21 @@ DiskFileSystem::Plan DiskFileSystem::readPlan(Member const& member, yx::IIOStrea
     }
     stream->seek(0);
     plan.extents = member.reach.verifyExtents(*descriptor, *m_fileSystem);
+    verifyIsFinished(member, *descriptor);
     plan.isOfDisk = !plan.extents.empty() && descriptor->hasValue("createType");
     yx::String hint;
     if (descriptor->getParentContentID() != kNoParentContentID &&
         descriptor->tryGetParentFileNameHint(hint))
         plan.parent = vmdkFileReferenceToURI(member.mainFile.getParent(), hint);
     return plan;
+}
+
+void DiskFileSystem::verifyIsFinished(Member const& member, CVMDKDescriptor& descriptor) const {
+    bool const isDisk = &member == &m_members.front();
+    DiskTrust const trust = isDisk ? m_trust : m_trust.ofParents();
+    if (trust.unfinished == UnfinishedDisks::Refused &&
+        DiskRecord(descriptor).getState() == DiskState::Unfinished)
+        throw UnfinishedDiskError(member.mainFile);
 }
 
 /// Notes what the descriptor says. The members move.

@@ -24,6 +24,8 @@ namespace kelm::host {
 ///   alone, as it was opened, the parents' shared; see `FileLocks`. Lock files are not.
 /// - Only files that the descriptors may reach are opened, made or deleted (`DiskReach`), and those
 ///   of the parents are only read. Anything else is `CIOError` `NotAllowed`.
+/// - An unfinished disk, or one with an unfinished parent, is `UnfinishedDiskError`, unless it is
+///   trusted (`DiskTrust::unfinished`).
 /// - A reader who may not write a lock file takes its lock through a stream for reading, and goes
 ///   on without the lock file where that cannot be had either but the disk's main file is locked: an
 ///   old lock file of another user, or on a medium that cannot be written, keeps no reader out. One
@@ -43,7 +45,7 @@ public:
     DiskFileSystem& operator=(DiskFileSystem const&) = delete;
 
     /// Ends the locks, those that were given too.
-    ~DiskFileSystem() override { m_locks->release(); }
+    ~DiskFileSystem() override { m_locks->endAll(); }
 
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* reserved) override;
@@ -98,6 +100,7 @@ private:
     void verifyIsDisk(Member const& member);
     void goOnWithoutWriting(Member const& member, yx::CURI const& lockFile);
     bool tryJoinLockFile(yx::CURI const& lockFile);
+    void verifyIsFinished(Member const& member, CVMDKDescriptor& descriptor) const;
     void verifyMayChange(Member const& member, yx::CURI const& uri) const;
     void verifyMayRemove(yx::CURI const& uri);
     void verifyGrainSize(Member const& member, yx::CURI const& uri, yx::IIOStream& stream);

@@ -36,7 +36,7 @@ public:
     void makeFile(yx::CURI const& uri);
 
     /// Ends all locks.
-    void release() { m_locks.clear(); }
+    void endAll() { m_locks.clear(); }
 
     /// Refuses, as `take` does, a file that somebody else has locked. A file that is not there, or
     /// that cannot be locked, is nobody's.

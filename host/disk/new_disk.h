@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "host/disk/disk_trust.h"
 #include "kelm/graindata/data_preparer.h"
 #include "yx/uri.h"
@@ -28,6 +30,14 @@ struct NewDisk {
 
     /// The parent's main file; empty for none. It is opened with `password` too.
     yx::CURI parent;
+
+    /// Whether the disk is unfinished until `SafeDisk::markComplete`, since it is made to be filled.
+    bool isToBeFilled = false;
+
+    /// The exact size of the image that it is filled with, in bytes, and where that lies, as its
+    /// `DiskRecord` is to say; -1 and "" if that is not known.
+    __int64 imageBytes = -1;
+    std::string source;
 
     /// How far the parents are believed, and the new disk itself: one that is made on demand and is
     /// larger than `kMaxBytesWithoutFile` needs `allowOversize`.

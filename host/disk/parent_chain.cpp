@@ -14,9 +14,9 @@ std::vector<std::unique_ptr<SafeDisk>> openParents(yx::IFileSystem* fileSystem, 
             throw yx::CIOError(yx::CIOError::CorruptData, "VMDK parent chain is too long.",
                                yx::CProps().add("parentURI", uri.toString(true)), nullptr);
         }
-        parents.push_back(
-            std::make_unique<SafeDisk>(fileSystem, uri, yx::IIOStream::ReadOnly, password, -1,
-                                       CVMDKGrainTableCache::kDefaultLimit, disk.getTrust()));
+        parents.push_back(std::make_unique<SafeDisk>(
+            fileSystem, uri, yx::IIOStream::ReadOnly, password, -1,
+            CVMDKGrainTableCache::kDefaultLimit, disk.getTrust().ofParents()));
         child = parents.back().get();
     }
     return parents;

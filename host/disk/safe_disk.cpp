@@ -3,7 +3,9 @@
 #include "host/disk/descriptor_checksum.h"
 #include "host/disk/descriptor_room.h"
 #include "host/disk/disk_opening.h"
+#include "host/disk/disk_record.h"
 #include "host/disk/extent_creation.h"
+#include "host/disk/sealed_file_system.h"
 #include "host/store/file_names.h"
 #include "kelm/format/constants.h"
 
@@ -12,11 +14,40 @@ namespace kelm::host {
 namespace {
 
 /// What the library does not put into the descriptor of a new disk.
-void completeNewDescriptor(CVMDKDisk& disk) {
+void completeNewDescriptor(CVMDKDisk& disk, NewDisk const& request) {
     yx::P<CVMDKDescriptor> const descriptor = disk.getDescriptor();
     writeContentID(*descriptor, descriptor->getContentID());
+    DiskRecord record(*descriptor);
+    if (request.isToBeFilled)
+        record.setState(DiskState::Unfinished);
+    if (request.imageBytes != -1)
+        record.setImageBytes(request.imageBytes);
+    if (!request.source.empty())
+        record.setSource(request.source);
     updateChecksum(*descriptor, disk.getMainFileURI());
     disk.storeDescriptor();
+}
+
+/// The main file, then the extent files that are files of their own.
+std::vector<yx::CURI> listFilesOf(yx::CURI const& mainFile, DiskLayout const& layout) {
+    std::vector<yx::CURI> files{mainFile};
+    for (DiskExtent const& extent : layout.getExtents()) {
+        if (extent.uri != mainFile)
+            files.push_back(extent.uri);
+    }
+    return files;
+}
+
+/// Makes the disk, and returns its files.
+std::vector<yx::CURI> makeFiles(yx::IFileSystem* fileSystem, yx::CURI const& uri,
+                                NewDisk const& request, yx::String const& parentRelPath,
+                                unsigned int parentContentID) {
+    yx::P<CVMDKDisk> const disk =
+        CVMDKDisk::create(fileSystem, uri, request.sizeBytes, request.password, request.compressed,
+                          request.compressionLevel, request.fileSizeLimitBytes, parentRelPath,
+                          parentContentID, request.createExtentFilesOnDemand);
+    completeNewDescriptor(*disk, request);
+    return listFilesOf(disk->getMainFileURI(), DiskLayout(*disk));
 }
 
 } // namespace
@@ -81,21 +112,22 @@ std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri
         parentRelPath = makeFileReference(uri.getParent(), request.parent);
     }
     verifyIsNotInUse(files, uri);
+    // Until its descriptor says that it is unfinished, nobody may take it for a disk.
+    yx::P<SealedFileSystem> const sealed = yx::makeObject<SealedFileSystem>(files, uri);
+    DiskTrust trust = request.trust;
+    trust.unfinished = UnfinishedDisks::Itself;
     yx::P<DiskFileSystem> const diskFiles = yx::makeObject<DiskFileSystem>(
-        files, uri, yx::IIOStream::ReadWrite, request.trust, files->getLocks());
-    CVMDKDisk::create(diskFiles.get(), uri, request.sizeBytes, request.password, request.compressed,
-                      request.compressionLevel, request.fileSizeLimitBytes, parentRelPath,
-                      parentContentID, request.createExtentFilesOnDemand);
-    // Opened anew, for the cache without limit.
-    std::unique_ptr<SafeDisk> disk(new SafeDisk(diskFiles, uri, yx::IIOStream::ReadWrite,
-                                                request.password, request.compressionLevel,
-                                                CVMDKGrainTableCache::kNoLimit));
-    completeNewDescriptor(disk->getDisk());
-    for (yx::CURI const& file : disk->listFiles()) {
-        if (disk->m_fileSystem->fileExists(file))
-            syncFile(disk->m_fileSystem.get(), file);
+        sealed.get(), uri, yx::IIOStream::ReadWrite, trust, files->getLocks());
+    for (yx::CURI const& file :
+         makeFiles(diskFiles.get(), uri, request, parentRelPath, parentContentID)) {
+        if (diskFiles->fileExists(file))
+            syncFile(diskFiles.get(), file);
     }
-    return disk;
+    sealed->unseal();
+    // Opened anew, for the cache without limit.
+    return std::unique_ptr<SafeDisk>(new SafeDisk(diskFiles, uri, yx::IIOStream::ReadWrite,
+                                                  request.password, request.compressionLevel,
+                                                  CVMDKGrainTableCache::kNoLimit));
 }
 
 void SafeDisk::verifyWholeGrainExtents() const {
@@ -121,13 +153,22 @@ void SafeDisk::storeDescriptor() {
     m_disk->storeDescriptor();
 }
 
-std::vector<yx::CURI> SafeDisk::listFiles() {
-    std::vector<yx::CURI> files{m_disk->getMainFileURI()};
-    for (DiskExtent const& extent : m_layout.getExtents()) {
-        if (extent.uri != files.front())
-            files.push_back(extent.uri);
+void SafeDisk::markComplete() {
+    flush();
+    DiskRecord record(*m_disk->getDescriptor());
+    if (record.getState() == DiskState::Complete)
+        return;
+    record.setState(DiskState::Complete);
+    try {
+        m_disk->storeDescriptor();
+    } catch (...) {
+        record.setState(DiskState::Unfinished);
+        throw;
     }
-    return files;
+}
+
+std::vector<yx::CURI> SafeDisk::listFiles() {
+    return listFilesOf(m_disk->getMainFileURI(), m_layout);
 }
 
 void SafeDisk::read(__int64 positionBytes, void* buffer, int bytes) {

@@ -29,6 +29,7 @@ constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDe
 ///
 /// - `ExtentFiles`: no extent file is missing or half made.
 /// - `ExtentRoom`: no extent file outgrows 2 TiB.
+/// - `DiskState`: a disk that was not filled to its end is not taken for a whole one.
 /// - `updateChecksum`: a damaged descriptor is told from a sound one.
 /// - `ContentIDChange`: children notice a change, whatever a power cut leaves.
 /// - `TableLimit`: no changed grain table is lost, and memory has a bound.
@@ -65,7 +66,8 @@ public:
     /// `verifyCanBeMade` refuses is `CInvalidArgError`. Even where `files` may overwrite, an
     /// existing disk that is in use is `CLockFileError`, and a file of one of the parents is
     /// `NotAllowed`. The guard takes away what was made, unless `FileGuard::keep` is called once
-    /// the disk is as it should be. The disk must be closed before the guard ends.
+    /// the disk is as it should be. The disk must be closed before the guard ends. If the program or
+    /// the machine ends in the middle, what is left is no disk, or all of this one.
     static std::unique_ptr<SafeDisk> create(FileGuard* files, yx::CURI const& uri,
                                             NewDisk const& request);
 
@@ -126,6 +128,10 @@ public:
 
     /// Brings all changes to the device; see `DiskWriting::flush`.
     void flush() { m_writing.flush(); }
+
+    /// Brings all changes to the device, and then the word that the disk is no longer unfinished,
+    /// by a change of one line that keeps its length. Nothing but the first on a disk that is not.
+    void markComplete();
 
     /// Brings the descriptor to the device, after changes to `getDisk().getDescriptor()`. Its checksum
     /// is kept true (`updateChecksum`). A disk without one gets none, and one whose stored text

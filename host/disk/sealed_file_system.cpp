@@ -11,11 +11,11 @@ namespace kelm::host {
 /// What the streams of a sealed file share.
 struct SealedFileSystem::Seal {
     std::array<unsigned char, kSectorSizeBytes> sector{};
-    bool isReleased = false;
+    bool isUnsealed = false;
 
     /// How many of the `sizeBytes` bytes from a position on lie in the sector.
     int countHeld(__int64 positionBytes, int sizeBytes) const {
-        if (isReleased)
+        if (isUnsealed)
             return 0;
         return static_cast<int>(
             std::clamp<__int64>(kSectorSizeBytes - positionBytes, 0, sizeBytes));
@@ -105,8 +105,8 @@ SealedFileSystem::SealedFileSystem(yx::IFileSystem* fileSystem, yx::CURI const& 
 
 SealedFileSystem::~SealedFileSystem() = default;
 
-void SealedFileSystem::release() {
-    if (m_seal->isReleased || !m_fileSystem->fileExists(m_uri))
+void SealedFileSystem::unseal() {
+    if (m_seal->isUnsealed || !m_fileSystem->fileExists(m_uri))
         return;
     unsigned int reserved = 0;
     yx::P<yx::IIOStream> const stream =
@@ -117,13 +117,13 @@ void SealedFileSystem::release() {
     stream->write(m_seal->sector.data(), sizeBytes, nullptr);
     stream->flush();
     stream->close();
-    m_seal->isReleased = true;
+    m_seal->isUnsealed = true;
 }
 
 yx::P<yx::IIOStream> SealedFileSystem::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                                 unsigned int* reserved) {
     yx::P<yx::IIOStream> const stream = m_fileSystem->openFile(uri, access, reserved);
-    if (m_seal->isReleased || uri.toNormalized() != m_uri)
+    if (m_seal->isUnsealed || uri.toNormalized() != m_uri)
         return stream;
     return yx::makeObject<SealedStream>(stream, m_seal);
 }

@@ -6,13 +6,13 @@
 
 namespace kelm::host {
 
-/// A file system on which a new disk is no disk until it is released: the first sector of its main
+/// A file system on which a new disk is no disk until it is unsealed: the first sector of its main
 /// file, without which nothing takes the file for a disk, is kept in memory and reads as written,
 /// while the file itself has zeros there. So a disk can be made and marked in peace; whoever is
 /// killed meanwhile leaves a file that nobody can mistake for a disk.
 ///
 /// Passes everything else on to another file system. Not for streams that live on and are to be
-/// fast: those that were opened before the release stay on a detour.
+/// fast: those that were opened before that stay on a detour.
 class SealedFileSystem : public yx::CBase, public virtual yx::IFileSystem {
 public:
     /// Seals the file of that name, which does not exist yet or is to be replaced.
@@ -24,7 +24,7 @@ public:
     /// Writes the sector into the file and brings it to the device. Everything else that belongs to
     /// the disk should be there already. A failure leaves the file sealed. Does nothing the second
     /// time, and for a file that was not made.
-    void release();
+    void unseal();
 
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* reserved) override;

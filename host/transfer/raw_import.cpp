@@ -24,9 +24,10 @@ bool holdsEqualGrain(SafeDisk& disk, __int64 grainIndex, Buffer const& grain, Bu
                        static_cast<std::size_t>(scratch.getUsed())) == 0;
 }
 
-/// On one thread: for a disk of plain grains there is nothing to compute, and a child disk is
-/// compared with its parent, which only the thread of the disk may read.
-void importDirectly(ImageReader& reader, SafeDisk& disk, TransferProgress& progress) {
+/// On one thread: for a disk of plain grains there is nothing to compute, and what is to be compared
+/// with the image only the thread of the disk may read.
+void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared,
+                    TransferProgress& progress) {
     Buffer grain;
     Buffer scratch;
     __int64 grainIndex = 0;
@@ -34,7 +35,7 @@ void importDirectly(ImageReader& reader, SafeDisk& disk, TransferProgress& progr
         bool const isInHole = grain.getUsed() == 0;
         if (isInHole)
             storeZeroGrain(disk, grainIndex);
-        else if (!disk.hasParent() || !holdsEqualGrain(disk, grainIndex, grain, scratch))
+        else if (!isCompared || !holdsEqualGrain(disk, grainIndex, grain, scratch))
             storePlainGrain(disk, grainIndex, grain);
         progress.advanceTo(reader.getDoneBytes());
     }
@@ -65,15 +66,16 @@ void importCompressed(ImageReader& reader, SafeDisk& disk, int threads,
 } // namespace
 
 void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
-               ImageLength const& length) {
+               ImageLength const& length, PresentContent present) {
+    bool const isCompared = disk.hasParent() || present == PresentContent::Any;
     if (disk.hasParent())
         beginWholeReading(disk, options.cancel);
     TransferProgress progress(options, source.getLength());
     ImageReader reader(source, disk, length);
-    if (disk.getDisk().getCompressed() && !disk.hasParent())
+    if (disk.getDisk().getCompressed() && !isCompared)
         importCompressed(reader, disk, countThreads(options), progress);
     else
-        importDirectly(reader, disk, progress);
+        importDirectly(reader, disk, isCompared, progress);
     assert(reader.getDoneBytes() == source.getPosition());
     disk.flush();
     progress.finish(source.getPosition());

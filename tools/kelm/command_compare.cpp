@@ -17,6 +17,7 @@ namespace {
 struct CompareArguments {
     std::string left;
     std::string right;
+    bool unfinished = false;
     TwoDiskPasswords passwords;
 };
 
@@ -42,6 +43,8 @@ private:
 };
 
 ExitStatus compare(Invocation& invocation, CompareArguments& arguments) {
+    if (arguments.unfinished)
+        invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     Side left(invocation, arguments.left, arguments.passwords.ofFirst());
     Side right(invocation, arguments.right, arguments.passwords.ofSecond());
     host::Comparison result;
@@ -70,6 +73,7 @@ void addCompareCommand(CLI::App& program, Run& run) {
     addFileArgument(command, "A", arguments->left,
                     "A disk's main file, a raw image, or '-' for a raw image on standard input");
     addFileArgument(command, "B", arguments->right, "The same");
+    addUnfinishedOption(command, arguments->unfinished);
     arguments->passwords.addTo(command);
 }
 

@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "host/transfer/disk_conversion.h"
 #include "host/transfer/exact_size.h"
 #include "tools/kelm/commands.h"
@@ -21,11 +22,14 @@ struct ConvertArguments {
     __int64 sizeBytes = -1;
     int threads = 0;
     bool noVerify = false;
+    bool unfinished = false;
     NewDiskOptions newDisk;
     TwoDiskPasswords passwords;
 };
 
 ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
+    if (arguments.unfinished)
+        invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     std::unique_ptr<host::SafeDisk> const from = openDisk(
         invocation, arguments.from, yx::IIOStream::ReadOnly, arguments.passwords.ofFirst());
     yx::CURI const uri = host::uriFromArgument(arguments.to);
@@ -38,9 +42,13 @@ ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
         arguments.sizeBytes = exactSizeBytes;
     if (arguments.sizeBytes < exactSizeBytes)
         throw UsageError("A disk can be made larger, not smaller.");
-    host::NewDisk const request = arguments.newDisk.makeRequest(
+    host::NewDisk request = arguments.newDisk.makeRequest(
         invocation, std::max(arguments.sizeBytes, from->getSizeBytes()),
         arguments.passwords.ofSecond());
+    request.isToBeFilled = true;
+    request.source = host::displayName(from->getDisk().getMainFileURI());
+    if (keepsExactSize)
+        request.imageBytes = arguments.sizeBytes;
     NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     LongWork const work(invocation, "convert", arguments.threads);
     host::convertDisk(*from, to.getDisk(), work.getOptions(),
@@ -67,6 +75,7 @@ void addConvertCommand(CLI::App& program, Run& run) {
     arguments->newDisk.addCommonTo(command);
     addFlag(command, "--no-verify", arguments->noVerify,
             "Copy compressed grains without decoding them first");
+    addUnfinishedOption(command, arguments->unfinished);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command);
 }

@@ -13,10 +13,13 @@ struct ExportArguments {
     std::string image;
     int threads = 0;
     bool force = false;
+    bool unfinished = false;
     PasswordOptions passwords;
 };
 
 ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
+    if (arguments.unfinished)
+        invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     verifyIsNoFileOf(invocation, *disk, usedPassword(invocation, arguments.passwords),
@@ -40,6 +43,7 @@ void addExportCommand(CLI::App& program, Run& run) {
     addFileArgument(command, "RAW", arguments->image,
                     "The image: a file, a block device, or '-' for standard output");
     addForceOption(command, arguments->force);
+    addUnfinishedOption(command, arguments->unfinished);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
 }

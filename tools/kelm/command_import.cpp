@@ -1,7 +1,11 @@
 #include <algorithm>
 #include <memory>
+#include <optional>
+#include <string>
 
+#include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
+#include "host/system/name_text.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/raw_import.h"
 #include "tools/kelm/commands.h"
@@ -20,11 +24,77 @@ struct ImportArguments {
     __int64 sizeBytes = -1;
     int threads = 0;
     bool pad = false;
+    bool resume = false;
     NewDiskOptions newDisk;
     PasswordOptions passwords;
 };
 
+/// Which image a disk was made of, for its record; "" for a pipe, and for a name that is too long.
+std::string nameOfImage(std::string const& image) {
+    if (image == "-")
+        return "";
+    std::string const name = host::displayName(host::uriFromArgument(image));
+    return name.size() > host::DiskRecord::kMaxTextBytes / 3 ? "" : name;
+}
+
+/// How many bytes must come. The writer of a pipe may have failed half-way, and nothing but the
+/// count would show it.
+host::ImageLength lengthOf(host::RawSource const& source, __int64 sizeBytes, bool mayBeShorter) {
+    return source.getLength() == -1 ? host::ImageLength{sizeBytes, mayBeShorter}
+                                    : host::ImageLength{};
+}
+
+/// Refuses to mix two images in one disk, as far as its record tells them apart.
+void verifyResumes(ImportArguments const& arguments, host::RawSource const& source,
+                   host::SafeDisk& disk) {
+    host::DiskRecord const record(*disk.getDisk().getDescriptor());
+    if (record.getState() == host::DiskState::Complete)
+        throw UsageError("The disk is complete; there is nothing to resume.");
+    std::string const image = nameOfImage(arguments.image);
+    if (!image.empty() && !record.getSource().empty() && image != record.getSource())
+        throw UsageError("The disk was being made of another image: " + record.getSource());
+    __int64 const sizeBytes =
+        arguments.sizeBytes != -1 ? arguments.sizeBytes : source.getLength() - source.getPosition();
+    bool const isKnown = arguments.sizeBytes != -1 || source.getLength() != -1;
+    std::optional<__int64> const recorded = record.getImageBytes(disk.getSizeBytes());
+    if (isKnown && recorded && sizeBytes != *recorded) {
+        throw UsageError("The disk was being made for " + std::to_string(*recorded) +
+                         " bytes, not for " + std::to_string(sizeBytes) + ".");
+    }
+    if (arguments.newDisk.parent.empty())
+        return;
+    yx::CURI const parent = host::uriFromArgument(arguments.newDisk.parent);
+    if (!disk.hasParent() || !host::isSameFile(parent, disk.getDisk().getParentDiskMainURI()))
+        throw UsageError("The disk was being made without this parent.");
+}
+
+/// Goes on where an import was killed. The disk stays, unfinished, if this fails too.
+ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
+    NewDiskOptions const& options = arguments.newDisk;
+    if (options.compressed || options.encrypt || options.onDemand || options.splitBytes != -1 ||
+        options.force) {
+        throw UsageError("A disk is resumed as it is; leave out --compressed, --encrypt, "
+                         "--on-demand, --split and --force.");
+    }
+    host::RawSource source(arguments.image, &invocation.getCancel());
+    invocation.allowUnfinished(host::UnfinishedDisks::Itself);
+    std::unique_ptr<host::SafeDisk> const disk = openDisk(
+        invocation, arguments.disk, yx::IIOStream::ReadWrite, arguments.passwords, options.level);
+    verifyResumes(arguments, source, *disk);
+    __int64 const sizeBytes = host::DiskRecord(*disk->getDisk().getDescriptor())
+                                  .getImageBytes(disk->getSizeBytes())
+                                  .value_or(disk->getSizeBytes());
+    LongWork const work(invocation, "import", arguments.threads);
+    host::importRaw(source, *disk, work.getOptions(), lengthOf(source, sizeBytes, arguments.pad),
+                    host::PresentContent::Any);
+    host::setExactSizeBytes(*disk, std::max(sizeBytes, source.getPosition()));
+    disk->markComplete();
+    return ExitStatus::Done;
+}
+
 ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
+    if (arguments.resume)
+        return resumeImport(invocation, arguments);
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     host::RawSource source(arguments.image, &invocation.getCancel());
     std::vector<yx::CURI> sourceFiles;
@@ -34,15 +104,15 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
         throw UsageError("The image and the disk are the same file.");
     if (arguments.sizeBytes == -1)
         arguments.sizeBytes = source.getLength() - source.getPosition();
-    host::NewDisk const request =
+    host::NewDisk request =
         arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
+    request.isToBeFilled = true;
+    request.imageBytes = request.sizeBytes;
+    request.source = nameOfImage(arguments.image);
     NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     LongWork const work(invocation, "import", arguments.threads);
-    // The writer of a pipe may have failed half-way, and nothing but the count would show it.
-    bool const isPipe = source.getLength() == -1;
-    host::ImageLength const length =
-        isPipe ? host::ImageLength{request.sizeBytes, arguments.pad} : host::ImageLength{};
-    host::importRaw(source, disk.getDisk(), work.getOptions(), length);
+    host::importRaw(source, disk.getDisk(), work.getOptions(),
+                    lengthOf(source, request.sizeBytes, arguments.pad));
     host::setExactSizeBytes(disk.getDisk(), std::max(request.sizeBytes, source.getPosition()));
     disk.finish();
     return ExitStatus::Done;
@@ -67,6 +137,8 @@ void addImportCommand(CLI::App& program, Run& run) {
     arguments->newDisk.addParentTo(command);
     addFlag(command, "--pad", arguments->pad,
             "Accept standard input, or a pipe, that ends before the size of the disk");
+    addFlag(command, "--resume", arguments->resume,
+            "Go on with a disk whose import was killed: what it holds already stays");
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
 }

@@ -44,6 +44,7 @@ Json reportParents(Invocation& invocation, host::SafeDisk& disk, yx::String cons
 }
 
 ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
+    invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     Json report = reportDisk(*disk);

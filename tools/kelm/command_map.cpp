@@ -20,6 +20,7 @@ namespace {
 struct MapArguments {
     std::string disk;
     bool json = false;
+    bool unfinished = false;
     std::string picture;
     bool force = false;
     PasswordOptions passwords;
@@ -113,6 +114,8 @@ void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& argu
 }
 
 ExitStatus map(Invocation& invocation, MapArguments& arguments) {
+    if (arguments.unfinished)
+        invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     if (!arguments.picture.empty()) {
@@ -138,6 +141,7 @@ void addMapCommand(CLI::App& program, Run& run) {
                    [arguments](Invocation& invocation) { return map(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
     addFlag(command, "--json", arguments->json, "Print JSON");
+    addUnfinishedOption(command, arguments->unfinished);
     addFileOption(command, "--svg", arguments->picture, "Draw the disk as a picture", false);
     addForceOption(command, arguments->force);
     arguments->passwords.addTo(command, "", "of the disk");

@@ -16,9 +16,10 @@ namespace kelm::tool {
 namespace {
 
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
-                                         yx::IIOStream::Access access, yx::String const& password) {
-    return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password, -1,
-                                            CVMDKGrainTableCache::kDefaultLimit,
+                                         yx::IIOStream::Access access, yx::String const& password,
+                                         int compressionLevel) {
+    return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password,
+                                            compressionLevel, CVMDKGrainTableCache::kDefaultLimit,
                                             invocation.getTrust());
 }
 
@@ -32,16 +33,19 @@ void warnOfFormerDisk(yx::CURI const& uri) {
 }
 
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
-                                         yx::IIOStream::Access access, PasswordOptions& passwords) {
+                                         yx::IIOStream::Access access, PasswordOptions& passwords,
+                                         int compressionLevel) {
     yx::CURI const uri = host::uriFromArgument(file);
     warnOfFormerDisk(uri);
     try {
-        return openWith(invocation, uri, access, usedPassword(invocation, passwords));
+        return openWith(invocation, uri, access, usedPassword(invocation, passwords),
+                        compressionLevel);
     } catch (yx::CError const& error) {
         if (!isPasswordMissing(error))
             throw;
     }
-    return openWith(invocation, uri, access, askForPassword(invocation, file, passwords).get());
+    return openWith(invocation, uri, access, askForPassword(invocation, file, passwords).get(),
+                    compressionLevel);
 }
 
 host::Password const& askForPassword(Invocation const& invocation, std::string const& file,
@@ -135,7 +139,7 @@ void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request
 void NewDiskInProgress::finish() {
     assert(m_disk && "a disk is finished once");
     m_invocation.getCancel().check();
-    m_disk->flush();
+    m_disk->markComplete();
     std::vector<yx::CURI> keptFiles = m_disk->listFiles();
     m_disk.reset();
     m_guard->verifyFilesAreThere();

@@ -19,7 +19,8 @@ void warnOfFormerDisk(yx::CURI const& uri);
 /// Opens the disk that the user names. If it is encrypted and no option gives a password, asks for
 /// it on the terminal.
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
-                                         yx::IIOStream::Access access, PasswordOptions& passwords);
+                                         yx::IIOStream::Access access, PasswordOptions& passwords,
+                                         int compressionLevel = -1);
 
 /// The password that the options give or the user types, for a disk that turned out to need one.
 host::Password const& askForPassword(Invocation const& invocation, std::string const& file,
@@ -69,7 +70,7 @@ public:
         return *m_disk;
     }
 
-    /// Flushes and closes the disk; its files stay. Extent files of a disk that it replaces are
+    /// Marks the disk as complete and closes it; its files stay. Extent files of a disk that it replaces are
     /// removed, unless files of the new disk have taken their names.
     void finish();
 

@@ -136,6 +136,8 @@ Json reportDisk(host::SafeDisk& disk) {
     Json report;
     report["file"] = host::displayName(disk.getDisk().getMainFileURI());
     report["kind"] = descriptor.getCreateType().toStdString();
+    if (host::DiskRecord(*disk.getDisk().getDescriptor()).getState() == host::DiskState::Unfinished)
+        report["unfinished"] = true;
     report["compressed"] = disk.getDisk().getCompressed();
     report["encrypted"] = isEncrypted(disk);
     report["sizeBytes"] = disk.getSizeBytes();
@@ -170,6 +172,8 @@ std::string formatReport(Json const& report) {
     std::string text = line("disk", report["file"].get<std::string>());
     text += line("kind", report["kind"].get<std::string>() + (compressed ? ", compressed" : "") +
                              (encrypted ? ", encrypted" : ""));
+    if (report.contains("unfinished"))
+        text += line("state", "unfinished: it has not been filled to its end");
     text += line("size", formatBytes(report["sizeBytes"]));
     if (report.contains("imageBytes"))
         text += line("image size", formatBytes(report["imageBytes"]));

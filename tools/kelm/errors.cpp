@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "host/disk/unfinished_disk.h"
 #include "host/system/cancel.h"
 #include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
@@ -35,6 +36,8 @@ std::optional<ExitStatus> ownStatusOf(yx::CError const& error) {
     if (dynamic_cast<PasswordError const*>(&error) || isPasswordMissing(error) ||
         host::isPasswordWrong(error))
         return ExitStatus::WrongPassword;
+    if (dynamic_cast<host::UnfinishedDiskError const*>(&error))
+        return ExitStatus::Unfinished;
     // A lock file that cannot be made is nobody's; its cause says what is wrong.
     if (dynamic_cast<yx::CLockFileError const*>(&error) &&
         !error.getMessage().wx().StartsWith(yx::kLockNotTakenMessagePrefix))
@@ -47,8 +50,12 @@ std::optional<ExitStatus> ownStatusOf(yx::CError const& error) {
 
 std::string describeError(std::exception const& error) {
     std::string const text = host::describeError(error);
-    bool const takesTooLong = dynamic_cast<host::TooManyRoundsError const*>(&error) != nullptr;
-    return takesTooLong ? text + " A larger --max-rounds allows more." : text;
+    if (dynamic_cast<host::TooManyRoundsError const*>(&error))
+        return text + " A larger --max-rounds allows more.";
+    if (dynamic_cast<host::UnfinishedDiskError const*>(&error))
+        return text + " Go on filling it with 'import --resume', or make it anew; --unfinished "
+                      "reads it as it is.";
+    return text;
 }
 
 ExitStatus exitStatusOf(std::exception const& error) {

@@ -26,6 +26,9 @@ public:
     host::DiskTrust const& getTrust() const { return m_trust; }
     void setTrust(host::DiskTrust const& trust) { m_trust = trust; }
 
+    /// Unfinished disks are opened all the same from now on.
+    void allowUnfinished(host::UnfinishedDisks which) { m_trust.unfinished = which; }
+
 private:
     yx::P<yx::CNativeFileSystem> m_files;
     host::DiskTrust m_trust;

@@ -49,6 +49,11 @@ void addForceOption(CLI::App& command, bool& target) {
     addFlag(command, "--force", target, "Replace files that exist already");
 }
 
+void addUnfinishedOption(CLI::App& command, bool& target) {
+    addFlag(command, "--unfinished", target,
+            "Read also a disk that was not filled to its end, as it is");
+}
+
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,
                      std::string const& description) {
     addFileOption(command, name, target, description, true);

@@ -34,6 +34,9 @@ void addThreadsOption(CLI::App& command, int& target);
 /// Adds "--force" for replacing files.
 void addForceOption(CLI::App& command, bool& target);
 
+/// Adds "--unfinished" for reading disks that were not filled to their end.
+void addUnfinishedOption(CLI::App& command, bool& target);
+
 /// Adds a required positional argument that names a file.
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,
                      std::string const& description);

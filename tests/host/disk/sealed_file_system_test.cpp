@@ -70,12 +70,12 @@ TEST_F(SealedFileSystemTest, TheReleaseBringsItIntoTheFile) {
     Bytes const content = pattern(1500);
     yx::P<yx::IIOStream> const stream = open();
     write(*stream, 0, content);
-    sealed->release();
+    sealed->unseal();
     EXPECT_EQ(content, stored());
     EXPECT_EQ(content, readAll(*stream));
     write(*stream, 10, {0xFF});
     EXPECT_EQ(0xFF, stored()[10]);
-    sealed->release();
+    sealed->unseal();
     EXPECT_EQ(0xFF, stored()[10]);
 }
 
@@ -98,7 +98,7 @@ TEST_F(SealedFileSystemTest, WritesAreHeldAtEveryEdgeOfTheSector) {
         EXPECT_EQ(write.position + write.size, stream->getPosition());
         EXPECT_EQ(expected, readAll(*stream));
         EXPECT_EQ(Bytes(512, 0), storedStart());
-        sealed->release();
+        sealed->unseal();
         EXPECT_EQ(expected, stored());
     }
 }
@@ -135,13 +135,13 @@ TEST_F(SealedFileSystemTest, ASectorThatIsCutOffIsForgotten) {
     Bytes expected = pattern(600);
     std::fill(expected.begin() + 100, expected.end(), 0);
     EXPECT_EQ(expected, readAll(*stream));
-    sealed->release();
+    sealed->unseal();
     EXPECT_EQ(expected, stored());
 }
 
 TEST_F(SealedFileSystemTest, AFileShorterThanASectorKeepsItsLength) {
     write(*open(), 0, pattern(100));
-    sealed->release();
+    sealed->unseal();
     EXPECT_EQ(pattern(100), stored());
 }
 
@@ -151,7 +151,7 @@ TEST_F(SealedFileSystemTest, AFileThatWasDeletedIsForgotten) {
     write(*open(), 0, Bytes(10, 1));
     EXPECT_EQ(Bytes(10, 1), readAll(*open()));
     sealed->deleteFile(uri, false);
-    sealed->release();
+    sealed->unseal();
     EXPECT_FALSE(files->fileExists(uri));
 }
 
@@ -173,10 +173,10 @@ TEST_F(SealedFileSystemTest, AReleaseThatFailsLeavesTheFileSealed) {
                  .code = yx::CIOError::NoSpace});
     EXPECT_TRUE(test_support::throwsIOError(yx::CIOError::NoSpace, "Injected failure.",
                                             {{"uri", "mem:///a.vmdk"}},
-                                            [this] { sealed->release(); }));
+                                            [this] { sealed->unseal(); }));
     EXPECT_EQ(Bytes(512, 0), storedStart());
     EXPECT_EQ(pattern(600), readAll(*stream));
-    sealed->release();
+    sealed->unseal();
     EXPECT_EQ(pattern(600), stored());
 }
 
@@ -189,7 +189,7 @@ TEST_F(SealedFileSystemTest, ADiskThatIsSealedIsNoDiskToAnybodyElse) {
         EXPECT_THROW(
             kelm::CVMDKDisk(files.get(), uri, yx::IIOStream::ReadOnly, "", -1, nullptr, nullptr),
             yx::CError);
-        sealed->release();
+        sealed->unseal();
         kelm::CVMDKDisk disk(files.get(), uri, yx::IIOStream::ReadOnly, "", -1, nullptr, nullptr);
         EXPECT_EQ(8 << 20, disk.getSizeBytes());
     }

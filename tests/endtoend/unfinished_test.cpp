@@ -1,0 +1,145 @@
+// A program that is killed while it fills a disk leaves one that nobody takes for a backup.
+
+#include <csignal>
+#include <random>
+
+#include "tests/endtoend/tool_fixture.h"
+#include "tests/support/model_rounds.h"
+
+namespace endtoend {
+
+namespace {
+
+constexpr std::size_t kImageBytes = (std::size_t{8} << 20) + 512;
+
+constexpr char kRefusal[] =
+    "kelm: The disk is unfinished: it has not been filled to its end. (uri: ";
+constexpr char kWayOut[] = ") Go on filling it with 'import --resume', or make it anew; "
+                           "--unfinished reads it as it is.\n";
+
+struct Kind {
+    char const* name;
+    Arguments options;
+};
+
+std::vector<Kind> const kKinds{{"plain", {}},
+                               {"compressed", {"--compressed"}},
+                               {"split", {"--split", "4M"}},
+                               {"onDemand", {"--split", "4M", "--on-demand"}},
+                               {"child", {"--parent", "parent.vmdk"}},
+                               {"compressedChild", {"--compressed", "--parent", "parent.vmdk"}}};
+
+class Unfinished : public ToolTest {
+protected:
+    Unfinished() : m_image(makeImage(kImageBytes, 77)) {
+        writeFile("image", m_image);
+        writeFile("old", makeImage(kImageBytes, 78));
+        runWell({"import", "old", "parent.vmdk"});
+    }
+
+    std::string sizeText() const { return std::to_string(kImageBytes); }
+
+    /// Imports from a pipe, and kills the program once it has been given so many bytes.
+    void importAndKill(Kind const& kind, std::size_t bytes) {
+        RunningTool tool(
+            folder(), joined({{"import", "-", "disk.vmdk", "--size", sizeText()}, kind.options}));
+        tool.feed(m_image.substr(0, bytes));
+        tool.signal(SIGKILL);
+        tool.finish();
+    }
+
+    void removeDisk() {
+        for (std::string const& name : listFiles()) {
+            if (name.starts_with("disk"))
+                std::filesystem::remove(path(name));
+        }
+    }
+
+    void expectRefused() {
+        std::string const words = kRefusal + path("disk.vmdk") + kWayOut;
+        for (Arguments const& command :
+             {Arguments{"export", "disk.vmdk", "raw"}, Arguments{"compare", "disk.vmdk", "image"},
+              Arguments{"map", "disk.vmdk"}, Arguments{"convert", "disk.vmdk", "new.vmdk"},
+              Arguments{"child", "disk.vmdk", "new.vmdk"}, Arguments{"flatten", "disk.vmdk"},
+              Arguments{"import", "image", "new.vmdk", "--parent", "disk.vmdk"}})
+            EXPECT_EQ(runBadly(5, command), words) << command.front();
+        EXPECT_FALSE(std::filesystem::exists(path("raw")));
+        EXPECT_FALSE(std::filesystem::exists(path("new.vmdk")));
+    }
+
+    std::string m_image;
+};
+
+TEST_F(Unfinished, KilledImportIsRefusedOnEveryRoad) {
+    for (Kind const& kind : kKinds) {
+        SCOPED_TRACE(kind.name);
+        importAndKill(kind, std::size_t{3} << 20);
+        expectRefused();
+        Outcome const checked = run({"check", "disk.vmdk"});
+        EXPECT_EQ(checked.status, 1);
+        EXPECT_NE(checked.out.find(path("disk.vmdk") +
+                                   ": the disk is unfinished: it has not been filled to its end\n"),
+                  std::string::npos)
+            << checked.out;
+        EXPECT_NE(runWell({"info", "disk.vmdk"}).find("unfinished"), std::string::npos);
+        EXPECT_NE(runWell({"info", "disk.vmdk", "--json"}).find("\"unfinished\": true"),
+                  std::string::npos);
+        runWell({"export", "disk.vmdk", "raw", "--unfinished"});
+        std::filesystem::remove(path("raw"));
+        removeDisk();
+    }
+}
+
+TEST_F(Unfinished, IsResumedToTheSameContent) {
+    std::mt19937 random(5);
+    unsigned int const kills = 2 * test_support::modelRounds();
+    for (Kind const& kind : kKinds) {
+        SCOPED_TRACE(kind.name);
+        for (unsigned int i = 0; i < kills; ++i) {
+            std::size_t const bytes = random() % kImageBytes;
+            SCOPED_TRACE(bytes);
+            importAndKill(kind, bytes);
+            Outcome const exported = run({"export", "disk.vmdk", "raw"});
+            EXPECT_NE(exported.status, 0);
+            EXPECT_NE(run({"check", "disk.vmdk"}).status, 0);
+            // Killed before it was a disk at all, it can only be made anew.
+            bool const isDisk = exported.status == 5;
+            runWell(isDisk ? Arguments{"import", "image", "disk.vmdk", "--resume"}
+                           : joined({{"import", "image", "disk.vmdk", "--force"}, kind.options}));
+            EXPECT_EQ(runWell({"compare", "image", "disk.vmdk"}), "equal\n");
+            EXPECT_EQ(run({"check", "disk.vmdk"}).status, 0);
+            runWell({"export", "disk.vmdk", "raw"});
+            EXPECT_TRUE(readFile("raw") == m_image);
+            std::filesystem::remove(path("raw"));
+            removeDisk();
+        }
+    }
+}
+
+TEST_F(Unfinished, OtherImagesAreNotMixedIntoIt) {
+    RunningTool tool(folder(), {"import", "image", "disk.vmdk", "--compressed", "--level", "9"});
+    waitForFile(tool, "disk.vmdk");
+    tool.signal(SIGKILL);
+    tool.finish();
+    if (run({"info", "disk.vmdk"}).status != 0 || run({"export", "disk.vmdk", "-"}).status != 5)
+        GTEST_SKIP() << "the import was too quick, or not quick enough";
+    EXPECT_EQ(runBadly(2, {"import", "old", "disk.vmdk", "--resume"}),
+              "kelm: The disk was being made of another image: " + path("image") + "\n");
+    writeFile("image", m_image + "x");
+    EXPECT_EQ(runBadly(2, {"import", "image", "disk.vmdk", "--resume"}),
+              "kelm: The disk was being made for 8389120 bytes, not for 8389121.\n");
+    writeFile("image", m_image);
+    EXPECT_EQ(runBadly(2, {"import", "image", "disk.vmdk", "--resume", "--parent", "parent.vmdk"}),
+              "kelm: The disk was being made without this parent.\n");
+    EXPECT_EQ(runBadly(2, {"import", "image", "disk.vmdk", "--resume", "--compressed"}),
+              "kelm: A disk is resumed as it is; leave out --compressed, --encrypt, --on-demand, "
+              "--split and --force.\n");
+    runWell({"import", "image", "disk.vmdk", "--resume"});
+    EXPECT_EQ(runWell({"compare", "image", "disk.vmdk"}), "equal\n");
+    EXPECT_EQ(runBadly(2, {"import", "image", "disk.vmdk", "--resume"}),
+              "kelm: The disk is complete; there is nothing to resume.\n");
+}
+
+} // namespace
+
+} // namespace endtoend
