@@ -88,11 +88,12 @@ void FileGuard::verifyMayReplace(yx::CURI const& uri) const {
 
 yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                          unsigned int* reserved) {
+    MadeFile const* const made = findMade(uri);
+    if (made)
+        verifyIsThere(*made);
     if (access != yx::IIOStream::ReadWrite || isLockFile(uri))
         return m_fileSystem->openFile(uri, access, reserved);
-    if (MadeFile const* const made = findMade(uri)) {
-        verifyIsThere(*made);
-    } else {
+    if (!made) {
         if (m_cancel)
             m_cancel->check();
         if (m_fileSystem->fileExists(uri)) {

@@ -1,11 +1,11 @@
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
-#include "host/system/name_text.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/raw_import.h"
 #include "tools/kelm/commands.h"
@@ -30,10 +30,11 @@ struct ImportArguments {
 };
 
 /// Which image a disk was made of, for its record; "" for a pipe, and for a name that is too long.
-std::string nameOfImage(std::string const& image) {
-    if (image == "-")
+std::string nameOfImage(std::string const& image, host::RawSource const& source) {
+    if (source.getLength() == -1 || image == "-")
         return "";
-    std::string const name = host::displayName(host::uriFromArgument(image));
+    // As stored, a byte takes up to three.
+    std::string const name = std::filesystem::absolute(image).lexically_normal().string();
     return name.size() > host::DiskRecord::kMaxTextBytes / 3 ? "" : name;
 }
 
@@ -50,7 +51,7 @@ void verifyResumes(ImportArguments const& arguments, host::RawSource const& sour
     host::DiskRecord const record(*disk.getDisk().getDescriptor());
     if (record.getState() == host::DiskState::Complete)
         throw UsageError("The disk is complete; there is nothing to resume.");
-    std::string const image = nameOfImage(arguments.image);
+    std::string const image = nameOfImage(arguments.image, source);
     if (!image.empty() && !record.getSource().empty() && image != record.getSource())
         throw UsageError("The disk was being made of another image: " + record.getSource());
     __int64 const sizeBytes =
@@ -108,7 +109,7 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
         arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
     request.isToBeFilled = true;
     request.imageBytes = request.sizeBytes;
-    request.source = nameOfImage(arguments.image);
+    request.source = nameOfImage(arguments.image, source);
     NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     LongWork const work(invocation, "import", arguments.threads);
     host::importRaw(source, disk.getDisk(), work.getOptions(),
