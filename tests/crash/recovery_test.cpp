@@ -141,7 +141,7 @@ TEST_F(Recovery, SoundSlotsAreLeftAlone) {
     EXPECT_TRUE(sameBytes(before, files->getFile(crashURI(kMainFile))));
 }
 
-TEST_F(Recovery, NewContentIDHasTheLengthOfTheOldOne) {
+TEST_F(Recovery, NewContentIDIsStoredWhateverTheLengthOfTheOldOne) {
     create({});
     for (unsigned int const oldID :
          {0x1U, 0xFU, 0x10U, 0xABCDU, 0xFFFFFFFU, 0x1234567U, 0x10000000U, 0xFFFFFFFEU}) {
@@ -153,9 +153,6 @@ TEST_F(Recovery, NewContentIDHasTheLengthOfTheOldOne) {
         }
         unsigned int const newID = storedContentID();
         EXPECT_NE(oldID, newID);
-        EXPECT_EQ(yx::toHexString(oldID).toStdString().size(),
-                  yx::toHexString(newID).toStdString().size())
-            << std::hex << oldID << " " << newID;
     }
 }
 
