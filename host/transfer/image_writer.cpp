@@ -16,8 +16,10 @@ int ImageWriter::bytesOf(__int64 grainIndex) const {
 }
 
 void ImageWriter::beginEarly() {
-    if (!m_hasBegun)
-        m_canWriteEarly = m_target.beginWritingAnywhere();
+    // Written once, before the first worker looks: later calls come while workers read the flags.
+    if (m_hasBegun)
+        return;
+    m_canWriteEarly = m_target.beginWritingAnywhere();
     m_hasBegun = true;
 }
 
