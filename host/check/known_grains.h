@@ -14,6 +14,7 @@ public:
     /// are forgotten. So is what comes after a million stretches, for the sake of memory.
     void add(__int64 grainIndex);
 
+    /// Whether the grain was added and is not forgotten.
     bool contains(__int64 grainIndex) const;
 
 private:

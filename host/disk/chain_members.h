@@ -8,7 +8,10 @@ namespace kelm::host {
 
 /// A disk or one of its parents, as its descriptor describes it.
 struct ChainMember {
+    /// The URI of its main file.
     yx::CURI mainFile;
+
+    /// What the main file says of the disk. Never null.
     yx::P<CVMDKDescriptor> descriptor;
 
     /// In order, without gaps. The files may be missing.

@@ -13,8 +13,8 @@ using DescriptorArea = std::vector<unsigned char>;
 
 /// A part of a text.
 struct TextSpan {
-    std::size_t start;
-    std::size_t length;
+    std::size_t start;  ///< the offset of its first byte
+    std::size_t length; ///< in bytes
 };
 
 /// The lines of a text, without their line ends.

@@ -29,7 +29,7 @@ Meeting findMeeting(Overlay const& overlay, __int64 positionBytes, int sizeBytes
 } // namespace
 
 OverlaidStream::OverlaidStream(yx::P<yx::IIOStream> stream, yx::P<Overlay> overlay)
-    : m_stream(std::move(stream)), m_overlay(std::move(overlay)) {}
+    : ForwardingStream(std::move(stream)), m_overlay(std::move(overlay)) {}
 
 void OverlaidStream::show(__int64 positionBytes, void* target, int sizeBytes) const {
     Meeting const meeting = findMeeting(*m_overlay, positionBytes, sizeBytes);
@@ -49,35 +49,35 @@ void OverlaidStream::take(__int64 positionBytes, void const* source, int sizeByt
 }
 
 void OverlaidStream::read(void* target, int sizeBytes) {
-    __int64 const positionBytes = m_stream->getPosition();
-    m_stream->read(target, sizeBytes);
+    __int64 const positionBytes = getTarget()->getPosition();
+    getTarget()->read(target, sizeBytes);
     show(positionBytes, target, sizeBytes);
 }
 
 int OverlaidStream::readLax(void* target, int sizeBytes) {
-    __int64 const positionBytes = m_stream->getPosition();
-    int const count = m_stream->readLax(target, sizeBytes);
+    __int64 const positionBytes = getTarget()->getPosition();
+    int const count = getTarget()->readLax(target, sizeBytes);
     show(positionBytes, target, count);
     return count;
 }
 
 int OverlaidStream::readAvailable(void* target, int sizeBytes) {
-    __int64 const positionBytes = m_stream->getPosition();
-    int const count = m_stream->readAvailable(target, sizeBytes);
+    __int64 const positionBytes = getTarget()->getPosition();
+    int const count = getTarget()->readAvailable(target, sizeBytes);
     show(positionBytes, target, count);
     return count;
 }
 
 void OverlaidStream::write(void const* source, int sizeBytes, yx::IWriteBarrier* barrier) {
-    __int64 const positionBytes = m_stream->getPosition();
-    m_stream->write(source, sizeBytes, barrier);
+    __int64 const positionBytes = getTarget()->getPosition();
+    getTarget()->write(source, sizeBytes, barrier);
     take(positionBytes, source, sizeBytes);
 }
 
 void OverlaidStream::writeKeepBuffer(yx::TConstBufferSlice<unsigned char> const& slice,
                                      yx::IWriteBarrier* barrier) {
-    __int64 const positionBytes = m_stream->getPosition();
-    m_stream->writeKeepBuffer(slice, barrier);
+    __int64 const positionBytes = getTarget()->getPosition();
+    getTarget()->writeKeepBuffer(slice, barrier);
     take(positionBytes, slice.getData(), slice.getLength());
 }
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 
+#include "host/store/forwarding_stream.h"
 #include "kelm/format/constants.h"
 
 namespace kelm::host {
@@ -25,66 +26,49 @@ struct SealedFileSystem::Seal {
 };
 
 /// Reads and writes the first sector of a file in memory, and everything else in the file.
-class SealedFileSystem::SealedStream : public yx::CBase, public virtual yx::IIOStream {
+class SealedFileSystem::SealedStream : public ForwardingStream {
 public:
     SealedStream(yx::P<yx::IIOStream> const& stream, std::shared_ptr<Seal> seal)
-        : m_stream(stream), m_seal(std::move(seal)) {}
-
-    __int64 getLength() const override { return m_stream->getLength(); }
-    __int64 getPosition() const override { return m_stream->getPosition(); }
-    yx::CURI getURI() override { return m_stream->getURI(); }
-    void seek(__int64 position) override { m_stream->seek(position); }
-    yx::P<yx::IStreamLock> lockRange(__int64 position, __int64 length, LockType type) override {
-        return m_stream->lockRange(position, length, type);
-    }
-    void close() override { m_stream->close(); }
+        : ForwardingStream(stream), m_seal(std::move(seal)) {}
 
     void read(void* target, int sizeBytes) override {
-        __int64 const position = m_stream->getPosition();
-        m_stream->read(target, sizeBytes);
+        __int64 const position = getTarget()->getPosition();
+        getTarget()->read(target, sizeBytes);
         putHeld(position, target, sizeBytes);
     }
     int readLax(void* target, int sizeBytes) override {
-        __int64 const position = m_stream->getPosition();
-        int const count = m_stream->readLax(target, sizeBytes);
+        __int64 const position = getTarget()->getPosition();
+        int const count = getTarget()->readLax(target, sizeBytes);
         putHeld(position, target, count);
         return count;
     }
     int readAvailable(void* target, int sizeBytes) override {
-        __int64 const position = m_stream->getPosition();
-        int const count = m_stream->readAvailable(target, sizeBytes);
+        __int64 const position = getTarget()->getPosition();
+        int const count = getTarget()->readAvailable(target, sizeBytes);
         putHeld(position, target, count);
         return count;
     }
-    bool waitReadable(int timeLimit) const override { return m_stream->waitReadable(timeLimit); }
-    bool isEndOfStream() const override { return m_stream->isEndOfStream(); }
-    int isEndOfStream_NonBlocking() const override { return m_stream->isEndOfStream_NonBlocking(); }
-
     void write(void const* source, int sizeBytes, yx::IWriteBarrier* barrier) override {
-        __int64 const position = m_stream->getPosition();
+        __int64 const position = getTarget()->getPosition();
         int const held = m_seal->countHeld(position, sizeBytes);
         auto const* const bytes = static_cast<unsigned char const*>(source);
         if (held > 0) {
             constexpr std::array<unsigned char, kSectorSizeBytes> kZeros{};
-            m_stream->write(kZeros.data(), held, barrier);
+            getTarget()->write(kZeros.data(), held, barrier);
             std::memcpy(m_seal->at(position), bytes, static_cast<std::size_t>(held));
         }
         if (held < sizeBytes)
-            m_stream->write(bytes + held, sizeBytes - held, barrier);
+            getTarget()->write(bytes + held, sizeBytes - held, barrier);
     }
     void writeKeepBuffer(yx::TConstBufferSlice<unsigned char> const& slice,
                          yx::IWriteBarrier* barrier) override {
-        if (m_seal->countHeld(m_stream->getPosition(), slice.getLength()) == 0)
-            m_stream->writeKeepBuffer(slice, barrier);
+        if (m_seal->countHeld(getTarget()->getPosition(), slice.getLength()) == 0)
+            getTarget()->writeKeepBuffer(slice, barrier);
         else
             write(slice.getData(), slice.getLength(), barrier);
     }
-    yx::P<yx::IWriteBarrier> createWriteBarrier(yx::IWriteBarrier* previous) override {
-        return m_stream->createWriteBarrier(previous);
-    }
-    void flush() override { m_stream->flush(); }
     void setLength(__int64 length) override {
-        m_stream->setLength(length);
+        getTarget()->setLength(length);
         if (length >= 0 && length < kSectorSizeBytes)
             std::fill(m_seal->sector.begin() + length, m_seal->sector.end(), 0);
     }
@@ -96,7 +80,6 @@ private:
             std::memcpy(target, m_seal->at(position), static_cast<std::size_t>(held));
     }
 
-    yx::P<yx::IIOStream> m_stream;
     std::shared_ptr<Seal> m_seal;
 };
 

@@ -9,6 +9,7 @@ namespace kelm::host {
 
 /// A damaged table of a disk or of one of its parents.
 struct DamagedTablePlace {
+    /// The extent file that holds the table.
     yx::CURI file;
 
     /// The stretch of the disk that `file` holds.

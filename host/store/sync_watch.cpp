@@ -3,6 +3,7 @@
 #include <cassert>
 #include <exception>
 
+#include "host/store/forwarding_stream.h"
 #include "yx/gather_out_stream.h"
 
 namespace kelm::host {
@@ -29,59 +30,34 @@ private:
 namespace {
 
 /// Passes everything on, and looks at what `flush` meets.
-class WatchedStream : public yx::CBase,
-                      public virtual yx::IIOStream,
-                      public virtual yx::IAlignedStreamBase {
+class WatchedStream : public ForwardingStream, public virtual yx::IAlignedStreamBase {
 public:
     WatchedStream(yx::P<yx::IIOStream> const& stream, std::shared_ptr<SyncWatch::Memory> memory)
-        : m_stream(stream),
+        : ForwardingStream(stream),
           m_aligned(dynamic_cast<yx::IAlignedStreamBase*>(stream.get())),
           m_memory(std::move(memory)) {
-        assert(m_stream && m_memory);
+        assert(m_memory);
     }
-
-    __int64 getLength() const override { return m_stream->getLength(); }
-    __int64 getPosition() const override { return m_stream->getPosition(); }
-    yx::CURI getURI() override { return m_stream->getURI(); }
-    void seek(__int64 position) override { m_stream->seek(position); }
-    yx::P<yx::IStreamLock> lockRange(__int64 position, __int64 length, LockType type) override {
-        return m_stream->lockRange(position, length, type);
-    }
-    void close() override { m_stream->close(); }
-
-    void read(void* target, int sizeBytes) override { m_stream->read(target, sizeBytes); }
-    int readLax(void* target, int sizeBytes) override {
-        return m_stream->readLax(target, sizeBytes);
-    }
-    int readAvailable(void* target, int sizeBytes) override {
-        return m_stream->readAvailable(target, sizeBytes);
-    }
-    bool waitReadable(int timeLimit) const override { return m_stream->waitReadable(timeLimit); }
-    bool isEndOfStream() const override { return m_stream->isEndOfStream(); }
-    int isEndOfStream_NonBlocking() const override { return m_stream->isEndOfStream_NonBlocking(); }
 
     void write(void const* source, int sizeBytes, yx::IWriteBarrier* barrier) override {
         m_hasWritten = true;
-        m_stream->write(source, sizeBytes, barrier);
+        getTarget()->write(source, sizeBytes, barrier);
     }
     void writeKeepBuffer(yx::TConstBufferSlice<unsigned char> const& slice,
                          yx::IWriteBarrier* barrier) override {
         m_hasWritten = true;
-        m_stream->writeKeepBuffer(slice, barrier);
-    }
-    yx::P<yx::IWriteBarrier> createWriteBarrier(yx::IWriteBarrier* previous) override {
-        return m_stream->createWriteBarrier(previous);
+        getTarget()->writeKeepBuffer(slice, barrier);
     }
     void setLength(__int64 length) override {
         m_hasWritten = true;
-        m_stream->setLength(length);
+        getTarget()->setLength(length);
     }
 
     void flush() override {
         if (m_hasWritten)
             m_memory->verifyNone();
         try {
-            m_stream->flush();
+            getTarget()->flush();
         } catch (...) {
             m_memory->keepCurrent();
             throw;
@@ -97,11 +73,10 @@ public:
     }
 
 protected:
-    yx::P<yx::IIOStream> m_stream;
     bool m_hasWritten = false;
 
 private:
-    /// The same object as `m_stream`; null if it demands nothing.
+    /// The same object as the target; null if it demands nothing.
     yx::IAlignedStreamBase* m_aligned;
     std::shared_ptr<SyncWatch::Memory> m_memory;
 };
@@ -113,7 +88,7 @@ public:
 
     void writePieces(__int64 position, Piece const* pieces, int count) override {
         m_hasWritten = true;
-        dynamic_cast<yx::IGatherOutStream&>(*m_stream).writePieces(position, pieces, count);
+        dynamic_cast<yx::IGatherOutStream&>(*getTarget()).writePieces(position, pieces, count);
     }
 };
 

@@ -104,6 +104,9 @@ TEST_F(Plugin, ReachesOutsideOfTheFolderOnlyWhereItIsAllowed) {
     std::string text = readFile("disk.vmdk");
     for (std::size_t at = 0; (at = text.find("\"disk-s", at)) != std::string::npos; at += 4)
         text.insert(at + 1, "../");
+    // The software that wrote these lines knows of no checksum.
+    std::size_t const checksum = text.find("ddb.kelm.checksum");
+    text.erase(checksum, text.find('\n', checksum) + 1 - checksum);
     writeFile("received/disk.vmdk", text);
     EXPECT_EQ(refusalOf({"received/disk.vmdk"}),
               "nbdkit: error: The disk names a file outside of its folder. If you trust the disk, "

@@ -209,11 +209,12 @@ TEST_F(ExactSize, TooLargeForADeviceLeavesItAsItWas) {
     Bytes const content = pattern(static_cast<std::size_t>(kDeviceBytes), 4);
     writeTo(*disk, 0, content);
     setExactSizeBytes(*disk, kDeviceBytes + 1);
-    RawTarget target(device.getPath(), true);
     EXPECT_TRUE(throwsIOError(
         yx::CIOError::NoSpace, "The target is too small for the image.",
-        {{"path", device.getPath()}, {"imageSize", "8323585"}, {"targetSize", "8323584"}},
-        [&] { exportRaw(*disk, target, options); }));
+        {{"path", device.getPath()}, {"imageSize", "8323585"}, {"targetSize", "8323584"}}, [&] {
+            RawTarget target(device.getPath(), true);
+            exportRaw(*disk, target, options);
+        }));
     EXPECT_TRUE(sameBytes(before, readImage(path)));
     setExactSizeBytes(*disk, kDeviceBytes);
     RawTarget sameTarget(device.getPath(), true);

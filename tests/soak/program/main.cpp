@@ -22,6 +22,7 @@
 #include <optional>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -93,6 +94,17 @@ public:
         // Syncing takes most of the time, and a killed process takes nothing along that was written.
         constexpr int kSyncEvery = 4;
         m_flush = draw(kSyncEvery) == 0 ? yx::NativeFlush::ToDevice : yx::NativeFlush::ToSystem;
+    }
+
+    Siege(Siege const&) = delete;
+    Siege& operator=(Siege const&) = delete;
+
+    /// Kills what a violation left running.
+    ~Siege() {
+        for (Process const& process : m_processes) {
+            if (process.id > 0 && ::kill(process.id, SIGKILL) == 0)
+                ::waitpid(process.id, nullptr, 0);
+        }
     }
 
     void run(bool tampers) {
@@ -167,16 +179,16 @@ private:
             startWorker(slot);
         }
         m_model.isStopping = true;
-        for (Process const& process : m_processes)
-            finish(process.id);
+        for (Process& process : m_processes)
+            finish(std::exchange(process.id, 0));
     }
 
     void killWorker(int slot) {
-        Process const& process = m_processes[static_cast<std::size_t>(slot)];
+        Process& process = m_processes[static_cast<std::size_t>(slot)];
         m_model.killed[static_cast<std::size_t>(process.number)] = true;
         ::kill(process.id, SIGKILL);
         int status = 0;
-        ::waitpid(process.id, &status, 0);
+        ::waitpid(std::exchange(process.id, 0), &status, 0);
         if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL)
             throw Violation("a process failed (wait status " + std::to_string(status) + ")");
         ++m_counts.kills;

@@ -16,6 +16,7 @@ constexpr int kGrainBytes = kGrainSectors * kSectorSizeBytes;
 /// In what words a disk in use may be refused.
 constexpr char const* kRefusals[] = {
     "The disk is in use: its lock file is held by another program or another open disk.",
+    "The disk is in use: its file is held by another program or another open disk.",
     "The lock file is being removed by another program.",
 };
 
