@@ -1,5 +1,6 @@
 #pragma once
 
+#include "kelm/format/descriptor.h"
 #include "yx/file_system.h"
 
 namespace kelm::host {
@@ -10,5 +11,9 @@ namespace kelm::host {
 /// open. The first write to such a disk makes the text longer, and would fail. A descriptor that
 /// has room already, or that lies inside an extent file, stays as it is.
 void giveDescriptorRoom(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI);
+
+/// The same for a text that is about to be stored there, and is perhaps longer.
+void giveDescriptorRoomFor(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI,
+                           CVMDKDescriptor const& descriptor);
 
 } // namespace kelm::host

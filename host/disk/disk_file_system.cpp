@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/disk/disk_record.h"
+#include "host/disk/main_file_form.h"
 #include "host/disk/own_name.h"
 #include "host/disk/unfinished_disk.h"
 #include "kelm/format/constants.h"
@@ -188,6 +189,7 @@ void DiskFileSystem::verifyGrainSize(Member const& member, yx::CURI const& uri,
 /// Looks at the descriptor of the file.
 DiskFileSystem::Plan DiskFileSystem::readPlan(Member const& member, yx::IIOStream* stream) {
     yx::P<yx::IIOStream> const in = buffered(stream);
+    verifyIsExtentOrText(*in, member.mainFile);
     yx::P<CVMDKDescriptorAccessor> const accessor =
         yx::makeObject<CVMDKDescriptorAccessor>(in.get(), yx::IIOStream::ReadOnly);
     yx::P<CVMDKDescriptor> descriptor = accessor->getDescriptor();

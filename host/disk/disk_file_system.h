@@ -26,6 +26,7 @@ namespace kelm::host {
 ///   of the parents are only read. Anything else is `CIOError` `NotAllowed`.
 /// - An unfinished disk, or one with an unfinished parent, is `UnfinishedDiskError`, unless it is
 ///   trusted (`DiskTrust::unfinished`).
+/// - A raw image, or another file that is no disk, is refused as `verifyIsExtentOrText` does.
 /// - A reader who may not write a lock file takes its lock through a stream for reading, and goes
 ///   on without the lock file where that cannot be had either but the disk's main file is locked: an
 ///   old lock file of another user, or on a medium that cannot be written, keeps no reader out. One

@@ -1,5 +1,11 @@
 #include "host/disk/new_disk.h"
 
+#include <algorithm>
+#include <optional>
+#include <string_view>
+
+#include <unistd.h>
+
 #include "host/disk/disk_opening.h"
 #include "host/disk/extent_room.h"
 #include "host/store/file_names.h"
@@ -11,6 +17,10 @@ namespace kelm::host {
 namespace {
 
 constexpr char kCreateName[] = "SafeDisk::create";
+
+/// What the names of extent files have in addition to that of the disk: a hyphen, "s", and as many
+/// digits as there can be.
+constexpr std::string_view kExtentSuffix = "-s00000";
 
 /// What enciphering can add to a prepared grain.
 constexpr __int64 kEncipheringSectors = 1;
@@ -26,10 +36,47 @@ void verifyName(yx::CURI const& uri) {
     if (isLockFile(uri))
         refuse("The name of a disk must not end in '.lock'.");
     yx::String const name = uri.getName();
-    bool const storable = name.wx().find_first_of("\"\n\r") == wxString::npos &&
-                          isReferenceTo(uri.getParent(), name, uri);
-    if (!storable)
-        refuse("A disk cannot have this name, since its descriptor could not name its files.");
+    if (name.wx().find_first_of("\"\n\r") != wxString::npos)
+        refuse(
+            "A disk cannot have a name with a quote or a line end, since its descriptor could not "
+            "name its files.");
+    if (isReferenceTo(uri.getParent(), name, uri))
+        return;
+    if (name.wx().find(':') != wxString::npos)
+        refuse(
+            "A disk cannot have a name with a colon here, since its descriptor could not name its "
+            "files: what stands before the colon would be taken for the scheme of a URI.");
+    refuse("A disk cannot have a name with a backslash, since its descriptor could not name its "
+           "files.");
+}
+
+/// The longest name in a folder, in bytes; nothing if there is no limit, or none that is known.
+std::optional<__int64> getNameLimit(yx::CURI const& folder) {
+    if (folder.getScheme() != "file")
+        return std::nullopt;
+    long const limit = ::pathconf(yx::toNativePath(folder).toStdString().c_str(), _PC_NAME_MAX);
+    return limit > 0 ? std::optional<__int64>(limit) : std::nullopt;
+}
+
+/// The lock file's name is longer than that of the disk, and so are those of the extent files.
+void verifyNamesFit(yx::CURI const& uri, NewDisk const& request) {
+    std::optional<__int64> const limitBytes = getNameLimit(uri.getParent());
+    auto const nameBytes = static_cast<__int64>(uri.getName().toStdString().size());
+    std::size_t const suffixBytes =
+        request.fileSizeLimitBytes == -1
+            ? std::string_view(kLockFileExtension).size()
+            : std::max(std::string_view(kLockFileExtension).size(), kExtentSuffix.size());
+    if (!limitBytes || nameBytes + static_cast<__int64>(suffixBytes) <= *limitBytes)
+        return;
+    __int64 const mostBytes = *limitBytes - static_cast<__int64>(suffixBytes);
+    throw yx::CInvalidArgError(
+        kCreateName,
+        "The name of the disk is too long: " +
+            yx::String(request.fileSizeLimitBytes == -1 ? "that of its lock file"
+                                                        : "those of its extent files") +
+            " would exceed " + yx::toString(*limitBytes) +
+            " bytes. Give the disk a name of at most " + yx::toString(mostBytes) + " bytes.",
+        yx::CProps().add("uri", uri.toString(true)));
 }
 
 void verifyFitsOneFile(NewDisk const& request) {
@@ -64,6 +111,7 @@ __int64 calcWorstCaseGrainBytes(CVMDKDataPreparer const& preparer) {
 void verifyCanBeMade(yx::CURI const& uri, NewDisk const& request) {
     verifyFitsOneFile(request);
     verifyName(uri);
+    verifyNamesFit(uri, request);
 }
 
 } // namespace kelm::host

@@ -46,7 +46,9 @@ struct NewDisk {
 
 /// Refuses what cannot become a disk that works, by `yx::CInvalidArgError` at "SafeDisk::create": a
 /// single file that could pass 2 TiB, with splitting named as the way out, a name that ends in
-/// ".lock" or that a descriptor cannot hold, and the name of a device, a pipe or a folder.
+/// ".lock", that a descriptor cannot hold, or that is so long that the lock file or the extent files
+/// could not be named, and the name of a device, a pipe or a folder. The message says what is in the
+/// way.
 void verifyCanBeMade(yx::CURI const& uri, NewDisk const& request);
 
 /// The most bytes that a grain takes in a file, enciphering included.

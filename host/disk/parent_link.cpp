@@ -5,6 +5,17 @@
 
 namespace kelm::host {
 
+namespace {
+
+void setParentHint(CVMDKDescriptor& descriptor, yx::String const& hint) {
+    // A line without quotes, as other software may write it, stays one, and loses blanks at the ends.
+    if (hint.wx() != hint.wx().Strip(wxString::both))
+        descriptor.removeParentFileNameHint();
+    descriptor.setParentFileNameHint(hint);
+}
+
+} // namespace
+
 void repointToParent(SafeDisk& child, SafeDisk& parent, ParentCheck check) {
     yx::P<CVMDKDescriptor> const descriptor = child.getDisk().getDescriptor();
     unsigned int const expected = descriptor->getParentContentID();
@@ -20,8 +31,8 @@ void repointToParent(SafeDisk& child, SafeDisk& parent, ParentCheck check) {
                            nullptr);
     }
     descriptor->setParentContentID(actual);
-    descriptor->setParentFileNameHint(
-        makeFileReference(child.getDisk().getMainFileURI().getParent(), parentURI));
+    setParentHint(*descriptor,
+                  makeFileReference(child.getDisk().getMainFileURI().getParent(), parentURI));
     child.storeDescriptor();
 }
 

@@ -7,6 +7,7 @@
 #include "host/disk/extent_creation.h"
 #include "host/disk/sealed_file_system.h"
 #include "host/store/file_names.h"
+#include "host/store/folder_access.h"
 #include "kelm/format/constants.h"
 
 namespace kelm::host {
@@ -42,10 +43,20 @@ std::vector<yx::CURI> listFilesOf(yx::CURI const& mainFile, DiskLayout const& la
 std::vector<yx::CURI> makeFiles(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                                 NewDisk const& request, yx::String const& parentRelPath,
                                 unsigned int parentContentID) {
-    yx::P<CVMDKDisk> const disk =
-        CVMDKDisk::create(fileSystem, uri, request.sizeBytes, request.password, request.compressed,
-                          request.compressionLevel, request.fileSizeLimitBytes, parentRelPath,
-                          parentContentID, request.createExtentFilesOnDemand);
+    yx::P<CVMDKDisk> disk;
+    try {
+        disk = CVMDKDisk::create(fileSystem, uri, request.sizeBytes, request.password,
+                                 request.compressed, request.compressionLevel,
+                                 request.fileSizeLimitBytes, parentRelPath, parentContentID,
+                                 request.createExtentFilesOnDemand);
+    } catch (yx::CError const& error) {
+        if (!error.getMessage().wx().StartsWith(kTooManyExtentsMessagePrefix))
+            throw;
+        throw yx::CInvalidArgError("SafeDisk::create",
+                                   "The disk would have more files than a descriptor can name, "
+                                   "which are some 32768. Split it into larger ones.",
+                                   yx::CProps());
+    }
     completeNewDescriptor(*disk, request);
     return listFilesOf(disk->getMainFileURI(), DiskLayout(*disk));
 }
@@ -96,6 +107,7 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
 std::unique_ptr<SafeDisk> SafeDisk::create(FileGuard* files, yx::CURI const& uri,
                                            NewDisk const& request) {
     verifyCanBeMade(uri, request);
+    verifyMayWriteInFolderOf(uri);
     yx::String parentRelPath;
     unsigned int parentContentID = kNoParentContentID;
     // Open until the disk is made, so that nobody changes them meanwhile.
@@ -150,6 +162,7 @@ void SafeDisk::storeDescriptor() {
     stream->close();
     if (getChecksumState(*stored, mainFile) == ChecksumState::Valid)
         updateChecksum(*m_disk->getDescriptor(), mainFile);
+    giveDescriptorRoomFor(m_fileSystem.get(), mainFile, *m_disk->getDescriptor());
     m_disk->storeDescriptor();
 }
 

@@ -63,7 +63,9 @@ public:
 
     /// Makes a disk through `files` and opens it for writing. An existing file in the place of one
     /// of the disk's files is `CIOError` `AlreadyExists`, unless `files` may overwrite. What
-    /// `verifyCanBeMade` refuses is `CInvalidArgError`. Even where `files` may overwrite, an
+    /// `verifyCanBeMade` refuses is `CInvalidArgError`, and so is a splitting into more files than a
+    /// descriptor can name; a folder that cannot be written to is refused as
+    /// `verifyMayWriteInFolderOf` does. Even where `files` may overwrite, an
     /// existing disk that is in use is `CLockFileError`, and a file of one of the parents is
     /// `NotAllowed`. The guard takes away what was made, unless `FileGuard::keep` is called once
     /// the disk is as it should be. The disk must be closed before the guard ends. If the program or
@@ -133,7 +135,8 @@ public:
     /// by a change of one line that keeps its length. Nothing but the first on a disk that is not.
     void markComplete();
 
-    /// Brings the descriptor to the device, after changes to `getDisk().getDescriptor()`. Its checksum
+    /// Brings the descriptor to the device, after changes to `getDisk().getDescriptor()`. A file of
+    /// text that has no room for them gets it, as `giveDescriptorRoom` gives it. Its checksum
     /// is kept true (`updateChecksum`). A disk without one gets none, and one whose stored text
     /// differs from its checksum goes on differing: a change of ours says nothing about the rest.
     void storeDescriptor();

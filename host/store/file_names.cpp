@@ -157,10 +157,9 @@ yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file) {
         ++common;
 
     std::optional<yx::String> const relative = relativePath(from, to, common);
-    // A quote would end the value, and blanks at its ends may get lost. What else a path may hold
-    // that its reader takes for a sign of something else, only the reader knows.
-    bool const storable = relative && relative->wx().find_first_of("\"\n\r") == wxString::npos &&
-                          relative->wx() == relative->wx().Strip(wxString::both);
+    // A quote would end the value. What else a path may hold that its reader takes for a sign of
+    // something else, only the reader knows.
+    bool const storable = relative && relative->wx().find_first_of("\"\n\r") == wxString::npos;
     return storable && isReferenceTo(folder, *relative, target) ? *relative : target.toString(true);
 }
 

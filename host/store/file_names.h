@@ -27,7 +27,8 @@ bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI
 
 /// The text by which a descriptor in `folder` refers to `file`: a relative path if `file` lies in
 /// or below the folder or beside it, otherwise its URI. Read back by `vmdkFileReferenceToURI`. A
-/// name whose escapes are no UTF-8 goes in as a URI, in which they stay as they are.
+/// name whose escapes are no UTF-8 goes in as a URI, in which they stay as they are. A name may begin
+/// or end with a blank, so the text is for values in quotes.
 yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file);
 
 } // namespace kelm::host

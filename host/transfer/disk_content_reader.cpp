@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "host/transfer/exact_size.h"
+#include "host/transfer/grain_place.h"
 #include "host/transfer/whole_reading.h"
 
 namespace kelm::host {
@@ -21,7 +22,7 @@ int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) 
         return 0;
     isZero = !m_disk.isWritten(m_positionBytes, count);
     if (!isZero)
-        m_disk.read(m_positionBytes, buffer, count);
+        readWithGrainPlace(m_disk, m_positionBytes, buffer, count);
     m_positionBytes += count;
     return count;
 }

@@ -1,5 +1,6 @@
 #include "host/transfer/grain_place.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "host/disk/parent_chain.h"
@@ -74,6 +75,29 @@ void withGrainPlace(SafeDisk& disk, __int64 grainIndex, std::function<void()> co
     } catch (yx::CIOError& error) {
         addGrainPlace(error, disk, grainIndex);
         throw;
+    }
+}
+
+void readWithGrainPlace(SafeDisk& disk, __int64 positionBytes, void* buffer, int bytes) {
+    try {
+        disk.read(positionBytes, buffer, bytes);
+        return;
+    } catch (yx::CIOError const&) {
+        bool const isInDisk = positionBytes >= 0 && positionBytes <= disk.getSizeBytes() - bytes;
+        if (!isInDisk)
+            throw;
+    }
+    // Grain by grain, to learn which one it is.
+    auto* target = static_cast<unsigned char*>(buffer);
+    while (bytes > 0) {
+        __int64 const grainIndex = positionBytes / disk.getGrainSizeBytes();
+        __int64 const grainEndBytes = (grainIndex + 1) * disk.getGrainSizeBytes();
+        int const partBytes =
+            static_cast<int>(std::min<__int64>(bytes, grainEndBytes - positionBytes));
+        withGrainPlace(disk, grainIndex, [&] { disk.read(positionBytes, target, partBytes); });
+        positionBytes += partBytes;
+        target += partBytes;
+        bytes -= partBytes;
     }
 }
 

@@ -23,4 +23,8 @@ std::function<void(yx::CIOError& error, __int64 grainIndex)> grainPlaceOf(SafeDi
 /// by `addGrainPlace` on its way.
 void withGrainPlace(SafeDisk& disk, __int64 grainIndex, std::function<void()> const& step);
 
+/// Reads as `SafeDisk::read`. A `yx::CIOError` gets the place of the first grain of the range that
+/// cannot be read.
+void readWithGrainPlace(SafeDisk& disk, __int64 positionBytes, void* buffer, int bytes);
+
 } // namespace kelm::host

@@ -2,6 +2,7 @@
 
 #include <cassert>
 
+#include "host/transfer/grain_place.h"
 #include "host/transfer/plain_grains.h"
 #include "yx/error.h"
 
@@ -66,8 +67,8 @@ bool ImageReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainInde
 void ImageReader::completeLastGrain(yx::TBuffer<unsigned char>& grain, __int64 grainIndex,
                                     int imageBytes) {
     fillWithZeros(grain, imageBytes, m_grainSizeBytes);
-    m_disk.read(grainIndex * m_grainSizeBytes + imageBytes, grain.getData() + imageBytes,
-                bytesInDisk(m_disk, grainIndex) - imageBytes);
+    readWithGrainPlace(m_disk, grainIndex * m_grainSizeBytes + imageBytes,
+                       grain.getData() + imageBytes, bytesInDisk(m_disk, grainIndex) - imageBytes);
 }
 
 } // namespace kelm::host

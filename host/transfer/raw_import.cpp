@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "host/transfer/grain_pipeline.h"
+#include "host/transfer/grain_place.h"
 #include "host/transfer/image_reader.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/preparer_set.h"
@@ -18,7 +19,7 @@ using Buffer = yx::TBuffer<unsigned char>;
 
 /// Whether the disk reads as `grain` there already.
 bool holdsEqualGrain(SafeDisk& disk, __int64 grainIndex, Buffer const& grain, Buffer& scratch) {
-    readPlainGrain(disk, grainIndex, scratch);
+    withGrainPlace(disk, grainIndex, [&] { readPlainGrain(disk, grainIndex, scratch); });
     assert(scratch.getUsed() <= grain.getUsed());
     return std::memcmp(scratch.getData(), grain.getData(),
                        static_cast<std::size_t>(scratch.getUsed())) == 0;

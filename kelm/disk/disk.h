@@ -29,6 +29,10 @@ inline constexpr char kPasswordWrongMessage[] =
 inline constexpr char kFileSizeLimitTooSmallMessagePrefix[] =
     "Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: ";
 
+/// The same for a disk that the limit would cut into more extents than a descriptor may name.
+inline constexpr char kTooManyExtentsMessagePrefix[] =
+    "Internal error: calculated VMDK descriptor size exceeds estimated worst case descriptor size ";
+
 /// What the name of a lock file ends with; see `CVMDKDisk::getLockFileURI`.
 inline constexpr char kLockFileExtension[] = ".lock";
 

@@ -61,7 +61,9 @@ TEST_F(ExitStatuses, ADiskInUseIsSix) {
 TEST_F(ExitStatuses, ALockFileThatCannotBeMadeIsNotADiskInUse) {
     // The name of the disk fits a file's, that of its lock file does not.
     std::string const name = std::string(247, 'n') + ".vmdk";
-    std::string const error = runBadly(3, {"create", name, "--size", "8M"});
+    std::filesystem::rename(path("disk.vmdk"), path(name));
+    runWell({"create", "parent.vmdk", "--size", "8M"});
+    std::string const error = runBadly(3, {"rebase", name, "--parent", "parent.vmdk"});
     EXPECT_NE(error.find("File name too long"), std::string::npos) << error;
 }
 

@@ -90,9 +90,8 @@ ExtentSizing sizeExtents(__int64 sizeBytes, bool compressed, __int64 fileSizeLim
     if (tooManyLines || descriptorSectors * kSectorSizeBytes > worstCaseDescriptorBytes) {
         // Deliberate: both numbers are the worst case; logs are compared with earlier ones.
         yx::String const worstCase = yx::toString(worstCaseDescriptorBytes);
-        throw yx::CError("Internal error: calculated VMDK descriptor size exceeds estimated worst "
-                         "case descriptor size (calculated: " +
-                             worstCase + ", worstCase: " + worstCase + ")",
+        throw yx::CError(kTooManyExtentsMessagePrefix + ("(calculated: " + worstCase) +
+                             ", worstCase: " + worstCase + ")",
                          "", -1, yx::CProps(), nullptr);
     }
     assert(maxExtentPayloadBytes % kNewDiskGrainSizeBytes == 0);

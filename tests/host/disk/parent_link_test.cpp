@@ -13,12 +13,14 @@ namespace {
 class ParentLinkTest : public HostTest {
 protected:
     /// "parent.vmdk" and "child.vmdk", which differs from it.
-    void makeChain(DiskKind const& kind) {
+    void makeChain(DiskKind const& kind) { makeChain(kind, kind); }
+
+    void makeChain(DiskKind const& parentKind, DiskKind const& childKind) {
         {
-            std::unique_ptr<SafeDisk> const parent = createSafe(kind, "parent.vmdk");
+            std::unique_ptr<SafeDisk> const parent = createSafe(parentKind, "parent.vmdk");
             writeTo(*parent, 0, mixedContent());
         }
-        std::unique_ptr<SafeDisk> const child = createSafe(kind, "child.vmdk", "parent.vmdk");
+        std::unique_ptr<SafeDisk> const child = createSafe(childKind, "child.vmdk", "parent.vmdk");
         writeTo(*child, 100, textPattern(100, 9));
     }
 
@@ -53,6 +55,46 @@ TEST_F(ParentLinkTest, ChildFindsAParentThatHasMoved) {
         for (char const* name : {"child.vmdk", "elsewhere/parent.vmdk"})
             files->deleteFile(uriOf(name), false);
     }
+}
+
+/// A text of other software, that fills its file to the last byte.
+TEST_F(ParentLinkTest, TextWithoutRoomGetsRoomForALongerPath) {
+    makeChain({}, {.fileSizeLimit = kSplitLimit});
+    Bytes const content = contentAfterReopening("child.vmdk");
+    moveParent("elsewhere/in/a/folder/of/a/rather/long/name/parent.vmdk");
+    std::string text = toText(toBytes(files->getFile(uriOf("child.vmdk"))));
+    text.resize(text.find('\0'));
+    // Room enough for what an opening looks after, and for nothing else.
+    text += std::string(24, '\0');
+    putText("child.vmdk", text);
+    {
+        std::unique_ptr<SafeDisk> const child = openSafe("child.vmdk");
+        repointToParent(
+            *child, *openSafe("elsewhere/in/a/folder/of/a/rather/long/name/parent.vmdk", kReadOnly),
+            ParentCheck::Content);
+    }
+    EXPECT_EQ(content, contentAfterReopening("child.vmdk"));
+}
+
+TEST_F(ParentLinkTest, PathThatEndsInABlankIsKeptByALineWithoutQuotesToo) {
+    makeChain({}, {.fileSizeLimit = kSplitLimit});
+    Bytes const content = contentAfterReopening("child.vmdk");
+    moveParent("parent%20");
+    std::string text = toText(toBytes(files->getFile(uriOf("child.vmdk"))));
+    std::string const quoted = "parentFileNameHint=\"parent.vmdk\"";
+    ASSERT_NE(std::string::npos, text.find(quoted));
+    text.replace(text.find(quoted), quoted.size(), "parentFileNameHint=parent.vmdk");
+    putText("child.vmdk", text);
+    {
+        std::unique_ptr<SafeDisk> const child = openSafe("child.vmdk");
+        repointToParent(*child, *openSafe("parent%20", kReadOnly), ParentCheck::Content);
+    }
+    EXPECT_EQ("parent ", openSafe("child.vmdk", kReadOnly)
+                             ->getDisk()
+                             .getDescriptor()
+                             ->getParentFileNameHint()
+                             .toStdString());
+    EXPECT_EQ(content, contentAfterReopening("child.vmdk"));
 }
 
 TEST_F(ParentLinkTest, ParentOfOtherContentIsRefusedAndNothingChanges) {

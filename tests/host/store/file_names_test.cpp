@@ -167,6 +167,14 @@ TEST_F(FileNames, ReferencesLeadBackToTheFile) {
     }
 }
 
+TEST_F(FileNames, ReferenceToANameWithBlanksAtItsEndsIsARelativePath) {
+    for (char const* const name : {"blank.vmdk ", " blank.vmdk", " "}) {
+        EXPECT_EQ(
+            name,
+            makeFileReference(toURI("/disks"), toURI(std::string("/disks/") + name)).toStdString());
+    }
+}
+
 TEST_F(FileNames, ReferencesSurviveTheDescriptor) {
     for (char const* const name :
          {"a b.vmdk", " blank.vmdk", "blank.vmdk ", "50%25.vmdk", "\xC3\xA4.vmdk"}) {
@@ -185,15 +193,26 @@ TEST_F(FileNames, ReferencesSurviveTheDescriptor) {
 }
 
 TEST_F(FileNames, DiskThatCouldNotNameItsOwnFilesIsRefused) {
-    for (char const* const name :
-         {"a:b.vmdk", "a:5%.vmdk", "a\\b.vmdk", "q\"q.vmdk", "n\nn.vmdk"}) {
+    constexpr char kColon[] =
+        "A disk cannot have a name with a colon here, since its descriptor could not name its "
+        "files: what stands before the colon would be taken for the scheme of a URI.";
+    constexpr char kLineEnd[] =
+        "A disk cannot have a name with a quote or a line end, since its descriptor could not name "
+        "its files.";
+    constexpr char kBackslash[] =
+        "A disk cannot have a name with a backslash, since its descriptor "
+        "could not name its files.";
+    std::pair<char const*, char const*> const cases[] = {{"a:b.vmdk", kColon},
+                                                         {"a:5%.vmdk", kColon},
+                                                         {"a\\b.vmdk", kBackslash},
+                                                         {"q\"q.vmdk", kLineEnd},
+                                                         {"n\nn.vmdk", kLineEnd}};
+    for (auto const& [name, message] : cases) {
         SCOPED_TRACE(name);
         yx::CURI const uri = yx::CURI("mem:///disks/") << yx::String(name);
-        EXPECT_TRUE(throwsInvalidArg(
-            "SafeDisk::create",
-            "A disk cannot have this name, since its descriptor could not name its files.",
-            {{"uri", uri.toString(true).toStdString()}},
-            [&] { SafeDisk::create(makeGuard().get(), uri, NewDisk()); }));
+        EXPECT_TRUE(throwsInvalidArg("SafeDisk::create", message,
+                                     {{"uri", uri.toString(true).toStdString()}},
+                                     [&] { SafeDisk::create(makeGuard().get(), uri, NewDisk()); }));
     }
     EXPECT_TRUE(fileNames().empty());
 }
