@@ -24,15 +24,28 @@ struct CheckArguments {
 __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
                   yx::String const& password) {
     LongWork work(invocation, "check", threads);
-    return host::checkDisk(
-        invocation.getFiles(), uri, password, work.getOptions(),
-        [&work](yx::CURI const& file, std::string const& text) {
-            work.hideBar();
-            print(host::printable(host::displayName(file)) + ": " + text + "\n");
-            // The next one may be a long time coming.
-            flushOutput();
-        },
-        invocation.getTrust());
+    auto const check = [&](host::FindingCallback const& report) {
+        return host::checkDisk(invocation.getFiles(), uri, password, work.getOptions(), report,
+                               invocation.getTrust());
+    };
+    bool hasFindings = false;
+    host::FindingCallback const report = [&](yx::CURI const& file, std::string const& text) {
+        hasFindings = true;
+        work.hideBar();
+        print(host::printable(host::displayName(file)) + ": " + text + "\n");
+        // The next one may be a long time coming.
+        flushOutput();
+    };
+    return invocation.getWait().retry([&] {
+        try {
+            return check(report);
+        } catch (yx::CError const& error) {
+            // To begin anew would print it all again.
+            if (hasFindings && host::isInUse(error))
+                invocation.setWait(std::chrono::seconds(0));
+            throw;
+        }
+    });
 }
 
 /// Asks for the password only if the disk turns out to need one.

@@ -54,10 +54,13 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
     command.get_option("--max-rounds")->group(kPasswordHelpGroup);
     auto const trust = std::make_shared<TrustOptions>();
     trust->addTo(command);
-    command.callback([&run, maxRounds, trust, action = std::move(action)] {
-        run = [maxRounds, trust, action](Invocation& invocation) {
+    auto const waitSeconds = std::make_shared<int>(0);
+    addWaitOption(command, *waitSeconds);
+    command.callback([&run, maxRounds, trust, waitSeconds, action = std::move(action)] {
+        run = [maxRounds, trust, waitSeconds, action](Invocation& invocation) {
             host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
             invocation.setTrust(trust->make());
+            invocation.setWait(std::chrono::seconds(*waitSeconds));
             return action(invocation);
         };
     });

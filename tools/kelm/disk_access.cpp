@@ -7,6 +7,7 @@
 #include "host/disk/disk_opening.h"
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
+#include "host/store/folder_access.h"
 #include "host/system/name_text.h"
 #include "tools/kelm/errors.h"
 #include "yx/log.h"
@@ -15,12 +16,30 @@ namespace kelm::tool {
 
 namespace {
 
+/// The library opens the parents when it first needs them, and does not wait then. Whether they can
+/// be opened is for the command to find out.
+void waitForParents(Invocation& invocation, host::SafeDisk& disk, yx::String const& password) {
+    if (!invocation.getWait().isOn() || !disk.hasParent())
+        return;
+    try {
+        openParents(invocation, disk, password);
+    } catch (host::CancelledError const&) {
+        throw;
+    } catch (yx::CError const& error) {
+        error.nop();
+    }
+}
+
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
                                          yx::IIOStream::Access access, yx::String const& password,
                                          int compressionLevel) {
-    return std::make_unique<host::SafeDisk>(invocation.getFiles(), uri, access, password,
-                                            compressionLevel, CVMDKGrainTableCache::kDefaultLimit,
-                                            invocation.getTrust());
+    std::unique_ptr<host::SafeDisk> disk = invocation.getWait().retry([&] {
+        return std::make_unique<host::SafeDisk>(
+            invocation.getFiles(), uri, access, password, compressionLevel,
+            CVMDKGrainTableCache::kDefaultLimit, invocation.getTrust());
+    });
+    waitForParents(invocation, *disk, password);
+    return disk;
 }
 
 } // namespace
@@ -65,7 +84,8 @@ bool isEncrypted(host::SafeDisk& disk) {
 std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
                                                          host::SafeDisk& disk,
                                                          yx::String const& password) {
-    return host::openParents(invocation.getFiles(), disk, password);
+    return invocation.getWait().retry(
+        [&] { return host::openParents(invocation.getFiles(), disk, password); });
 }
 
 std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& disk,
@@ -106,12 +126,17 @@ void verifyIsNoFileOf(Invocation& invocation, host::SafeDisk& disk, yx::String c
 NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri,
                                      host::NewDisk const& request, bool force,
                                      std::vector<yx::CURI> const& protectedFiles)
-    : m_invocation(invocation),
-      m_guard(
-          yx::makeObject<host::FileGuard>(invocation.getFiles(), force, &invocation.getCancel())) {
-    m_guard->protect(protectedFiles);
+    : m_invocation(invocation) {
     warnOfFormerDisk(uri);
-    create(uri, request, force);
+    invocation.getWait().retry([&] {
+        // What an attempt has made goes before the next one.
+        m_guard.reset();
+        m_formerDisk.reset();
+        m_guard =
+            yx::makeObject<host::FileGuard>(invocation.getFiles(), force, &invocation.getCancel());
+        m_guard->protect(protectedFiles);
+        create(uri, request, force);
+    });
 }
 
 void NewDiskInProgress::keepFormerDisk(yx::CURI const& uri) {
@@ -124,6 +149,7 @@ void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request
     try {
         // Nothing that exists is touched for what makes no sense.
         host::verifyCanBeMade(uri, request);
+        host::verifyMayWriteInFolderOf(uri);
         if (force && m_invocation.getFiles()->fileExists(uri))
             keepFormerDisk(uri);
         m_disk = host::SafeDisk::create(m_guard.get(), uri, request);

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <chrono>
+
+#include "host/disk/busy_wait.h"
 #include "host/disk/disk_trust.h"
 #include "host/system/cancel.h"
 #include "host/system/progress.h"
@@ -29,10 +32,15 @@ public:
     /// Unfinished disks are opened all the same from now on.
     void allowUnfinished(host::UnfinishedDisks which) { m_trust.unfinished = which; }
 
+    /// How long disks that are in use are waited for, in all.
+    host::BusyWait& getWait() { return m_wait; }
+    void setWait(std::chrono::seconds limit) { m_wait = host::BusyWait(limit, &m_cancel); }
+
 private:
     yx::P<yx::CNativeFileSystem> m_files;
     host::DiskTrust m_trust;
     host::CancelFlag m_cancel;
+    host::BusyWait m_wait;
     host::SignalCancellation m_signals;
 };
 

@@ -11,6 +11,9 @@ namespace {
 
 constexpr int kMaxThreads = 1024;
 
+/// A year.
+constexpr int kMaxWaitSeconds = 365 * 24 * 60 * 60;
+
 } // namespace
 
 void addFlag(CLI::App& command, std::string const& name, bool& target,
@@ -52,6 +55,14 @@ void addForceOption(CLI::App& command, bool& target) {
 void addUnfinishedOption(CLI::App& command, bool& target) {
     addFlag(command, "--unfinished", target,
             "Read also a disk that was not filled to its end, as it is");
+}
+
+void addWaitOption(CLI::App& command, int& targetSeconds) {
+    command
+        .add_option("--wait", targetSeconds,
+                    "Wait so long, in all, for disks that are in use; by default not at all")
+        ->check(CLI::Range(0, kMaxWaitSeconds))
+        ->type_name("SECONDS");
 }
 
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,

@@ -37,6 +37,9 @@ void addForceOption(CLI::App& command, bool& target);
 /// Adds "--unfinished" for reading disks that were not filled to their end.
 void addUnfinishedOption(CLI::App& command, bool& target);
 
+/// Adds "--wait" for disks that are in use.
+void addWaitOption(CLI::App& command, int& targetSeconds);
+
 /// Adds a required positional argument that names a file.
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,
                      std::string const& description);

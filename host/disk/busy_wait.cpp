@@ -1,0 +1,47 @@
+#include "host/disk/busy_wait.h"
+
+#include <algorithm>
+
+#include <poll.h>
+
+#include "yx/lock_file.h"
+
+namespace kelm::host {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// Between two attempts. Nobody who waits for a disk minds it, and the holder hardly notices.
+constexpr std::chrono::milliseconds kPause{100};
+
+/// The other errors of lock files do not pass by themselves: a lock file that cannot be made, or
+/// whose name belongs to another file.
+constexpr char const* kPassingMessages[] = {"The disk is in use:",
+                                            "The lock file is being removed"};
+
+} // namespace
+
+bool isInUse(yx::CError const& error) {
+    for (yx::CError const* each = &error; each; each = each->getCause()) {
+        if (dynamic_cast<yx::CLockFileError const*>(each) &&
+            std::any_of(
+                std::begin(kPassingMessages), std::end(kPassingMessages),
+                [&](char const* start) { return each->getMessage().wx().StartsWith(start); }))
+            return true;
+    }
+    return false;
+}
+
+void BusyWait::pause() {
+    Clock::time_point const start = Clock::now();
+    // A signal ends the pause at once; one that came just before is noticed after it.
+    ::poll(nullptr, 0, static_cast<int>(std::min(kPause, m_left).count()));
+    if (m_cancel)
+        m_cancel->check();
+    // At least something, so that signals do not make it endless.
+    auto const passed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    m_left -= std::clamp(passed, std::chrono::milliseconds{1}, m_left);
+}
+
+} // namespace kelm::host
