@@ -48,6 +48,15 @@ public:
         return m_tables.data() + (tableIndex - m_firstIndex) * kGrainTableSizeBytes;
     }
 
+    /// Where the table lies that `read` has returned.
+    __int64 positionBytesOf(__int64 tableIndex) const {
+        return m_startBytes + (tableIndex - m_firstIndex) * kGrainTableSizeBytes;
+    }
+
+    __int64 getDirectoryEndBytes() const {
+        return m_directoryBytes + m_tableCount * kDirectoryEntrySizeBytes;
+    }
+
 private:
     bool isInFile(__int64 positionBytes, __int64 bytes) const {
         return positionBytes > 0 && positionBytes <= m_fileBytes &&
@@ -71,16 +80,16 @@ private:
             return;
         TableBytes places;
         readAt(entryBytes, count * kDirectoryEntrySizeBytes, places);
-        __int64 const startBytes = loadEntry(places, 0) * kSectorSizeBytes;
+        m_startBytes = loadEntry(places, 0) * kSectorSizeBytes;
         __int64 adjacent = 0;
         while (adjacent < count &&
                loadEntry(places, adjacent) * kSectorSizeBytes ==
-                   startBytes + adjacent * kGrainTableSizeBytes &&
-               isInFile(startBytes, (adjacent + 1) * kGrainTableSizeBytes))
+                   m_startBytes + adjacent * kGrainTableSizeBytes &&
+               isInFile(m_startBytes, (adjacent + 1) * kGrainTableSizeBytes))
             ++adjacent;
         if (adjacent == 0)
             return;
-        readAt(startBytes, adjacent * kGrainTableSizeBytes, m_tables);
+        readAt(m_startBytes, adjacent * kGrainTableSizeBytes, m_tables);
         m_loadedCount = adjacent;
     }
 
@@ -90,6 +99,9 @@ private:
     __int64 m_tableCount;
     __int64 m_firstIndex = 0;
     __int64 m_loadedCount = 0;
+
+    /// Of the first one that is loaded.
+    __int64 m_startBytes = 0;
     TableBytes m_tables;
 };
 
@@ -114,6 +126,40 @@ public:
                              m_capacitySectors - startSectors),
                     text});
         }
+    }
+
+    __int64 renewCopies() {
+        if (!readHeader())
+            return 0;
+        __int64 count = 0;
+        for (__int64 table = 0; table < m_tableCount; ++table) {
+            checkCancel();
+            unsigned char const* const main = m_main->read(table);
+            unsigned char const* const copy = m_copies->read(table);
+            if (!main || !copy || std::equal(main, main + kGrainTableSizeBytes, copy))
+                continue;
+            m_stream.seek(m_copies->positionBytesOf(table));
+            m_stream.write(main, kGrainTableSizeBytes, nullptr);
+            ++count;
+        }
+        if (count > 0)
+            m_stream.flush();
+        return count;
+    }
+
+    __int64 findEnd() {
+        if (!readHeader())
+            return 0;
+        __int64 endBytes =
+            std::max(m_main->getDirectoryEndBytes(), m_copies->getDirectoryEndBytes());
+        for (TableSet* const set : {&*m_main, &*m_copies}) {
+            for (__int64 table = 0; table < m_tableCount; ++table) {
+                if (!set->read(table))
+                    return 0;
+                endBytes = std::max(endBytes, set->positionBytesOf(table) + kGrainTableSizeBytes);
+            }
+        }
+        return (endBytes + kSectorSizeBytes - 1) / kSectorSizeBytes;
     }
 
 private:
@@ -261,6 +307,14 @@ void compareRedundantTables(yx::IIOStream& stream, __int64 startGrainIndex,
                             CancelFlag const* cancel,
                             std::function<void(DamagedTable const&)> const& report) {
     TableComparison(stream, startGrainIndex, cancel).run(report);
+}
+
+__int64 renewRedundantTables(yx::IIOStream& stream, CancelFlag const* cancel) {
+    return TableComparison(stream, 0, cancel).renewCopies();
+}
+
+__int64 findTablesEnd(yx::IIOStream& stream) {
+    return TableComparison(stream, 0, nullptr).findEnd();
 }
 
 } // namespace kelm::host

@@ -4,6 +4,7 @@
 
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
+#include "host/transfer/parents_room.h"
 #include "host/transfer/record_verifier.h"
 #include "host/transfer/transfer_progress.h"
 #include "host/transfer/whole_reading.h"
@@ -11,6 +12,8 @@
 namespace kelm::host {
 
 namespace {
+
+constexpr __int64 kFlushIntervalBytes = __int64{64} << 20;
 
 /// Finds the next grain from `grainIndex` on that only a parent holds; the grain count if there is
 /// none.
@@ -24,16 +27,35 @@ __int64 findParentsGrain(SafeDisk& disk, __int64 grainIndex, TransferProgress& p
     return grainIndex;
 }
 
-void copyParentsGrain(SafeDisk& disk, __int64 grainIndex, TransferProgress& progress) {
-    withGrainPlace(disk, grainIndex, [&] { disk.makeGrainIndependentOfParent(grainIndex); });
-    progress.advanceTo(grainIndex * disk.getGrainSizeBytes());
-}
+/// Copies grains, and flushes now and then: until its tables are on the device, a grain that was
+/// copied is dead space for the next one who opens the disk.
+class GrainCopier {
+public:
+    GrainCopier(SafeDisk& disk, TransferProgress& progress) : m_disk(disk), m_progress(progress) {}
+
+    void copy(__int64 grainIndex) {
+        withGrainPlace(m_disk, grainIndex,
+                       [&] { m_disk.makeGrainIndependentOfParent(grainIndex); });
+        m_unflushedBytes += m_disk.getGrainSizeBytes();
+        if (m_unflushedBytes >= kFlushIntervalBytes) {
+            m_disk.flush();
+            m_unflushedBytes = 0;
+        }
+        m_progress.advanceTo(grainIndex * m_disk.getGrainSizeBytes());
+    }
+
+private:
+    SafeDisk& m_disk;
+    TransferProgress& m_progress;
+    __int64 m_unflushedBytes = 0;
+};
 
 /// On one thread: there are no records to decode.
 void copyDirectly(SafeDisk& disk, TransferProgress& progress) {
+    GrainCopier copier(disk, progress);
     for (__int64 index = findParentsGrain(disk, 0, progress); index < disk.getGrainCount();
          index = findParentsGrain(disk, index + 1, progress)) {
-        copyParentsGrain(disk, index, progress);
+        copier.copy(index);
     }
 }
 
@@ -44,6 +66,7 @@ void copyVerified(SafeDisk& disk, int threads, TransferProgress& progress) {
         if (item.inputIsPrepared)
             verifier.verify(item, worker);
     });
+    GrainCopier copier(disk, progress);
     __int64 nextIndex = 0;
     pipeline.run(
         [&](GrainItem& item) {
@@ -56,15 +79,16 @@ void copyVerified(SafeDisk& disk, int threads, TransferProgress& progress) {
             });
             return true;
         },
-        [&](GrainItem& item) { copyParentsGrain(disk, item.grainIndex, progress); },
-        grainPlaceOf(disk));
+        [&](GrainItem& item) { copier.copy(item.grainIndex); }, grainPlaceOf(disk));
 }
 
 } // namespace
 
 void makeIndependentOfParent(SafeDisk& disk, WorkOptions const& options) {
-    if (disk.hasParent())
+    if (disk.hasParent()) {
         beginWholeReading(disk, options.cancel);
+        verifyRoomForParentsGrains(disk, options.cancel);
+    }
     TransferProgress progress(options, disk.getSizeBytes());
     if (disk.hasParent() && disk.getDisk().getCompressed())
         copyVerified(disk, countThreads(options), progress);

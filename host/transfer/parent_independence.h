@@ -11,7 +11,11 @@ namespace kelm::host {
 /// A grain that cannot be read or decoded, or whose record names another grain, ends the work; the
 /// error has the grain's place, as `addGrainPlace` says. Grains that were copied before stay, so
 /// the work can be done again. The disk needs its parent then as before.
-/// `beginWholeReading` comes first, and its errors leave the disk as it was.
+/// `beginWholeReading` and `verifyRoomForParentsGrains` come first, and their errors leave the disk
+/// as it was.
+///
+/// The disk is flushed every 64 MiB, so that a kill or a power cut leaves no more than that as dead
+/// space; `dropDeadTails` takes it away before the work is done again.
 void makeIndependentOfParent(SafeDisk& disk, WorkOptions const& options);
 
 } // namespace kelm::host

@@ -1,5 +1,6 @@
 #include <memory>
 
+#include "host/disk/dead_tails.h"
 #include "host/disk/parent_link.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
@@ -15,11 +16,21 @@ struct FlattenArguments {
     PasswordOptions passwords;
 };
 
-ExitStatus flatten(Invocation& invocation, FlattenArguments& arguments) {
-    std::unique_ptr<host::SafeDisk> const disk =
+std::unique_ptr<host::SafeDisk> openChild(Invocation& invocation, FlattenArguments& arguments) {
+    std::unique_ptr<host::SafeDisk> disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadWrite, arguments.passwords);
     if (!disk->hasParent())
         throw UsageError("The disk has no parent: " + arguments.disk);
+    return disk;
+}
+
+ExitStatus flatten(Invocation& invocation, FlattenArguments& arguments) {
+    std::unique_ptr<host::SafeDisk> disk = openChild(invocation, arguments);
+    // An attempt that was killed may have copied grains that no table names.
+    if (host::dropDeadTails(*disk, &invocation.getCancel())) {
+        disk.reset();
+        disk = openChild(invocation, arguments);
+    }
     LongWork const work(invocation, "flatten");
     host::makeIndependentOfParent(*disk, work.getOptions());
     host::dropParentLink(*disk);
