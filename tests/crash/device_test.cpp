@@ -3,13 +3,13 @@
 #include <filesystem>
 #include <fstream>
 
-#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include "tests/crash/crash_history.h"
 #include "tests/support/ignored_exception_capture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/running_program.h"
+#include "tests/support/small_device.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/unprivileged_scope.h"
 #include "yx/native_file_system.h"
@@ -216,26 +216,6 @@ TEST_F(Devices, FolderThatMayNotBeWrittenLetsDisksBeRead) {
     }
     EXPECT_EQ((std::set<std::string>{"disk.vmdk"}), fileNames());
 }
-
-/// A file system in memory that holds one mebibyte, as long as it lives.
-class SmallDevice {
-public:
-    explicit SmallDevice(std::filesystem::path const& path) : m_path(path) {
-        m_isMounted = ::mount("kelm", m_path.c_str(), "tmpfs", 0, "size=1m") == 0;
-    }
-    SmallDevice(SmallDevice const&) = delete;
-    SmallDevice& operator=(SmallDevice const&) = delete;
-    ~SmallDevice() {
-        if (m_isMounted)
-            ::umount2(m_path.c_str(), MNT_DETACH);
-    }
-
-    bool isMounted() const { return m_isMounted; }
-
-private:
-    std::filesystem::path m_path;
-    bool m_isMounted;
-};
 
 TEST_F(Devices, DeviceThatRunsFullInTheMiddleOfAnImportHoldsNothingAfterwards) {
     TempDirectory const images;

@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cstdio>
 #include <optional>
+#include <vector>
 
 #include "host/disk/unfinished_disk.h"
 #include "host/system/cancel.h"
@@ -46,6 +47,17 @@ std::optional<ExitStatus> ownStatusOf(yx::CError const& error) {
     return ioError ? statusOfCode(ioError->getIOCode()) : std::nullopt;
 }
 
+/// An error that a destructor could tell nobody.
+struct IgnoredError {
+    ExitStatus status;
+    std::string text;
+};
+
+std::vector<IgnoredError>& ignoredErrors() {
+    static std::vector<IgnoredError> errors;
+    return errors;
+}
+
 } // namespace
 
 std::string describeError(std::exception const& error) {
@@ -77,9 +89,19 @@ void routeLibraryMessages() {
             std::fprintf(stderr, "kelm: warning: %s\n",
                          host::printable(entry.message.toStdString()).c_str());
     });
+    // A full device fails once more for each file that is closed, so these are kept to the end.
     yx::setIgnoredExceptionHandler([](char const*, std::exception& error, bool) {
-        std::fprintf(stderr, "kelm: warning: %s\n", describeError(error).c_str());
+        ignoredErrors().push_back({exitStatusOf(error), describeError(error)});
     });
+}
+
+void reportIgnoredErrors(std::optional<ExitStatus> status) {
+    for (IgnoredError const& error : ignoredErrors()) {
+        bool const hasOneCause = status && error.status == *status && *status != ExitStatus::Failed;
+        if (!hasOneCause)
+            std::fprintf(stderr, "kelm: warning: %s\n", error.text.c_str());
+    }
+    ignoredErrors().clear();
 }
 
 } // namespace kelm::tool

@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <sstream>
 
 #include <CLI/CLI.hpp>
@@ -66,9 +67,12 @@ ExitStatus runProgram(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     try {
-        return static_cast<int>(runProgram(argc, argv));
+        ExitStatus const status = runProgram(argc, argv);
+        kelm::tool::reportIgnoredErrors(std::nullopt);
+        return static_cast<int>(status);
     } catch (std::exception const& error) {
         kelm::tool::dropOutput();
+        kelm::tool::reportIgnoredErrors(kelm::tool::exitStatusOf(error));
         std::fprintf(stderr, "kelm: %s\n", kelm::tool::describeError(error).c_str());
         return static_cast<int>(kelm::tool::exitStatusOf(error));
     }
