@@ -14,6 +14,7 @@
 #define NBDKIT_API_VERSION 2
 #include <nbdkit-plugin.h>
 
+#include "host/disk/unfinished_disk.h"
 #include "host/store/file_names.h"
 #include "host/system/error_text.h"
 #include "host/system/key_derivation.h"
@@ -46,10 +47,17 @@ int maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
 std::optional<host::KeyDerivationWatch> keyDerivationWatch;
 std::unique_ptr<ServedDisk> servedDisk;
 
+/// The parameter that lets a disk be served all the same; "" if there is none.
+char const* wayOutOf(std::exception const& error) {
+    if (dynamic_cast<host::TooManyRoundsError const*>(&error))
+        return " A larger max-rounds allows more.";
+    if (dynamic_cast<host::UnfinishedDiskError const*>(&error))
+        return " unfinished=yes serves it as it is, read-only (-r).";
+    return "";
+}
+
 void report(std::exception const& error) {
-    bool const takesTooLong = dynamic_cast<host::TooManyRoundsError const*>(&error) != nullptr;
-    nbdkit_error("%s%s", host::describeError(error).c_str(),
-                 takesTooLong ? " A larger max-rounds allows more." : "");
+    nbdkit_error("%s%s", host::describeError(error).c_str(), wayOutOf(error));
     nbdkit_set_error(errnoOf(error));
 }
 
@@ -93,7 +101,8 @@ void unload() {
 void printCapabilities() {
     std::printf("kelm_version=%s\n"
                 "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
-                "kelm_parameters=file,password,cache-tables,max-rounds,allow-path,allow-oversize\n"
+                "kelm_parameters=file,password,cache-tables,max-rounds,allow-path,allow-oversize,"
+                "unfinished\n"
                 "kelm_requests=read,write,zero,flush,fua,extents,cache\n",
                 KELM_VERSION);
 }
@@ -136,6 +145,15 @@ bool configureAllowOversize(char const* value) {
     return true;
 }
 
+bool configureUnfinished(char const* value) {
+    int const isRead = nbdkit_parse_bool(value);
+    if (isRead == -1)
+        return false;
+    settings.trust.unfinished =
+        isRead == 1 ? host::UnfinishedDisks::InChain : host::UnfinishedDisks::Refused;
+    return true;
+}
+
 bool configureParameter(std::string_view key, char const* value) {
     if (key == "file") {
         // At once, since nbdkit may change its working directory later.
@@ -154,6 +172,8 @@ bool configureParameter(std::string_view key, char const* value) {
     }
     if (key == "allow-oversize")
         return configureAllowOversize(value);
+    if (key == "unfinished")
+        return configureUnfinished(value);
     throw std::runtime_error("unknown parameter '" + std::string(key) + "'");
 }
 
@@ -298,7 +318,9 @@ nbdkit_plugin describePlugin() {
         "allow-path=<FOLDER>   A folder in which files of the disk may lie,\n"
         "                      beside the disk's own; may be given several times.\n"
         "allow-oversize=<BOOL> Take a disk with grains above 64 MiB, more than\n"
-        "                      65536 extents, or more than 1 TiB without files.\n";
+        "                      65536 extents, or more than 1 TiB without files.\n"
+        "unfinished=<BOOL>     Serve also a disk that was not filled to its end,\n"
+        "                      read-only (-r).\n";
     plugin.load = load;
     plugin.unload = unload;
     plugin.dump_plugin = printCapabilities;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/disk/parent_chain.h"
+#include "host/transfer/grain_place.h"
 #include "host/transfer/whole_reading.h"
 #include "yx/native_file_system.h"
 
@@ -31,9 +32,13 @@ void ServedDisk::open(yx::IIOStream::Access access) {
         return;
     close();
     yx::String const& password = m_settings.password.get();
+    host::DiskTrust trust = m_settings.trust;
+    // Whoever goes on filling the disk takes what it holds for the image's.
+    if (access == yx::IIOStream::ReadWrite)
+        trust.unfinished = host::UnfinishedDisks::Refused;
     auto opened = std::make_unique<host::SafeDisk>(
         m_fileSystem.get(), m_settings.uri, access, password, kDefaultCompressionLevel,
-        m_settings.maxCachedTables.value_or(CVMDKGrainTableCache::kDefaultLimit), m_settings.trust);
+        m_settings.maxCachedTables.value_or(CVMDKGrainTableCache::kDefaultLimit), trust);
     // A table that left the cache by itself could come back stale while it has changes.
     if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
         opened->limitTables(*m_settings.maxCachedTables);
@@ -51,7 +56,7 @@ void ServedDisk::close() {
 }
 
 void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
-    disk().read(positionBytes, buffer, bytes);
+    host::readWithGrainPlace(disk(), positionBytes, buffer, bytes);
 }
 
 void ServedDisk::write(__int64 positionBytes, void const* buffer, int bytes) {

@@ -18,7 +18,8 @@ struct DiskSettings {
     /// as `host::SafeDisk` lets it, and one opened for reading as many as the library does.
     std::optional<int> maxCachedTables;
 
-    /// How far the descriptors of the disk and its parents are believed.
+    /// How far the descriptors of the disk and its parents are believed. Unfinished disks are only
+    /// ever opened for reading.
     host::DiskTrust trust;
 };
 

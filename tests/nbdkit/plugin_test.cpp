@@ -45,7 +45,7 @@ TEST_F(Plugin, TellsWhatItCanDo) {
                                  "\n"
                                  "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
                                  "kelm_parameters=file,password,cache-tables,max-rounds,"
-                                 "allow-path,allow-oversize\n"
+                                 "allow-path,allow-oversize,unfinished\n"
                                  "kelm_requests=read,write,zero,flush,fua,extents,cache\n";
     EXPECT_NE(outcome.out.find(expected), std::string::npos) << outcome.out;
     for (char const* const line :
@@ -217,6 +217,33 @@ TEST_F(Plugin, RefusesADamagedGrainTableBeforeItServes) {
     }
 }
 
+TEST_F(Plugin, ServesAnUnfinishedDiskOnlyWhereThatIsAskedForAndOnlyReadOnly) {
+    std::string const image(kDiskBytes, 'u');
+    {
+        endtoend::RunningTool tool(folder(), {"import", "-", "disk.vmdk", "--size", "16M"});
+        tool.feed(image.substr(0, kDiskBytes / 2));
+        tool.signal(SIGKILL);
+        EXPECT_EQ(tool.finish().status, -1);
+    }
+    std::string const words =
+        "nbdkit: error: The disk is unfinished: it has not been filled to its end. (uri: " +
+        path("disk.vmdk") + ") unfinished=yes serves it as it is, read-only (-r).\n";
+    for (char const* const option : {"-f", "-r"}) {
+        EXPECT_EQ(refusalOf({option, "disk.vmdk"}), words);
+        EXPECT_EQ(refusalOf({option, "disk.vmdk", "unfinished=no"}), words);
+    }
+    EXPECT_EQ(refusalOf({"disk.vmdk", "unfinished=yes"}), words);
+    EXPECT_NE(refusalOf({"-r", "disk.vmdk", "unfinished=perhaps"}).find("perhaps"),
+              std::string::npos);
+
+    Server server(folder(), {"-r", KELM_NBDKIT_PLUGIN, "disk.vmdk", "unfinished=yes"});
+    std::string const served = Client(server.socketPath()).read(0, kDiskBytes);
+    stopWell(server);
+    Outcome const read = run({"export", "disk.vmdk", "-", "--unfinished"});
+    EXPECT_EQ(read.status, 0);
+    EXPECT_TRUE(served == read.out);
+}
+
 TEST_F(Plugin, KeepsOthersFromWritingToAParent) {
     makeDisk({"Child", {}, false, true}, std::string(kDiskBytes, 'p'));
     std::unique_ptr<Server> const server = serve();
@@ -384,6 +411,10 @@ TEST_F(Plugin, TellsOfDamage) {
     EXPECT_NE(outcome.err.find("error: Compressed data is corrupt, incomplete or larger than its "
                                "target. (sourceSize: "),
               std::string::npos)
+        << outcome.err;
+    EXPECT_NE(
+        outcome.err.find("uri: " + path("disk.vmdk") + ", grain: 255, bytes: 16711680-16777215)"),
+        std::string::npos)
         << outcome.err;
 }
 
