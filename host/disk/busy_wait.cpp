@@ -10,7 +10,7 @@ namespace kelm::host {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using WaitClock = std::chrono::steady_clock;
 
 /// Between two attempts. Nobody who waits for a disk minds it, and the holder hardly notices.
 constexpr std::chrono::milliseconds kPause{100};
@@ -34,13 +34,14 @@ bool isInUse(yx::CError const& error) {
 }
 
 void BusyWait::pause() {
-    Clock::time_point const start = Clock::now();
+    WaitClock::time_point const start = WaitClock::now();
     // A signal ends the pause at once; one that came just before is noticed after it.
     ::poll(nullptr, 0, static_cast<int>(std::min(kPause, m_left).count()));
     if (m_cancel)
         m_cancel->check();
     // At least something, so that signals do not make it endless.
-    auto const passed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    auto const passed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(WaitClock::now() - start);
     m_left -= std::clamp(passed, std::chrono::milliseconds{1}, m_left);
 }
 

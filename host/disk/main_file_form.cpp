@@ -12,7 +12,7 @@ namespace kelm::host {
 
 namespace {
 
-using Start = std::span<unsigned char const>;
+using FileStart = std::span<unsigned char const>;
 
 constexpr int kLookedAtBytes = 1024;
 
@@ -26,13 +26,13 @@ bool isOfText(unsigned char byte) {
            (byte >= kBlank && byte != kDelete);
 }
 
-bool isExtent(Start start) {
+bool isExtent(FileStart start) {
     auto const magic = loadLittleEndian<unsigned int>(start.data());
     return magic == kHeaderMagic || magic == kEncryptionExtensionHeaderMagic;
 }
 
 /// Whether letters begin at `first`, and zeros stand beside them.
-bool isUTF16Text(Start start, std::size_t first) {
+bool isUTF16Text(FileStart start, std::size_t first) {
     if (start.size() < 2 * kLettersLookedAt)
         return false;
     for (std::size_t i = 0; i < 2 * kLettersLookedAt; ++i) {
@@ -43,15 +43,15 @@ bool isUTF16Text(Start start, std::size_t first) {
     return true;
 }
 
-bool isUTF16(Start start) {
+bool isUTF16(FileStart start) {
     bool const hasMark =
         (start[0] == 0xFF && start[1] == 0xFE) || (start[0] == 0xFE && start[1] == 0xFF);
-    Start const text = hasMark ? start.subspan(2) : start;
+    FileStart const text = hasMark ? start.subspan(2) : start;
     return isUTF16Text(text, 0) || isUTF16Text(text, 1);
 }
 
 /// Zeros fill the file behind a text, but nothing stands before it.
-bool isText(Start start) {
+bool isText(FileStart start) {
     auto const end = std::find(start.begin(), start.end(), 0);
     return end != start.begin() && std::all_of(start.begin(), end, isOfText);
 }
@@ -65,7 +65,7 @@ void verifyIsExtentOrText(yx::IIOStream& stream, yx::CURI const& uri) {
     // Too short for either, which the library says.
     if (count < static_cast<int>(sizeof(unsigned int)))
         return;
-    Start const start(bytes.data(), static_cast<std::size_t>(count));
+    FileStart const start(bytes.data(), static_cast<std::size_t>(count));
     if (isExtent(start))
         return;
     yx::CProps const props = yx::CProps().add("uri", uri.toString(true));

@@ -22,10 +22,10 @@ namespace {
 constexpr __int64 kCancelInterval = 4096;
 
 /// The run of tables that is read in one go.
-constexpr int kTablesInMemory = 64;
+constexpr int kParentTablesInMemory = 64;
 
 /// A file system of the machine that has files of the disk.
-struct Store {
+struct FileStore {
     yx::CURI folder;
     __int64 neededBytes = 0;
 };
@@ -59,7 +59,7 @@ struct OpenTables {
         header.load(in);
         directory = yx::makeObject<CVMDKGrainDirectory>(
             stream.get(), yx::IIOStream::ReadOnly, header,
-            yx::makeObject<CVMDKGrainTableCache>(kTablesInMemory).get());
+            yx::makeObject<CVMDKGrainTableCache>(kParentTablesInMemory).get());
     }
 
     yx::P<yx::IIOStream> stream;
@@ -146,9 +146,9 @@ private:
         }
     }
 
-    Store& storeOf(std::size_t extent) {
+    FileStore& storeOf(std::size_t extent) {
         yx::CURI const& file = m_disk.listExtents()[extent].uri;
-        return m_stores.try_emplace(*m_devices[extent], Store{file.getParent()}).first->second;
+        return m_stores.try_emplace(*m_devices[extent], FileStore{file.getParent()}).first->second;
     }
 
     __int64 calcBytes(__int64 grain) {
@@ -172,7 +172,7 @@ private:
 
     /// For each extent; nothing for one that is on no file system of the machine.
     std::vector<std::optional<dev_t>> m_devices;
-    std::map<dev_t, Store> m_stores;
+    std::map<dev_t, FileStore> m_stores;
 };
 
 } // namespace
