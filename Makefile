@@ -47,15 +47,19 @@ fuzz: install-packages
 fuzz-corpus: all
 	build/release/bin/fuzz/make_corpus fuzz/corpus
 
-# Takes ten random chains of disks of other software for each of SOAK_CHAIN_ROUNDS. Then runs
+# Takes ten random chains of disks of other software for each of SOAK_CHAIN_ROUNDS. Then kills some
+# 24 imports and conversions for each of SOAK_KILL_ROUNDS, and looks at what they left. Then runs
 # histories of writing, killing and reopening on every kind of disk for SOAK_SECONDS, in the folder
 # for temporary files. SOAK_ARGS may be "--seed <n>".
 SOAK_CHAIN_ROUNDS ?= 200
+SOAK_KILL_ROUNDS ?= 50
 SOAK_SECONDS ?= 60
 SOAK_ARGS ?=
 soak: all
 	KELM_MODEL_ROUNDS=$(SOAK_CHAIN_ROUNDS) build/release/bin/test_host_transfer \
 	    --gtest_filter='ForeignChainModel.*'
+	KELM_MODEL_ROUNDS=$(SOAK_KILL_ROUNDS) build/release/bin/test_endtoend \
+	    --gtest_filter='Unfinished.*'
 	build/release/bin/helpers/soak/soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
 # Measures everything beside its limit and writes one report. BENCH_WORK is a folder on the disk

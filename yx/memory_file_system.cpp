@@ -23,7 +23,7 @@ CURI toFileKey(CURI const& uri) {
 }
 
 bool namesFolder(CURI const& key) {
-    return key.getPath().wx().EndsWith("/");
+    return key.getPath().wx().EndsWith(L"/");
 }
 
 } // namespace

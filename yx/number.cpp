@@ -62,9 +62,9 @@ __int64 parseHexInt64(String const& text, bool wrapUnsigned) {
 }
 
 bool parseBool(String const& text) {
-    if (text == "1" || text.wx().IsSameAs("true", false))
+    if (text == "1" || text.wx().IsSameAs(L"true", false))
         return true;
-    if (text == "0" || text.wx().IsSameAs("false", false))
+    if (text == "0" || text.wx().IsSameAs(L"false", false))
         return false;
     throwInvalid("Invalid boolean value", text);
 }

@@ -94,7 +94,7 @@ size_t countLeadingSeps(wxString const& text) {
 } // namespace
 
 bool CUnixPathTraits::isAbsolute(String const& path) {
-    return path.wx().StartsWith("/");
+    return path.wx().StartsWith(L"/");
 }
 
 bool CUnixPathTraits::isSep(wchar_t character) {
@@ -190,7 +190,7 @@ int CWindowsPathTraits::getRootLength(String const& path, int* rebuiltLength) {
 }
 
 void CWindowsPathTraits::normalizeSeparators(String& path) {
-    path.wx().Replace("/", "\\");
+    path.wx().Replace(L"/", L"\\");
 }
 
 void CWindowsPathTraits::normalizeRoot(String& root) {
@@ -229,7 +229,7 @@ void CWindowsPathTraits::finalizeNormalizedPath(String& path) {
     text[0] = toUpperLetter(text[0]);
     if (text == text.Left(2) + ".")
         text.erase(2);
-    else if (text.Mid(2).StartsWith(".\\"))
+    else if (text.Mid(2).StartsWith(L".\\"))
         text.erase(2, 2);
 }
 
@@ -237,7 +237,7 @@ bool CWindowsPathTraits::pathNeedsToBeNormalizedToBeValid(String const& path) {
     wxString const& text = path.wx();
     if (!text.StartsWith(kVerbatimPrefix))
         return false;
-    if (text.Contains("/"))
+    if (text.Contains(L"/"))
         return true;
     // Only what stands behind the root is looked at: that is what normalising makes right, so a
     // normalised path never needs it again.

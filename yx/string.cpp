@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <new>
 #include <ostream>
 
 #include "yx/memory.h"
@@ -218,8 +221,14 @@ void String::trimLeft() {
 
 wxCharBuffer String::toUTF8() const {
     std::string const utf8 = encode(m_text);
-    wxCharBuffer buffer(utf8.size());
-    std::copy(utf8.begin(), utf8.end(), buffer.data());
+    // A buffer that allocates its own text would lose it if the rest of the buffer found no memory.
+    std::unique_ptr<char, decltype(&std::free)> text(
+        static_cast<char*>(std::malloc(utf8.size() + 1)), &std::free);
+    if (!text)
+        throw std::bad_alloc();
+    std::copy_n(utf8.c_str(), utf8.size() + 1, text.get());
+    wxScopedCharBuffer const buffer = wxScopedCharBuffer::CreateOwned(text.get(), utf8.size());
+    static_cast<void>(text.release());
     return buffer;
 }
 

@@ -52,7 +52,7 @@ CStringFormat& CStringFormat::operator<<(__int64 value) {
 
 CStringFormat::operator String() const {
     String text = m_text;
-    text.wx().Replace("%%", "%");
+    text.wx().Replace(L"%%", L"%");
     return text;
 }
 

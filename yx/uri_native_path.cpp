@@ -104,7 +104,7 @@ CURI::CURI(TPathImpl<CUnixPathTraits> const& path, bool asFolder) {
 
 CURI::CURI(TPathImpl<CWindowsPathTraits> const& path, bool asFolder) {
     String text = path.getPath();
-    text.wx().Replace("\\", "/");
+    text.wx().Replace(L"\\", L"/");
     if (!path.isAbsolute()) {
         setNativePath(escapeNativePath(text.toStdString()), asFolder);
         return;

@@ -51,9 +51,9 @@ std::optional<std::string> encodeName(CVMDKDescriptor const& descriptor, yx::Str
     yx::String encoding;
     descriptor.tryGetValue("encoding", encoding);
     wxString reduced = encoding.wx().Lower();
-    reduced.Replace("-", "");
-    reduced.Replace("_", "");
-    if (reduced.empty() || reduced == "utf8")
+    reduced.Replace(L"-", L"");
+    reduced.Replace(L"_", L"");
+    if (reduced.empty() || reduced == L"utf8")
         return name.toStdString();
     constexpr wxUint32 kGreatestLatin1Character = 0xFF;
     std::string encoded;

@@ -49,7 +49,7 @@ CVMDKDescriptor::CNameValueEntry::CNameValueEntry(yx::String const& name, yx::St
 yx::String CVMDKDescriptor::CNameValueEntry::toString() {
     yx::String text = m_name;
     // Deliberate: by the case of the letters, unlike the search for keys.
-    text += m_name.wx().StartsWith("ddb.") ? " = " : "=";
+    text += m_name.wx().StartsWith(L"ddb.") ? " = " : "=";
     if (m_quoted)
         text += L'"';
     text += m_value;

@@ -30,7 +30,7 @@ bool isWindowsAbsolute(wxString const& reference) {
 
 bool isURI(wxString const& reference) {
     size_t const colon = reference.find(':');
-    return colon != wxString::npos && colon > 0 && reference.find_first_of("/\\") > colon;
+    return colon != wxString::npos && colon > 0 && reference.find_first_of(L"/\\") > colon;
 }
 
 yx::CURI windowsPathToURI(yx::String const& path) {

@@ -74,6 +74,26 @@ void ToolTest::waitForFile(RunningTool const& tool, std::string const& name) con
     ::close(process);
 }
 
+void ToolTest::waitForWrites(RunningTool const& tool, std::string const& name, int count) const {
+    waitForFile(tool, name);
+    int const watch = ::inotify_init1(IN_CLOEXEC);
+    int const process = test_support::openProcess(tool.id());
+    // The program may be through, and have removed what it made.
+    bool const isThere = ::inotify_add_watch(watch, path(name).c_str(), IN_MODIFY) >= 0;
+    pollfd events[] = {{watch, POLLIN, 0}, {process, POLLIN, 0}};
+    while (isThere && count > 0 && events[1].revents == 0) {
+        ::poll(events, std::size(events), -1);
+        // Equal events in a row are one: each is counted as it comes.
+        char news[sizeof(inotify_event)];
+        if (events[0].revents != 0) {
+            ASSERT_GT(::read(watch, news, sizeof news), 0);
+            --count;
+        }
+    }
+    ::close(watch);
+    ::close(process);
+}
+
 std::set<std::string> ToolTest::listFiles() const {
     std::set<std::string> names;
     for (auto const& entry : std::filesystem::directory_iterator(folder()))

@@ -47,6 +47,9 @@ protected:
     /// Waits until the program has made a file, or has ended.
     void waitForFile(RunningTool const& tool, std::string const& name) const;
 
+    /// The same, and then until the file has been written to so many times.
+    void waitForWrites(RunningTool const& tool, std::string const& name, int count) const;
+
     /// The names in the folder.
     std::set<std::string> listFiles() const;
 

@@ -165,11 +165,16 @@ std::string describeChange(CVMDKDescriptor const& descriptor) {
 
 constexpr char kTextWithID[] = "encoding=\"UTF-8\"\nCID=87654321\nkey=value\n";
 
+/// With zeros behind the text, whatever the length of the ID that is drawn.
+Bytes fileWithID() {
+    Bytes file = fromText(kTextWithID);
+    file.resize(1024);
+    return file;
+}
+
 struct AccessorCase {
     AccessorCase() {
-        Bytes file = fromText(kTextWithID);
-        file.resize(1024);
-        stream = yx::makeObject<ScriptedStream>(file);
+        stream = yx::makeObject<ScriptedStream>(fileWithID());
         accessor = yx::makeObject<CVMDKDescriptorAccessor>(stream.get(), yx::IIOStream::ReadWrite);
     }
 
@@ -196,7 +201,7 @@ struct UpdaterCase {
             files.get(), isEmbedded ? mainFile : extentFile, false, 16, 8, zeroBuffer(2048),
             isEmbedded ? descriptor.get() : nullptr, isEmbedded ? 1 : 0, {});
         if (!isEmbedded)
-            files->putFile(mainFile, toBuffer(fromText(kTextWithID)));
+            files->putFile(mainFile, toBuffer(fileWithID()));
         extent = yx::makeObject<kelm::CVMDKSparseExtentFile>(
             kelm::openVMDKFileStream(files.get(), isEmbedded ? mainFile : extentFile,
                                      yx::IIOStream::ReadWrite)
@@ -231,7 +236,7 @@ TEST(FormatAllocations, ContentIDOfADiskIsOneInTheFileAndInMemory) {
             [isEmbedded] { return std::make_unique<UpdaterCase>(isEmbedded); },
             [](std::unique_ptr<UpdaterCase> const& each) {
                 // Whatever failed before has left a disk with a descriptor.
-                EXPECT_NE(each->readStored()->toString().wx().find("key=value"), wxString::npos);
+                EXPECT_NE(each->readStored()->toString().wx().find(L"key=value"), wxString::npos);
                 each->updater->onDiskAboutToChange(*each->extent);
             },
             [](std::unique_ptr<UpdaterCase> const& each) {

@@ -1,6 +1,8 @@
 #include "kelm/format/internal/descriptor_text.h"
 
+#include <algorithm>
 #include <new>
+#include <string>
 
 #include "yx/error.h"
 #include "yx/log.h"
@@ -9,14 +11,19 @@ namespace kelm::detail {
 
 namespace {
 
+/// Without a conversion of wxWidgets, which gives an empty text where memory runs out.
 wxString decodeLatin1(std::string_view bytes) {
-    return wxString::From8BitData(bytes.data(), bytes.size());
+    std::wstring text(bytes.size(), L'\0');
+    std::transform(bytes.begin(), bytes.end(), text.begin(),
+                   [](char byte) { return static_cast<unsigned char>(byte); });
+    return text;
 }
 
 /// The value of the "encoding" key, empty if there is none. The bytes are taken as Latin-1, so that
 /// the line is found whatever the encoding is.
 yx::String findEncoding(std::string_view bytes) {
-    wxString const key(kEncodingKey);
+    yx::String const name(kEncodingKey);
+    wxString const& key = name.wx();
     yx::String encoding;
     forEachLine(bytes, [&](std::string_view line) {
         if (isComment(line))
@@ -33,11 +40,11 @@ yx::String findEncoding(std::string_view bytes) {
 
 wxString decodeAs(yx::String const& encoding, std::string_view bytes) {
     wxString reduced = encoding.wx().Lower();
-    reduced.Replace("_", "");
-    reduced.Replace("-", "");
-    if (reduced.empty() || reduced == "utf8")
+    reduced.Replace(L"_", L"");
+    reduced.Replace(L"-", L"");
+    if (reduced.empty() || reduced == L"utf8")
         return yx::String::tryFromUTF8(bytes).value_or(yx::String()).wx();
-    if (reduced != "latin1" && reduced != "iso88591") {
+    if (reduced != L"latin1" && reduced != L"iso88591") {
         yx::logWarning("Unknown VMDK descriptor encoding '" + encoding +
                        "'. Using Latin-1 instead.");
     }
