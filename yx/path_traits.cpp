@@ -13,14 +13,14 @@ namespace yx {
 namespace {
 
 /// Of a path that the system takes as it stands.
-constexpr char kVerbatimPrefix[] = "\\\\?\\";
+constexpr wchar_t kVerbatimPrefix[] = L"\\\\?\\";
 
 /// Of "\\?\" and "\\.\" alike.
 constexpr size_t kDevicePrefixLength = 4;
 
 /// The device that network shares are reached through.
-constexpr char kShareDevice[] = "UNC";
-constexpr size_t kShareDeviceLength = sizeof kShareDevice - 1;
+constexpr wchar_t kShareDevice[] = L"UNC";
+constexpr size_t kShareDeviceLength = std::size(kShareDevice) - 1;
 
 bool isLetter(wxUniChar character) {
     return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z');

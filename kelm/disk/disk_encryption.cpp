@@ -18,7 +18,7 @@ namespace kelm {
 
 namespace {
 
-constexpr char kKeyDerivationPrefix[] = "pkcs5-pbkdf2-hmac-sha1:";
+constexpr wchar_t kKeyDerivationPrefix[] = L"pkcs5-pbkdf2-hmac-sha1:";
 constexpr int kKeyDerivationIterations = 10000;
 constexpr __int64 kMinKeyDerivationIterations = 1000;
 constexpr int kMinSaltSizeBytes = 8;
@@ -85,7 +85,8 @@ yx::TBuffer<unsigned char> addNewDiskKey(CVMDKDescriptor& descriptor, yx::String
     fillWithRandom(iv);
     descriptor.setYxEncryptionIV(iv);
 
-    yx::String const derivation = kKeyDerivationPrefix + yx::toString(kKeyDerivationIterations);
+    yx::String const derivation =
+        yx::String(kKeyDerivationPrefix) + yx::toString(kKeyDerivationIterations);
     descriptor.setYxEncryptionKeyDerivationAlgorithm(derivation);
     yx::TBuffer<unsigned char> salt(keySizeBytes, -1);
     fillWithRandom(salt);
