@@ -62,7 +62,7 @@ void checkRecord(yx::TBuffer<unsigned char>& file) {
 void checkExtentFile(yx::TBuffer<unsigned char>& file) {
     yx::CBufferStream stream(&file, 2.0);
     host::DiskExtent place;
-    place.endBytes = 16 * kSectorSizeBytes;
+    place.endBytes = __int64{16} * kSectorSizeBytes;
     host::KnownGrains known;
     attempt([&] {
         host::checkExtent(

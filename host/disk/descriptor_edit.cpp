@@ -77,7 +77,7 @@ std::optional<DescriptorArea> replaceInArea(DescriptorArea const& area, TextSpan
     assert(old.start + old.length <= text.size());
     std::string changed = text;
     changed.replace(old.start, old.length, replacement);
-    std::optional<DescriptorArea> const plain = areaOf(changed, area.size());
+    std::optional<DescriptorArea> plain = areaOf(changed, area.size());
     if (plain && differInOneSector(area, *plain))
         return plain;
     for (TextSpan const& comment : listComments(text)) {

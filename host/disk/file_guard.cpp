@@ -108,7 +108,7 @@ yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Acc
         std::optional<FileIdentity> const identity = identifyFile(name);
         m_made.push_back({name, identity.has_value(), identity});
     }
-    yx::P<yx::IIOStream> const stream = m_fileSystem->openFile(uri, access, reserved);
+    yx::P<yx::IIOStream> stream = m_fileSystem->openFile(uri, access, reserved);
     MadeFile& file = *findMade(uri);
     assert(file.uri == uri.toNormalized());
     if (!file.isThere) {

@@ -81,7 +81,7 @@ std::optional<std::vector<unsigned char>> correctOwnName(std::vector<unsigned ch
         return std::nullopt;
     std::optional<std::string> const name =
         encodeName(descriptor, makeFileReference(folder, mainFile));
-    std::optional<DescriptorArea> const corrected =
+    std::optional<DescriptorArea> corrected =
         name ? replaceInArea(area, *old, *name) : std::nullopt;
     if (!corrected) {
         throw yx::CIOError(yx::CIOError::NotSupported,

@@ -105,7 +105,7 @@ void SealedFileSystem::unseal() {
 
 yx::P<yx::IIOStream> SealedFileSystem::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                                 unsigned int* reserved) {
-    yx::P<yx::IIOStream> const stream = m_fileSystem->openFile(uri, access, reserved);
+    yx::P<yx::IIOStream> stream = m_fileSystem->openFile(uri, access, reserved);
     if (m_seal->isUnsealed || uri.toNormalized() != m_uri)
         return stream;
     return yx::makeObject<SealedStream>(stream, m_seal);

@@ -26,8 +26,9 @@ constexpr __int64 kOverlapStretchSectors = 1LL << 28;
 
 using TableBytes = std::vector<unsigned char>;
 
-__int64 loadEntry(TableBytes const& entries, __int64 index) {
-    return loadLittleEndian<unsigned int>(entries.data() + index * kDirectoryEntrySizeBytes);
+/// Of a directory or a table.
+__int64 loadEntry(unsigned char const* entries, __int64 index) {
+    return loadLittleEndian<unsigned int>(entries + index * kDirectoryEntrySizeBytes);
 }
 
 /// One of the two sets of tables of an extent, read in its order.
@@ -80,10 +81,10 @@ private:
             return;
         TableBytes places;
         readAt(entryBytes, count * kDirectoryEntrySizeBytes, places);
-        m_startBytes = loadEntry(places, 0) * kSectorSizeBytes;
+        m_startBytes = loadEntry(places.data(), 0) * kSectorSizeBytes;
         __int64 adjacent = 0;
         while (adjacent < count &&
-               loadEntry(places, adjacent) * kSectorSizeBytes ==
+               loadEntry(places.data(), adjacent) * kSectorSizeBytes ==
                    m_startBytes + adjacent * kGrainTableSizeBytes &&
                isInFile(m_startBytes, (adjacent + 1) * kGrainTableSizeBytes))
             ++adjacent;
@@ -216,8 +217,8 @@ private:
 
     void compareEntry(__int64 table, int entry, unsigned char const* main,
                       unsigned char const* copy) {
-        __int64 const position = loadLittleEndian<unsigned int>(main + 4 * entry);
-        __int64 const copied = loadLittleEndian<unsigned int>(copy + 4 * entry);
+        __int64 const position = loadEntry(main, entry);
+        __int64 const copied = loadEntry(copy, entry);
         if (position == copied)
             return;
         bool const mayLag =
@@ -274,10 +275,9 @@ private:
             unsigned char const* const copy =
                 m_laggingTables.contains(table) ? m_copies->read(table) : nullptr;
             for (int entry = 0; entry < kGrainTableEntryCount; ++entry) {
-                __int64 const position = loadLittleEndian<unsigned int>(main + 4 * entry);
+                __int64 const position = loadEntry(main, entry);
                 if (position != 0) {
-                    visit(table, position,
-                          copy && loadLittleEndian<unsigned int>(copy + 4 * entry) == 0);
+                    visit(table, position, copy && loadEntry(copy, entry) == 0);
                 }
             }
         }

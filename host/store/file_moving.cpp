@@ -18,7 +18,7 @@ namespace kelm::host {
 
 namespace {
 
-constexpr __int64 kPieceBytes = 1024 * 1024;
+constexpr __int64 kPieceBytes = __int64{1024} * 1024;
 
 [[noreturn]] void throwExists(yx::CURI const& uri) {
     throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
@@ -81,7 +81,7 @@ yx::CURI moveAside(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String 
     yx::String const name = uri.getName() + "." + suffix;
     for (int number = 1;; ++number) {
         yx::String const numbered = number == 1 ? name : name + "." + yx::toString(number);
-        yx::CURI const target = (uri.getParent() << numbered).toNormalized();
+        yx::CURI target = (uri.getParent() << numbered).toNormalized();
         if (fileSystem->fileExists(target))
             continue;
         moveFile(fileSystem, uri, target);

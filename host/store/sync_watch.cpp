@@ -105,7 +105,7 @@ void SyncWatch::verifyNoneFailed() const {
 
 yx::P<yx::IIOStream> SyncWatch::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                          unsigned int* reserved) {
-    yx::P<yx::IIOStream> const stream = m_fileSystem->openFile(uri, access, reserved);
+    yx::P<yx::IIOStream> stream = m_fileSystem->openFile(uri, access, reserved);
     if (access == yx::IIOStream::ReadOnly)
         return stream;
     if (dynamic_cast<yx::IGatherOutStream*>(stream.get()))

@@ -61,7 +61,7 @@ std::vector<IgnoredError>& ignoredErrors() {
 } // namespace
 
 std::string describeError(std::exception const& error) {
-    std::string const text = host::describeError(error);
+    std::string text = host::describeError(error);
     if (dynamic_cast<host::TooManyRoundsError const*>(&error))
         return text + " A larger --max-rounds allows more.";
     if (dynamic_cast<host::UnfinishedDiskError const*>(&error))
