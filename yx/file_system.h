@@ -13,6 +13,10 @@ public:
         /// at its end: it is `CIOError` `NotAllowed` with "uri". A file system without links, or
         /// one that does not know the option, ignores it.
         DoNotFollowLink = 1,
+
+        /// A file that is not there is not made: it is `CIOError` `NotFound` with "uri" for
+        /// `ReadWrite` access too. A file system that does not know the option ignores it.
+        DoNotMakeFile = 2,
     };
 
     /// Opens a file. With `ReadWrite` access it is made if it does not exist. A missing file is

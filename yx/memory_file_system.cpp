@@ -52,10 +52,12 @@ CMemoryFileSystem::CMemoryFileSystem() : m_state(std::make_unique<State>()) {}
 
 CMemoryFileSystem::~CMemoryFileSystem() = default;
 
-P<IIOStream> CMemoryFileSystem::openFile(CURI const& uri, IIOStream::Access access, unsigned int*) {
+P<IIOStream> CMemoryFileSystem::openFile(CURI const& uri, IIOStream::Access access,
+                                         unsigned int* options) {
     CURI const key = toFileKey(uri);
-    bool const create = access == IIOStream::ReadWrite;
-    if (create && namesFolder(key))
+    bool const makesFile = !options || (*options & DoNotMakeFile) == 0;
+    bool const create = access == IIOStream::ReadWrite && makesFile;
+    if (access == IIOStream::ReadWrite && namesFolder(key))
         throw detail::makeFileError(detail::FileAction::Open, EISDIR, detail::makeUriProps(uri));
     std::shared_ptr<detail::MemoryFile> file =
         create ? m_state->findOrMake(key) : m_state->find(key);

@@ -56,8 +56,10 @@ P<IIOStream> CNativeFileSystem::openFile(CURI const& uri, IIOStream::Access acce
                                          unsigned int* options) {
     std::string const path = toPath(uri);
     bool const followsLinks = !options || (*options & DoNotFollowLink) == 0;
-    int const flags = (access == IIOStream::ReadWrite ? O_RDWR | O_CREAT : O_RDONLY) |
-                      (followsLinks ? 0 : O_NOFOLLOW);
+    bool const makesFile = !options || (*options & DoNotMakeFile) == 0;
+    int const flags =
+        (access == IIOStream::ReadWrite ? O_RDWR | (makesFile ? O_CREAT : 0) : O_RDONLY) |
+        (followsLinks ? 0 : O_NOFOLLOW);
     auto descriptor =
         std::make_shared<detail::FileDescriptor>(detail::openDescriptor(path.c_str(), flags));
     int error = descriptor->get() < 0 ? -descriptor->get() : 0;

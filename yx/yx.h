@@ -19,6 +19,7 @@
 #include "yx/mt_rand.h"
 #include "yx/mutex.h"
 #include "yx/native_file_system.h"
+#include "yx/native_stream.h"
 #include "yx/number.h"
 #include "yx/opt_ref.h"
 #include "yx/optimizing_in_stream.h"

@@ -12,6 +12,7 @@
 #include "kelm/format/file_reference.h"
 #include "kelm/format/sparse_extent_header.h"
 #include "yx/error.h"
+#include "yx/native_stream.h"
 #include "yx/optimizing_io_stream.h"
 
 namespace kelm::host {
@@ -26,6 +27,12 @@ constexpr __int64 kPresencePositionBytes = 1;
 
 yx::CProps propsOf(yx::CURI const& uri) {
     return yx::CProps().add("uri", uri.toString(true));
+}
+
+[[noreturn]] void throwReplacedWhileOpen(yx::CURI const& uri) {
+    throw yx::CIOError(yx::CIOError::IOFailure,
+                       "The file was replaced by another one while the disk was open.",
+                       propsOf(uri), nullptr);
 }
 
 /// Buffered, so that files which demand alignment get it.
@@ -91,18 +98,44 @@ DiskFileSystem::Member& DiskFileSystem::ownerOf(yx::CURI const& uri) {
     return m_members[extent == m_extents.end() ? 0 : extent->second];
 }
 
-yx::P<yx::IIOStream> DiskFileSystem::openBelow(yx::CURI const& uri, Access access) {
-    unsigned int reserved = 0;
-    return m_fileSystem->openFile(uri, access, &reserved);
+yx::P<yx::IIOStream> DiskFileSystem::openBelow(yx::CURI const& uri, Access access,
+                                               unsigned int options) {
+    return m_fileSystem->openFile(uri, access, &options);
 }
 
-yx::P<yx::IIOStream> DiskFileSystem::openFile(yx::CURI const& uri, Access access, unsigned int*) {
+/// Opens a file that a disk has, and remembers which one it is.
+yx::P<yx::IIOStream> DiskFileSystem::openSame(yx::CURI const& uri, Access access,
+                                              unsigned int options) {
     yx::CURI const name = uri.toNormalized();
+    if (m_opened.contains(name))
+        options |= DoNotMakeFile;
+    yx::P<yx::IIOStream> stream = openBelow(uri, access, options);
+    auto const* const native = dynamic_cast<yx::INativeStream*>(stream.get());
+    std::optional<FileIdentity> const identity =
+        native ? identifyFile(native->getFileDescriptor()) : std::nullopt;
+    if (isReplaced(uri, identity))
+        throwReplacedWhileOpen(uri);
+    if (identity)
+        m_opened.try_emplace(name, *identity);
+    return stream;
+}
+
+/// Whether a file is there, but not the one that was opened.
+bool DiskFileSystem::isReplaced(yx::CURI const& uri,
+                                std::optional<FileIdentity> const& identity) const {
+    auto const opened = m_opened.find(uri.toNormalized());
+    return identity && opened != m_opened.end() && opened->second != *identity;
+}
+
+yx::P<yx::IIOStream> DiskFileSystem::openFile(yx::CURI const& uri, Access access,
+                                              unsigned int* options) {
+    yx::CURI const name = uri.toNormalized();
+    unsigned int const wanted = options ? *options : 0;
     if (Member* const member = findMain(name))
-        return openMainFile(*member, uri, access);
+        return openMainFile(*member, uri, access, wanted);
     if (Member* const member = findByLockFile(name))
-        return openLockFile(*member, uri, access);
-    return openExtentFile(uri, access);
+        return openLockFile(*member, uri, access, wanted);
+    return openExtentFile(uri, access, wanted);
 }
 
 bool DiskFileSystem::fileExists(yx::CURI const& uri) {
@@ -112,12 +145,22 @@ bool DiskFileSystem::fileExists(yx::CURI const& uri) {
 void DiskFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
     if (!findByLockFile(uri.toNormalized()))
         verifyMayRemove(uri);
+    if (isReplaced(uri, identifyFile(uri))) {
+        // What is to be deleted is missing.
+        if (ignoreMissing)
+            return;
+        throwReplacedWhileOpen(uri);
+    }
     m_fileSystem->deleteFile(uri, ignoreMissing);
+    m_opened.erase(uri.toNormalized());
 }
 
 void DiskFileSystem::moveFile(yx::CURI const& from, yx::CURI const& to) {
     verifyMayRemove(from);
+    if (isReplaced(from, identifyFile(from)))
+        throwReplacedWhileOpen(from);
     host::moveFile(m_fileSystem.get(), from, to);
+    m_opened.erase(from.toNormalized());
 }
 
 void DiskFileSystem::verifyMayRemove(yx::CURI const& uri) {
@@ -141,14 +184,14 @@ bool DiskFileSystem::lock(Member const& member, yx::CURI const& uri) {
 }
 
 yx::P<yx::IIOStream> DiskFileSystem::openMainFile(Member& member, yx::CURI const& uri,
-                                                  Access access) {
+                                                  Access access, unsigned int options) {
     if (member.refusal)
         std::rethrow_exception(std::exchange(member.refusal, nullptr));
     if (access != yx::IIOStream::ReadOnly)
         verifyMayChange(member, uri);
     if (&member != &m_members.front())
         DiskReach::verifyParent(member.mainFile);
-    yx::P<yx::IIOStream> stream = openBelow(uri, access);
+    yx::P<yx::IIOStream> stream = openSame(uri, access, options);
     lock(member, uri);
     // `learn` adds a member, and with it moves this one.
     std::size_t const index = static_cast<std::size_t>(&member - m_members.data());
@@ -163,13 +206,14 @@ yx::P<yx::IIOStream> DiskFileSystem::openMainFile(Member& member, yx::CURI const
                                           overlay);
 }
 
-yx::P<yx::IIOStream> DiskFileSystem::openExtentFile(yx::CURI const& uri, Access access) {
+yx::P<yx::IIOStream> DiskFileSystem::openExtentFile(yx::CURI const& uri, Access access,
+                                                    unsigned int options) {
     yx::CURI const name = uri.toNormalized();
     Member const& owner = ownerOf(name);
     if (access != yx::IIOStream::ReadOnly)
         verifyMayChange(owner, uri);
     owner.reach.verifyExtent(name);
-    yx::P<yx::IIOStream> stream = openBelow(uri, access);
+    yx::P<yx::IIOStream> stream = openSame(uri, access, options);
     lock(owner, uri);
     verifyGrainSize(owner, name, *stream);
     return stream;
@@ -250,7 +294,7 @@ void DiskFileSystem::verifyIsDisk(Member const& member) {
 }
 
 yx::P<yx::IIOStream> DiskFileSystem::openLockFile(Member& member, yx::CURI const& uri,
-                                                  Access access) {
+                                                  Access access, unsigned int options) {
     try {
         verifyIsDisk(member);
     } catch (yx::CError const& error) {
@@ -263,7 +307,7 @@ yx::P<yx::IIOStream> DiskFileSystem::openLockFile(Member& member, yx::CURI const
     }
     m_hidden.erase(uri.toNormalized());
     try {
-        return openBelow(uri, access);
+        return openBelow(uri, access, options);
     } catch (yx::CIOError const& error) {
         error.nop();
         if (error.getIOCode() == yx::CIOError::AccessDenied && access == yx::IIOStream::ReadWrite)
@@ -284,7 +328,7 @@ void DiskFileSystem::goOnWithoutWriting(Member const& member, yx::CURI const& lo
 bool DiskFileSystem::tryJoinLockFile(yx::CURI const& lockFile) {
     yx::P<yx::IIOStream> stream;
     try {
-        stream = openBelow(lockFile, yx::IIOStream::ReadOnly);
+        stream = openBelow(lockFile, yx::IIOStream::ReadOnly, DoNotFollowLink);
     } catch (yx::CIOError const&) {
         return false;
     }
@@ -306,7 +350,7 @@ void DiskFileSystem::storeOwnName() {
     if (!disk.overlay)
         return;
     yx::P<yx::IIOStream> const stream =
-        buffered(openBelow(disk.mainFile, yx::IIOStream::ReadWrite).get());
+        buffered(openSame(disk.mainFile, yx::IIOStream::ReadWrite).get());
     std::vector<unsigned char> const& wanted = disk.overlay->bytes;
     std::vector<unsigned char> present(wanted.size());
     stream->seek(disk.overlay->positionBytes);

@@ -22,6 +22,10 @@ namespace kelm::host {
 ///   first write of the descriptor brings it to the file, or `storeOwnName` does.
 /// - Each file is locked from when it is first opened until this ends, the disk's own shared or
 ///   alone, as it was opened, the parents' shared; see `FileLocks`. Lock files are not.
+/// - A file that is opened again is the same file. One that somebody replaced meanwhile is
+///   `CIOError` `IOFailure` "The file was replaced by another one while the disk was open." with
+///   "uri", since it would be read and written by the tables of the old one, and is not deleted
+///   either; one that was deleted is not made again. Only for files of the operating system; see `yx::INativeStream`.
 /// - Only files that the descriptors may reach are opened, made or deleted (`DiskReach`), and those
 ///   of the parents are only read. Anything else is `CIOError` `NotAllowed`.
 /// - An unfinished disk, or one with an unfinished parent, is `UnfinishedDiskError`, unless it is
@@ -49,7 +53,7 @@ public:
     ~DiskFileSystem() override { m_locks->endAll(); }
 
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
-                                  unsigned int* reserved) override;
+                                  unsigned int* options) override;
     bool fileExists(yx::CURI const& uri) override;
     void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
     void moveFile(yx::CURI const& from, yx::CURI const& to) override;
@@ -92,18 +96,23 @@ private:
     Member* findMain(yx::CURI const& uri);
     Member* findByLockFile(yx::CURI const& uri);
     Member& ownerOf(yx::CURI const& uri);
-    yx::P<yx::IIOStream> openBelow(yx::CURI const& uri, yx::IIOStream::Access access);
+    yx::P<yx::IIOStream> openBelow(yx::CURI const& uri, yx::IIOStream::Access access,
+                                   unsigned int options = 0);
+    yx::P<yx::IIOStream> openSame(yx::CURI const& uri, yx::IIOStream::Access access,
+                                  unsigned int options = 0);
     yx::P<yx::IIOStream> openMainFile(Member& member, yx::CURI const& uri,
-                                      yx::IIOStream::Access access);
-    yx::P<yx::IIOStream> openExtentFile(yx::CURI const& uri, yx::IIOStream::Access access);
+                                      yx::IIOStream::Access access, unsigned int options);
+    yx::P<yx::IIOStream> openExtentFile(yx::CURI const& uri, yx::IIOStream::Access access,
+                                        unsigned int options);
     yx::P<yx::IIOStream> openLockFile(Member& member, yx::CURI const& uri,
-                                      yx::IIOStream::Access access);
+                                      yx::IIOStream::Access access, unsigned int options);
     void verifyIsDisk(Member const& member);
     void goOnWithoutWriting(Member const& member, yx::CURI const& lockFile);
     bool tryJoinLockFile(yx::CURI const& lockFile);
     void verifyIsFinished(Member const& member, CVMDKDescriptor& descriptor) const;
     void verifyMayChange(Member const& member, yx::CURI const& uri) const;
     void verifyMayRemove(yx::CURI const& uri);
+    bool isReplaced(yx::CURI const& uri, std::optional<FileIdentity> const& identity) const;
     void verifyGrainSize(Member const& member, yx::CURI const& uri, yx::IIOStream& stream);
     bool lock(Member const& member, yx::CURI const& uri);
     Plan readPlan(Member const& member, yx::IIOStream* stream);
@@ -118,6 +127,9 @@ private:
 
     /// The index of the member that has an extent, by the extent's URI.
     std::map<yx::CURI, std::size_t> m_extents;
+
+    /// Which files have been opened, by their URIs.
+    std::map<yx::CURI, FileIdentity> m_opened;
 
     /// Extents whose header has been looked at.
     std::set<yx::CURI> m_judged;

@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 
 #include "host/system/file_descriptor.h"
-#include "host/system/file_number.h"
+#include "host/system/file_identity.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"
@@ -118,7 +118,7 @@ void DiskReach::verifyExtent(yx::CURI const& extent) const {
     if (!isFileOfSystem(extent) || extent == m_mainFile)
         return;
     std::string const path = pathOfFile(extent);
-    if (numberOfFile(path) && !isRegular(path)) {
+    if (identifyFile(path) && !isRegular(path)) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "An extent of the disk is no regular file.",
                            extentProps(extent), nullptr);
     }
@@ -128,7 +128,7 @@ void DiskReach::verifyParent(yx::CURI const& mainFile) {
     if (!isFileOfSystem(mainFile))
         return;
     std::string const path = pathOfFile(mainFile);
-    if (numberOfFile(path) && !isRegular(path)) {
+    if (identifyFile(path) && !isRegular(path)) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "The parent disk is no regular file.",
                            extentProps(mainFile), nullptr);
     }

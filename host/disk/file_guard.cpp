@@ -7,8 +7,19 @@
 #include "host/store/file_names.h"
 #include "yx/error.h"
 #include "yx/log.h"
+#include "yx/native_stream.h"
 
 namespace kelm::host {
+
+namespace {
+
+[[noreturn]] void throwReplaced(yx::CURI const& uri) {
+    throw yx::CIOError(yx::CIOError::IOFailure,
+                       "The file was replaced by another one while it was being written.",
+                       yx::CProps().add("uri", uri.toString(true)), nullptr);
+}
+
+} // namespace
 
 FileGuard::FileGuard(yx::IFileSystem* fileSystem, bool overwrite, CancelFlag const* cancel)
     : m_fileSystem(fileSystem), m_overwrite(overwrite), m_cancel(cancel) {}
@@ -51,16 +62,24 @@ void FileGuard::verifyFilesAreThere() const {
 void FileGuard::verifyIsThere(MadeFile const& file) const {
     if (!file.isThere)
         return;
-    yx::CProps const props = yx::CProps().add("uri", file.uri.toString(true));
     if (!m_fileSystem->fileExists(file.uri)) {
         throw yx::CIOError(yx::CIOError::NotFound,
-                           "The file was deleted while it was being written.", props, nullptr);
+                           "The file was deleted while it was being written.",
+                           yx::CProps().add("uri", file.uri.toString(true)), nullptr);
     }
-    if (isAnother(file)) {
-        throw yx::CIOError(yx::CIOError::IOFailure,
-                           "The file was replaced by another one while it was being written.",
-                           props, nullptr);
-    }
+    if (isAnother(file))
+        throwReplaced(file.uri);
+}
+
+/// Whether the stream is on the file that was made, whatever happened to the name meanwhile.
+void FileGuard::verifyIsOpen(MadeFile const& file, yx::IIOStream& stream) const {
+    auto const* const native = dynamic_cast<yx::INativeStream*>(&stream);
+    std::optional<FileIdentity> const opened =
+        native ? identifyFile(native->getFileDescriptor()) : std::nullopt;
+    if (!opened)
+        verifyIsThere(file);
+    else if (file.identity && opened != file.identity)
+        throwReplaced(file.uri);
 }
 
 void FileGuard::protect(std::vector<yx::CURI> const& files) {
@@ -87,34 +106,50 @@ void FileGuard::verifyMayReplace(yx::CURI const& uri) const {
 }
 
 yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
-                                         unsigned int* reserved) {
-    MadeFile const* const made = findMade(uri);
-    if (made)
-        verifyIsThere(*made);
-    if (access != yx::IIOStream::ReadWrite || isLockFile(uri))
-        return m_fileSystem->openFile(uri, access, reserved);
-    if (!made) {
-        if (m_cancel)
-            m_cancel->check();
-        if (m_fileSystem->fileExists(uri)) {
-            verifyMayReplace(uri);
-            // Nothing of the old file may shine through behind the end of the new one.
-            m_fileSystem->deleteFile(uri, true);
-        }
-        if (uri.getScheme() == "file")
-            m_locks->makeFile(uri);
-        // Noted before it is opened: an opening that fails late may have made the file.
-        yx::CURI const name = uri.toNormalized();
-        std::optional<FileIdentity> const identity = identifyFile(name);
-        m_made.push_back({name, identity.has_value(), identity});
+                                         unsigned int* options) {
+    if (isLockFile(uri))
+        return m_fileSystem->openFile(uri, access, options);
+    MadeFile* made = findMade(uri);
+    if (!made && access == yx::IIOStream::ReadWrite)
+        made = &makeFile(uri);
+    if (!made)
+        return m_fileSystem->openFile(uri, access, options);
+    yx::P<yx::IIOStream> stream = openMade(*made, uri, access, options);
+    made->isThere = true;
+    return stream;
+}
+
+/// Takes away a file that may be replaced, and notes the new one. On file systems of hosts it is made
+/// only when it is opened; an opening that fails late may have made it.
+FileGuard::MadeFile& FileGuard::makeFile(yx::CURI const& uri) {
+    if (m_cancel)
+        m_cancel->check();
+    if (m_fileSystem->fileExists(uri)) {
+        verifyMayReplace(uri);
+        // Nothing of the old file may shine through behind the end of the new one.
+        m_fileSystem->deleteFile(uri, true);
     }
-    yx::P<yx::IIOStream> stream = m_fileSystem->openFile(uri, access, reserved);
-    MadeFile& file = *findMade(uri);
-    assert(file.uri == uri.toNormalized());
-    if (!file.isThere) {
-        file.isThere = true;
-        file.identity = identifyFile(file.uri);
+    std::optional<FileIdentity> identity;
+    if (uri.getScheme() == "file")
+        identity = m_locks->makeFile(uri);
+    return m_made.emplace_back(MadeFile{uri.toNormalized(), identity.has_value(), identity});
+}
+
+yx::P<yx::IIOStream> FileGuard::openMade(MadeFile const& file, yx::CURI const& uri,
+                                         yx::IIOStream::Access access,
+                                         unsigned int const* options) {
+    verifyIsThere(file);
+    unsigned int wanted = options ? *options : 0;
+    if (file.isThere)
+        wanted |= DoNotMakeFile;
+    yx::P<yx::IIOStream> stream;
+    try {
+        stream = m_fileSystem->openFile(uri, access, &wanted);
+    } catch (yx::CIOError const&) {
+        verifyIsThere(file);
+        throw;
     }
+    verifyIsOpen(file, *stream);
     return stream;
 }
 
@@ -124,6 +159,12 @@ bool FileGuard::fileExists(yx::CURI const& uri) {
 
 void FileGuard::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
     MadeFile const* const made = findMade(uri);
+    if (made && isAnother(*made)) {
+        // What is to be deleted is missing.
+        if (ignoreMissing)
+            return;
+        throwReplaced(uri);
+    }
     if (!isLockFile(uri) && !made && m_fileSystem->fileExists(uri))
         verifyMayReplace(uri);
     m_fileSystem->deleteFile(uri, ignoreMissing);

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "host/disk/file_locks.h"
-#include "host/store/file_identity.h"
 #include "host/system/cancel.h"
+#include "host/system/file_identity.h"
 #include "yx/file_system.h"
 
 namespace kelm::host {
@@ -54,14 +54,17 @@ public:
     std::vector<yx::CURI> const& getProtectedFiles() const { return m_protected; }
 
     /// Opening for writing a file that was there before is `CIOError` `AlreadyExists` with "uri".
-    /// One that was made here and that somebody has deleted or replaced is not made again: the
-    /// errors are those of `verifyFilesAreThere`.
+    /// One that was made here and that somebody has deleted or replaced is neither made again nor
+    /// opened: the errors are those of `verifyFilesAreThere`. Which file is open is asked of the
+    /// stream (`yx::INativeStream`), since the name may be another file's at any moment.
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
-                                  unsigned int* reserved) override;
+                                  unsigned int* options) override;
 
     bool fileExists(yx::CURI const& uri) override;
 
-    /// Deleting a file that was there before is `CIOError` `AlreadyExists` with "uri".
+    /// Deleting a file that was there before is `CIOError` `AlreadyExists` with "uri"; one that
+    /// replaced a file that was made here stays. The latter is then missing: without `ignoreMissing`
+    /// that is `IOFailure` as for `verifyFilesAreThere`.
     void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
 
 private:
@@ -70,13 +73,18 @@ private:
         yx::CURI uri;
         bool isThere = false;
 
-        /// Only of a file of the operating system.
+        /// Only of a file of the operating system: that of the file as it was made, before it had
+        /// been looked at by its name.
         std::optional<FileIdentity> identity;
     };
 
     MadeFile* findMade(yx::CURI const& uri);
+    MadeFile& makeFile(yx::CURI const& uri);
+    yx::P<yx::IIOStream> openMade(MadeFile const& file, yx::CURI const& uri,
+                                  yx::IIOStream::Access access, unsigned int const* options);
     bool isAnother(MadeFile const& file) const;
     void verifyIsThere(MadeFile const& file) const;
+    void verifyIsOpen(MadeFile const& file, yx::IIOStream& stream) const;
     void verifyMayReplace(yx::CURI const& uri) const;
 
     yx::P<yx::IFileSystem> m_fileSystem;

@@ -36,7 +36,7 @@ bool FileLocks::take(yx::CURI const& uri, FileLock::Type type) {
     if (uri.getScheme() != "file")
         return false;
     std::string const path = yx::toNativePath(uri).toStdString();
-    if (std::optional<FileNumber> const file = numberOfFile(path)) {
+    if (std::optional<FileIdentity> const file = identifyFile(path)) {
         if (auto const held = m_locks.find(*file); held != m_locks.end())
             return held->second.isHeld();
     }
@@ -49,27 +49,29 @@ bool FileLocks::take(yx::CURI const& uri, FileLock::Type type) {
 bool FileLocks::keep(FileLock lock) {
     if (!lock.isHeld())
         return false;
-    FileNumber const file = lock.getFile();
+    FileIdentity const file = lock.getFile();
     m_locks.insert_or_assign(file, std::move(lock));
     return true;
 }
 
-void FileLocks::makeFile(yx::CURI const& uri) {
+FileIdentity FileLocks::makeFile(yx::CURI const& uri) {
     std::string const path = yx::toNativePath(uri).toStdString();
     FileDescriptor file = makeNewFile(uri, path);
-    std::optional<FileNumber> const made = numberOfFile(file.get());
+    std::optional<FileIdentity> const made = identifyFile(file.get());
+    if (!made)
+        throwSystemError("Cannot look at the file", path);
     std::optional<FileLock> lock = FileLock::tryTake(std::move(file), FileLock::Type::Exclusive);
-    // Whoever was quicker to lock it may have taken it away before this lock stood.
-    if (!lock || numberOfFile(path) != made)
+    if (!lock)
         throwFileInUse(uri);
     keep(std::move(*lock));
+    return *made;
 }
 
 void FileLocks::verifyIsFree(yx::CURI const& uri) const {
     if (uri.getScheme() != "file")
         return;
     std::string const path = yx::toNativePath(uri).toStdString();
-    std::optional<FileNumber> const file = numberOfFile(path);
+    std::optional<FileIdentity> const file = identifyFile(path);
     if (!file || m_locks.contains(*file))
         return;
     try {

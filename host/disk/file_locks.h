@@ -2,8 +2,8 @@
 
 #include <map>
 
+#include "host/system/file_identity.h"
 #include "host/system/file_lock.h"
-#include "host/system/file_number.h"
 #include "yx/base.h"
 #include "yx/uri.h"
 
@@ -27,13 +27,14 @@ public:
     /// `FileLock::take`.
     bool take(yx::CURI const& uri, FileLock::Type type);
 
-    /// Makes a new, empty file and locks it alone. There is no moment in which another program could
-    /// take the file for one that nobody uses, and of two who make a file of one name, one fails.
+    /// Makes a new, empty file, locks it alone and says which one it is. Of two who make a file of one
+    /// name, one fails.
     ///
     /// A file that is there is `yx::CIOError` `AlreadyExists` "The file exists already." with "uri";
-    /// one that another program took away meanwhile is `CLockFileError` as in `take`; other errors
-    /// are those of `throwSystemError`. For `file:` URIs.
-    void makeFile(yx::CURI const& uri);
+    /// one that another program was quicker to lock is `CLockFileError` as in `take`. That program
+    /// may also have taken the file away, so that the name may be another file's by now. Other
+    /// errors are those of `throwSystemError`. For `file:` URIs.
+    FileIdentity makeFile(yx::CURI const& uri);
 
     /// Ends all locks.
     void endAll() { m_locks.clear(); }
@@ -45,7 +46,7 @@ public:
 private:
     bool keep(FileLock lock);
 
-    std::map<FileNumber, FileLock> m_locks;
+    std::map<FileIdentity, FileLock> m_locks;
 };
 
 } // namespace kelm::host

@@ -53,15 +53,23 @@ void FormerDisk::noteExtentFiles() {
             vmdkFileReferenceToURI(m_mainFile.getParent(), info->getFilename()).toNormalized();
         if (isExtentName(m_mainFile, file) && m_fileSystem->fileExists(file) &&
             isExtentWithoutDescriptor(m_fileSystem.get(), file))
-            m_extentFiles.push_back(file);
+            m_extentFiles.push_back({file, identifyFile(file)});
     }
+}
+
+std::vector<yx::CURI> FormerDisk::getExtentFiles() const {
+    std::vector<yx::CURI> files;
+    for (ExtentFile const& file : m_extentFiles)
+        files.push_back(file.uri);
+    return files;
 }
 
 void FormerDisk::keep(FileLocks& locks) {
     if (m_mainFile.getScheme() != "file" || !m_fileSystem->fileExists(m_mainFile))
         return;
     std::vector<yx::CURI> files{m_mainFile};
-    files.insert(files.end(), m_extentFiles.begin(), m_extentFiles.end());
+    for (ExtentFile const& file : m_extentFiles)
+        files.push_back(file.uri);
     for (yx::CURI const& file : files) {
         try {
             locks.take(file, FileLock::Type::Exclusive);
@@ -73,9 +81,10 @@ void FormerDisk::keep(FileLocks& locks) {
 }
 
 void FormerDisk::removeFilesBut(std::vector<yx::CURI> const& kept) {
-    for (yx::CURI const& file : m_extentFiles) {
+    for (auto const& [file, identity] : m_extentFiles) {
         assert(file == file.toNormalized());
-        if (std::find(kept.begin(), kept.end(), file) != kept.end())
+        if (std::find(kept.begin(), kept.end(), file) != kept.end() ||
+            identifyFile(file) != identity)
             continue;
         try {
             m_fileSystem->deleteFile(file, true);

@@ -5,6 +5,7 @@
 
 #include "host/disk/file_locks.h"
 #include "host/store/kept_files.h"
+#include "host/system/file_identity.h"
 #include "yx/file_system.h"
 
 namespace kelm::host {
@@ -22,7 +23,7 @@ public:
     FormerDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri);
 
     /// The files that may be removed.
-    std::vector<yx::CURI> const& getExtentFiles() const { return m_extentFiles; }
+    std::vector<yx::CURI> getExtentFiles() const;
 
     /// Keeps the main file and the extent files, if they are files of the operating system, as
     /// `KeptFiles` does: unless `removeFilesBut` is called, they are put back when this ends, which
@@ -32,15 +33,21 @@ public:
     void keep(FileLocks& locks);
 
     /// Deletes the files but those in `kept`, which are normalised, and those that `keep` has kept:
-    /// the new disk is complete. What cannot be deleted is logged as a warning.
+    /// the new disk is complete. A file of the system that somebody has put under one of the names
+    /// meanwhile stays. What cannot be deleted is logged as a warning.
     void removeFilesBut(std::vector<yx::CURI> const& kept);
 
 private:
+    struct ExtentFile {
+        yx::CURI uri;
+        std::optional<FileIdentity> identity;
+    };
+
     void noteExtentFiles();
 
     yx::P<yx::IFileSystem> m_fileSystem;
     yx::CURI m_mainFile;
-    std::vector<yx::CURI> m_extentFiles;
+    std::vector<ExtentFile> m_extentFiles;
     std::optional<KeptFiles> m_kept;
 };
 

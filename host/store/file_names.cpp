@@ -7,7 +7,7 @@
 
 #include <sys/stat.h>
 
-#include "host/system/file_number.h"
+#include "host/system/file_identity.h"
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"
 
@@ -124,10 +124,8 @@ yx::CURI uriFromArgument(std::string const& argument) {
 bool isSameFile(yx::CURI const& left, yx::CURI const& right) {
     if (left.toNormalized() == right.toNormalized())
         return true;
-    if (left.getScheme() != "file" || right.getScheme() != "file")
-        return false;
-    std::optional<FileNumber> const number = numberOfFile(yx::toNativePath(left).toStdString());
-    return number && number == numberOfFile(yx::toNativePath(right).toStdString());
+    std::optional<FileIdentity> const identity = identifyFile(left);
+    return identity && identity == identifyFile(right);
 }
 
 bool isOtherThanFile(yx::CURI const& uri) {

@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "host/system/file_descriptor.h"
-#include "host/system/file_number.h"
+#include "host/system/file_identity.h"
 #include "yx/log.h"
 
 namespace kelm::host {
@@ -54,8 +54,8 @@ void syncFolderAt(std::string const& folder) {
 }
 
 bool haveOneFile(std::string const& left, std::string const& right) {
-    std::optional<FileNumber> const number = numberOfFile(left);
-    return number && number == numberOfFile(right);
+    std::optional<FileIdentity> const identity = identifyFile(left);
+    return identity && identity == identifyFile(right);
 }
 
 /// Gives a file another name, and lets it keep its present one if that can be.

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "host/system/file_descriptor.h"
-#include "host/system/file_number.h"
+#include "host/system/file_identity.h"
 
 namespace kelm::host {
 
@@ -43,7 +43,7 @@ public:
     bool isHeld() const { return m_file.isOpen(); }
 
     /// Which file is locked; only if a lock is held.
-    FileNumber getFile() const { return *numberOfFile(m_file.get()); }
+    FileIdentity getFile() const { return *identifyFile(m_file.get()); }
 
 private:
     explicit FileLock(FileDescriptor file) : m_file(std::move(file)) {}

@@ -4,6 +4,8 @@
 #include <ostream>
 #include <sstream>
 
+#include "yx/native_stream.h"
+
 namespace test_support {
 
 namespace {
@@ -11,7 +13,9 @@ namespace {
 using Kind = FileOperation::Kind;
 using Piece = yx::IGatherOutStream::Piece;
 
-class HookedStream : public yx::CBase, public virtual yx::IIOStream {
+class HookedStream : public yx::CBase,
+                     public virtual yx::IIOStream,
+                     public virtual yx::INativeStream {
 public:
     HookedStream(HookedFileSystem* fileSystem, yx::P<yx::IIOStream> stream, int opening)
         : m_fileSystem(fileSystem),
@@ -127,6 +131,11 @@ public:
     void setLength(__int64 length) override {
         FileOperation operation = make(Kind::SetLength, 0, length);
         m_fileSystem->run(operation, [&] { m_stream->setLength(length); });
+    }
+
+    int getFileDescriptor() const override {
+        auto const* const native = dynamic_cast<yx::INativeStream*>(m_stream.get());
+        return native ? native->getFileDescriptor() : -1;
     }
 
 protected:

@@ -69,8 +69,8 @@ std::string toText(FileOperation const& operation);
 /// first: then `readLax` returns only that much, `read` fails as at the end of a file, and a write
 /// writes only that much and reports nothing.
 ///
-/// Streams gather writes if the streams below do. `getPosition`, `getURI`, `waitReadable` and the
-/// tests for the end pass by the hook.
+/// Streams gather writes if the streams below do, and pass on which file they have open.
+/// `getPosition`, `getURI`, `waitReadable` and the tests for the end pass by the hook.
 class HookedFileSystem : public yx::CBase, public virtual yx::IFileSystem {
 public:
     using Proceed = std::function<void()>;

@@ -18,7 +18,8 @@ namespace test_support {
 
 namespace {
 
-/// Beside the folder, so that a test finds only the program's own files in it.
+/// Beside the folder, so that a test finds only the program's own files in it; a `TempDirectory` takes
+/// it away too.
 std::string makeErrorFileName(std::filesystem::path const& folder) {
     static int count = 0;
     return folder.string() + "." + std::to_string(++count) + ".stderr";
@@ -115,6 +116,19 @@ void RunningProgram::signal(int number) {
     // Given -1, `kill` would reach every process there is.
     if (m_id > 0)
         ::kill(m_id, number);
+}
+
+bool RunningProgram::pause() {
+    signal(SIGSTOP);
+    siginfo_t news = {};
+    // Its end, if that is the news, is left to `finish`.
+    int const result =
+        ::waitid(P_PID, static_cast<id_t>(m_id), &news, WSTOPPED | WEXITED | WNOWAIT);
+    return result == 0 && news.si_code == CLD_STOPPED;
+}
+
+void RunningProgram::resume() {
+    signal(SIGCONT);
 }
 
 Outcome RunningProgram::finish() {

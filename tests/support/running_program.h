@@ -50,6 +50,13 @@ public:
     /// Does nothing once `finish` was called.
     void signal(int number);
 
+    /// Lets the program stand still, so that a test can look at what it has done so far and choose
+    /// what happens next. Returns whether it does; not if it has ended.
+    bool pause();
+
+    /// Ends a `pause`.
+    void resume();
+
     /// Closes the program's input, reads all of its output, and waits for its end.
     Outcome finish();
 

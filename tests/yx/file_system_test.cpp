@@ -55,6 +55,21 @@ TYPED_TEST(FileSystem, OpeningForWritingMakesAnEmptyFile) {
     EXPECT_TRUE(this->files().fileExists(this->backend.uri("a")));
 }
 
+TYPED_TEST(FileSystem, OpeningForWritingMakesNoFileWhereThatIsAskedFor) {
+    auto const openWith = [this](char const* name, IIOStream::Access access) {
+        unsigned int options = yx::IFileSystem::DoNotMakeFile;
+        return this->files().openFile(this->backend.uri(name), access, &options);
+    };
+    this->make("a", fromText("content"));
+    for (IIOStream::Access const access : {IIOStream::ReadOnly, IIOStream::ReadWrite}) {
+        EXPECT_EQ(openWith("a", access)->getLength(), 7);
+        EXPECT_TRUE(throwsIOError(CIOError::NotFound,
+                                  "Cannot open the file: No such file or directory",
+                                  {{"uri", this->text("b")}}, [&] { openWith("b", access); }));
+    }
+    EXPECT_FALSE(this->files().fileExists(this->backend.uri("b")));
+}
+
 TYPED_TEST(FileSystem, OpeningForWritingKeepsTheContent) {
     this->make("a", fromText("content"));
     auto const stream = this->open("a", IIOStream::ReadWrite);

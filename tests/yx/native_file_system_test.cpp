@@ -18,6 +18,7 @@
 #include "tests/support/unprivileged_scope.h"
 #include "tests/yx/native_file_system_fixture.h"
 #include "tests/yx/system_call_faults.h"
+#include "yx/native_stream.h"
 
 namespace {
 
@@ -163,6 +164,21 @@ TEST_F(NativeFileSystem, ALinkIsNotFollowedWhereThatIsAskedFor) {
         EXPECT_EQ(files->openFile(directory.uri("link"), access, nullptr)->getLength(), 7);
     }
     EXPECT_FALSE(fs::exists(path("none")));
+}
+
+TEST_F(NativeFileSystem, AStreamTellsWhichFileIsOpenWhateverItsName) {
+    struct stat before {};
+    struct stat opened {};
+    auto const stream = open("a");
+    auto const* const native = dynamic_cast<yx::INativeStream*>(stream.get());
+    ASSERT_NE(native, nullptr);
+    ASSERT_EQ(::stat(path("a").c_str(), &before), 0);
+    fs::rename(path("a"), path("b"));
+    open("a");
+    ASSERT_EQ(::fstat(native->getFileDescriptor(), &opened), 0);
+    EXPECT_EQ(opened.st_ino, before.st_ino);
+    stream->close();
+    EXPECT_EQ(native->getFileDescriptor(), -1);
 }
 
 TEST_F(NativeFileSystem, AFileBelowAFileIsMissing) {

@@ -8,6 +8,7 @@
 #include "yx/internal/file_stream.h"
 #include "yx/internal/native_range_locks.h"
 #include "yx/native_file_system.h"
+#include "yx/native_stream.h"
 
 namespace yx {
 
@@ -15,7 +16,7 @@ namespace yx {
 ///
 /// A lock belongs to the open file: other streams conflict with it, also in this process. It holds
 /// until its token goes or the process ends, and keeps the file open so long.
-class CNativeFileStream : public CFileStream {
+class CNativeFileStream : public CFileStream, public virtual INativeStream {
 public:
     /// Takes the open file over. `path` is absolute; the folder to sync is found by it.
     CNativeFileStream(std::shared_ptr<detail::FileDescriptor> descriptor, CURI const& uri,
@@ -31,6 +32,7 @@ public:
     /// dropped what it could not write, so that every later call fails with the same error.
     void flush() override;
     void setLength(__int64 length) override;
+    int getFileDescriptor() const override { return m_descriptor ? m_descriptor->get() : -1; }
 
 private:
     bool isOpen() const override { return static_cast<bool>(m_descriptor); }

@@ -233,6 +233,93 @@ TEST_F(DiskFileSystemTest, ReadersStandBesideEachOther) {
     EXPECT_TRUE(isInUse("b.vmdk", kReadWrite, kLockFileInUse));
 }
 
+TEST_F(DiskFileSystemTest, ALinkUnderTheNameOfTheLockFileIsNotFollowed) {
+    constexpr char kIsLink[] = "The name of the lock file belongs to a symbolic link.";
+    make("a.vmdk", "one");
+    std::ofstream(path("empty")) << "";
+    std::filesystem::create_symlink("empty", path("a.vmdk.lock"));
+    EXPECT_TRUE(isInUse("a.vmdk", kReadOnly, kIsLink));
+    EXPECT_TRUE(isInUse("a.vmdk", kReadWrite, kIsLink));
+    EXPECT_TRUE(std::filesystem::remove(path("a.vmdk.lock")));
+    EXPECT_EQ(0U, std::filesystem::file_size(path("empty")));
+
+    // Where nothing is at its end a reader goes on without a lock.
+    std::filesystem::create_symlink("none", path("a.vmdk.lock"));
+    EXPECT_EQ("one", readDisk("a.vmdk"));
+    EXPECT_TRUE(isInUse("a.vmdk", kReadWrite, kIsLink));
+    EXPECT_TRUE(std::filesystem::is_symlink(path("a.vmdk.lock")));
+    EXPECT_FALSE(std::filesystem::exists(path("none")));
+}
+
+TEST_F(DiskFileSystemTest, AFileThatIsLostWhileTheDiskIsOpenIsNeitherOpenedNorMadeNorDeleted) {
+    make("a.vmdk", "one", kindNamed("split"));
+    for (char const* const name : {"a.vmdk", "a-s00001.vmdk"}) {
+        for (yx::IIOStream::Access const access : {kReadOnly, kReadWrite}) {
+            SCOPED_TRACE(testing::Message() << name << ", access " << access);
+            Opened const disk = open("a.vmdk", kReadWrite);
+            unsigned int options = 0;
+            auto const openFile = [&] {
+                disk.files->openFile(folder.uri(name), access, &options)->close();
+            };
+            EXPECT_NO_THROW(openFile());
+            EXPECT_NO_THROW(openFile());
+            std::filesystem::rename(path(name), path("kept"));
+            std::string const uri = folder.uri(name).toString(true).toStdString();
+            EXPECT_TRUE(throwsIOError(yx::CIOError::NotFound,
+                                      "Cannot open the file: No such file or directory",
+                                      {{"uri", uri}}, openFile));
+            EXPECT_FALSE(std::filesystem::exists(path(name)));
+            putText(name, "another");
+            auto const isRefused = [&](std::function<void()> const& action) {
+                return throwsIOError(
+                    yx::CIOError::IOFailure,
+                    "The file was replaced by another one while the disk was open.", {{"uri", uri}},
+                    action);
+            };
+            EXPECT_TRUE(isRefused(openFile));
+            EXPECT_TRUE(isRefused([&] { disk.files->deleteFile(folder.uri(name), false); }));
+            EXPECT_NO_THROW(disk.files->deleteFile(folder.uri(name), true));
+            EXPECT_EQ("another", contentOf(name));
+            std::filesystem::rename(path("kept"), path(name));
+            EXPECT_NO_THROW(openFile());
+        }
+    }
+}
+
+TEST_F(DiskFileSystemTest, AFileThatTheDiskItselfReplacedIsOpened) {
+    make("a.vmdk", "", kindNamed("splitOnDemand"));
+    Opened const disk = open("a.vmdk", kReadWrite);
+    yx::CURI const extent = folder.uri("a-s00001.vmdk");
+    unsigned int options = 0;
+    for (int round = 0; round < 2; ++round) {
+        disk.files->openFile(extent, kReadWrite, &options)->close();
+        disk.files->deleteFile(extent, false);
+        disk.files->openFile(extent, kReadWrite, &options)->close();
+        disk.files->moveFile(extent, folder.uri("aside" + std::to_string(round)));
+    }
+}
+
+TEST_F(DiskFileSystemTest, NothingIsWrittenToAFileThatReplacedOneOfTheDisk) {
+    LogCapture const quiet;
+    make("a.vmdk", "one", kindNamed("split"));
+    {
+        Opened const disk = open("a.vmdk", kReadWrite);
+        write(*disk.disk, "two");
+        // The disk leaves its first extent.
+        write(*disk.disk, "end", kSmallestDiskBytes - 3);
+        std::filesystem::copy(path("a-s00000.vmdk"), path("another"));
+        std::filesystem::rename(path("another"), path("a-s00000.vmdk"));
+        std::string const before = contentOf("a-s00000.vmdk");
+        EXPECT_TRUE(
+            throwsIOError(yx::CIOError::IOFailure,
+                          "The file was replaced by another one while the disk was open.",
+                          {{"uri", folder.uri("a-s00000.vmdk").toString(true).toStdString()}},
+                          [&] { write(*disk.disk, "six"); }));
+        EXPECT_EQ(before, contentOf("a-s00000.vmdk"));
+    }
+    EXPECT_EQ("two", readDisk("a.vmdk"));
+}
+
 TEST_F(DiskFileSystemTest, AWriterIsAloneWhateverTheName) {
     make("a.vmdk", "one");
     std::filesystem::create_directory(path("other"));

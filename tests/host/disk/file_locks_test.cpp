@@ -1,10 +1,12 @@
 #include "host/disk/file_locks.h"
 
+#include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
 
 #include "host/store/file_names.h"
+#include "tests/support/expect_error.h"
 #include "tests/support/temp_directory.h"
 
 namespace {
@@ -22,6 +24,24 @@ TEST(FileLocks, AreHeldUntilTheLastReferenceEnds) {
     EXPECT_FALSE(FileLock::tryTake(path, FileLock::Type::Shared));
     locks.reset();
     EXPECT_TRUE(FileLock::tryTake(path, FileLock::Type::Shared));
+}
+
+TEST(FileLocks, ANewFileIsLockedAndKnownFromItsFirstMoment) {
+    test_support::TempDirectory const folder;
+    std::string const path = folder.path() / "file";
+    yx::P<FileLocks> const locks = yx::makeObject<FileLocks>();
+    kelm::host::FileIdentity const made = locks->makeFile(folder.uri("file"));
+    EXPECT_EQ(made, kelm::host::identifyFile(path));
+    EXPECT_EQ(0U, std::filesystem::file_size(path));
+    EXPECT_FALSE(FileLock::tryTake(path, FileLock::Type::Shared));
+    // It is open for as long as it is locked, so that no other file can get its number.
+    std::filesystem::remove(path);
+    std::ofstream(path) << "another";
+    EXPECT_NE(made, kelm::host::identifyFile(path));
+    EXPECT_TRUE(
+        test_support::throwsIOError(yx::CIOError::AlreadyExists, "The file exists already.",
+                                    {{"uri", folder.uri("file").toString(true).toStdString()}},
+                                    [&] { locks->makeFile(folder.uri("file")); }));
 }
 
 } // namespace

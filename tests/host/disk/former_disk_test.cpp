@@ -5,6 +5,7 @@
 #include "tests/host/host_fixture.h"
 #include "tests/support/faulty_file_system.h"
 #include "tests/support/log_capture.h"
+#include "yx/native_file_system.h"
 
 using kelm::host::FormerDisk;
 using testing::ElementsAre;
@@ -45,6 +46,21 @@ TEST_F(FormerDiskTest, NeedsNoPassword) {
 TEST_F(FormerDiskTest, LeavesOutFilesThatAreStillToBeMade) {
     { createSafe({.fileSizeLimit = kSplitLimit, .onDemand = true}); }
     EXPECT_THAT(extentFiles(), ElementsAre("disk-s00000.vmdk"));
+}
+
+TEST_F(FormerDiskTest, LeavesAFileThatSomebodyHasPutThereMeanwhile) {
+    yx::P<yx::CNativeFileSystem> const native = yx::makeObject<yx::CNativeFileSystem>();
+    yx::P<FileGuard> const guard = yx::makeObject<FileGuard>(native.get(), false);
+    guard->keep();
+    SafeDisk::create(guard.get(), folder.uri("disk.vmdk"),
+                     requestFor({.fileSizeLimit = kSplitLimit}, kSmallestDiskBytes));
+    FormerDisk former(native.get(), folder.uri("disk.vmdk"));
+    std::ofstream(pathOf("another")) << "another";
+    std::filesystem::rename(pathOf("another"), pathOf("disk-s00001.vmdk"));
+    former.removeFilesBut({});
+    EXPECT_FALSE(std::filesystem::exists(pathOf("disk-s00000.vmdk")));
+    EXPECT_EQ(fromText("another"), readImage(pathOf("disk-s00001.vmdk")));
+    EXPECT_FALSE(std::filesystem::exists(pathOf("disk-s00002.vmdk")));
 }
 
 TEST_F(FormerDiskTest, HasNoneWhereThereIsNoSplitDisk) {

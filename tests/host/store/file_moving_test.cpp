@@ -4,8 +4,8 @@
 
 #include <gmock/gmock.h>
 
-#include "host/store/file_identity.h"
 #include "host/store/sync_watch.h"
+#include "host/system/file_identity.h"
 #include "tests/host/host_fixture.h"
 #include "tests/support/faulty_file_system.h"
 #include "yx/native_file_system.h"
@@ -88,16 +88,6 @@ TEST_F(FileMoving, NamesAsideAreCounted) {
         EXPECT_EQ(uriOf(expected), moveAside(files.get(), uriOf("a"), "aside"));
     }
     EXPECT_EQ("a.aside.2", toText(toBytes(files->getFile(uriOf("a.aside.2")))));
-}
-
-TEST_F(FileMoving, IdentityIsTheFilesAndNotTheNames) {
-    std::ofstream(pathOf("a")) << "a";
-    std::filesystem::create_hard_link(pathOf("a"), pathOf("b"));
-    std::ofstream(pathOf("c")) << "a";
-    EXPECT_EQ(identifyFile(folder.uri("a")), identifyFile(folder.uri("b")));
-    EXPECT_NE(identifyFile(folder.uri("a")), identifyFile(folder.uri("c")));
-    EXPECT_FALSE(identifyFile(folder.uri("none")));
-    EXPECT_FALSE(identifyFile(uriOf("a")));
 }
 
 class SyncWatchTest : public HostTest {

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <compare>
+#include <optional>
+#include <string>
+
+#include "yx/uri.h"
+
+namespace kelm::host {
+
+/// What distinguishes a file of the operating system from every other one, the same whatever name
+/// the file was reached by.
+struct FileIdentity {
+    /// The number of the device that the file lies on.
+    unsigned long long device = 0;
+
+    /// The number of the file on its device.
+    unsigned long long inode = 0;
+
+    /// When the file was made, 0 where the file system does not know. A device may give the number
+    /// of a deleted file that nobody has open to the next one.
+    __int64 birthSeconds = 0;
+    unsigned int birthNanoseconds = 0;
+
+    /// Equal identities are one file; the order has no meaning beyond sorting.
+    friend auto operator<=>(FileIdentity const&, FileIdentity const&) = default;
+};
+
+/// That of the file that a path leads to, links followed; nothing if there is none, or none that can
+/// be asked about.
+std::optional<FileIdentity> identifyFile(std::string const& path);
+
+/// The same of the file that a URI names; nothing if that is no file of the operating system.
+std::optional<FileIdentity> identifyFile(yx::CURI const& uri);
+
+/// That of an open file; nothing if it cannot be asked about.
+std::optional<FileIdentity> identifyFile(int fileDescriptor);
+
+} // namespace kelm::host
