@@ -109,18 +109,26 @@ endfunction()
 # kelm_add_test(<name> LABEL <label> [EMPTY_DIRECTORY] [COST <seconds>]
 #               COMMAND <command> [<argument>...])
 #
-# Runs the command in a directory of its own, emptied before each run on demand. What has a COST
-# begins early, so that no long test runs alone at the end. The limit is far above what any test
-# needs; it only ends a test that hangs.
+# Runs the command in a directory of its own, emptied before each run on demand, and with a folder for
+# temporary files of its own, in which nothing may be left. What has a COST begins early, so that no
+# long test runs alone at the end. The limit is far above what any test needs; it only ends a test
+# that hangs.
 function(kelm_add_test name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "EMPTY_DIRECTORY" "LABEL;COST" "COMMAND")
     set(directory "${PROJECT_BINARY_DIR}/scratch/${name}")
     file(MAKE_DIRECTORY "${directory}")
+    set(options "")
     if(arg_EMPTY_DIRECTORY)
-        list(PREPEND arg_COMMAND
-            "${CMAKE_COMMAND}" -P "${PROJECT_SOURCE_DIR}/cmake/run_in_empty_directory.cmake" --)
+        set(options EMPTY_DIRECTORY)
     endif()
-    add_test(NAME ${name} COMMAND ${arg_COMMAND} WORKING_DIRECTORY "${directory}")
+    list(POP_FRONT arg_COMMAND program)
+    if(TARGET "${program}")
+        set(program "$<TARGET_FILE:${program}>")
+    endif()
+    add_test(NAME ${name}
+        COMMAND "${CMAKE_COMMAND}" -P "${PROJECT_SOURCE_DIR}/cmake/run_test.cmake" ${options} --
+            "${program}" ${arg_COMMAND}
+        WORKING_DIRECTORY "${directory}")
     set_tests_properties(${name} PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 900)
     if(arg_COST)
         set_tests_properties(${name} PROPERTIES COST "${arg_COST}")

@@ -25,6 +25,9 @@ yx::CURI toURI(fs::path const& path) {
 namespace {
 
 constexpr char kNamePrefix[] = "kelm-tests-";
+constexpr char kName[] = "d";
+
+constexpr fs::perms kPassable = fs::perms::group_exec | fs::perms::others_exec;
 
 /// Opens a directory and locks it, so that nobody takes it for one that was left behind; -1 if
 /// somebody else holds it, or it is not there.
@@ -75,11 +78,16 @@ fs::path makeDirectory(fs::path const& base, int& lock) {
 
 TempDirectory::TempDirectory() {
     [[maybe_unused]] static bool const areLeftOnesGone = (removeLeft(), true);
-    m_path = makeDirectory(fs::canonical(fs::temp_directory_path()), m_lock);
+    m_around = makeDirectory(fs::canonical(fs::temp_directory_path()), m_lock);
+    // Whom a test lets into its directory must be able to come there.
+    fs::permissions(m_around, kPassable, fs::perm_options::add);
+    m_path = m_around / kName;
+    fs::create_directory(m_path);
+    fs::permissions(m_path, fs::perms::owner_all);
 }
 
 TempDirectory::~TempDirectory() {
-    removeDirectory(m_path);
+    removeDirectory(m_around);
     ::close(m_lock);
 }
 
