@@ -26,7 +26,8 @@ function(kelm_own_code target)
         target_compile_options(${target} PRIVATE /W4 $<$<BOOL:${KELM_WERROR}>:/WX>)
     else()
         target_compile_options(${target} PRIVATE
-            -Wall -Wextra -Wpedantic -Wshadow -Wconversion $<$<BOOL:${KELM_WERROR}>:-Werror>)
+            -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Woverloaded-virtual
+            $<$<BOOL:${KELM_WERROR}>:-Werror>)
         if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
             # Nobody replaces functions of our libraries from outside; so calls inside one of them
             # need no detour, and may be inlined. Clang takes that for granted.
