@@ -51,7 +51,7 @@ public:
     /// `imageBytes` is not negative.
     void setImageBytes(__int64 imageBytes);
 
-    /// When the image was taken, as text; "" if not known.
+    /// When the image was taken, as text of `formatTime`; "" if not known.
     std::string getTime() const;
     void setTime(std::string const& time);
 

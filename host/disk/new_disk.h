@@ -34,10 +34,14 @@ struct NewDisk {
     /// Whether the disk is unfinished until `SafeDisk::markComplete`, since it is made to be filled.
     bool isToBeFilled = false;
 
-    /// The exact size of the image that it is filled with, in bytes, and where that lies, as its
-    /// `DiskRecord` is to say; -1 and "" if that is not known.
+    /// What its `DiskRecord` is to say: the exact size of the image that it is filled with, in bytes,
+    /// when that was taken, of what and where, and what a person says of it; -1 and "" if that is not
+    /// known.
     __int64 imageBytes = -1;
+    std::string time;
     std::string source;
+    std::string host;
+    std::string label;
 
     /// How far the parents are believed, and the new disk itself: one that is made on demand and is
     /// larger than `kMaxBytesWithoutFile` needs `allowOversize`.

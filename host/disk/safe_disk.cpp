@@ -14,6 +14,12 @@ namespace kelm::host {
 
 namespace {
 
+void setIfKnown(DiskRecord& record, void (DiskRecord::*set)(std::string const&),
+                std::string const& text) {
+    if (!text.empty())
+        (record.*set)(text);
+}
+
 /// What the library does not put into the descriptor of a new disk.
 void completeNewDescriptor(CVMDKDisk& disk, NewDisk const& request) {
     yx::P<CVMDKDescriptor> const descriptor = disk.getDescriptor();
@@ -23,8 +29,10 @@ void completeNewDescriptor(CVMDKDisk& disk, NewDisk const& request) {
         record.setState(DiskState::Unfinished);
     if (request.imageBytes != -1)
         record.setImageBytes(request.imageBytes);
-    if (!request.source.empty())
-        record.setSource(request.source);
+    setIfKnown(record, &DiskRecord::setTime, request.time);
+    setIfKnown(record, &DiskRecord::setSource, request.source);
+    setIfKnown(record, &DiskRecord::setHost, request.host);
+    setIfKnown(record, &DiskRecord::setLabel, request.label);
     updateChecksum(*descriptor, disk.getMainFileURI());
     disk.storeDescriptor();
 }

@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
-#include "host/system/name_text.h"
 #include "host/transfer/disk_conversion.h"
 #include "host/transfer/exact_size.h"
 #include "tools/kelm/commands.h"
@@ -27,6 +27,16 @@ struct ConvertArguments {
     TwoDiskPasswords passwords;
 };
 
+/// The image is the same one, and so are the facts about it.
+void inheritRecord(host::SafeDisk& from, host::NewDisk& request) {
+    host::DiskRecord const record(*from.getDisk().getDescriptor());
+    request.time = record.getTime();
+    request.source = record.getSource();
+    request.host = record.getHost();
+    if (request.label.empty())
+        request.label = record.getLabel();
+}
+
 ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
@@ -46,7 +56,7 @@ ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
         invocation, std::max(arguments.sizeBytes, from->getSizeBytes()),
         arguments.passwords.ofSecond());
     request.isToBeFilled = true;
-    request.source = host::displayName(from->getDisk().getMainFileURI());
+    inheritRecord(*from, request);
     if (keepsExactSize)
         request.imageBytes = arguments.sizeBytes;
     NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);

@@ -1,11 +1,16 @@
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "host/backups/backup_list.h"
+#include "host/disk/chain_members.h"
 #include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
+#include "host/system/machine_name.h"
+#include "host/system/time_text.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/raw_import.h"
 #include "tools/kelm/commands.h"
@@ -13,6 +18,7 @@
 #include "tools/kelm/errors.h"
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
+#include "yx/log.h"
 
 namespace kelm::tool {
 
@@ -93,6 +99,17 @@ ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
     return ExitStatus::Done;
 }
 
+void warnOfLongChain(host::SafeDisk& disk) {
+    if (!disk.hasParent())
+        return;
+    auto const count = static_cast<int>(host::listChainMembers(disk).size());
+    if (count < host::kLongChain)
+        return;
+    yx::logWarning(yx::String::fromUTF8(
+        "This is disk " + std::to_string(count) + " of its chain, which ends at " +
+        std::to_string(host::kMaxDisksOfChain) + ". Begin a new chain with a full disk."));
+}
+
 ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     if (arguments.resume)
         return resumeImport(invocation, arguments);
@@ -109,8 +126,11 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
         arguments.newDisk.makeRequest(invocation, arguments.sizeBytes, arguments.passwords);
     request.isToBeFilled = true;
     request.imageBytes = request.sizeBytes;
+    request.time = host::formatTime(std::time(nullptr));
     request.source = nameOfImage(arguments.image, source);
+    request.host = host::getMachineName();
     NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, sourceFiles);
+    warnOfLongChain(disk.getDisk());
     LongWork const work(invocation, "import", arguments.threads);
     host::importRaw(source, disk.getDisk(), work.getOptions(),
                     lengthOf(source, request.sizeBytes, arguments.pad));

@@ -5,13 +5,13 @@
 #include "host/system/name_text.h"
 #include "host/transfer/disk_map.h"
 #include "host/transfer/disk_space.h"
-#include "host/transfer/raw_target.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/map_picture.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/output.h"
+#include "tools/kelm/picture_file.h"
 
 namespace kelm::tool {
 
@@ -83,15 +83,6 @@ private:
     bool m_isFinished = false;
 };
 
-void writePicture(Invocation& invocation, MapPicture const& picture,
-                  MapArguments const& arguments) {
-    std::string const text = picture.draw();
-    host::RawTarget target(arguments.picture, arguments.force, &invocation.getCancel());
-    target.write(reinterpret_cast<unsigned char const*>(text.data()),
-                 static_cast<int>(text.size()));
-    target.finish();
-}
-
 void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
     std::string const title = disk.getDisk().getMainFileURI().getName().toStdString();
     MapPicture picture(host::printable(title), disk.getSizeBytes(), disk.getGrainSizeBytes());
@@ -101,7 +92,7 @@ void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& argu
                               [&](host::GrainRun const& run) { picture.addRun(run); });
         picture.setSpace(host::gatherSpace(disk, work.getOptions()));
     }
-    writePicture(invocation, picture, arguments);
+    writePicture(invocation, picture.draw(), arguments.picture, arguments.force);
 }
 
 void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {

@@ -44,10 +44,17 @@ struct TrustOptions {
 
 } // namespace
 
-CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
-                     std::string const& description, std::string const& example, Run action) {
+CLI::App& addPlainCommand(CLI::App& program, Run& run, std::string const& name,
+                          std::string const& description, std::string const& example, Run action) {
     CLI::App& command = *program.add_subcommand(name, description);
     command.footer("Example:\n  " + example);
+    command.callback([&run, action = std::move(action)] { run = action; });
+    return command;
+}
+
+CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
+                     std::string const& description, std::string const& example, Run action) {
+    CLI::App& command = addPlainCommand(program, run, name, description, example, action);
     auto const maxRounds = std::make_shared<int>(host::KeyDerivationWatch::kDefaultMaxRounds);
     addNumberOption(command, "--max-rounds", *maxRounds, 1, std::numeric_limits<int>::max(),
                     "The most rounds of key derivation that a disk may ask for");

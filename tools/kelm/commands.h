@@ -21,11 +21,16 @@ using Run = std::function<ExitStatus(Invocation&)>;
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action);
 
+/// The same for a command that opens no disk: without these options.
+CLI::App& addPlainCommand(CLI::App& program, Run& run, std::string const& name,
+                          std::string const& description, std::string const& example, Run action);
+
 // Each adds its command to the program. Parsing a command line that names the command sets `run`,
 // which the caller then calls. It throws `UsageError` and the errors of the library.
 
 void addCreateCommand(CLI::App& program, Run& run);
 void addInfoCommand(CLI::App& program, Run& run);
+void addListCommand(CLI::App& program, Run& run);
 void addImportCommand(CLI::App& program, Run& run);
 void addExportCommand(CLI::App& program, Run& run);
 void addConvertCommand(CLI::App& program, Run& run);

@@ -26,6 +26,18 @@ void addOptional(Json& report, char const* name, Get const& get) {
     }
 }
 
+/// Adds what the disk says of its image, as far as it says it.
+void addRecord(Json& report, host::SafeDisk& disk) {
+    host::DiskRecord const record(*disk.getDisk().getDescriptor());
+    for (auto const& [name, text] : {std::pair{"time", record.getTime()},
+                                     {"source", record.getSource()},
+                                     {"host", record.getHost()},
+                                     {"label", record.getLabel()}}) {
+        if (!text.empty())
+            report[name] = text;
+    }
+}
+
 /// Nothing, too, for a value that cannot be right: what reads the content refuses it.
 std::optional<__int64> tryGetImageBytes(host::SafeDisk& disk) {
     yx::P<CVMDKDescriptor> const descriptor = disk.getDisk().getDescriptor();
@@ -143,6 +155,7 @@ Json reportDisk(host::SafeDisk& disk) {
     report["sizeBytes"] = disk.getSizeBytes();
     if (std::optional<__int64> const imageBytes = tryGetImageBytes(disk))
         report["imageBytes"] = *imageBytes;
+    addRecord(report, disk);
     report["grainSizeBytes"] = disk.getGrainSizeBytes();
     addOptional(report, "contentID",
                 [&] { return yx::toHexString(descriptor.getContentID()).toStdString(); });
@@ -177,6 +190,13 @@ std::string formatReport(Json const& report) {
     text += line("size", formatBytes(report["sizeBytes"]));
     if (report.contains("imageBytes"))
         text += line("image size", formatBytes(report["imageBytes"]));
+    for (auto const& [name, label] : {std::pair{"time", "image taken"},
+                                      {"source", "image"},
+                                      {"host", "on"},
+                                      {"label", "label"}}) {
+        if (report.contains(name))
+            text += line(label, report[name].get<std::string>());
+    }
     text += line("grain size", formatBytes(report["grainSizeBytes"]));
     text += line("geometry", formatGeometry(report["geometry"]));
     text += line("content ID", report.value("contentID", "none"));

@@ -20,6 +20,7 @@ void addCommands(CLI::App& program, Run& run) {
     program.require_subcommand(1);
     kelm::tool::addCreateCommand(program, run);
     kelm::tool::addInfoCommand(program, run);
+    kelm::tool::addListCommand(program, run);
     kelm::tool::addImportCommand(program, run);
     kelm::tool::addExportCommand(program, run);
     kelm::tool::addConvertCommand(program, run);

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cstdio>
 #include <utility>
 
 #include "host/system/size_text.h"
+#include "tools/kelm/svg.h"
 
 namespace kelm::tool {
 
@@ -27,37 +27,6 @@ constexpr char kAbsentFill[] = "#e6e9ec";
 constexpr char kTableFill[] = "#56b4e9";
 constexpr char kDeadFill[] = "url(#dead)";
 
-std::string escape(std::string const& text) {
-    std::string escaped;
-    for (char const character : text) {
-        if (character == '<')
-            escaped += "&lt;";
-        else if (character == '&')
-            escaped += "&amp;";
-        else if (static_cast<unsigned char>(character) < ' ')
-            escaped += '?';
-        else
-            escaped += character;
-    }
-    return escaped;
-}
-
-std::string number(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.4g", value);
-    return text;
-}
-
-std::string rect(double x, double y, double width, double height, char const* fill) {
-    return "<rect x=\"" + number(x) + "\" y=\"" + number(y) + "\" width=\"" + number(width) +
-           "\" height=\"" + number(height) + "\" fill=\"" + fill + "\"/>\n";
-}
-
-std::string label(double x, double y, int size, std::string const& text) {
-    return "<text x=\"" + number(x) + "\" y=\"" + number(y) + "\" font-size=\"" +
-           std::to_string(size) + "\">" + escape(text) + "</text>\n";
-}
-
 __int64 calcCellBytes(__int64 sizeBytes, __int64 grainSizeBytes) {
     __int64 const grains = (sizeBytes + grainSizeBytes - 1) / grainSizeBytes;
     constexpr __int64 kMaxCells = __int64{kColumns} * kMaxRows;
@@ -70,11 +39,11 @@ double shownHeight(double share) {
     return share > 0 ? std::max(1.5, share * kCellSize) : 0;
 }
 
-std::string openDocument(std::string const& title, int height) {
+std::string openPicture(std::string const& title, int height) {
     std::string const size = std::to_string(kWidth) + " " + std::to_string(height);
     return "<svg xmlns=\"http://www.w3.org/2000/svg\" role=\"img\" viewBox=\"0 0 " + size +
            "\" width=\"" + std::to_string(kWidth) + "\" height=\"" + std::to_string(height) +
-           "\" font-family=\"sans-serif\" fill=\"#1c2329\">\n<title>" + escape(title) +
+           "\" font-family=\"sans-serif\" fill=\"#1c2329\">\n<title>" + svg::escape(title) +
            "</title>\n"
            "<defs>\n"
            "<pattern id=\"parent\" width=\"4\" height=\"4\" patternUnits=\"userSpaceOnUse\">"
@@ -112,13 +81,13 @@ void MapPicture::addRun(host::GrainRun const& run) {
 }
 
 std::string MapPicture::drawCell(Cell const& cell, double x, double y) {
-    std::string text = rect(x, y, kCellSize, kCellSize, kAbsentFill);
+    std::string text = svg::rect(x, y, kCellSize, kCellSize, kAbsentFill);
     double const here = std::min<double>(shownHeight(cell.here), kCellSize);
     double const parent = std::min(shownHeight(cell.parent), kCellSize - here);
     if (here > 0)
-        text += rect(x, y + kCellSize - here, kCellSize, here, kHereFill);
+        text += svg::rect(x, y + kCellSize - here, kCellSize, here, kHereFill);
     if (parent > 0)
-        text += rect(x, y + kCellSize - here - parent, kCellSize, parent, kParentFill);
+        text += svg::rect(x, y + kCellSize - here - parent, kCellSize, parent, kParentFill);
     return text;
 }
 
@@ -137,14 +106,14 @@ std::string MapPicture::drawSpaceBar(int top) const {
     __int64 const totalBytes =
         m_space.getHeaderSize() + m_space.getPayloadSizeInFile() + m_space.getDeadSpaceSize();
     std::string text =
-        label(kMargin, top - 8, 13, "Space in the files: " + host::formatSize(totalBytes));
+        svg::label(kMargin, top - 8, 13, "Space in the files: " + host::formatSize(totalBytes));
     double x = kMargin;
     auto const add = [&](__int64 bytes, char const* fill) {
         if (bytes <= 0)
             return;
         double const width =
             static_cast<double>(bytes) / static_cast<double>(totalBytes) * kBarWidth;
-        text += rect(x, top, width, kBarHeight, fill);
+        text += svg::rect(x, top, width, kBarHeight, fill);
         x += width;
     };
     add(m_space.getHeaderSize(), kTableFill);
@@ -169,8 +138,8 @@ std::string MapPicture::drawLegend(int top) const {
     std::string text;
     double x = kMargin;
     for (Entry const& entry : entries) {
-        text += rect(x, top, kCellSize, kCellSize, entry.fill);
-        text += label(x + kCellSize + 6, top + kCellSize - 2, 12, entry.text);
+        text += svg::rect(x, top, kCellSize, kCellSize, entry.fill);
+        text += svg::label(x + kCellSize + 6, top + kCellSize - 2, 12, entry.text);
         x += kEntryWidth;
     }
     return text;
@@ -180,11 +149,12 @@ std::string MapPicture::draw() const {
     int const rows = static_cast<int>((m_cells.size() + kColumns - 1) / kColumns);
     int const barTop = kGridTop + rows * kCellPitch + 38;
     int const legendTop = barTop + kBarHeight + 22;
-    return openDocument(m_title, legendTop + kCellSize + kMargin) +
-           label(kMargin, 38, 20, m_title) +
-           label(kMargin, 60, 13,
-                 host::formatSize(m_sizeBytes) + "; each cell is " + host::formatSize(m_cellBytes) +
-                     ", filled by as much as is held; the disk begins at the top left") +
+    return openPicture(m_title, legendTop + kCellSize + kMargin) +
+           svg::label(kMargin, 38, 20, m_title) +
+           svg::label(kMargin, 60, 13,
+                      host::formatSize(m_sizeBytes) + "; each cell is " +
+                          host::formatSize(m_cellBytes) +
+                          ", filled by as much as is held; the disk begins at the top left") +
            drawGrid() + drawSpaceBar(barTop) + drawLegend(legendTop) + "</svg>\n";
 }
 

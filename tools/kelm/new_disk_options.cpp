@@ -1,5 +1,6 @@
 #include "tools/kelm/new_disk_options.h"
 
+#include "host/disk/disk_record.h"
 #include "host/transfer/exact_size.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
@@ -21,6 +22,8 @@ void NewDiskOptions::addCommonTo(CLI::App& command) {
     addFlag(command, "--encrypt", encrypt, "Encrypt the disk under a password");
     addFlag(command, "--on-demand", onDemand,
             "Make the files of a split disk when they are needed");
+    addTextOption(command, "--label", label,
+                  "A text that the disk is to keep, for 'list' and 'info'");
     addForceOption(command, force);
 }
 
@@ -54,6 +57,10 @@ host::NewDisk NewDiskOptions::makeRequest(Invocation& invocation, __int64 sizeBy
     request.fileSizeLimitBytes = splitBytes;
     request.createExtentFilesOnDemand = onDemand;
     request.trust = invocation.getTrust();
+    // As stored, a byte takes up to three.
+    if (label.size() > host::DiskRecord::kMaxTextBytes / 3)
+        throw UsageError("The label is too long.");
+    request.label = label;
     if (!parent.empty())
         inheritFromParent(invocation, passwords, request);
     if (request.sizeBytes == -1)

@@ -21,8 +21,10 @@ struct NewDiskOptions {
     bool onDemand = false;
     std::string parent;
     bool force = false;
+    std::string label;
 
-    /// Adds the options of every new disk: level, splitting, encryption, force.
+    /// Adds the options of every new disk: level, splitting, encryption, a
+    /// label, force.
     void addCommonTo(CLI::App& command);
 
     void addCompressedTo(CLI::App& command);

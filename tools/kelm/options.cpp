@@ -26,6 +26,11 @@ void addFileOption(CLI::App& command, std::string const& name, std::string& targ
     command.add_option(name, target, description)->required(required)->type_name("FILE");
 }
 
+void addTextOption(CLI::App& command, std::string const& name, std::string& target,
+                   std::string const& description) {
+    command.add_option(name, target, description)->type_name("TEXT");
+}
+
 void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
                    std::string const& description) {
     auto const parse = [name, &target](std::string const& text) {

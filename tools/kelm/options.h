@@ -20,6 +20,10 @@ void addFlag(CLI::App& command, std::string const& name, bool& target,
 void addFileOption(CLI::App& command, std::string const& name, std::string& target,
                    std::string const& description, bool required);
 
+/// Adds an option whose value is any text.
+void addTextOption(CLI::App& command, std::string const& name, std::string& target,
+                   std::string const& description);
+
 /// Adds an option whose value is a size, such as "40G".
 void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
                    std::string const& description);
