@@ -73,9 +73,7 @@ void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
         auto const* const ioError = dynamic_cast<CIOError const*>(&error);
         if (!ioError || ioError->getIOCode() != CIOError::AccessDenied)
             throw;
-        throw CLockFileError("The disk is in use: its lock file is held by another program or "
-                             "another open disk.",
-                             detail::makeUriProps(m_uri), &error);
+        throw CLockFileError(kLockFileInUseMessage, detail::makeUriProps(m_uri), &error);
     }
 }
 
@@ -97,8 +95,7 @@ std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem,
         }
         std::this_thread::yield();
     } while (std::chrono::steady_clock::now() < end);
-    throw CLockFileError("The lock file is being removed by another program.",
-                         detail::makeUriProps(m_uri), nullptr);
+    throw CLockFileError(kLockFileIsRemovedMessage, detail::makeUriProps(m_uri), nullptr);
 }
 
 } // namespace yx

@@ -11,6 +11,13 @@ namespace detail {
 class OpenLockFile;
 }
 
+/// The whole messages where another holder is in the way, and where one is just removing the file:
+/// both pass by themselves. No code of the error says so, so callers compare with these.
+inline constexpr char kLockFileInUseMessage[] =
+    "The disk is in use: its lock file is held by another program or another open disk.";
+inline constexpr char kLockFileIsRemovedMessage[] =
+    "The lock file is being removed by another program.";
+
 /// How the message begins where nobody holds the lock but its file cannot be made, opened or
 /// locked. Behind it stands the message of the cause. No code of the error says it, so callers
 /// compare with this.
@@ -41,9 +48,9 @@ public:
     /// Takes the lock or throws `CLockFileError` with "uri", without waiting for a holder. The
     /// messages:
     ///
-    /// - "The disk is in use: its lock file is held by another program or another open disk."
+    /// - `kLockFileInUseMessage`
     /// - "The lock file does not exist.", if `createFile` is false.
-    /// - "The lock file is being removed by another program.", if that takes half a second.
+    /// - `kLockFileIsRemovedMessage`, if that takes half a second.
     /// - "The name of the lock file belongs to another file.", if that has content.
     /// - "The name of the lock file belongs to a symbolic link."
     /// - `kLockNotTakenMessagePrefix` and the message of the cause, if the file cannot be made,

@@ -4,6 +4,7 @@
 
 #include <poll.h>
 
+#include "host/disk/file_locks.h"
 #include "yx/lock_file.h"
 
 namespace kelm::host {
@@ -17,17 +18,16 @@ constexpr std::chrono::milliseconds kPause{100};
 
 /// The other errors of lock files do not pass by themselves: a lock file that cannot be made, or
 /// whose name belongs to another file.
-constexpr char const* kPassingMessages[] = {"The disk is in use:",
-                                            "The lock file is being removed"};
+constexpr char const* kPassingMessages[] = {yx::kLockFileInUseMessage, kFileInUseMessage,
+                                            yx::kLockFileIsRemovedMessage};
 
 } // namespace
 
 bool isInUse(yx::CError const& error) {
     for (yx::CError const* each = &error; each; each = each->getCause()) {
         if (dynamic_cast<yx::CLockFileError const*>(each) &&
-            std::any_of(
-                std::begin(kPassingMessages), std::end(kPassingMessages),
-                [&](char const* start) { return each->getMessage().wx().StartsWith(start); }))
+            std::any_of(std::begin(kPassingMessages), std::end(kPassingMessages),
+                        [&](char const* message) { return each->getMessage() == message; }))
             return true;
     }
     return false;

@@ -338,9 +338,7 @@ bool DiskFileSystem::tryJoinLockFile(yx::CURI const& lockFile) {
     } catch (yx::CIOError const& error) {
         if (error.getIOCode() != yx::CIOError::AccessDenied)
             return false;
-        throw yx::CLockFileError("The disk is in use: its lock file is held by another program or "
-                                 "another open disk.",
-                                 propsOf(lockFile), &error);
+        throw yx::CLockFileError(yx::kLockFileInUseMessage, propsOf(lockFile), &error);
     }
     return true;
 }

@@ -12,9 +12,8 @@ namespace kelm::host {
 namespace {
 
 [[noreturn]] void throwFileInUse(yx::CURI const& uri) {
-    throw yx::CLockFileError(
-        "The disk is in use: its file is held by another program or another open disk.",
-        yx::CProps().add("uri", uri.toString(true)), nullptr);
+    throw yx::CLockFileError(kFileInUseMessage, yx::CProps().add("uri", uri.toString(true)),
+                             nullptr);
 }
 
 FileDescriptor makeNewFile(yx::CURI const& uri, std::string const& path) {

@@ -9,6 +9,11 @@
 
 namespace kelm::host {
 
+/// The whole message where a lock on a file of a disk is in the way, as `yx::kLockFileInUseMessage` is
+/// where the lock file is.
+inline constexpr char kFileInUseMessage[] =
+    "The disk is in use: its file is held by another program or another open disk.";
+
 /// The locks on the files of a disk, held for as long as this lives: one for each file, whatever
 /// names it is reached by. So an opening never conflicts with another one of the same disk object.
 class FileLocks : public yx::CBase {
@@ -22,9 +27,8 @@ public:
     /// type. Files of other URIs than "file:" are not locked. Returns whether a lock is held, which
     /// it is not on a file system without locks.
     ///
-    /// Another holder in the way is `CLockFileError` "The disk is in use: its file is held by
-    /// another program or another open disk." with "uri"; other errors are those of
-    /// `FileLock::take`.
+    /// Another holder in the way is `CLockFileError` `kFileInUseMessage` with "uri"; other errors
+    /// are those of `FileLock::take`.
     bool take(yx::CURI const& uri, FileLock::Type type);
 
     /// Makes a new, empty file, locks it alone and says which one it is. Of two who make a file of one

@@ -13,10 +13,10 @@ namespace kelm::tool {
 
 namespace {
 
-constexpr int kWidth = 960;
-constexpr int kMargin = 24;
+constexpr int kPictureWidth = 960;
+constexpr int kPictureMargin = 24;
 constexpr int kNameWidth = 220;
-constexpr int kTop = 84;
+constexpr int kLanesTop = 84;
 constexpr int kLaneHeight = 34;
 constexpr double kMinLineWidth = 2;
 constexpr double kMaxLineWidth = 22;
@@ -72,12 +72,12 @@ public:
     }
 
     std::string draw() const {
-        int const height = kTop + m_laneCount * kLaneHeight + kMargin;
+        int const height = kLanesTop + m_laneCount * kLaneHeight + kPictureMargin;
         std::string text = "<svg xmlns=\"http://www.w3.org/2000/svg\" role=\"img\" viewBox=\"0 0 " +
-                           std::to_string(kWidth) + " " + std::to_string(height) + "\" width=\"" +
-                           std::to_string(kWidth) + "\" height=\"" + std::to_string(height) +
-                           "\">\n<title>Backups</title>\n" + kStyle;
-        text += svg::label(kMargin, 34, 20,
+                           std::to_string(kPictureWidth) + " " + std::to_string(height) +
+                           "\" width=\"" + std::to_string(kPictureWidth) + "\" height=\"" +
+                           std::to_string(height) + "\">\n<title>Backups</title>\n" + kStyle;
+        text += svg::label(kPictureMargin, 34, 20,
                            std::to_string(m_disks.size()) + " disks, " +
                                host::formatSize(m_totalBytes));
         text += drawAxis(height);
@@ -119,14 +119,14 @@ private:
     }
 
     double xOf(std::size_t index) const {
-        double const width = kWidth - 2 * kMargin - kNameWidth;
+        double const width = kPictureWidth - 2 * kPictureMargin - kNameWidth;
         double const span = static_cast<double>(std::max<std::time_t>(m_lastTime - m_firstTime, 1));
-        return kMargin + kNameWidth +
+        return kPictureMargin + kNameWidth +
                static_cast<double>(m_places[index].time - m_firstTime) / span * width;
     }
 
     int yOf(std::size_t index) const {
-        return kTop + m_places[index].lane * kLaneHeight + kLaneHeight / 2;
+        return kLanesTop + m_places[index].lane * kLaneHeight + kLaneHeight / 2;
     }
 
     /// In proportion to the data, where the widest fills its lane.
@@ -140,16 +140,18 @@ private:
         std::string text;
         for (auto const& [time, x] : {std::pair{m_firstTime, xAt(0)}, {m_lastTime, xAt(1)}}) {
             text += "<line class=\"axis\" x1=\"" + svg::number(x) + "\" y1=\"" +
-                    std::to_string(kTop - 8) + "\" x2=\"" + svg::number(x) + "\" y2=\"" +
-                    std::to_string(height - kMargin) + "\"/>\n";
+                    std::to_string(kLanesTop - 8) + "\" x2=\"" + svg::number(x) + "\" y2=\"" +
+                    std::to_string(height - kPictureMargin) + "\"/>\n";
             if (time != 0)
-                text += drawText(x, kTop - 14, host::formatTime(time).substr(0, kDateLength),
-                                 x < kWidth / 2 ? "start" : "end");
+                text += drawText(x, kLanesTop - 14, host::formatTime(time).substr(0, kDateLength),
+                                 x < kPictureWidth / 2 ? "start" : "end");
         }
         return text;
     }
 
-    static double xAt(int end) { return end == 0 ? kMargin + kNameWidth : kWidth - kMargin; }
+    static double xAt(int end) {
+        return end == 0 ? kPictureMargin + kNameWidth : kPictureWidth - kPictureMargin;
+    }
 
     static std::string drawText(double x, int y, std::string const& text, char const* anchor) {
         return "<text class=\"faint\" x=\"" + svg::number(x) + "\" y=\"" + std::to_string(y) +
@@ -179,7 +181,7 @@ private:
             svg::escape(name + ", " + host::formatSize(disk.ownBytes) + ", " + nameOf(disk.state)) +
             "</title></rect>\n";
         if (m_places[index].beginsLane)
-            text += drawText(kMargin, yOf(index) + 4, shorten(name), "start");
+            text += drawText(kPictureMargin, yOf(index) + 4, shorten(name), "start");
         return text;
     }
 

@@ -36,7 +36,7 @@ TEST(BusyWait, TriesAgainUntilItIsFree) {
     BusyWait wait(std::chrono::seconds(600), nullptr);
     EXPECT_EQ(7, wait.retry([&] {
         if (++attempts < 3)
-            throw lockError("The disk is in use: really");
+            throw lockError(yx::kLockFileInUseMessage);
         return 7;
     }));
     EXPECT_EQ(3, attempts);
@@ -48,7 +48,7 @@ TEST(BusyWait, EndsWithTheTimeWhichIsForAllDisksTogether) {
     int attempts = 0;
     auto const open = [&] {
         ++attempts;
-        throw lockError("The disk is in use: really");
+        throw lockError(yx::kLockFileInUseMessage);
     };
     EXPECT_THROW(wait.retry(open), yx::CLockFileError);
     EXPECT_GE(attempts, 2);
@@ -63,7 +63,7 @@ TEST(BusyWait, DoesNotWaitWithoutTimeOrForOtherErrors) {
     BusyWait none;
     EXPECT_THROW(none.retry([&] {
         ++attempts;
-        throw lockError("The disk is in use: really");
+        throw lockError(yx::kLockFileInUseMessage);
     }),
                  yx::CLockFileError);
     EXPECT_EQ(1, attempts);
@@ -83,7 +83,7 @@ TEST(BusyWait, EndsWhenItIsCancelled) {
     EXPECT_THROW(wait.retry([&] {
         ++attempts;
         cancel.set();
-        throw lockError("The disk is in use: really");
+        throw lockError(yx::kLockFileInUseMessage);
     }),
                  CancelledError);
     EXPECT_EQ(1, attempts);

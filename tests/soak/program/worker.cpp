@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "host/check/disk_check.h"
+#include "host/disk/busy_wait.h"
 
 namespace soak {
 
@@ -12,18 +13,6 @@ namespace {
 
 constexpr int kMaxRangeSectors = 400;
 constexpr int kGrainBytes = kGrainSectors * kSectorSizeBytes;
-
-/// In what words a disk in use may be refused.
-constexpr char const* kRefusals[] = {
-    "The disk is in use: its lock file is held by another program or another open disk.",
-    "The disk is in use: its file is held by another program or another open disk.",
-    "The lock file is being removed by another program.",
-};
-
-bool isRefusal(yx::CLockFileError const& error) {
-    return std::any_of(std::begin(kRefusals), std::end(kRefusals),
-                       [&](char const* message) { return error.getMessage() == message; });
-}
 
 __int64 toBytes(int sectors) {
     return __int64{sectors} * kSectorSizeBytes;
@@ -88,7 +77,7 @@ bool Worker::tryOpen(yx::IIOStream::Access access) {
                                                         m_settings.kind.password, 1);
         return true;
     } catch (yx::CLockFileError const& error) {
-        if (!isRefusal(error))
+        if (!kelm::host::isInUse(error))
             throw;
         return false;
     }
