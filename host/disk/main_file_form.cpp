@@ -16,6 +16,10 @@ using FileStart = std::span<unsigned char const>;
 
 constexpr int kLookedAtBytes = 1024;
 
+/// How much of a text must look like one. What stands behind may be anything that a hostile
+/// descriptor says, on which the library has its own words.
+constexpr std::ptrdiff_t kTextLookedAtBytes = 16;
+
 /// A text of letters has a zero in every second byte.
 constexpr std::size_t kLettersLookedAt = 4;
 
@@ -52,7 +56,8 @@ bool isUTF16(FileStart start) {
 
 /// Zeros fill the file behind a text, but nothing stands before it.
 bool isText(FileStart start) {
-    auto const end = std::find(start.begin(), start.end(), 0);
+    auto const zeros = std::find(start.begin(), start.end(), 0);
+    auto const end = start.begin() + std::min(zeros - start.begin(), kTextLookedAtBytes);
     return end != start.begin() && std::all_of(start.begin(), end, isOfText);
 }
 

@@ -31,7 +31,7 @@ TEST_F(MainFileForm, ExtentsAndTextsPass) {
     for (std::string const& content :
          {std::string("KDMV\1\0\0\0\3\0\0\0", 12), std::string("# comment\n"),
           std::string("createType=\"x\"\r\n\tname=\xE4\n") + std::string(600, '\0'),
-          std::string(2000, 'x'),
+          std::string(2000, 'x'), std::string("# Disk DescriptorFile\nname=\x1b[31m\n"),
           // Too short to tell.
           std::string(), std::string("\0\0\0", 3)})
         EXPECT_NO_THROW(verify(content)) << content;
@@ -40,7 +40,7 @@ TEST_F(MainFileForm, ExtentsAndTextsPass) {
 TEST_F(MainFileForm, BytesOfNoTextAreARawImage) {
     for (std::string const& content :
          {std::string(512, '\0'), std::string(4, '\0'), std::string("\xEB\x63\x90\x10", 4),
-          std::string(1000, 'x') + '\x01', std::string("\0# comment", 10)})
+          std::string("text \x01"), std::string("\0# comment", 10)})
         EXPECT_TRUE(isRefused(content, yx::CIOError::CorruptData, kImageMessage)) << content;
 }
 
