@@ -154,7 +154,11 @@ yx::P<yx::IIOStream> FileGuard::openMade(MadeFile const& file, yx::CURI const& u
 }
 
 bool FileGuard::fileExists(yx::CURI const& uri) {
-    return m_fileSystem->fileExists(uri);
+    MadeFile const* const made = findMade(uri);
+    if (!made || !made->isThere)
+        return m_fileSystem->fileExists(uri);
+    verifyIsThere(*made);
+    return true;
 }
 
 void FileGuard::deleteFile(yx::CURI const& uri, bool ignoreMissing) {

@@ -60,6 +60,8 @@ public:
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* options) override;
 
+    /// One that was made here and that somebody has deleted or replaced is an error as for
+    /// `verifyFilesAreThere`.
     bool fileExists(yx::CURI const& uri) override;
 
     /// Deleting a file that was there before is `CIOError` `AlreadyExists` with "uri"; one that
