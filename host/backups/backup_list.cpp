@@ -13,6 +13,7 @@
 #include "host/store/folder_files.h"
 #include "host/system/error_text.h"
 #include "host/system/name_text.h"
+#include "kelm/format/internal/little_endian.h"
 #include "kelm/kelm.h"
 
 namespace kelm::host {
@@ -81,16 +82,12 @@ private:
         if (stream->readLax(start, sizeof start) < static_cast<int>(sizeof start))
             return false;
         stream->seek(0);
-        if (loadMagic(start) != kHeaderMagic && loadMagic(start) != kEncryptionExtensionHeaderMagic)
+        auto const magic = loadLittleEndian<unsigned int>(start);
+        if (magic != kHeaderMagic && magic != kEncryptionExtensionHeaderMagic)
             return false;
         CVMDKSparseExtentHeader const header = readHeader(stream);
         stream->seek(0);
         return header.getDescriptorOffsetSectors() == 0;
-    }
-
-    static unsigned int loadMagic(unsigned char const* bytes) {
-        return bytes[0] | bytes[1] << 8 | bytes[2] << 16 |
-               static_cast<unsigned int>(bytes[3]) << 24;
     }
 
     void readRecord(CVMDKDescriptor& descriptor) {

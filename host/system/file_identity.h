@@ -1,8 +1,8 @@
 #pragma once
 
-#include <compare>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "yx/uri.h"
 
@@ -22,8 +22,14 @@ struct FileIdentity {
     __int64 birthSeconds = 0;
     unsigned int birthNanoseconds = 0;
 
-    /// Equal identities are one file; the order has no meaning beyond sorting.
-    friend auto operator<=>(FileIdentity const&, FileIdentity const&) = default;
+    /// Whether both are one file.
+    bool operator==(FileIdentity const&) const = default;
+
+    /// Has no meaning beyond sorting.
+    bool operator<(FileIdentity const& other) const {
+        return std::tie(device, inode, birthSeconds, birthNanoseconds) <
+               std::tie(other.device, other.inode, other.birthSeconds, other.birthNanoseconds);
+    }
 };
 
 /// That of the file that a path leads to, links followed; nothing if there is none, or none that can

@@ -144,7 +144,7 @@ private:
                     std::to_string(height - kPictureMargin) + "\"/>\n";
             if (time != 0)
                 text += drawText(x, kLanesTop - 14, host::formatTime(time).substr(0, kDateLength),
-                                 x < kPictureWidth / 2 ? "start" : "end");
+                                 2 * x < kPictureWidth ? "start" : "end");
         }
         return text;
     }
