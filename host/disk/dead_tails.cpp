@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "host/disk/record_size.h"
 #include "host/disk/table_comparison.h"
 #include "host/disk/table_verification.h"
 #include "host/disk/trail_repair.h"
@@ -52,6 +53,7 @@ private:
             static_cast<__int64>(m_header.getCapacitySectors()),
             static_cast<__int64>(m_header.getGrainSizeSectors()));
         __int64 endSectors = 0;
+        __int64 lastPosSectors = 0;
         for (__int64 grain = 0; grain < grainCount; ++grain) {
             if (m_cancel && grain % kGrainTableEntryCount == 0)
                 m_cancel->check();
@@ -60,8 +62,20 @@ private:
             directory.getGrainInfo(grain, posSectors, slotSectors);
             if (posSectors > 0)
                 endSectors = std::max(endSectors, posSectors + slotSectors);
+            lastPosSectors = std::max(lastPosSectors, posSectors);
         }
+        if (m_header.isCompressed() && lastPosSectors > 0)
+            endSectors = std::max(endSectors, findRecordEnd(lastPosSectors));
         return endSectors;
+    }
+
+    /// In sectors. A power cut can leave a new place with the slot of the old one, which may be
+    /// smaller than the record.
+    __int64 findRecordEnd(__int64 posSectors) {
+        unsigned char record[kGrainRecordHeaderSizeBytes];
+        m_stream.seek(posSectors * kSectorSizeBytes);
+        m_stream.read(record, kGrainRecordHeaderSizeBytes);
+        return posSectors + recordSizeSectors(m_header, loadGrainRecordCompressedSize(record));
     }
 
     /// Where the trail begins, or the file ends without one, in bytes.

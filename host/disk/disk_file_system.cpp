@@ -12,6 +12,7 @@
 #include "kelm/format/file_reference.h"
 #include "kelm/format/sparse_extent_header.h"
 #include "yx/error.h"
+#include "yx/lock_file.h"
 #include "yx/native_stream.h"
 #include "yx/optimizing_io_stream.h"
 

@@ -68,6 +68,31 @@ TEST_F(DeadTails, GoUpToTheLastGrainThatATableNames) {
     }
 }
 
+/// As a power cut leaves it that comes between the two tables in which a grain stands.
+TEST_F(DeadTails, BeginBehindTheLastRecordAlsoWhereItsSlotIsTooSmall) {
+    makeDisk(kindNamed("compressed"));
+    Bytes const expected = contentAfterReopening();
+    {
+        yx::P<yx::IIOStream> const stream =
+            kelm::openVMDKFileStream(files.get(), uriOf("disk.vmdk"), kReadWrite);
+        yx::CDataInStream in(stream.get());
+        kelm::CVMDKSparseExtentHeader header;
+        header.load(in);
+        auto const cache = yx::makeObject<kelm::CVMDKGrainTableCache>(-1);
+        auto const directory = yx::makeObject<kelm::CVMDKGrainDirectory>(stream.get(), kReadWrite,
+                                                                         header, cache.get());
+        __int64 const lastGrain = kSmallestDiskBytes / kGrainBytes - 1;
+        __int64 posSectors = 0;
+        __int64 slotSectors = 0;
+        directory->getGrainInfo(lastGrain, posSectors, slotSectors);
+        ASSERT_GT(slotSectors, 1);
+        directory->setGrainInfo(lastGrain, posSectors, 1);
+        directory->flushChangesToStream();
+    }
+    drop();
+    EXPECT_TRUE(sameBytes(expected, contentAfterReopening()));
+}
+
 TEST_F(DeadTails, OfAnEmptyDiskGoUpToItsTables) {
     createSafe({});
     Bytes const whole = fileBytes();
