@@ -40,10 +40,12 @@ function(kelm_own_code target)
     endif()
 endfunction()
 
-# kelm_compile_in_batches(<target>): with KELM_UNITY, compiles several sources of a library as one.
+# kelm_compile_in_batches(<target>): with KELM_UNITY, compiles several sources of a target as one.
 function(kelm_compile_in_batches target)
     if(KELM_UNITY)
-        set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+        set_target_properties(${target} PROPERTIES
+            UNITY_BUILD ON
+            UNITY_BUILD_BATCH_SIZE ${KELM_UNITY_BATCH})
         if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
             # GCC takes the sources of a batch for headers.
             target_compile_options(${target} PRIVATE -Wno-subobject-linkage)

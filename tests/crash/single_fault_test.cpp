@@ -10,6 +10,8 @@
 #include "tests/support/power_cut.h"
 
 namespace test_support {
+namespace single_fault_test {
+
 namespace {
 
 using Kind = FileOperation::Kind;
@@ -335,4 +337,6 @@ public:
 testing::Environment* const kFaultCount = testing::AddGlobalTestEnvironment(new FaultCount);
 
 } // namespace
+
+} // namespace single_fault_test
 } // namespace test_support

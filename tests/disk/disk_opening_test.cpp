@@ -10,6 +10,8 @@
 using testing::ElementsAre;
 
 namespace test_support {
+namespace disk_opening_test {
+
 namespace {
 
 constexpr char kURI[] = "mem:///disks/disk.vmdk";
@@ -350,4 +352,6 @@ TEST_F(DiskOpening, EveryFailedOperationOfAnOpeningArrives) {
 }
 
 } // namespace
+
+} // namespace disk_opening_test
 } // namespace test_support

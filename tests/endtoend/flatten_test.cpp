@@ -11,6 +11,8 @@
 
 namespace endtoend {
 
+namespace flatten_test {
+
 namespace {
 
 constexpr std::size_t kImageBytes = std::size_t{16} << 20;
@@ -99,5 +101,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, KilledFlatten, ::testing::ValuesIn(kKinds),
                          [](auto const& kind) { return std::string(kind.param.name); });
 
 } // namespace
+
+} // namespace flatten_test
 
 } // namespace endtoend

@@ -9,6 +9,8 @@
 
 namespace endtoend {
 
+namespace interruption_test {
+
 namespace {
 
 constexpr std::size_t kImageBytes = std::size_t{16} << 20;
@@ -224,5 +226,7 @@ TEST_F(Interruption, AReaderThatGoesAwayIsAnError) {
 }
 
 } // namespace
+
+} // namespace interruption_test
 
 } // namespace endtoend

@@ -4,6 +4,8 @@
 
 namespace endtoend {
 
+namespace round_trip_test {
+
 namespace {
 
 constexpr std::size_t kImageBytes = std::size_t{12} << 20;
@@ -189,5 +191,7 @@ TEST_F(Info, TellsAboutADiskOfTwoTebibytes) {
 }
 
 } // namespace
+
+} // namespace round_trip_test
 
 } // namespace endtoend

@@ -2,6 +2,8 @@
 
 namespace endtoend {
 
+namespace table_damage_test {
+
 namespace {
 
 constexpr std::size_t kSector = 512;
@@ -121,5 +123,7 @@ TEST_F(TableDamage, AllOfItIsCounted) {
 }
 
 } // namespace
+
+} // namespace table_damage_test
 
 } // namespace endtoend

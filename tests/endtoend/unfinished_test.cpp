@@ -9,6 +9,8 @@
 
 namespace endtoend {
 
+namespace unfinished_test {
+
 namespace {
 
 constexpr std::size_t kImageBytes = (std::size_t{8} << 20) + 512;
@@ -205,5 +207,7 @@ TEST_F(Unfinished, OtherImagesAreNotMixedIntoIt) {
 }
 
 } // namespace
+
+} // namespace unfinished_test
 
 } // namespace endtoend

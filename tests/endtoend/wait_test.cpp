@@ -10,6 +10,8 @@
 
 namespace endtoend {
 
+namespace wait_test {
+
 namespace {
 
 constexpr std::size_t kImageBytes = std::size_t{8} << 20;
@@ -157,5 +159,7 @@ TEST_F(Wait, IsForNothingButDisksInUse) {
 }
 
 } // namespace
+
+} // namespace wait_test
 
 } // namespace endtoend

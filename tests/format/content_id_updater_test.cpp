@@ -11,6 +11,8 @@
 #include "tests/support/recording_file_system.h"
 #include "yx/memory_file_system.h"
 
+namespace content_id_updater_test {
+
 namespace {
 
 using kelm::CVMDKContentIDUpdater;
@@ -182,3 +184,5 @@ TEST_F(ContentIDUpdater, TextWithoutContentIDStaysAsItIs) {
 }
 
 } // namespace
+
+} // namespace content_id_updater_test

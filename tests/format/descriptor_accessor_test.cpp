@@ -9,6 +9,8 @@
 #include "tests/support/scripted_stream.h"
 #include "yx/mt_rand.h"
 
+namespace descriptor_accessor_test {
+
 namespace {
 
 using kelm::CVMDKDescriptorAccessor;
@@ -360,3 +362,5 @@ TEST(DescriptorAccessor, ContentIDIsNotChangedWhereThereIsNone) {
 }
 
 } // namespace
+
+} // namespace descriptor_accessor_test

@@ -14,6 +14,8 @@
 #include "tests/support/recording_file_system.h"
 #include "yx/memory_file_system.h"
 
+namespace empty_sparse_extent_file_test {
+
 namespace {
 
 using kelm::createEmptyVMDKSparseExtentFile;
@@ -503,3 +505,5 @@ TEST(EmptySparseExtentFile, ErrorsOutsideTheFamilyAreHandledAlike) {
 }
 
 } // namespace
+
+} // namespace empty_sparse_extent_file_test

@@ -10,6 +10,8 @@
 #include "tests/support/expect_error.h"
 #include "tests/support/scripted_stream.h"
 
+namespace sparse_extent_header_test {
+
 namespace {
 
 using kelm::CVMDKSparseExtentHeader;
@@ -380,3 +382,5 @@ TEST(SparseExtentHeader, IsCompressedByItsFlagAlone) {
 }
 
 } // namespace
+
+} // namespace sparse_extent_header_test

@@ -12,6 +12,8 @@
 
 namespace kelm {
 
+namespace data_preparer_test {
+
 namespace {
 
 using test_support::Buffer;
@@ -343,5 +345,7 @@ TEST(DataPreparer, SeveralThreadsPrepareWithOneObjectEach) {
 }
 
 } // namespace
+
+} // namespace data_preparer_test
 
 } // namespace kelm

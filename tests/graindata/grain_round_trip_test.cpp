@@ -6,6 +6,8 @@
 
 namespace graindata_test {
 
+namespace grain_round_trip_test {
+
 namespace {
 
 using kelm::CVMDKGrain;
@@ -115,5 +117,7 @@ TEST_F(GrainRoundTrip, RandomOperationsGiveWhatAModelHas) {
 }
 
 } // namespace
+
+} // namespace grain_round_trip_test
 
 } // namespace graindata_test

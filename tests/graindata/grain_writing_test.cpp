@@ -4,6 +4,8 @@
 
 namespace graindata_test {
 
+namespace grain_writing_test {
+
 namespace {
 
 using kelm::CVMDKGrain;
@@ -686,5 +688,7 @@ TEST_F(GrainIndependence, ProviderThatHasNothingIsRefused) {
 }
 
 } // namespace
+
+} // namespace grain_writing_test
 
 } // namespace graindata_test

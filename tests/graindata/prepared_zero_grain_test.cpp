@@ -6,6 +6,8 @@
 
 namespace kelm {
 
+namespace prepared_zero_grain_test {
+
 namespace {
 
 constexpr int kGrainSizeBytes = 8 * kSectorSizeBytes;
@@ -34,5 +36,7 @@ TEST(PreparedZeroGrain, IsThatOfTheIndexAskedForLast) {
 }
 
 } // namespace
+
+} // namespace prepared_zero_grain_test
 
 } // namespace kelm

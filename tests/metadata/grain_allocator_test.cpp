@@ -16,6 +16,8 @@
 
 namespace kelm {
 
+namespace grain_allocator_test {
+
 namespace {
 
 using metadata_test::FileImage;
@@ -544,5 +546,7 @@ TEST_F(GrainAllocator, FailureInTheLastReleaseIsReportedAndSwallowed) {
 }
 
 } // namespace
+
+} // namespace grain_allocator_test
 
 } // namespace kelm

@@ -20,6 +20,8 @@
 
 namespace kelm {
 
+namespace grain_directory_test {
+
 namespace {
 
 using metadata_test::FileImage;
@@ -874,5 +876,7 @@ TEST_F(GrainDirectory, TwoDirectoriesDoNotMeetInOneCache) {
 }
 
 } // namespace
+
+} // namespace grain_directory_test
 
 } // namespace kelm

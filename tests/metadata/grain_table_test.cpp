@@ -14,6 +14,8 @@
 
 namespace kelm {
 
+namespace grain_table_test {
+
 namespace {
 
 using metadata_test::FileImage;
@@ -421,5 +423,7 @@ TEST_F(GrainTable, TableWithoutEntriesRefusesEveryIndex) {
 }
 
 } // namespace
+
+} // namespace grain_table_test
 
 } // namespace kelm

@@ -22,6 +22,8 @@
 
 namespace kelm {
 
+namespace metadata_model_test {
+
 namespace {
 
 using metadata_test::FileImage;
@@ -535,5 +537,7 @@ INSTANTIATE_TEST_SUITE_P(Limits, MetadataModel, testing::Values(-1, 0, 5, 40, 70
                          });
 
 } // namespace
+
+} // namespace metadata_model_test
 
 } // namespace kelm

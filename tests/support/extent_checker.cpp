@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::uint64_t kSector = 512;
 constexpr std::uint64_t kTrailSectors = 3;
-constexpr std::uint64_t kRecordHeaderBytes = 12;
+constexpr std::uint64_t kRecordHeadBytes = 12;
 constexpr std::uint64_t kCipherBlockBytes = 16;
 
 // The numbers of docs/file-format.md, stated again so that an error in the library's own shows.
@@ -177,7 +177,7 @@ private:
     }
 
     void checkRecord(std::uint64_t grain, ExtentReport::Slot const& slot) {
-        if (!inFile(slot.posSectors, kRecordHeaderBytes))
+        if (!inFile(slot.posSectors, kRecordHeadBytes))
             return;
         std::string const name = "the record of grain " + std::to_string(grain);
         std::uint64_t const offset = slot.posSectors * kSector;
@@ -187,11 +187,11 @@ private:
         if (m_report.enciphered) {
             // What is enciphered is the record with its padding, behind the header.
             std::uint64_t const padded =
-                (bytes + kRecordHeaderBytes + kSector - 1) / kSector * kSector;
-            bytes = (padded - kRecordHeaderBytes + kCipherBlockBytes - 1) / kCipherBlockBytes *
+                (bytes + kRecordHeadBytes + kSector - 1) / kSector * kSector;
+            bytes = (padded - kRecordHeadBytes + kCipherBlockBytes - 1) / kCipherBlockBytes *
                     kCipherBlockBytes;
         }
-        if (bytes + kRecordHeaderBytes > slot.sizeSectors * kSector)
+        if (bytes + kRecordHeadBytes > slot.sizeSectors * kSector)
             find(name + " does not fit its slot");
     }
 

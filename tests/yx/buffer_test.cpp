@@ -9,6 +9,8 @@
 #include "tests/support/expect_error.h"
 #include "yx/error.h"
 
+namespace buffer_test {
+
 namespace {
 
 using test_support::throwsInvalidArg;
@@ -338,3 +340,5 @@ TEST(TConstBufferSlice, OfAnEmptyBufferIsEmpty) {
 }
 
 } // namespace
+
+} // namespace buffer_test

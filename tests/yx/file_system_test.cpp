@@ -16,6 +16,8 @@
 #include "tests/yx/file_system_fixture.h"
 #include "yx/gather_out_stream.h"
 
+namespace file_system_test {
+
 namespace {
 
 using file_system_backends::Memory;
@@ -379,3 +381,5 @@ TYPED_TEST(FileSystem, AnOpenFileOutlivesItsName) {
 }
 
 } // namespace
+
+} // namespace file_system_test

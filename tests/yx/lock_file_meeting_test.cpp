@@ -10,6 +10,8 @@
 #include "tests/yx/file_system_backends.h"
 #include "tests/yx/lock_file_fixture.h"
 
+namespace lock_file_meeting_test {
+
 namespace {
 
 using lock_file_fixture::Held;
@@ -77,7 +79,7 @@ TYPED_TEST(LockFileMeeting, AHolderLeavesWhileAnotherTakes) {
                              << leaving << " leaves " << taking << " at " << nth);
                 Held leaver = this->take(leaving);
                 Interruption interruption(this->files(), nth, [&] { leaver.reset(); });
-                Held taker = ::tryTake(interruption.files(), this->uri(), taking);
+                Held taker = lock_file_fixture::tryTake(interruption.files(), this->uri(), taking);
                 happened = interruption.hasHappened();
                 bool const mayConflict =
                     leaving == CLockFile::Exclusive || taking == CLockFile::Exclusive;
@@ -105,7 +107,7 @@ TYPED_TEST(LockFileMeeting, AnotherTakesWhileAHolderLeaves) {
                 Interruption interruption(this->files(), 0, [&] {
                     taker = tryTakeInBetween(this->files(), this->uri(), taking);
                 });
-                Held leaver = ::take(interruption.files(), this->uri(), leaving);
+                Held leaver = lock_file_fixture::take(interruption.files(), this->uri(), leaving);
                 interruption.restart(nth);
                 leaver.reset();
                 happened = interruption.hasHappened();
@@ -133,7 +135,7 @@ TYPED_TEST(LockFileMeeting, OneOfTwoTakersGetsIt) {
             Interruption interruption(this->files(), nth, [&] {
                 second = tryTakeInBetween(this->files(), this->uri(), CLockFile::Exclusive);
             });
-            Held first = ::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
+            Held first = lock_file_fixture::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
             happened = interruption.hasHappened();
             EXPECT_EQ((first ? 1 : 0) + (second ? 1 : 0), 1);
             expectHeldAlone(*this, CLockFile::Exclusive);
@@ -154,7 +156,7 @@ TYPED_TEST(LockFileMeeting, ATakerMeetsALeaverAndAnotherTaker) {
             leaver.reset();
             second = tryTakeInBetween(this->files(), this->uri(), CLockFile::Exclusive);
         });
-        Held first = ::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
+        Held first = lock_file_fixture::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
         happened = interruption.hasHappened();
         leaver.reset();
         EXPECT_LE((first ? 1 : 0) + (second ? 1 : 0), 1);
@@ -180,7 +182,7 @@ TYPED_TEST(LockFileMeeting, ATakerMeetsATakerThatMeetsALeaver) {
                 second =
                     tryTakeInBetween(innerInterruption.files(), this->uri(), CLockFile::Exclusive);
             });
-            Held first = ::tryTake(outerInterruption.files(), this->uri(), CLockFile::Exclusive);
+            Held first = lock_file_fixture::tryTake(outerInterruption.files(), this->uri(), CLockFile::Exclusive);
             outerHappened = outerInterruption.hasHappened();
             innerHappened = innerInterruption.hasHappened();
             leaver.reset();
@@ -200,7 +202,7 @@ TYPED_TEST(LockFileMeeting, TwoSharedHoldersLeaveTogether) {
         SCOPED_TRACE(nth);
         Held second = this->take(CLockFile::Shared);
         Interruption interruption(this->files(), 0, [&] { second.reset(); });
-        Held first = ::take(interruption.files(), this->uri(), CLockFile::Shared);
+        Held first = lock_file_fixture::take(interruption.files(), this->uri(), CLockFile::Shared);
         interruption.restart(nth);
         first.reset();
         happened = interruption.hasHappened();
@@ -210,3 +212,5 @@ TYPED_TEST(LockFileMeeting, TwoSharedHoldersLeaveTogether) {
 }
 
 } // namespace
+
+} // namespace lock_file_meeting_test

@@ -14,6 +14,8 @@
 #include "tests/yx/file_system_backends.h"
 #include "tests/yx/lock_file_fixture.h"
 
+namespace lock_file_test {
+
 namespace {
 
 using file_system_backends::Memory;
@@ -395,3 +397,5 @@ TYPED_TEST(LockFile, ARemovalThatNeverEndsIsAnError) {
 }
 
 } // namespace
+
+} // namespace lock_file_test

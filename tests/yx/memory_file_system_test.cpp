@@ -12,6 +12,8 @@
 #include "tests/support/bytes.h"
 #include "tests/support/expect_error.h"
 
+namespace memory_file_system_test {
+
 namespace {
 
 using test_support::Bytes;
@@ -187,3 +189,5 @@ TEST_F(MemoryFileSystem, BehavesLikeAPlainSequenceOfBytes) {
 }
 
 } // namespace
+
+} // namespace memory_file_system_test

@@ -8,6 +8,8 @@
 
 #include "yx/uri.h"
 
+namespace name_properties_test {
+
 namespace {
 
 using yx::CBadPathError;
@@ -283,3 +285,5 @@ TEST(AnyWindowsPath, HasANormalFormOrLeadsAboveItsRoot) {
 }
 
 } // namespace
+
+} // namespace name_properties_test

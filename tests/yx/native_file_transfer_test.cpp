@@ -14,6 +14,8 @@
 #include "tests/yx/system_call_faults.h"
 #include "yx/gather_out_stream.h"
 
+namespace native_file_transfer_test {
+
 namespace {
 
 namespace faults = system_call_faults;
@@ -234,3 +236,5 @@ TEST_F(NativeFileTransfer, ADestructorReportsAFailedClose) {
 }
 
 } // namespace
+
+} // namespace native_file_transfer_test

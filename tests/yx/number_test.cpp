@@ -10,6 +10,8 @@
 #include "tests/support/expect_error.h"
 #include "yx/error.h"
 
+namespace number_test {
+
 namespace {
 
 using test_support::throwsError;
@@ -202,3 +204,5 @@ TEST(HexDigitValue, KnowsTheDigits) {
 }
 
 } // namespace
+
+} // namespace number_test

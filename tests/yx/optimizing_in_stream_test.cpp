@@ -11,6 +11,8 @@
 #include "tests/support/expect_error.h"
 #include "tests/support/scripted_stream.h"
 
+namespace optimizing_in_stream_test {
+
 namespace {
 
 using test_support::Bytes;
@@ -392,3 +394,5 @@ TEST(OptimizingInStreamAlignment, DemandIsHiddenAndThePreferenceIsPassedOn) {
 }
 
 } // namespace
+
+} // namespace optimizing_in_stream_test

@@ -8,6 +8,8 @@
 #include "tests/support/scripted_stream.h"
 #include "tests/yx/optimizing_io_stream_fixture.h"
 
+namespace optimizing_io_stream_alignment_test {
+
 namespace {
 
 using namespace optimizing_io_stream_fixture;
@@ -149,3 +151,5 @@ TEST_F(OptimizingIOStreamAlignment, WaitingForDataSeeksToTheBlock) {
 }
 
 } // namespace
+
+} // namespace optimizing_io_stream_alignment_test

@@ -6,6 +6,8 @@
 #include "tests/yx/optimizing_io_stream_fixture.h"
 #include "yx/error.h"
 
+namespace optimizing_io_stream_failure_test {
+
 namespace {
 
 using namespace optimizing_io_stream_fixture;
@@ -106,3 +108,5 @@ TEST_F(OptimizingIOStreamFailure, WriteThroughThatFailsToWriteBackFirstChangesNo
 }
 
 } // namespace
+
+} // namespace optimizing_io_stream_failure_test

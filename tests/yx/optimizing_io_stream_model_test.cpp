@@ -18,6 +18,8 @@
 #include "yx/memory.h"
 #include "yx/optimizing_io_stream.h"
 
+namespace optimizing_io_stream_model_test {
+
 namespace {
 
 using test_support::FileOperation;
@@ -422,3 +424,5 @@ INSTANTIATE_TEST_SUITE_P(Kinds, OptimizingIOStreamModel,
                          });
 
 } // namespace
+
+} // namespace optimizing_io_stream_model_test

@@ -9,6 +9,8 @@
 #include "tests/support/expect_error.h"
 #include "tests/yx/optimizing_io_stream_fixture.h"
 
+namespace optimizing_io_stream_reading_test {
+
 namespace {
 
 using namespace optimizing_io_stream_fixture;
@@ -155,3 +157,5 @@ TEST_F(OptimizingIOStreamReading, FailedSetLengthChangesNothing) {
 }
 
 } // namespace
+
+} // namespace optimizing_io_stream_reading_test

@@ -15,6 +15,8 @@
 #include "tests/yx/optimizing_io_stream_fixture.h"
 #include "yx/memory.h"
 
+namespace optimizing_io_stream_test {
+
 namespace {
 
 using namespace optimizing_io_stream_fixture;
@@ -363,3 +365,5 @@ TEST_F(OptimizingIOStream, EmptyWriteDoesNothing) {
 }
 
 } // namespace
+
+} // namespace optimizing_io_stream_test

@@ -23,6 +23,8 @@
 #include "yx/memory_file_system.h"
 #include "yx/native_file_system.h"
 
+namespace support_test {
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -361,3 +363,5 @@ TEST(SupportChildProcess, ReportsExceptions) {
 }
 
 } // namespace
+
+} // namespace support_test

@@ -117,13 +117,14 @@ __int64 CNativeFileStream::getLength() const {
 P<IStreamLock> CNativeFileStream::lockAt(__int64 position, __int64 length, bool exclusive) {
     if (!m_locks)
         m_locks = std::make_shared<detail::NativeRangeLocks>(m_descriptor);
-    auto const [lock, error] = m_locks->lock(position, position + length, exclusive);
-    if (lock)
-        return lock;
-    if (error == EAGAIN || error == EACCES)
+    detail::NativeRangeLocks::Result const lock =
+        m_locks->lock(position, position + length, exclusive);
+    if (lock.token)
+        return lock.token;
+    if (lock.error == EAGAIN || lock.error == EACCES)
         detail::throwRangeLocked(uri(), position, length);
     // The one thing that can be invalid here is the command, on a system too old for it.
-    throw detail::makeFileError(FileAction::Lock, error == EINVAL ? ENOTSUP : error,
+    throw detail::makeFileError(FileAction::Lock, lock.error == EINVAL ? ENOTSUP : lock.error,
                                 detail::makeRangeProps(uri(), position, "length", length));
 }
 

@@ -19,6 +19,8 @@
 using testing::ElementsAre;
 
 namespace test_support {
+namespace disk_file_system_test {
+
 namespace {
 
 using kelm::host::DiskFileSystem;
@@ -718,4 +720,6 @@ TEST_F(Reach, ClaimsWithoutFilesAreRefusedUnlessAllowed) {
 }
 
 } // namespace
+
+} // namespace disk_file_system_test
 } // namespace test_support

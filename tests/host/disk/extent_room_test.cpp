@@ -11,6 +11,8 @@ using kelm::host::DiskLayout;
 using kelm::host::ExtentRoom;
 
 namespace test_support {
+namespace extent_room_test {
+
 namespace {
 
 constexpr __int64 kGrain = 65536;
@@ -72,4 +74,6 @@ TEST_F(ExtentRoomTest, CountsARangeInEachExtentThatItReaches) {
 }
 
 } // namespace
+
+} // namespace extent_room_test
 } // namespace test_support

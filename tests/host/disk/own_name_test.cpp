@@ -6,6 +6,8 @@
 #include "tests/support/expect_error.h"
 
 namespace test_support {
+namespace own_name_test {
+
 namespace {
 
 using kelm::host::correctOwnName;
@@ -153,4 +155,6 @@ TEST(OwnName, WithoutRoomIsRefused) {
 }
 
 } // namespace
+
+} // namespace own_name_test
 } // namespace test_support

@@ -7,6 +7,8 @@
 #include "tests/support/log_capture.h"
 
 namespace test_support {
+namespace trail_repair_test {
+
 namespace {
 
 constexpr std::size_t kSector = 512;
@@ -113,4 +115,6 @@ TEST_F(TrailRepairTest, AFileTooShortForATrailGetsOne) {
 }
 
 } // namespace
+
+} // namespace trail_repair_test
 } // namespace test_support
