@@ -135,7 +135,8 @@ TYPED_TEST(LockFileMeeting, OneOfTwoTakersGetsIt) {
             Interruption interruption(this->files(), nth, [&] {
                 second = tryTakeInBetween(this->files(), this->uri(), CLockFile::Exclusive);
             });
-            Held first = lock_file_fixture::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
+            Held first =
+                lock_file_fixture::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
             happened = interruption.hasHappened();
             EXPECT_EQ((first ? 1 : 0) + (second ? 1 : 0), 1);
             expectHeldAlone(*this, CLockFile::Exclusive);
@@ -156,7 +157,8 @@ TYPED_TEST(LockFileMeeting, ATakerMeetsALeaverAndAnotherTaker) {
             leaver.reset();
             second = tryTakeInBetween(this->files(), this->uri(), CLockFile::Exclusive);
         });
-        Held first = lock_file_fixture::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
+        Held first =
+            lock_file_fixture::tryTake(interruption.files(), this->uri(), CLockFile::Exclusive);
         happened = interruption.hasHappened();
         leaver.reset();
         EXPECT_LE((first ? 1 : 0) + (second ? 1 : 0), 1);
@@ -182,7 +184,8 @@ TYPED_TEST(LockFileMeeting, ATakerMeetsATakerThatMeetsALeaver) {
                 second =
                     tryTakeInBetween(innerInterruption.files(), this->uri(), CLockFile::Exclusive);
             });
-            Held first = lock_file_fixture::tryTake(outerInterruption.files(), this->uri(), CLockFile::Exclusive);
+            Held first = lock_file_fixture::tryTake(outerInterruption.files(), this->uri(),
+                                                    CLockFile::Exclusive);
             outerHappened = outerInterruption.hasHappened();
             innerHappened = innerInterruption.hasHappened();
             leaver.reset();
