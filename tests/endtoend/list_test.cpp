@@ -81,6 +81,22 @@ TEST_F(List, DrawsAPictureAndLeavesDisksAlone) {
     EXPECT_EQ(disk, readFile("full.vmdk"));
 }
 
+TEST_F(List, ExplainsTheColoursThatOccurInItsPicture) {
+    auto const meanings = [&](std::string const& name) {
+        runWell({"list", ".", "--svg", name});
+        std::string const picture = readFile(name);
+        std::vector<std::string> found;
+        for (char const* const meaning : {"complete", "unfinished", "cannot be restored"}) {
+            if (picture.find(std::string(">") + meaning + "</text>") != std::string::npos)
+                found.push_back(meaning);
+        }
+        return found;
+    };
+    EXPECT_EQ((std::vector<std::string>{"complete"}), meanings("whole.svg"));
+    std::filesystem::remove(path("days/mon.vmdk"));
+    EXPECT_EQ((std::vector<std::string>{"complete", "cannot be restored"}), meanings("torn.svg"));
+}
+
 TEST_F(List, OfNoFolderIsNotFound) {
     EXPECT_EQ("kelm: Cannot list the folder: No such file or directory (path: " + path("none") +
                   ")\n",

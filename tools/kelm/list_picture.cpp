@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <optional>
+#include <string_view>
+#include <utility>
 
 #include "host/system/name_text.h"
 #include "host/system/size_text.h"
@@ -52,6 +55,11 @@ char const* classOf(host::BackupState state) {
     }
 }
 
+// From right to left.
+constexpr std::pair<char const*, char const*> kMeanings[] = {
+    {"bad", "cannot be restored"}, {"open", "unfinished"}, {"good", "complete"}};
+constexpr int kLegendWidth = 140;
+
 /// Where a disk stands.
 struct Place {
     std::time_t time = 0;
@@ -80,6 +88,7 @@ public:
         text += svg::label(kPictureMargin, 34, 20,
                            std::to_string(m_disks.size()) + " disks, " +
                                host::formatSize(m_totalBytes));
+        text += drawLegend();
         text += drawAxis(height);
         for (std::size_t i = 0; i < m_disks.size(); ++i)
             text += drawLine(i);
@@ -134,6 +143,23 @@ private:
         double const share = static_cast<double>(m_disks[index].ownBytes) /
                              static_cast<double>(std::max<__int64>(m_maxOwnBytes, 1));
         return std::max(kMinLineWidth, share * kMaxLineWidth);
+    }
+
+    /// What the colours that occur mean, at the right of the title.
+    std::string drawLegend() const {
+        std::string text;
+        double x = kPictureWidth - kPictureMargin;
+        for (auto const& [colour, meaning] : kMeanings) {
+            if (std::none_of(m_disks.begin(), m_disks.end(), [&](host::BackupDisk const& disk) {
+                    return classOf(disk.state) == std::string_view(colour);
+                }))
+                continue;
+            x -= kLegendWidth;
+            text += std::string("<rect class=\"") + colour + "\" x=\"" + svg::number(x) +
+                    "\" y=\"24\" width=\"10\" height=\"10\"/>\n" +
+                    drawText(x + 16, 33, meaning, "start");
+        }
+        return text;
     }
 
     std::string drawAxis(int height) const {
