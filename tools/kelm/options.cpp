@@ -48,6 +48,16 @@ void addNumberOption(CLI::App& command, std::string const& name, int& target, in
     command.add_option(name, target, description)->check(CLI::Range(min, max))->type_name("N");
 }
 
+void addLookOption(CLI::App& command, std::vector<std::string>& target) {
+    command
+        .add_option(
+            "--look", target,
+            "A folder in which children of the disk are looked for, by default the disk's own; "
+            "may be given several times")
+        ->type_name("FOLDER")
+        ->allow_extra_args(false);
+}
+
 void addThreadsOption(CLI::App& command, int& target) {
     addNumberOption(command, "--threads", target, 1, kMaxThreads,
                     "Threads that work on grains; all cores by default");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "yx/base.h"
 
@@ -31,6 +32,9 @@ void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
 /// Adds an option whose value is a number from `min` to `max`.
 void addNumberOption(CLI::App& command, std::string const& name, int& target, int min, int max,
                      std::string const& description);
+
+/// Adds "--look", which may be given several times, for folders in which children of a disk are.
+void addLookOption(CLI::App& command, std::vector<std::string>& target);
 
 /// Adds "--threads".
 void addThreadsOption(CLI::App& command, int& target);
