@@ -75,7 +75,7 @@ void keepChecksum(DescriptorFile const& before, DescriptorFile& after, char cons
     }
 }
 
-bool isUTF8(CVMDKDescriptor const& descriptor) {
+bool isWrittenAsUTF8(CVMDKDescriptor const& descriptor) {
     yx::String encoding;
     descriptor.tryGetValue("encoding", encoding);
     wxString const name = encoding.wx().Lower();
@@ -84,7 +84,7 @@ bool isUTF8(CVMDKDescriptor const& descriptor) {
 
 /// The reference in letters that every encoding has, where the text's own is not UTF-8.
 std::string encodeReference(DescriptorFile const& descriptor, yx::String const& reference) {
-    if (reference.wx().IsAscii() || isUTF8(descriptor.parse()))
+    if (reference.wx().IsAscii() || isWrittenAsUTF8(descriptor.parse()))
         return reference.toStdString();
     return vmdkFileReferenceToURI(descriptor.mainFile.getParent(), reference)
         .toString(true)

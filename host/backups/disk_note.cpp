@@ -94,8 +94,12 @@ void DiskNote::write(DurableFiles& steps) const {
     text << kNoteEnd << '\n';
     std::string const bytes = text.str();
     yx::CURI const file = nameFor(mainFile, work);
-    steps.remove(file);
-    steps.make(file, {bytes.begin(), bytes.end()}, mainFile);
+    std::vector<unsigned char> const content(bytes.begin(), bytes.end());
+    // A note that is there holds until the new one does.
+    if (identifyFile(file))
+        steps.replace(file, content);
+    else
+        steps.make(file, content, mainFile);
 }
 
 void DiskNote::remove(DurableFiles& steps) const {

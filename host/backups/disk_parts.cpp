@@ -16,7 +16,7 @@ namespace kelm::host {
 namespace {
 
 /// Links resolved, if the file is there.
-yx::CURI resolved(yx::IFileSystem* fileSystem, yx::CURI const& file) {
+yx::CURI withLinksResolved(yx::IFileSystem* fileSystem, yx::CURI const& file) {
     if (file.isEmpty() || !fileSystem->fileExists(file))
         return file;
     return uriFromArgument(yx::toNativePath(file).toStdString());
@@ -66,7 +66,8 @@ DiskParts readDiskParts(yx::IFileSystem* fileSystem, yx::CURI const& mainFile) {
         if (seen.insert(file).second)
             parts.extentFiles.push_back(file);
     }
-    parts.parentFile = resolved(fileSystem, findParentFile(descriptor, parts.getMainFile()));
+    parts.parentFile =
+        withLinksResolved(fileSystem, findParentFile(descriptor, parts.getMainFile()));
     return parts;
 }
 
@@ -135,6 +136,14 @@ void DiskRelations::verifyHasFilesAlone(DiskParts const& disk) const {
                 nullptr);
         }
     }
+}
+
+bool DiskRelations::haveFile(yx::CURI const& file) const {
+    return m_disks.contains(file) ||
+           std::any_of(m_disks.begin(), m_disks.end(), [&](auto const& entry) {
+               std::vector<yx::CURI> const& extents = entry.second.extentFiles;
+               return std::find(extents.begin(), extents.end(), file) != extents.end();
+           });
 }
 
 } // namespace kelm::host

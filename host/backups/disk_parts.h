@@ -59,6 +59,9 @@ public:
     /// belongs to another disk too." with "uri" and "disk".
     void verifyHasFilesAlone(DiskParts const& disk) const;
 
+    /// Whether one of the disks has a file, as its main file or as one of its extents.
+    bool haveFile(yx::CURI const& file) const;
+
 private:
     std::map<yx::CURI, DiskParts> m_disks;
 };

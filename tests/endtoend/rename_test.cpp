@@ -65,7 +65,8 @@ TEST_F(Rename, RefusalsHaveTheirStatus) {
     runBadly(7, {"rename", "image", "new.vmdk"});
     runBadly(2, {"rename", "full.vmdk"});
     RunningTool writer(folder(), {"import", "-", "new.vmdk", "--size", "8M"});
-    waitForWrites(writer, "new.vmdk", 1);
+    // More than a pipe holds: once it is taken, the disk is open.
+    writer.feed(std::string(std::size_t{1} << 20, 'x'));
     EXPECT_EQ("kelm: The disk is in use: its lock file is held by another program or another open "
               "disk. (uri: " +
                   path("new.vmdk.lock") + ")\n",

@@ -32,7 +32,7 @@ RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& a
 std::vector<std::string> const& allCommands() {
     static std::vector<std::string> const kCommands{
         "create", "info", "import", "export",  "convert", "compare", "check",
-        "map",    "list", "child",  "flatten", "rebase",  "rename"};
+        "map",    "list", "child",  "flatten", "rebase",  "rename",  "delete"};
     return kCommands;
 }
 

@@ -28,13 +28,6 @@ std::string renamedName(RenameArguments const& arguments) {
                : arguments.to;
 }
 
-nlohmann::ordered_json listNames(std::vector<yx::CURI> const& files) {
-    nlohmann::ordered_json names = nlohmann::ordered_json::array();
-    for (yx::CURI const& file : files)
-        names.push_back(host::displayName(file));
-    return names;
-}
-
 std::string formatRenaming(host::DiskMoveResult const& result) {
     std::string text;
     for (yx::CURI const& file : result.files)
@@ -50,10 +43,7 @@ ExitStatus renameDisk(Invocation& invocation, RenameArguments const& arguments) 
     host::DiskMoveOptions options;
     options.trust = invocation.getTrust();
     options.cancel = &invocation.getCancel();
-    for (std::string const& folder : arguments.lookIn)
-        options.lookIn.push_back(host::uriFromArgument(folder));
-    if (options.lookIn.empty())
-        options.lookIn.push_back(from.getParent());
+    options.lookIn = foldersToLookIn(arguments.lookIn, from);
     host::DurableFiles steps;
     host::DiskMoveResult const result = invocation.getWait().retry(
         [&] { return host::DiskMove(invocation.getFiles(), steps, from, to, options).run(); });

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/store/file_names.h"
 #include "host/system/size_text.h"
 #include "yx/error.h"
 
@@ -56,6 +57,16 @@ void addLookOption(CLI::App& command, std::vector<std::string>& target) {
             "may be given several times")
         ->type_name("FOLDER")
         ->allow_extra_args(false);
+}
+
+std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
+                                      yx::CURI const& mainFile) {
+    std::vector<yx::CURI> folders;
+    for (std::string const& folder : lookIn)
+        folders.push_back(host::uriFromArgument(folder));
+    if (folders.empty())
+        folders.push_back(mainFile.getParent());
+    return folders;
 }
 
 void addThreadsOption(CLI::App& command, int& target) {
