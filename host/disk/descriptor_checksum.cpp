@@ -11,8 +11,6 @@ namespace kelm::host {
 
 namespace {
 
-constexpr char kDescriptorChecksumKey[] = "ddb.kelm.checksum";
-
 /// Keys whose values are left out.
 constexpr char const* kFreeKeys[] = {"CID", "ddb.kelm.state"};
 

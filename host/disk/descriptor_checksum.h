@@ -5,6 +5,9 @@
 
 namespace kelm::host {
 
+/// The key of the checksum.
+inline constexpr char kDescriptorChecksumKey[] = "ddb.kelm.checksum";
+
 /// Whether a descriptor is as its last writer among our programs left it.
 enum class ChecksumState {
     Absent, ///< no such writer, or not one of ours

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "yx/uri.h"
 
 namespace kelm::host {
@@ -9,5 +11,10 @@ namespace kelm::host {
 /// "Read-only file system". A folder that does not exist passes, as do files of other URIs than
 /// "file:".
 void verifyMayWriteInFolderOf(yx::CURI const& file);
+
+/// Brings the names of a folder to its device. A failure is what `throwSystemError` makes of it, "Cannot
+/// sync the folder" with "path". A folder that may be written to but not read cannot be synced, and
+/// passes.
+void syncFolder(std::string const& folder);
 
 } // namespace kelm::host

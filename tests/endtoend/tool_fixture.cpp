@@ -30,9 +30,9 @@ RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& a
     : RunningProgram(folder, joined({{KELM_TOOL}, arguments}), prepare) {}
 
 std::vector<std::string> const& allCommands() {
-    static std::vector<std::string> const kCommands{"create",  "info",    "import",  "export",
-                                                    "convert", "compare", "check",   "map",
-                                                    "list",    "child",   "flatten", "rebase"};
+    static std::vector<std::string> const kCommands{
+        "create", "info", "import", "export",  "convert", "compare", "check",
+        "map",    "list", "child",  "flatten", "rebase",  "rename",  "delete"};
     return kCommands;
 }
 

@@ -51,7 +51,7 @@ __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
 /// Asks for the password only if the disk turns out to need one.
 __int64 checkAskingForPassword(Invocation& invocation, CheckArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
-    warnOfFormerDisk(uri);
+    warnOfEndedWork(uri);
     try {
         return checkWith(invocation, uri, arguments.threads,
                          usedPassword(invocation, arguments.passwords));

@@ -1,10 +1,7 @@
 #include <memory>
 
-#include "host/disk/dead_tails.h"
-#include "host/disk/parent_link.h"
 #include "tools/kelm/commands.h"
-#include "tools/kelm/disk_access.h"
-#include "tools/kelm/errors.h"
+#include "tools/kelm/flattening.h"
 #include "tools/kelm/options.h"
 
 namespace kelm::tool {
@@ -16,24 +13,8 @@ struct FlattenArguments {
     PasswordOptions passwords;
 };
 
-std::unique_ptr<host::SafeDisk> openChild(Invocation& invocation, FlattenArguments& arguments) {
-    std::unique_ptr<host::SafeDisk> disk =
-        openDisk(invocation, arguments.disk, yx::IIOStream::ReadWrite, arguments.passwords);
-    if (!disk->hasParent())
-        throw UsageError("The disk has no parent: " + arguments.disk);
-    return disk;
-}
-
 ExitStatus flatten(Invocation& invocation, FlattenArguments& arguments) {
-    std::unique_ptr<host::SafeDisk> disk = openChild(invocation, arguments);
-    // An attempt that was killed may have copied grains that no table names.
-    if (host::dropDeadTails(*disk, &invocation.getCancel())) {
-        disk.reset();
-        disk = openChild(invocation, arguments);
-    }
-    LongWork const work(invocation, "flatten");
-    host::makeIndependentOfParent(*disk, work.getOptions());
-    host::dropParentLink(*disk);
+    flattenDisk(invocation, arguments.disk, arguments.passwords);
     return ExitStatus::Done;
 }
 

@@ -40,5 +40,7 @@ void addMapCommand(CLI::App& program, Run& run);
 void addChildCommand(CLI::App& program, Run& run);
 void addFlattenCommand(CLI::App& program, Run& run);
 void addRebaseCommand(CLI::App& program, Run& run);
+void addRenameCommand(CLI::App& program, Run& run);
+void addDeleteCommand(CLI::App& program, Run& run);
 
 } // namespace kelm::tool

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "host/backups/disk_note.h"
 #include "host/disk/disk_opening.h"
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
@@ -44,18 +45,22 @@ std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const&
 
 } // namespace
 
-void warnOfFormerDisk(yx::CURI const& uri) {
+void warnOfEndedWork(yx::CURI const& uri) {
     for (yx::CURI const& folder : host::KeptFiles::findFoldersOf(uri)) {
         yx::logWarning("The disk that was to be replaced is still kept in '" +
                        yx::toNativePath(folder) + "'. Move its files back, or delete the folder.");
     }
+    yx::P<yx::CNativeFileSystem> const files = yx::makeObject<yx::CNativeFileSystem>();
+    yx::String const note = host::DiskNote::describe(files.get(), uri);
+    if (!note.isEmpty())
+        yx::logWarning(note);
 }
 
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
                                          yx::IIOStream::Access access, PasswordOptions& passwords,
                                          int compressionLevel) {
     yx::CURI const uri = host::uriFromArgument(file);
-    warnOfFormerDisk(uri);
+    warnOfEndedWork(uri);
     try {
         return openWith(invocation, uri, access, usedPassword(invocation, passwords),
                         compressionLevel);
@@ -127,7 +132,7 @@ NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri
                                      host::NewDisk const& request, bool force,
                                      std::vector<yx::CURI> const& protectedFiles)
     : m_invocation(invocation) {
-    warnOfFormerDisk(uri);
+    warnOfEndedWork(uri);
     invocation.getWait().retry([&] {
         // What an attempt has made goes before the next one.
         m_guard.reset();

@@ -13,8 +13,8 @@
 
 namespace kelm::tool {
 
-/// Tells the user of a disk that a program was replacing when it was killed.
-void warnOfFormerDisk(yx::CURI const& uri);
+/// Tells the user of a disk that a program was replacing, renaming or deleting when it was killed.
+void warnOfEndedWork(yx::CURI const& uri);
 
 /// Opens the disk that the user names. If it is encrypted and no option gives a password, asks for
 /// it on the terminal.

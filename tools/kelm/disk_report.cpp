@@ -209,4 +209,11 @@ std::string formatReport(Json const& report) {
     return text;
 }
 
+nlohmann::ordered_json listNames(std::vector<yx::CURI> const& files) {
+    nlohmann::ordered_json names = nlohmann::ordered_json::array();
+    for (yx::CURI const& file : files)
+        names.push_back(host::displayName(file));
+    return names;
+}
+
 } // namespace kelm::tool

@@ -16,6 +16,9 @@ nlohmann::ordered_json reportSpace(host::SafeDisk& disk, host::WorkOptions const
 /// The text of a JSON document, in lines that are safe to print; the last one has no end.
 std::string formatJSON(nlohmann::ordered_json const& document);
 
+/// The names of files for people, as a JSON array.
+nlohmann::ordered_json listNames(std::vector<yx::CURI> const& files);
+
 /// The lines of `info`. `report` is that of `reportDisk`, with "parents" added, an array of objects
 /// with "file" and either "contentID" or "error", and optionally "space", the report of
 /// `reportSpace`.

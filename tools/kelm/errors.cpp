@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "host/backups/disk_deletion.h"
 #include "host/disk/unfinished_disk.h"
 #include "host/system/cancel.h"
 #include "host/system/key_derivation.h"
@@ -67,6 +68,9 @@ std::string describeError(std::exception const& error) {
     if (dynamic_cast<host::UnfinishedDiskError const*>(&error))
         return text + " Go on filling it with 'import --resume', or make it anew; --unfinished "
                       "reads it as it is.";
+    if (dynamic_cast<host::DiskHasChildrenError const*>(&error))
+        return text + " --keep-children makes them independent of it first; --with-children "
+                      "deletes them too.";
     return text;
 }
 

@@ -30,6 +30,8 @@ void addCommands(CLI::App& program, Run& run) {
     kelm::tool::addChildCommand(program, run);
     kelm::tool::addFlattenCommand(program, run);
     kelm::tool::addRebaseCommand(program, run);
+    kelm::tool::addRenameCommand(program, run);
+    kelm::tool::addDeleteCommand(program, run);
     program.footer("'kelm COMMAND --help' describes a command and has an example.\n"
                    "Sizes are bytes, or numbers with one of the letters K, M, G, T.");
 }

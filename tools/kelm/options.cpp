@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/store/file_names.h"
 #include "host/system/size_text.h"
 #include "yx/error.h"
 
@@ -46,6 +47,26 @@ void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
 void addNumberOption(CLI::App& command, std::string const& name, int& target, int min, int max,
                      std::string const& description) {
     command.add_option(name, target, description)->check(CLI::Range(min, max))->type_name("N");
+}
+
+void addLookOption(CLI::App& command, std::vector<std::string>& target) {
+    command
+        .add_option(
+            "--look", target,
+            "A folder in which children of the disk are looked for, by default the disk's own; "
+            "may be given several times")
+        ->type_name("FOLDER")
+        ->allow_extra_args(false);
+}
+
+std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
+                                      yx::CURI const& mainFile) {
+    std::vector<yx::CURI> folders;
+    for (std::string const& folder : lookIn)
+        folders.push_back(host::uriFromArgument(folder));
+    if (folders.empty())
+        folders.push_back(mainFile.getParent());
+    return folders;
 }
 
 void addThreadsOption(CLI::App& command, int& target) {

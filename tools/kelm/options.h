@@ -1,8 +1,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
-#include "yx/base.h"
+#include "yx/uri.h"
 
 // Include the command line library only where its templates are used: it takes longer to compile
 // than all the rest.
@@ -31,6 +32,13 @@ void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
 /// Adds an option whose value is a number from `min` to `max`.
 void addNumberOption(CLI::App& command, std::string const& name, int& target, int min, int max,
                      std::string const& description);
+
+/// Adds "--look", which may be given several times, for folders in which children of a disk are.
+void addLookOption(CLI::App& command, std::vector<std::string>& target);
+
+/// The folders of "--look"; without any, that of the disk.
+std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
+                                      yx::CURI const& mainFile);
 
 /// Adds "--threads".
 void addThreadsOption(CLI::App& command, int& target);

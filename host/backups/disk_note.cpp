@@ -1,0 +1,120 @@
+#include "host/backups/disk_note.h"
+
+#include <cassert>
+#include <sstream>
+#include <string>
+
+namespace kelm::host {
+
+namespace {
+
+constexpr char kNoteEnd[] = "end";
+constexpr __int64 kMaxNoteBytes = __int64{64} << 20;
+
+char const* nameOfWork(DiskNote::Work work) {
+    return work == DiskNote::Work::Moving ? "moving" : "deleting";
+}
+
+std::string titleFor(DiskNote::Work work) {
+    return std::string("kelm ") + nameOfWork(work) + " 1";
+}
+
+std::string readText(yx::IFileSystem* fileSystem, yx::CURI const& file) {
+    unsigned int options = 0;
+    yx::P<yx::IIOStream> const stream =
+        fileSystem->openFile(file, yx::IIOStream::ReadOnly, &options);
+    if (stream->getLength() > kMaxNoteBytes)
+        return {};
+    std::string text(static_cast<std::size_t>(stream->getLength()), '\0');
+    stream->read(text.data(), static_cast<int>(text.size()));
+    return text;
+}
+
+yx::CURI readURI(std::istringstream& line) {
+    std::string text;
+    line >> text;
+    return text.empty() ? yx::CURI() : yx::CURI(yx::String::fromUTF8(text));
+}
+
+/// Whether the text is a whole note.
+bool parseNote(std::string const& text, DiskNote& note) {
+    std::istringstream lines(text);
+    std::string line;
+    if (!std::getline(lines, line) || line != titleFor(note.work))
+        return false;
+    while (std::getline(lines, line)) {
+        if (line == kNoteEnd)
+            return !note.files.empty();
+        std::istringstream words(line);
+        std::string key;
+        words >> key;
+        if (key == "main") {
+            FileIdentity& identity = note.mainIdentity;
+            words >> identity.device >> identity.inode >> identity.birthSeconds >>
+                identity.birthNanoseconds;
+        } else if (key == "file") {
+            yx::CURI const from = readURI(words);
+            note.files.emplace_back(from, readURI(words));
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+yx::CURI DiskNote::nameFor(yx::CURI const& mainFile, Work work) {
+    return (mainFile.getParent() << (mainFile.getName() + "." + nameOfWork(work))).toNormalized();
+}
+
+std::optional<DiskNote> DiskNote::tryRead(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
+                                          Work work) {
+    yx::CURI const file = nameFor(mainFile, work);
+    if (!fileSystem->fileExists(file))
+        return std::nullopt;
+    DiskNote note{work};
+    bool const isWhole = parseNote(readText(fileSystem, file), note);
+    // One that was moved here by hand speaks of other files.
+    if (!isWhole || note.files.front().first != mainFile)
+        return std::nullopt;
+    return note;
+}
+
+void DiskNote::write(DurableFiles& steps) const {
+    assert(!files.empty());
+    yx::CURI const& mainFile = files.front().first;
+    std::ostringstream text;
+    text << titleFor(work) << "\nmain " << mainIdentity.device << ' ' << mainIdentity.inode << ' '
+         << mainIdentity.birthSeconds << ' ' << mainIdentity.birthNanoseconds << '\n';
+    for (auto const& [from, to] : files) {
+        text << "file " << from.toString(true).toStdString();
+        if (!to.isEmpty())
+            text << ' ' << to.toString(true).toStdString();
+        text << '\n';
+    }
+    text << kNoteEnd << '\n';
+    std::string const bytes = text.str();
+    yx::CURI const file = nameFor(mainFile, work);
+    std::vector<unsigned char> const content(bytes.begin(), bytes.end());
+    // A note that is there holds until the new one does.
+    if (identifyFile(file))
+        steps.replace(file, content);
+    else
+        steps.make(file, content, mainFile);
+}
+
+void DiskNote::remove(DurableFiles& steps) const {
+    steps.remove(nameFor(files.front().first, work));
+}
+
+yx::String DiskNote::describe(yx::IFileSystem* fileSystem, yx::CURI const& mainFile) {
+    if (std::optional<DiskNote> const note = tryRead(fileSystem, mainFile, Work::Moving)) {
+        return "The disk is being renamed to '" + yx::toNativePath(note->files.front().second) +
+               "'. The same 'kelm rename' goes on with it.";
+    }
+    if (tryRead(fileSystem, mainFile, Work::Deleting)) {
+        return "The disk is being deleted. 'kelm delete' goes on with it.";
+    }
+    return {};
+}
+
+} // namespace kelm::host

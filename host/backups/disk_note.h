@@ -1,0 +1,55 @@
+#pragma once
+
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "host/backups/durable_files.h"
+#include "host/system/file_identity.h"
+#include "yx/file_system.h"
+
+namespace kelm::host {
+
+/// A note beside a disk of what is being done with its files, so that who was killed over it can go on.
+/// It is a file of text with the main file's name and ".moving" or ".deleting" behind it:
+///
+///     kelm moving 1
+///     main 2049 131077 1795000000 12345               which file the main file was
+///     file file:///a/disk.vmdk file:///b/day.vmdk     for each file, the main file first
+///     end
+///
+/// A note without its end is none: nothing is begun before the note is whole.
+struct DiskNote {
+    /// What is being done.
+    enum class Work {
+        Moving,   ///< the disk gets another name
+        Deleting, ///< the disk, perhaps with its children, goes
+    };
+
+    /// What this note is about.
+    Work work = Work::Moving;
+
+    /// Which file the main file was when the work began.
+    FileIdentity mainIdentity = {};
+
+    /// The names of each file of the disk, now and then; the latter are empty where files are deleted.
+    std::vector<std::pair<yx::CURI, yx::CURI>> files = {};
+
+    /// Where a note on the disk lies.
+    static yx::CURI nameFor(yx::CURI const& mainFile, Work work);
+
+    /// The note on a disk; nothing if there is none.
+    static std::optional<DiskNote> tryRead(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
+                                           Work work);
+
+    /// Brings it to the device, with the rights of the disk's main file. A note that is there is replaced.
+    void write(DurableFiles& steps) const;
+
+    /// Takes it away.
+    void remove(DurableFiles& steps) const;
+
+    /// What to tell people who use the disk; empty if nothing is being done with it.
+    static yx::String describe(yx::IFileSystem* fileSystem, yx::CURI const& mainFile);
+};
+
+} // namespace kelm::host

@@ -1,0 +1,98 @@
+#include <csignal>
+
+#include <nlohmann/json.hpp>
+
+#include "tests/endtoend/tool_fixture.h"
+
+namespace endtoend {
+
+namespace delete_test {
+
+namespace {
+
+using nlohmann::json;
+
+class Delete : public ToolTest {
+protected:
+    Delete() {
+        writeFile("image", makeImage(std::size_t{8} << 20, 1));
+        writeFile("later", makeImage(std::size_t{8} << 20, 2));
+        writeFile("password", "secret\n");
+        runWell({"import", "image", "full.vmdk", "--split", "4M", "--encrypt", "--password-file",
+                 "password"});
+        runWell({"import", "later", "mon.vmdk", "--parent", "full.vmdk", "--compressed",
+                 "--password-file", "password"});
+    }
+};
+
+TEST_F(Delete, TakesADiskThatNobodyNeeds) {
+    EXPECT_EQ(path("mon.vmdk") + "\n", runWell({"delete", "mon.vmdk"}));
+    json const result = json::parse(runWell({"delete", "full.vmdk", "--json"}));
+    EXPECT_EQ(path("full.vmdk"), result["files"][0]);
+    EXPECT_EQ(json::array(), result["madeIndependent"]);
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"image", "later", "password"}));
+}
+
+TEST_F(Delete, LeavesADiskWithChildren) {
+    std::set<std::string> const before = listFiles();
+    EXPECT_EQ("kelm: The disk has children that need it. (uri: " + path("full.vmdk") +
+                  ", children: 1, child: " + path("mon.vmdk") +
+                  ") --keep-children makes them independent of it first; --with-children deletes "
+                  "them too.\n",
+              runBadly(3, {"delete", "full.vmdk"}));
+    EXPECT_EQ("kelm: Give --with-children or --keep-children, not both.\n",
+              runBadly(2, {"delete", "full.vmdk", "--with-children", "--keep-children"}));
+    EXPECT_EQ(before, listFiles());
+}
+
+TEST_F(Delete, KeepsChildrenByMakingThemIndependent) {
+    std::set<std::string> const before = listFiles();
+    runBadly(4, {"delete", "full.vmdk", "--keep-children"});
+    EXPECT_EQ(before, listFiles());
+    json const result = json::parse(runWell(
+        {"delete", "full.vmdk", "--keep-children", "--password-file", "password", "--json"}));
+    EXPECT_EQ(json({path("mon.vmdk")}), result["madeIndependent"]);
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"image", "later", "mon.vmdk", "password"}));
+    EXPECT_EQ("equal\n", runWell({"compare", "mon.vmdk", "later", "--password-file", "password"}));
+}
+
+TEST_F(Delete, TakesChildrenToo) {
+    runWell({"delete", "full.vmdk", "--with-children"});
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"image", "later", "password"}));
+}
+
+TEST_F(Delete, RefusalsHaveTheirStatus) {
+    EXPECT_EQ("kelm: The disk does not exist. (uri: " + path("none.vmdk") + ")\n",
+              runBadly(8, {"delete", "none.vmdk"}));
+    runBadly(7, {"delete", "image"});
+    RunningTool writer(folder(), {"import", "-", "new.vmdk", "--size", "8M"});
+    // More than a pipe holds: once it is taken, the disk is open.
+    writer.feed(std::string(std::size_t{1} << 20, 'x'));
+    runBadly(6, {"delete", "new.vmdk"});
+    writer.signal(SIGKILL);
+    writer.finish();
+}
+
+TEST_F(Delete, KilledSaysSoAndGoesOn) {
+    runWell({"create", "disk.vmdk", "--size", "8M", "--split", "5M"});
+    // What a kill leaves once the main file is gone.
+    writeFile("disk.vmdk.deleting", "kelm deleting 1\nmain 1 2 3 4\nfile file://" +
+                                        path("disk.vmdk") + "\nfile file://" +
+                                        path("disk-s00000.vmdk") + "\nfile file://" +
+                                        path("disk-s00001.vmdk") + "\nend\n");
+    std::filesystem::remove(path("disk.vmdk"));
+    EXPECT_NE(
+        run({"check", "disk.vmdk"})
+            .err.find("kelm: warning: The disk is being deleted. 'kelm delete' goes on with it.\n"),
+        std::string::npos);
+    EXPECT_EQ(path("disk-s00000.vmdk") + "\n" + path("disk-s00001.vmdk") + "\n",
+              runWell({"delete", "disk.vmdk"}));
+    for (std::string const& name : listFiles())
+        EXPECT_NE(0U, name.find("disk")) << name;
+}
+
+} // namespace
+
+} // namespace delete_test
+
+} // namespace endtoend

@@ -1,0 +1,84 @@
+#include <memory>
+
+#include "host/backups/disk_deletion.h"
+#include "host/store/file_names.h"
+#include "host/system/name_text.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_report.h"
+#include "tools/kelm/errors.h"
+#include "tools/kelm/flattening.h"
+#include "tools/kelm/options.h"
+#include "tools/kelm/output.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct DeleteArguments {
+    std::string disk;
+    std::vector<std::string> lookIn;
+    bool withChildren = false;
+    bool keepChildren = false;
+    bool json = false;
+    PasswordOptions passwords;
+};
+
+std::vector<yx::CURI> makeChildrenIndependent(Invocation& invocation, DeleteArguments& arguments,
+                                              yx::CURI const& mainFile,
+                                              std::vector<yx::CURI> const& folders) {
+    std::vector<yx::CURI> const children =
+        host::DiskRelations(invocation.getFiles(), folders).findChildren(mainFile);
+    for (yx::CURI const& child : children)
+        flattenDisk(invocation, host::displayName(child), arguments.passwords);
+    return children;
+}
+
+std::string formatDeletion(bool json, std::vector<yx::CURI> const& files,
+                           std::vector<yx::CURI> const& kept) {
+    if (json)
+        return formatJSON({{"files", listNames(files)}, {"madeIndependent", listNames(kept)}}) +
+               "\n";
+    std::string text;
+    for (yx::CURI const& child : kept)
+        text += "independent: " + host::printable(host::displayName(child)) + "\n";
+    for (yx::CURI const& file : files)
+        text += host::printable(host::displayName(file)) + "\n";
+    return text;
+}
+
+ExitStatus deleteDisk(Invocation& invocation, DeleteArguments& arguments) {
+    if (arguments.withChildren && arguments.keepChildren)
+        throw UsageError("Give --with-children or --keep-children, not both.");
+    yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
+    host::DiskDeletionOptions options;
+    options.trust = invocation.getTrust();
+    options.withChildren = arguments.withChildren;
+    options.lookIn = foldersToLookIn(arguments.lookIn, mainFile);
+    std::vector<yx::CURI> kept;
+    if (arguments.keepChildren)
+        kept = makeChildrenIndependent(invocation, arguments, mainFile, options.lookIn);
+    host::DurableFiles steps;
+    std::vector<yx::CURI> const files = invocation.getWait().retry(
+        [&] { return host::DiskDeletion(invocation.getFiles(), steps, mainFile, options).run(); });
+    print(formatDeletion(arguments.json, files, kept));
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addDeleteCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<DeleteArguments>();
+    CLI::App& command = addCommand(
+        program, run, "delete", "Delete a disk with all of its files", "kelm delete tuesday.vmdk",
+        [arguments](Invocation& invocation) { return deleteDisk(invocation, *arguments); });
+    addFileArgument(command, "DISK", arguments->disk, "The main file of the disk");
+    addLookOption(command, arguments->lookIn);
+    addFlag(command, "--with-children", arguments->withChildren,
+            "Delete the children too, and theirs");
+    addFlag(command, "--keep-children", arguments->keepChildren,
+            "Make the children independent of the disk first");
+    addFlag(command, "--json", arguments->json, "Print JSON");
+    arguments->passwords.addTo(command, "", "of the children");
+}
+
+} // namespace kelm::tool

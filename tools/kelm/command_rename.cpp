@@ -1,0 +1,71 @@
+#include <filesystem>
+#include <memory>
+
+#include "host/backups/disk_move.h"
+#include "host/store/file_names.h"
+#include "host/system/name_text.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_report.h"
+#include "tools/kelm/options.h"
+#include "tools/kelm/output.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct RenameArguments {
+    std::string from;
+    std::string to;
+    std::vector<std::string> lookIn;
+    bool json = false;
+};
+
+/// In a folder, the disk keeps its name.
+std::string renamedName(RenameArguments const& arguments) {
+    std::filesystem::path const to = arguments.to;
+    return std::filesystem::is_directory(to)
+               ? (to / std::filesystem::path(arguments.from).filename()).string()
+               : arguments.to;
+}
+
+std::string formatRenaming(host::DiskMoveResult const& result) {
+    std::string text;
+    for (yx::CURI const& file : result.files)
+        text += host::printable(host::displayName(file)) + "\n";
+    for (yx::CURI const& child : result.children)
+        text += "child: " + host::printable(host::displayName(child)) + "\n";
+    return text;
+}
+
+ExitStatus renameDisk(Invocation& invocation, RenameArguments const& arguments) {
+    yx::CURI const from = host::uriFromArgument(arguments.from);
+    yx::CURI const to = host::uriFromArgument(renamedName(arguments));
+    host::DiskMoveOptions options;
+    options.trust = invocation.getTrust();
+    options.cancel = &invocation.getCancel();
+    options.lookIn = foldersToLookIn(arguments.lookIn, from);
+    host::DurableFiles steps;
+    host::DiskMoveResult const result = invocation.getWait().retry(
+        [&] { return host::DiskMove(invocation.getFiles(), steps, from, to, options).run(); });
+    print(arguments.json ? formatJSON({{"files", listNames(result.files)},
+                                       {"children", listNames(result.children)}}) +
+                               "\n"
+                         : formatRenaming(result));
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addRenameCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<RenameArguments>();
+    CLI::App& command = addCommand(
+        program, run, "rename", "Give a disk another name, in any folder, with all of its files",
+        "kelm rename monday.vmdk /backup/full.vmdk",
+        [arguments](Invocation& invocation) { return renameDisk(invocation, *arguments); });
+    addFileArgument(command, "OLD", arguments->from, "The main file of the disk");
+    addFileArgument(command, "NEW", arguments->to, "The new name of it, or another folder");
+    addLookOption(command, arguments->lookIn);
+    addFlag(command, "--json", arguments->json, "Print JSON");
+}
+
+} // namespace kelm::tool

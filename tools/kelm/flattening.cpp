@@ -1,0 +1,37 @@
+#include "tools/kelm/flattening.h"
+
+#include <memory>
+
+#include "host/disk/dead_tails.h"
+#include "host/disk/parent_link.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/errors.h"
+
+namespace kelm::tool {
+
+namespace {
+
+std::unique_ptr<host::SafeDisk> openChild(Invocation& invocation, std::string const& file,
+                                          PasswordOptions& passwords) {
+    std::unique_ptr<host::SafeDisk> disk =
+        openDisk(invocation, file, yx::IIOStream::ReadWrite, passwords);
+    if (!disk->hasParent())
+        throw UsageError("The disk has no parent: " + file);
+    return disk;
+}
+
+} // namespace
+
+void flattenDisk(Invocation& invocation, std::string const& file, PasswordOptions& passwords) {
+    std::unique_ptr<host::SafeDisk> disk = openChild(invocation, file, passwords);
+    // An attempt that was killed may have copied grains that no table names.
+    if (host::dropDeadTails(*disk, &invocation.getCancel())) {
+        disk.reset();
+        disk = openChild(invocation, file, passwords);
+    }
+    LongWork const work(invocation, "flatten");
+    host::makeIndependentOfParent(*disk, work.getOptions());
+    host::dropParentLink(*disk);
+}
+
+} // namespace kelm::tool
