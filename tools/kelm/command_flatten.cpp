@@ -1,6 +1,5 @@
 #include <memory>
 
-#include "host/disk/dead_tails.h"
 #include "host/disk/parent_link.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
@@ -25,12 +24,9 @@ std::unique_ptr<host::SafeDisk> openChild(Invocation& invocation, FlattenArgumen
 }
 
 ExitStatus flatten(Invocation& invocation, FlattenArguments& arguments) {
-    std::unique_ptr<host::SafeDisk> disk = openChild(invocation, arguments);
     // An attempt that was killed may have copied grains that no table names.
-    if (host::dropDeadTails(*disk, &invocation.getCancel())) {
-        disk.reset();
-        disk = openChild(invocation, arguments);
-    }
+    std::unique_ptr<host::SafeDisk> const disk =
+        openToGoOn(invocation, [&] { return openChild(invocation, arguments); });
     LongWork const work(invocation, "flatten");
     host::makeIndependentOfParent(*disk, work.getOptions());
     host::dropParentLink(*disk);
