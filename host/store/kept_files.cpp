@@ -6,10 +6,10 @@
 #include <cstdio>
 #include <filesystem>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/store/folder_sync.h"
 #include "host/system/file_descriptor.h"
 #include "host/system/file_identity.h"
 #include "yx/log.h"
@@ -45,14 +45,6 @@ std::string makeFormerFolder(std::string const& file) {
     throwSystemError("Cannot make a folder to keep the former disk in", file + kFormerSuffix);
 }
 
-void syncFolderAt(std::string const& folder) {
-    FileDescriptor const descriptor =
-        FileDescriptor::own(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // A folder that may be written to but not read cannot be synced.
-    if (descriptor.isOpen() && ::fsync(descriptor.get()) != 0)
-        throwSystemError("Cannot sync the folder", folder);
-}
-
 bool haveOneFile(std::string const& left, std::string const& right) {
     std::optional<FileIdentity> const identity = identifyFile(left);
     return identity && identity == identifyFile(right);
@@ -79,8 +71,8 @@ KeptFiles::KeptFiles(std::vector<yx::CURI> const& files) {
                 throwSystemError("Cannot keep the file of the former disk", first);
             m_files.push_back({first, second});
         }
-        syncFolderAt(m_folder);
-        syncFolderAt(fs::path(m_folder).parent_path().string());
+        syncFolder(m_folder);
+        syncFolder(fs::path(m_folder).parent_path().string());
     } catch (...) {
         if (tryRestoreAll())
             removeSecondNames();
@@ -116,7 +108,7 @@ bool KeptFiles::tryRestoreAll() const {
     if (!areRestored)
         return false;
     try {
-        syncFolderAt(fs::path(m_folder).parent_path().string());
+        syncFolder(fs::path(m_folder).parent_path().string());
     } catch (yx::CError const&) {
         return false;
     }
@@ -133,6 +125,14 @@ void KeptFiles::removeSecondNames() const {
 
 void KeptFiles::drop() {
     m_isDropped = true;
+    // Once these are gone, nothing would tell of files of the former disk that a power cut brings back.
+    try {
+        syncFolder(fs::path(m_folder).parent_path().string());
+    } catch (yx::CError const& error) {
+        yx::logWarning(error,
+                       "The former disk is kept in '" + yx::String::fromUTF8(m_folder) + "'.", "");
+        return;
+    }
     removeSecondNames();
 }
 
