@@ -69,7 +69,7 @@ std::vector<yx::CURI> makeFiles(yx::IFileSystem* fileSystem, yx::CURI const& uri
     return listFilesOf(disk->getMainFileURI(), DiskLayout(*disk));
 }
 
-ExtentRoom::GrainRoom grainRoomOf(FileGrain const& grain, int compressionLevel) {
+ExtentRoom::GrainRoom calcGrainRoom(FileGrain const& grain, int compressionLevel) {
     CVMDKDataPreparer const preparer(grain.wholeSizeBytes / kSectorSizeBytes, grain.isCompressed,
                                      compressionLevel);
     return {grain.wholeSizeBytes, calcWorstCaseGrainBytes(preparer)};
@@ -107,7 +107,7 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
       m_room(
           m_fileSystem.get(), m_layout,
           [this, compressionLevel](DiskExtent const& extent) {
-              return grainRoomOf(m_grains.at(extent.startBytes), compressionLevel);
+              return calcGrainRoom(m_grains.at(extent.startBytes), compressionLevel);
           },
           [this] { m_disk->flushChanges(); }),
       m_tableLimit(*m_disk, [this] { flush(); }),

@@ -14,13 +14,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kSectorBytes = 512;
+constexpr std::size_t kDeviceSectorBytes = 512;
 
 // What a name may stand for beside a file.
-constexpr int kNothing = -1;
+constexpr int kNoFile = -1;
 constexpr int kFolder = -2;
 
-Bytes contentOf(fs::path const& file) {
+Bytes readContent(fs::path const& file) {
     std::ifstream stream(file, std::ios::binary);
     return {std::istreambuf_iterator<char>(stream), {}};
 }
@@ -32,7 +32,7 @@ std::uint64_t inodeOf(fs::path const& file) {
     return status.st_ino;
 }
 
-std::string folderOf(std::string const& path) {
+std::string parentOf(std::string const& path) {
     return fs::path(path).parent_path().string();
 }
 
@@ -42,7 +42,7 @@ FolderImage imageOf(fs::path const& folder) {
     FolderImage image;
     for (fs::directory_entry const& entry : fs::recursive_directory_iterator(folder)) {
         if (entry.is_regular_file())
-            image[entry.path().lexically_relative(folder).string()] = contentOf(entry.path());
+            image[entry.path().lexically_relative(folder).string()] = readContent(entry.path());
     }
     return image;
 }
@@ -128,9 +128,9 @@ public:
             change.apply(bytes, 0, change.content.size());
             return;
         }
-        for (std::size_t at = 0; at < change.content.size(); at += kSectorBytes) {
+        for (std::size_t at = 0; at < change.content.size(); at += kDeviceSectorBytes) {
             if (m_random() % 2 == 0)
-                change.apply(bytes, at, std::min(change.content.size(), at + kSectorBytes));
+                change.apply(bytes, at, std::min(change.content.size(), at + kDeviceSectorBytes));
         }
     }
 
@@ -148,7 +148,7 @@ FolderCut::FolderCut(fs::path folder) : m_folder(std::move(folder)) {
             auto const known = m_inodes.find(inodeOf(entry.path()));
             file = known != m_inodes.end()
                        ? known->second
-                       : makeFile(inodeOf(entry.path()), contentOf(entry.path()));
+                       : makeFile(inodeOf(entry.path()), readContent(entry.path()));
         }
         m_names[path].meanings = {{0, file}};
     }
@@ -181,13 +181,13 @@ void FolderCut::setName(std::string const& path, int file) {
         return;
     Name& name = m_names[path];
     if (name.meanings.empty())
-        name.meanings.push_back({0, kNothing});
+        name.meanings.push_back({0, kNoFile});
     name.meanings.push_back({m_next, file});
 }
 
 void FolderCut::syncNames(std::string const& folderPath) {
     for (auto& [path, name] : m_names) {
-        if (folderOf(path) == folderPath)
+        if (parentOf(path) == folderPath)
             name.meanings = {name.meanings.back()};
     }
 }
@@ -215,7 +215,7 @@ bool FolderCut::step() {
         setName(path, kFolder);
         return true;
     case Kind::Remove:
-        setName(path, kNothing);
+        setName(path, kNoFile);
         return true;
     case Kind::SyncFolder:
         if (!path.empty() || fs::path(operation.path) == m_folder)
@@ -257,7 +257,7 @@ FolderCut::State FolderCut::makeState(Loss loss, std::mt19937& random) {
     // A folder comes before what is in it.
     for (auto const& [path, name] : m_names) {
         int const file = choice.meaningOf(name);
-        if (file == kNothing || folders.count(folderOf(path)) == 0)
+        if (file == kNoFile || folders.count(parentOf(path)) == 0)
             continue;
         if (file == kFolder) {
             folders.insert(path);
