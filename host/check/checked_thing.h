@@ -9,6 +9,7 @@ namespace kelm::host {
 
 /// A stretch of a disk, in bytes.
 struct ByteRange {
+    /// The first byte.
     __int64 startBytes = 0;
 
     /// Behind the last byte.
@@ -29,8 +30,12 @@ struct ByteRange {
 /// A numbered thing that a finding may be about.
 struct CheckedThing {
     /// What may be wrong.
-    enum class Kind { Grain, Table };
+    enum class Kind {
+        Grain, ///< a grain
+        Table, ///< a grain table, with all of its grains
+    };
 
+    /// What it is.
     Kind kind = Kind::Grain;
 
     /// Grains are numbered as in the disk, tables as in their extent.

@@ -20,6 +20,7 @@ class ExtentRoom {
 public:
     /// What the grains of one extent take, each of which has a size of its own.
     struct GrainRoom {
+        /// In the disk.
         __int64 grainSizeBytes;
 
         /// In the file, at most.
