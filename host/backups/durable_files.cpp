@@ -12,7 +12,7 @@
 #include "host/backups/file_copy.h"
 #include "host/store/file_moving.h"
 #include "host/store/file_names.h"
-#include "host/store/folder_access.h"
+#include "host/store/folder_sync.h"
 #include "host/system/file_descriptor.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
@@ -21,14 +21,14 @@ namespace kelm::host {
 
 namespace {
 
-constexpr char kUnfinishedSuffix[] = ".unfinished";
+constexpr char kPartSuffix[] = ".kelm-part";
 
 std::string nativePathOf(yx::CURI const& uri) {
     return yx::toNativePath(uri).toStdString();
 }
 
 yx::CURI unfinishedNameOf(yx::CURI const& uri) {
-    return (uri.getParent() << (uri.getName() + kUnfinishedSuffix)).toNormalized();
+    return (uri.getParent() << (uri.getName() + kPartSuffix)).toNormalized();
 }
 
 void syncFolderOf(yx::CURI const& uri) {

@@ -13,7 +13,7 @@ namespace kelm::host {
 /// or the one behind it, but for `patch`. So work that is a row of such steps can be gone on with from
 /// wherever it ended. All names are `file:` URIs.
 ///
-/// A file that is not complete yet has its name and ".unfinished" behind it. One that a kill has left
+/// A file that is not complete yet has its name and ".kelm-part" behind it. One that a kill has left
 /// there is replaced by the next attempt.
 ///
 /// Errors are those of `throwSystemError`, and a name that another file has is `yx::CIOError`

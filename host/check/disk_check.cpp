@@ -78,7 +78,8 @@ private:
         m_known = KnownGrains();
         checkExtents(*disk);
         checkGrains(
-            *disk, m_options, [&](std::string const& text) { find(uri, text); }, m_known);
+            *disk, m_options,
+            [&](yx::CURI const& file, std::string const& text) { find(file, text); }, m_known);
         return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
                                  : yx::CURI();
     }

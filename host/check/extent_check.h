@@ -13,8 +13,9 @@ namespace kelm::host {
 /// Checks the structure of a sparse extent file without decoding its grains. The tables must equal
 /// their redundant copies; the slots of the grains must lie behind the metadata, inside the file
 /// and apart from each other. In a compressed extent, the records must name their grain and fit
-/// their slots, and the trail must close the file. `report` gets a sentence for each finding; a
-/// part of the file that cannot be read is one. What one cause breaks is one finding (`FindingFold`):
+/// their slots, and the trail must close the file. `report` gets a sentence for each finding, with
+/// the bytes of the disk that a grain or a table stands for; a part of the file that cannot be read
+/// is one. What one cause breaks is one finding (`FindingFold`):
 /// where a file was cut off, that is all of its grains behind, and its trail. What `report` throws
 /// passes. `known` gets the grains of which a finding has told.
 ///

@@ -1,45 +1,33 @@
 #include "host/check/extent_findings.h"
 
+#include <cassert>
+
 namespace kelm::host {
-
-namespace {
-
-constexpr char kTableNoun[] = "grain table";
-constexpr char kGrainNoun[] = "grain";
-
-} // namespace
 
 void ExtentFindings::addOnce(std::string const& text) const {
     if (!m_isRepeating)
         m_fold.add(text);
 }
 
-void ExtentFindings::addOfTable(__int64 table, std::string const& text) const {
-    if (!m_isRepeating)
-        m_fold.addOfThing(kTableNoun, table, text);
-}
-
-void ExtentFindings::addOfGrain(__int64 grainIndex, std::string const& text) const {
+void ExtentFindings::addOnce(CheckedThing const& thing, std::string const& text) const {
     if (m_isRepeating)
         return;
-    m_known.add(grainIndex);
-    m_fold.addOfThing(kGrainNoun, grainIndex, text);
+    if (thing.kind == CheckedThing::Kind::Grain)
+        m_known.add(thing.number);
+    m_fold.addOfThing(thing, text);
 }
 
-void ExtentFindings::addBehindEnd(__int64 grainIndex, std::string const& text) {
+void ExtentFindings::addBehindEnd(CheckedThing const& grain, std::string const& text) {
+    assert(grain.kind == CheckedThing::Kind::Grain);
     m_isFileCutOff = true;
     if (m_isRepeating)
         return;
-    m_known.add(grainIndex);
-    m_fold.addOfCause("end of the file", kGrainNoun, grainIndex, text);
+    m_known.add(grain.number);
+    m_fold.addOfCause("end of the file", grain, text);
 }
 
-void ExtentFindings::addOfTableInStretch(__int64 table, std::string const& text) const {
-    m_fold.addOfThing(kTableNoun, table, text);
-}
-
-void ExtentFindings::addOfGrainInStretch(__int64 grainIndex, std::string const& text) const {
-    m_fold.addOfThing(kGrainNoun, grainIndex, text);
+void ExtentFindings::addInStretch(CheckedThing const& thing, std::string const& text) const {
+    m_fold.addOfThing(thing, text);
 }
 
 } // namespace kelm::host

@@ -15,29 +15,20 @@ public:
     ExtentFindings(FindingFold& fold, KnownGrains& known) : m_fold(fold), m_known(known) {}
 
     // Each of these reports a finding that every reading of the tables would meet; it is dropped
-    // while repeating. Grains are numbered as in the disk.
+    // while repeating.
 
     /// A finding about the file itself.
     void addOnce(std::string const& text) const;
 
-    /// A finding about a table.
-    void addOfTable(__int64 table, std::string const& text) const;
-
-    /// A finding about a grain, which is then known.
-    void addOfGrain(__int64 grainIndex, std::string const& text) const;
+    /// A finding about a table, or about a grain, which is then known.
+    void addOnce(CheckedThing const& thing, std::string const& text) const;
 
     /// A finding about a grain that lies where the file has ended. There is one cause for all of
     /// these.
-    void addBehindEnd(__int64 grainIndex, std::string const& text);
+    void addBehindEnd(CheckedThing const& grain, std::string const& text);
 
-    // Each of these reports a finding that belongs to the stretch of the file that is being looked
-    // at.
-
-    /// A finding about a table.
-    void addOfTableInStretch(__int64 table, std::string const& text) const;
-
-    /// A finding about a grain.
-    void addOfGrainInStretch(__int64 grainIndex, std::string const& text) const;
+    /// A finding that belongs to the stretch of the file that is being looked at.
+    void addInStretch(CheckedThing const& thing, std::string const& text) const;
 
     /// Whether the tables have been read before.
     bool isRepeating() const { return m_isRepeating; }

@@ -7,6 +7,12 @@
 
 namespace kelm::host {
 
+namespace {
+
+constexpr char kCannotBeRead[] = " cannot be read: ";
+
+} // namespace
+
 bool ExtentReader::tryReadHeader(CVMDKSparseExtentHeader& header) {
     auto const failure = findingOf([&] {
         m_sizeBytes = m_stream.getLength();
@@ -28,13 +34,28 @@ bool ExtentReader::contains(__int64 sector, __int64 bytes) const {
 
 std::optional<ExtentReader::Bytes> ExtentReader::tryRead(__int64 sector, __int64 bytes,
                                                          std::string const& name) {
-    assert((sector == 0 || contains(sector, bytes)) && "the caller has checked the place");
     Bytes data;
-    auto const failure = findingOf([&] { data = read(sector * kSectorSizeBytes, bytes); });
+    auto const failure = findFailure(sector, bytes, data);
     if (!failure)
         return data;
-    m_findings.addOnce(name + " cannot be read: " + *failure);
+    m_findings.addOnce(name + kCannotBeRead + *failure);
     return std::nullopt;
+}
+
+std::optional<ExtentReader::Bytes> ExtentReader::tryRead(__int64 sector, __int64 bytes,
+                                                         std::string const& name,
+                                                         CheckedThing const& thing) {
+    Bytes data;
+    auto const failure = findFailure(sector, bytes, data);
+    if (!failure)
+        return data;
+    m_findings.addOnce(thing, name + kCannotBeRead + *failure);
+    return std::nullopt;
+}
+
+std::optional<std::string> ExtentReader::findFailure(__int64 sector, __int64 bytes, Bytes& data) {
+    assert((sector == 0 || contains(sector, bytes)) && "the caller has checked the place");
+    return findingOf([&] { data = read(sector * kSectorSizeBytes, bytes); });
 }
 
 ExtentReader::Bytes ExtentReader::read(__int64 positionBytes, __int64 bytes) {

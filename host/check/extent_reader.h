@@ -38,10 +38,17 @@ public:
     /// finding that begins with `name`, if that fails.
     std::optional<Bytes> tryRead(__int64 sector, __int64 bytes, std::string const& name);
 
+    /// As above, with a finding about `thing`.
+    std::optional<Bytes> tryRead(__int64 sector, __int64 bytes, std::string const& name,
+                                 CheckedThing const& thing);
+
     /// As `tryRead`, from any position and with errors as they are.
     Bytes read(__int64 positionBytes, __int64 bytes);
 
 private:
+    /// Reads into `data`. Returns why that failed.
+    std::optional<std::string> findFailure(__int64 sector, __int64 bytes, Bytes& data);
+
     yx::IIOStream& m_stream;
     ExtentFindings const& m_findings;
     __int64 m_sizeBytes = 0;

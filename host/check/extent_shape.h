@@ -1,5 +1,8 @@
 #pragma once
 
+#include <algorithm>
+
+#include "host/check/checked_thing.h"
 #include "host/disk/disk_extent.h"
 #include "kelm/format/sparse_extent_header.h"
 
@@ -24,6 +27,27 @@ struct ExtentShape {
 
     /// What the disk says about the same extent.
     DiskExtent extent;
+
+    /// A grain of the extent as a grain of the disk. It may lie behind the extent's end.
+    CheckedThing grainAt(__int64 grain) const {
+        return {CheckedThing::Kind::Grain, grain + extent.getStartGrainIndex(),
+                bytesOfGrains(grain, 1)};
+    }
+
+    /// A grain table of the extent, with the bytes of its grains.
+    CheckedThing tableAt(__int64 table) const {
+        return {CheckedThing::Kind::Table, table,
+                bytesOfGrains(table * kGrainTableEntryCount, kGrainTableEntryCount)};
+    }
+
+private:
+    /// No overflow, since the header's sizes are possible.
+    ByteRange bytesOfGrains(__int64 first, __int64 count) const {
+        __int64 const grainSizeBytes = grainSizeSectors * kSectorSizeBytes;
+        __int64 const sizeBytes = extent.getSizeBytes();
+        return {extent.startBytes + std::min(sizeBytes, first * grainSizeBytes),
+                extent.startBytes + std::min(sizeBytes, (first + count) * grainSizeBytes)};
+    }
 };
 
 } // namespace kelm::host

@@ -4,6 +4,8 @@
 #include <cassert>
 #include <utility>
 
+#include "host/system/size_text.h"
+
 namespace kelm::host {
 
 namespace {
@@ -21,43 +23,52 @@ std::string wordsOf(std::string const& text) {
     return words;
 }
 
-} // namespace
-
-void FindingFold::add(std::string const& text) {
-    assert(!text.empty());
-    closeRun();
-    m_report(text);
+std::string bytesText(ByteRange const& bytes) {
+    if (bytes.isEmpty())
+        return "";
+    return " (bytes: " + formatRange(bytes.startBytes, bytes.endBytes) + ")";
 }
 
-void FindingFold::addOfThing(char const* noun, __int64 number, std::string const& text) {
+} // namespace
+
+void FindingFold::add(std::string const& text, ByteRange const& bytes) {
+    assert(!text.empty());
+    closeRun();
+    m_report(text + bytesText(bytes));
+}
+
+void FindingFold::Folded::add(CheckedThing const& thing) {
+    last = thing;
+    bytes.include(thing.bytes);
+    ++more;
+}
+
+void FindingFold::addOfThing(CheckedThing const& thing, std::string const& text) {
     assert(!text.empty());
     std::string words = wordsOf(text);
-    if (m_run && m_run->lastNumber + 1 == number && m_run->likeness == words) {
-        m_run->lastNumber = number;
-        ++m_run->more;
+    if (m_run && m_run->last.number + 1 == thing.number && m_run->likeness == words) {
+        m_run->add(thing);
         return;
     }
     closeRun();
     if (m_runCounts[words] >= kMaxAlike) {
-        addOfCause(words, noun, number, text);
+        addOfCause(words, thing, text);
         return;
     }
     ++m_runCounts[words];
-    m_run = Folded{noun, text, std::move(words), number};
+    m_run = Folded{text, std::move(words), thing, thing.bytes};
 }
 
-void FindingFold::addOfCause(std::string const& cause, char const* noun, __int64 number,
+void FindingFold::addOfCause(std::string const& cause, CheckedThing const& thing,
                              std::string const& text) {
     assert(!text.empty());
     auto const alike = std::find_if(m_held.begin(), m_held.end(), [&cause](Folded const& folded) {
         return folded.likeness == cause;
     });
-    if (alike == m_held.end()) {
-        m_held.push_back({noun, text, cause, number});
-    } else {
-        alike->lastNumber = number;
-        ++alike->more;
-    }
+    if (alike == m_held.end())
+        m_held.push_back({text, cause, thing, thing.bytes});
+    else
+        alike->add(thing);
 }
 
 void FindingFold::closeRun() {
@@ -66,12 +77,12 @@ void FindingFold::closeRun() {
 }
 
 void FindingFold::report(Folded const& folded) const {
-    if (folded.more == 0) {
-        m_report(folded.text);
-        return;
+    std::string text = folded.text;
+    if (folded.more > 0) {
+        text += "; the same of " + std::to_string(folded.more) + " more, up to " +
+                folded.last.getName();
     }
-    m_report(folded.text + "; the same of " + std::to_string(folded.more) + " more, up to " +
-             folded.noun + " " + std::to_string(folded.lastNumber));
+    m_report(text + bytesText(folded.bytes));
 }
 
 void FindingFold::flush() {

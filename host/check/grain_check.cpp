@@ -4,6 +4,7 @@
 #include <cassert>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "host/check/check_errors.h"
@@ -17,9 +18,15 @@ namespace {
 
 using Buffer = yx::TBuffer<unsigned char>;
 
+/// A grain, and the extent that holds it.
+struct GrainInExtent {
+    DiskExtent const* extent = nullptr;
+    CheckedThing thing;
+};
+
 /// A grain whose record is decoded on a worker thread.
 struct CheckedGrain {
-    __int64 index = 0;
+    GrainInExtent grain;
     yx::P<Buffer> record = yx::makeObject<Buffer>();
     yx::P<Buffer> plain = yx::makeObject<Buffer>();
 };
@@ -29,12 +36,13 @@ using GrainDecoders = WorkerPipeline<CheckedGrain>;
 /// Keeps the workers supplied with the grains of one disk, and reports what they find in order.
 class GrainCheck {
 public:
-    GrainCheck(SafeDisk& disk, WorkOptions const& options,
-               std::function<void(std::string const&)> const& report, KnownGrains const& known)
+    GrainCheck(SafeDisk& disk, WorkOptions const& options, FindingCallback const& report,
+               KnownGrains const& known)
         : m_disk(disk),
           m_cancel(options.cancel),
           m_throttle(options.progress),
-          m_fold(report),
+          m_report([this, &report](std::string const& text) { report(m_reported->uri, text); }),
+          m_fold(m_report),
           m_known(known) {
         if (disk.getDisk().getCompressed())
             startWorkers(countThreads(options));
@@ -52,10 +60,12 @@ public:
     }
 
 private:
-    /// Neighbouring grains that cannot be looked up, all for the same reason.
+    /// Neighbouring grains of one extent that cannot be looked up, all for the same reason.
     struct Unreachable {
+        DiskExtent const* extent;
         __int64 firstIndex;
         __int64 endIndex;
+        ByteRange bytes;
         std::string reason;
     };
 
@@ -65,13 +75,12 @@ private:
             std::all_of(extents.begin(), extents.end(), [this](DiskExtent const& extent) {
                 return grainSizeOf(extent) == m_disk.getGrainSizeBytes();
             });
-        for (DiskExtent const& extent : m_disk.listExtents()) {
+        for (DiskExtent const& extent : extents) {
             __int64 const grainSizeBytes = grainSizeOf(extent);
             __int64 const tableBytes = grainSizeBytes * kGrainTableEntryCount;
             for (__int64 start = extent.startBytes; start < extent.endBytes; start += tableBytes) {
-                checkTable(start, std::min(extent.endBytes, start + tableBytes), grainSizeBytes,
-                           extent.getStartGrainIndex() +
-                               (start - extent.startBytes) / grainSizeBytes);
+                checkTable(extent, {start, std::min(extent.endBytes, start + tableBytes)},
+                           grainSizeBytes);
             }
         }
         drainAll();
@@ -103,10 +112,11 @@ private:
     }
 
     /// Checks the grains of one table. If one of them cannot be looked up, none after it can.
-    void checkTable(__int64 startBytes, __int64 endBytes, __int64 grainSizeBytes,
-                    __int64 firstIndex) {
-        __int64 index = firstIndex;
-        for (__int64 position = startBytes; position < endBytes; position += grainSizeBytes) {
+    void checkTable(DiskExtent const& extent, ByteRange const& bytes, __int64 grainSizeBytes) {
+        __int64 index =
+            extent.getStartGrainIndex() + (bytes.startBytes - extent.startBytes) / grainSizeBytes;
+        for (__int64 position = bytes.startBytes; position < bytes.endBytes;
+             position += grainSizeBytes) {
             if (m_cancel)
                 m_cancel->check();
             m_throttle.report(position, m_disk.getSizeBytes());
@@ -118,12 +128,15 @@ private:
             if (failure)
                 failure = findingOf(lookUp);
             if (failure) {
-                __int64 const count = (endBytes - position + grainSizeBytes - 1) / grainSizeBytes;
-                noteUnreachable(index, index + count, *failure);
+                __int64 const count =
+                    (bytes.endBytes - position + grainSizeBytes - 1) / grainSizeBytes;
+                noteUnreachable(
+                    {&extent, index, index + count, {position, bytes.endBytes}, *failure});
                 return;
             }
+            __int64 const endBytes = std::min(position + grainSizeBytes, bytes.endBytes);
             if (isHere)
-                checkGrain(position, std::min(grainSizeBytes, endBytes - position), index);
+                checkGrain({&extent, {CheckedThing::Kind::Grain, index, {position, endBytes}}});
             ++index;
         }
     }
@@ -134,38 +147,41 @@ private:
         return m_disk.getDisk().isGrainWrittenAndIndependentOfParent();
     }
 
-    void checkGrain(__int64 positionBytes, __int64 bytes, __int64 index) {
+    void checkGrain(GrainInExtent const& grain) {
+        ByteRange const& bytes = grain.thing.bytes;
         if (m_decoders && !m_decoders->getFree())
             drainOne();
         bool isToBeDecoded = false;
         auto const failure = findingOf([&] {
-            isToBeDecoded = m_decoders && m_disk.getFileGrain(positionBytes).isGrainOfDisk &&
-                            m_disk.tryReadPreparedGrain(index, *m_decoders->getFree()->record);
+            isToBeDecoded =
+                m_decoders && m_disk.getFileGrain(bytes.startBytes).isGrainOfDisk &&
+                m_disk.tryReadPreparedGrain(grain.thing.number, *m_decoders->getFree()->record);
             if (!isToBeDecoded)
-                readPlain(positionBytes, static_cast<int>(bytes));
+                readPlain(bytes);
         });
         if (failure) {
             drainAll();
-            reportGrain(index, *failure);
+            reportGrain(grain, *failure);
         } else if (isToBeDecoded) {
             assert(m_decoders->getFree() && "the record has been read into it");
-            m_decoders->getFree()->index = index;
+            m_decoders->getFree()->grain = grain;
             m_decoders->submit();
         }
     }
 
-    void readPlain(__int64 positionBytes, int bytes) {
-        m_grain.setUsed(bytes);
-        m_disk.read(positionBytes, m_grain.getData(), bytes);
+    void readPlain(ByteRange const& bytes) {
+        int const count = static_cast<int>(bytes.endBytes - bytes.startBytes);
+        m_grain.setUsed(count);
+        m_disk.read(bytes.startBytes, m_grain.getData(), count);
     }
 
     void drainOne() {
         assert(m_decoders && m_decoders->isBusy());
         auto const failure = findingOf([this] { m_decoders->takeOldest(); });
-        __int64 const index = m_decoders->getTaken().index;
+        GrainInExtent const grain = m_decoders->getTaken().grain;
         m_decoders->recycle();
         if (failure)
-            reportGrain(index, *failure);
+            reportGrain(grain, *failure);
     }
 
     void drainAll() {
@@ -173,16 +189,24 @@ private:
             drainOne();
     }
 
-    void noteUnreachable(__int64 firstIndex, __int64 endIndex, std::string const& reason) {
-        assert(firstIndex < endIndex);
-        if (m_unreachable && m_unreachable->endIndex == firstIndex &&
-            m_unreachable->reason == reason) {
-            m_unreachable->endIndex = endIndex;
+    void noteUnreachable(Unreachable run) {
+        assert(run.firstIndex < run.endIndex);
+        if (m_unreachable && m_unreachable->extent == run.extent &&
+            m_unreachable->endIndex == run.firstIndex && m_unreachable->reason == run.reason) {
+            m_unreachable->endIndex = run.endIndex;
+            m_unreachable->bytes.include(run.bytes);
             return;
         }
         drainAll();
         reportUnreachable();
-        m_unreachable = Unreachable{firstIndex, endIndex, reason};
+        m_unreachable = std::move(run);
+    }
+
+    /// What has been found in one file is told before anything about the next.
+    void beginReportOn(DiskExtent const& extent) {
+        if (m_reported != &extent)
+            m_fold.flush();
+        m_reported = &extent;
     }
 
     void reportUnreachable() {
@@ -190,22 +214,30 @@ private:
             return;
         Unreachable const run = *m_unreachable;
         m_unreachable.reset();
+        beginReportOn(*run.extent);
         std::string const first = std::to_string(run.firstIndex);
         m_fold.add((run.endIndex == run.firstIndex + 1
                         ? "grain " + first
                         : "grains " + first + " to " + std::to_string(run.endIndex - 1)) +
-                   " cannot be looked up: " + run.reason);
+                       " cannot be looked up: " + run.reason,
+                   run.bytes);
     }
 
-    void reportGrain(__int64 index, std::string const& failure) {
+    void reportGrain(GrainInExtent const& grain, std::string const& failure) {
         reportUnreachable();
-        if (!m_numbersAreUnique || !m_known.contains(index))
-            m_fold.addOfThing("grain", index, "grain " + std::to_string(index) + ": " + failure);
+        if (m_numbersAreUnique && m_known.contains(grain.thing.number))
+            return;
+        beginReportOn(*grain.extent);
+        m_fold.addOfThing(grain.thing, grain.thing.getName() + ": " + failure);
     }
 
     SafeDisk& m_disk;
     CancelFlag const* m_cancel;
     ProgressThrottle m_throttle;
+
+    /// The extent that the findings in `m_fold` are about.
+    DiskExtent const* m_reported = nullptr;
+    FindingFold::Report m_report;
     FindingFold m_fold;
     KnownGrains const& m_known;
 
@@ -223,8 +255,8 @@ private:
 
 } // namespace
 
-void checkGrains(SafeDisk& disk, WorkOptions const& options,
-                 std::function<void(std::string const&)> const& report, KnownGrains const& known) {
+void checkGrains(SafeDisk& disk, WorkOptions const& options, FindingCallback const& report,
+                 KnownGrains const& known) {
     GrainCheck(disk, options, report, known).run();
 }
 

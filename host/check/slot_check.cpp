@@ -14,64 +14,60 @@ void SlotCheck::run(__int64 grain, int entry, GrainTables const& tables, SectorM
     __int64 const position = tables.getPosition(entry);
     if (position == 0)
         return;
-    __int64 const index = grain + m_shape.extent.getStartGrainIndex();
-    std::string const name = "grain " + std::to_string(index);
+    CheckedThing const thing = m_shape.grainAt(grain);
+    std::string const name = thing.getName();
     if (grain >= m_shape.grainCount) {
-        m_findings.addOfGrain(index, "the entry of " + name + " is set, which is behind the end");
+        m_findings.addOnce(thing, "the entry of " + name + " is set, which is behind the end");
         return;
     }
     if (position < static_cast<__int64>(std::min<unsigned long long>(
                        m_shape.header.getOverheadSectors(), kTableReachSectors))) {
-        m_findings.addOfGrain(index, name + " lies in the metadata");
+        m_findings.addOnce(thing, name + " lies in the metadata");
         return;
     }
     if (!m_reader.contains(position, m_shape.compressed ? kSectorSizeBytes : 1)) {
-        m_findings.addBehindEnd(index, name + " lies outside the file");
+        m_findings.addBehindEnd(thing, name + " lies outside the file");
         return;
     }
-    __int64 const size = checkSize(name, grain, entry, tables);
+    __int64 const size = checkSize(thing, entry, tables);
     assert(size >= 0);
     if (!m_reader.contains(position, size * kSectorSizeBytes))
-        m_findings.addBehindEnd(index, name + " reaches behind the end of the file");
+        m_findings.addBehindEnd(thing, name + " reaches behind the end of the file");
     __int64 const shared = taken.take(position, size);
     if (shared != -1) {
-        m_findings.addOfGrainInStretch(index, name +
-                                                  " shares its place with something else, at "
-                                                  "sector " +
-                                                  std::to_string(shared));
+        m_findings.addInStretch(thing, name + " shares its place with something else, at sector " +
+                                           std::to_string(shared));
     }
     m_dataEndSectors = std::max(m_dataEndSectors, position + size);
 }
 
 /// Returns the size of the slot in sectors.
-__int64 SlotCheck::checkSize(std::string const& name, __int64 grain, int entry,
-                             GrainTables const& tables) {
+__int64 SlotCheck::checkSize(CheckedThing const& grain, int entry, GrainTables const& tables) {
     if (!m_shape.compressed)
         return m_shape.grainSizeSectors;
     __int64 const position = tables.getPosition(entry);
     if (!tables.hasSlotSizes())
-        return checkRecord(name, grain, position);
+        return checkRecord(grain, position);
     __int64 const slotSectors = tables.getSlotSizeSectors(entry);
     // Reading the records is what takes long; once is enough.
-    if (!m_findings.isRepeating() && checkRecord(name, grain, position) > slotSectors)
-        m_findings.addOfGrain(grain + m_shape.extent.getStartGrainIndex(),
-                              "the record of " + name + " does not fit its slot");
+    if (!m_findings.isRepeating() && checkRecord(grain, position) > slotSectors)
+        m_findings.addOnce(grain, "the record of " + grain.getName() + " does not fit its slot");
     return slotSectors;
 }
 
 /// Returns how many sectors the record takes; 0 if it cannot be read or is another grain's.
-__int64 SlotCheck::checkRecord(std::string const& name, __int64 grain, __int64 positionSectors) {
+__int64 SlotCheck::checkRecord(CheckedThing const& grain, __int64 positionSectors) {
     assert(m_shape.compressed);
+    std::string const name = "the record of " + grain.getName();
     std::optional<ExtentReader::Bytes> const record =
-        m_reader.tryRead(positionSectors, kSectorSizeBytes, "the record of " + name);
+        m_reader.tryRead(positionSectors, kSectorSizeBytes, name, grain);
     if (!record)
         return 0;
     // Unsigned, since the index that a bad descriptor leads to may be anything.
-    __int64 const index = grain + m_shape.extent.getStartGrainIndex();
-    auto const lba = static_cast<unsigned long long>(index) *
+    auto const lba = static_cast<unsigned long long>(grain.number) *
                      static_cast<unsigned long long>(m_shape.grainSizeSectors);
     if (loadGrainRecordLBA(record->data()) != lba) {
-        m_findings.addOfGrain(index, "the record of " + name + " names another grain");
+        m_findings.addOnce(grain, name + " names another grain");
         // Nor is its size that of this grain.
         return 0;
     }

@@ -24,8 +24,8 @@ public:
     __int64 getDataEndSectors() const { return m_dataEndSectors; }
 
 private:
-    __int64 checkSize(std::string const& name, __int64 grain, int entry, GrainTables const& tables);
-    __int64 checkRecord(std::string const& name, __int64 grain, __int64 positionSectors);
+    __int64 checkSize(CheckedThing const& grain, int entry, GrainTables const& tables);
+    __int64 checkRecord(CheckedThing const& grain, __int64 positionSectors);
 
     ExtentReader& m_reader;
     ExtentShape const& m_shape;

@@ -9,56 +9,58 @@ namespace kelm::host {
 
 void TableCheck::run(__int64 table, SectorMap& taken) {
     assert(table >= 0 && table < m_shape.tableCount);
-    std::string const name = "grain table " + std::to_string(table);
+    CheckedThing const thing = m_shape.tableAt(table);
+    std::string const name = thing.getName();
     TablePlaces const places = m_directories.readPlaces(table);
     if (!m_reader.contains(places.table, kGrainTableSizeBytes)) {
-        m_findings.addOfTable(table, name + " lies outside the file");
+        m_findings.addOnce(thing, name + " lies outside the file");
         return;
     }
     // Its grains would be findings too, each of them twice.
     if (taken.take(places.table, kGrainTableSizeSectors) != -1) {
-        m_findings.addOfTableInStretch(table, name + " shares its place with something else");
+        m_findings.addInStretch(thing, name + " shares its place with something else");
         return;
     }
     std::optional<ExtentReader::Bytes> entries =
-        m_reader.tryRead(places.table, kGrainTableSizeBytes, name);
+        m_reader.tryRead(places.table, kGrainTableSizeBytes, name, thing);
     if (!entries)
         return;
     if (!m_findings.isRepeating() && m_directories.hasRedundant())
-        checkRedundantTable(table, *entries, places);
+        checkRedundantTable(thing, *entries, places);
     ExtentReader::Bytes slotSizes;
     if (m_directories.hasSlotSizes())
-        slotSizes = readSlotSizes(table, places);
+        slotSizes = readSlotSizes(thing, places);
     GrainTables const tables(std::move(*entries), std::move(slotSizes));
     for (int index = 0; index < kGrainTableEntryCount; ++index)
         m_slots.run(table * kGrainTableEntryCount + index, index, tables, taken);
 }
 
-void TableCheck::checkRedundantTable(__int64 table, ExtentReader::Bytes const& entries,
+void TableCheck::checkRedundantTable(CheckedThing const& table, ExtentReader::Bytes const& entries,
                                      TablePlaces const& places) {
     assert(entries.size() == kGrainTableSizeBytes);
-    std::string const name = "grain table " + std::to_string(table);
+    std::string const name = table.getName();
     std::string const copyName = "the redundant copy of " + name;
     if (places.redundantTable == places.table) {
-        m_findings.addOfTable(table, name + " is its own redundant copy");
+        m_findings.addOnce(table, name + " is its own redundant copy");
     } else if (!m_reader.contains(places.redundantTable, kGrainTableSizeBytes)) {
-        m_findings.addOfTable(table, copyName + " lies outside the file");
+        m_findings.addOnce(table, copyName + " lies outside the file");
     } else {
         std::optional<ExtentReader::Bytes> const copy =
-            m_reader.tryRead(places.redundantTable, kGrainTableSizeBytes, copyName);
+            m_reader.tryRead(places.redundantTable, kGrainTableSizeBytes, copyName, table);
         if (copy && *copy != entries)
-            m_findings.addOfTable(table, name + " differs from its redundant copy");
+            m_findings.addOnce(table, name + " differs from its redundant copy");
     }
 }
 
-ExtentReader::Bytes TableCheck::readSlotSizes(__int64 table, TablePlaces const& places) {
+ExtentReader::Bytes TableCheck::readSlotSizes(CheckedThing const& table,
+                                              TablePlaces const& places) {
     assert(m_shape.compressed && "only compressed extents have slot sizes");
-    std::string const name = "slot size table " + std::to_string(table);
+    std::string const name = "slot size table " + std::to_string(table.number);
     if (!m_reader.contains(places.slotSizeTable, kSlotSizeTableSizeBytes)) {
-        m_findings.addOfTable(table, name + " lies outside the file");
+        m_findings.addOnce(table, name + " lies outside the file");
         return {};
     }
-    return m_reader.tryRead(places.slotSizeTable, kSlotSizeTableSizeBytes, name)
+    return m_reader.tryRead(places.slotSizeTable, kSlotSizeTableSizeBytes, name, table)
         .value_or(ExtentReader::Bytes());
 }
 

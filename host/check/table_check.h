@@ -28,9 +28,9 @@ public:
     __int64 getDataEndSectors() const { return m_slots.getDataEndSectors(); }
 
 private:
-    void checkRedundantTable(__int64 table, ExtentReader::Bytes const& entries,
+    void checkRedundantTable(CheckedThing const& table, ExtentReader::Bytes const& entries,
                              TablePlaces const& places);
-    ExtentReader::Bytes readSlotSizes(__int64 table, TablePlaces const& places);
+    ExtentReader::Bytes readSlotSizes(CheckedThing const& table, TablePlaces const& places);
 
     ExtentReader& m_reader;
     ExtentShape const& m_shape;

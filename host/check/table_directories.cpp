@@ -81,7 +81,7 @@ TablePlaces TableDirectories::readPlaces(__int64 table) {
         places.slotSizeTable = readPlace(m_slotSizeSector, table);
     });
     if (failure)
-        m_findings.addOnce("the directories cannot be read: " + *failure);
+        m_findings.addOnce(m_shape.tableAt(table), "the directories cannot be read: " + *failure);
     return places;
 }
 

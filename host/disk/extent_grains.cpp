@@ -59,6 +59,7 @@ FileGrain ExtentGrains::at(__int64 positionBytes) {
     grain.endBytes =
         grain.startBytes + std::min(form.grainSizeBytes, extent.endBytes - grain.startBytes);
     grain.wholeSizeBytes = form.grainSizeBytes;
+    grain.isCompressed = form.isCompressed;
     grain.parentStartBytes = grainPositionBytes(
         diskGrainIndexOf(extent.getStartGrainIndex(), indexInExtent), form.grainSizeBytes);
     grain.isGrainOfDisk = form == *m_forms.front() && grain.startBytes % form.grainSizeBytes == 0 &&

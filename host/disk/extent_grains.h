@@ -18,6 +18,9 @@ struct FileGrain {
     /// What a whole grain of the file has.
     __int64 wholeSizeBytes = 0;
 
+    /// Whether the file stores its grains compressed.
+    bool isCompressed = false;
+
     /// Where the parent is read for the grain's first byte if the file does not hold the grain. Other
     /// than `startBytes` where an extent has a grain size of its own, or begins within a grain of
     /// the disk.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 #include "yx/error.h"
 
@@ -16,13 +17,21 @@ constexpr __int64 kLengthLimitBytes =
 } // namespace
 
 ExtentRoom::ExtentRoom(yx::IFileSystem* fileSystem, DiskLayout const& layout,
-                       __int64 worstCaseGrainBytes, std::function<void()> flush)
+                       std::function<GrainRoom(DiskExtent const&)> grainRoomOf,
+                       std::function<void()> flush)
     : m_fileSystem(fileSystem),
       m_layout(layout),
-      m_worstCaseGrainBytes(worstCaseGrainBytes),
+      m_grainRoomOf(std::move(grainRoomOf)),
       m_flush(std::move(flush)),
-      m_lengthBoundsBytes(layout.getExtents().size(), -1) {
-    assert(worstCaseGrainBytes >= layout.getGrainSizeBytes());
+      m_grainRooms(layout.getExtents().size()),
+      m_lengthBoundsBytes(layout.getExtents().size(), -1) {}
+
+ExtentRoom::GrainRoom const& ExtentRoom::grainRoomAt(std::size_t index) {
+    std::optional<GrainRoom>& room = m_grainRooms[index];
+    if (!room)
+        room = m_grainRoomOf(m_layout.getExtents()[index]);
+    assert(room->grainSizeBytes > 0 && room->worstCaseBytes >= room->grainSizeBytes);
+    return *room;
 }
 
 void ExtentRoom::reserve(__int64 positionBytes, __int64 bytes) {
@@ -32,8 +41,9 @@ void ExtentRoom::reserve(__int64 positionBytes, __int64 bytes) {
          i < extents.size() && positionBytes < endBytes; ++i) {
         __int64 const partEndBytes = std::min(endBytes, extents[i].endBytes);
         // A range touches two grains more than its length says.
-        __int64 const grains = (partEndBytes - positionBytes) / m_layout.getGrainSizeBytes() + 2;
-        reserveInExtent(i, grains * m_worstCaseGrainBytes);
+        GrainRoom const& room = grainRoomAt(i);
+        __int64 const grains = (partEndBytes - positionBytes) / room.grainSizeBytes + 2;
+        reserveInExtent(i, grains * room.worstCaseBytes);
         positionBytes = partEndBytes;
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "host/disk/disk_layout.h"
@@ -17,9 +18,20 @@ constexpr __int64 kMaxExtentFileBytes = 0x20000000000;
 /// that count comes near the limit.
 class ExtentRoom {
 public:
-    /// `layout` must outlive the object. `worstCaseGrainBytes` is what a grain can take in a file
-    /// at most. `flush` brings what was written to the files, so that their lengths count.
-    ExtentRoom(yx::IFileSystem* fileSystem, DiskLayout const& layout, __int64 worstCaseGrainBytes,
+    /// What the grains of one extent take, each of which has a size of its own.
+    struct GrainRoom {
+        /// In the disk.
+        __int64 grainSizeBytes;
+
+        /// In the file, at most.
+        __int64 worstCaseBytes;
+    };
+
+    /// `layout` must outlive the object. `grainRoomOf` is asked once for each extent that is reached;
+    /// what it throws passes. `flush` brings what was written to the files, so that their lengths
+    /// count.
+    ExtentRoom(yx::IFileSystem* fileSystem, DiskLayout const& layout,
+               std::function<GrainRoom(DiskExtent const&)> grainRoomOf,
                std::function<void()> flush);
 
     /// Comes before each write of such a range. A file that could then outgrow the limit is
@@ -27,12 +39,16 @@ public:
     void reserve(__int64 positionBytes, __int64 bytes);
 
 private:
+    GrainRoom const& grainRoomAt(std::size_t index);
     void reserveInExtent(std::size_t index, __int64 growthBytes);
 
     yx::P<yx::IFileSystem> m_fileSystem;
     DiskLayout const& m_layout;
-    __int64 m_worstCaseGrainBytes;
+    std::function<GrainRoom(DiskExtent const&)> m_grainRoomOf;
     std::function<void()> m_flush;
+
+    /// For each extent, once it is known.
+    std::vector<std::optional<GrainRoom>> m_grainRooms;
 
     /// For each extent, no less than the length of its file, with all that is still on its way; -1
     /// if not known.

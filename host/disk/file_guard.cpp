@@ -5,6 +5,7 @@
 
 #include "host/disk/disk_opening.h"
 #include "host/store/file_names.h"
+#include "host/store/folder_sync.h"
 #include "yx/error.h"
 #include "yx/log.h"
 #include "yx/native_stream.h"
@@ -121,9 +122,14 @@ yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Acc
 
 /// Takes away a file that may be replaced, and notes the new one. On file systems of hosts it is made
 /// only when it is opened; an opening that fails late may have made it.
+///
+/// The first file is the main one. Before others are replaced, that is on the device: a descriptor that
+/// a power cut brought back would find the new disk's extents under the names of its own.
 FileGuard::MadeFile& FileGuard::makeFile(yx::CURI const& uri) {
     if (m_cancel)
         m_cancel->check();
+    if (m_overwrite && m_made.size() == 1 && m_made.front().identity)
+        syncFolder(yx::toNativePath(m_made.front().uri.getParent()).toStdString());
     if (m_fileSystem->fileExists(uri)) {
         verifyMayReplace(uri);
         // Nothing of the old file may shine through behind the end of the new one.

@@ -69,6 +69,12 @@ std::vector<yx::CURI> makeFiles(yx::IFileSystem* fileSystem, yx::CURI const& uri
     return listFilesOf(disk->getMainFileURI(), DiskLayout(*disk));
 }
 
+ExtentRoom::GrainRoom calcGrainRoom(FileGrain const& grain, int compressionLevel) {
+    CVMDKDataPreparer const preparer(grain.wholeSizeBytes / kSectorSizeBytes, grain.isCompressed,
+                                     compressionLevel);
+    return {grain.wholeSizeBytes, calcWorstCaseGrainBytes(preparer)};
+}
+
 } // namespace
 
 SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
@@ -98,8 +104,12 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
       m_contentIDChange(*m_disk),
       m_extentFiles(m_fileSystem.get(), m_disk->getMainFileURI(), m_layout,
                     m_disk->getDescriptor()->getYxCreateExtentFilesOnDemand(), keyHashOf(*m_disk)),
-      m_room(m_fileSystem.get(), m_layout, calcWorstCaseGrainBytes(*m_disk->createDataPreparer()),
-             [this] { m_disk->flushChanges(); }),
+      m_room(
+          m_fileSystem.get(), m_layout,
+          [this, compressionLevel](DiskExtent const& extent) {
+              return calcGrainRoom(m_grains.at(extent.startBytes), compressionLevel);
+          },
+          [this] { m_disk->flushChanges(); }),
       m_tableLimit(*m_disk, [this] { flush(); }),
       m_storedView(m_fileSystem.get(), m_disk->getMainFileURI(), password),
       m_reading(*m_disk, m_layout, m_grains, m_tableLimit, &m_unflushed, &m_storedView),

@@ -4,14 +4,11 @@
 #include <optional>
 
 #include "host/disk/chain_members.h"
+#include "host/system/size_text.h"
 
 namespace kelm::host {
 
 namespace {
-
-yx::String rangeText(__int64 first, __int64 end) {
-    return yx::toString(first) + "-" + yx::toString(std::max(first, end - 1));
-}
 
 yx::CIOError makeError(DamagedTablePlace const& place, __int64 tableCount) {
     DiskExtent const& extent = place.extent;
@@ -23,16 +20,17 @@ yx::CIOError makeError(DamagedTablePlace const& place, __int64 tableCount) {
     __int64 const grainCount =
         (endBytes - startBytes + extent.grainSizeBytes - 1) / extent.grainSizeBytes;
     yx::String const table = yx::toString(place.table.tableIndex);
-    return yx::CIOError(yx::CIOError::CorruptData,
-                        "Grain table " + table + " " + yx::String::fromUTF8(place.table.text) +
-                            ", so its grains may be lost.",
-                        yx::CProps()
-                            .add("uri", place.file.toString(true))
-                            .add("table", table)
-                            .add("grains", rangeText(firstGrain, firstGrain + grainCount))
-                            .add("bytes", rangeText(startBytes, endBytes))
-                            .add("damagedTables", yx::toString(tableCount)),
-                        nullptr);
+    return yx::CIOError(
+        yx::CIOError::CorruptData,
+        "Grain table " + table + " " + yx::String::fromUTF8(place.table.text) +
+            ", so its grains may be lost.",
+        yx::CProps()
+            .add("uri", place.file.toString(true))
+            .add("table", table)
+            .add("grains", yx::String::fromUTF8(formatRange(firstGrain, firstGrain + grainCount)))
+            .add("bytes", yx::String::fromUTF8(formatRange(startBytes, endBytes)))
+            .add("damagedTables", yx::toString(tableCount)),
+        nullptr);
 }
 
 } // namespace

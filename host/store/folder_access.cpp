@@ -23,11 +23,4 @@ void verifyMayWriteInFolderOf(yx::CURI const& file) {
         throwSystemError("Cannot write to the folder", folder);
 }
 
-void syncFolder(std::string const& folder) {
-    FileDescriptor const descriptor =
-        FileDescriptor::own(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (descriptor.isOpen() && ::fsync(descriptor.get()) != 0)
-        throwSystemError("Cannot sync the folder", folder);
-}
-
 } // namespace kelm::host

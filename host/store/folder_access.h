@@ -12,9 +12,4 @@ namespace kelm::host {
 /// "file:".
 void verifyMayWriteInFolderOf(yx::CURI const& file);
 
-/// Brings the names of a folder to its device. A failure is what `throwSystemError` makes of it, "Cannot
-/// sync the folder" with "path". A folder that may be written to but not read cannot be synced, and
-/// passes.
-void syncFolder(std::string const& folder);
-
 } // namespace kelm::host

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "host/store/folder_access.h"
+#include "host/store/folder_sync.h"
 #include "host/system/file_descriptor.h"
 #include "host/system/file_identity.h"
 #include "yx/log.h"
@@ -125,6 +125,14 @@ void KeptFiles::removeSecondNames() const {
 
 void KeptFiles::drop() {
     m_isDropped = true;
+    // Once these are gone, nothing would tell of files of the former disk that a power cut brings back.
+    try {
+        syncFolder(fs::path(m_folder).parent_path().string());
+    } catch (yx::CError const& error) {
+        yx::logWarning(error,
+                       "The former disk is kept in '" + yx::String::fromUTF8(m_folder) + "'.", "");
+        return;
+    }
     removeSecondNames();
 }
 

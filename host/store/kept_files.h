@@ -29,8 +29,9 @@ public:
     /// the folder stays, and a warning names it.
     ~KeptFiles();
 
-    /// Deletes the second names, since what replaced the files is complete. What cannot be deleted
-    /// is logged as a warning.
+    /// Deletes the second names, since what replaced the files is complete, once all that was done
+    /// under the first names is on the device: until then a power cut could bring some of the files
+    /// back. Where that fails, the second names stay. What cannot be done is logged as a warning.
     void drop();
 
     /// The folders that were left beside a file: of a program that was killed, or that is at work.

@@ -1,5 +1,6 @@
 #include "host/system/size_text.h"
 
+#include <algorithm>
 #include <array>
 #include <cassert>
 #include <cstdio>
@@ -69,6 +70,10 @@ std::string formatSize(__int64 sizeBytes) {
     std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), "%.1f %ciB", value, kUnits[unit]);
     return text.data();
+}
+
+std::string formatRange(__int64 first, __int64 end) {
+    return std::to_string(first) + "-" + std::to_string(std::max(first, end - 1));
 }
 
 } // namespace kelm::host

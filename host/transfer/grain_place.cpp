@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "host/disk/parent_chain.h"
+#include "host/system/size_text.h"
 #include "host/transfer/plain_grains.h"
 
 namespace kelm::host {
@@ -58,9 +59,9 @@ void addGrainPlace(yx::CError& error, SafeDisk& disk, __int64 grainIndex) {
         }
     }
     __int64 const firstByte = grainIndex * disk.getGrainSizeBytes();
-    __int64 const lastByte = firstByte + bytesInDisk(disk, grainIndex) - 1;
+    __int64 const endByte = firstByte + bytesInDisk(disk, grainIndex);
     props.add("grain", yx::toString(grainIndex));
-    props.add("bytes", yx::toString(firstByte) + "-" + yx::toString(lastByte));
+    props.add("bytes", yx::String::fromUTF8(formatRange(firstByte, endByte)));
 }
 
 std::function<void(yx::CIOError& error, __int64 grainIndex)> grainPlaceOf(SafeDisk& disk) {

@@ -4,6 +4,7 @@
 // disk. So the disk is only tried out in `get_ready`, where errors still reach the user's terminal,
 // and opened for good in `after_fork` or for the first client; all connections share it.
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,8 +15,10 @@
 #define NBDKIT_API_VERSION 2
 #include <nbdkit-plugin.h>
 
+#include "host/disk/busy_wait.h"
 #include "host/disk/unfinished_disk.h"
 #include "host/store/file_names.h"
+#include "host/system/cancel.h"
 #include "host/system/error_text.h"
 #include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
@@ -44,6 +47,9 @@ constexpr std::size_t kMaxRunsPerAnswer = 4096;
 
 DiskSettings settings;
 int maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
+
+/// For disks in use, at all openings together.
+host::BusyWait busyWait;
 std::optional<host::KeyDerivationWatch> keyDerivationWatch;
 std::unique_ptr<ServedDisk> servedDisk;
 
@@ -102,7 +108,7 @@ void printCapabilities() {
     std::printf("kelm_version=%s\n"
                 "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
                 "kelm_parameters=file,password,cache-tables,max-rounds,allow-path,allow-oversize,"
-                "unfinished\n"
+                "unfinished,wait\n"
                 "kelm_requests=read,write,zero,flush,fua,extents,cache\n",
                 KELM_VERSION);
 }
@@ -154,6 +160,16 @@ bool configureUnfinished(char const* value) {
     return true;
 }
 
+bool configureWait(char const* value) {
+    int seconds = 0;
+    if (nbdkit_parse_int("wait", value, &seconds) != 0)
+        return false;
+    if (seconds < 0)
+        throw std::runtime_error("wait must be at least 0");
+    busyWait = host::BusyWait(std::chrono::seconds(seconds), nullptr);
+    return true;
+}
+
 bool configureParameter(std::string_view key, char const* value) {
     if (key == "file") {
         // At once, since nbdkit may change its working directory later.
@@ -174,6 +190,8 @@ bool configureParameter(std::string_view key, char const* value) {
         return configureAllowOversize(value);
     if (key == "unfinished")
         return configureUnfinished(value);
+    if (key == "wait")
+        return configureWait(value);
     throw std::runtime_error("unknown parameter '" + std::string(key) + "'");
 }
 
@@ -194,8 +212,21 @@ int completeConfiguration() {
 
 int getReady() {
     return guarded([] {
-        ServedDisk(settings).open(isServedForWriting() ? yx::IIOStream::ReadWrite
-                                                       : yx::IIOStream::ReadOnly);
+        // A signal ends nbdkit here, which does not handle them yet.
+        busyWait.retry([] {
+            ServedDisk(settings).open(isServedForWriting() ? yx::IIOStream::ReadWrite
+                                                           : yx::IIOStream::ReadOnly);
+        });
+    });
+}
+
+/// Opens the disk, and waits if it is in use. A server that is to stop, and a client that has gone, end
+/// the wait by `CancelledError`.
+void openServedDisk(yx::IIOStream::Access access) {
+    busyWait.retry([access] {
+        if (busyWait.isOn() && nbdkit_nanosleep(0, 0) != 0)
+            throw host::CancelledError();
+        servedDisk->open(access);
     });
 }
 
@@ -203,7 +234,7 @@ int afterFork() {
     return guarded([] {
         servedDisk = std::make_unique<ServedDisk>(settings);
         if (isServedForWriting())
-            servedDisk->open(yx::IIOStream::ReadWrite);
+            openServedDisk(yx::IIOStream::ReadWrite);
     });
 }
 
@@ -215,7 +246,7 @@ void cleanUp() {
 
 void* openConnection(int readOnly) {
     int const result = guarded([readOnly] {
-        servedDisk->open(readOnly != 0 ? yx::IIOStream::ReadOnly : yx::IIOStream::ReadWrite);
+        openServedDisk(readOnly != 0 ? yx::IIOStream::ReadOnly : yx::IIOStream::ReadWrite);
     });
     return result == 0 ? NBDKIT_HANDLE_NOT_NEEDED : nullptr;
 }
@@ -320,7 +351,9 @@ nbdkit_plugin describePlugin() {
         "allow-oversize=<BOOL> Take a disk with grains above 64 MiB, more than\n"
         "                      65536 extents, or more than 1 TiB without files.\n"
         "unfinished=<BOOL>     Serve also a disk that was not filled to its end,\n"
-        "                      read-only (-r).\n";
+        "                      read-only (-r).\n"
+        "wait=<SECONDS>        How long, in all, to wait for disks that are in use;\n"
+        "                      by default not at all.\n";
     plugin.load = load;
     plugin.unload = unload;
     plugin.dump_plugin = printCapabilities;

@@ -52,19 +52,19 @@ protected:
 TEST_F(Damage, TablesThatDifferAreFound) {
     makeDisk({});
     patchFile("disk.vmdk", firstRedundantTable() + 5, "?");
-    expectFinding("grain table 0 differs from its redundant copy\n");
+    expectFinding("grain table 0 differs from its redundant copy (bytes: 0-8388607)\n");
 }
 
 TEST_F(Damage, GrainOutsideTheFileIsFound) {
     makeDisk({});
     patchBothTables(1, std::string("\xff\xff\xff\x7f", 4));
-    expectFinding("grain 1 lies outside the file\n");
+    expectFinding("grain 1 lies outside the file (bytes: 65536-131071)\n");
 }
 
 TEST_F(Damage, GrainInTheMetadataIsFound) {
     makeDisk({});
     patchBothTables(1, std::string("\x01\x00\x00\x00", 4));
-    expectFinding("grain 1 lies in the metadata\n");
+    expectFinding("grain 1 lies in the metadata (bytes: 65536-131071)\n");
 }
 
 TEST_F(Damage, GrainsThatOverlapAreFound) {
@@ -72,7 +72,7 @@ TEST_F(Damage, GrainsThatOverlapAreFound) {
     std::string const table = readFile("disk.vmdk").substr(firstTable(), 4);
     patchBothTables(1, table);
     expectFinding("grain 1 shares its place with something else, at sector " +
-                  std::to_string(grain(0) / kSector) + "\n");
+                  std::to_string(grain(0) / kSector) + " (bytes: 65536-131071)\n");
 }
 
 TEST_F(Damage, GrainsThatOverlapFarBehindAreFound) {
@@ -82,7 +82,7 @@ TEST_F(Damage, GrainsThatOverlapFarBehindAreFound) {
     // A file of 160 GiB, but for its hole, which is more than is looked at in one go.
     std::filesystem::resize_file(path("disk.vmdk"), std::uintmax_t{160} << 30);
     expectFinding("grain 2 shares its place with something else, at sector " +
-                  std::to_string(0x12000080) + "\n1 finding\n");
+                  std::to_string(0x12000080) + " (bytes: 131072-196607)\n1 finding\n");
 }
 
 TEST_F(Damage, CapacityThatIsNotTheDescriptorsIsFound) {
@@ -121,19 +121,21 @@ TEST_F(Damage, OfAWholeFilesEndIsOneFindingInEveryKindOfDisk) {
 TEST_F(Damage, RecordOfAnotherGrainIsFound) {
     makeDisk({"--compressed"});
     patchFile("disk.vmdk", grain(2), "\x01");
-    expectFinding("the record of grain 2 names another grain\n");
+    expectFinding("the record of grain 2 names another grain (bytes: 131072-196607)\n");
 }
 
 TEST_F(Damage, RecordThatIsTooLongIsFound) {
     makeDisk({"--compressed"});
     patchFile("disk.vmdk", grain(2) + 9, "\x7f");
-    expectFinding("the record of grain 2 does not fit its slot\n");
+    expectFinding("the record of grain 2 does not fit its slot (bytes: 131072-196607)\n");
 }
 
 TEST_F(Damage, GrainThatDoesNotDecodeIsFound) {
     makeDisk({"--compressed"});
     patchFile("disk.vmdk", grain(3) + 12, "\xff\xff\xff\xff");
     expectFinding("grain 3: ");
+    EXPECT_NE(run({"check", "disk.vmdk"}).out.find(" (bytes: 196608-262143)\n1 finding\n"),
+              std::string::npos);
 }
 
 TEST_F(Damage, BrokenTrailIsFound) {
@@ -186,7 +188,9 @@ TEST_F(Damage, FindingsComeInOrderWhateverTheThreads) {
     std::size_t const second = one.out.find("grain 3: ");
     EXPECT_LT(first, second) << one.out;
     EXPECT_NE(second, std::string::npos) << one.out;
-    EXPECT_NE(one.out.find("; the same of 1 more, up to grain 1\n"), std::string::npos) << one.out;
+    EXPECT_NE(one.out.find("; the same of 1 more, up to grain 1 (bytes: 0-131071)\n"),
+              std::string::npos)
+        << one.out;
     EXPECT_NE(one.out.find("2 findings\n"), std::string::npos) << one.out;
 }
 

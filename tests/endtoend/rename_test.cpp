@@ -78,8 +78,8 @@ TEST_F(Rename, RefusalsHaveTheirStatus) {
 TEST_F(Rename, ThatFailsInTheMiddleSaysSoAndGoesOn) {
     runWell({"import", "later", "tue.vmdk", "--parent", "full.vmdk", "--split", "4M"});
     // In the way of the child's new descriptor.
-    std::filesystem::create_directory(path("tue.vmdk.unfinished"));
-    EXPECT_EQ("kelm: Cannot make the file: Is a directory (path: " + path("tue.vmdk.unfinished") +
+    std::filesystem::create_directory(path("tue.vmdk.kelm-part"));
+    EXPECT_EQ("kelm: Cannot make the file: Is a directory (path: " + path("tue.vmdk.kelm-part") +
                   ")\n",
               runBadly(3, {"rename", "full.vmdk", "all.vmdk"}));
     std::string const warning = "kelm: warning: The disk is being renamed to '" + path("all.vmdk") +
@@ -88,7 +88,7 @@ TEST_F(Rename, ThatFailsInTheMiddleSaysSoAndGoesOn) {
     EXPECT_EQ(3, run({"rename", "full.vmdk", "other.vmdk"}).status);
     expectIsWhole("mon.vmdk");
     expectIsWhole("tue.vmdk");
-    std::filesystem::remove(path("tue.vmdk.unfinished"));
+    std::filesystem::remove(path("tue.vmdk.kelm-part"));
     runWell({"rename", "full.vmdk", "all.vmdk"});
     expectIsWhole("mon.vmdk");
     expectIsWhole("tue.vmdk");

@@ -4,6 +4,8 @@
 #include <csignal>
 #include <random>
 
+#include <nlohmann/json.hpp>
+
 #include "tests/endtoend/tool_fixture.h"
 #include "tests/support/model_rounds.h"
 
@@ -108,6 +110,21 @@ protected:
         EXPECT_FALSE(std::filesystem::exists(path("new.vmdk")));
     }
 
+    /// How long the files of the disk are.
+    std::uintmax_t diskBytes() const {
+        std::uintmax_t bytes = 0;
+        for (std::string const& name : listFiles()) {
+            if (name.starts_with("disk") && name.ends_with(".vmdk"))
+                bytes += std::filesystem::file_size(path(name));
+        }
+        return bytes;
+    }
+
+    __int64 deadBytes(Kind const& kind) {
+        return nlohmann::json::parse(runWell(joined(
+            {{"info", "disk.vmdk", "--space", "--json"}, kind.password})))["space"]["deadBytes"];
+    }
+
     std::string m_image;
 };
 
@@ -154,6 +171,39 @@ TEST_F(Unfinished, IsResumedToTheSameContent) {
             removeDisk();
         }
     }
+}
+
+TEST_F(Unfinished, IsResumedWithoutDeadSpaceHoweverOftenItWasKilled) {
+    std::mt19937 random(7);
+    constexpr int kMaxWrites = 60;
+    int kills = 0;
+    for (Kind const& kind : kKinds) {
+        SCOPED_TRACE(kind.name);
+        runWell(joined({{"import", "image", "disk.vmdk"}, kind.options, kind.password}));
+        std::uintmax_t const wholeBytes = diskBytes();
+        __int64 const wholeDeadBytes = deadBytes(kind);
+        removeDisk();
+        importAndKill(kind, std::size_t{6} << 20);
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            RunningTool tool(folder(),
+                             joined({{"import", "image", "disk.vmdk", "--resume"}, kind.password}));
+            waitForWrites(tool, "disk.vmdk", static_cast<int>(random() % kMaxWrites));
+            tool.signal(SIGKILL);
+            kills += tool.finish().status == -1 ? 1 : 0;
+        }
+        Outcome const resumed =
+            run(joined({{"import", "image", "disk.vmdk", "--resume"}, kind.password}));
+        if (resumed.status != 0) {
+            EXPECT_TRUE(
+                resumed.err.ends_with("kelm: The disk is complete; there is nothing to resume.\n"))
+                << resumed.err;
+        }
+        EXPECT_EQ(deadBytes(kind), wholeDeadBytes);
+        EXPECT_EQ(diskBytes(), wholeBytes);
+        expectHolds(kind, m_image);
+        removeDisk();
+    }
+    EXPECT_GT(kills, 0);
 }
 
 TEST_F(Unfinished, KilledConversionIsNeverTakenForAWholeOne) {

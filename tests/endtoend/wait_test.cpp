@@ -2,11 +2,8 @@
 
 #include <csignal>
 
-#include <poll.h>
-#include <sys/inotify.h>
-#include <unistd.h>
-
 #include "tests/endtoend/tool_fixture.h"
+#include "tests/support/opening_watch.h"
 
 namespace endtoend {
 
@@ -14,48 +11,9 @@ namespace wait_test {
 
 namespace {
 
+using test_support::OpeningWatch;
+
 constexpr std::size_t kImageBytes = std::size_t{8} << 20;
-
-/// Sees how often a file of a folder is opened.
-class OpeningWatch {
-public:
-    explicit OpeningWatch(std::filesystem::path const& folder)
-        : m_watch(::inotify_init1(IN_CLOEXEC)) {
-        EXPECT_GE(::inotify_add_watch(m_watch, folder.c_str(), IN_OPEN), 0);
-    }
-    OpeningWatch(OpeningWatch const&) = delete;
-    OpeningWatch& operator=(OpeningWatch const&) = delete;
-    ~OpeningWatch() { ::close(m_watch); }
-
-    /// Waits until a file has been opened that many times since this began, or a program has ended.
-    /// Returns whether it has been.
-    bool waitFor(std::string const& name, int openings, RunningTool const& tool) {
-        int const process = test_support::openProcess(tool.id());
-        pollfd events[] = {{m_watch, POLLIN, 0}, {process, POLLIN, 0}};
-        while (m_openings[name] < openings && events[1].revents == 0) {
-            ::poll(events, std::size(events), -1);
-            if (events[0].revents != 0)
-                readNews();
-        }
-        ::close(process);
-        return m_openings[name] >= openings;
-    }
-
-private:
-    void readNews() {
-        alignas(inotify_event) char news[4096];
-        ssize_t const bytes = ::read(m_watch, news, sizeof news);
-        for (ssize_t at = 0; at < bytes;) {
-            auto const* const event = reinterpret_cast<inotify_event const*>(news + at);
-            if (event->len > 0)
-                ++m_openings[event->name];
-            at += static_cast<ssize_t>(sizeof *event + event->len);
-        }
-    }
-
-    int m_watch;
-    std::map<std::string, int> m_openings;
-};
 
 /// Somebody is filling "busy.vmdk".
 class Wait : public ToolTest {
@@ -92,7 +50,7 @@ TEST_F(Wait, EndsOnceTheDiskIsFree) {
         OpeningWatch openings(folder());
         RunningTool waiting(folder(), joined({command, {"--wait", "600"}}));
         // Those of the first attempt, and of some more.
-        EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 3, waiting));
+        EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 3, waiting.id()));
         finishWriter();
         Outcome const outcome = waiting.finish();
         EXPECT_EQ(outcome.status, 0) << outcome.err;
@@ -115,7 +73,7 @@ TEST_F(Wait, ForAParentIsTheSame) {
     runBadly(6, {"export", "child.vmdk", "-"});
     OpeningWatch openings(folder());
     RunningTool waiting(folder(), {"info", "child.vmdk", "--wait", "600"});
-    EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 3, waiting));
+    EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 3, waiting.id()));
     finishWriter();
     Outcome const outcome = waiting.finish();
     EXPECT_EQ(outcome.status, 0);
@@ -129,7 +87,7 @@ TEST_F(Wait, EndsWithTheOrdinaryErrorWhenTheTimeIsOver) {
           Arguments{"flatten", "busy.vmdk"}, Arguments{"export", "busy.vmdk", "-"}}) {
         OpeningWatch openings(folder());
         RunningTool waiting(folder(), joined({command, {"--wait", "1"}}));
-        EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 3, waiting)) << command.front();
+        EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 3, waiting.id())) << command.front();
         Outcome const outcome = waiting.finish();
         EXPECT_EQ(outcome.status, 6);
         EXPECT_EQ(outcome.err, inUse());
@@ -140,7 +98,7 @@ TEST_F(Wait, EndsWithTheOrdinaryErrorWhenTheTimeIsOver) {
 TEST_F(Wait, EndsAtTheFirstSignal) {
     OpeningWatch openings(folder());
     RunningTool waiting(folder(), {"info", "busy.vmdk", "--wait", "600"});
-    EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 1, waiting));
+    EXPECT_TRUE(openings.waitFor("busy.vmdk.lock", 1, waiting.id()));
     waiting.signal(SIGINT);
     Outcome const outcome = waiting.finish();
     EXPECT_EQ(outcome.status, 10);

@@ -9,10 +9,13 @@
 #include <unistd.h>
 
 #include "tests/nbdkit/plugin_fixture.h"
+#include "tests/support/opening_watch.h"
 
 namespace nbdkit {
 
 namespace {
+
+using test_support::OpeningWatch;
 
 DiskKind const kPlain{"Plain", {}};
 DiskKind const kCompressed{"Compressed", {"--compressed"}};
@@ -45,7 +48,7 @@ TEST_F(Plugin, TellsWhatItCanDo) {
                                  "\n"
                                  "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
                                  "kelm_parameters=file,password,cache-tables,max-rounds,"
-                                 "allow-path,allow-oversize,unfinished\n"
+                                 "allow-path,allow-oversize,unfinished,wait\n"
                                  "kelm_requests=read,write,zero,flush,fua,extents,cache\n";
     EXPECT_NE(outcome.out.find(expected), std::string::npos) << outcome.out;
     for (char const* const line :
@@ -90,6 +93,10 @@ TEST_F(Plugin, RefusesWrongParameters) {
               "nbdkit: error: max-rounds must be at least 1\n");
     EXPECT_NE(refusalOf({"disk.vmdk", "max-rounds=2147483648"}).find("max-rounds"),
               std::string::npos);
+    EXPECT_EQ(refusalOf({"disk.vmdk", "wait=-1"}), "nbdkit: error: wait must be at least 0\n");
+    EXPECT_NE(refusalOf({"disk.vmdk", "wait=long"}).find("wait"), std::string::npos);
+    EXPECT_EQ(refusalOf({"missing.vmdk", "wait=600"}),
+              "nbdkit: error: The disk does not exist. (uri: " + path("missing.vmdk") + ")\n");
     EXPECT_EQ(refusalOf({"missing.vmdk"}),
               "nbdkit: error: The disk does not exist. (uri: " + path("missing.vmdk") + ")\n");
     writeFile("text", "no disk\n");
@@ -259,6 +266,90 @@ TEST_F(Plugin, TakesADiskForWritingBeforeTheFirstClient) {
     Outcome const looked = run({"info", "disk.vmdk"});
     EXPECT_EQ(looked.status, 6);
     EXPECT_NE(looked.err.find("The disk is in use"), std::string::npos) << looked.err;
+}
+
+TEST_F(Plugin, WaitsBeforeItServesUntilTheDiskIsFree) {
+    makeDisk(kPlain);
+    for (char const* const option : {"-f", "-r"}) {
+        SCOPED_TRACE(option);
+        std::unique_ptr<Server> const holder = serve();
+        ASSERT_EQ(holder->greeting(), "NBDMAGIC");
+        OpeningWatch openings(folder());
+        std::unique_ptr<Server> const waiting = serve({option}, {"wait=600"});
+        // Those of the first attempt, and of some more.
+        EXPECT_TRUE(openings.waitFor("disk.vmdk.lock", 3, waiting->id()));
+        holder->stop();
+        EXPECT_EQ(Client(waiting->socketPath()).read(0, 4), std::string(4, '\0'));
+        stopWell(*waiting);
+    }
+}
+
+TEST_F(Plugin, WaitsForAParentToo) {
+    makeDisk({"Child", {}, false, true}, std::string(kDiskBytes, 'p'));
+    Server holder(folder(), {KELM_NBDKIT_PLUGIN, "parent.vmdk"});
+    ASSERT_EQ(holder.greeting(), "NBDMAGIC");
+    OpeningWatch openings(folder());
+    std::unique_ptr<Server> const waiting = serve({"-r"}, {"wait=600"});
+    EXPECT_TRUE(openings.waitFor("parent.vmdk.lock", 3, waiting->id()));
+    holder.stop();
+    EXPECT_EQ(Client(waiting->socketPath()).read(0, 4), "pppp");
+    stopWell(*waiting);
+}
+
+TEST_F(Plugin, WaitsWithAClientWhenTheDiskWasTakenMeanwhile) {
+    std::string const image = makeImage(kDiskBytes, 16);
+    makeDisk(kPlain, "", image);
+    std::unique_ptr<Server> const waiting = serve({"-r"}, {"wait=600"});
+    // Ready, and without the disk until somebody asks for it.
+    ASSERT_EQ(waiting->greeting(), "NBDMAGIC");
+    std::unique_ptr<Server> const holder = serve();
+    ASSERT_EQ(holder->greeting(), "NBDMAGIC");
+    OpeningWatch openings(folder());
+    test_support::RunningProgram client(folder(), {"nbdcopy", waiting->uri(), "copy.raw"});
+    EXPECT_TRUE(openings.waitFor("disk.vmdk.lock", 3, client.id()));
+    holder->stop();
+    Outcome const outcome = client.finish();
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_TRUE(readFile("copy.raw") == image);
+    EXPECT_EQ(waiting->stop().status, 0);
+}
+
+TEST_F(Plugin, RefusesADiskThatIsStillInUseWhenTheTimeIsOver) {
+    makeDisk(kPlain);
+    std::unique_ptr<Server> const holder = serve();
+    ASSERT_EQ(holder->greeting(), "NBDMAGIC");
+    for (char const* const option : {"-f", "-r"}) {
+        OpeningWatch openings(folder());
+        std::unique_ptr<Server> const waiting = serve({option}, {"wait=1"});
+        EXPECT_TRUE(openings.waitFor("disk.vmdk.lock", 3, waiting->id()));
+        Outcome const outcome = waiting->waitForEnd();
+        EXPECT_EQ(outcome.status, 1);
+        EXPECT_EQ(outcome.err, wordsForDiskInUse("disk.vmdk"));
+    }
+    EXPECT_EQ(refusalOf({"disk.vmdk", "wait=0"}), wordsForDiskInUse("disk.vmdk"));
+}
+
+TEST_F(Plugin, StopsWhileItWaits) {
+    makeDisk(kPlain);
+    std::unique_ptr<Server> const holder = serve();
+    ASSERT_EQ(holder->greeting(), "NBDMAGIC");
+    {
+        OpeningWatch openings(folder());
+        std::unique_ptr<Server> const waiting = serve({}, {"wait=600"});
+        EXPECT_TRUE(openings.waitFor("disk.vmdk.lock", 3, waiting->id()));
+        EXPECT_EQ(waiting->stop().status, -1);
+    }
+    holder->stop();
+    std::unique_ptr<Server> const waiting = serve({"-r"}, {"wait=600"});
+    ASSERT_EQ(waiting->greeting(), "NBDMAGIC");
+    std::unique_ptr<Server> const next = serve();
+    ASSERT_EQ(next->greeting(), "NBDMAGIC");
+    OpeningWatch openings(folder());
+    test_support::RunningProgram client(folder(), {"nbdinfo", waiting->uri()});
+    EXPECT_TRUE(openings.waitFor("disk.vmdk.lock", 3, client.id()));
+    EXPECT_EQ(waiting->stop().status, 0);
+    EXPECT_NE(client.finish().status, 0);
+    next->stop();
 }
 
 TEST_F(Plugin, ServesReadersBesideEachOther) {

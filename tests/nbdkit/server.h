@@ -40,6 +40,8 @@ public:
     /// The first eight bytes that whoever connects is sent, once the server is ready.
     std::string greeting() const;
 
+    pid_t id() const { return m_program.id(); }
+
     /// Ends the server as a user would, or waits for the end of one that refuses to serve.
     Outcome stop();
     Outcome waitForEnd();

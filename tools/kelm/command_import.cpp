@@ -85,9 +85,13 @@ ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
     }
     host::RawSource source(arguments.image, &invocation.getCancel());
     invocation.allowUnfinished(host::UnfinishedDisks::Itself);
-    std::unique_ptr<host::SafeDisk> const disk = openDisk(
-        invocation, arguments.disk, yx::IIOStream::ReadWrite, arguments.passwords, options.level);
-    verifyResumes(arguments, source, *disk);
+    std::unique_ptr<host::SafeDisk> const disk = openToGoOn(invocation, [&] {
+        std::unique_ptr<host::SafeDisk> opened =
+            openDisk(invocation, arguments.disk, yx::IIOStream::ReadWrite, arguments.passwords,
+                     options.level);
+        verifyResumes(arguments, source, *opened);
+        return opened;
+    });
     __int64 const sizeBytes = host::DiskRecord(*disk->getDisk().getDescriptor())
                                   .getImageBytes(disk->getSizeBytes())
                                   .value_or(disk->getSizeBytes());

@@ -5,6 +5,7 @@
 #include <system_error>
 
 #include "host/backups/disk_note.h"
+#include "host/disk/dead_tails.h"
 #include "host/disk/disk_opening.h"
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
@@ -70,6 +71,16 @@ std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string con
     }
     return openWith(invocation, uri, access, askForPassword(invocation, file, passwords).get(),
                     compressionLevel);
+}
+
+std::unique_ptr<host::SafeDisk> openToGoOn(
+    Invocation& invocation, std::function<std::unique_ptr<host::SafeDisk>()> const& open) {
+    std::unique_ptr<host::SafeDisk> disk = open();
+    if (host::dropDeadTails(*disk, &invocation.getCancel())) {
+        disk.reset();
+        disk = open();
+    }
+    return disk;
 }
 
 host::Password const& askForPassword(Invocation const& invocation, std::string const& file,

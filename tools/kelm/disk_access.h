@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cassert>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +22,11 @@ void warnOfEndedWork(yx::CURI const& uri);
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
                                          yx::IIOStream::Access access, PasswordOptions& passwords,
                                          int compressionLevel = -1);
+
+/// Opens a disk by `open`, for writing, to go on with work that was killed, and first takes away what
+/// that left dead; see `host::dropDeadTails`. `open` is called once more where there was something.
+std::unique_ptr<host::SafeDisk> openToGoOn(
+    Invocation& invocation, std::function<std::unique_ptr<host::SafeDisk>()> const& open);
 
 /// The password that the options give or the user types, for a disk that turned out to need one.
 host::Password const& askForPassword(Invocation const& invocation, std::string const& file,

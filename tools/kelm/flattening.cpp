@@ -2,7 +2,6 @@
 
 #include <memory>
 
-#include "host/disk/dead_tails.h"
 #include "host/disk/parent_link.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
@@ -23,12 +22,9 @@ std::unique_ptr<host::SafeDisk> openChild(Invocation& invocation, std::string co
 } // namespace
 
 void flattenDisk(Invocation& invocation, std::string const& file, PasswordOptions& passwords) {
-    std::unique_ptr<host::SafeDisk> disk = openChild(invocation, file, passwords);
     // An attempt that was killed may have copied grains that no table names.
-    if (host::dropDeadTails(*disk, &invocation.getCancel())) {
-        disk.reset();
-        disk = openChild(invocation, file, passwords);
-    }
+    std::unique_ptr<host::SafeDisk> const disk =
+        openToGoOn(invocation, [&] { return openChild(invocation, file, passwords); });
     LongWork const work(invocation, "flatten");
     host::makeIndependentOfParent(*disk, work.getOptions());
     host::dropParentLink(*disk);

@@ -9,7 +9,10 @@ using kelm::host::CancelFlag;
 using kelm::host::CancelledError;
 using kelm::host::checkDisk;
 using kelm::host::WorkOptions;
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
@@ -107,11 +110,14 @@ TEST_F(DiskCheckTest, ReportsBrokenGrainsInTheirOrder) {
     patch("disk.vmdk", grain("disk.vmdk", 7) + 12, Bytes(8, 0xFF));
     patch("disk.vmdk", grain("disk.vmdk", 10) + 12, Bytes(8, 0xFF));
     for (int const threads : {1, 4}) {
-        EXPECT_THAT(check("disk.vmdk", "", threads),
-                    ElementsAre("disk.vmdk: the record of grain 1 does not fit its slot",
-                                StartsWith("disk.vmdk: grain 0: "),
-                                StartsWith("disk.vmdk: grain 7: "),
-                                StartsWith("disk.vmdk: grain 10: ")));
+        EXPECT_THAT(
+            check("disk.vmdk", "", threads),
+            ElementsAre(
+                "disk.vmdk: the record of grain 1 does not fit its slot (bytes: "
+                "65536-131071)",
+                AllOf(StartsWith("disk.vmdk: grain 0: "), EndsWith(" (bytes: 0-65535)")),
+                AllOf(StartsWith("disk.vmdk: grain 7: "), EndsWith(" (bytes: 458752-524287)")),
+                AllOf(StartsWith("disk.vmdk: grain 10: "), EndsWith(" (bytes: 655360-720895)"))));
     }
 }
 
@@ -123,7 +129,43 @@ TEST_F(DiskCheckTest, FindsABrokenGrainInAnExtentOfSmallerOnes) {
     EXPECT_THAT(check(),
                 ElementsAre("disk-s00001.vmdk: the header has a grain size of 8 sectors, the disk "
                             "has one of 128",
-                            StartsWith("disk.vmdk: grain 4: ")));
+                            AllOf(StartsWith("disk-s00001.vmdk: grain 4: "),
+                                  EndsWith(" (bytes: 77824-81919)"))));
+}
+
+TEST_F(DiskCheckTest, NamesTheFileThatHoldsABrokenGrainAndTellsOfEachFileByItself) {
+    DiskKind const kind{.compressed = true, .fileSizeLimit = kCompressedSplitLimit};
+    std::vector<kelm::host::DiskExtent> extents;
+    {
+        std::unique_ptr<SafeDisk> const disk = createSafe(kind);
+        extents = disk->listExtents();
+        ASSERT_LE(2U, extents.size());
+        // The last grain of the first file and the first of the next are neighbours.
+        writeTo(*disk, extents[0].endBytes - kGrainBytes, pattern(2 * kGrainBytes, 1));
+    }
+    std::size_t const last = static_cast<std::size_t>(extents[0].endBytes / kGrainBytes) - 1;
+    patch("disk.vmdk", grain("disk.vmdk", last) + 12, Bytes(8, 0xFF));
+    patch("disk-s00001.vmdk", grain("disk-s00001.vmdk", 0) + 12, Bytes(8, 0xFF));
+    auto const finding = [](std::string const& file, std::size_t index) {
+        return AllOf(StartsWith(file + ": grain " + std::to_string(index) + ": "),
+                     EndsWith(" (bytes: " + std::to_string(index * kGrainBytes) + "-" +
+                              std::to_string((index + 1) * kGrainBytes - 1) + ")"));
+    };
+    for (int const threads : {1, 4}) {
+        EXPECT_THAT(check("disk.vmdk", "", threads),
+                    ElementsAre(finding("disk.vmdk", last), finding("disk-s00001.vmdk", last + 1)));
+    }
+}
+
+TEST_F(DiskCheckTest, TheBytesOfAShortLastGrainEndWithTheDisk) {
+    makeDisk({}, "parent.vmdk");
+    putShortChild(true);
+    writeTo(*openSafe("child.vmdk"), 2 * kGrainBytes, pattern(44 * kSector, 1));
+    patch("child-s00000.vmdk", grain("child-s00000.vmdk", 2) + 12, Bytes(8, 0xFF));
+    EXPECT_THAT(check("child.vmdk"),
+                ElementsAre(HasSubstr("the header has a capacity of 384 sectors"),
+                            AllOf(StartsWith("child-s00000.vmdk: grain 2: "),
+                                  EndsWith(" (bytes: 131072-153599)"))));
 }
 
 TEST_F(DiskCheckTest, ReportsOnceThatAFileWasCutOff) {
@@ -142,7 +184,7 @@ TEST_F(DiskCheckTest, ReportsOnceThatAFileWasCutOff) {
         content.resize(grain("disk.vmdk", 64));
         putBytes("disk.vmdk", content);
         EXPECT_THAT(check(), ElementsAre("disk.vmdk: grain 2 lies outside the file; the same of 63 "
-                                         "more, up to grain 127"));
+                                         "more, up to grain 127 (bytes: 131072-8388607)"));
     }
 }
 
@@ -155,7 +197,7 @@ TEST_F(DiskCheckTest, ReportsOnceThatAStretchOfAFileIsGone) {
     std::size_t const start = grain("disk.vmdk", 20);
     patch("disk.vmdk", start, Bytes(grain("disk.vmdk", 90) - start, 0));
     EXPECT_THAT(check(), ElementsAre("disk.vmdk: the record of grain 20 names another grain; the "
-                                     "same of 69 more, up to grain 89"));
+                                     "same of 69 more, up to grain 89 (bytes: 1310720-5898239)"));
 }
 
 TEST_F(DiskCheckTest, ADescriptorThatDiffersFromItsChecksumIsAFinding) {
@@ -173,8 +215,9 @@ TEST_F(DiskCheckTest, ReportsOnceThatAnExtentFileIsMissing) {
     std::vector<std::string> const findings = check();
     ASSERT_EQ(2U, findings.size());
     EXPECT_EQ("disk-s00001.vmdk: the file is missing", findings[0]);
-    EXPECT_THAT(findings[1], StartsWith("disk.vmdk: grains 46 to 91"));
-    EXPECT_THAT(findings[1], testing::HasSubstr(" cannot be looked up: "));
+    EXPECT_THAT(findings[1], AllOf(StartsWith("disk-s00001.vmdk: grains 46 to 91 cannot be looked "
+                                              "up: "),
+                                   EndsWith(" (bytes: 3014656-6029311)")));
 }
 
 TEST_F(DiskCheckTest, ReportsOnceThatTablesCannotBeRead) {
@@ -183,9 +226,11 @@ TEST_F(DiskCheckTest, ReportsOnceThatTablesCannotBeRead) {
     patch("disk.vmdk", directory("disk.vmdk") + 8, Bytes{0xFF, 0xFF, 0xFF, 0x7F});
     std::vector<std::string> const findings = check();
     ASSERT_EQ(2U, findings.size()) << testing::PrintToString(findings);
-    EXPECT_EQ("disk.vmdk: grain table 2 lies outside the file", findings[0]);
+    EXPECT_EQ("disk.vmdk: grain table 2 lies outside the file (bytes: 67108864-100663295)",
+              findings[0]);
     // The library reads tables in runs of 32, and none of a run where one is bad.
-    EXPECT_THAT(findings[1], StartsWith("disk.vmdk: grains 0 to 2047 cannot be looked up: "));
+    EXPECT_THAT(findings[1], AllOf(StartsWith("disk.vmdk: grains 0 to 2047 cannot be looked up: "),
+                                   EndsWith(" (bytes: 0-134217727)")));
 }
 
 TEST_F(DiskCheckTest, ReportsWhatTheExtentsDisagreeIn) {
@@ -204,9 +249,11 @@ TEST_F(DiskCheckTest, ReportsThatAGrainSharesItsPlace) {
     auto const at = table.begin() + static_cast<std::ptrdiff_t>(firstTable("disk.vmdk"));
     patch("disk.vmdk", firstTable("disk.vmdk") + 4, Bytes(at, at + 4));
     EXPECT_THAT(check(),
-                ElementsAre("disk.vmdk: grain table 0 differs from its redundant copy",
+                ElementsAre("disk.vmdk: grain table 0 differs from its redundant copy (bytes: "
+                            "0-8388607)",
                             "disk.vmdk: grain 1 shares its place with something else, at sector " +
-                                std::to_string(grain("disk.vmdk", 0) / kSector)));
+                                std::to_string(grain("disk.vmdk", 0) / kSector) +
+                                " (bytes: 65536-131071)"));
 }
 
 TEST_F(DiskCheckTest, ReportsThatATableSharesItsPlaceAndLeavesItsGrains) {
@@ -219,7 +266,8 @@ TEST_F(DiskCheckTest, ReportsThatATableSharesItsPlaceAndLeavesItsGrains) {
     auto const entry = file.begin() + static_cast<std::ptrdiff_t>(directory("disk.vmdk"));
     patch("disk.vmdk", directory("disk.vmdk") + 4, Bytes(entry, entry + 4));
     EXPECT_THAT(check(),
-                ElementsAre("disk.vmdk: grain table 1 shares its place with something else"));
+                ElementsAre("disk.vmdk: grain table 1 shares its place with something else "
+                            "(bytes: 33554432-67108863)"));
 }
 
 TEST_F(DiskCheckTest, ReportsWhatIsWrongWithTheDirectories) {
@@ -237,8 +285,8 @@ TEST_F(DiskCheckTest, ReportsWhatIsWrongWithTheDirectoriesOfAFurtherExtent) {
     makeDisk({.fileSizeLimit = kSplitLimit});
     patch("disk-s00001.vmdk", 56, Bytes{0xFF, 0xFF, 0, 0});
     EXPECT_THAT(check(), ElementsAre("disk-s00001.vmdk: the grain directory lies outside the file",
-                                     testing::AllOf(StartsWith("disk.vmdk: grains "),
-                                                    testing::HasSubstr(" cannot be looked up: "))));
+                                     AllOf(StartsWith("disk-s00001.vmdk: grains "),
+                                           HasSubstr(" cannot be looked up: "))));
     // A capacity whose tables no memory could hold.
     patch("disk-s00001.vmdk", 12, Bytes{0, 0, 0, 0, 0, 0, 0x10, 0});
     std::vector<std::string> const findings = check();
@@ -252,8 +300,8 @@ TEST_F(DiskCheckTest, AHeaderThatIsGoneIsAFinding) {
     makeDisk({.fileSizeLimit = kSplitLimit});
     patch("disk-s00001.vmdk", 0, Bytes(4, 0));
     EXPECT_THAT(check(), ElementsAre("disk-s00001.vmdk: Invalid magic number in VMDK sparse header",
-                                     testing::AllOf(StartsWith("disk.vmdk: grains "),
-                                                    testing::HasSubstr(" cannot be looked up: "))));
+                                     AllOf(StartsWith("disk-s00001.vmdk: grains "),
+                                           HasSubstr(" cannot be looked up: "))));
     putBytes("disk-s00001.vmdk", {});
     EXPECT_EQ(2U, check().size());
 }
@@ -291,7 +339,8 @@ TEST_F(DiskCheckTest, ChecksTheParentsToo) {
     makeDisk({.compressed = true}, "two.vmdk", "one.vmdk");
     { createSafe({.compressed = true}, "three.vmdk", "two.vmdk"); }
     patch("one.vmdk", grain("one.vmdk", 7) + 12, Bytes(8, 0xFF));
-    EXPECT_THAT(check("three.vmdk"), ElementsAre(StartsWith("one.vmdk: grain 7: ")));
+    EXPECT_THAT(check("three.vmdk"), ElementsAre(AllOf(StartsWith("one.vmdk: grain 7: "),
+                                                       EndsWith(" (bytes: 458752-524287)"))));
 
     files->deleteFile(uriOf("one.vmdk"), false);
     EXPECT_THAT(check("three.vmdk"), ElementsAre("one.vmdk: the parent does not exist"));

@@ -62,6 +62,12 @@ TEST(SizeText, SizesAreShown) {
     EXPECT_EQ("8388608.0 TiB", formatSize(9223372036854775807));
 }
 
+TEST(SizeText, ARangeIsShownByItsFirstAndItsLast) {
+    EXPECT_EQ("65536-131071", formatRange(65536, 131072));
+    EXPECT_EQ("0-0", formatRange(0, 1));
+    EXPECT_EQ("7-7", formatRange(7, 7));
+}
+
 TEST(Progress, LineTellsPartRateAndTimeLeft) {
     constexpr __int64 kGiB = 1 << 30;
     EXPECT_EQ("import  50% [###############...............] 512.0 MiB, 256.0 MiB/s, 0:02 left",
