@@ -8,7 +8,8 @@
 //
 //   bench_compressors [--help]
 //
-// It takes the options of Google Benchmark too: --benchmark_filter=/image/ is the file system alone.
+// It takes the options of Google Benchmark too: --benchmark_filter=/image/ is the file system
+// alone.
 
 #include <filesystem>
 #include <functional>

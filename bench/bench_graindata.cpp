@@ -3,9 +3,9 @@
 //
 //   bench_graindata [--rounds N]
 //
-// The direct side makes the same bytes and moves them between the same buffers and a file in memory;
-// the grain additionally keeps the plain bytes in memory, which is one copy of 64 KiB for each read
-// or write. Zeros are where that copy weighs most.
+// The direct side makes the same bytes and moves them between the same buffers and a file in
+// memory; the grain additionally keeps the plain bytes in memory, which is one copy of 64 KiB for
+// each read or write. Zeros are where that copy weighs most.
 
 #include <cstring>
 #include <string>

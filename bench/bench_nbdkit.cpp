@@ -4,8 +4,8 @@
 //   bench_nbdkit [--content FOLDER] [--work FOLDER] [--rounds N]
 //
 // The image is made by `mke2fs -d`, is larger than its content, and holds at least 100 MB. The
-// copies are thrown away, so that only the server counts. A round takes the copies in turn, so that what
-// else the machine does hits them alike; each figure is the median of the rounds.
+// copies are thrown away, so that only the server counts. A round takes the copies in turn, so that
+// what else the machine does hits them alike; each figure is the median of the rounds.
 
 #include <chrono>
 #include <cstdlib>

@@ -2,9 +2,9 @@
 //
 //   bench_streams [--work FOLDER] [--rounds N]
 //
-// The files lie in the work folder (default: the system's temporary one) and stay in the page cache,
-// so the figures, in processor time, are about the way of the bytes through memory, not about the
-// device.
+// The files lie in the work folder (default: the system's temporary one) and stay in the page
+// cache, so the figures, in processor time, are about the way of the bytes through memory, not
+// about the device.
 
 #include <cstdlib>
 #include <cstring>

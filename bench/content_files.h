@@ -29,8 +29,8 @@ inline void runCommand(std::string const& command) {
         failWith("failed: " + command);
 }
 
-/// Makes an ext4 file system of 4 GiB with the files of `content`, as a sparse file in `folder`, and
-/// returns its path.
+/// Makes an ext4 file system of 4 GiB with the files of `content`, as a sparse file in `folder`,
+/// and returns its path.
 inline std::string makeFileSystemImage(std::string const& content,
                                        std::filesystem::path const& folder) {
     std::string const image = folder / "image.raw";

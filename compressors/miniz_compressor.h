@@ -11,8 +11,8 @@ class IDecoder;
 class IEncoder;
 
 /// Compresses to zlib streams (RFC 1950) with the fast coders that the build chose, and reads the
-/// zlib streams of any writer. Level 1 is coded by ISA-L, where that is found: several times as fast
-/// as the other levels, for a few percent more bytes.
+/// zlib streams of any writer. Level 1 is coded by ISA-L, where that is found: several times as
+/// fast as the other levels, for a few percent more bytes.
 ///
 /// Beyond the contract of `yx::ISimpleCompressor`:
 /// - `source` and `target` must not overlap.

@@ -29,8 +29,8 @@ using Buffer = yx::TBuffer<unsigned char>;
 
 // Limits beyond which an operation takes too long for a run of the fuzzer.
 
-/// Looking at all grains takes a step for each that the disk claims to have, and reads all tables of
-/// each extent, in each disk of the chain.
+/// Looking at all grains takes a step for each that the disk claims to have, and reads all tables
+/// of each extent, in each disk of the chain.
 constexpr __int64 kMaxWalkedGrains = 2048;
 constexpr int kMaxWalkedExtents = 16;
 constexpr int kMaxWalkedParents = 8;
@@ -208,7 +208,8 @@ private:
                 "a sound disk holds what it held and what was written to it");
     }
 
-    /// Enters a completed write into the model, or drops the model after one that may be incomplete.
+    /// Enters a completed write into the model, or drops the model after one that may be
+    /// incomplete.
     void changeModel(__int64 position, Buffer const& content, bool isDone) {
         bool const isOutside = position + content.getUsed() > m_disk->getSizeBytes();
         if (!m_hasModel || (isOutside && !isDone))

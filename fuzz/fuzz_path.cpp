@@ -21,8 +21,8 @@ void checkNormalForm(yx::TPathImpl<Traits> const& path) {
             "a normalised absolute path says that it is");
 }
 
-/// A name that completes a root, as "share" does "\\\\server\\", gets the separator behind it only when
-/// the text is normalised anew.
+/// A name that completes a root, as "share" does "\\\\server\\", gets the separator behind it only
+/// when the text is normalised anew.
 template <class Traits>
 void checkAppended(yx::TPathImpl<Traits> const& path) {
     using Path = yx::TPathImpl<Traits>;

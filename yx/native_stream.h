@@ -4,8 +4,8 @@
 
 namespace yx {
 
-/// A stream on a file of the operating system. An optional companion of `IIOStream`: a host asks for
-/// it by `dynamic_cast` where it must know which file is open, since the name may be another
+/// A stream on a file of the operating system. An optional companion of `IIOStream`: a host asks
+/// for it by `dynamic_cast` where it must know which file is open, since the name may be another
 /// file's by now. The streams of `CNativeFileSystem` have it.
 class YX_API INativeStream : public virtual IBase {
 public:

@@ -17,8 +17,8 @@ public:
 
     void compressAll();
 
-    /// The same, a part of the grains on each core at once. Cores share caches and more, so together
-    /// they need longer than one alone would need for its part.
+    /// The same, a part of the grains on each core at once. Cores share caches and more, so
+    /// together they need longer than one alone would need for its part.
     void compressAllOnAllCores() const;
     void decompressAllOnAllCores() const;
 

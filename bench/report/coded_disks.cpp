@@ -4,8 +4,8 @@
 #include "bench/report/measurements.h"
 #include "bench/report/process.h"
 
-// One thread, disks that compress or encipher, in memory if there is room: the codec and the cipher,
-// which are the limit, have no device to wait for.
+// One thread, disks that compress or encipher, in memory if there is room: the codec and the
+// cipher, which are the limit, have no device to wait for.
 
 namespace bench {
 

@@ -19,8 +19,8 @@ struct ProcessUse {
 /// memory: the system counts what a process held before it became the program as the program's.
 void startLauncher();
 
-/// Runs a program, found by PATH, with its standard output discarded, and waits for it. If it fails,
-/// this program ends with a message.
+/// Runs a program, found by PATH, with its standard output discarded, and waits for it. If it
+/// fails, this program ends with a message.
 ProcessUse runProgram(std::vector<std::string> const& arguments);
 
 /// Ends this program with a message and status 1.

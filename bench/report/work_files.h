@@ -35,9 +35,9 @@ private:
     int m_descriptor;
 };
 
-/// Takes 1 GiB of memory and gives it back. Under a virtual machine, memory that was free for seconds
-/// belongs to the machine below, and getting it again takes longer than writing to it; without this,
-/// who writes first after a pause would pay for all.
+/// Takes 1 GiB of memory and gives it back. Under a virtual machine, memory that was free for
+/// seconds belongs to the machine below, and getting it again takes longer than writing to it;
+/// without this, who writes first after a pause would pay for all.
 void makeMemoryReady();
 
 /// Removes a file, and settles.

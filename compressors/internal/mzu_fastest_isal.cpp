@@ -41,7 +41,8 @@ public:
 private:
     struct State {
         isal_zstream stream;
-        /// Of this size ISA-L collects a block of 64 KiB, the usual grain, before it draws up codes.
+        /// Of this size ISA-L collects a block of 64 KiB, the usual grain, before it draws up
+        /// codes.
         unsigned char levelBuffer[ISAL_DEF_LVL1_LARGE];
     };
 

@@ -8,9 +8,9 @@
 
 namespace mzu {
 
-/// Compresses for a coder that is only sure to succeed with `sufficientBytes` of room, into a target
-/// that may have less. `compress(target, targetSizeBytes)` gives the size of the stream, or 0 for
-/// failure. Returns the same; also 0 if the stream does not fit or memory is short.
+/// Compresses for a coder that is only sure to succeed with `sufficientBytes` of room, into a
+/// target that may have less. `compress(target, targetSizeBytes)` gives the size of the stream, or
+/// 0 for failure. Returns the same; also 0 if the stream does not fit or memory is short.
 template <class Compress>
 std::size_t compressIntoAnyTarget(std::size_t sufficientBytes, void* target,
                                   std::size_t targetSizeBytes, Compress const& compress) {

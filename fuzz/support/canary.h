@@ -15,8 +15,8 @@ public:
     explicit Canary(yx::CMemoryFileSystem& files);
 
     /// Ends the run as a crash does if anything outside of the disk's folder has changed. Every
-    /// disk must be closed by then, since a parent may lie elsewhere and has a lock file there while
-    /// it is read.
+    /// disk must be closed by then, since a parent may lie elsewhere and has a lock file there
+    /// while it is read.
     void verifyUntouched() const;
 
 private:

@@ -35,8 +35,8 @@ struct InputFile {
 ///         2     length m
 ///         m     bytes
 ///
-/// Zeros between the runs are not in the input, so that inputs stay small. No input is refused: what
-/// is missing at its end counts as zeros.
+/// Zeros between the runs are not in the input, so that inputs stay small. No input is refused:
+/// what is missing at its end counts as zeros.
 struct DiskInput {
     std::vector<std::uint8_t> script;
     std::vector<InputFile> files;

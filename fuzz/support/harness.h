@@ -9,8 +9,8 @@
 
 namespace kelm::fuzz {
 
-// What all targets share. A target refuses bad input by errors of the `yx::CError` family alone: any
-// other exception leaves it and ends the run as a crash does.
+// What all targets share. A target refuses bad input by errors of the `yx::CError` family alone:
+// any other exception leaves it and ends the run as a crash does.
 
 using Bytes = std::span<std::uint8_t const>;
 

@@ -12,8 +12,8 @@ namespace kelm::host {
 constexpr int kMaxDisksOfChain = static_cast<int>(kMaxChainLength) + 1;
 constexpr int kLongChain = 200;
 
-/// Whether a disk can be restored, as far as headers and descriptors tell. Damage to grains and tables
-/// is not looked for: that is the work of `checkDisk`.
+/// Whether a disk can be restored, as far as headers and descriptors tell. Damage to grains and
+/// tables is not looked for: that is the work of `checkDisk`.
 enum class BackupState {
     Complete,      ///< nothing is missing
     Unfinished,    ///< it was not filled to its end
@@ -70,10 +70,10 @@ struct BackupDisk {
 
 /// The disks below folders, and the parents that lie elsewhere.
 ///
-/// Disks that hang together follow each other: first the one without a parent, and each child behind
-/// its parent. Otherwise they are in the order of their times, and of their names where these are the
-/// same or not known. Files that are part of a disk are not listed for themselves; a file whose name
-/// ends in ".vmdk", and which neither is nor belongs to a disk, is a damaged one.
+/// Disks that hang together follow each other: first the one without a parent, and each child
+/// behind its parent. Otherwise they are in the order of their times, and of their names where
+/// these are the same or not known. Files that are part of a disk are not listed for themselves; a
+/// file whose name ends in ".vmdk", and which neither is nor belongs to a disk, is a damaged one.
 ///
 /// Takes no locks and asks for no password: disks that are being written are listed too.
 /// A folder that cannot be listed is an error, as `listFilesBelow` says.

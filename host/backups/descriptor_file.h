@@ -20,7 +20,8 @@ struct DescriptorFile {
     /// Where the area begins, which is 0 in a file of text.
     __int64 positionBytes = 0;
 
-    /// The text and the zeros behind it. A disk in one file has its right name here (`correctOwnName`).
+    /// The text and the zeros behind it. A disk in one file has its right name here
+    /// (`correctOwnName`).
     DescriptorArea area = {};
 
     /// What the text says.
@@ -35,20 +36,21 @@ DescriptorFile readDescriptorFile(yx::IFileSystem* fileSystem, yx::CURI const& m
 /// Brings it to its file: a text by a new file, an area by writing over it (`DurableFiles::patch`).
 void storeDescriptorFile(DurableFiles& files, DescriptorFile const& descriptor);
 
-/// The descriptor with another name of its parent. The checksum stays true if it was. Lines keep their
-/// places where they can (`replaceInArea`), so that mostly a single sector changes. An area without room is
-/// `yx::CIOError` `NotSupported` "The descriptor inside the disk has no room for the name of its parent."
-/// with "uri".
+/// The descriptor with another name of its parent. The checksum stays true if it was. Lines keep
+/// their places where they can (`replaceInArea`), so that mostly a single sector changes. An area
+/// without room is `yx::CIOError` `NotSupported` "The descriptor inside the disk has no room for
+/// the name of its parent." with "uri".
 DescriptorFile withParentReference(DescriptorFile const& descriptor, yx::String const& reference);
 
-/// The descriptor as it is to be in the file `mainFile`: the extents in `newNames`, by their normalised
-/// names of before, have their new ones, and all names are seen from the new folder. The checksum stays
-/// true if it was. An area without room is `NotSupported` "The descriptor inside the disk has no room for
-/// the names of its files." with "uri".
+/// The descriptor as it is to be in the file `mainFile`: the extents in `newNames`, by their
+/// normalised names of before, have their new ones, and all names are seen from the new folder. The
+/// checksum stays true if it was. An area without room is `NotSupported` "The descriptor inside the
+/// disk has no room for the names of its files." with "uri".
 DescriptorFile movedTo(DescriptorFile const& descriptor, yx::CURI const& mainFile,
                        std::map<yx::CURI, yx::CURI> const& newNames);
 
-/// The parent as the descriptor names it, normalised; empty for a disk without a parent or without its name.
+/// The parent as the descriptor names it, normalised; empty for a disk without a parent or without
+/// its name.
 yx::CURI findParentFile(CVMDKDescriptor const& descriptor, yx::CURI const& mainFile);
 
 } // namespace kelm::host

@@ -8,8 +8,9 @@
 
 namespace kelm::host {
 
-/// Disks that nobody else uses while this lives, held without opening them: by their lock files and by
-/// locks on their files. A disk that somebody uses is `yx::CLockFileError`, as it is for who opens it.
+/// Disks that nobody else uses while this lives, held without opening them: by their lock files and
+/// by locks on their files. A disk that somebody uses is `yx::CLockFileError`, as it is for who
+/// opens it.
 class DiskClaims {
 public:
     /// Holds nothing yet.

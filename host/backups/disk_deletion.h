@@ -9,8 +9,8 @@
 
 namespace kelm::host {
 
-/// A disk that is to be deleted has children, which would be lost with it: "The disk has children that
-/// need it." with "uri", "children" (how many) and "child" (the first), and code -1.
+/// A disk that is to be deleted has children, which would be lost with it: "The disk has children
+/// that need it." with "uri", "children" (how many) and "child" (the first), and code -1.
 class DiskHasChildrenError : public yx::CError {
 public:
     /// `children` has at least one.
@@ -34,25 +34,28 @@ struct DiskDeletionOptions {
 ///
 /// The order of the steps (`DurableFiles`), so that nobody takes a part of a disk for all of it:
 ///
-/// 1. A note beside the disk names all files that will go (`DiskNote`), unless it is one file alone.
-/// 2. Each child goes before its parent, and of each disk the main file before the others. Without its
+/// 1. A note beside the disk names all files that will go (`DiskNote`), unless it is one file
+/// alone.
+/// 2. Each child goes before its parent, and of each disk the main file before the others. Without
+/// its
 ///    main file a disk is none, whatever extents are left; a disk that still has it has all of its
 ///    parents.
 /// 3. The note goes.
 ///
 /// Whoever is killed, or fails, goes on by the same call.
 ///
-/// Errors, apart from those of the files: a disk that does not exist is `yx::CIOError` `NotFound` "The
-/// disk does not exist."; children, `DiskHasChildrenError`; a disk that is being renamed, `NotAllowed`
-/// "The disk is being renamed." with "uri"; a disk in use, `yx::CLockFileError`; those of
-/// `verifyOwnsFiles` and `verifyHasFilesAlone`. All of these leave every file.
+/// Errors, apart from those of the files: a disk that does not exist is `yx::CIOError` `NotFound`
+/// "The disk does not exist."; children, `DiskHasChildrenError`; a disk that is being renamed,
+/// `NotAllowed` "The disk is being renamed." with "uri"; a disk in use, `yx::CLockFileError`; those
+/// of `verifyOwnsFiles` and `verifyHasFilesAlone`. All of these leave every file.
 class DiskDeletion {
 public:
     /// `fileSystem` is the operating system's, `mainFile` is a name that `uriFromArgument` made.
     DiskDeletion(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& mainFile,
                  DiskDeletionOptions const& options);
 
-    /// Deletes the disk, or goes on with it, and returns the names of the files that went. Called once.
+    /// Deletes the disk, or goes on with it, and returns the names of the files that went. Called
+    /// once.
     std::vector<yx::CURI> run();
 
 private:

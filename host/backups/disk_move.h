@@ -29,38 +29,43 @@ struct DiskMoveResult {
     std::vector<yx::CURI> children;
 };
 
-/// Gives a disk another name, perhaps in another folder or on another file system: all of its files,
-/// and its name in its children. Neither it nor they are opened, so no password is needed.
+/// Gives a disk another name, perhaps in another folder or on another file system: all of its
+/// files, and its name in its children. Neither it nor they are opened, so no password is needed.
 ///
 /// A file whose name begins with that of the disk gets a name that begins with the new one. Files
-/// that go to another folder lie beside the main file there. An extent that is made on demand and is
-/// not there gets its name in the descriptor.
+/// that go to another folder lie beside the main file there. An extent that is made on demand and
+/// is not there gets its name in the descriptor.
 ///
 /// The order of the steps (`DurableFiles`), so that the disk and its children can be read at any
 /// moment:
 ///
 /// 1. A note beside the disk says what will be done (`DiskNote`).
-/// 2. Where the file of a child disk will be seen from another folder, its parent's name becomes one that
+/// 2. Where the file of a child disk will be seen from another folder, its parent's name becomes
+/// one that
 ///    holds in both.
-/// 3. All files get their new names too, the main file last: as second names, or as copies where there can
+/// 3. All files get their new names too, the main file last: as second names, or as copies where
+/// there can
 ///    be none. A descriptor in a file of its own is written anew. Now both names are whole disks.
 /// 4. The children get the new name, one after the other.
-/// 5. The old names go, the main file's first; a descriptor in the disk's only file gets its own new
+/// 5. The old names go, the main file's first; a descriptor in the disk's only file gets its own
+/// new
 ///    name and the shortest name of its parent; the note goes.
 ///
-/// Whoever is killed, or fails, after step 3 goes on by the same call. Before, what was made is taken
-/// away again by who fails, and used by the next call after a kill. A power cut while the descriptor
-/// inside an extent is written (steps 2, 4 and 5) can tear a line if the name moves lines to other
-/// sectors, as with all who store descriptors.
+/// Whoever is killed, or fails, after step 3 goes on by the same call. Before, what was made is
+/// taken away again by who fails, and used by the next call after a kill. A power cut while the
+/// descriptor inside an extent is written (steps 2, 4 and 5) can tear a line if the name moves
+/// lines to other sectors, as with all who store descriptors.
 ///
-/// Errors, apart from those of the files: a disk that does not exist is `yx::CIOError` `NotFound` "The
-/// disk does not exist."; a name that is taken, `AlreadyExists`; a disk that is being moved to
-/// another name, `NotAllowed` "The disk is being renamed to another name." with "uri" and "target"; two
-/// files that would have one name, `NotAllowed` "Two files of the disk would have one name."; a disk or
-/// child in use, `yx::CLockFileError`; those of `verifyOwnsFiles` and `verifyHasFilesAlone`.
+/// Errors, apart from those of the files: a disk that does not exist is `yx::CIOError` `NotFound`
+/// "The disk does not exist."; a name that is taken, `AlreadyExists`; a disk that is being moved to
+/// another name, `NotAllowed` "The disk is being renamed to another name." with "uri" and "target";
+/// two files that would have one name, `NotAllowed` "Two files of the disk would have one name."; a
+/// disk or child in use, `yx::CLockFileError`; those of `verifyOwnsFiles` and
+/// `verifyHasFilesAlone`.
 class DiskMove {
 public:
-    /// `fileSystem` is the operating system's, `from` and `to` are names that `uriFromArgument` made.
+    /// `fileSystem` is the operating system's, `from` and `to` are names that `uriFromArgument`
+    /// made.
     DiskMove(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& from,
              yx::CURI const& to, DiskMoveOptions const& options);
 

@@ -10,8 +10,8 @@
 
 namespace kelm::host {
 
-/// A note beside a disk of what is being done with its files, so that who was killed over it can go on.
-/// It is a file of text with the main file's name and ".moving" or ".deleting" behind it:
+/// A note beside a disk of what is being done with its files, so that who was killed over it can go
+/// on. It is a file of text with the main file's name and ".moving" or ".deleting" behind it:
 ///
 ///     kelm moving 1
 ///     main 2049 131077 1795000000 12345               which file the main file was
@@ -32,7 +32,8 @@ struct DiskNote {
     /// Which file the main file was when the work began.
     FileIdentity mainIdentity = {};
 
-    /// The names of each file of the disk, now and then; the latter are empty where files are deleted.
+    /// The names of each file of the disk, now and then; the latter are empty where files are
+    /// deleted.
     std::vector<std::pair<yx::CURI, yx::CURI>> files = {};
 
     /// Where a note on the disk lies.
@@ -42,7 +43,8 @@ struct DiskNote {
     static std::optional<DiskNote> tryRead(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
                                            Work work);
 
-    /// Brings it to the device, with the rights of the disk's main file. A note that is there is replaced.
+    /// Brings it to the device, with the rights of the disk's main file. A note that is there is
+    /// replaced.
     void write(DurableFiles& steps) const;
 
     /// Takes it away.

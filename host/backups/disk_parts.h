@@ -13,7 +13,8 @@ struct DiskParts {
     /// What the disk says of itself.
     DescriptorFile descriptor;
 
-    /// The files of extents, the main file aside, each once. Those that are made on demand may be missing.
+    /// The files of extents, the main file aside, each once. Those that are made on demand may be
+    /// missing.
     std::vector<yx::CURI> extentFiles;
 
     /// Empty for a disk without a parent. Links resolved, if it is there.
@@ -33,17 +34,17 @@ struct DiskParts {
 /// `readDescriptorFile`.
 DiskParts readDiskParts(yx::IFileSystem* fileSystem, yx::CURI const& mainFile);
 
-/// Refuses a disk whose files must not be handled as its own, as `DiskReach` does for those outside of its
-/// folder, and `verifyIsBareExtent`.
+/// Refuses a disk whose files must not be handled as its own, as `DiskReach` does for those outside
+/// of its folder, and `verifyIsBareExtent`.
 void verifyOwnsFiles(yx::IFileSystem* fileSystem, DiskParts const& disk, DiskTrust const& trust);
 
-/// Refuses a file that is there and is no extent without a descriptor: one of other content, a disk of its
-/// own, or a symbolic link. An empty file passes, as one whose making was ended. `yx::CIOError`
-/// `NotAllowed` "The disk names a file that is no extent of a disk." with "uri".
+/// Refuses a file that is there and is no extent without a descriptor: one of other content, a disk
+/// of its own, or a symbolic link. An empty file passes, as one whose making was ended.
+/// `yx::CIOError` `NotAllowed` "The disk names a file that is no extent of a disk." with "uri".
 void verifyIsBareExtent(yx::IFileSystem* fileSystem, yx::CURI const& file);
 
-/// The disks below some folders whose descriptors can be read, and what binds them to others. A disk that
-/// cannot be read is none here: whose child it is nobody knows.
+/// The disks below some folders whose descriptors can be read, and what binds them to others. A
+/// disk that cannot be read is none here: whose child it is nobody knows.
 class DiskRelations {
 public:
     /// Errors are those of `listFilesBelow`.
@@ -55,8 +56,8 @@ public:
     /// The children, theirs, and so on, each behind its parent; the disk itself is not among them.
     std::vector<yx::CURI> findDescendants(yx::CURI const& mainFile) const;
 
-    /// Refuses a disk if another one has one of its files too: `yx::CIOError` `NotAllowed` "The file
-    /// belongs to another disk too." with "uri" and "disk".
+    /// Refuses a disk if another one has one of its files too: `yx::CIOError` `NotAllowed` "The
+    /// file belongs to another disk too." with "uri" and "disk".
     void verifyHasFilesAlone(DiskParts const& disk) const;
 
     /// Whether one of the disks has a file, as its main file or as one of its extents.

@@ -9,12 +9,12 @@
 namespace kelm::host {
 
 /// What moving and deleting disks does to files of the operating system, in steps. Each is on the
-/// device, names included, when it returns, and a power cut in its middle leaves the state before it
-/// or the one behind it, but for `patch`. So work that is a row of such steps can be gone on with from
-/// wherever it ended. All names are `file:` URIs.
+/// device, names included, when it returns, and a power cut in its middle leaves the state before
+/// it or the one behind it, but for `patch`. So work that is a row of such steps can be gone on
+/// with from wherever it ended. All names are `file:` URIs.
 ///
-/// A file that is not complete yet has its name and ".kelm-part" behind it. One that a kill has left
-/// there is replaced by the next attempt.
+/// A file that is not complete yet has its name and ".kelm-part" behind it. One that a kill has
+/// left there is replaced by the next attempt.
 ///
 /// Errors are those of `throwSystemError`, and a name that another file has is `yx::CIOError`
 /// `AlreadyExists` "The file exists already." with "uri".
@@ -25,13 +25,14 @@ public:
     DurableFiles& operator=(DurableFiles const&) = delete;
     ~DurableFiles() override = default;
 
-    /// Gives a file a second name. False where that cannot be: on another file system, on one without
-    /// hard links, or for somebody else's file.
+    /// Gives a file a second name. False where that cannot be: on another file system, on one
+    /// without hard links, or for somebody else's file.
     virtual bool tryLink(yx::CURI const& from, yx::CURI const& to);
 
     /// Copies a file with its holes and its rights, and compares the copy with it; shares the
     /// space where the file system can. A copy that differs is `CIOError` `IOFailure` "The copy
-    /// differs from the file." with "path". `cancel`, which may be null, ends it by `CancelledError`.
+    /// differs from the file." with "path". `cancel`, which may be null, ends it by
+    /// `CancelledError`.
     virtual void copy(yx::CURI const& from, yx::CURI const& to, CancelFlag const* cancel);
 
     /// Whether both names lead to files of the same content, or to one file. Changes nothing.

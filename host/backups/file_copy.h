@@ -12,8 +12,8 @@ struct OpenFile {
     std::string path;   ///< for people
 };
 
-/// Copies all of a file into an empty one, and compares the two. Where the file system can, they share
-/// their space, and there is nothing to compare; otherwise holes stay holes.
+/// Copies all of a file into an empty one, and compares the two. Where the file system can, they
+/// share their space, and there is nothing to compare; otherwise holes stay holes.
 ///
 /// Errors are those of `throwSystemError`; a copy that reads as something else is `yx::CIOError`
 /// `IOFailure` "The copy differs from the file." with "path". `cancel` may be null.

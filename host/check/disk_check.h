@@ -8,9 +8,9 @@
 
 namespace kelm::host {
 
-/// Receives a finding: the file, and a sentence about what is wrong with it. A sentence about grains
-/// or a grain table ends with their bytes in the disk, the first and the last:
-/// " (bytes: 65536-131071)"; the file is the one that holds them.
+/// Receives a finding: the file, and a sentence about what is wrong with it. A sentence about
+/// grains or a grain table ends with their bytes in the disk, the first and the last: " (bytes:
+/// 65536-131071)"; the file is the one that holds them.
 using FindingCallback = std::function<void(yx::CURI const& file, std::string const& text)>;
 
 /// Reads all of a disk and of its parents and reports everything that breaks a rule of the format:

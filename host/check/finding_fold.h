@@ -11,8 +11,8 @@
 
 namespace kelm::host {
 
-/// Makes one finding of what one cause breaks. Findings about numbered things, grains or tables, are
-/// alike if they have the same words, whatever the numbers in them. The first of those that are
+/// Makes one finding of what one cause breaks. Findings about numbered things, grains or tables,
+/// are alike if they have the same words, whatever the numbers in them. The first of those that are
 /// folded is reported in full, with "; the same of 84 more, up to grain 90" behind it.
 ///
 /// A finding about things ends with their bytes in the disk, " (bytes: 393216-5963775)", from the
@@ -32,8 +32,8 @@ public:
     /// that it is about.
     void add(std::string const& text, ByteRange const& bytes = {});
 
-    /// A finding about a thing. Folded with the one before if that was about the thing before and is
-    /// alike.
+    /// A finding about a thing. Folded with the one before if that was about the thing before and
+    /// is alike.
     void addOfThing(CheckedThing const& thing, std::string const& text);
 
     /// A finding that has one cause with others, such as a file that ends too early, whatever their

@@ -87,8 +87,8 @@ private:
         reportUnreachable();
     }
 
-    /// The grain size of an extent's file; that of the disk if the file does not tell, which the first
-    /// look at a grain then finds.
+    /// The grain size of an extent's file; that of the disk if the file does not tell, which the
+    /// first look at a grain then finds.
     __int64 grainSizeOf(DiskExtent const& extent) {
         __int64 grainSizeBytes = m_disk.getGrainSizeBytes();
         if (extent.getSizeBytes() > 0)

@@ -20,8 +20,9 @@ namespace kelm::host {
 /// The bare library answers all of this for the first byte of a grain only.
 ///
 /// Functions that look into tables are given the object to ask: the disk, or another object of the
-/// same disk, as `DiskReading::useDisk` chooses it. Its cursor moves, and so do those of its parents.
-/// They open parents as far as needed, and throw what that and reading tables and headers throws.
+/// same disk, as `DiskReading::useDisk` chooses it. Its cursor moves, and so do those of its
+/// parents. They open parents as far as needed, and throw what that and reading tables and headers
+/// throws.
 class ChainGrains {
 public:
     /// `layout` is that of `disk`.

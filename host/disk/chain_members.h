@@ -21,9 +21,9 @@ struct ChainMember {
 /// The disk and its parents, the nearest first. No password is needed, since none of this is
 /// enciphered. The files are reached as the disk reaches them (`SafeDisk::getFileSystem`).
 ///
-/// The list ends before a parent that is missing or whose descriptor or first extent cannot be read:
-/// who needs a grain of it gets the error that tells why. It also ends after `kMaxChainLength`
-/// parents.
+/// The list ends before a parent that is missing or whose descriptor or first extent cannot be
+/// read: who needs a grain of it gets the error that tells why. It also ends after
+/// `kMaxChainLength` parents.
 std::vector<ChainMember> listChainMembers(SafeDisk& disk);
 
 } // namespace kelm::host

@@ -26,20 +26,20 @@ private:
     bool m_isDone = false;
 };
 
-/// A random value, of the whole range of 32 bits, that is neither `contentID` nor one of the two that
-/// mean no disk.
+/// A random value, of the whole range of 32 bits, that is neither `contentID` nor one of the two
+/// that mean no disk.
 unsigned int drawContentID(unsigned int contentID);
 
-/// Gives a descriptor that content ID, in memory, in eight hexadecimal digits with zeros in front. A
-/// place of more characters is filled up with zeros too.
+/// Gives a descriptor that content ID, in memory, in eight hexadecimal digits with zeros in front.
+/// A place of more characters is filled up with zeros too.
 ///
 /// A place of fewer characters grows once. Where the lines behind would move from one sector to the
-/// next by that, a comment in the ID's sector makes up for it (`replaceInArea`), so that a power cut
-/// leaves the old text or the new one. Where there is no such comment, a place of six or seven
+/// next by that, a comment in the ID's sector makes up for it (`replaceInArea`), so that a power
+/// cut leaves the old text or the new one. Where there is no such comment, a place of six or seven
 /// characters stays as it is and takes the ID's last digits, which are still more than any two
-/// backups will draw alike: what a cut can tear there is the key of an encrypted disk. A place below
-/// six characters, which only other software makes, grows in any case. Returns the ID that the
-/// descriptor has then.
+/// backups will draw alike: what a cut can tear there is the key of an encrypted disk. A place
+/// below six characters, which only other software makes, grows in any case. Returns the ID that
+/// the descriptor has then.
 unsigned int writeContentID(CVMDKDescriptor& descriptor, unsigned int contentID);
 
 } // namespace kelm::host

@@ -7,11 +7,11 @@ namespace kelm::host {
 
 /// Takes away what a program left that was killed while it gave the disk new grains: grains behind
 /// the last one that a table names, which nothing refers to, and redundant tables that lag behind
-/// their main ones. Work that is done again so takes no more space than work done at once. Each file
-/// that was shortened is a warning in the log, with the number of bytes.
+/// their main ones. Work that is done again so takes no more space than work done at once. Each
+/// file that was shortened is a warning in the log, with the number of bytes.
 ///
-/// A damaged table is an error as in `verifyTables`, before anything is changed: its grains must not
-/// pass for dead space. A file whose tables do not all lie before its grains, as those of other
+/// A damaged table is an error as in `verifyTables`, before anything is changed: its grains must
+/// not pass for dead space. A file whose tables do not all lie before its grains, as those of other
 /// software may, keeps its length.
 ///
 /// `disk` is open for writing and has no unflushed changes. Returns whether a file was changed; the

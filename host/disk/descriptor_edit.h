@@ -20,11 +20,11 @@ struct TextSpan {
 /// The lines of a text, without their line ends.
 std::vector<TextSpan> splitLines(std::string_view text);
 
-/// Replaces a part of the text by bytes of another length, so that a power cut can do as little harm
-/// as possible. Where a comment in the same sector can make up for the length (blanks behind it, or
-/// letters off its end), all lines behind keep their places, and the areas differ in a single
-/// sector, which a cut leaves old or new. Otherwise the lines behind move. The comments by which
-/// other software knows a descriptor stay. Nothing, if the area has no room.
+/// Replaces a part of the text by bytes of another length, so that a power cut can do as little
+/// harm as possible. Where a comment in the same sector can make up for the length (blanks behind
+/// it, or letters off its end), all lines behind keep their places, and the areas differ in a
+/// single sector, which a cut leaves old or new. Otherwise the lines behind move. The comments by
+/// which other software knows a descriptor stay. Nothing, if the area has no room.
 std::optional<DescriptorArea> replaceInArea(DescriptorArea const& area, TextSpan const& old,
                                             std::string const& replacement);
 

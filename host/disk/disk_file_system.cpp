@@ -300,8 +300,8 @@ yx::P<yx::IIOStream> DiskFileSystem::openLockFile(Member& member, yx::CURI const
         verifyIsDisk(member);
     } catch (yx::CError const& error) {
         error.nop();
-        // Without a lock file in sight the library goes on to the main file, and gets the error there
-        // as it is.
+        // Without a lock file in sight the library goes on to the main file, and gets the error
+        // there as it is.
         member.refusal = std::current_exception();
         m_hidden.insert(uri.toNormalized());
         throw;

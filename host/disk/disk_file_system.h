@@ -25,17 +25,18 @@ namespace kelm::host {
 /// - A file that is opened again is the same file. One that somebody replaced meanwhile is
 ///   `CIOError` `IOFailure` "The file was replaced by another one while the disk was open." with
 ///   "uri", since it would be read and written by the tables of the old one, and is not deleted
-///   either; one that was deleted is not made again. Only for files of the operating system; see `yx::INativeStream`.
+///   either; one that was deleted is not made again. Only for files of the operating system; see
+///   `yx::INativeStream`.
 /// - Only files that the descriptors may reach are opened, made or deleted (`DiskReach`), and those
 ///   of the parents are only read. Anything else is `CIOError` `NotAllowed`.
 /// - An unfinished disk, or one with an unfinished parent, is `UnfinishedDiskError`, unless it is
 ///   trusted (`DiskTrust::unfinished`).
 /// - A raw image, or another file that is no disk, is refused as `verifyIsExtentOrText` does.
 /// - A reader who may not write a lock file takes its lock through a stream for reading, and goes
-///   on without the lock file where that cannot be had either but the disk's main file is locked: an
-///   old lock file of another user, or on a medium that cannot be written, keeps no reader out. One
-///   that somebody holds alone does: `CLockFileError` "The disk is in use: its lock file is held by
-///   another program or another open disk." with "uri".
+///   on without the lock file where that cannot be had either but the disk's main file is locked:
+///   an old lock file of another user, or on a medium that cannot be written, keeps no reader out.
+///   One that somebody holds alone does: `CLockFileError` "The disk is in use: its lock file is
+///   held by another program or another open disk." with "uri".
 ///
 /// A descriptor is read when its file is first opened, which the library does under the lock. That
 /// of a parent is looked at once before, since nothing is to be made beside a file that is no disk.
@@ -62,8 +63,8 @@ public:
     DiskTrust const& getTrust() const { return m_trust; }
 
     /// Brings the right name of a disk in one file to the device, if the descriptor has a wrong one
-    /// and a single sector is changed by that. Otherwise the next one who stores the descriptor does
-    /// it. For a disk that is open for writing, before anything else stores its descriptor.
+    /// and a single sector is changed by that. Otherwise the next one who stores the descriptor
+    /// does it. For a disk that is open for writing, before anything else stores its descriptor.
     void storeOwnName();
 
 private:

@@ -11,9 +11,10 @@ class CVMDKDisk;
 
 namespace kelm::host {
 
-/// The extents of a disk in order, without gaps, as its descriptor names them. `mainFile` is where the
-/// descriptor lies. A size below 0, or beyond what positions of 64 bits reach, is `yx::CIOError`
-/// `CorruptData` "Invalid extent size in VMDK descriptor: " and the number, with "uri".
+/// The extents of a disk in order, without gaps, as its descriptor names them. `mainFile` is where
+/// the descriptor lies. A size below 0, or beyond what positions of 64 bits reach, is
+/// `yx::CIOError` `CorruptData` "Invalid extent size in VMDK descriptor: " and the number, with
+/// "uri".
 std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
                                              yx::CURI const& mainFile, __int64 grainSizeBytes,
                                              bool isCompressed);

@@ -20,10 +20,10 @@ public:
     /// Refuses an extent file that is not to be reached. A file that does not exist is judged by
     /// its folder, and one whose folder does not exist either is nothing that could be reached.
     ///
-    /// Throws `yx::CIOError` `NotAllowed` with "uri" and "folder": "The disk names a file outside of
-    /// its folder. If you trust the disk, allow that file's folder (--allow-path, allow-path=)."; and
-    /// with "uri": "An extent of the disk is no regular file.". A name that cannot be resolved for
-    /// another reason is what `throwSystemError` makes of it.
+    /// Throws `yx::CIOError` `NotAllowed` with "uri" and "folder": "The disk names a file outside
+    /// of its folder. If you trust the disk, allow that file's folder (--allow-path,
+    /// allow-path=)."; and with "uri": "An extent of the disk is no regular file.". A name that
+    /// cannot be resolved for another reason is what `throwSystemError` makes of it.
     void verifyExtent(yx::CURI const& extent) const;
 
     /// Refuses a main file, of a parent, that is no regular file: opening one may wait for ever.

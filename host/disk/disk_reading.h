@@ -36,7 +36,8 @@ public:
     bool isWritten(__int64 positionBytes, __int64 bytes);
     bool isGrainWritten(__int64 grainIndex);
 
-    /// Whether this very disk holds all of a range, or of a grain. See `ChainGrains::isWrittenHere`.
+    /// Whether this very disk holds all of a range, or of a grain. See
+    /// `ChainGrains::isWrittenHere`.
     bool isWrittenHere(__int64 positionBytes, __int64 bytes);
     bool isGrainWrittenHere(__int64 grainIndex);
 

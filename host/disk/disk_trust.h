@@ -25,8 +25,8 @@ struct DiskTrust {
     /// them.
     std::vector<yx::CURI> allowedPaths;
 
-    /// Whether a disk may pass `kMaxGrainSizeBytes`, `kMaxExtents`, and, for extents whose files are
-    /// made on demand and are not there, `kMaxBytesWithoutFile` together.
+    /// Whether a disk may pass `kMaxGrainSizeBytes`, `kMaxExtents`, and, for extents whose files
+    /// are made on demand and are not there, `kMaxBytesWithoutFile` together.
     bool allowOversize = false;
 
     /// Others are `UnfinishedDiskError`.

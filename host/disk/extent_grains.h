@@ -21,9 +21,9 @@ struct FileGrain {
     /// Whether the file stores its grains compressed.
     bool isCompressed = false;
 
-    /// Where the parent is read for the grain's first byte if the file does not hold the grain. Other
-    /// than `startBytes` where an extent has a grain size of its own, or begins within a grain of
-    /// the disk.
+    /// Where the parent is read for the grain's first byte if the file does not hold the grain.
+    /// Other than `startBytes` where an extent has a grain size of its own, or begins within a
+    /// grain of the disk.
     __int64 parentStartBytes = 0;
 
     /// Whether it is a grain of the disk as a whole: of the size and form that the disk has, where

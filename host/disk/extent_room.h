@@ -27,9 +27,9 @@ public:
         __int64 worstCaseBytes;
     };
 
-    /// `layout` must outlive the object. `grainRoomOf` is asked once for each extent that is reached;
-    /// what it throws passes. `flush` brings what was written to the files, so that their lengths
-    /// count.
+    /// `layout` must outlive the object. `grainRoomOf` is asked once for each extent that is
+    /// reached; what it throws passes. `flush` brings what was written to the files, so that their
+    /// lengths count.
     ExtentRoom(yx::IFileSystem* fileSystem, DiskLayout const& layout,
                std::function<GrainRoom(DiskExtent const&)> grainRoomOf,
                std::function<void()> flush);

@@ -120,11 +120,11 @@ yx::P<yx::IIOStream> FileGuard::openFile(yx::CURI const& uri, yx::IIOStream::Acc
     return stream;
 }
 
-/// Takes away a file that may be replaced, and notes the new one. On file systems of hosts it is made
-/// only when it is opened; an opening that fails late may have made it.
+/// Takes away a file that may be replaced, and notes the new one. On file systems of hosts it is
+/// made only when it is opened; an opening that fails late may have made it.
 ///
-/// The first file is the main one. Before others are replaced, that is on the device: a descriptor that
-/// a power cut brought back would find the new disk's extents under the names of its own.
+/// The first file is the main one. Before others are replaced, that is on the device: a descriptor
+/// that a power cut brought back would find the new disk's extents under the names of its own.
 FileGuard::MadeFile& FileGuard::makeFile(yx::CURI const& uri) {
     if (m_cancel)
         m_cancel->check();

@@ -65,8 +65,8 @@ public:
     bool fileExists(yx::CURI const& uri) override;
 
     /// Deleting a file that was there before is `CIOError` `AlreadyExists` with "uri"; one that
-    /// replaced a file that was made here stays. The latter is then missing: without `ignoreMissing`
-    /// that is `IOFailure` as for `verifyFilesAreThere`.
+    /// replaced a file that was made here stays. The latter is then missing: without
+    /// `ignoreMissing` that is `IOFailure` as for `verifyFilesAreThere`.
     void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
 
 private:

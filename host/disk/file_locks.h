@@ -9,8 +9,8 @@
 
 namespace kelm::host {
 
-/// The whole message where a lock on a file of a disk is in the way, as `yx::kLockFileInUseMessage` is
-/// where the lock file is.
+/// The whole message where a lock on a file of a disk is in the way, as `yx::kLockFileInUseMessage`
+/// is where the lock file is.
 inline constexpr char kFileInUseMessage[] =
     "The disk is in use: its file is held by another program or another open disk.";
 
@@ -31,13 +31,13 @@ public:
     /// are those of `FileLock::take`.
     bool take(yx::CURI const& uri, FileLock::Type type);
 
-    /// Makes a new, empty file, locks it alone and says which one it is. Of two who make a file of one
-    /// name, one fails.
+    /// Makes a new, empty file, locks it alone and says which one it is. Of two who make a file of
+    /// one name, one fails.
     ///
-    /// A file that is there is `yx::CIOError` `AlreadyExists` "The file exists already." with "uri";
-    /// one that another program was quicker to lock is `CLockFileError` as in `take`. That program
-    /// may also have taken the file away, so that the name may be another file's by now. Other
-    /// errors are those of `throwSystemError`. For `file:` URIs.
+    /// A file that is there is `yx::CIOError` `AlreadyExists` "The file exists already." with
+    /// "uri"; one that another program was quicker to lock is `CLockFileError` as in `take`. That
+    /// program may also have taken the file away, so that the name may be another file's by now.
+    /// Other errors are those of `throwSystemError`. For `file:` URIs.
     FileIdentity makeFile(yx::CURI const& uri);
 
     /// Ends all locks.

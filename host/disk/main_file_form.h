@@ -4,8 +4,8 @@
 
 namespace kelm::host {
 
-/// Refuses what is given as a disk and is none, in words that say what it is; the library would only
-/// say which part of a descriptor is missing. Each error is a `yx::CIOError` with "uri":
+/// Refuses what is given as a disk and is none, in words that say what it is; the library would
+/// only say which part of a descriptor is missing. Each error is a `yx::CIOError` with "uri":
 ///
 /// - a raw image, or anything else that begins with bytes of no text: `CorruptData` "The file is a
 ///   raw image, not a disk, or its beginning is destroyed."

@@ -31,12 +31,13 @@ struct NewDisk {
     /// The parent's main file; empty for none. It is opened with `password` too.
     yx::CURI parent;
 
-    /// Whether the disk is unfinished until `SafeDisk::markComplete`, since it is made to be filled.
+    /// Whether the disk is unfinished until `SafeDisk::markComplete`, since it is made to be
+    /// filled.
     bool isToBeFilled = false;
 
-    /// What its `DiskRecord` is to say: the exact size of the image that it is filled with, in bytes,
-    /// when that was taken, of what and where, and what a person says of it; -1 and "" if that is not
-    /// known.
+    /// What its `DiskRecord` is to say: the exact size of the image that it is filled with, in
+    /// bytes, when that was taken, of what and where, and what a person says of it; -1 and "" if
+    /// that is not known.
     __int64 imageBytes = -1;
     std::string time;
     std::string source;
@@ -50,9 +51,9 @@ struct NewDisk {
 
 /// Refuses what cannot become a disk that works, by `yx::CInvalidArgError` at "SafeDisk::create": a
 /// single file that could pass 2 TiB, with splitting named as the way out, a name that ends in
-/// ".lock", that a descriptor cannot hold, or that is so long that the lock file or the extent files
-/// could not be named, and the name of a device, a pipe or a folder. The message says what is in the
-/// way.
+/// ".lock", that a descriptor cannot hold, or that is so long that the lock file or the extent
+/// files could not be named, and the name of a device, a pipe or a folder. The message says what is
+/// in the way.
 void verifyCanBeMade(yx::CURI const& uri, NewDisk const& request);
 
 /// The most bytes that a grain takes in a file, enciphering included.

@@ -17,8 +17,8 @@ public:
     /// Gives a grain that the parent holds a copy of its own. Flushes first if there are unwritten
     /// changes, which a grain without a place of its own would lose. Grains that are here, or
     /// nowhere in the chain, stay as they are, and so does a grain that has no prepared form
-    /// (`FileGrain::isGrainOfDisk`) and reads as zeros, as it does without a parent too. The content
-    /// ID stays.
+    /// (`FileGrain::isGrainOfDisk`) and reads as zeros, as it does without a parent too. The
+    /// content ID stays.
     void makeGrainIndependent(__int64 grainIndex);
 
 private:

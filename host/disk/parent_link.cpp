@@ -8,7 +8,8 @@ namespace kelm::host {
 namespace {
 
 void setParentHint(CVMDKDescriptor& descriptor, yx::String const& hint) {
-    // A line without quotes, as other software may write it, stays one, and loses blanks at the ends.
+    // A line without quotes, as other software may write it, stays one, and loses blanks at the
+    // ends.
     if (hint.wx() != hint.wx().Strip(wxString::both))
         descriptor.removeParentFileNameHint();
     descriptor.setParentFileNameHint(hint);

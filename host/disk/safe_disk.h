@@ -55,21 +55,21 @@ public:
     /// missing extent file of a disk to be written to is `NotFound` with that file's "uri". A disk
     /// in which an extent but the last is no whole number of grains is `NotSupported` for writing.
     /// `readCacheLimit` is the most grain tables that a disk opened for reading keeps; one that is
-    /// opened for writing keeps up to `kMaxTablesInMemory`. What `trust` does not admit is refused as
-    /// `DiskReach` says, and so it is in the parents.
+    /// opened for writing keeps up to `kMaxTablesInMemory`. What `trust` does not admit is refused
+    /// as `DiskReach` says, and so it is in the parents.
     SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
              yx::String const& password, int compressionLevel = -1,
              int readCacheLimit = CVMDKGrainTableCache::kDefaultLimit, DiskTrust const& trust = {});
 
     /// Makes a disk through `files` and opens it for writing. An existing file in the place of one
     /// of the disk's files is `CIOError` `AlreadyExists`, unless `files` may overwrite. What
-    /// `verifyCanBeMade` refuses is `CInvalidArgError`, and so is a splitting into more files than a
-    /// descriptor can name; a folder that cannot be written to is refused as
+    /// `verifyCanBeMade` refuses is `CInvalidArgError`, and so is a splitting into more files than
+    /// a descriptor can name; a folder that cannot be written to is refused as
     /// `verifyMayWriteInFolderOf` does. Even where `files` may overwrite, an
     /// existing disk that is in use is `CLockFileError`, and a file of one of the parents is
     /// `NotAllowed`. The guard takes away what was made, unless `FileGuard::keep` is called once
-    /// the disk is as it should be. The disk must be closed before the guard ends. If the program or
-    /// the machine ends in the middle, what is left is no disk, or all of this one.
+    /// the disk is as it should be. The disk must be closed before the guard ends. If the program
+    /// or the machine ends in the middle, what is left is no disk, or all of this one.
     static std::unique_ptr<SafeDisk> create(FileGuard* files, yx::CURI const& uri,
                                             NewDisk const& request);
 

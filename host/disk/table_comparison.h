@@ -40,10 +40,10 @@ void compareRedundantTables(yx::IIOStream& stream, __int64 startGrainIndex,
                             CancelFlag const* cancel,
                             std::function<void(DamagedTable const&)> const& report);
 
-/// Writes each redundant table that differs from its main table anew, and brings that to the device.
-/// For extents in which `compareRedundantTables` has found nothing, so that every difference is a
-/// copy that lags. Returns how many were written. Tables that do not lie in the file are passed over.
-/// The stream is open for writing. `cancel` may be null.
+/// Writes each redundant table that differs from its main table anew, and brings that to the
+/// device. For extents in which `compareRedundantTables` has found nothing, so that every
+/// difference is a copy that lags. Returns how many were written. Tables that do not lie in the
+/// file are passed over. The stream is open for writing. `cancel` may be null.
 __int64 renewRedundantTables(yx::IIOStream& stream, CancelFlag const* cancel);
 
 /// Where the last of all grain tables and directories ends, main and redundant, in sectors; 0 if

@@ -29,9 +29,9 @@ struct DamagedTablePlace {
 void findDamagedTables(SafeDisk& disk, CancelFlag const* cancel,
                        std::function<void(DamagedTablePlace const&)> const& report);
 
-/// The same, but ends with `yx::CIOError` `CorruptData` if a table is damaged: "Grain table 3 differs
-/// from its redundant copy, so its grains may be lost." with "uri" of the file, "table", "grains"
-/// and "bytes", the first and the last grain and byte of the table's stretch of the disk
+/// The same, but ends with `yx::CIOError` `CorruptData` if a table is damaged: "Grain table 3
+/// differs from its redundant copy, so its grains may be lost." with "uri" of the file, "table",
+/// "grains" and "bytes", the first and the last grain and byte of the table's stretch of the disk
 /// ("1536-2047"), and "damagedTables", their number. It names the first damaged table.
 void verifyTables(SafeDisk& disk, CancelFlag const* cancel);
 

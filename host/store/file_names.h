@@ -18,8 +18,9 @@ yx::CURI uriFromArgument(std::string const& argument);
 /// operating system, by whatever links.
 bool isSameFile(yx::CURI const& left, yx::CURI const& right);
 
-/// Whether a name is that of something else than a regular file, links followed: a device, a pipe, a
-/// folder. What does not exist is nothing else, and neither is a file of another URI than "file:".
+/// Whether a name is that of something else than a regular file, links followed: a device, a pipe,
+/// a folder. What does not exist is nothing else, and neither is a file of another URI than
+/// "file:".
 bool isOtherThanFile(yx::CURI const& uri);
 
 /// Whether a descriptor in `folder` that says `reference` means `file`.
@@ -27,8 +28,8 @@ bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI
 
 /// The text by which a descriptor in `folder` refers to `file`: a relative path if `file` lies in
 /// or below the folder or beside it, otherwise its URI. Read back by `vmdkFileReferenceToURI`. A
-/// name whose escapes are no UTF-8 goes in as a URI, in which they stay as they are. A name may begin
-/// or end with a blank, so the text is for values in quotes.
+/// name whose escapes are no UTF-8 goes in as a URI, in which they stay as they are. A name may
+/// begin or end with a blank, so the text is for values in quotes.
 yx::String makeFileReference(yx::CURI const& folder, yx::CURI const& file);
 
 } // namespace kelm::host

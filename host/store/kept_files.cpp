@@ -125,7 +125,8 @@ void KeptFiles::removeSecondNames() const {
 
 void KeptFiles::drop() {
     m_isDropped = true;
-    // Once these are gone, nothing would tell of files of the former disk that a power cut brings back.
+    // Once these are gone, nothing would tell of files of the former disk that a power cut brings
+    // back.
     try {
         syncFolder(fs::path(m_folder).parent_path().string());
     } catch (yx::CError const& error) {

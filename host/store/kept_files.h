@@ -24,9 +24,9 @@ public:
     KeptFiles(KeptFiles const&) = delete;
     KeptFiles& operator=(KeptFiles const&) = delete;
 
-    /// Puts the files back under their first names, unless `drop` was called: the first one last, and
-    /// only then the second names go. A name that another file has by now stays that file's; then
-    /// the folder stays, and a warning names it.
+    /// Puts the files back under their first names, unless `drop` was called: the first one last,
+    /// and only then the second names go. A name that another file has by now stays that file's;
+    /// then the folder stays, and a warning names it.
     ~KeptFiles();
 
     /// Deletes the second names, since what replaced the files is complete, once all that was done

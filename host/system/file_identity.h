@@ -32,8 +32,8 @@ struct FileIdentity {
     }
 };
 
-/// That of the file that a path leads to, links followed; nothing if there is none, or none that can
-/// be asked about.
+/// That of the file that a path leads to, links followed; nothing if there is none, or none that
+/// can be asked about.
 std::optional<FileIdentity> identifyFile(std::string const& path);
 
 /// The same of the file that a URI names; nothing if that is no file of the operating system.

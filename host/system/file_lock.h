@@ -9,8 +9,9 @@
 namespace kelm::host {
 
 /// A lock on a whole file of the operating system, whatever name it was reached by: two names of
-/// one file, a hard link or a bind mount, are the same lock. It belongs to this object and ends with
-/// it, also when the process is killed; two objects of one process conflict as two processes do.
+/// one file, a hard link or a bind mount, are the same lock. It belongs to this object and ends
+/// with it, also when the process is killed; two objects of one process conflict as two processes
+/// do.
 ///
 /// Only those who ask for such a lock notice it. Not for files that are named by a URI of another
 /// kind than "file".

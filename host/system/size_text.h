@@ -14,8 +14,8 @@ __int64 parseSize(std::string const& text);
 /// A size for people, with one decimal from 1 KiB on: "512 bytes", "1.5 GiB".
 std::string formatSize(__int64 sizeBytes);
 
-/// A range of bytes or grains by its first and its last: "65536-131071". `end` is behind the last; an
-/// empty range is shown as its first.
+/// A range of bytes or grains by its first and its last: "65536-131071". `end` is behind the last;
+/// an empty range is shown as its first.
 std::string formatRange(__int64 first, __int64 end);
 
 } // namespace kelm::host

@@ -7,8 +7,8 @@
 namespace kelm::host {
 
 /// Copies the content of a disk to another one, which is at least as large and reads as zeros, and
-/// flushes it. Where both disks store grains of one size compressed, records are copied as they are,
-/// without being compressed anew; `check` says whether they are verified first.
+/// flushes it. Where both disks store grains of one size compressed, records are copied as they
+/// are, without being compressed anew; `check` says whether they are verified first.
 ///
 /// A smaller target is `CIOError` `NotAllowed`. A grain that cannot be read or decoded, or whose
 /// record fails the check, ends the conversion; the error has the grain's place, as `addGrainPlace`

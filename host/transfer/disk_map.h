@@ -28,8 +28,8 @@ struct GrainRun {
     __int64 endBytes() const { return startBytes + lengthBytes; }
 };
 
-/// Gives the runs of a disk to `use`, in order and without gaps, each as long as possible. Reads all
-/// tables of the disk and of its parents. What `use` throws is passed on.
+/// Gives the runs of a disk to `use`, in order and without gaps, each as long as possible. Reads
+/// all tables of the disk and of its parents. What `use` throws is passed on.
 void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
                      std::function<void(GrainRun const&)> const& use);
 

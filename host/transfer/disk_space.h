@@ -5,10 +5,10 @@
 
 namespace kelm::host {
 
-/// How the files of a disk use their space. The same as `CVMDKDisk::gatherSpaceInfo`, but it reports
-/// progress, can be cancelled, and leaves the disk's cursor and its table cache alone. Reads all
-/// tables of the disk. Dead space is 0 in a file whose tables claim more than it has. Sizes in a
-/// header that no disk can have are `CIOError` `CorruptData`.
+/// How the files of a disk use their space. The same as `CVMDKDisk::gatherSpaceInfo`, but it
+/// reports progress, can be cancelled, and leaves the disk's cursor and its table cache alone.
+/// Reads all tables of the disk. Dead space is 0 in a file whose tables claim more than it has.
+/// Sizes in a header that no disk can have are `CIOError` `CorruptData`.
 CVMDKSpaceInfo gatherSpace(SafeDisk& disk, WorkOptions const& options);
 
 } // namespace kelm::host

@@ -12,8 +12,8 @@ namespace kelm::host {
 ///
 /// Reads what the disk and its parents hold behind the exact size: less than 64 KiB, or in the
 /// smallest disks 8 MiB, unless others made the record. A record that cannot be right is `CIOError`
-/// `CorruptData` with "uri" of the main file. A grain there that cannot be read is an error that has
-/// the grain's place, as `addGrainPlace` says.
+/// `CorruptData` with "uri" of the main file. A grain there that cannot be read is an error that
+/// has the grain's place, as `addGrainPlace` says.
 __int64 getExactSizeBytes(SafeDisk& disk);
 
 /// Whether the disk keeps an exact size, right or wrong.

@@ -13,8 +13,8 @@ namespace kelm::host {
 /// since a disk serves one thread.
 class GrainPipeline {
 public:
-    /// Sets `result` of an item. Called on the worker threads; `worker` counts these from 0. Touches
-    /// no disk.
+    /// Sets `result` of an item. Called on the worker threads; `worker` counts these from 0.
+    /// Touches no disk.
     using Work = std::function<void(GrainItem& item, int worker)>;
 
     /// Reads the next grain into an item, or returns false if there is none.

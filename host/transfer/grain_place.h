@@ -8,8 +8,8 @@
 namespace kelm::host {
 
 /// Adds to an error where the grain lies that it came from: "uri", the file that holds the grain,
-/// unless the error names a file already; "grain", its index in the disk; and "bytes", its first and
-/// last byte in the disk, as "65536-131071". The disk's cursor moves.
+/// unless the error names a file already; "grain", its index in the disk; and "bytes", its first
+/// and last byte in the disk, as "65536-131071". The disk's cursor moves.
 ///
 /// For a grain of a parent, "uri" is the file of the nearest parent that holds it, or the nearest
 /// parent's main file if the parents cannot be opened to find out.
@@ -19,8 +19,8 @@ void addGrainPlace(yx::CError& error, SafeDisk& disk, __int64 grainIndex);
 /// `GrainPipeline::run`.
 std::function<void(yx::CIOError& error, __int64 grainIndex)> grainPlaceOf(SafeDisk& disk);
 
-/// Runs a step that reads a grain. If that throws a `yx::CIOError`, the error gets the grain's place
-/// by `addGrainPlace` on its way.
+/// Runs a step that reads a grain. If that throws a `yx::CIOError`, the error gets the grain's
+/// place by `addGrainPlace` on its way.
 void withGrainPlace(SafeDisk& disk, __int64 grainIndex, std::function<void()> const& step);
 
 /// Reads as `SafeDisk::read`. A `yx::CIOError` gets the place of the first grain of the range that

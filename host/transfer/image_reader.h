@@ -17,9 +17,9 @@ public:
     ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length);
 
     /// Reads the next grain and sets its index, or returns false at the end of the image. `grain`
-    /// gets the full size of a grain, or 0 bytes for a grain in a hole. What the image does not have
-    /// of its last grain is what the disk has there. An image that is shorter than it must be is
-    /// `CIOError` `NotAllowed` "The image ended early." with "imageSize" and "expectedSize".
+    /// gets the full size of a grain, or 0 bytes for a grain in a hole. What the image does not
+    /// have of its last grain is what the disk has there. An image that is shorter than it must be
+    /// is `CIOError` `NotAllowed` "The image ended early." with "imageSize" and "expectedSize".
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex);
 
     /// How many bytes of the image have been read.

@@ -29,8 +29,8 @@ public:
     /// Writes a grain in its turn. Null is a grain of zeros.
     void write(__int64 grainIndex, yx::TBuffer<unsigned char> const* grain);
 
-    /// The turn of a grain that was given to `writeEarly`, or of a grain of zeros, which is null and
-    /// was not.
+    /// The turn of a grain that was given to `writeEarly`, or of a grain of zeros, which is null
+    /// and was not.
     void writeLate(__int64 grainIndex, yx::TBuffer<unsigned char> const* grain);
 
     /// Writes zeros up to the size of the image, and brings the image to the device.

@@ -73,8 +73,9 @@ public:
     ParentSlots(yx::IFileSystem* files, ChainMember member)
         : m_files(files), m_extents(std::move(member.extents)) {}
 
-    /// The size of the slot of the grain at a position; 0 if the parent does not hold it. Nothing if
-    /// the file is not compressed or has grains of another size: such grains are compressed anew.
+    /// The size of the slot of the grain at a position; 0 if the parent does not hold it. Nothing
+    /// if the file is not compressed or has grains of another size: such grains are compressed
+    /// anew.
     std::optional<__int64> getBytesAt(__int64 positionBytes, __int64 grainSizeBytes) {
         while (m_index < m_extents.size() && m_extents[m_index].endBytes <= positionBytes) {
             ++m_index;

@@ -18,8 +18,8 @@ enum class PresentContent {
 ///
 /// An image longer than the disk, or than `length`, is `CIOError` `NotAllowed`, for a pipe once it
 /// has delivered too much. A shorter one than `length` admits is `CIOError` `NotAllowed`, once
-/// what has come is in the disk. Give a length for every pipe: one whose writer fails just ends. On a
-/// child disk `beginWholeReading` comes first.
+/// what has come is in the disk. Give a length for every pipe: one whose writer fails just ends. On
+/// a child disk `beginWholeReading` comes first.
 ///
 /// `present` says what the disk holds.
 void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,

@@ -8,9 +8,9 @@
 
 namespace kelm::host {
 
-/// A raw image that is read from start to end: a file, a block device, or a pipe. Holes of files are
-/// not read. Not for disks, nor for reading at random. Errors are `yx::CIOError` with the path under
-/// "path".
+/// A raw image that is read from start to end: a file, a block device, or a pipe. Holes of files
+/// are not read. Not for disks, nor for reading at random. Errors are `yx::CIOError` with the path
+/// under "path".
 class RawSource {
 public:
     /// "-" is standard input, from its current position. While a pipe has nothing to read, `cancel`

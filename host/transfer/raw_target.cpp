@@ -26,8 +26,8 @@ std::string realPath(std::string const& path) {
     return resolved ? resolved.get() : path;
 }
 
-/// A pipe gets a descriptor of our own, which does not wait, so that no signal is lost while a write
-/// begins; whoever shares standard output sees nothing of that.
+/// A pipe gets a descriptor of our own, which does not wait, so that no signal is lost while a
+/// write begins; whoever shares standard output sees nothing of that.
 FileDescriptor openStandardOutput() {
     struct stat status = {};
     if (::fstat(STDOUT_FILENO, &status) == 0 && S_ISFIFO(status.st_mode)) {

@@ -9,14 +9,14 @@
 
 namespace kelm::host {
 
-/// A raw image that is written from start to end: a new file, a block device, or a pipe. Zeros become
-/// holes in a file. A file that was made or emptied and is not finished is removed. Not for disks.
-/// Errors are `yx::CIOError` with the path under "path".
+/// A raw image that is written from start to end: a new file, a block device, or a pipe. Zeros
+/// become holes in a file. A file that was made or emptied and is not finished is removed. Not for
+/// disks. Errors are `yx::CIOError` with the path under "path".
 ///
 /// A block device is opened alone: one that is mounted or otherwise taken is `yx::CLockFileError`
 /// "The device is in use." with "path". A file is locked (`FileLock`) until this ends: one that a
-/// disk has open, or that is written by another program of ours, is `CLockFileError` "The file is in
-/// use." with "path".
+/// disk has open, or that is written by another program of ours, is `CLockFileError` "The file is
+/// in use." with "path".
 class RawTarget {
 public:
     /// "-" is standard output. A file or a block device that exists is `AlreadyExists` unless
@@ -27,11 +27,11 @@ public:
     RawTarget& operator=(RawTarget const&) = delete;
     ~RawTarget();
 
-    /// Refuses an image that can be seen not to fit, before anything is written: one longer than the
-    /// block device, or than the limit on the size of a file that the process has (RLIMIT_FSIZE).
-    /// Such an image is `CIOError` `NoSpace` "The target is too small for the image." with "path",
-    /// "imageSize" and "targetSize" in bytes. Whether a file system has enough free space cannot be
-    /// seen in advance, since zeros take none.
+    /// Refuses an image that can be seen not to fit, before anything is written: one longer than
+    /// the block device, or than the limit on the size of a file that the process has
+    /// (RLIMIT_FSIZE). Such an image is `CIOError` `NoSpace` "The target is too small for the
+    /// image." with "path", "imageSize" and "targetSize" in bytes. Whether a file system has enough
+    /// free space cannot be seen in advance, since zeros take none.
     void verifyHasRoomFor(__int64 imageBytes) const;
 
     /// Writes the next bytes.
@@ -44,8 +44,8 @@ public:
     /// pipe.
     bool beginWritingAnywhere();
 
-    /// Writes at the given place, once `beginWritingAnywhere` has returned true. Several threads may
-    /// do so at once, each at another place, also while any other function of the object runs.
+    /// Writes at the given place, once `beginWritingAnywhere` has returned true. Several threads
+    /// may do so at once, each at another place, also while any other function of the object runs.
     void writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const;
 
     /// Counts as the next bytes what `writeAt` has written behind the current position.

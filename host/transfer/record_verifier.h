@@ -22,8 +22,8 @@ public:
     /// Verifies the input of an item, which is prepared; uses `aux1`. `CIOError` `CorruptData` if
     /// the record names another grain ("The record of the grain names another grain.", with
     /// "recordLBA" and "expectedLBA"), if it is shorter than its header says ("The record of the
-    /// grain is too short.", with "compressedGrainSize"), or if it cannot be decoded, which includes
-    /// the checksum of its data.
+    /// grain is too short.", with "compressedGrainSize"), or if it cannot be decoded, which
+    /// includes the checksum of its data.
     void verify(GrainItem const& item, int worker);
 
 private:

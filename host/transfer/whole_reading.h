@@ -4,9 +4,10 @@
 
 namespace kelm::host {
 
-/// Comes first on every road that reads a whole disk: exports, conversions, comparisons, imports over
-/// a parent, copies of what parents hold, and serving. What was damaged must not pass for zeros, or
-/// for another disk, so this looks at the disk and its parents before the first byte is handed out:
+/// Comes first on every road that reads a whole disk: exports, conversions, comparisons, imports
+/// over a parent, copies of what parents hold, and serving. What was damaged must not pass for
+/// zeros, or for another disk, so this looks at the disk and its parents before the first byte is
+/// handed out:
 ///
 /// - A damaged grain table is an error; see `verifyTables`.
 /// - A descriptor that differs from its checksum is logged as a warning, one for each disk. It may

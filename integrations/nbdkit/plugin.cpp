@@ -220,8 +220,8 @@ int getReady() {
     });
 }
 
-/// Opens the disk, and waits if it is in use. A server that is to stop, and a client that has gone, end
-/// the wait by `CancelledError`.
+/// Opens the disk, and waits if it is in use. A server that is to stop, and a client that has gone,
+/// end the wait by `CancelledError`.
 void openServedDisk(yx::IIOStream::Access access) {
     busyWait.retry([access] {
         if (busyWait.isOn() && nbdkit_nanosleep(0, 0) != 0)

@@ -40,8 +40,8 @@ public:
     ~ServedDisk() = default;
 
     /// Opens the disk and its parents, unless it is open with that access or more. A disk that is
-    /// open for reading is closed and opened anew for writing; if that fails it is closed. A disk with
-    /// damaged grain tables is refused; see `host::beginWholeReading`.
+    /// open for reading is closed and opened anew for writing; if that fails it is closed. A disk
+    /// with damaged grain tables is refused; see `host::beginWholeReading`.
     void open(yx::IIOStream::Access access);
 
     /// Flushes and closes the disk; closed it is even if the flush fails. Does nothing on a disk

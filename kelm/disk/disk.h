@@ -18,8 +18,8 @@
 
 namespace kelm {
 
-/// The whole message of the error of an encrypted disk that is opened without a password, and of one
-/// that is opened with a wrong one. No code of an error says it, so hosts compare with these.
+/// The whole message of the error of an encrypted disk that is opened without a password, and of
+/// one that is opened with a wrong one. No code of an error says it, so hosts compare with these.
 inline constexpr char kPasswordMissingMessage[] = "VMDK is encrypted but no password provided";
 inline constexpr char kPasswordWrongMessage[] =
     "Specified VMDK encryption password is not correct.";

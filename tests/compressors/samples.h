@@ -12,8 +12,8 @@ struct Sample {
     test_support::Bytes bytes;
 };
 
-/// Zeros, text and random bytes of the sizes around which coders behave differently: none, one byte,
-/// a few, a stored block and a grain, and a byte less and more.
+/// Zeros, text and random bytes of the sizes around which coders behave differently: none, one
+/// byte, a few, a stored block and a grain, and a byte less and more.
 std::vector<Sample> const& samples();
 
 /// Random bytes of all values; the same for the same seed.

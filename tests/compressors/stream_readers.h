@@ -11,7 +11,8 @@
 struct StreamReader {
     std::string name;
 
-    /// What the stream holds, at most `roomBytes`. Throws `std::runtime_error` on what it cannot read.
+    /// What the stream holds, at most `roomBytes`. Throws `std::runtime_error` on what it cannot
+    /// read.
     std::function<test_support::Bytes(test_support::Bytes const& stream, std::size_t roomBytes)>
         read;
 };

@@ -57,8 +57,8 @@ void CrashExpectation::finishStep(CrashHistory::Step const& step) {
         Grain& grain = m_grains[static_cast<std::size_t>(index)];
         if (grain.versions.size() == 1)
             continue;
-        // Zeros for a grain without a place are not stored. The bare library then makes the file, but
-        // has nothing in it to flush.
+        // Zeros for a grain without a place are not stored. The bare library then makes the file,
+        // but has nothing in it to flush.
         bool const isStored = std::any_of(grain.versions.begin() + 1, grain.versions.end(),
                                           [](auto const& version) { return !isAllZero(*version); });
         if (m_way == Way::Safe || isStored)

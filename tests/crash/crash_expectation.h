@@ -16,7 +16,8 @@ namespace test_support {
 /// - Any other grain may have been rewritten in its place:
 ///   - Stored plain, each of its sectors is as it was at some time since the flush.
 ///   - Stored enciphered and not compressed, the same, but the first 16 bytes of each sector behind
-///     the first changed byte may be anything, since the cipher chains each block to the one before.
+///     the first changed byte may be anything, since the cipher chains each block to the one
+///     before.
 ///   - Stored compressed, the grain is as it was at some time since the flush, or reading it is an
 ///     error.
 class CrashExpectation {

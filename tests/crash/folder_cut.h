@@ -21,8 +21,8 @@ FolderImage imageOf(std::filesystem::path const& folder);
 /// Makes an empty folder hold these files.
 void putImage(std::filesystem::path const& folder, FolderImage const& image);
 
-/// Rebuilds the states in which a folder can be found after the power was cut while a program worked
-/// in it, from the operations that the library file_log has written down (`FileLogRecord`).
+/// Rebuilds the states in which a folder can be found after the power was cut while a program
+/// worked in it, from the operations that the library file_log has written down (`FileLogRecord`).
 ///
 /// What is there for certain:
 ///
@@ -30,8 +30,8 @@ void putImage(std::filesystem::path const& folder, FolderImage const& image);
 /// - The content of a file that was synced, as it was then, and the names of a folder that was
 ///   synced, as they were then.
 ///
-/// What came later is there in any part: of each name any meaning that it had since, and of each file
-/// any of the changes since, of a write any of its sectors of 512 bytes.
+/// What came later is there in any part: of each name any meaning that it had since, and of each
+/// file any of the changes since, of a write any of its sectors of 512 bytes.
 class FolderCut {
 public:
     /// How much of what no sync covers is there.

@@ -1,5 +1,5 @@
-// A disk that is replaced by `kelm import --force`, and whose power is cut meanwhile: one whole disk is
-// there, the old one or the new one.
+// A disk that is replaced by `kelm import --force`, and whose power is cut meanwhile: one whole
+// disk is there, the old one or the new one.
 
 #include <cstdlib>
 #include <fstream>

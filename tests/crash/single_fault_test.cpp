@@ -62,8 +62,8 @@ int& faultCount() {
 std::vector<WayAndKind> waysAndKinds() {
     std::vector<WayAndKind> chosen;
     for (CrashKind const& kind : allCrashKinds()) {
-        // Enciphering changes no operation, and stretching the password takes time. Of the children,
-        // those with the most files add nothing new either.
+        // Enciphering changes no operation, and stretching the password takes time. Of the
+        // children, those with the most files add nothing new either.
         std::string const name = kind.name();
         bool const isSlow = kind.isChild && kind.disk.compressed && kind.disk.fileSizeLimit > 0;
         if (!isSlow && (!kind.isEncrypted() || name == "encrypted"))

@@ -61,7 +61,8 @@ protected:
         return {};
     }
 
-    /// Expects that the command fails for each of these files of its new disk, deleted and replaced.
+    /// Expects that the command fails for each of these files of its new disk, deleted and
+    /// replaced.
     void expectFailure(Making const& making, std::vector<std::string> const& files) {
         std::set<std::string> const before = listFiles();
         for (std::string const& file : files) {
@@ -88,8 +89,8 @@ protected:
         }
     }
 
-    /// A command that makes the disk new.vmdk of many extents. It makes all of these before it looks
-    /// at its files for the last time.
+    /// A command that makes the disk new.vmdk of many extents. It makes all of these before it
+    /// looks at its files for the last time.
     Making makeSplit(Arguments const& command) {
         return {joined({command, {"new.vmdk", "--size", "1G", "--split", "4M"}}),
                 [this] { return listFiles().count(kLastExtent) == 0; }};

@@ -63,8 +63,8 @@ protected:
         tool.finish();
     }
 
-    /// Converts, and kills the program once it has written to the new disk so many times. Whether it
-    /// was killed before its end.
+    /// Converts, and kills the program once it has written to the new disk so many times. Whether
+    /// it was killed before its end.
     bool convertAndKill(Kind const& kind, int writes) {
         RunningTool tool(
             folder(),

@@ -26,8 +26,8 @@ struct DiskKind {
 
 std::vector<DiskKind> const& allKinds();
 
-/// "disk.vmdk" of one kind in a folder of its own, the parent's being "parent.vmdk", and what a user
-/// does with it: by nbdkit and its clients, and by the program kelm for comparison.
+/// "disk.vmdk" of one kind in a folder of its own, the parent's being "parent.vmdk", and what a
+/// user does with it: by nbdkit and its clients, and by the program kelm for comparison.
 class PluginTest : public endtoend::ToolTest {
 protected:
     PluginTest();

@@ -261,7 +261,8 @@ TEST_F(Plugin, KeepsOthersFromWritingToAParent) {
 TEST_F(Plugin, TakesADiskForWritingBeforeTheFirstClient) {
     makeDisk(kPlain);
     std::unique_ptr<Server> const server = serve();
-    // Who connects is greeted, once the server is ready, and is no client until it asks for the disk.
+    // Who connects is greeted, once the server is ready, and is no client until it asks for the
+    // disk.
     EXPECT_EQ(server->greeting(), "NBDMAGIC");
     Outcome const looked = run({"info", "disk.vmdk"});
     EXPECT_EQ(looked.status, 6);

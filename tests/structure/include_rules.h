@@ -22,8 +22,8 @@ std::vector<Include> findIncludes(std::string const& file, std::string_view text
 /// room or a file cannot be read.
 std::vector<Include> readIncludes(std::filesystem::path const& root);
 
-/// Why the include is forbidden; nothing if it is allowed. Allowed are includes inside a room, those
-/// that go down, and the few upward ones in its list.
+/// Why the include is forbidden; nothing if it is allowed. Allowed are includes inside a room,
+/// those that go down, and the few upward ones in its list.
 std::optional<std::string> findFault(Include const& include);
 
 } // namespace structure

@@ -15,8 +15,8 @@ struct ForeignRange {
     __int64 sizeBytes;
 };
 
-/// Draws one that begins within a grain or at the start of one, and reaches up to several grains and
-/// extents on.
+/// Draws one that begins within a grain or at the start of one, and reaches up to several grains
+/// and extents on.
 ForeignRange drawForeignRange(std::mt19937& random, ForeignDiskModel const& model);
 
 /// A chain of foreign disks with their files, filled through the library alone, as other software

@@ -12,11 +12,11 @@ enum class ZeroGrains {
     AreStored,  ///< as programs must have it
 };
 
-/// What a foreign disk must read as, in plain arrays, by the rules of the library. A changed grain is
-/// in memory until another one is accessed. A grain without data shows the parent, at the byte
+/// What a foreign disk must read as, in plain arrays, by the rules of the library. A changed grain
+/// is in memory until another one is accessed. A grain without data shows the parent, at the byte
 /// position that the library computes from grain indices. For an extent whose grain size is not the
-/// disk's, and for one that does not begin at a grain boundary of the disk, this is not the position
-/// that was asked for.
+/// disk's, and for one that does not begin at a grain boundary of the disk, this is not the
+/// position that was asked for.
 class ForeignDiskModel {
 public:
     /// `below` is what the parent reads as; nothing without a parent.

@@ -4,8 +4,8 @@
 
 namespace test_support {
 
-/// A block device that has the bytes of a file, for as long as it lives; none where the system gives
-/// us none.
+/// A block device that has the bytes of a file, for as long as it lives; none where the system
+/// gives us none.
 class LoopDevice {
 public:
     explicit LoopDevice(std::string const& file);

@@ -18,8 +18,8 @@ namespace test_support {
 
 namespace {
 
-/// Beside the folder, so that a test finds only the program's own files in it; a `TempDirectory` takes
-/// it away too.
+/// Beside the folder, so that a test finds only the program's own files in it; a `TempDirectory`
+/// takes it away too.
 std::string makeErrorFileName(std::filesystem::path const& folder) {
     static int count = 0;
     return folder.string() + "." + std::to_string(++count) + ".stderr";

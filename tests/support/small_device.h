@@ -5,8 +5,8 @@
 
 namespace test_support {
 
-/// A file system in memory that holds little, in a folder, for as long as it lives; none where we may
-/// not mount.
+/// A file system in memory that holds little, in a folder, for as long as it lives; none where we
+/// may not mount.
 class SmallDevice {
 public:
     explicit SmallDevice(std::filesystem::path const& path, int sizeMebibytes = 1);

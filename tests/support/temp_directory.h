@@ -11,10 +11,10 @@ namespace test_support {
 yx::CURI toURI(std::filesystem::path const& path);
 
 /// A new, empty directory of the operating system, removed with all that is in it at the end, also
-/// where a test took permissions away. It stands alone in another new directory, which goes with it:
-/// what a test puts beside it, under its path and a suffix, is not in the test's way and yet not left
-/// behind. What a test that was killed has left goes when the next process makes its first directory:
-/// each is locked for as long as its process lives.
+/// where a test took permissions away. It stands alone in another new directory, which goes with
+/// it: what a test puts beside it, under its path and a suffix, is not in the test's way and yet
+/// not left behind. What a test that was killed has left goes when the next process makes its first
+/// directory: each is locked for as long as its process lives.
 class TempDirectory {
 public:
     TempDirectory();

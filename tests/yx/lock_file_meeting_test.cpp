@@ -27,8 +27,8 @@ using test_support::HookedFileSystem;
 using yx::CLockFile;
 using Kind = FileOperation::Kind;
 
-/// Like `tryTake`, but also null if the party that this one interrupts is in the way for the moment:
-/// then the wait for it would never end, and ends here after some attempts.
+/// Like `tryTake`, but also null if the party that this one interrupts is in the way for the
+/// moment: then the wait for it would never end, and ends here after some attempts.
 Held tryTakeInBetween(yx::IFileSystem& files, yx::CURI const& uri, CLockFile::LockType type) {
     constexpr int kMaxAttempts = 5;
     // The holder goes on to use this file system when it leaves.

@@ -91,8 +91,8 @@ TEST_F(LockFileProcess, EndsWithAHolderThatIsKilled) {
     }
 }
 
-/// Kills a child in front of each step of taking and leaving, in turn: on a new file, and on one that
-/// a crash left dead.
+/// Kills a child in front of each step of taking and leaving, in turn: on a new file, and on one
+/// that a crash left dead.
 TEST_F(LockFileProcess, ACrashAtAnyStepBlocksNobody) {
     for (bool const isLeftOver : {false, true}) {
         bool killed = true;

@@ -50,7 +50,8 @@ public:
         stream->write(bytes.data(), static_cast<int>(bytes.size()), nullptr);
     }
 
-    /// The buffer lives only as long as the call: a stream that kept a reference would be found out.
+    /// The buffer lives only as long as the call: a stream that kept a reference would be found
+    /// out.
     void writeKeepBufferAt(__int64 position, Bytes const& bytes) {
         yx::TBuffer<unsigned char> buffer(static_cast<int>(bytes.size()), -1);
         yx::copyMemory(buffer.getData(), bytes.data(), bytes.size());

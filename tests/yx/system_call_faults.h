@@ -27,7 +27,8 @@ public:
     ~Scope();
 
     /// Lets `times` calls fail with this `errno` value, without being made (but a failing close
-    /// closes), after the next `after` calls. 0 lets them report success, as little as that is true.
+    /// closes), after the next `after` calls. 0 lets them report success, as little as that is
+    /// true.
     void fail(Call call, int errorNumber, int times = 1, int after = 0);
 
     /// Lets each transfer move this many bytes at most; 0 makes it move none and succeed.

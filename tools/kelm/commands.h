@@ -16,8 +16,8 @@ namespace kelm::tool {
 using Run = std::function<ExitStatus(Invocation&)>;
 
 /// Adds a command, with an example under its help, with "--max-rounds", the limit for the keys that
-/// it derives, with the options that say how far disks are trusted, and with "--wait". Parsing a command line that
-/// names it sets `run` to `action` under these.
+/// it derives, with the options that say how far disks are trusted, and with "--wait". Parsing a
+/// command line that names it sets `run` to `action` under these.
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action);
 

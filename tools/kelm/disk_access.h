@@ -23,8 +23,9 @@ std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string con
                                          yx::IIOStream::Access access, PasswordOptions& passwords,
                                          int compressionLevel = -1);
 
-/// Opens a disk by `open`, for writing, to go on with work that was killed, and first takes away what
-/// that left dead; see `host::dropDeadTails`. `open` is called once more where there was something.
+/// Opens a disk by `open`, for writing, to go on with work that was killed, and first takes away
+/// what that left dead; see `host::dropDeadTails`. `open` is called once more where there was
+/// something.
 std::unique_ptr<host::SafeDisk> openToGoOn(
     Invocation& invocation, std::function<std::unique_ptr<host::SafeDisk>()> const& open);
 
@@ -63,10 +64,11 @@ void verifyIsNoFileOf(Invocation& invocation, host::SafeDisk& disk, yx::String c
 /// that exists and is only changed: see `openDisk`.
 class NewDiskInProgress {
 public:
-    /// Makes the disk. With `force`, a disk that exists is kept until this ends, and comes back if the
-    /// new one is not finished; see `host::KeptFiles`. A file that exists is `CIOError` `AlreadyExists` unless `force` is given;
-    /// even then, a disk in use is `CLockFileError`, and one of `protectedFiles` is `CIOError`
-    /// `NotAllowed`. A request that makes no sense is `UsageError`.
+    /// Makes the disk. With `force`, a disk that exists is kept until this ends, and comes back if
+    /// the new one is not finished; see `host::KeptFiles`. A file that exists is `CIOError`
+    /// `AlreadyExists` unless `force` is given; even then, a disk in use is `CLockFileError`, and
+    /// one of `protectedFiles` is `CIOError` `NotAllowed`. A request that makes no sense is
+    /// `UsageError`.
     NewDiskInProgress(Invocation& invocation, yx::CURI const& uri, host::NewDisk const& request,
                       bool force, std::vector<yx::CURI> const& protectedFiles = {});
 
@@ -76,8 +78,8 @@ public:
         return *m_disk;
     }
 
-    /// Marks the disk as complete and closes it; its files stay. Extent files of a disk that it replaces are
-    /// removed, unless files of the new disk have taken their names.
+    /// Marks the disk as complete and closes it; its files stay. Extent files of a disk that it
+    /// replaces are removed, unless files of the new disk have taken their names.
     void finish();
 
 private:
@@ -87,8 +89,8 @@ private:
     Invocation& m_invocation;
     std::optional<host::FormerDisk> m_formerDisk;
 
-    // The disk goes before the guard, which deletes its files, and that before the former disk, which
-    // comes back then.
+    // The disk goes before the guard, which deletes its files, and that before the former disk,
+    // which comes back then.
     yx::P<host::FileGuard> m_guard;
     std::unique_ptr<host::SafeDisk> m_disk;
 };

@@ -38,13 +38,13 @@ std::string describeError(std::exception const& error);
 ExitStatus exitStatusOf(std::exception const& error);
 
 /// Sends warnings of the library to standard error, in this program's form. Errors that the library
-/// logs are left out: they are thrown too, and each is reported once. Errors of destructors wait for
-/// `reportIgnoredErrors`.
+/// logs are left out: they are thrown too, and each is reported once. Errors of destructors wait
+/// for `reportIgnoredErrors`.
 void routeLibraryMessages();
 
-/// Sends the errors that destructors had to ignore to standard error, as warnings. `status` is that of
-/// the error with which the program ends, if there is one: further errors of its kind have the same
-/// cause and are left out.
+/// Sends the errors that destructors had to ignore to standard error, as warnings. `status` is that
+/// of the error with which the program ends, if there is one: further errors of its kind have the
+/// same cause and are left out.
 void reportIgnoredErrors(std::optional<ExitStatus> status);
 
 } // namespace kelm::tool

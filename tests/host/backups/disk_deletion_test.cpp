@@ -49,8 +49,8 @@ private:
     }
 };
 
-/// "full.vmdk", its children "mon.vmdk" and "days/tue.vmdk", and "wed.vmdk", the child of the latter.
-/// All are split.
+/// "full.vmdk", its children "mon.vmdk" and "days/tue.vmdk", and "wed.vmdk", the child of the
+/// latter. All are split.
 class DiskDeletionTest : public ::testing::Test {
 protected:
     DiskDeletionTest() { makeDisks(); }

@@ -1,5 +1,5 @@
-// The traps that the library's rules leave to its hosts: each is shown first as it harms a host that
-// uses the bare library, and then through this room.
+// The traps that the library's rules leave to its hosts: each is shown first as it harms a host
+// that uses the bare library, and then through this room.
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

@@ -2,11 +2,11 @@
 //
 // Makes one disk after the other, of every kind, in the folder for temporary files. Several
 // processes contend for each, write to it and read it, and are killed at any moment; what the disk
-// then holds is compared with a model. Goes on for so many seconds or disks. Prints the seed and the
-// counts; ends with 1 if a promise was broken, with the disk's files left where they are.
+// then holds is compared with a model. Goes on for so many seconds or disks. Prints the seed and
+// the counts; ends with 1 if a promise was broken, with the disk's files left where they are.
 //
-// The seed decides on the disks and on what each process does; which of them is killed when, and who
-// gets a disk first, the machine decides.
+// The seed decides on the disks and on what each process does; which of them is killed when, and
+// who gets a disk first, the machine decides.
 //
 // --tamper damages the first disk behind the processes' back, to see that it is noticed.
 
@@ -91,7 +91,8 @@ class Siege {
 public:
     Siege(fs::path folder, DiskKind const& kind, Counts& counts, unsigned int seed)
         : m_folder(std::move(folder)), m_kind(kind), m_counts(counts), m_random(seed) {
-        // Syncing takes most of the time, and a killed process takes nothing along that was written.
+        // Syncing takes most of the time, and a killed process takes nothing along that was
+        // written.
         constexpr int kSyncEvery = 4;
         m_flush = draw(kSyncEvery) == 0 ? yx::NativeFlush::ToDevice : yx::NativeFlush::ToSystem;
     }

@@ -59,7 +59,8 @@ struct SharedModel {
     std::atomic<int> pendingCount;
     std::atomic<Stamp> lastStamp;
 
-    /// The number of the process that has the disk open for writing, 0 for none. A killed one stays.
+    /// The number of the process that has the disk open for writing, 0 for none. A killed one
+    /// stays.
     std::atomic<int> writer;
     std::array<std::atomic<int>, kSlots> readers;
 
@@ -82,8 +83,8 @@ struct SharedModel {
     /// Whether a write since the last flush may have changed the grain.
     bool isGrainPending(int grain) const;
 
-    /// The stamp of a sector after a writer was killed: of the last flush or any later write. Throws
-    /// `Violation` if it is none of these.
+    /// The stamp of a sector after a writer was killed: of the last flush or any later write.
+    /// Throws `Violation` if it is none of these.
     Stamp identify(unsigned char const* bytes, int sector) const;
 };
 

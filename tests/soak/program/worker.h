@@ -35,8 +35,8 @@ public:
     void runOnceAlone();
 
 private:
-    /// Runs `body`. If it fails, this process counts as killed, so that the others do not report what
-    /// it left behind.
+    /// Runs `body`. If it fails, this process counts as killed, so that the others do not report
+    /// what it left behind.
     void guard(std::function<void()> const& body);
 
     bool tryOpen(yx::IIOStream::Access access);
@@ -46,8 +46,8 @@ private:
     void enterAsWriter();
     void leaveAsWriter();
 
-    /// After a writer was killed: the disk holds what was flushed or written since; what it holds is
-    /// what counts from now on.
+    /// After a writer was killed: the disk holds what was flushed or written since; what it holds
+    /// is what counts from now on.
     void takeStock();
     void takeStockOfGrain(int grain);
     void mendGrain(int grain);

@@ -1,4 +1,4 @@
-#include "host/transfer/parent_independence.h"
+#include "host/transfer/disk_flattening.h"
 
 #include <cassert>
 
@@ -59,7 +59,8 @@ void copyDirectly(SafeDisk& disk, TransferProgress& progress) {
     }
 }
 
-/// The workers verify the records. A grain that is not stored as a record is decoded when it is copied.
+/// The workers verify the records. A grain that is not stored as a record is decoded when it is
+/// copied.
 void copyVerified(SafeDisk& disk, int threads, TransferProgress& progress) {
     RecordVerifier verifier(disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {

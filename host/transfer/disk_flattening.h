@@ -5,8 +5,8 @@
 
 namespace kelm::host {
 
-/// Gives a child disk a copy of every grain that only its parents hold, and flushes. The link to the
-/// parent stays. Compressed records are verified before they are copied.
+/// Gives a child disk a copy of every grain that only its parents hold, and flushes. The link to
+/// the parent stays. Compressed records are verified before they are copied.
 ///
 /// A grain that cannot be read or decoded, or whose record names another grain, ends the work; the
 /// error has the grain's place, as `addGrainPlace` says. Grains that were copied before stay, so
