@@ -26,7 +26,7 @@ struct DeleteArguments {
 std::vector<yx::CURI> makeChildrenIndependent(Invocation& invocation, DeleteArguments& arguments,
                                               yx::CURI const& mainFile,
                                               std::vector<yx::CURI> const& folders) {
-    std::vector<yx::CURI> const children =
+    std::vector<yx::CURI> children =
         host::DiskRelations(invocation.getFiles(), folders).findChildren(mainFile);
     for (yx::CURI const& child : children)
         flattenDisk(invocation, host::displayName(child), arguments.passwords);

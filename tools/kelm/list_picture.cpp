@@ -55,8 +55,14 @@ char const* classOf(host::BackupState state) {
     }
 }
 
+/// What a colour says.
+struct Meaning {
+    char const* colour;
+    char const* words;
+};
+
 // From right to left.
-constexpr std::pair<char const*, char const*> kMeanings[] = {
+constexpr Meaning kMeanings[] = {
     {"bad", "cannot be restored"}, {"open", "unfinished"}, {"good", "complete"}};
 constexpr int kLegendWidth = 140;
 
@@ -149,15 +155,15 @@ private:
     std::string drawLegend() const {
         std::string text;
         double x = kPictureWidth - kPictureMargin;
-        for (auto const& [colour, meaning] : kMeanings) {
+        for (Meaning const& meaning : kMeanings) {
             if (std::none_of(m_disks.begin(), m_disks.end(), [&](host::BackupDisk const& disk) {
-                    return classOf(disk.state) == std::string_view(colour);
+                    return classOf(disk.state) == std::string_view(meaning.colour);
                 }))
                 continue;
             x -= kLegendWidth;
-            text += std::string("<rect class=\"") + colour + "\" x=\"" + svg::number(x) +
+            text += std::string("<rect class=\"") + meaning.colour + "\" x=\"" + svg::number(x) +
                     "\" y=\"24\" width=\"10\" height=\"10\"/>\n" +
-                    drawText(x + 16, 33, meaning, "start");
+                    drawText(x + 16, 33, meaning.words, "start");
         }
         return text;
     }

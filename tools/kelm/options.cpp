@@ -61,11 +61,12 @@ void addLookOption(CLI::App& command, std::vector<std::string>& target) {
 
 std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
                                       yx::CURI const& mainFile) {
+    if (lookIn.empty())
+        return {mainFile.getParent()};
     std::vector<yx::CURI> folders;
+    folders.reserve(lookIn.size());
     for (std::string const& folder : lookIn)
         folders.push_back(host::uriFromArgument(folder));
-    if (folders.empty())
-        folders.push_back(mainFile.getParent());
     return folders;
 }
 
