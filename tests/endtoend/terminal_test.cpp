@@ -90,7 +90,7 @@ TEST_F(Terminal, FindingsStandOnLinesOfTheirOwn) {
     std::filesystem::remove(path("disk-s00001.vmdk"));
     TerminalPlay const checked = play({"check", "disk.vmdk"});
     EXPECT_EQ(checked.status, 1);
-    std::size_t const finding = checked.shown.find(path("disk.vmdk") + ": grains ");
+    std::size_t const finding = checked.shown.find(path("disk-s00001.vmdk") + ": grains ");
     ASSERT_NE(finding, std::string::npos) << checked.shown;
     std::string const before = checked.shown.substr(0, finding);
     EXPECT_TRUE(before.ends_with("\n") || before.ends_with("\r\x1b[K")) << checked.shown;
