@@ -17,16 +17,18 @@ ImageReader::ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& l
 }
 
 void ImageReader::verifyFits(__int64 imageBytes) const {
-    yx::CProps props;
-    props.add("imageSize", yx::toString(imageBytes));
-    if (imageBytes > m_disk.getSizeBytes()) {
-        throw yx::CIOError(yx::CIOError::NotAllowed, "The image is larger than the disk.",
-                           props.add("diskSize", yx::toString(m_disk.getSizeBytes())), nullptr);
-    }
-    if (m_length.bytes >= 0 && imageBytes > m_length.bytes) {
-        throw yx::CIOError(yx::CIOError::NotAllowed, "The image is longer than expected.",
-                           props.add("expectedSize", yx::toString(m_length.bytes)), nullptr);
-    }
+    // For each grain, so nothing is put into words before it is needed.
+    auto const refuse = [imageBytes](char const* message, char const* limitName, __int64 limit) {
+        throw yx::CIOError(yx::CIOError::NotAllowed, message,
+                           yx::CProps()
+                               .add("imageSize", yx::toString(imageBytes))
+                               .add(limitName, yx::toString(limit)),
+                           nullptr);
+    };
+    if (imageBytes > m_disk.getSizeBytes())
+        refuse("The image is larger than the disk.", "diskSize", m_disk.getSizeBytes());
+    if (m_length.bytes >= 0 && imageBytes > m_length.bytes)
+        refuse("The image is longer than expected.", "expectedSize", m_length.bytes);
 }
 
 void ImageReader::verifyIsNotShort() const {
