@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <memory>
+#include <atomic>
 #include <mutex>
 #include <utility>
 
 #include <openssl/crypto.h>
-#include <openssl/evp.h>
+#include <openssl/sha.h>
 
 #include "krym/internal/openssl_error.h"
 #include "yx/error.h"
@@ -64,50 +64,52 @@ HookSlot& hookSlot() {
     return slot;
 }
 
-/// HMAC-SHA-1 under one key. OpenSSL's own derivation cannot be interrupted, and its HMAC takes in
-/// the key anew for each message.
+std::atomic<IDerivedKeys*> derivedKeys = nullptr;
+
+/// HMAC-SHA-1 under one key. OpenSSL's own derivation cannot be interrupted. Its general interface
+/// to digests takes and frees memory for each message, and most of the time with it; a state of the
+/// digest itself is copied as it is.
 class Hmac {
 public:
-    Hmac(void const* key, int keySizeBytes)
-        : m_inner(makeContext()), m_outer(makeContext()), m_work(makeContext()) {
+    Hmac(void const* key, int keySizeBytes) {
         PaddedKey padded{};
         if (keySizeBytes > kDigestBlockSizeBytes) {
-            begin(*m_work, key, keySizeBytes);
-            verifyDone(EVP_DigestFinal_ex(m_work.get(), padded.bytes.data(), nullptr),
-                       "EVP_DigestFinal_ex");
+            begin(m_work, key, keySizeBytes);
+            verifyDone(SHA1_Final(padded.bytes.data(), &m_work), "SHA1_Final");
         } else if (keySizeBytes > 0) {
             std::copy_n(static_cast<unsigned char const*>(key), keySizeBytes, padded.bytes.data());
         }
         constexpr unsigned char kInnerPad = 0x36;
         constexpr unsigned char kOuterPad = 0x5c;
         padded.mix(kInnerPad);
-        begin(*m_inner, padded.bytes.data(), kDigestBlockSizeBytes);
+        begin(m_inner, padded.bytes.data(), kDigestBlockSizeBytes);
         padded.mix(kInnerPad ^ kOuterPad);
-        begin(*m_outer, padded.bytes.data(), kDigestBlockSizeBytes);
+        begin(m_outer, padded.bytes.data(), kDigestBlockSizeBytes);
+    }
+    Hmac(Hmac const&) = delete;
+    Hmac& operator=(Hmac const&) = delete;
+
+    ~Hmac() {
+        for (SHA_CTX* const state : {&m_inner, &m_outer, &m_work})
+            OPENSSL_cleanse(state, sizeof *state);
     }
 
     /// Starts a message.
-    void start() { copy(*m_inner); }
+    void start() { m_work = m_inner; }
 
     void add(void const* data, int sizeBytes) {
-        verifyDone(EVP_DigestUpdate(m_work.get(), data, static_cast<std::size_t>(sizeBytes)),
-                   "EVP_DigestUpdate");
+        verifyDone(SHA1_Update(&m_work, data, static_cast<std::size_t>(sizeBytes)), "SHA1_Update");
     }
 
     /// Ends the message.
     void finish(Digest& result) {
-        verifyDone(EVP_DigestFinal_ex(m_work.get(), result.data(), nullptr), "EVP_DigestFinal_ex");
-        copy(*m_outer);
+        verifyDone(SHA1_Final(result.data(), &m_work), "SHA1_Final");
+        m_work = m_outer;
         add(result.data(), kDigestSizeBytes);
-        verifyDone(EVP_DigestFinal_ex(m_work.get(), result.data(), nullptr), "EVP_DigestFinal_ex");
+        verifyDone(SHA1_Final(result.data(), &m_work), "SHA1_Final");
     }
 
 private:
-    struct FreeContext {
-        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
-    };
-    using Context = std::unique_ptr<EVP_MD_CTX, FreeContext>;
-
     struct PaddedKey {
         std::array<unsigned char, kDigestBlockSizeBytes> bytes;
 
@@ -118,26 +120,14 @@ private:
         }
     };
 
-    static Context makeContext() {
-        Context context(EVP_MD_CTX_new());
-        if (!context)
-            throwOpenSSLError("EVP_MD_CTX_new");
-        return context;
+    static void begin(SHA_CTX& state, void const* data, int sizeBytes) {
+        verifyDone(SHA1_Init(&state), "SHA1_Init");
+        verifyDone(SHA1_Update(&state, data, static_cast<std::size_t>(sizeBytes)), "SHA1_Update");
     }
 
-    static void begin(EVP_MD_CTX& context, void const* data, int sizeBytes) {
-        verifyDone(EVP_DigestInit_ex2(&context, EVP_sha1(), nullptr), "EVP_DigestInit_ex2");
-        verifyDone(EVP_DigestUpdate(&context, data, static_cast<std::size_t>(sizeBytes)),
-                   "EVP_DigestUpdate");
-    }
-
-    void copy(EVP_MD_CTX const& state) {
-        verifyDone(EVP_MD_CTX_copy_ex(m_work.get(), &state), "EVP_MD_CTX_copy_ex");
-    }
-
-    Context m_inner;
-    Context m_outer;
-    Context m_work;
+    SHA_CTX m_inner{};
+    SHA_CTX m_outer{};
+    SHA_CTX m_work{};
 };
 
 /// A digest of something secret.
@@ -198,10 +188,17 @@ void deriveKey_PKCS5_PBKDF2_HMAC_SHA1(void const* password, int passwordSizeByte
     checkArgument(key, "No key");
 
     auto* const keyBytes = static_cast<unsigned char*>(key);
+    KeyDerivation const derivation{password,      passwordSizeBytes, salt,
+                                   saltSizeBytes, iterations,        keySizeBytes};
+    IDerivedKeys* const known = derivedKeys.load();
     try {
         hookSlot().call(iterations);
+        if (known && known->tryGet(derivation, key))
+            return;
         Hmac hmac(password, passwordSizeBytes);
         deriveBlocks(hmac, salt, saltSizeBytes, iterations, keySizeBytes, keyBytes);
+        if (known)
+            known->put(derivation, key);
     } catch (...) {
         OPENSSL_cleanse(keyBytes, static_cast<std::size_t>(keySizeBytes));
         throw;
@@ -210,6 +207,10 @@ void deriveKey_PKCS5_PBKDF2_HMAC_SHA1(void const* password, int passwordSizeByte
 
 std::function<void(int iterations)> setKeyDerivationHook(std::function<void(int iterations)> hook) {
     return hookSlot().exchange(std::move(hook));
+}
+
+IDerivedKeys* setDerivedKeys(IDerivedKeys* keys) {
+    return derivedKeys.exchange(keys);
 }
 
 } // namespace krym

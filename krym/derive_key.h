@@ -27,6 +27,35 @@ KRYM_API void deriveKey_PKCS5_PBKDF2_HMAC_SHA1(void const* password, int passwor
 KRYM_API std::function<void(int iterations)> setKeyDerivationHook(
     std::function<void(int iterations)> hook);
 
+/// What a key is derived from. The pointers are valid during a call.
+struct KeyDerivation {
+    void const* password;  ///< may be null if its size is 0
+    int passwordSizeBytes; ///< at least 0
+    void const* salt;      ///< may be null if its size is 0
+    int saltSizeBytes;     ///< at least 0
+    int iterations;        ///< at least 1
+    int keySizeBytes;      ///< at least 1
+};
+
+/// Keeps derived keys, so that none is derived twice. Called on every thread that derives, also by
+/// several at once.
+class KRYM_API IDerivedKeys {
+public:
+    virtual ~IDerivedKeys() = default;
+
+    /// Fills `key` if the key of this derivation is known. False, and `key` as it was, if not.
+    virtual bool tryGet(KeyDerivation const& derivation, void* key) = 0;
+
+    /// Takes a key that has been derived.
+    virtual void put(KeyDerivation const& derivation, void const* key) = 0;
+};
+
+/// Makes all derivations ask `keys` first and leave their results there, and returns what did so
+/// before. Null, which is the default, keeps nothing. `keys` must outlive every derivation that
+/// begins before the next call. The hook of `setKeyDerivationHook` is called before `keys` are
+/// asked.
+KRYM_API IDerivedKeys* setDerivedKeys(IDerivedKeys* keys);
+
 /// How many iterations pass between two calls of the hook: some hundredths of a second.
 inline constexpr int kKeyDerivationStretch = 16384;
 

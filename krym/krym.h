@@ -6,5 +6,6 @@
 #include "krym/digest.h"
 #include "krym/digest_type.h"
 #include "krym/digest_type_sha256.h"
+#include "krym/hasher_sha256.h"
 #include "krym/openssl_cipher.h"
 #include "krym/openssl_digest.h"

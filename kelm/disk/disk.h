@@ -142,6 +142,15 @@ public:
     /// The cache given to the constructor, or the disk's own. Parents use it too.
     yx::P<CVMDKGrainTableCache> getGrainTableCache() { return m_grainTableCache; }
 
+    /// Whether grains are enciphered.
+    bool isEncrypted() const { return m_cipher != nullptr; }
+
+    /// Derives a key of 32 bytes for something else that belongs to this disk: HKDF-Expand (RFC
+    /// 5869) of the disk's key with `purpose` as its info. A key tells nothing about the disk's and
+    /// about those of other purposes, and stays the same when the password changes. Of a disk that
+    /// is not encrypted it is `yx::CError` "VMDK is not encrypted".
+    void derivePurposeKey(char const* purpose, yx::TCryptBuffer<unsigned char>& key) const;
+
     /// A new preparer of this disk's settings, for preparing grains elsewhere, on any thread.
     yx::P<CVMDKDataPreparer> createDataPreparer();
 

@@ -146,4 +146,15 @@ void CVMDKDisk::unwrapEncryptionKey(yx::String const& password, yx::CProps const
         fail(kPasswordWrongMessage);
 }
 
+void CVMDKDisk::derivePurposeKey(char const* purpose, yx::TCryptBuffer<unsigned char>& key) const {
+    if (!m_cipher)
+        throw yx::CError("VMDK is not encrypted", "", -1, mainFileProps(), nullptr);
+    constexpr unsigned char kFirstBlock = 1;
+    krym::CHasher_SHA256 hasher(m_encryptionKey);
+    hasher.update(purpose, static_cast<int>(std::strlen(purpose)));
+    hasher.update(&kFirstBlock, 1);
+    key.setUsed(krym::CHasher_SHA256::kHashSizeBytes);
+    hasher.finish(key.getData());
+}
+
 } // namespace kelm
