@@ -14,6 +14,8 @@
 #include "fuzz/corpus_maker/disk_maker.h"
 #include "fuzz/support/disk_input.h"
 #include "fuzz/support/disk_script.h"
+#include "host/digest/digest_file_writer.h"
+#include "yx/memory_file_system.h"
 
 namespace {
 
@@ -248,6 +250,38 @@ void saveGrains(fs::path const& folder) {
         save(folder, record.name, record.input);
 }
 
+/// Digest files of `grains`, each behind the bytes that say what is to be put right in it.
+void saveDigests(fs::path const& folder, std::string const& name,
+                 std::vector<__int64> const& grains) {
+    yx::P<yx::CMemoryFileSystem> const files = yx::makeObject<yx::CMemoryFileSystem>();
+    yx::CURI const uri("mem:///disk.vmdk.digests");
+    host::DigestFileWriter writer(files.get(), uri, {});
+    for (__int64 const grain : grains) {
+        host::Digest digest;
+        digest.fill(static_cast<unsigned char>(grain));
+        writer.add(grain, digest);
+    }
+    host::DigestHeader header;
+    header.diskSizeBytes = __int64{40000} << 16;
+    header.imageSizeBytes = header.diskSizeBytes - 1;
+    header.grainSizeBytes = 1 << 16;
+    header.contentID = 1;
+    header.imageDigest = host::Digest{1};
+    writer.finish(header);
+    for (unsigned int how = 0; how <= 3; ++how) {
+        Seed seed{static_cast<std::uint8_t>(how)};
+        Seed const file = toSeed(files->getFile(uri));
+        seed.insert(seed.end(), file.begin(), file.end());
+        save(folder, name + "-" + std::to_string(how), seed);
+    }
+}
+
+void saveDigests(fs::path const& folder) {
+    saveDigests(folder, "empty", {});
+    saveDigests(folder, "one-section", {0, 7, 16383});
+    saveDigests(folder, "two-sections", {5, 39999});
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -264,6 +298,7 @@ int main(int argc, char** argv) {
         saveReferences(folder / "reference");
         savePaths(folder / "path");
         saveGrains(folder / "grain");
+        saveDigests(folder / "digests");
         return 0;
     } catch (std::exception const& error) {
         std::fprintf(stderr, "%s\n", error.what());
