@@ -9,7 +9,9 @@
 #include "host/check/check_errors.h"
 #include "host/check/extent_check.h"
 #include "host/check/grain_check.h"
+#include "host/digest/disk_digests.h"
 #include "host/disk/descriptor_checksum.h"
+#include "host/disk/digest_file_name.h"
 #include "host/disk/disk_record.h"
 #include "host/system/name_text.h"
 #include "kelm/format/constants.h"
@@ -18,12 +20,16 @@ namespace kelm::host {
 
 namespace {
 
+constexpr char kOutOfDateFinding[] =
+    "the digests are out of date: the disk was changed since they were made";
+
 /// Goes through a disk and its parents, from the child to the last parent.
 class DiskCheck {
 public:
     DiskCheck(yx::IFileSystem* fileSystem, yx::String const& password, WorkOptions const& options,
-              FindingCallback const& report, DiskTrust const& trust)
-        : m_fileSystem(fileSystem),
+              FindingCallback const& report, DiskTrust const& trust, CheckScope const& scope)
+        : m_scope(scope),
+          m_fileSystem(fileSystem),
           m_password(password),
           m_options(options),
           m_report(report),
@@ -41,6 +47,8 @@ public:
             }
             checked.push_back(uri.toNormalized());
             uri = checkOneDisk(uri);
+            if (m_scope.ownOnly)
+                return;
             if (std::find(checked.begin(), checked.end(), uri) != checked.end()) {
                 find(checked.back(), "the chain of parents leads back to " + displayName(uri));
                 return;
@@ -48,12 +56,12 @@ public:
         }
     }
 
-    __int64 getFindingCount() const { return m_findingCount; }
+    CheckResult const& getResult() const { return m_result; }
 
 private:
     void find(yx::CURI const& file, std::string const& text) {
         assert(!file.isEmpty() && !text.empty());
-        ++m_findingCount;
+        ++m_result.findingCount;
         m_report(file, printable(text));
     }
 
@@ -77,11 +85,72 @@ private:
         checkContentID(*disk);
         m_known = KnownGrains();
         checkExtents(*disk);
-        checkGrains(
-            *disk, m_options,
-            [&](yx::CURI const& file, std::string const& text) { find(file, text); }, m_known);
+        std::unique_ptr<DigestFile> const digests = openDigests(*disk);
+        GrainCounts const counts =
+            checkGrains(*disk, m_options,
+                        [&](yx::CURI const& file, std::string const& text) { find(file, text); },
+                        {m_known, m_scope.sample, digests.get()});
+        m_result.heldGrainCount += counts.held;
+        m_result.readGrainCount += counts.read;
         return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
                                  : yx::CURI();
+    }
+
+    /// Null if there are none to compare with.
+    std::unique_ptr<DigestFile> openDigests(SafeDisk& disk) {
+        yx::CURI const uri = disk.getDisk().getMainFileURI();
+        DiskDigests digests;
+        auto const failure =
+            findingOf([&] { digests = DiskDigests::open(m_fileSystem.get(), disk); });
+        if (failure)
+            find(digestFileOf(uri), "the digests cannot be used: " + *failure);
+        else if (digests.state == DigestState::Missing && m_scope.needsDigests)
+            find(uri, "the disk has no digests");
+        else if (digests.state == DigestState::OutOfDate && m_scope.needsDigests)
+            find(digestFileOf(uri), kOutOfDateFinding);
+        else if (digests.state == DigestState::OutOfDate)
+            m_result.outOfDate.push_back(uri);
+        if (!digests.areUpToDate())
+            return nullptr;
+        checkImageSize(disk, *digests.file);
+        return std::move(digests.file);
+    }
+
+    static bool hasBytesBehind(SafeDisk& disk, __int64 positionBytes) {
+        yx::TBuffer<unsigned char> bytes;
+        while (positionBytes < disk.getSizeBytes()) {
+            __int64 const grainIndex = positionBytes / disk.getGrainSizeBytes();
+            __int64 const endBytes =
+                std::min((grainIndex + 1) * disk.getGrainSizeBytes(), disk.getSizeBytes());
+            bytes.setUsed(static_cast<int>(endBytes - positionBytes));
+            if (disk.isGrainWritten(grainIndex))
+                disk.read(positionBytes, bytes.getData(), bytes.getUsed());
+            if (disk.isGrainWritten(grainIndex) &&
+                !yx::isAllZero(bytes.getData(), static_cast<std::size_t>(bytes.getUsed())))
+                return true;
+            positionBytes = endBytes;
+        }
+        return false;
+    }
+
+    /// What the descriptor says of it, nobody has signed.
+    void checkImageSize(SafeDisk& disk, DigestFile const& digests) {
+        __int64 const sizeBytes = digests.getHeader().imageSizeBytes;
+        std::optional<__int64> recorded;
+        auto const failure = findingOf([&] {
+            recorded =
+                DiskRecord(*disk.getDisk().getDescriptor()).getImageBytes(disk.getSizeBytes());
+        });
+        if (failure || !recorded || *recorded == sizeBytes)
+            return;
+        // Other bytes behind the recorded size make the whole disk the image.
+        bool isWholeDisk = false;
+        findingOf([&] { isWholeDisk = hasBytesBehind(disk, *recorded); });
+        if (!isWholeDisk || sizeBytes != disk.getSizeBytes()) {
+            find(disk.getDisk().getMainFileURI(),
+                 "the image has " + std::to_string(*recorded) + " bytes by the descriptor, and " +
+                     std::to_string(sizeBytes) + " by the digests");
+        }
     }
 
     void checkDescriptor(SafeDisk& disk) {
@@ -133,12 +202,13 @@ private:
             m_known);
     }
 
+    CheckScope const& m_scope;
     yx::P<yx::IFileSystem> m_fileSystem;
     yx::String const& m_password;
     WorkOptions const& m_options;
     FindingCallback const& m_report;
     DiskTrust m_trust;
-    __int64 m_findingCount = 0;
+    CheckResult m_result;
 
     /// Of the disk that is being checked.
     KnownGrains m_known;
@@ -149,16 +219,22 @@ private:
 
 } // namespace
 
-__int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
-                  WorkOptions const& options, FindingCallback const& report,
-                  DiskTrust const& trust) {
+CheckResult checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
+                      WorkOptions const& options, FindingCallback const& report,
+                      DiskTrust const& trust, CheckScope const& scope) {
     if (!fileSystem->fileExists(uri)) {
         throw yx::CIOError(yx::CIOError::NotFound, "The disk does not exist.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
-    DiskCheck check(fileSystem, password, options, report, trust);
+    DiskCheck check(fileSystem, password, options, report, trust, scope);
     check.checkChain(uri);
-    return check.getFindingCount();
+    return check.getResult();
+}
+
+__int64 checkDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::String const& password,
+                  WorkOptions const& options, FindingCallback const& report,
+                  DiskTrust const& trust) {
+    return checkDisk(fileSystem, uri, password, options, report, trust, CheckScope()).findingCount;
 }
 
 } // namespace kelm::host

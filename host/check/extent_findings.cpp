@@ -17,6 +17,11 @@ void ExtentFindings::addOnce(CheckedThing const& thing, std::string const& text)
     m_fold.addOfThing(thing, text);
 }
 
+void ExtentFindings::addReadable(CheckedThing const& grain, std::string const& text) const {
+    if (!m_isRepeating)
+        m_fold.addOfThing(grain, text);
+}
+
 void ExtentFindings::addBehindEnd(CheckedThing const& grain, std::string const& text) {
     assert(grain.kind == CheckedThing::Kind::Grain);
     m_isFileCutOff = true;

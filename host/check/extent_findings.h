@@ -23,6 +23,10 @@ public:
     /// A finding about a table, or about a grain, which is then known.
     void addOnce(CheckedThing const& thing, std::string const& text) const;
 
+    /// A finding about a grain whose content is there all the same, so that failing to read it is
+    /// another one.
+    void addReadable(CheckedThing const& grain, std::string const& text) const;
+
     /// A finding about a grain that lies where the file has ended. There is one cause for all of
     /// these.
     void addBehindEnd(CheckedThing const& grain, std::string const& text);

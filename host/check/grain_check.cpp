@@ -24,12 +24,20 @@ struct GrainInExtent {
     CheckedThing thing;
 };
 
-/// A grain whose record is decoded on a worker thread.
+/// A grain that is decoded, compared with its digest, or both, on a worker thread.
 struct CheckedGrain {
     GrainInExtent grain;
-    yx::P<Buffer> record = yx::makeObject<Buffer>();
+
+    /// As it was read; a record or plain bytes.
+    yx::P<Buffer> input = yx::makeObject<Buffer>();
+    bool isRecord = false;
     yx::P<Buffer> plain = yx::makeObject<Buffer>();
+    std::optional<Digest> digest;
 };
+
+constexpr char kDifferentContent[] = "its content differs from its digest";
+constexpr char kLostGrain[] = "it has a digest, but the disk does not hold it any more";
+constexpr char kGrainWithoutDigest[] = "the disk holds it, but it has no digest";
 
 using GrainDecoders = WorkerPipeline<CheckedGrain>;
 
@@ -37,18 +45,21 @@ using GrainDecoders = WorkerPipeline<CheckedGrain>;
 class GrainCheck {
 public:
     GrainCheck(SafeDisk& disk, WorkOptions const& options, FindingCallback const& report,
-               KnownGrains const& known)
+               GrainKnowledge const& knowledge)
         : m_disk(disk),
           m_cancel(options.cancel),
           m_throttle(options.progress),
+          m_reportTo(report),
           m_report([this, &report](std::string const& text) { report(m_reported->uri, text); }),
           m_fold(m_report),
-          m_known(known) {
-        if (disk.getDisk().getCompressed())
+          m_known(knowledge.damaged),
+          m_sample(knowledge.sample),
+          m_digests(knowledge.digests) {
+        if (disk.getDisk().getCompressed() || m_digests)
             startWorkers(countThreads(options));
     }
 
-    void run() {
+    GrainCounts run() {
         try {
             checkAllGrains();
         } catch (CancelledError const&) {
@@ -57,6 +68,7 @@ public:
         }
         m_fold.flush();
         m_throttle.report(m_disk.getSizeBytes(), m_disk.getSizeBytes());
+        return m_counts;
     }
 
 private:
@@ -76,6 +88,9 @@ private:
                 return grainSizeOf(extent) == m_disk.getGrainSizeBytes();
             });
         for (DiskExtent const& extent : extents) {
+            // Where grains have digests, each that is not there is looked for.
+            if (!m_digests && m_disk.findMissingEnd(extent.startBytes) == extent.endBytes)
+                continue;
             __int64 const grainSizeBytes = grainSizeOf(extent);
             __int64 const tableBytes = grainSizeBytes * kGrainTableEntryCount;
             for (__int64 start = extent.startBytes; start < extent.endBytes; start += tableBytes) {
@@ -85,6 +100,8 @@ private:
         }
         drainAll();
         reportUnreachable();
+        compareOddGrains();
+        reportBadDigests();
     }
 
     /// The grain size of an extent's file; that of the disk if the file does not tell, which the
@@ -98,17 +115,35 @@ private:
     }
 
     void startWorkers(int threads) {
-        for (int i = 0; i < threads; ++i)
+        DigestKeys const keys(m_disk.getDisk());
+        for (int i = 0; i < threads; ++i) {
             m_preparers.push_back(m_disk.getDisk().createDataPreparer());
+            m_hashers.push_back(std::make_unique<GrainHasher>(keys));
+        }
         // A record can be slightly larger than its plain grain.
         __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
         __int64 const itemBytes = 2 * (grainSizeBytes + grainSizeBytes / 16 + kSectorSizeBytes);
         m_decoders = std::make_unique<GrainDecoders>(
             threads, OrderedWorkers::calcSlotCount(itemBytes, threads),
             [this](CheckedGrain& grain, int worker) {
-                m_preparers[static_cast<std::size_t>(worker)]->unprepareGrainData(
-                    grain.record.get(), grain.plain.get());
+                decodeAndCompare(grain, static_cast<std::size_t>(worker));
             });
+    }
+
+    /// On a worker thread.
+    void decodeAndCompare(CheckedGrain& grain, std::size_t worker) {
+        yx::P<Buffer> plain = grain.input;
+        if (grain.isRecord)
+            plain = m_preparers[worker]->unprepareGrainData(grain.input.get(), grain.plain.get());
+        if (grain.digest)
+            compare(grain.grain.thing, *plain, *grain.digest, *m_hashers[worker]);
+    }
+
+    static void compare(CheckedThing const& thing, Buffer const& plain, Digest const& digest,
+                        GrainHasher& hasher) {
+        auto const bytes = static_cast<int>(thing.bytes.endBytes - thing.bytes.startBytes);
+        if (hasher.hash(thing.number, plain.getData(), plain.getUsed(), bytes) != digest)
+            throw yx::CIOError(yx::CIOError::CorruptData, kDifferentContent, yx::CProps(), nullptr);
     }
 
     /// Checks the grains of one table. If one of them cannot be looked up, none after it can.
@@ -135,8 +170,12 @@ private:
                 return;
             }
             __int64 const endBytes = std::min(position + grainSizeBytes, bytes.endBytes);
+            GrainInExtent const grain{&extent,
+                                      {CheckedThing::Kind::Grain, index, {position, endBytes}}};
             if (isHere)
-                checkGrain({&extent, {CheckedThing::Kind::Grain, index, {position, endBytes}}});
+                checkGrain(grain);
+            else if (findDigest(grain.thing))
+                reportInOrder(grain, kLostGrain);
             ++index;
         }
     }
@@ -147,32 +186,149 @@ private:
         return m_disk.getDisk().isGrainWrittenAndIndependentOfParent();
     }
 
+    /// Whether a grain of a file is one of the disk, which are the ones that have digests.
+    bool isOfDisk(CheckedThing const& thing) const {
+        __int64 const start = thing.number * m_disk.getGrainSizeBytes();
+        return thing.bytes.startBytes == start &&
+               thing.bytes.endBytes ==
+                   std::min(start + m_disk.getGrainSizeBytes(), m_disk.getSizeBytes());
+    }
+
+    /// The digest of a grain, if it has one. A part of the digest file that is damaged ends the
+    /// comparison.
+    std::optional<Digest> findDigest(CheckedThing const& thing) {
+        std::optional<Digest> digest;
+        if (!m_digests || !isOfDisk(thing))
+            return digest;
+        m_badDigests = findingOf([&] { digest = m_digests->find(thing.number); });
+        if (m_badDigests)
+            m_badFile = std::exchange(m_digests, nullptr)->getURI();
+        return digest;
+    }
+
+    void reportBadDigests() {
+        if (!m_badDigests)
+            return;
+        m_fold.flush();
+        m_reportTo(m_badFile, "the digests cannot be used: " + *m_badDigests);
+    }
+
     void checkGrain(GrainInExtent const& grain) {
-        ByteRange const& bytes = grain.thing.bytes;
+        ++m_counts.held;
+        std::optional<Digest> const digest = findDigest(grain.thing);
+        if (m_digests && !digest && isOfDisk(grain.thing))
+            reportInOrder(grain, kGrainWithoutDigest);
+        if (!m_sample.contains(grain.thing.number))
+            return;
+        ++m_counts.read;
         if (m_decoders && !m_decoders->getFree())
             drainOne();
-        bool isToBeDecoded = false;
-        auto const failure = findingOf([&] {
-            isToBeDecoded =
-                m_decoders && m_disk.getFileGrain(bytes.startBytes).isGrainOfDisk &&
-                m_disk.tryReadPreparedGrain(grain.thing.number, *m_decoders->getFree()->record);
-            if (!isToBeDecoded)
-                readPlain(bytes);
-        });
+        bool isForWorkers = false;
+        auto const failure = findingOf([&] { isForWorkers = readForWorkers(grain, digest); });
         if (failure) {
-            drainAll();
-            reportGrain(grain, *failure);
-        } else if (isToBeDecoded) {
-            assert(m_decoders->getFree() && "the record has been read into it");
-            m_decoders->getFree()->grain = grain;
+            reportInOrder(grain, *failure);
+        } else if (isForWorkers) {
+            assert(m_decoders->getFree() && "the grain has been read into it");
             m_decoders->submit();
         }
     }
 
-    void readPlain(ByteRange const& bytes) {
+    /// Reads a grain, and says whether there is something to compute.
+    bool readForWorkers(GrainInExtent const& grain, std::optional<Digest> const& digest) {
+        ByteRange const& bytes = grain.thing.bytes;
+        if (!m_decoders) {
+            readPlain(bytes, m_grain);
+            return false;
+        }
+        CheckedGrain& item = *m_decoders->getFree();
+        item.grain = grain;
+        item.digest = digest;
+        item.isRecord = m_disk.getDisk().getCompressed() &&
+                        m_disk.getFileGrain(bytes.startBytes).isGrainOfDisk &&
+                        m_disk.tryReadPreparedGrain(grain.thing.number, *item.input);
+        if (!item.isRecord)
+            readPlain(bytes, *item.input);
+        return item.isRecord || item.digest;
+    }
+
+    void readPlain(ByteRange const& bytes, Buffer& target) {
         int const count = static_cast<int>(bytes.endBytes - bytes.startBytes);
-        m_grain.setUsed(count);
-        m_disk.read(bytes.startBytes, m_grain.getData(), count);
+        target.setUsed(count);
+        m_disk.read(bytes.startBytes, target.getData(), count);
+    }
+
+    /// Compares the grains of the disk that are none of a file, since an extent has other ones.
+    void compareOddGrains() {
+        if (!m_digests || haveDiskGrains())
+            return;
+        GrainHasher hasher((DigestKeys(m_disk.getDisk())));
+        __int64 next = 0;
+        while (m_digests) {
+            __int64 index = -1;
+            m_badDigests = findingOf([&] { index = m_digests->findNext(next); });
+            if (m_badDigests)
+                m_badFile = std::exchange(m_digests, nullptr)->getURI();
+            if (index < 0)
+                return;
+            next = index + 1;
+            if (m_cancel)
+                m_cancel->check();
+            if (!m_sample.contains(index))
+                continue;
+            __int64 const start = index * m_disk.getGrainSizeBytes();
+            DiskExtent const& extent = extentAt(start);
+            CheckedThing const thing{
+                CheckedThing::Kind::Grain,
+                index,
+                {start, std::min(start + m_disk.getGrainSizeBytes(), m_disk.getSizeBytes())}};
+            if (isDiskGrainIn(extent, thing.bytes))
+                continue;
+            compareOddGrain({&extent, thing}, hasher);
+        }
+    }
+
+    void compareOddGrain(GrainInExtent const& grain, GrainHasher& hasher) {
+        bool isHere = false;
+        auto const failure = findingOf([&] {
+            isHere = m_disk.isGrainWrittenHere(grain.thing.number);
+            if (!isHere)
+                return;
+            readPlain(grain.thing.bytes, m_grain);
+            compare(grain.thing, m_grain, *m_digests->find(grain.thing.number), hasher);
+        });
+        if (failure)
+            reportGrain(grain, *failure);
+        else if (!isHere)
+            reportGrain(grain, kLostGrain);
+    }
+
+    /// Whether a grain of the disk is also one of the extent's file.
+    bool isDiskGrainIn(DiskExtent const& extent, ByteRange const& bytes) {
+        return grainSizeOf(extent) == m_disk.getGrainSizeBytes() &&
+               (bytes.startBytes - extent.startBytes) % m_disk.getGrainSizeBytes() == 0 &&
+               bytes.endBytes <= extent.endBytes;
+    }
+
+    /// Whether all grains of the disk are grains of files.
+    bool haveDiskGrains() const {
+        std::vector<DiskExtent> const& extents = m_disk.listExtents();
+        return m_numbersAreUnique &&
+               std::all_of(extents.begin(), extents.end(), [this](DiskExtent const& extent) {
+                   return extent.startBytes % m_disk.getGrainSizeBytes() == 0;
+               });
+    }
+
+    DiskExtent const& extentAt(__int64 positionBytes) const {
+        std::vector<DiskExtent> const& extents = m_disk.listExtents();
+        return *std::find_if(extents.begin(), extents.end(), [&](DiskExtent const& extent) {
+            return positionBytes < extent.endBytes;
+        });
+    }
+
+    /// Tells of a grain once all before it have been told of.
+    void reportInOrder(GrainInExtent const& grain, std::string const& failure) {
+        drainAll();
+        reportGrain(grain, failure);
     }
 
     void drainOne() {
@@ -237,9 +393,18 @@ private:
 
     /// The extent that the findings in `m_fold` are about.
     DiskExtent const* m_reported = nullptr;
+    FindingCallback const& m_reportTo;
     FindingFold::Report m_report;
     FindingFold m_fold;
     KnownGrains const& m_known;
+    GrainSample m_sample;
+    GrainCounts m_counts;
+
+    /// Null where there are none, or none that can be read any more, for a reason that is told at
+    /// the end.
+    DigestFile* m_digests;
+    std::optional<std::string> m_badDigests;
+    yx::CURI m_badFile;
 
     /// Whether no two grains have one number, which those of extents of different grain sizes may.
     bool m_numbersAreUnique = true;
@@ -248,16 +413,17 @@ private:
 
     /// One for each worker. They outlive the pipeline.
     std::vector<yx::P<CVMDKDataPreparer>> m_preparers;
+    std::vector<std::unique_ptr<GrainHasher>> m_hashers;
 
-    /// Null for a disk that stores plain grains.
+    /// Null where there is nothing to compute: no compression, and no digests.
     std::unique_ptr<GrainDecoders> m_decoders;
 };
 
 } // namespace
 
-void checkGrains(SafeDisk& disk, WorkOptions const& options, FindingCallback const& report,
-                 KnownGrains const& known) {
-    GrainCheck(disk, options, report, known).run();
+GrainCounts checkGrains(SafeDisk& disk, WorkOptions const& options, FindingCallback const& report,
+                        GrainKnowledge const& knowledge) {
+    return GrainCheck(disk, options, report, knowledge).run();
 }
 
 } // namespace kelm::host

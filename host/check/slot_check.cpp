@@ -49,10 +49,24 @@ __int64 SlotCheck::checkSize(CheckedThing const& grain, int entry, GrainTables c
     if (!tables.hasSlotSizes())
         return checkRecord(grain, position);
     __int64 const slotSectors = tables.getSlotSizeSectors(entry);
+    if (slotSectors == 0)
+        return checkRecordWithoutSlot(grain, position);
     // Reading the records is what takes long; once is enough.
     if (!m_findings.isRepeating() && checkRecord(grain, position) > slotSectors)
         m_findings.addOnce(grain, "the record of " + grain.getName() + " does not fit its slot");
     return slotSectors;
+}
+
+/// A power cut leaves that where the places of grains have reached the device and the sizes of their
+/// slots have not. Readers have the grain all the same.
+__int64 SlotCheck::checkRecordWithoutSlot(CheckedThing const& grain, __int64 positionSectors) {
+    __int64 const recordSectors = checkRecord(grain, positionSectors);
+    if (recordSectors > 0) {
+        m_findings.addReadable(grain, grain.getName() +
+                                          " has no slot yet, as a power cut can leave it; it is "
+                                          "read by its record, and the next writer gives it one");
+    }
+    return recordSectors;
 }
 
 /// Returns how many sectors the record takes; 0 if it cannot be read or is another grain's.

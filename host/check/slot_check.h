@@ -25,6 +25,7 @@ public:
 
 private:
     __int64 checkSize(CheckedThing const& grain, int entry, GrainTables const& tables);
+    __int64 checkRecordWithoutSlot(CheckedThing const& grain, __int64 positionSectors);
     __int64 checkRecord(CheckedThing const& grain, __int64 positionSectors);
 
     ExtentReader& m_reader;

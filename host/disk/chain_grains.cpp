@@ -70,6 +70,16 @@ bool ChainGrains::isWrittenHere(CVMDKDisk& disk, __int64 positionBytes, __int64 
     return true;
 }
 
+bool ChainGrains::isPassedOn(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes) {
+    for (__int64 const endBytes = positionBytes + bytes; positionBytes < endBytes;) {
+        FileGrain const grain = at(positionBytes);
+        if (grain.parentStartBytes != grain.startBytes || holdsGrainAt(disk, positionBytes))
+            return false;
+        positionBytes = grain.endBytes;
+    }
+    return true;
+}
+
 bool ChainGrains::canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex) {
     DiskLayout const& layout = m_levels.front().getLayout();
     __int64 const startBytes = grainIndex * layout.getGrainSizeBytes();

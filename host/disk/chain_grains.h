@@ -50,6 +50,10 @@ public:
     /// Whether the disk's own files hold every grain of which a byte is in the range.
     bool isWrittenHere(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
 
+    /// Whether the disk reads all of a range from its parent, from the same place there: its own
+    /// files hold nothing of it. A disk without a parent reads zeros instead.
+    bool isPassedOn(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
+
     /// Whether the prepared form of a grain, as `CVMDKDisk::readPreparedGrainData` reads it, stands
     /// for the bytes of the disk there: it is a grain of the disk, and so it is in each parent down
     /// to the one that holds it, in the same size and form.

@@ -5,7 +5,7 @@
 namespace kelm::host {
 
 /// Gives a disk a new content ID once for each opening, before its first change, so that a child
-/// notices that its parent has changed.
+/// notices that its parent has changed, and digests that they are of another content.
 ///
 /// The library does this by itself too, but a power cut can harm that: its new ID may have another
 /// number of digits, and then moves every later line of the descriptor, some of them from one
@@ -20,6 +20,10 @@ public:
     /// Draws the ID and brings it to the device, unless that was done before. After a failure the
     /// descriptor in memory is the old one, and the next call tries again.
     void ensureDone();
+
+    /// Makes the next change give the disk a new content ID again, since something now says what
+    /// the disk holds under the present one.
+    void renew() { m_isDone = false; }
 
 private:
     CVMDKDisk& m_disk;

@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "kelm/format/constants.h"
+#include "kelm/format/internal/descriptor_text.h"
 
 namespace kelm::host {
 
@@ -69,6 +70,19 @@ std::vector<TextSpan> splitLines(std::string_view text) {
         start = end + 1;
     }
     return lines;
+}
+
+std::optional<TextSpan> findValue(std::string_view text, char const* key) {
+    for (TextSpan const& line : splitLines(text)) {
+        auto const entry = detail::tryParseNameValue(text.substr(line.start, line.length));
+        if (!entry ||
+            !detail::isSameKey(wxString::From8BitData(entry->name.data(), entry->name.size()), key))
+            continue;
+        auto const start = static_cast<std::size_t>(entry->value.data() - text.data());
+        return entry->quoted ? TextSpan{start - 1, entry->value.size() + 2}
+                             : TextSpan{start, entry->value.size()};
+    }
+    return std::nullopt;
 }
 
 std::optional<DescriptorArea> replaceInArea(DescriptorArea const& area, TextSpan const& old,

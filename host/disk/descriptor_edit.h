@@ -20,6 +20,9 @@ struct TextSpan {
 /// The lines of a text, without their line ends.
 std::vector<TextSpan> splitLines(std::string_view text);
 
+/// The value in the first line of that key, quotes included; nothing if there is none.
+std::optional<TextSpan> findValue(std::string_view text, char const* key);
+
 /// Replaces a part of the text by bytes of another length, so that a power cut can do as little
 /// harm as possible. Where a comment in the same sector can make up for the length (blanks behind
 /// it, or letters off its end), all lines behind keep their places, and the areas differ in a

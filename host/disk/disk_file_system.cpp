@@ -3,10 +3,15 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/disk/digest_file_name.h"
+#include "host/disk/disk_layout.h"
 #include "host/disk/disk_record.h"
+#include "host/disk/header_finding.h"
 #include "host/disk/main_file_form.h"
 #include "host/disk/own_name.h"
+#include "host/disk/slot_filling_stream.h"
 #include "host/disk/unfinished_disk.h"
+#include "host/store/folder_sync.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/descriptor_accessor.h"
 #include "kelm/format/file_reference.h"
@@ -41,18 +46,25 @@ yx::P<yx::IIOStream> buffered(yx::IIOStream* stream) {
     return yx::makeObject<yx::COptimizingIOStream>(stream);
 }
 
-/// Nothing if the file is no extent.
-std::optional<CVMDKSparseExtentHeader> tryReadHeader(yx::IIOStream& stream) {
-    stream.seek(0);
-    yx::CDataInStream in(&stream);
-    unsigned int const magic = in.readUInt32();
-    if (magic != kHeaderMagic && magic != kEncryptionExtensionHeaderMagic)
-        return std::nullopt;
-    stream.seek(0);
-    CVMDKSparseExtentHeader header;
-    yx::CDataInStream again(&stream);
-    header.load(again);
-    return header;
+/// The stream itself, unless it demands alignment.
+yx::P<yx::IIOStream> withoutDemands(yx::P<yx::IIOStream> const& stream) {
+    bool const demandsAlignment = dynamic_cast<yx::IAlignedStreamBase*>(stream.get()) != nullptr;
+    return demandsAlignment ? buffered(stream.get()) : stream;
+}
+
+/// The extents of a descriptor, whose files are `files`.
+std::vector<DiskExtent> describeExtents(CVMDKDescriptor const& descriptor, yx::CURI const& mainFile,
+                                        std::vector<yx::CURI> const& files) {
+    try {
+        return listDescribedExtents(descriptor, mainFile, kSectorSizeBytes, false);
+    } catch (yx::CIOError const& error) {
+        error.nop();
+        // The library refuses such a disk in its own words, before it reads where extents begin.
+        std::vector<DiskExtent> extents(files.size());
+        for (std::size_t i = 0; i < files.size(); ++i)
+            extents[i].uri = files[i];
+        return extents;
+    }
 }
 
 /// The area of a descriptor that lies in an extent file and has been found sound.
@@ -96,7 +108,7 @@ DiskFileSystem::Member* DiskFileSystem::findByLockFile(yx::CURI const& uri) {
 /// A file that no descriptor names is judged as if the disk's own did.
 DiskFileSystem::Member& DiskFileSystem::ownerOf(yx::CURI const& uri) {
     auto const extent = m_extents.find(uri);
-    return m_members[extent == m_extents.end() ? 0 : extent->second];
+    return m_members[extent == m_extents.end() ? 0 : extent->second.member];
 }
 
 yx::P<yx::IIOStream> DiskFileSystem::openBelow(yx::CURI const& uri, Access access,
@@ -140,7 +152,9 @@ yx::P<yx::IIOStream> DiskFileSystem::openFile(yx::CURI const& uri, Access access
 }
 
 bool DiskFileSystem::fileExists(yx::CURI const& uri) {
-    return !m_hidden.contains(uri.toNormalized()) && m_fileSystem->fileExists(uri);
+    yx::CURI const name = uri.toNormalized();
+    return !m_hidden.contains(name) && m_fileSystem->fileExists(uri) &&
+           !m_unfinished.contains(*m_fileSystem, name);
 }
 
 void DiskFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
@@ -162,6 +176,16 @@ void DiskFileSystem::moveFile(yx::CURI const& from, yx::CURI const& to) {
         throwReplacedWhileOpen(from);
     host::moveFile(m_fileSystem.get(), from, to);
     m_opened.erase(from.toNormalized());
+}
+
+void DiskFileSystem::deleteDigests() {
+    yx::CURI const file = digestFileOf(m_members.front().mainFile);
+    if (!m_fileSystem->fileExists(file))
+        return;
+    voidDigestFile(m_fileSystem.get(), file);
+    m_fileSystem->deleteFile(file, true);
+    if (file.getScheme() == "file")
+        syncFolder(yx::toNativePath(file.getParent()).toStdString());
 }
 
 void DiskFileSystem::verifyMayRemove(yx::CURI const& uri) {
@@ -199,12 +223,10 @@ yx::P<yx::IIOStream> DiskFileSystem::openMainFile(Member& member, yx::CURI const
     // An empty file is one that the library is making.
     if (!member.isKnown && stream->getLength() > 0)
         learn(member, stream.get());
+    if (access == yx::IIOStream::ReadOnly)
+        stream = fillSlots(uri, stream);
     yx::P<Overlay> const overlay = m_members[index].overlay;
-    if (!overlay)
-        return stream;
-    bool const demandsAlignment = dynamic_cast<yx::IAlignedStreamBase*>(stream.get()) != nullptr;
-    return yx::makeObject<OverlaidStream>(demandsAlignment ? buffered(stream.get()) : stream,
-                                          overlay);
+    return overlay ? yx::makeObject<OverlaidStream>(withoutDemands(stream), overlay) : stream;
 }
 
 yx::P<yx::IIOStream> DiskFileSystem::openExtentFile(yx::CURI const& uri, Access access,
@@ -217,7 +239,16 @@ yx::P<yx::IIOStream> DiskFileSystem::openExtentFile(yx::CURI const& uri, Access 
     yx::P<yx::IIOStream> stream = openSame(uri, access, options);
     lock(owner, uri);
     verifyGrainSize(owner, name, *stream);
-    return stream;
+    return access == yx::IIOStream::ReadOnly ? fillSlots(uri, stream) : stream;
+}
+
+/// Only the file of an extent has slots.
+yx::P<yx::IIOStream> DiskFileSystem::fillSlots(yx::CURI const& uri,
+                                               yx::P<yx::IIOStream> const& stream) const {
+    auto const extent = m_extents.find(uri.toNormalized());
+    if (extent == m_extents.end())
+        return stream;
+    return SlotFillingStream::over(withoutDemands(stream), extent->second.startBytes);
 }
 
 void DiskFileSystem::verifyGrainSize(Member const& member, yx::CURI const& uri,
@@ -252,8 +283,10 @@ DiskFileSystem::Plan DiskFileSystem::readPlan(Member const& member, yx::IIOStrea
         }
     }
     stream->seek(0);
-    plan.extents = member.reach.verifyExtents(*descriptor, *m_fileSystem);
+    plan.extents = describeExtents(*descriptor, member.mainFile,
+                                   member.reach.verifyExtents(*descriptor, *m_fileSystem));
     verifyIsFinished(member, *descriptor);
+    plan.descriptor = descriptor;
     plan.isOfDisk = !plan.extents.empty() && descriptor->hasValue("createType");
     yx::String hint;
     if (descriptor->getParentContentID() != kNoParentContentID &&
@@ -274,8 +307,10 @@ void DiskFileSystem::verifyIsFinished(Member const& member, CVMDKDescriptor& des
 void DiskFileSystem::learn(Member& member, yx::IIOStream* stream) {
     Plan const plan = readPlan(member, stream);
     std::size_t const index = static_cast<std::size_t>(&member - m_members.data());
-    for (yx::CURI const& extent : plan.extents)
-        m_extents.try_emplace(extent, index);
+    for (DiskExtent const& extent : plan.extents)
+        m_extents.try_emplace(extent.uri, Extent{index, extent.startBytes});
+    if (member.access == yx::IIOStream::ReadOnly)
+        m_unfinished.addDisk(*plan.descriptor, member.mainFile, plan.extents);
     member.overlay = plan.overlay;
     member.isKnown = true;
     if (plan.parent && !findMain(*plan.parent))

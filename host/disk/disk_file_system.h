@@ -6,9 +6,11 @@
 #include <set>
 #include <vector>
 
+#include "host/disk/disk_extent.h"
 #include "host/disk/disk_reach.h"
 #include "host/disk/file_locks.h"
 #include "host/disk/overlaid_stream.h"
+#include "host/disk/unfinished_extents.h"
 #include "host/store/file_moving.h"
 
 namespace kelm::host {
@@ -31,6 +33,9 @@ namespace kelm::host {
 ///   of the parents are only read. Anything else is `CIOError` `NotAllowed`.
 /// - An unfinished disk, or one with an unfinished parent, is `UnfinishedDiskError`, unless it is
 ///   trusted (`DiskTrust::unfinished`).
+/// - Streams for reading show compressed extents with the slot sizes that a power cut has kept from
+///   them: see `SlotFillingStream`. Extent files of disks that are only read, the parents, too, are
+///   not there if they were never finished: see `UnfinishedExtents`.
 /// - A raw image, or another file that is no disk, is refused as `verifyIsExtentOrText` does.
 /// - A reader who may not write a lock file takes its lock through a stream for reading, and goes
 ///   on without the lock file where that cannot be had either but the disk's main file is locked:
@@ -59,6 +64,10 @@ public:
     void deleteFile(yx::CURI const& uri, bool ignoreMissing) override;
     void moveFile(yx::CURI const& from, yx::CURI const& to) override;
 
+    /// Deletes the file with the digests of the disk (`digestFileOf`), if there is one, and brings
+    /// that to the device.
+    void deleteDigests();
+
     /// How far descriptors are believed.
     DiskTrust const& getTrust() const { return m_trust; }
 
@@ -86,9 +95,10 @@ private:
 
     /// What a descriptor says, as far as it matters here.
     struct Plan {
-        std::vector<yx::CURI> extents;
+        std::vector<DiskExtent> extents;
         std::optional<yx::CURI> parent;
         yx::P<Overlay> overlay;
+        yx::P<CVMDKDescriptor> descriptor;
 
         /// Any text parses as a descriptor; this one is such as a disk has.
         bool isOfDisk = false;
@@ -115,6 +125,7 @@ private:
     void verifyMayRemove(yx::CURI const& uri);
     bool isReplaced(yx::CURI const& uri, std::optional<FileIdentity> const& identity) const;
     void verifyGrainSize(Member const& member, yx::CURI const& uri, yx::IIOStream& stream);
+    yx::P<yx::IIOStream> fillSlots(yx::CURI const& uri, yx::P<yx::IIOStream> const& stream) const;
     bool lock(Member const& member, yx::CURI const& uri);
     Plan readPlan(Member const& member, yx::IIOStream* stream);
     void learn(Member& member, yx::IIOStream* stream);
@@ -126,8 +137,19 @@ private:
     /// The disk, then its parents in order, as far as they are known.
     std::vector<Member> m_members;
 
-    /// The index of the member that has an extent, by the extent's URI.
-    std::map<yx::CURI, std::size_t> m_extents;
+    /// A file that a descriptor names.
+    struct Extent {
+        /// The index of the member that has it.
+        std::size_t member;
+
+        /// Where it begins in that disk.
+        __int64 startBytes;
+    };
+
+    /// By their URIs.
+    std::map<yx::CURI, Extent> m_extents;
+
+    UnfinishedExtents m_unfinished;
 
     /// Which files have been opened, by their URIs.
     std::map<yx::CURI, FileIdentity> m_opened;

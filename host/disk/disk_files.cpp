@@ -58,6 +58,8 @@ bool looksLikeDescriptor(std::string_view start) {
 } // namespace
 
 bool isDiskMainFile(std::string const& path) {
+    if (path.ends_with(kUnfinishedFileSuffix))
+        return false;
     Probe probe;
     std::string_view const start = readStart(path, probe);
     return startsWithHeaderMagic(start) || looksLikeDescriptor(start);

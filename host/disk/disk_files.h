@@ -6,8 +6,12 @@
 
 namespace kelm::host {
 
+/// What stands behind the name of a file that is not complete yet, whatever it holds by then.
+inline constexpr char kUnfinishedFileSuffix[] = ".kelm-part";
+
 /// Whether a file looks like the main file of a disk: a sparse extent, or a descriptor text. False
-/// for a file that cannot be read, and for all that is no regular file.
+/// for a file that cannot be read, for all that is no regular file, and for one whose name ends in
+/// `kUnfinishedFileSuffix`.
 bool isDiskMainFile(std::string const& path);
 
 /// What a file takes on its file system, in bytes.

@@ -1,17 +1,7 @@
 #include "host/disk/disk_opening.h"
 
-#include "yx/lock_file.h"
-
 namespace kelm::host {
 
-namespace {
-
-/// A reader's lock on a disk that is about to be opened; null where it cannot be had although
-/// nobody holds it, as on read-only media.
-///
-/// A disk that is opened for reading goes on without a lock if there is no lock file, also when the
-/// lock was refused and its holder took the file away only then. The next writer would not notice
-/// such a reader.
 yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     try {
         return yx::makeObject<yx::CLockFile>(fileSystem, CVMDKDisk::getLockFileURI(uri),
@@ -22,8 +12,6 @@ yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const&
         return nullptr;
     }
 }
-
-} // namespace
 
 bool isLockFile(yx::CURI const& uri) {
     return uri.getExtension() == kLockFileExtension;
@@ -41,6 +29,9 @@ yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri
         access == yx::IIOStream::ReadWrite ? CVMDKGrainTableCache::kNoLimit : readCacheLimit);
     // Until the disk has its own.
     yx::P<yx::CLockFile> lock;
+    // A disk that is opened for reading goes on without a lock if there is no lock file, also when
+    // the lock was refused and its holder took the file away only then. The next writer would not
+    // notice such a reader.
     if (access == yx::IIOStream::ReadOnly)
         lock = takeReaderLock(fileSystem, uri);
     return yx::makeObject<CVMDKDisk>(fileSystem, uri, access, password, compressionLevel,

@@ -1,8 +1,17 @@
 #pragma once
 
 #include "kelm/kelm.h"
+#include "yx/lock_file.h"
 
 namespace kelm::host {
+
+/// A reader's lock on a disk that is about to be opened; null where it cannot be had although
+/// nobody holds it, as on read-only media. A disk that somebody writes to is `yx::CLockFileError`.
+///
+/// A disk that is opened for reading goes on without a lock if there is no lock file, also when the
+/// lock was refused and its holder took the file away only then. The next writer would not notice
+/// such a reader.
+yx::P<yx::CLockFile> takeReaderLock(yx::IFileSystem* fileSystem, yx::CURI const& uri);
 
 /// Opens a disk that exists; one that does not is `CIOError` `NotFound`, also for writing, which
 /// would make the main file. A disk opened for reading keeps at most `readCacheLimit` grain tables,

@@ -73,6 +73,17 @@ bool DiskReading::isWrittenHere(__int64 positionBytes, __int64 bytes) {
     return isWrittenHere;
 }
 
+bool DiskReading::isPassedOn(__int64 positionBytes, __int64 bytes) {
+    bool isPassedOn = true;
+    m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {
+        isPassedOn =
+            isPassedOn && useDisk(partBytes / m_layout.getGrainSizeBytes(), [&](CVMDKDisk& disk) {
+                return m_grains.isPassedOn(disk, partBytes, size);
+            });
+    });
+    return isPassedOn;
+}
+
 bool DiskReading::isGrainWritten(__int64 grainIndex) {
     __int64 const startBytes = grainIndex * m_layout.getGrainSizeBytes();
     // Refuses a grain outside of the disk.

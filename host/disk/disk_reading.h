@@ -41,6 +41,10 @@ public:
     bool isWrittenHere(__int64 positionBytes, __int64 bytes);
     bool isGrainWrittenHere(__int64 grainIndex);
 
+    /// Whether the disk reads all of a range from the same place of its parent. See
+    /// `ChainGrains::isPassedOn`.
+    bool isPassedOn(__int64 positionBytes, __int64 bytes);
+
     /// Calls `use` with the disk that can answer for the grain, and returns what it returns. `use`
     /// may be called twice, and throws no error but those of the disk.
     template <class Use>

@@ -7,12 +7,14 @@
 namespace kelm::host {
 
 DiskWriting::DiskWriting(CVMDKDisk& disk, DiskLayout const& layout, SyncWatch const& syncWatch,
-                         ContentIDChange& contentIDChange, ExtentFiles& files, ExtentRoom& room,
-                         TableLimit& tableLimit, UnflushedGrains& unflushed, StoredView& storedView)
+                         ContentIDChange& contentIDChange, DigestRemoval& digestRemoval,
+                         ExtentFiles& files, ExtentRoom& room, TableLimit& tableLimit,
+                         UnflushedGrains& unflushed, StoredView& storedView)
     : m_disk(disk),
       m_layout(layout),
       m_syncWatch(syncWatch),
       m_contentIDChange(contentIDChange),
+      m_digestRemoval(digestRemoval),
       m_files(files),
       m_room(room),
       m_tableLimit(tableLimit),
@@ -42,6 +44,8 @@ void DiskWriting::prepareChange(__int64 positionBytes, __int64 bytes, Content co
     assert(positionBytes >= 0 && positionBytes + bytes <= m_layout.getSizeBytes());
     if (content == Content::Changes)
         m_contentIDChange.ensureDone();
+    else
+        m_digestRemoval.ensureDone();
     m_files.makeReached(positionBytes, bytes);
 }
 

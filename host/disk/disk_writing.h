@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/disk/content_id_change.h"
+#include "host/disk/digest_removal.h"
 #include "host/disk/extent_files.h"
 #include "host/disk/extent_room.h"
 #include "host/disk/stored_view.h"
@@ -17,13 +18,14 @@ public:
     /// What a change means for the children of the disk.
     enum class Content {
         Changes, ///< the disk gets a new content ID
-        Stays,   ///< it reads as before, and its children go on to know it
+        Stays,   ///< it reads as before, and its children go on to know it; its digests go
     };
 
     /// All of them must outlive the object.
     DiskWriting(CVMDKDisk& disk, DiskLayout const& layout, SyncWatch const& syncWatch,
-                ContentIDChange& contentIDChange, ExtentFiles& files, ExtentRoom& room,
-                TableLimit& tableLimit, UnflushedGrains& unflushed, StoredView& storedView);
+                ContentIDChange& contentIDChange, DigestRemoval& digestRemoval, ExtentFiles& files,
+                ExtentRoom& room, TableLimit& tableLimit, UnflushedGrains& unflushed,
+                StoredView& storedView);
 
     /// Throws what a write of that range would throw for its place and the disk's access.
     void verifyMayWrite(__int64 positionBytes, __int64 bytes);
@@ -53,6 +55,7 @@ private:
     DiskLayout const& m_layout;
     SyncWatch const& m_syncWatch;
     ContentIDChange& m_contentIDChange;
+    DigestRemoval& m_digestRemoval;
     ExtentFiles& m_files;
     ExtentRoom& m_room;
     TableLimit& m_tableLimit;

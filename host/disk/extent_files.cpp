@@ -32,6 +32,16 @@ void ExtentFiles::verifyExist() const {
     }
 }
 
+__int64 ExtentFiles::findMissingEnd(__int64 positionBytes) const {
+    if (!m_areMadeOnDemand)
+        return positionBytes;
+    std::size_t const index = m_layout.findExtent(positionBytes);
+    DiskExtent const& extent = m_layout.getExtents()[index];
+    bool const isMissing = extent.startBytes == positionBytes && mayBeMissing(index) &&
+                           !m_isThere[index] && !m_fileSystem->fileExists(extent.uri);
+    return isMissing ? extent.endBytes : positionBytes;
+}
+
 void ExtentFiles::recover() {
     std::vector<DiskExtent> const& extents = m_layout.getExtents();
     for (std::size_t i = 0; i < extents.size(); ++i) {

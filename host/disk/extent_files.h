@@ -28,6 +28,10 @@ public:
     /// be.
     void verifyExist() const;
 
+    /// Where an extent that begins at a position ends, if its file is missing and may be; otherwise
+    /// the position.
+    __int64 findMissingEnd(__int64 positionBytes) const;
+
     /// Puts right what a power cut can leave in the files. Comes before all other writing.
     void recover();
 

@@ -6,6 +6,7 @@
 
 #include "host/disk/extent_creation.h"
 #include "host/disk/extent_names.h"
+#include "host/disk/regular_places.h"
 #include "host/disk/slot_repair.h"
 #include "host/disk/trail_repair.h"
 #include "host/store/file_moving.h"
@@ -39,16 +40,26 @@ bool isWhole(yx::TBuffer<unsigned char> const& whole, yx::TBuffer<unsigned char>
                        static_cast<std::size_t>(whole.getUsed())) == 0;
 }
 
-bool isUnfinished(yx::IFileSystem* fileSystem, DiskExtent const& extent,
-                  yx::TBuffer<unsigned char> const& keyHash) {
+/// The length of what `makeExtentFileContent` makes.
+__int64 calcEmptyExtentBytes(DiskExtent const& extent) {
+    __int64 const grainCount =
+        (extent.getSizeBytes() + extent.grainSizeBytes - 1) / extent.grainSizeBytes;
+    RegularPlaces const places = calcRegularPlaces(
+        {getVMDKTableCount(grainCount), extent.isCompressed, 1, extent.getGrainSizeSectors()});
+    return (places.overheadSectors + (extent.isCompressed ? kTrailSectors : 0)) * kSectorSizeBytes;
+}
+
+bool isPartOfEmptyExtent(yx::IFileSystem* fileSystem, DiskExtent const& extent,
+                         yx::TBuffer<unsigned char> const& keyHash) {
     yx::P<yx::IIOStream> const stream =
         openVMDKFileStream(fileSystem, extent.uri, yx::IIOStream::ReadOnly);
     __int64 const lengthBytes = stream->getLength();
     if (lengthBytes == 0)
         return true;
-    yx::TBuffer<unsigned char> const whole = makeExtentFileContent(extent, keyHash);
-    if (lengthBytes > whole.getUsed())
+    if (lengthBytes > calcEmptyExtentBytes(extent))
         return false;
+    yx::TBuffer<unsigned char> const whole = makeExtentFileContent(extent, keyHash);
+    assert(whole.getUsed() == calcEmptyExtentBytes(extent));
     yx::TBuffer<unsigned char> part(static_cast<int>(lengthBytes), -1);
     stream->read(part.getData(), part.getUsed());
     return isPartOf(whole, part) && !isWhole(whole, part);
@@ -65,10 +76,15 @@ bool beginsAsExtent(yx::IIOStream& stream) {
 
 } // namespace
 
+bool isUnfinishedExtent(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI,
+                        DiskExtent const& extent, yx::TBuffer<unsigned char> const& keyHash) {
+    return isExtentName(mainFileURI, extent.uri) && fileSystem->fileExists(extent.uri) &&
+           isPartOfEmptyExtent(fileSystem, extent, keyHash);
+}
+
 void moveAsideIfUnfinished(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI,
                            DiskExtent const& extent, yx::TBuffer<unsigned char> const& keyHash) {
-    if (!isExtentName(mainFileURI, extent.uri) || !fileSystem->fileExists(extent.uri) ||
-        !isUnfinished(fileSystem, extent, keyHash))
+    if (!isUnfinishedExtent(fileSystem, mainFileURI, extent, keyHash))
         return;
     assert(extent.uri != mainFileURI);
     yx::CURI const target = moveAside(fileSystem, extent.uri, kSuffix);

@@ -6,16 +6,20 @@
 
 namespace kelm::host {
 
-/// Moves the file of an extent out of the way, with a warning in the log, if it is a part of an
-/// empty extent file, as a power cut or a failing device leaves it while the file is made. Such a
-/// file cannot be opened, and it holds no data.
+/// Whether the file of an extent is there and a part of an empty extent file, as a power cut or a
+/// failing device leaves it while the file is made. Such a file cannot be opened, and it holds no
+/// data.
 ///
 /// A descriptor may name any file of the machine, so that only a file counts that lies in the
 /// folder of the disk, has a name that `isExtentName` knows, and is empty or begins as an empty
-/// extent of this very disk begins. It gets a suffix to its name (see `moveAside`) and is not
-/// deleted.
+/// extent of this very disk begins. One that is longer than such an extent is not read.
 ///
 /// `mainFileURI` is normalised, `keyHash` that of `makeExtentFileContent`.
+bool isUnfinishedExtent(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI,
+                        DiskExtent const& extent, yx::TBuffer<unsigned char> const& keyHash);
+
+/// Moves such a file out of the way, with a warning in the log. It gets a suffix to its name (see
+/// `moveAside`) and is not deleted.
 void moveAsideIfUnfinished(yx::IFileSystem* fileSystem, yx::CURI const& mainFileURI,
                            DiskExtent const& extent, yx::TBuffer<unsigned char> const& keyHash);
 

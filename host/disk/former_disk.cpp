@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "host/disk/digest_file_name.h"
 #include "host/disk/extent_names.h"
 #include "kelm/kelm.h"
 #include "yx/error.h"
@@ -39,8 +40,9 @@ FormerDisk::FormerDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri)
         noteExtentFiles();
     } catch (yx::CError const&) {
         // There is no disk, or one that cannot be read: which files are its own is not known.
-        m_extentFiles.clear();
+        m_files.clear();
     }
+    noteDigestFile();
 }
 
 void FormerDisk::noteExtentFiles() {
@@ -53,13 +55,19 @@ void FormerDisk::noteExtentFiles() {
             vmdkFileReferenceToURI(m_mainFile.getParent(), info->getFilename()).toNormalized();
         if (isExtentName(m_mainFile, file) && m_fileSystem->fileExists(file) &&
             isExtentWithoutDescriptor(m_fileSystem.get(), file))
-            m_extentFiles.push_back({file, identifyFile(file)});
+            m_files.push_back({file, identifyFile(file)});
     }
 }
 
-std::vector<yx::CURI> FormerDisk::getExtentFiles() const {
+void FormerDisk::noteDigestFile() {
+    yx::CURI const file = digestFileOf(m_mainFile).toNormalized();
+    if (m_fileSystem->fileExists(m_mainFile) && isDigestFile(m_fileSystem.get(), file))
+        m_files.push_back({file, identifyFile(file)});
+}
+
+std::vector<yx::CURI> FormerDisk::getFiles() const {
     std::vector<yx::CURI> files;
-    for (ExtentFile const& file : m_extentFiles)
+    for (OwnFile const& file : m_files)
         files.push_back(file.uri);
     return files;
 }
@@ -68,7 +76,7 @@ void FormerDisk::keep(FileLocks& locks) {
     if (m_mainFile.getScheme() != "file" || !m_fileSystem->fileExists(m_mainFile))
         return;
     std::vector<yx::CURI> files{m_mainFile};
-    for (ExtentFile const& file : m_extentFiles)
+    for (OwnFile const& file : m_files)
         files.push_back(file.uri);
     for (yx::CURI const& file : files) {
         try {
@@ -81,7 +89,7 @@ void FormerDisk::keep(FileLocks& locks) {
 }
 
 void FormerDisk::removeFilesBut(std::vector<yx::CURI> const& kept) {
-    for (auto const& [file, identity] : m_extentFiles) {
+    for (auto const& [file, identity] : m_files) {
         assert(file == file.toNormalized());
         if (std::find(kept.begin(), kept.end(), file) != kept.end() ||
             identifyFile(file) != identity)

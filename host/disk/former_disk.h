@@ -16,16 +16,17 @@ namespace kelm::host {
 ///
 /// A descriptor may name any file of the machine, so only a file counts that is what a splitting of
 /// this disk would have made: one in the disk's folder, with the disk's name, "-s", digits and the
-/// disk's extension, that is a sparse extent without a descriptor of its own.
+/// disk's extension, that is a sparse extent without a descriptor of its own. The disk's digest file
+/// counts too, if it is one.
 class FormerDisk {
 public:
     /// Notes the files. There are none if no disk can be read at `uri`; no password is needed.
     FormerDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri);
 
     /// The files that may be removed.
-    std::vector<yx::CURI> getExtentFiles() const;
+    std::vector<yx::CURI> getFiles() const;
 
-    /// Keeps the main file and the extent files, if they are files of the operating system, as
+    /// Keeps the main file and the others, if they are files of the operating system, as
     /// `KeptFiles` does: unless `removeFilesBut` is called, they are put back when this ends, which
     /// must be after the files of the new disk are gone. `locks`, those of the new disk, hold them
     /// from now on, so that nobody else uses or replaces them: `CLockFileError` as
@@ -38,16 +39,17 @@ public:
     void removeFilesBut(std::vector<yx::CURI> const& kept);
 
 private:
-    struct ExtentFile {
+    struct OwnFile {
         yx::CURI uri;
         std::optional<FileIdentity> identity;
     };
 
     void noteExtentFiles();
+    void noteDigestFile();
 
     yx::P<yx::IFileSystem> m_fileSystem;
     yx::CURI m_mainFile;
-    std::vector<ExtentFile> m_extentFiles;
+    std::vector<OwnFile> m_files;
     std::optional<KeptFiles> m_kept;
 };
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
+#include "host/disk/disk_key.h"
 #include "host/disk/disk_trust.h"
 #include "kelm/graindata/data_preparer.h"
 #include "yx/uri.h"
@@ -15,6 +17,10 @@ struct NewDisk {
 
     /// Empty for a disk that is not encrypted.
     yx::String password;
+
+    /// How the key that wraps the disk's own comes from the password; nothing for the library's
+    /// way, which is 10000 rounds.
+    std::optional<KeyDerivationSettings> keyDerivation = {};
 
     /// Whether grains are stored compressed.
     bool compressed = false;

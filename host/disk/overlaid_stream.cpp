@@ -29,13 +29,13 @@ Meeting findMeeting(Overlay const& overlay, __int64 positionBytes, int sizeBytes
 } // namespace
 
 OverlaidStream::OverlaidStream(yx::P<yx::IIOStream> stream, yx::P<Overlay> overlay)
-    : ForwardingStream(std::move(stream)), m_overlay(std::move(overlay)) {}
+    : AlteredStream(std::move(stream)), m_overlay(std::move(overlay)) {}
 
-void OverlaidStream::show(__int64 positionBytes, void* target, int sizeBytes) const {
+void OverlaidStream::alter(__int64 positionBytes, unsigned char* target, int sizeBytes) {
     Meeting const meeting = findMeeting(*m_overlay, positionBytes, sizeBytes);
     if (meeting.sizeBytes > 0) {
-        std::memcpy(static_cast<unsigned char*>(target) + meeting.inTransfer,
-                    m_overlay->bytes.data() + meeting.inOverlay, meeting.sizeBytes);
+        std::memcpy(target + meeting.inTransfer, m_overlay->bytes.data() + meeting.inOverlay,
+                    meeting.sizeBytes);
     }
 }
 
@@ -46,26 +46,6 @@ void OverlaidStream::take(__int64 positionBytes, void const* source, int sizeByt
                     static_cast<unsigned char const*>(source) + meeting.inTransfer,
                     meeting.sizeBytes);
     }
-}
-
-void OverlaidStream::read(void* target, int sizeBytes) {
-    __int64 const positionBytes = getTarget()->getPosition();
-    getTarget()->read(target, sizeBytes);
-    show(positionBytes, target, sizeBytes);
-}
-
-int OverlaidStream::readLax(void* target, int sizeBytes) {
-    __int64 const positionBytes = getTarget()->getPosition();
-    int const count = getTarget()->readLax(target, sizeBytes);
-    show(positionBytes, target, count);
-    return count;
-}
-
-int OverlaidStream::readAvailable(void* target, int sizeBytes) {
-    __int64 const positionBytes = getTarget()->getPosition();
-    int const count = getTarget()->readAvailable(target, sizeBytes);
-    show(positionBytes, target, count);
-    return count;
 }
 
 void OverlaidStream::write(void const* source, int sizeBytes, yx::IWriteBarrier* barrier) {

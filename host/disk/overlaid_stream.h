@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "host/store/forwarding_stream.h"
+#include "host/disk/altered_stream.h"
 
 namespace kelm::host {
 
@@ -17,22 +17,18 @@ struct Overlay : public yx::CBase {
 };
 
 /// A stream that shows the bytes of an overlay in the place of the file's own. Writes pass to the
-/// file, and the overlay takes them too, so that every stream reads what was written last. All else
-/// is the stream's below.
-class OverlaidStream : public ForwardingStream {
+/// file, and the overlay takes them too, so that every stream reads what was written last.
+class OverlaidStream : public AlteredStream {
 public:
     /// Shows the file of `stream` with what `overlay` holds, now and later.
     OverlaidStream(yx::P<yx::IIOStream> stream, yx::P<Overlay> overlay);
 
-    void read(void* target, int sizeBytes) override;
-    int readLax(void* target, int sizeBytes) override;
-    int readAvailable(void* target, int sizeBytes) override;
     void write(void const* source, int sizeBytes, yx::IWriteBarrier* barrier) override;
     void writeKeepBuffer(yx::TConstBufferSlice<unsigned char> const& slice,
                          yx::IWriteBarrier* barrier) override;
 
 private:
-    void show(__int64 positionBytes, void* target, int sizeBytes) const;
+    void alter(__int64 positionBytes, unsigned char* target, int sizeBytes) override;
     void take(__int64 positionBytes, void const* source, int sizeBytes);
 
     yx::P<Overlay> m_overlay;

@@ -17,11 +17,24 @@ ParentIndependence::ParentIndependence(CVMDKDisk& disk, DiskLayout const& layout
       m_preparer(disk.createDataPreparer()) {}
 
 void ParentIndependence::makeGrainIndependent(__int64 grainIndex) {
+    flushUnwrittenChanges();
+    if (!m_reading.isGrainWrittenHere(grainIndex) && m_reading.isGrainWritten(grainIndex))
+        copyGrain(grainIndex);
+}
+
+void ParentIndependence::holdGrain(__int64 grainIndex) {
+    flushUnwrittenChanges();
+    if (!m_reading.isGrainWrittenHere(grainIndex))
+        copyGrain(grainIndex);
+}
+
+void ParentIndependence::flushUnwrittenChanges() {
     if (m_writing.hasUnflushedWrites())
         m_writing.flush();
     assert(!m_writing.hasUnflushedWrites());
-    if (m_reading.isGrainWrittenHere(grainIndex) || !m_reading.isGrainWritten(grainIndex))
-        return;
+}
+
+void ParentIndependence::copyGrain(__int64 grainIndex) {
     __int64 const startBytes = grainIndex * m_layout.getGrainSizeBytes();
     int const grainBytes = m_layout.getGrainBytesAt(startBytes);
     m_writing.reserveRoom(startBytes, grainBytes);

@@ -21,7 +21,14 @@ public:
     /// content ID stays.
     void makeGrainIndependent(__int64 grainIndex);
 
+    /// Stores what the disk reads at a grain, zeros too, so that another parent can have other data
+    /// there. The same holds as for `makeGrainIndependent`, but that a grain which is nowhere in
+    /// the chain is stored as zeros.
+    void holdGrain(__int64 grainIndex);
+
 private:
+    void flushUnwrittenChanges();
+    void copyGrain(__int64 grainIndex);
     bool tryCopyPrepared(__int64 grainIndex);
     void copyPlain(__int64 positionBytes, int bytes);
 

@@ -33,6 +33,11 @@ void completeNewDescriptor(CVMDKDisk& disk, NewDisk const& request) {
     setIfKnown(record, &DiskRecord::setSource, request.source);
     setIfKnown(record, &DiskRecord::setHost, request.host);
     setIfKnown(record, &DiskRecord::setLabel, request.label);
+    if (request.keyDerivation && descriptor->isEncrypted()) {
+        wrapDiskKey(*descriptor,
+                    unwrapDiskKey(*descriptor, disk.getMainFileURI(), request.password),
+                    request.password, *request.keyDerivation);
+    }
     updateChecksum(*descriptor, disk.getMainFileURI());
     disk.storeDescriptor();
 }
@@ -102,6 +107,7 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
       m_layout(*m_disk),
       m_grains(m_fileSystem.get(), *m_disk, m_layout),
       m_contentIDChange(*m_disk),
+      m_digestRemoval(*m_diskFiles),
       m_extentFiles(m_fileSystem.get(), m_disk->getMainFileURI(), m_layout,
                     m_disk->getDescriptor()->getYxCreateExtentFilesOnDemand(), keyHashOf(*m_disk)),
       m_room(
@@ -116,8 +122,8 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
       m_preparedReading(m_layout, m_grains, m_reading),
       m_strictReading(*m_disk, m_layout, m_grains, m_tableLimit),
       m_strictPreparedReading(m_layout, m_grains, m_strictReading),
-      m_writing(*m_disk, m_layout, *m_fileSystem, m_contentIDChange, m_extentFiles, m_room,
-                m_tableLimit, m_unflushed, m_storedView),
+      m_writing(*m_disk, m_layout, *m_fileSystem, m_contentIDChange, m_digestRemoval, m_extentFiles,
+                m_room, m_tableLimit, m_unflushed, m_storedView),
       m_zeroWriting(*m_disk, m_layout, m_grains, m_strictReading, m_writing),
       m_independence(*m_disk, m_layout, m_grains, m_strictReading, m_strictPreparedReading,
                      m_writing, m_zeroWriting) {}
@@ -252,6 +258,11 @@ bool SafeDisk::tryReadPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned cha
 void SafeDisk::makeGrainIndependentOfParent(__int64 grainIndex) {
     if (m_hasParent)
         m_independence.makeGrainIndependent(grainIndex);
+}
+
+void SafeDisk::holdGrain(__int64 grainIndex) {
+    if (m_hasParent)
+        m_independence.holdGrain(grainIndex);
 }
 
 } // namespace kelm::host

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "host/disk/content_id_change.h"
+#include "host/disk/digest_removal.h"
 #include "host/disk/disk_file_system.h"
 #include "host/disk/disk_layout.h"
 #include "host/disk/disk_reading.h"
@@ -31,7 +32,8 @@ constexpr std::size_t kMaxChainLength = CVMDKParentDiskDataProvider::kMaxChainDe
 /// - `ExtentRoom`: no extent file outgrows 2 TiB.
 /// - `DiskState`: a disk that was not filled to its end is not taken for a whole one.
 /// - `updateChecksum`: a damaged descriptor is told from a sound one.
-/// - `ContentIDChange`: children notice a change, whatever a power cut leaves.
+/// - `ContentIDChange`: children and digests notice a change, whatever a power cut leaves.
+/// - `DigestRemoval`: digests that a change would make incomplete without a new content ID go first.
 /// - `TableLimit`: no changed grain table is lost, and memory has a bound.
 /// - `ZeroWriting`: zeros hide what a parent has there.
 /// - `ParentIndependence`: no unwritten change is lost to the parent's data.
@@ -122,11 +124,17 @@ public:
     bool isWrittenHere(__int64 positionBytes, __int64 bytes) {
         return m_reading.isWrittenHere(positionBytes, bytes);
     }
+    bool isPassedOn(__int64 positionBytes, __int64 bytes) {
+        return m_reading.isPassedOn(positionBytes, bytes);
+    }
     bool isGrainWritten(__int64 grainIndex) { return m_reading.isGrainWritten(grainIndex); }
     bool isGrainWrittenHere(__int64 grainIndex) { return m_reading.isGrainWrittenHere(grainIndex); }
 
     /// See `ParentIndependence`. Does nothing on a disk without a parent.
     void makeGrainIndependentOfParent(__int64 grainIndex);
+
+    /// See `ParentIndependence`. Does nothing on a disk without a parent.
+    void holdGrain(__int64 grainIndex);
 
     /// Brings all changes to the device; see `DiskWriting::flush`.
     void flush() { m_writing.flush(); }
@@ -141,8 +149,22 @@ public:
     /// differs from its checksum goes on differing: a change of ours says nothing about the rest.
     void storeDescriptor();
 
+    /// Something outside of the disk, such as its digests, says from now on what the disk holds
+    /// under its present content ID: the next change gives it a new one, even if this opening has
+    /// given it one already. For a disk opened for writing, flushed.
+    void settleContent() {
+        m_contentIDChange.renew();
+        m_digestRemoval.renew();
+    }
+
     /// The files of the disk: the main file, then the extent files that are files of their own.
     std::vector<yx::CURI> listFiles();
+
+    /// Where an extent that begins at a position of the disk ends, if its file has not been made yet,
+    /// so that this very disk holds nothing there; otherwise the position.
+    __int64 findMissingEnd(__int64 positionBytes) const {
+        return m_extentFiles.findMissingEnd(positionBytes);
+    }
 
     /// The extents in order, without gaps.
     std::vector<DiskExtent> const& listExtents() const { return m_layout.getExtents(); }
@@ -172,6 +194,7 @@ private:
     DiskLayout m_layout;
     ChainGrains m_grains;
     ContentIDChange m_contentIDChange;
+    DigestRemoval m_digestRemoval;
     ExtentFiles m_extentFiles;
     ExtentRoom m_room;
     TableLimit m_tableLimit;

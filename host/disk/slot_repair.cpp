@@ -17,9 +17,6 @@ namespace {
 /// of memory.
 constexpr __int64 kStretchSectors = 1LL << 28;
 
-/// Tables keep the size of a slot in 16 bits.
-constexpr __int64 kMaxSlotSizeSectors = 65535;
-
 /// How many grains are gone through before their tables leave the memory: 1024 tables of 3 KiB.
 constexpr __int64 kGrainsInMemory = __int64{1024} * kGrainTableEntryCount;
 
@@ -130,26 +127,14 @@ private:
         assert(slot.posSectors > 0);
         if (slot.sizeSectors > 0 && slot.sizeSectors <= roomSectors)
             return;
-        __int64 const recordSectors = readRecordSize(slot);
+        __int64 const recordSectors = readRecordSizeSectors(
+            m_stream, m_header, slot.grainIndex + m_extent.getStartGrainIndex(), slot.posSectors);
         if (recordSectors < 1 || recordSectors > roomSectors)
             return;
         assert(recordSectors <= kMaxSlotSizeSectors);
         m_directory->setGrainInfo(slot.grainIndex, slot.posSectors,
                                   slot.sizeSectors == 0 ? recordSectors : roomSectors);
         ++m_repairCount;
-    }
-
-    /// In sectors; 0 if there is no record of that grain.
-    __int64 readRecordSize(Slot const& slot) {
-        unsigned char record[kGrainRecordHeaderSizeBytes];
-        m_stream.seek(slot.posSectors * kSectorSizeBytes);
-        if (m_stream.readLax(record, kGrainRecordHeaderSizeBytes) < kGrainRecordHeaderSizeBytes)
-            return 0;
-        auto const diskGrainIndex =
-            static_cast<unsigned long long>(slot.grainIndex + m_extent.getStartGrainIndex());
-        if (loadGrainRecordLBA(record) != diskGrainIndex * m_header.getGrainSizeSectors())
-            return 0;
-        return recordSizeSectors(m_header, loadGrainRecordCompressedSize(record));
     }
 
     yx::IIOStream& m_stream;
