@@ -6,6 +6,7 @@
 #include <set>
 #include <string_view>
 
+#include "host/backups/descriptor_file.h"
 #include "host/disk/disk_files.h"
 #include "host/disk/disk_layout.h"
 #include "host/disk/disk_record.h"
@@ -156,6 +157,8 @@ public:
 
     void addFolder(yx::CURI const& folder) {
         for (yx::CURI const& file : listFilesBelow(folder)) {
+            if (isFileOfChange(file))
+                continue;
             if (isDiskMainFile(yx::toNativePath(file).toStdString()))
                 addDisk(file);
             else if (file.getExtension().toStdString() == kDiskExtension)

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "host/disk/descriptor_checksum.h"
+#include "host/disk/disk_files.h"
 #include "host/disk/main_file_form.h"
 #include "host/disk/own_name.h"
 #include "host/store/file_names.h"
-#include "kelm/format/internal/descriptor_text.h"
 #include "kelm/kelm.h"
 
 namespace kelm::host {
@@ -16,6 +16,8 @@ namespace kelm::host {
 namespace {
 
 constexpr char kParentKey[] = "parentFileNameHint";
+constexpr char kParentContentIDKey[] = "parentCID";
+constexpr char kParentName[] = "the name of its parent";
 
 std::string textOfArea(DescriptorArea const& area) {
     return {area.begin(), std::find(area.begin(), area.end(), 0)};
@@ -31,21 +33,6 @@ CVMDKDescriptor parseText(std::string const& text) {
     throw yx::CIOError(yx::CIOError::NotSupported,
                        "The descriptor inside the disk has no room for " + yx::String(whose) + ".",
                        yx::CProps().add("uri", mainFile.toString(true)), nullptr);
-}
-
-/// The value of a line of that key, quotes included.
-std::optional<TextSpan> findValue(std::string const& text, char const* key) {
-    for (TextSpan const& line : splitLines(text)) {
-        auto const entry =
-            detail::tryParseNameValue(detail::View<char>(text).substr(line.start, line.length));
-        if (!entry ||
-            !detail::isSameKey(wxString::From8BitData(entry->name.data(), entry->name.size()), key))
-            continue;
-        auto const start = static_cast<std::size_t>(entry->value.data() - text.data());
-        return entry->quoted ? TextSpan{start - 1, entry->value.size() + 2}
-                             : TextSpan{start, entry->value.size()};
-    }
-    return std::nullopt;
 }
 
 /// Replaces a part of the text. A file of text gets the room that it takes.
@@ -109,10 +96,82 @@ std::string withNewName(std::string const& line, yx::CURI const& oldFolder,
 
 void replaceParent(DescriptorFile& descriptor, std::string const& reference) {
     if (std::optional<TextSpan> const old = findValue(textOfArea(descriptor.area), kParentKey))
-        replaceText(descriptor, *old, '"' + reference + '"', "the name of its parent");
+        replaceText(descriptor, *old, '"' + reference + '"', kParentName);
+}
+
+/// The old area, and the new one behind it.
+void writeChange(DurableFiles& files, DescriptorFile const& before, DescriptorFile const& changed) {
+    std::vector<unsigned char> both = before.area;
+    both.insert(both.end(), changed.area.begin(), changed.area.end());
+    yx::CURI const file = nameOfDescriptorChange(before.mainFile);
+    files.remove(file);
+    files.make(file, both, before.mainFile);
+}
+
+/// The old descriptor with the sector of the parent's content ID from the new one, whose lines have
+/// the same places: without the ID, the name of the parent means nothing; with it, it must be there.
+DescriptorFile withSectorOfParentContentID(DescriptorFile const& before,
+                                           DescriptorFile const& changed) {
+    DescriptorFile mixed = before;
+    std::optional<TextSpan> const id = findValue(textOfArea(before.area), kParentContentIDKey);
+    std::size_t const begin = id ? id->start / kSectorSizeBytes * kSectorSizeBytes : 0;
+    std::size_t const end = std::min<std::size_t>(begin + kSectorSizeBytes, mixed.area.size());
+    for (std::size_t at = begin; at < end; ++at)
+        mixed.area[at] = changed.area[at];
+    return mixed;
+}
+
+/// Stores a descriptor that has other values; its checksum is true if that of the old one was.
+void storeChange(DurableFiles& files, DescriptorFile const& before, DescriptorFile const& changed) {
+    DescriptorFile checked = changed;
+    keepChecksum(before, checked, kParentName);
+    if (!checked.isEmbedded || differInOneSector(before.area, checked.area)) {
+        storeDescriptorFile(files, checked);
+        return;
+    }
+    writeChange(files, before, checked);
+    if (checked.parse().getParentContentID() == kNoParentContentID)
+        storeDescriptorFile(files, withSectorOfParentContentID(before, checked));
+    storeDescriptorFile(files, checked);
+    files.remove(nameOfDescriptorChange(before.mainFile));
+}
+
+void replaceParentContentID(DescriptorFile& descriptor, unsigned int contentID) {
+    std::optional<TextSpan> const old = findValue(textOfArea(descriptor.area), kParentContentIDKey);
+    if (!old) {
+        throw yx::CInvalidArgError("replaceParentContentID", "The disk has no parent.",
+                                   yx::CProps().add("uri", descriptor.mainFile.toString(true)));
+    }
+    std::string digits = yx::toHexString(contentID).toStdString();
+    // In a place of the same length, no line moves.
+    if (digits.size() < old->length)
+        digits.insert(0, old->length - digits.size(), '0');
+    replaceText(descriptor, *old, digits, kParentName);
+}
+
+/// Makes a comment of the line with the parent's name, which keeps its length.
+void blankParentName(DescriptorFile& descriptor) {
+    std::string const text = textOfArea(descriptor.area);
+    std::optional<TextSpan> const name = findValue(text, kParentKey);
+    if (!name)
+        return;
+    std::size_t const start = text.rfind('\n', name->start) + 1;
+    std::string comment(name->start + name->length - start, ' ');
+    comment.front() = '#';
+    std::copy(comment.begin(), comment.end(),
+              descriptor.area.begin() + static_cast<std::ptrdiff_t>(start));
 }
 
 } // namespace
+
+bool isFileOfChange(yx::CURI const& file) {
+    std::string const name = file.getName().toStdString();
+    return name.ends_with(kDescriptorChangeSuffix) || name.ends_with(kUnfinishedFileSuffix);
+}
+
+yx::CURI nameOfDescriptorChange(yx::CURI const& mainFile) {
+    return (mainFile.getParent() << (mainFile.getName() + kDescriptorChangeSuffix)).toNormalized();
+}
 
 CVMDKDescriptor DescriptorFile::parse() const {
     return parseText(textOfArea(area));
@@ -159,8 +218,23 @@ void storeDescriptorFile(DurableFiles& files, DescriptorFile const& descriptor) 
 DescriptorFile withParentReference(DescriptorFile const& descriptor, yx::String const& reference) {
     DescriptorFile changed = descriptor;
     replaceParent(changed, encodeReference(descriptor, reference));
-    keepChecksum(descriptor, changed, "the name of its parent");
+    keepChecksum(descriptor, changed, kParentName);
     return changed;
+}
+
+void storeParent(DurableFiles& files, DescriptorFile const& descriptor, yx::String const& reference,
+                 unsigned int contentID) {
+    DescriptorFile changed = descriptor;
+    replaceParentContentID(changed, contentID);
+    replaceParent(changed, encodeReference(descriptor, reference));
+    storeChange(files, descriptor, changed);
+}
+
+void storeNoParent(DurableFiles& files, DescriptorFile const& descriptor) {
+    DescriptorFile changed = descriptor;
+    replaceParentContentID(changed, kNoParentContentID);
+    blankParentName(changed);
+    storeChange(files, descriptor, changed);
 }
 
 DescriptorFile movedTo(DescriptorFile const& descriptor, yx::CURI const& mainFile,

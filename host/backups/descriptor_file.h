@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <vector>
 
 #include "host/backups/durable_files.h"
 #include "host/disk/descriptor_edit.h"
@@ -8,6 +9,16 @@
 #include "yx/file_system.h"
 
 namespace kelm::host {
+
+/// What that file has behind the name of the main file.
+inline constexpr char kDescriptorChangeSuffix[] = ".kelm-descriptor";
+
+/// Whether a name is that of a file of which only a change in progress, or one that was killed, knows:
+/// it may begin as a disk does, and is none.
+bool isFileOfChange(yx::CURI const& file);
+
+/// The file by which `mendDescriptor` works for a disk.
+yx::CURI nameOfDescriptorChange(yx::CURI const& mainFile);
 
 /// The descriptor of a disk, apart from the disk: no password is needed for it.
 struct DescriptorFile {
@@ -41,6 +52,23 @@ void storeDescriptorFile(DurableFiles& files, DescriptorFile const& descriptor);
 /// without room is `yx::CIOError` `NotSupported` "The descriptor inside the disk has no room for
 /// the name of its parent." with "uri".
 DescriptorFile withParentReference(DescriptorFile const& descriptor, yx::String const& reference);
+
+/// Hangs a disk on another parent: by the reference to its main file, as `makeFileReference` makes
+/// it, and by its content ID. The checksum stays true if it was.
+///
+/// A text is replaced at once. In an area, lines keep their places where they can
+/// (`replaceInArea`). Where more than one sector changes, both areas are put into a file beside the
+/// disk first (`nameOfDescriptorChange`), by which `mendDescriptor` undoes what a power cut has
+/// torn.
+///
+/// Errors are those of `withParentReference` and of `files`; a descriptor that has no parent is
+/// `yx::CInvalidArgError`.
+void storeParent(DurableFiles& files, DescriptorFile const& descriptor, yx::String const& reference,
+                 unsigned int contentID);
+
+/// Makes a disk one without a parent, in the same way. The place of the name stays, as a comment, so
+/// that no line moves: a power cut leaves a disk with its old parent or without one.
+void storeNoParent(DurableFiles& files, DescriptorFile const& descriptor);
 
 /// The descriptor as it is to be in the file `mainFile`: the extents in `newNames`, by their
 /// normalised names of before, have their new ones, and all names are seen from the new folder. The

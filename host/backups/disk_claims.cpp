@@ -1,5 +1,6 @@
 #include "host/backups/disk_claims.h"
 
+#include "host/disk/disk_opening.h"
 #include "kelm/kelm.h"
 
 namespace kelm::host {
@@ -11,6 +12,11 @@ void DiskClaims::add(DiskParts const& disk) {
 }
 
 void DiskClaims::addName(yx::CURI const& mainFile) {
+    if (m_type == FileLock::Type::Shared) {
+        if (yx::P<yx::CLockFile> lock = takeReaderLock(m_fileSystem.get(), mainFile))
+            m_lockFiles.push_back(std::move(lock));
+        return;
+    }
     m_lockFiles.push_back(yx::makeObject<yx::CLockFile>(m_fileSystem.get(),
                                                         CVMDKDisk::getLockFileURI(mainFile),
                                                         yx::CLockFile::Exclusive, false, true));
@@ -18,7 +24,7 @@ void DiskClaims::addName(yx::CURI const& mainFile) {
 
 void DiskClaims::addFile(yx::CURI const& file) {
     if (m_fileSystem->fileExists(file))
-        m_locks.take(file, FileLock::Type::Exclusive);
+        m_locks.take(file, m_type);
 }
 
 } // namespace kelm::host

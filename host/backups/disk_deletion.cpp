@@ -2,6 +2,8 @@
 
 #include <cassert>
 
+#include "host/backups/left_locks.h"
+#include "host/disk/digest_file_name.h"
 #include "host/store/folder_access.h"
 
 namespace kelm::host {
@@ -47,8 +49,10 @@ void DiskDeletion::plan() {
     std::optional<DiskNote> const note =
         DiskNote::tryRead(m_fileSystem.get(), m_mainFile, DiskNote::Work::Deleting);
     bool const isThere = m_fileSystem->fileExists(m_mainFile);
-    if (!isThere && !note)
+    if (!isThere && !note) {
+        removeLeftLock(m_fileSystem.get(), m_mainFile);
         throw yx::CIOError(yx::CIOError::NotFound, "The disk does not exist.", props, nullptr);
+    }
     std::vector<yx::CURI> disks;
     DiskRelations const relations(m_fileSystem.get(), m_options.lookIn);
     if (isThere) {
@@ -76,6 +80,8 @@ void DiskDeletion::planDisk(DiskRelations const& relations, yx::CURI const& main
     m_files.push_back(mainFile);
     for (yx::CURI const& file : disk.extentFiles)
         planFile(file);
+    if (!disk.digestFile.isEmpty())
+        planFile(disk.digestFile);
 }
 
 /// What an earlier call has left of disks whose main files are gone.
@@ -86,7 +92,8 @@ void DiskDeletion::planLeftFiles(DiskRelations const& relations, DiskNote const&
         if (m_planned.contains(file) || !m_fileSystem->fileExists(file) || relations.haveFile(file))
             continue;
         m_claims.addFile(file);
-        verifyIsBareExtent(m_fileSystem.get(), file);
+        if (!isDigestFile(m_fileSystem.get(), file))
+            verifyIsBareExtent(m_fileSystem.get(), file);
         planFile(file);
     }
 }

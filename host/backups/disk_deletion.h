@@ -34,12 +34,10 @@ struct DiskDeletionOptions {
 ///
 /// The order of the steps (`DurableFiles`), so that nobody takes a part of a disk for all of it:
 ///
-/// 1. A note beside the disk names all files that will go (`DiskNote`), unless it is one file
-/// alone.
+/// 1. A note beside the disk names all files that will go (`DiskNote`), unless it is one file alone.
 /// 2. Each child goes before its parent, and of each disk the main file before the others. Without
-/// its
-///    main file a disk is none, whatever extents are left; a disk that still has it has all of its
-///    parents.
+///    its main file a disk is none, whatever extents are left; a disk that still has it has all of
+///    its parents.
 /// 3. The note goes.
 ///
 /// Whoever is killed, or fails, goes on by the same call.

@@ -1,9 +1,10 @@
 #include "host/backups/disk_move.h"
 
 #include <algorithm>
-#include <filesystem>
 
+#include "host/backups/left_locks.h"
 #include "host/backups/moved_names.h"
+#include "host/disk/digest_file_name.h"
 #include "host/store/file_names.h"
 #include "host/store/folder_access.h"
 
@@ -12,11 +13,6 @@ namespace kelm::host {
 namespace {
 
 using MovedName = std::pair<yx::CURI, yx::CURI>;
-
-bool isNameTaken(yx::CURI const& file) {
-    return std::filesystem::exists(
-        std::filesystem::symlink_status(yx::toNativePath(file).toStdString()));
-}
 
 [[noreturn]] void throwNameTaken(yx::CURI const& file) {
     throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
@@ -32,7 +28,8 @@ DiskMove::DiskMove(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI co
       m_from(from.toNormalized()),
       m_to(to.toNormalized()),
       m_options(options),
-      m_claims(fileSystem) {}
+      m_claims(fileSystem),
+      m_copied(fileSystem, options.work) {}
 
 DiskMoveResult DiskMove::run() {
     readNote();
@@ -65,8 +62,10 @@ void DiskMove::readNote() {
     m_goesOn = note.has_value();
     bool const isThere = m_fileSystem->fileExists(m_from);
     if (!note) {
-        if (!isThere)
+        if (!isThere) {
+            removeLeftLock(m_fileSystem.get(), m_from);
             throw yx::CIOError(yx::CIOError::NotFound, "The disk does not exist.", props, nullptr);
+        }
         return;
     }
     m_note = *std::move(note);
@@ -102,6 +101,7 @@ void DiskMove::makeNote() {
     m_note.work = DiskNote::Work::Moving;
     m_note.mainIdentity = identifyFile(m_from).value_or(FileIdentity());
     m_note.files = listMovedNames(*m_disk, m_to);
+    deleteLeftDigests(m_fileSystem.get(), m_to);
     verifyNamesAreFree();
     verifyMayWriteInFolderOf(m_from);
     verifyMayWriteInFolderOf(m_to);
@@ -139,7 +139,21 @@ void DiskMove::claim() {
         child = readDiskParts(m_fileSystem.get(), child.getMainFile());
 }
 
+void DiskMove::verifyRoom() {
+    for (auto const& [from, to] : m_note.files)
+        m_copied.plan(from, to);
+    // Second names take none.
+    if (!areOnOneDevice(m_from.getParent(), m_to.getParent()))
+        m_copied.verifyRoom(m_to.getParent());
+}
+
+void DiskMove::copyFile(yx::CURI const& from, yx::CURI const& to) {
+    m_steps.copy(from, to, m_options.work.cancel);
+    m_copied.addDone(from);
+}
+
 void DiskMove::giveNewNames() {
+    verifyRoom();
     if (!m_goesOn)
         m_note.write(m_steps);
     try {
@@ -169,12 +183,12 @@ void DiskMove::addFile(yx::CURI const& from, yx::CURI const& to) {
     if (from == to || !m_fileSystem->fileExists(from))
         return;
     if (isNameTaken(to)) {
-        if (!m_goesOn || !DurableFiles::areAlike(from, to, m_options.cancel))
+        if (!m_goesOn || !DurableFiles::areAlike(from, to, m_options.work.cancel))
             throwNameTaken(to);
         return;
     }
     if (!m_steps.tryLink(from, to))
-        m_steps.copy(from, to, m_options.cancel);
+        copyFile(from, to);
     m_made.push_back(to);
 }
 
@@ -186,7 +200,7 @@ void DiskMove::addMainFile() {
         m_steps.make(m_to, moved.area, m_from);
         m_made.push_back(m_to);
     } else if (!m_disk->isInOneFile() || !m_steps.tryLink(m_from, m_to)) {
-        m_steps.copy(m_from, m_to, m_options.cancel);
+        copyFile(m_from, m_to);
         m_made.push_back(m_to);
     } else {
         m_made.push_back(m_to);

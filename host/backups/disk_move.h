@@ -2,9 +2,11 @@
 
 #include <vector>
 
+#include "host/backups/copied_files.h"
 #include "host/backups/disk_claims.h"
 #include "host/backups/disk_note.h"
 #include "host/disk/disk_trust.h"
+#include "host/system/work_options.h"
 
 namespace kelm::host {
 
@@ -16,8 +18,9 @@ struct DiskMoveOptions {
     /// How far the descriptor is believed.
     DiskTrust trust = {};
 
-    /// Ends the work as long as it can be undone; may be null.
-    CancelFlag const* cancel = nullptr;
+    /// Progress of copying, where files cannot have second names, and what ends the work as long as it
+    /// can be undone.
+    WorkOptions work = {};
 };
 
 /// What has been done.
@@ -40,15 +43,13 @@ struct DiskMoveResult {
 /// moment:
 ///
 /// 1. A note beside the disk says what will be done (`DiskNote`).
-/// 2. Where the file of a child disk will be seen from another folder, its parent's name becomes
-/// one that
-///    holds in both.
+/// 2. Where the file of a child disk will be seen from another folder, its parent's name becomes one
+///    that holds in both.
 /// 3. All files get their new names too, the main file last: as second names, or as copies where
-/// there can
-///    be none. A descriptor in a file of its own is written anew. Now both names are whole disks.
+///    there can be none. A descriptor in a file of its own is written anew. Now both names are whole
+///    disks.
 /// 4. The children get the new name, one after the other.
-/// 5. The old names go, the main file's first; a descriptor in the disk's only file gets its own
-/// new
+/// 5. The old names go, the main file's first; a descriptor in the disk's only file gets its own new
 ///    name and the shortest name of its parent; the note goes.
 ///
 /// Whoever is killed, or fails, after step 3 goes on by the same call. Before, what was made is
@@ -60,7 +61,8 @@ struct DiskMoveResult {
 /// "The disk does not exist."; a name that is taken, `AlreadyExists`; a disk that is being moved to
 /// another name, `NotAllowed` "The disk is being renamed to another name." with "uri" and "target";
 /// two files that would have one name, `NotAllowed` "Two files of the disk would have one name."; a
-/// disk or child in use, `yx::CLockFileError`; those of `verifyOwnsFiles` and
+/// disk or child in use, `yx::CLockFileError`; too little room on another device, `NoSpace` as
+/// `CopiedFiles` says, before anything is made; those of `verifyOwnsFiles` and
 /// `verifyHasFilesAlone`.
 class DiskMove {
 public:
@@ -81,6 +83,8 @@ private:
     void claim();
     void giveNewNames();
     void keepParentInReach();
+    void verifyRoom();
+    void copyFile(yx::CURI const& from, yx::CURI const& to);
     void addFile(yx::CURI const& from, yx::CURI const& to);
     void addMainFile();
     void verifyIsMovedDisk() const;
@@ -109,6 +113,7 @@ private:
     std::optional<DiskParts> m_disk;
     std::vector<DiskParts> m_children;
     std::vector<yx::CURI> m_made;
+    CopiedFiles m_copied;
 };
 
 } // namespace kelm::host

@@ -4,6 +4,8 @@
 #include <sstream>
 #include <string>
 
+#include "host/backups/descriptor_file.h"
+
 namespace kelm::host {
 
 namespace {
@@ -12,7 +14,15 @@ constexpr char kNoteEnd[] = "end";
 constexpr __int64 kMaxNoteBytes = __int64{64} << 20;
 
 char const* nameOfWork(DiskNote::Work work) {
-    return work == DiskNote::Work::Moving ? "moving" : "deleting";
+    switch (work) {
+    case DiskNote::Work::Moving:
+        return "moving";
+    case DiskNote::Work::Deleting:
+        return "deleting";
+    case DiskNote::Work::Copying:
+        return "copying";
+    }
+    return "";
 }
 
 std::string titleFor(DiskNote::Work work) {
@@ -79,7 +89,7 @@ std::optional<DiskNote> DiskNote::tryRead(yx::IFileSystem* fileSystem, yx::CURI 
     return note;
 }
 
-void DiskNote::write(DurableFiles& steps) const {
+void DiskNote::write(DurableFiles& steps, yx::CURI const& like) const {
     assert(!files.empty());
     yx::CURI const& mainFile = files.front().first;
     std::ostringstream text;
@@ -99,7 +109,7 @@ void DiskNote::write(DurableFiles& steps) const {
     if (identifyFile(file))
         steps.replace(file, content);
     else
-        steps.make(file, content, mainFile);
+        steps.make(file, content, like);
 }
 
 void DiskNote::remove(DurableFiles& steps) const {
@@ -114,6 +124,14 @@ yx::String DiskNote::describe(yx::IFileSystem* fileSystem, yx::CURI const& mainF
     if (tryRead(fileSystem, mainFile, Work::Deleting)) {
         return "The disk is being deleted. 'kelm delete' goes on with it.";
     }
+    if (std::optional<DiskNote> const note = tryRead(fileSystem, mainFile, Work::Copying)) {
+        return "The disk is an unfinished copy of '" +
+               yx::toNativePath(note->files.front().second) +
+               "'. The same 'kelm copy' goes on with it.";
+    }
+    if (fileSystem->fileExists(nameOfDescriptorChange(mainFile)))
+        return "The disk was about to get another parent. The same 'kelm drop', 'kelm prune' or "
+               "'kelm rebase' goes on with it.";
     return {};
 }
 

@@ -11,7 +11,7 @@
 namespace kelm::host {
 
 /// A note beside a disk of what is being done with its files, so that who was killed over it can go
-/// on. It is a file of text with the main file's name and ".moving" or ".deleting" behind it:
+/// on. It is a file of text with the main file's name and ".moving", ".deleting" or ".copying" behind it:
 ///
 ///     kelm moving 1
 ///     main 2049 131077 1795000000 12345               which file the main file was
@@ -24,16 +24,17 @@ struct DiskNote {
     enum class Work {
         Moving,   ///< the disk gets another name
         Deleting, ///< the disk, perhaps with its children, goes
+        Copying,  ///< the disk comes into being as a copy of another one
     };
 
     /// What this note is about.
     Work work = Work::Moving;
 
-    /// Which file the main file was when the work began.
+    /// Which file the main file was when the work began; of the other disk, if that is copied.
     FileIdentity mainIdentity = {};
 
     /// The names of each file of the disk, now and then; the latter are empty where files are
-    /// deleted.
+    /// deleted, and those of the other disk where that is copied.
     std::vector<std::pair<yx::CURI, yx::CURI>> files = {};
 
     /// Where a note on the disk lies.
@@ -45,7 +46,10 @@ struct DiskNote {
 
     /// Brings it to the device, with the rights of the disk's main file. A note that is there is
     /// replaced.
-    void write(DurableFiles& steps) const;
+    void write(DurableFiles& steps) const { write(steps, files.front().first); }
+
+    /// The same, with the rights of another file.
+    void write(DurableFiles& steps, yx::CURI const& like) const;
 
     /// Takes it away.
     void remove(DurableFiles& steps) const;

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <set>
 
+#include "host/disk/digest_file_name.h"
 #include "host/disk/disk_files.h"
 #include "host/disk/disk_layout.h"
 #include "host/disk/disk_reach.h"
@@ -52,6 +53,8 @@ std::vector<yx::CURI> DiskParts::listPresentFiles(yx::IFileSystem* fileSystem) c
         if (fileSystem->fileExists(file))
             files.push_back(file);
     }
+    if (!digestFile.isEmpty())
+        files.push_back(digestFile);
     return files;
 }
 
@@ -66,6 +69,9 @@ DiskParts readDiskParts(yx::IFileSystem* fileSystem, yx::CURI const& mainFile) {
         if (seen.insert(file).second)
             parts.extentFiles.push_back(file);
     }
+    yx::CURI const digestFile = digestFileOf(parts.getMainFile()).toNormalized();
+    if (isDigestFile(fileSystem, digestFile))
+        parts.digestFile = digestFile;
     parts.parentFile =
         withLinksResolved(fileSystem, findParentFile(descriptor, parts.getMainFile()));
     return parts;
@@ -88,7 +94,8 @@ void verifyIsBareExtent(yx::IFileSystem* fileSystem, yx::CURI const& file) {
 DiskRelations::DiskRelations(yx::IFileSystem* fileSystem, std::vector<yx::CURI> const& folders) {
     for (yx::CURI const& folder : folders) {
         for (yx::CURI const& file : listFilesBelow(folder)) {
-            if (m_disks.contains(file) || !isDiskMainFile(yx::toNativePath(file).toStdString()))
+            if (m_disks.contains(file) || isFileOfChange(file) ||
+                !isDiskMainFile(yx::toNativePath(file).toStdString()))
                 continue;
             try {
                 m_disks.emplace(file, readDiskParts(fileSystem, file));

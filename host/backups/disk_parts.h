@@ -17,20 +17,24 @@ struct DiskParts {
     /// missing.
     std::vector<yx::CURI> extentFiles;
 
+    /// The file with its digests; empty if there is none.
+    yx::CURI digestFile;
+
     /// Empty for a disk without a parent. Links resolved, if it is there.
     yx::CURI parentFile;
 
     /// The main file.
     yx::CURI const& getMainFile() const { return descriptor.mainFile; }
 
-    /// The main file and the extent files that are there.
+    /// The main file, the extent files that are there, and the digest file.
     std::vector<yx::CURI> listPresentFiles(yx::IFileSystem* fileSystem) const;
 
     /// Whether all of the disk lies in one file.
     bool isInOneFile() const { return descriptor.isEmbedded && extentFiles.empty(); }
 };
 
-/// Reads what a descriptor says. Nothing is looked at but the main file. Errors are those of
+/// Reads what a descriptor says. Nothing is looked at but the main file, and whether there are
+/// digests. Errors are those of
 /// `readDescriptorFile`.
 DiskParts readDiskParts(yx::IFileSystem* fileSystem, yx::CURI const& mainFile);
 

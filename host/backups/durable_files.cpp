@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "host/backups/file_copy.h"
+#include "host/disk/disk_files.h"
 #include "host/store/file_moving.h"
 #include "host/store/file_names.h"
 #include "host/store/folder_sync.h"
@@ -21,14 +22,8 @@ namespace kelm::host {
 
 namespace {
 
-constexpr char kPartSuffix[] = ".kelm-part";
-
 std::string nativePathOf(yx::CURI const& uri) {
     return yx::toNativePath(uri).toStdString();
-}
-
-yx::CURI unfinishedNameOf(yx::CURI const& uri) {
-    return (uri.getParent() << (uri.getName() + kPartSuffix)).toNormalized();
 }
 
 void syncFolderOf(yx::CURI const& uri) {
@@ -120,7 +115,21 @@ void writeWhole(yx::CURI const& target, std::vector<unsigned char> const& bytes,
     file.giveName(mayReplace);
 }
 
+/// Whether it was there.
+bool unlinkIfThere(yx::CURI const& file) {
+    std::string const path = nativePathOf(file);
+    if (::unlink(path.c_str()) == 0)
+        return true;
+    if (errno != ENOENT)
+        throwSystemError("Cannot delete the file", path);
+    return false;
+}
+
 } // namespace
+
+yx::CURI unfinishedNameOf(yx::CURI const& file) {
+    return (file.getParent() << (file.getName() + kUnfinishedFileSuffix)).toNormalized();
+}
 
 bool DurableFiles::tryLink(yx::CURI const& from, yx::CURI const& to) {
     std::string const path = nativePathOf(from);
@@ -166,6 +175,13 @@ void DurableFiles::replace(yx::CURI const& file, std::vector<unsigned char> cons
     writeWhole(file, bytes, file, true);
 }
 
+void DurableFiles::remake(yx::CURI const& file, std::function<void(yx::CURI const&)> const& fill) {
+    UnfinishedFile target(file);
+    fill(unfinishedNameOf(file));
+    target.takeRightsOf(file);
+    target.giveName(true);
+}
+
 void DurableFiles::patch(yx::CURI const& file, __int64 positionBytes,
                          std::vector<unsigned char> const& bytes) {
     std::string const path = nativePathOf(file);
@@ -178,13 +194,10 @@ void DurableFiles::patch(yx::CURI const& file, __int64 positionBytes,
 }
 
 void DurableFiles::remove(yx::CURI const& file) {
-    std::string const path = nativePathOf(file);
-    if (::unlink(path.c_str()) != 0) {
-        if (errno == ENOENT)
-            return;
-        throwSystemError("Cannot delete the file", path);
-    }
-    syncFolderOf(file);
+    // Before the file, by which the next attempt would find it.
+    bool const hadUnfinished = unlinkIfThere(unfinishedNameOf(file));
+    if (unlinkIfThere(file) || hadUnfinished)
+        syncFolderOf(file);
 }
 
 } // namespace kelm::host

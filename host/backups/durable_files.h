@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <vector>
 
 #include "host/system/cancel.h"
@@ -13,8 +14,8 @@ namespace kelm::host {
 /// it or the one behind it, but for `patch`. So work that is a row of such steps can be gone on
 /// with from wherever it ended. All names are `file:` URIs.
 ///
-/// A file that is not complete yet has its name and ".kelm-part" behind it. One that a kill has
-/// left there is replaced by the next attempt.
+/// A file that is not complete yet has its name and ".kelm-part" behind it (`unfinishedNameOf`). One
+/// that a kill has left there is replaced by the next attempt, or goes with the file.
 ///
 /// Errors are those of `throwSystemError`, and a name that another file has is `yx::CIOError`
 /// `AlreadyExists` "The file exists already." with "uri".
@@ -45,12 +46,21 @@ public:
     /// Puts a file of these bytes, and of its rights, in the place of one that is there.
     virtual void replace(yx::CURI const& file, std::vector<unsigned char> const& bytes);
 
+    /// Puts a new file in the place of one that is there, and gives it the rights of that. `fill` is
+    /// given the name that the new file has until then, and writes it; what it throws passes, and
+    /// leaves the old file.
+    virtual void remake(yx::CURI const& file, std::function<void(yx::CURI const&)> const& fill);
+
     /// Overwrites bytes of a file. A power cut can leave some sectors old and others new.
     virtual void patch(yx::CURI const& file, __int64 positionBytes,
                        std::vector<unsigned char> const& bytes);
 
-    /// Deletes a file. One that is not there is none to delete.
+    /// Deletes a file, and what a kill has left under its unfinished name. One that is not there is
+    /// none to delete.
     virtual void remove(yx::CURI const& file);
 };
+
+/// The name of a file that is not complete yet.
+yx::CURI unfinishedNameOf(yx::CURI const& file);
 
 } // namespace kelm::host

@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "host/disk/digest_file_name.h"
 #include "host/disk/extent_names.h"
 #include "yx/error.h"
 
@@ -38,6 +39,8 @@ std::vector<std::pair<yx::CURI, yx::CURI>> listMovedNames(DiskParts const& disk,
         }
         names.emplace_back(extent, target);
     }
+    if (!disk.digestFile.isEmpty())
+        names.emplace_back(disk.digestFile, digestFileOf(to).toNormalized());
     return names;
 }
 

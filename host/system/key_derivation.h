@@ -21,7 +21,7 @@ public:
 /// hours of work. A process can have only one such object at a time.
 class KeyDerivationWatch {
 public:
-    /// About half a minute of work. New disks take 10000 rounds.
+    /// About half a minute of work. See `measureKeyRounds` for what new disks take.
     static constexpr int kDefaultMaxRounds = 10'000'000;
 
     /// A derivation of more than `maxRounds` throws `TooManyRoundsError` before it begins. One that

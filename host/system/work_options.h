@@ -2,6 +2,7 @@
 
 #include "host/system/cancel.h"
 #include "host/system/progress.h"
+#include "yx/base.h"
 
 namespace kelm::host {
 
@@ -15,6 +16,10 @@ struct WorkOptions {
 
     /// Once this flag is set, the work throws `CancelledError`. May be null.
     CancelFlag const* cancel = nullptr;
+
+    /// An import brings what it has stored to the device whenever it is so much; what a kill or a
+    /// power cut makes it lose is no more. The device is waited for then, so less costs time.
+    __int64 flushIntervalBytes = __int64{2} << 30;
 };
 
 /// How many threads these options ask for; at least 1.

@@ -3,6 +3,7 @@
 #include <cassert>
 #include <optional>
 
+#include "host/transfer/digest_hashers.h"
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/plain_grains.h"
@@ -15,32 +16,81 @@ namespace kelm::host {
 
 namespace {
 
-/// Between disks whose grains have one size.
-void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
-                   TransferProgress& progress) {
-    assert(from.getGrainSizeBytes() == to.getGrainSizeBytes());
-    bool const bothAreCompressed = from.getDisk().getCompressed() && to.getDisk().getCompressed();
-    std::optional<RecordVerifier> verifier;
-    if (bothAreCompressed && check == RecordCheck::Decode)
-        verifier.emplace(from, threads);
-    Unpreparer unpreparer(from, threads);
-    PreparerSet preparers(to, threads);
-    GrainPipeline pipeline(threads, from.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
-        if (item.inputIsPrepared && bothAreCompressed && !item.resultIsPlain) {
-            if (verifier)
-                verifier->verify(item, worker);
-            // Readers ignore the index in a record, so one that was not verified may be wrong.
-            preparers.of(worker).patchGrainIndexInPreparedGrainData(*item.input, item.grainIndex);
-            item.result = item.input;
-            return;
+/// The work on one grain between disks whose grains have one size.
+class GrainConversion {
+public:
+    GrainConversion(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
+                    DigestMaking* digests)
+        : m_bothAreCompressed(from.getDisk().getCompressed() && to.getDisk().getCompressed()),
+          m_unpreparer(from, threads),
+          m_preparers(to, threads) {
+        if (m_bothAreCompressed && check == RecordCheck::Decode)
+            m_verifier.emplace(from, threads);
+        if (digests)
+            m_hashers.emplace(digests->getKeys(), to, threads + 1);
+        m_ownWorker = threads;
+    }
+
+    /// On a worker thread.
+    void convert(GrainItem& item, int worker) {
+        if (item.inputIsPrepared && m_bothAreCompressed && !item.resultIsPlain)
+            takeRecord(item, worker);
+        else
+            convertContent(item, worker);
+    }
+
+    /// On the thread of the disks; only where there are digests.
+    Digest hashZeros(__int64 grainIndex) {
+        return m_hashers->hash(grainIndex, m_nothing, m_ownWorker);
+    }
+
+private:
+    void takeRecord(GrainItem& item, int worker) {
+        if (m_verifier || m_hashers) {
+            yx::P<GrainItem::Buffer> const plain =
+                m_verifier ? m_verifier->verify(item, worker) : m_unpreparer.getPlain(item, worker);
+            if (m_hashers)
+                hash(item, *plain, worker);
         }
-        yx::P<GrainItem::Buffer> const plain = unpreparer.getPlain(item, worker);
-        if (!isZeroGrain(*plain))
-            item.result = item.resultIsPlain ? plain
-                                             : preparers.of(worker).prepareGrainData(
-                                                   plain.get(), item.grainIndex, item.aux2.get());
-    });
-    WrittenGrainReader reader(from, progress);
+        // Readers ignore the index in a record, so one that was not verified may be wrong.
+        m_preparers.of(worker).patchGrainIndexInPreparedGrainData(*item.input, item.grainIndex);
+        item.result = item.input;
+    }
+
+    void convertContent(GrainItem& item, int worker) {
+        yx::P<GrainItem::Buffer> const plain = m_unpreparer.getPlain(item, worker);
+        if (isZeroGrain(*plain))
+            return;
+        if (m_hashers)
+            hash(item, *plain, worker);
+        item.result = item.resultIsPlain ? plain
+                                         : m_preparers.of(worker).prepareGrainData(
+                                               plain.get(), item.grainIndex, item.aux2.get());
+    }
+
+    void hash(GrainItem& item, GrainItem::Buffer const& plain, int worker) {
+        item.digest = m_hashers->hash(item.grainIndex, plain, worker);
+    }
+
+    bool m_bothAreCompressed;
+    std::optional<RecordVerifier> m_verifier;
+    Unpreparer m_unpreparer;
+    PreparerSet m_preparers;
+
+    // One more than workers, for the thread of the disks.
+    std::optional<DigestHashers> m_hashers;
+    int m_ownWorker = 0;
+    GrainItem::Buffer const m_nothing;
+};
+
+/// Between disks whose grains have one size.
+template <class Reader>
+void convertGrains(SafeDisk& from, SafeDisk& to, Reader& reader, RecordCheck check, int threads,
+                   DigestMaking* digests, TransferProgress& progress) {
+    assert(from.getGrainSizeBytes() == to.getGrainSizeBytes());
+    GrainConversion conversion(from, to, check, threads, digests);
+    GrainPipeline pipeline(threads, from.getGrainSizeBytes(),
+                           [&](GrainItem& item, int worker) { conversion.convert(item, worker); });
     pipeline.run(
         [&](GrainItem& item) {
             if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
@@ -56,41 +106,113 @@ void convertGrains(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
                          item.result->getUsed());
             else if (item.result)
                 to.writePreparedGrain(item.grainIndex, *item.result);
+            else if (to.hasParent())
+                storeZeroGrain(to, item.grainIndex);
+            if (item.result && digests)
+                digests->add(item.grainIndex, item.digest);
+            else if (digests && to.isGrainWrittenHere(item.grainIndex))
+                digests->add(item.grainIndex, conversion.hashZeros(item.grainIndex));
             progress.advanceTo(item.grainIndex * from.getGrainSizeBytes());
         },
         grainPlaceOf(from));
 }
 
 /// Between disks of different grain sizes, by plain bytes.
-void convertBytes(SafeDisk& from, SafeDisk& to, TransferProgress& progress) {
-    WrittenGrainReader reader(from, progress);
+template <class Reader>
+void convertBytes(SafeDisk& from, SafeDisk& to, Reader& reader, TransferProgress& progress) {
     yx::TBuffer<unsigned char> grain;
     __int64 grainIndex = 0;
     while (reader.readNextPlain(grain, grainIndex)) {
         __int64 const positionBytes = grainIndex * from.getGrainSizeBytes();
         assert(positionBytes + grain.getUsed() <= to.getSizeBytes());
-        if (!isZeroGrain(grain))
+        if (to.hasParent() || !isZeroGrain(grain))
             to.write(positionBytes, grain.getData(), grain.getUsed());
         progress.advanceTo(positionBytes);
     }
 }
 
+/// Reads some of the grains of a disk, as `WrittenGrainReader` reads all that are written.
+class ChosenGrainReader {
+public:
+    ChosenGrainReader(SafeDisk& disk, GrainSet const& grains) : m_disk(disk), m_grains(grains) {}
+
+    bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex, bool& isPrepared) {
+        if (!findNext(grainIndex))
+            return false;
+        withGrainPlace(m_disk, grainIndex, [&] {
+            isPrepared = m_disk.tryReadPreparedGrain(grainIndex, grain);
+            if (!isPrepared)
+                readPlainGrain(m_disk, grainIndex, grain);
+        });
+        return true;
+    }
+
+    bool readNextPlain(yx::TBuffer<unsigned char>& grain, __int64& grainIndex) {
+        if (!findNext(grainIndex))
+            return false;
+        withGrainPlace(m_disk, grainIndex, [&] { readPlainGrain(m_disk, grainIndex, grain); });
+        return true;
+    }
+
+private:
+    bool findNext(__int64& grainIndex) {
+        grainIndex = m_grains.findNext(m_nextGrainIndex);
+        m_nextGrainIndex = grainIndex + 1;
+        return grainIndex < m_grains.getGrainCount();
+    }
+
+    SafeDisk& m_disk;
+    GrainSet const& m_grains;
+    __int64 m_nextGrainIndex = 0;
+};
+
+void verifyHasRoomFor(SafeDisk const& from, SafeDisk const& to) {
+    if (to.getSizeBytes() >= from.getSizeBytes())
+        return;
+    throw yx::CIOError(yx::CIOError::NotAllowed, "The target disk is too small.",
+                       yx::CProps()
+                           .add("sourceSize", yx::toString(from.getSizeBytes()))
+                           .add("targetSize", yx::toString(to.getSizeBytes())),
+                       nullptr);
+}
+
+/// What becomes of the records, and of their digests, which may be null.
+struct RecordUse {
+    RecordCheck check;
+    DigestMaking* digests;
+};
+
+template <class Reader>
+void convertBy(Reader& reader, SafeDisk& from, SafeDisk& to, WorkOptions const& options,
+               RecordUse const& use, TransferProgress& progress) {
+    if (from.getGrainSizeBytes() == to.getGrainSizeBytes())
+        convertGrains(from, to, reader, use.check, countThreads(options), use.digests, progress);
+    else
+        convertBytes(from, to, reader, progress);
+}
+
 } // namespace
 
-void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options, RecordCheck check) {
-    if (to.getSizeBytes() < from.getSizeBytes()) {
-        throw yx::CIOError(yx::CIOError::NotAllowed, "The target disk is too small.",
-                           yx::CProps()
-                               .add("sourceSize", yx::toString(from.getSizeBytes()))
-                               .add("targetSize", yx::toString(to.getSizeBytes())),
-                           nullptr);
-    }
+void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options, RecordCheck check,
+                 DigestMaking* digests) {
+    verifyHasRoomFor(from, to);
     beginWholeReading(from, options.cancel);
     TransferProgress progress(options, from.getSizeBytes());
-    if (from.getGrainSizeBytes() == to.getGrainSizeBytes())
-        convertGrains(from, to, check, countThreads(options), progress);
-    else
-        convertBytes(from, to, progress);
+    WrittenGrainReader reader(from, progress);
+    convertBy(reader, from, to, options, {check, digests}, progress);
+    to.flush();
+    progress.finish(from.getSizeBytes());
+}
+
+void convertGrainsOf(SafeDisk& from, SafeDisk& to, GrainSet const& grains,
+                     WorkOptions const& options, RecordCheck check, DigestMaking* digests) {
+    verifyHasRoomFor(from, to);
+    beginWholeReading(from, options.cancel);
+    beginWholeReading(to, options.cancel);
+    TransferProgress progress(options, from.getSizeBytes());
+    ChosenGrainReader reader(from, grains);
+    convertBy(reader, from, to, options, {check, digests}, progress);
+    to.writeZeros(from.getSizeBytes(), to.getSizeBytes() - from.getSizeBytes());
     to.flush();
     progress.finish(from.getSizeBytes());
 }

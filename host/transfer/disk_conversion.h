@@ -2,6 +2,8 @@
 
 #include "host/disk/safe_disk.h"
 #include "host/system/work_options.h"
+#include "host/transfer/digest_making.h"
+#include "host/transfer/grain_set.h"
 #include "host/transfer/record_verifier.h"
 
 namespace kelm::host {
@@ -13,7 +15,18 @@ namespace kelm::host {
 /// A smaller target is `CIOError` `NotAllowed`. A grain that cannot be read or decoded, or whose
 /// record fails the check, ends the conversion; the error has the grain's place, as `addGrainPlace`
 /// says. `beginWholeReading` comes before all else.
+///
+/// `digests`, those of `to`, may be null. They get the digests of the grains that `to` then holds,
+/// made by the workers; records are then decoded whatever `check` says. Between disks of different
+/// grain sizes they get none, and finishing them makes all.
 void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options,
-                 RecordCheck check = RecordCheck::Decode);
+                 RecordCheck check = RecordCheck::Decode, DigestMaking* digests = nullptr);
+
+/// The same for a part of the grains of a disk, onto a disk over a parent that has all others: zeros
+/// are stored where the parent has something else. What `to` has behind the end of `from` becomes
+/// zeros.
+void convertGrainsOf(SafeDisk& from, SafeDisk& to, GrainSet const& grains,
+                     WorkOptions const& options, RecordCheck check = RecordCheck::Decode,
+                     DigestMaking* digests = nullptr);
 
 } // namespace kelm::host

@@ -52,6 +52,12 @@ void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
         if (options.cancel)
             options.cancel->check();
         throttle.report(position, disk.getSizeBytes());
+        __int64 const missingEnd = disk.hasParent() ? position : disk.findMissingEnd(position);
+        if (missingEnd > position) {
+            joiner.add({position, missingEnd - position, GrainPlace::Absent});
+            position = missingEnd;
+            continue;
+        }
         FileGrain const grain = disk.getFileGrain(position);
         joiner.add({position, grain.getSizeBytes(), findPlace(disk, grain)});
         position = grain.endBytes;

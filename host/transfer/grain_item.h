@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/digest/chain_digests.h"
 #include "yx/buffer.h"
 
 namespace kelm::host {
@@ -27,6 +28,15 @@ struct GrainItem {
     /// The result: one of the three buffers, or null for a grain of zeros. Null when the item is
     /// filled.
     yx::P<Buffer> result;
+
+    /// The digest of the plain grain, where a transfer makes digests and the work has made it.
+    Digest digest{};
+    bool hasDigest = false;
+
+    /// What the parents of the disk have there, where their digests say it, and whether the grain
+    /// is the same.
+    ChainDigests::Grain ofParents;
+    bool isAsParents = false;
 };
 
 } // namespace kelm::host

@@ -8,10 +8,12 @@
 
 namespace kelm::host {
 
-ImageReader::ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length)
+ImageReader::ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length,
+                         ChangedGrains const* changes)
     : m_source(source),
       m_disk(disk),
       m_length(length),
+      m_changes(changes),
       m_grainSizeBytes(static_cast<int>(disk.getGrainSizeBytes())) {
     verifyFits(source.getLength());
 }
@@ -41,7 +43,24 @@ void ImageReader::verifyIsNotShort() const {
                        nullptr);
 }
 
+/// Returns false, at the end of the image, if there is none.
+bool ImageReader::skipToNextChange() {
+    __int64 const imageBytes = m_source.getLength();
+    assert(imageBytes >= 0);
+    __int64 const endGrainIndex = (imageBytes + m_grainSizeBytes - 1) / m_grainSizeBytes;
+    __int64 const next = m_changes->findNextToRead(m_nextGrainIndex, endGrainIndex);
+    m_doneBytes = next < 0 ? imageBytes : next * m_grainSizeBytes;
+    m_source.skipTo(m_doneBytes);
+    if (next >= 0)
+        m_nextGrainIndex = next;
+    return next >= 0;
+}
+
 bool ImageReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex) {
+    if (m_changes && !skipToNextChange()) {
+        verifyIsNotShort();
+        return false;
+    }
     grain.setUsed(m_grainSizeBytes);
     bool isHole = false;
     int const count = m_source.readNext(grain.getData(), m_grainSizeBytes, isHole);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/disk/safe_disk.h"
+#include "host/transfer/changed_grains.h"
 #include "host/transfer/image_length.h"
 #include "host/transfer/raw_source.h"
 
@@ -14,7 +15,10 @@ public:
     /// `NotAllowed` "The image is larger than the disk." with "imageSize" and "diskSize" in bytes:
     /// at once if the length is known, or else when `readNext` meets the surplus. So is one longer
     /// than `length`: "The image is longer than expected." with "imageSize" and "expectedSize".
-    ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length);
+    /// With `changes`, which may be null and must outlive the reader, only the grains that these say
+    /// are read; the source is no pipe then.
+    ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length,
+                ChangedGrains const* changes = nullptr);
 
     /// Reads the next grain and sets its index, or returns false at the end of the image. `grain`
     /// gets the full size of a grain, or 0 bytes for a grain in a hole. What the image does not
@@ -22,17 +26,19 @@ public:
     /// is `CIOError` `NotAllowed` "The image ended early." with "imageSize" and "expectedSize".
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex);
 
-    /// How many bytes of the image have been read.
+    /// How many bytes of the image have been read or passed over.
     __int64 getDoneBytes() const { return m_doneBytes; }
 
 private:
     void completeLastGrain(yx::TBuffer<unsigned char>& grain, __int64 grainIndex, int imageBytes);
+    bool skipToNextChange();
     void verifyFits(__int64 imageBytes) const;
     void verifyIsNotShort() const;
 
     RawSource& m_source;
     SafeDisk& m_disk;
     ImageLength m_length;
+    ChangedGrains const* m_changes;
     int m_grainSizeBytes;
     __int64 m_nextGrainIndex = 0;
     __int64 m_doneBytes = 0;

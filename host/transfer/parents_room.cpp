@@ -8,10 +8,9 @@
 #include <vector>
 
 #include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
 
 #include "host/disk/chain_members.h"
+#include "host/store/free_space.h"
 #include "kelm/kelm.h"
 
 namespace kelm::host {
@@ -39,16 +38,6 @@ std::optional<dev_t> deviceOf(yx::CURI const& file) {
     if (file.getScheme() != "file" || ::stat(folderPathOf(file).c_str(), &status) != 0)
         return std::nullopt;
     return status.st_dev;
-}
-
-/// Nothing if that cannot be learned.
-std::optional<__int64> getFreeBytes(yx::CURI const& folder) {
-    struct statvfs status = {};
-    if (::statvfs(yx::toNativePath(folder).toStdString().c_str(), &status) != 0)
-        return std::nullopt;
-    // The system's administrator may use up what is kept back from others.
-    auto const blocks = ::geteuid() == 0 ? status.f_bfree : status.f_bavail;
-    return static_cast<__int64>(blocks) * static_cast<__int64>(status.f_frsize);
 }
 
 /// The tables of one file of a parent.
@@ -107,56 +96,25 @@ private:
     std::optional<OpenTables> m_tables;
 };
 
-class ParentsRoom {
+/// Counts what copies of grains take in the files of one disk.
+class CopySizes {
 public:
-    ParentsRoom(SafeDisk& disk, CancelFlag const* cancel) : m_disk(disk), m_cancel(cancel) {
+    /// The copies are of what a disk and its parents hold, or its parents alone.
+    enum class Holders { All, Parents };
+
+    CopySizes(SafeDisk& disk, Holders holders, bool isCompressed)
+        : m_disk(disk), m_isCompressed(isCompressed) {
         std::vector<ChainMember> members = listChainMembers(disk);
-        for (std::size_t i = 1; i < members.size(); ++i)
-            m_parents.emplace_back(disk.getFileSystem(), std::move(members[i]));
-        for (DiskExtent const& extent : disk.listExtents())
-            m_devices.push_back(deviceOf(extent.uri));
+        for (std::size_t i = holders == Holders::All ? 0 : 1; i < members.size(); ++i)
+            m_holders.emplace_back(disk.getFileSystem(), std::move(members[i]));
     }
 
-    void verify() {
-        count();
-        for (auto const& [device, store] : m_stores) {
-            std::optional<__int64> const freeBytes = getFreeBytes(store.folder);
-            if (!freeBytes || store.neededBytes <= *freeBytes)
-                continue;
-            throw yx::CIOError(yx::CIOError::NoSpace, "There is no room for what the parents hold.",
-                               yx::CProps()
-                                   .add("uri", store.folder.toString(true))
-                                   .add("neededBytes", yx::toString(store.neededBytes))
-                                   .add("freeBytes", yx::toString(*freeBytes)),
-                               nullptr);
-        }
-    }
-
-private:
-    void count() {
-        std::size_t extent = 0;
-        for (__int64 grain = 0; grain < m_disk.getGrainCount(); ++grain) {
-            if (m_cancel && grain % kCancelInterval == 0)
-                m_cancel->check();
-            __int64 const startBytes = grain * m_disk.getGrainSizeBytes();
-            while (m_disk.listExtents()[extent].endBytes <= startBytes)
-                ++extent;
-            if (m_devices[extent] && !m_disk.isGrainWrittenHere(grain) &&
-                m_disk.isGrainWritten(grain))
-                storeOf(extent).neededBytes += calcBytes(grain);
-        }
-    }
-
-    FileStore& storeOf(std::size_t extent) {
-        yx::CURI const& file = m_disk.listExtents()[extent].uri;
-        return m_stores.try_emplace(*m_devices[extent], FileStore{file.getParent()}).first->second;
-    }
-
+    /// Grains come in rising order.
     __int64 calcBytes(__int64 grain) {
         __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
-        if (!m_disk.getDisk().getCompressed())
+        if (!m_isCompressed)
             return grainSizeBytes;
-        for (ParentSlots& parent : m_parents) {
+        for (ParentSlots& parent : m_holders) {
             std::optional<__int64> const bytes =
                 parent.getBytesAt(grain * grainSizeBytes, grainSizeBytes);
             if (!bytes)
@@ -167,19 +125,86 @@ private:
         return kSectorSizeBytes;
     }
 
+private:
     SafeDisk& m_disk;
-    CancelFlag const* m_cancel;
-    std::vector<ParentSlots> m_parents;
+    bool m_isCompressed;
+    std::vector<ParentSlots> m_holders;
+};
 
-    /// For each extent; nothing for one that is on no file system of the machine.
-    std::vector<std::optional<dev_t>> m_devices;
-    std::map<dev_t, FileStore> m_stores;
+/// Looks for a signal now and then.
+class CancelSometimes {
+public:
+    explicit CancelSometimes(CancelFlag const* cancel) : m_cancel(cancel) {}
+
+    void check() {
+        if (m_cancel && m_count++ % kCancelInterval == 0)
+            m_cancel->check();
+    }
+
+private:
+    CancelFlag const* m_cancel;
+    __int64 m_count = 0;
 };
 
 } // namespace
 
-void verifyRoomForParentsGrains(SafeDisk& disk, CancelFlag const* cancel) {
-    ParentsRoom(disk, cancel).verify();
+/// By the devices that they are on.
+class ParentsRoom::Stores {
+public:
+    std::map<dev_t, FileStore> byDevice;
+};
+
+ParentsRoom::ParentsRoom() : m_stores(std::make_unique<Stores>()) {}
+
+ParentsRoom::~ParentsRoom() = default;
+
+void ParentsRoom::add(SafeDisk& disk, GrainSet const& grains, CancelFlag const* cancel) {
+    CopySizes sizes(disk, CopySizes::Holders::Parents, disk.getDisk().getCompressed());
+    std::vector<DiskExtent> const& extents = disk.listExtents();
+    std::size_t extent = 0;
+    std::optional<dev_t> device = deviceOf(extents.front().uri);
+    CancelSometimes sometimes(cancel);
+    for (__int64 grain = grains.findNext(0); grain < grains.getGrainCount();
+         grain = grains.findNext(grain + 1)) {
+        sometimes.check();
+        while (extents[extent].endBytes <= grain * disk.getGrainSizeBytes())
+            device = deviceOf(extents[++extent].uri);
+        if (!device)
+            continue;
+        m_stores->byDevice.try_emplace(*device, FileStore{extents[extent].uri.getParent()})
+            .first->second.neededBytes += sizes.calcBytes(grain);
+    }
+}
+
+void ParentsRoom::addNewDisk(SafeDisk& source, GrainSet const& grains, NewDiskPlace const& place,
+                             CancelFlag const* cancel) {
+    std::optional<dev_t> const device = deviceOf(place.mainFile);
+    if (!device)
+        return;
+    CopySizes sizes(source, CopySizes::Holders::All, place.isCompressed);
+    CancelSometimes sometimes(cancel);
+    __int64& neededBytes =
+        m_stores->byDevice.try_emplace(*device, FileStore{place.mainFile.getParent()})
+            .first->second.neededBytes;
+    for (__int64 grain = grains.findNext(0); grain < grains.getGrainCount();
+         grain = grains.findNext(grain + 1)) {
+        sometimes.check();
+        neededBytes += sizes.calcBytes(grain);
+    }
+}
+
+void ParentsRoom::verify(char const* message) const {
+    for (auto const& [device, store] : m_stores->byDevice) {
+        std::optional<__int64> const freeBytes = getFreeBytes(store.folder);
+        if (!freeBytes || store.neededBytes <= *freeBytes)
+            continue;
+        throw yx::CIOError(yx::CIOError::NoSpace, message,
+                           yx::CProps()
+                               .add("uri", store.folder.toString(true))
+                               .add("neededBytes", yx::toString(store.neededBytes))
+                               .add("freeBytes", yx::toString(*freeBytes)),
+                           nullptr);
+    }
 }
 
 } // namespace kelm::host

@@ -2,10 +2,15 @@
 
 #include <cassert>
 #include <cstring>
+#include <memory>
+#include <optional>
+#include <vector>
 
+#include "host/transfer/digest_hashers.h"
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/image_reader.h"
+#include "host/transfer/periodic_flush.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/preparer_set.h"
 #include "host/transfer/transfer_progress.h"
@@ -25,34 +30,235 @@ bool holdsEqualGrain(SafeDisk& disk, __int64 grainIndex, Buffer const& grain, Bu
                        static_cast<std::size_t>(scratch.getUsed())) == 0;
 }
 
-/// On one thread: for a disk of plain grains there is nothing to compute, and what is to be
-/// compared with the image only the thread of the disk may read.
-void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared,
+/// On one thread: without digests, there is nothing to compute for a disk of plain grains, and what
+/// is to be compared with the image only the thread of the disk may read.
+void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared, PeriodicFlush& flush,
                     TransferProgress& progress) {
     Buffer grain;
     Buffer scratch;
     __int64 grainIndex = 0;
     while (reader.readNext(grain, grainIndex)) {
         bool const isInHole = grain.getUsed() == 0;
-        if (isInHole)
+        if (isInHole) {
             storeZeroGrain(disk, grainIndex);
-        else if (!isCompared || !holdsEqualGrain(disk, grainIndex, grain, scratch))
+        } else if (!isCompared || !holdsEqualGrain(disk, grainIndex, grain, scratch)) {
             storePlainGrain(disk, grainIndex, grain);
+            flush.addGrain();
+        }
         progress.advanceTo(reader.getDoneBytes());
     }
 }
 
-void importCompressed(ImageReader& reader, SafeDisk& disk, int threads,
-                      TransferProgress& progress) {
-    assert(!disk.hasParent());
-    PreparerSet preparers(disk, threads);
+/// What an import does for the digests of the disk.
+class ImportDigests {
+public:
+    /// `digests` may be null. One hasher more than workers, for the thread of the disk.
+    ImportDigests(DigestMaking* digests, SafeDisk& disk, int threads) : m_digests(digests) {
+        if (digests)
+            m_hashers.emplace(digests->getKeys(), disk, threads + 1);
+        m_ownWorker = threads;
+    }
+
+    /// On a worker thread, for a grain that is not zero.
+    void hash(GrainItem& item, int worker) {
+        if (!m_hashers)
+            return;
+        item.digest = m_hashers->hash(item.grainIndex, *item.input, worker);
+        item.hasDigest = true;
+    }
+
+    /// Once a grain that is not zero has been stored.
+    void addStored(GrainItem const& item) {
+        if (m_digests)
+            m_digests->add(item.grainIndex, item.digest);
+    }
+
+    /// Once a grain has been left as it is, or made to read as zeros.
+    void addIfHeld(SafeDisk& disk, GrainItem const& item) {
+        if (!m_digests || !disk.isGrainWrittenHere(item.grainIndex))
+            return;
+        m_digests->add(item.grainIndex,
+                       item.hasDigest ? item.digest
+                                      : m_hashers->hash(item.grainIndex, m_nothing, m_ownWorker));
+    }
+
+    /// Once a grain of the image has been read, of which so many bytes from a position on are the
+    /// image's. Where some have been passed over, the disk is read at the end instead.
+    void addToImage(GrainItem const& item, __int64 positionBytes, __int64 bytes) {
+        ImageHasher* const image = m_digests ? m_digests->getImage() : nullptr;
+        if (!image || image->getBytes() != positionBytes)
+            return;
+        if (item.input->getUsed() == 0)
+            image->addZeros(bytes);
+        else
+            image->add(item.input->getData(), static_cast<int>(bytes));
+    }
+
+private:
+    DigestMaking* m_digests;
+    std::optional<DigestHashers> m_hashers;
+    int m_ownWorker = 0;
+    Buffer const m_nothing;
+};
+
+bool readNextItem(ImageReader& reader, ImportDigests& digests, SafeDisk const& disk,
+                  GrainItem& item) {
+    item.hasDigest = false;
+    if (!reader.readNext(*item.input, item.grainIndex))
+        return false;
+    __int64 const positionBytes = item.grainIndex * disk.getGrainSizeBytes();
+    digests.addToImage(item, positionBytes, reader.getDoneBytes() - positionBytes);
+    return true;
+}
+
+bool isInHole(GrainItem const& item) {
+    return item.input->getUsed() == 0;
+}
+
+/// As `importDirectly`, with the digests made by workers.
+void importHashed(ImageReader& reader, SafeDisk& disk, bool isCompared, DigestMaking& making,
+                  int threads, PeriodicFlush& flush, TransferProgress& progress) {
+    ImportDigests digests(&making, disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
-        bool const isInHole = item.input->getUsed() == 0;
-        if (!isInHole && !isZeroGrain(*item.input))
+        if (!isInHole(item) && !isZeroGrain(*item.input))
+            digests.hash(item, worker);
+    });
+    Buffer scratch;
+    pipeline.run([&](GrainItem& item) { return readNextItem(reader, digests, disk, item); },
+                 [&](GrainItem& item) {
+                     bool isStored = false;
+                     if (isInHole(item)) {
+                         storeZeroGrain(disk, item.grainIndex);
+                     } else if (!isCompared ||
+                                !holdsEqualGrain(disk, item.grainIndex, *item.input, scratch)) {
+                         storePlainGrain(disk, item.grainIndex, *item.input);
+                         flush.addGrain();
+                         isStored = item.hasDigest;
+                     }
+                     if (isStored)
+                         digests.addStored(item);
+                     else if (isCompared)
+                         digests.addIfHeld(disk, item);
+                     progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
+                 });
+}
+
+/// Compares grains with what the parents of a disk have, by their digests.
+class ParentComparison {
+public:
+    /// `parents` may be null.
+    ParentComparison(ChainDigests const* parents, SafeDisk const& disk, int threads)
+        : m_disk(disk) {
+        for (int worker = 0; parents && worker < threads; ++worker)
+            m_hashers.push_back(parents->makeHashers());
+    }
+
+    /// On a worker thread: whether the grain, which may lie in a hole, is that of the parents, as far
+    /// as that is known.
+    bool isAsParents(GrainItem const& item, bool isZero, int worker) {
+        if (!item.ofParents.isKnown)
+            return false;
+        if (item.ofParents.parent == -1)
+            return isZero;
+        GrainHasher& hasher = *m_hashers[static_cast<std::size_t>(worker)]
+                                        [static_cast<std::size_t>(item.ofParents.parent)];
+        return hasher.hash(item.grainIndex, item.input->getData(), item.input->getUsed(),
+                           bytesInDisk(m_disk, item.grainIndex)) == item.ofParents.digest;
+    }
+
+private:
+    SafeDisk const& m_disk;
+    std::vector<std::vector<std::unique_ptr<GrainHasher>>> m_hashers;
+};
+
+/// What an import to a child knows before; each may be null.
+struct ImportKnowledge {
+    ChainDigests* parents;
+    DigestMaking* making;
+    ChangedGrains const* changes;
+};
+
+/// Whether the disk reads as a grain, which may lie in a hole, already.
+bool readsAs(SafeDisk& disk, GrainItem const& item, Buffer& scratch) {
+    if (!isInHole(item))
+        return holdsEqualGrain(disk, item.grainIndex, *item.input, scratch);
+    if (!disk.isGrainWritten(item.grainIndex))
+        return true;
+    withGrainPlace(disk, item.grainIndex, [&] { readPlainGrain(disk, item.grainIndex, scratch); });
+    return isZeroGrain(scratch);
+}
+
+void verifyMayDiffer(SafeDisk const& disk, __int64 grainIndex, ChangedGrains const* changes) {
+    if (!changes || changes->isChanged(grainIndex))
+        return;
+    __int64 const start = grainIndex * disk.getGrainSizeBytes();
+    throw yx::CIOError(
+        yx::CIOError::NotAllowed, "The image has changed where the list of changes has nothing.",
+        yx::CProps().add("bytes", yx::toString(start) + "-" +
+                                      yx::toString(start + bytesInDisk(disk, grainIndex) - 1)),
+        nullptr);
+}
+
+/// To a child, where it is known before what its parents have, or where the image has changed.
+void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge const& known,
+                       int threads, PeriodicFlush& flush, TransferProgress& progress) {
+    bool const isCompressed = disk.getDisk().getCompressed();
+    PreparerSet preparers(disk, threads);
+    ParentComparison comparison(known.parents, disk, threads);
+    ImportDigests digests(known.making, disk, threads);
+    Buffer scratch;
+    GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
+        bool const isZero = isInHole(item) || isZeroGrain(*item.input);
+        item.isAsParents = comparison.isAsParents(item, isZero, worker);
+        if (item.isAsParents || isZero)
+            return;
+        digests.hash(item, worker);
+        if (isCompressed)
             item.result = preparers.of(worker).prepareGrainData(item.input.get(), item.grainIndex,
                                                                 item.aux1.get());
     });
-    pipeline.run([&](GrainItem& item) { return reader.readNext(*item.input, item.grainIndex); },
+    pipeline.run(
+        [&](GrainItem& item) {
+            if (!readNextItem(reader, digests, disk, item))
+                return false;
+            item.ofParents = ChainDigests::Grain();
+            item.ofParents.isKnown = false;
+            if (known.parents)
+                item.ofParents = known.parents->find(item.grainIndex);
+            return true;
+        },
+        [&](GrainItem& item) {
+            progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
+            if (item.isAsParents || (!item.ofParents.isKnown && readsAs(disk, item, scratch)))
+                return;
+            verifyMayDiffer(disk, item.grainIndex, known.changes);
+            if (isInHole(item))
+                storeZeroGrain(disk, item.grainIndex);
+            else if (item.result && disk.isWholeGrain(item.grainIndex))
+                disk.writePreparedGrain(item.grainIndex, *item.result);
+            else
+                storePlainGrain(disk, item.grainIndex, *item.input);
+            flush.addGrain();
+            if (item.hasDigest)
+                digests.addStored(item);
+            else
+                digests.addIfHeld(disk, item);
+        });
+}
+
+void importCompressed(ImageReader& reader, SafeDisk& disk, DigestMaking* making, int threads,
+                      PeriodicFlush& flush, TransferProgress& progress) {
+    assert(!disk.hasParent());
+    PreparerSet preparers(disk, threads);
+    ImportDigests digests(making, disk, threads);
+    GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
+        if (isInHole(item) || isZeroGrain(*item.input))
+            return;
+        digests.hash(item, worker);
+        item.result = preparers.of(worker).prepareGrainData(item.input.get(), item.grainIndex,
+                                                            item.aux1.get());
+    });
+    pipeline.run([&](GrainItem& item) { return readNextItem(reader, digests, disk, item); },
                  [&](GrainItem& item) {
                      if (!item.result)
                          storeZeroGrain(disk, item.grainIndex);
@@ -60,6 +266,10 @@ void importCompressed(ImageReader& reader, SafeDisk& disk, int threads,
                          disk.writePreparedGrain(item.grainIndex, *item.result);
                      else
                          storePlainGrain(disk, item.grainIndex, *item.input);
+                     if (item.result) {
+                         flush.addGrain();
+                         digests.addStored(item);
+                     }
                      progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
                  });
 }
@@ -67,16 +277,24 @@ void importCompressed(ImageReader& reader, SafeDisk& disk, int threads,
 } // namespace
 
 void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
-               ImageLength const& length, PresentContent present) {
+               ImageLength const& length, PresentContent present, DigestMaking* digests,
+               ChainDigests* parents, ChangedGrains const* changes) {
     bool const isCompared = disk.hasParent() || present == PresentContent::Any;
     if (disk.hasParent())
         beginWholeReading(disk, options.cancel);
     TransferProgress progress(options, source.getLength());
-    ImageReader reader(source, disk, length);
+    assert(!changes || (disk.hasParent() && present == PresentContent::OfParent));
+    ImageReader reader(source, disk, length, changes);
+    PeriodicFlush flush(disk, options.flushIntervalBytes);
+    int const threads = countThreads(options);
     if (disk.getDisk().getCompressed() && !isCompared)
-        importCompressed(reader, disk, countThreads(options), progress);
+        importCompressed(reader, disk, digests, threads, flush, progress);
+    else if ((parents || changes) && present == PresentContent::OfParent)
+        importDifferences(reader, disk, {parents, digests, changes}, threads, flush, progress);
+    else if (digests)
+        importHashed(reader, disk, isCompared, *digests, threads, flush, progress);
     else
-        importDirectly(reader, disk, isCompared, progress);
+        importDirectly(reader, disk, isCompared, flush, progress);
     assert(reader.getDoneBytes() == source.getPosition());
     disk.flush();
     progress.finish(source.getPosition());

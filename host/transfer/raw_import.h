@@ -1,7 +1,10 @@
 #pragma once
 
+#include "host/digest/chain_digests.h"
 #include "host/disk/safe_disk.h"
 #include "host/system/work_options.h"
+#include "host/transfer/changed_grains.h"
+#include "host/transfer/digest_making.h"
 #include "host/transfer/image_length.h"
 #include "host/transfer/raw_source.h"
 
@@ -21,8 +24,21 @@ enum class PresentContent {
 /// what has come is in the disk. Give a length for every pipe: one whose writer fails just ends. On
 /// a child disk `beginWholeReading` comes first.
 ///
-/// `present` says what the disk holds.
+/// `present` says what the disk holds. `digests`, which may be null, gets the digest of every grain
+/// that the disk then holds, made by the workers, and the bytes of the image if it asks for them;
+/// finishing it is the caller's.
+///
+/// `parents`, which may be null, are the digests of the parents of a child that holds nothing of its
+/// own: with them, grains of the image are compared by their digests, by the workers, and the data
+/// of the parents is not read but where a grain of theirs becomes zeros, and in the last grain.
+///
+/// `changes`, which may be null, are for the same kind of child and an image that is no pipe: only
+/// the grains that they say are read, and all others stay those of the parents. One that is read
+/// only to see whether that is true, and is not, is `CIOError` `NotAllowed` "The image has changed
+/// where the list of changes has nothing." with "bytes".
 void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
-               ImageLength const& length = {}, PresentContent present = PresentContent::OfParent);
+               ImageLength const& length = {}, PresentContent present = PresentContent::OfParent,
+               DigestMaking* digests = nullptr, ChainDigests* parents = nullptr,
+               ChangedGrains const* changes = nullptr);
 
 } // namespace kelm::host

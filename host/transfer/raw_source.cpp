@@ -43,14 +43,15 @@ RawSource::RawSource(std::string const& path, CancelFlag const* cancel)
     m_startBytes = start;
     m_positionBytes = start;
     m_dataEndBytes = start;
-    m_mayHaveHoles = S_ISREG(status.st_mode);
+    // Kernels that know the holes of a device tell them like those of a file.
+    m_mayHaveHoles = true;
     ::posix_fadvise(m_file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
 void RawSource::findData() {
     m_dataStartBytes = ::lseek(m_file.get(), m_positionBytes, SEEK_DATA);
     if (m_dataStartBytes < 0) {
-        // ENXIO: nothing but a hole up to the end. Anything else: no holes on this file system.
+        // ENXIO: nothing but a hole up to the end. Anything else: nobody knows of holes here.
         m_mayHaveHoles = errno == ENXIO;
         m_dataStartBytes = m_mayHaveHoles ? m_endBytes : m_positionBytes;
         m_dataEndBytes = m_endBytes;
@@ -68,6 +69,12 @@ bool RawSource::isInHole(__int64 endBytes) {
     if (m_positionBytes >= m_dataEndBytes)
         findData();
     return endBytes <= m_dataStartBytes;
+}
+
+void RawSource::skipTo(__int64 positionBytes) {
+    assert(m_endBytes >= 0);
+    assert(positionBytes >= getPosition() && positionBytes <= getLength());
+    m_positionBytes = m_startBytes + positionBytes;
 }
 
 int RawSource::readNext(unsigned char* buffer, int capacityBytes, bool& isHole) {

@@ -8,8 +8,8 @@
 
 namespace kelm::host {
 
-/// A raw image that is read from start to end: a file, a block device, or a pipe. Holes of files
-/// are not read. Not for disks, nor for reading at random. Errors are `yx::CIOError` with the path
+/// A raw image that is read from start to end: a file, a block device, or a pipe. Holes that the
+/// system tells of are not read. Not for disks, nor for reading back and forth. Errors are `yx::CIOError` with the path
 /// under "path".
 class RawSource {
 public:
@@ -22,6 +22,9 @@ public:
 
     /// How many bytes have been read.
     __int64 getPosition() const { return m_positionBytes - m_startBytes; }
+
+    /// Goes on at a later position, up to the length. Not for a pipe.
+    void skipTo(__int64 positionBytes);
 
     /// Reads the next `capacityBytes` bytes, at least one, fewer only at the end, and returns the
     /// count, 0 at the end. `isHole` becomes whether all of them are zeros that are stored nowhere;

@@ -14,12 +14,12 @@ RecordVerifier::RecordVerifier(SafeDisk& disk, int workerCount)
     assert(disk.getDisk().getCompressed());
 }
 
-void RecordVerifier::verify(GrainItem const& item, int worker) {
+yx::P<GrainItem::Buffer> RecordVerifier::verify(GrainItem const& item, int worker) {
     assert(item.inputIsPrepared);
     // The decoder also finds a record that is too short for a header.
     if (item.input->getUsed() >= kGrainRecordHeaderSizeBytes)
         verifyHeader(item);
-    m_preparers.of(worker).unprepareGrainData(item.input.get(), item.aux1.get());
+    return m_preparers.of(worker).unprepareGrainData(item.input.get(), item.aux1.get());
 }
 
 void RecordVerifier::verifyHeader(GrainItem const& item) const {

@@ -19,12 +19,12 @@ public:
     /// For records of `disk`, which need not outlive this object.
     RecordVerifier(SafeDisk& disk, int workerCount);
 
-    /// Verifies the input of an item, which is prepared; uses `aux1`. `CIOError` `CorruptData` if
+    /// Verifies the input of an item, which is prepared, and returns its content; uses `aux1`. `CIOError` `CorruptData` if
     /// the record names another grain ("The record of the grain names another grain.", with
     /// "recordLBA" and "expectedLBA"), if it is shorter than its header says ("The record of the
     /// grain is too short.", with "compressedGrainSize"), or if it cannot be decoded, which
     /// includes the checksum of its data.
-    void verify(GrainItem const& item, int worker);
+    yx::P<GrainItem::Buffer> verify(GrainItem const& item, int worker);
 
 private:
     void verifyHeader(GrainItem const& item) const;

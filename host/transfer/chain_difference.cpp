@@ -1,0 +1,67 @@
+#include "host/transfer/chain_difference.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "host/transfer/grain_place.h"
+#include "host/transfer/plain_grains.h"
+#include "host/transfer/transfer_progress.h"
+
+namespace kelm::host {
+
+bool passAllOn(std::vector<SafeDisk*> const& links, SafeDisk& base, __int64 positionBytes,
+               __int64 bytes) {
+    return std::all_of(links.begin(), links.end(), [&](SafeDisk* const link) {
+        __int64 const endBytes = std::min(positionBytes + bytes, link->getSizeBytes());
+        // Past the link's end there are zeros, whatever the base has there.
+        bool const isCut = endBytes < positionBytes + bytes;
+        if (isCut && base.getSizeBytes() > std::max(positionBytes, endBytes))
+            return false;
+        return endBytes <= positionBytes ||
+               link->isPassedOn(positionBytes, endBytes - positionBytes);
+    });
+}
+
+GrainSet findGrainsOfLinks(SafeDisk& disk, std::vector<SafeDisk*> const& links, SafeDisk* base,
+                           CancelFlag const* cancel) {
+    return chooseGrains(disk, cancel, [&](__int64 grain) {
+        return base ? !passAllOn(links, *base, grain * disk.getGrainSizeBytes(),
+                                 bytesInDisk(disk, grain))
+                    : disk.isGrainWritten(grain);
+    });
+}
+
+GrainSet findDifferences(SafeDisk& disk, SafeDisk& base, WorkOptions const& options) {
+    TransferProgress progress(options, disk.getSizeBytes());
+    std::vector<unsigned char> own;
+    std::vector<unsigned char> other;
+    GrainSet differences = chooseGrains(disk, nullptr, [&](__int64 grain) {
+        __int64 const positionBytes = grain * disk.getGrainSizeBytes();
+        int const bytes = bytesInDisk(disk, grain);
+        progress.advanceTo(positionBytes);
+        if (!disk.isGrainWritten(grain) && !isWrittenInside(base, positionBytes, bytes))
+            return false;
+        own.resize(static_cast<std::size_t>(bytes));
+        other.resize(static_cast<std::size_t>(bytes));
+        readWithGrainPlace(disk, positionBytes, own.data(), bytes);
+        readAsParent(base, positionBytes, other);
+        return own != other;
+    });
+    progress.finish(disk.getSizeBytes());
+    return differences;
+}
+
+void readAsParent(SafeDisk& disk, __int64 positionBytes, std::vector<unsigned char>& buffer) {
+    __int64 const leftBytes = std::max<__int64>(0, disk.getSizeBytes() - positionBytes);
+    auto const count = std::min(leftBytes, static_cast<__int64>(buffer.size()));
+    if (count > 0)
+        readWithGrainPlace(disk, positionBytes, buffer.data(), static_cast<int>(count));
+    std::fill(buffer.begin() + count, buffer.end(), static_cast<unsigned char>(0));
+}
+
+bool isWrittenInside(SafeDisk& disk, __int64 positionBytes, __int64 bytes) {
+    __int64 const leftBytes = disk.getSizeBytes() - positionBytes;
+    return leftBytes > 0 && disk.isWritten(positionBytes, std::min(bytes, leftBytes));
+}
+
+} // namespace kelm::host

@@ -1,0 +1,77 @@
+#include "host/transfer/held_grains.h"
+
+#include "host/transfer/grain_pipeline.h"
+#include "host/transfer/grain_place.h"
+#include "host/transfer/periodic_flush.h"
+#include "host/transfer/record_verifier.h"
+#include "host/transfer/transfer_progress.h"
+
+namespace kelm::host {
+
+namespace {
+
+constexpr __int64 kFlushIntervalBytes = __int64{64} << 20;
+
+class GrainCopier {
+public:
+    GrainCopier(SafeDisk& disk, TransferProgress& progress)
+        : m_disk(disk), m_progress(progress), m_flush(disk, kFlushIntervalBytes) {}
+
+    void copy(__int64 grainIndex) {
+        withGrainPlace(m_disk, grainIndex, [&] { m_disk.holdGrain(grainIndex); });
+        m_flush.addGrain();
+        m_progress.advanceTo(grainIndex * m_disk.getGrainSizeBytes());
+    }
+
+private:
+    SafeDisk& m_disk;
+    TransferProgress& m_progress;
+    PeriodicFlush m_flush;
+};
+
+/// On one thread: there are no records to decode.
+void copyDirectly(SafeDisk& disk, GrainSet const& grains, TransferProgress& progress) {
+    GrainCopier copier(disk, progress);
+    for (__int64 index = grains.findNext(0); index < grains.getGrainCount();
+         index = grains.findNext(index + 1)) {
+        copier.copy(index);
+    }
+}
+
+/// The workers verify the records. A grain that is not stored as a record is decoded when it is
+/// copied.
+void copyVerified(SafeDisk& disk, GrainSet const& grains, int threads, TransferProgress& progress) {
+    RecordVerifier verifier(disk, threads);
+    GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
+        if (item.inputIsPrepared)
+            verifier.verify(item, worker);
+    });
+    GrainCopier copier(disk, progress);
+    __int64 nextIndex = 0;
+    pipeline.run(
+        [&](GrainItem& item) {
+            nextIndex = grains.findNext(nextIndex);
+            if (nextIndex >= grains.getGrainCount())
+                return false;
+            item.grainIndex = nextIndex++;
+            withGrainPlace(disk, item.grainIndex, [&] {
+                item.inputIsPrepared = disk.tryReadPreparedGrain(item.grainIndex, *item.input);
+            });
+            return true;
+        },
+        [&](GrainItem& item) { copier.copy(item.grainIndex); }, grainPlaceOf(disk));
+}
+
+} // namespace
+
+void holdGrains(SafeDisk& disk, GrainSet const& grains, WorkOptions const& options) {
+    TransferProgress progress(options, disk.getSizeBytes());
+    if (disk.getDisk().getCompressed())
+        copyVerified(disk, grains, countThreads(options), progress);
+    else
+        copyDirectly(disk, grains, progress);
+    disk.flush();
+    progress.finish(disk.getSizeBytes());
+}
+
+} // namespace kelm::host

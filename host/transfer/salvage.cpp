@@ -1,0 +1,90 @@
+#include "host/transfer/salvage.h"
+
+#include <algorithm>
+#include <cassert>
+#include <functional>
+
+#include "host/disk/disk_record.h"
+#include "host/transfer/transfer_progress.h"
+#include "yx/memory.h"
+
+namespace kelm::host {
+
+namespace {
+
+/// A grain of nearly every disk.
+constexpr int kSalvagedChunkBytes = kNewDiskGrainSizeSectors * kSectorSizeBytes;
+
+/// Receives a stretch of the disk; null for zeros.
+using UseChunk = std::function<void(__int64 positionBytes, unsigned char const* data, int bytes)>;
+
+void forEachChunk(SalvagedDisk& disk, __int64 startBytes, __int64 endBytes,
+                  TransferProgress& progress, UseChunk const& use) {
+    yx::TBuffer<unsigned char> chunk(kSalvagedChunkBytes, -1);
+    for (__int64 position = startBytes; position < endBytes; position += kSalvagedChunkBytes) {
+        int const bytes =
+            static_cast<int>(std::min<__int64>(kSalvagedChunkBytes, endBytes - position));
+        bool const isZero = !disk.read(position, chunk.getData(), bytes) ||
+                            yx::isAllZero(chunk.getData(), static_cast<std::size_t>(bytes));
+        use(position, isZero ? nullptr : chunk.getData(), bytes);
+        progress.advanceTo(position);
+    }
+}
+
+/// What the descriptor says, as far as that makes sense; otherwise the size of the disk.
+__int64 readImageBytes(SalvagedDisk& disk) {
+    __int64 const sizeBytes = disk.getSizeBytes();
+    try {
+        yx::P<CVMDKDescriptor> const descriptor = disk.getDescriptor();
+        return DiskRecord(*descriptor).getImageBytes(sizeBytes).value_or(sizeBytes);
+    } catch (yx::CError const& error) {
+        error.nop();
+        return sizeBytes;
+    }
+}
+
+} // namespace
+
+__int64 getSalvagedSizeBytes(SalvagedDisk& disk, CancelFlag const* cancel) {
+    __int64 const sizeBytes = disk.getSizeBytes();
+    __int64 const imageBytes = readImageBytes(disk);
+    WorkOptions work;
+    work.cancel = cancel;
+    TransferProgress progress(work, sizeBytes);
+    bool isLonger = false;
+    forEachChunk(disk, imageBytes, sizeBytes, progress,
+                 [&](__int64, unsigned char const* data, int) { isLonger = isLonger || data; });
+    disk.forgetDamage();
+    return isLonger ? sizeBytes : imageBytes;
+}
+
+void exportSalvaged(SalvagedDisk& disk, RawTarget& target, __int64 imageBytes,
+                    WorkOptions const& options) {
+    assert(imageBytes >= 0 && imageBytes <= disk.getSizeBytes());
+    target.verifyHasRoomFor(imageBytes);
+    TransferProgress progress(options, imageBytes);
+    forEachChunk(disk, 0, imageBytes, progress, [&](__int64, unsigned char const* data, int bytes) {
+        if (data)
+            target.write(data, bytes);
+        else
+            target.writeZeros(bytes);
+    });
+    target.finish();
+    progress.finish(imageBytes);
+}
+
+void convertSalvaged(SalvagedDisk& disk, SafeDisk& to, __int64 imageBytes,
+                     WorkOptions const& options) {
+    assert(imageBytes >= 0 && imageBytes <= disk.getSizeBytes());
+    assert(imageBytes <= to.getSizeBytes());
+    TransferProgress progress(options, imageBytes);
+    forEachChunk(disk, 0, imageBytes, progress,
+                 [&](__int64 position, unsigned char const* data, int bytes) {
+                     if (data)
+                         to.write(position, data, bytes);
+                 });
+    to.flush();
+    progress.finish(imageBytes);
+}
+
+} // namespace kelm::host
