@@ -19,6 +19,7 @@
 #include "host/disk/unfinished_disk.h"
 #include "host/store/file_names.h"
 #include "host/system/cancel.h"
+#include "host/system/derived_keys.h"
 #include "host/system/error_text.h"
 #include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
@@ -51,6 +52,9 @@ int maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
 /// For disks in use, at all openings together.
 host::BusyWait busyWait;
 std::optional<host::KeyDerivationWatch> keyDerivationWatch;
+
+/// From the first opening to the last, so that a client that connects waits for no derivation.
+std::optional<host::DerivedKeys> derivedKeys;
 std::unique_ptr<ServedDisk> servedDisk;
 
 /// The parameter that lets a disk be served all the same; "" if there is none.
@@ -99,6 +103,7 @@ void load() {
 
 void unload() {
     // The library may stay in memory longer than these handlers.
+    derivedKeys.reset();
     keyDerivationWatch.reset();
     yx::setLogHandler({});
     yx::setIgnoredExceptionHandler({});
@@ -107,20 +112,21 @@ void unload() {
 void printCapabilities() {
     std::printf("kelm_version=%s\n"
                 "kelm_disks=plain,split,compressed,encrypted,child,on-demand\n"
-                "kelm_parameters=file,password,cache-tables,max-rounds,allow-path,allow-oversize,"
+                "kelm_parameters=file,password,parent-password,cache-tables,max-rounds,allow-path,"
+                "allow-oversize,"
                 "unfinished,wait\n"
                 "kelm_requests=read,write,zero,flush,fua,extents,cache\n",
                 KELM_VERSION);
 }
 
-bool configurePassword(char const* value) {
+bool readPassword(char const* value, host::Password& target) {
     char* text = nullptr;
     if (nbdkit_read_password(value, &text) != 0)
         return false;
     yx::String password = yx::String::fromUTF8(text);
     ::explicit_bzero(text, std::strlen(text));
     std::free(text);
-    settings.password = host::Password(password);
+    target = host::Password(password);
     password.wipe();
     return true;
 }
@@ -177,7 +183,9 @@ bool configureParameter(std::string_view key, char const* value) {
         return true;
     }
     if (key == "password")
-        return configurePassword(value);
+        return readPassword(value, settings.password);
+    if (key == "parent-password")
+        return readPassword(value, settings.parentPassword);
     if (key == "cache-tables")
         return configureCacheTables(value);
     if (key == "max-rounds")
@@ -207,6 +215,7 @@ int completeConfiguration() {
         return -1;
     }
     keyDerivationWatch.emplace(nullptr, maxRounds);
+    settings.keys = &derivedKeys.emplace();
     return 0;
 }
 
@@ -344,6 +353,8 @@ nbdkit_plugin describePlugin() {
         "[file=]<FILENAME>     (required) The main file of the disk.\n"
         "password=<PASSWORD>   The password of the disk and its parents:\n"
         "                      -, +FILENAME, -FD, or the password itself.\n"
+        "parent-password=<PASSWORD>\n"
+        "                      That of parents which have another one.\n"
         "cache-tables=<N>      The most grain tables to keep in memory.\n"
         "max-rounds=<N>        The most rounds that a key may take to derive.\n"
         "allow-path=<FOLDER>   A folder in which files of the disk may lie,\n"

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "host/disk/chain_keys.h"
 #include "host/disk/parent_chain.h"
+#include "host/system/work_options.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/whole_reading.h"
 #include "yx/native_file_system.h"
@@ -32,6 +34,11 @@ void ServedDisk::open(yx::IIOStream::Access access) {
         return;
     close();
     yx::String const& password = m_settings.password.get();
+    if (!password.isEmpty()) {
+        host::deriveKeysOfChain(m_fileSystem.get(), m_settings.uri,
+                                {password, m_settings.parentPassword.get()}, *m_settings.keys,
+                                host::countThreads({}));
+    }
     host::DiskTrust trust = m_settings.trust;
     // Whoever goes on filling the disk takes what it holds for the image's.
     if (access == yx::IIOStream::ReadWrite)

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "host/disk/safe_disk.h"
+#include "host/system/derived_keys.h"
 #include "host/system/password.h"
 
 namespace kelm::nbd {
@@ -13,6 +14,12 @@ namespace kelm::nbd {
 struct DiskSettings {
     yx::CURI uri;
     host::Password password;
+
+    /// Of parents that have another one; empty if there are none.
+    host::Password parentPassword;
+
+    /// Where derived keys stay. Never null once a disk is opened.
+    host::DerivedKeys* keys = nullptr;
 
     /// The most grain tables to keep in memory. By default, a disk opened for writing keeps as many
     /// as `host::SafeDisk` lets it, and one opened for reading as many as the library does.

@@ -1,4 +1,6 @@
+#include <iomanip>
 #include <memory>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -10,6 +12,8 @@
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/output.h"
+#include "yx/log.h"
+#include "yx/mt_rand.h"
 
 namespace kelm::tool {
 
@@ -18,15 +22,32 @@ namespace {
 struct CheckArguments {
     std::string disk;
     int threads = 0;
+    bool own = false;
+    bool needsDigests = false;
+    double samplePercent = 0;
+    unsigned long long seed = 0;
     PasswordOptions passwords;
+
+    bool isSample() const { return samplePercent > 0; }
+
+    host::CheckScope makeScope() const {
+        host::CheckScope scope;
+        scope.ownOnly = own;
+        scope.needsDigests = needsDigests;
+        if (isSample())
+            scope.sample = host::GrainSample(samplePercent, seed);
+        return scope;
+    }
 };
 
-__int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
-                  yx::String const& password) {
-    LongWork work(invocation, "check", threads);
+host::CheckResult checkWith(Invocation& invocation, yx::CURI const& uri,
+                            CheckArguments const& arguments, yx::String const& password) {
+    deriveKeys(invocation, uri, password);
+    LongWork work(invocation, "check", arguments.threads);
+    host::CheckScope const scope = arguments.makeScope();
     auto const check = [&](host::FindingCallback const& report) {
         return host::checkDisk(invocation.getFiles(), uri, password, work.getOptions(), report,
-                               invocation.getTrust());
+                               invocation.getTrust(), scope);
     };
     bool hasFindings = false;
     host::FindingCallback const report = [&](yx::CURI const& file, std::string const& text) {
@@ -49,29 +70,57 @@ __int64 checkWith(Invocation& invocation, yx::CURI const& uri, int threads,
 }
 
 /// Asks for the password only if the disk turns out to need one.
-__int64 checkAskingForPassword(Invocation& invocation, CheckArguments& arguments) {
+host::CheckResult checkAskingForPassword(Invocation& invocation, CheckArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     warnOfEndedWork(uri);
     try {
-        return checkWith(invocation, uri, arguments.threads,
-                         usedPassword(invocation, arguments.passwords));
+        return checkWith(invocation, uri, arguments, usedPassword(invocation, arguments.passwords));
     } catch (yx::CError const& error) {
         if (!isPasswordMissing(error))
             throw;
     }
-    return checkWith(invocation, uri, arguments.threads,
+    return checkWith(invocation, uri, arguments,
                      askForPassword(invocation, arguments.disk, arguments.passwords).get());
+}
+
+void warnOfOldDigests(yx::CURI const& disk) {
+    yx::logWarning("The digests of '" + yx::toNativePath(disk) +
+                   "' are out of date, since it was changed after they were made. Nothing was "
+                   "compared with them; 'kelm digest' makes new ones.");
+}
+
+/// How much was read, and what that is worth.
+void printSample(CheckArguments const& arguments, host::CheckResult const& result) {
+    std::ostringstream text;
+    text << "read " << result.readGrainCount << " of " << result.heldGrainCount << " grains (seed "
+         << arguments.seed << ")";
+    if (result.findingCount == 0 && result.readGrainCount < result.heldGrainCount) {
+        text << "; with 95 % certainty, at most " << std::setprecision(3)
+             << host::GrainSample::calcMaxDamagedPercent(result.readGrainCount)
+             << " % of them are damaged";
+    }
+    print(text.str() + "\n");
 }
 
 constexpr char kWhatIsNotNoticed[] =
     "What it cannot notice:\n"
-    "  - other bytes in a grain that is stored plain: only compressed grains have checksums\n"
-    "  - grains that both copies of a grain table have lost\n"
-    "  - a disk, or a file of it, that was replaced by an older one that is sound in itself\n"
+    "  - without digests: other bytes in a grain that is stored plain, since only compressed "
+    "grains\n"
+    "    have checksums; grains that both copies of a grain table have lost; a file of the disk\n"
+    "    that was replaced by an older one\n"
+    "  - a disk that was replaced by an older one with its digests\n"
+    "  - in a disk that is not encrypted: what somebody changed together with the digests\n"
     "  - whether the disk holds what it was made of: 'kelm compare' tells that\n\n";
 
 ExitStatus check(Invocation& invocation, CheckArguments& arguments) {
-    __int64 const findings = checkAskingForPassword(invocation, arguments);
+    if (arguments.isSample() && arguments.seed == 0)
+        arguments.seed = yx::CMTRand::drawGlobal32();
+    host::CheckResult const result = checkAskingForPassword(invocation, arguments);
+    for (yx::CURI const& disk : result.outOfDate)
+        warnOfOldDigests(disk);
+    if (arguments.isSample())
+        printSample(arguments, result);
+    __int64 const findings = result.findingCount;
     if (findings == 0)
         return ExitStatus::Done;
     print(std::to_string(findings) + (findings == 1 ? " finding\n" : " findings\n"));
@@ -88,6 +137,15 @@ void addCheckCommand(CLI::App& program, Run& run) {
         [arguments](Invocation& invocation) { return check(invocation, *arguments); });
     command.footer(kWhatIsNotNoticed + command.get_footer());
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
+    addFlag(command, "--own", arguments->own, "Check this disk alone, not its parents");
+    addFlag(command, "--digests", arguments->needsDigests,
+            "Take it for a finding that a disk has no digests, or none that are up to date");
+    addPercentOption(command, "--sample", arguments->samplePercent,
+                     "Read a random part of the grains, and say how sure that is");
+    command
+        .add_option("--seed", arguments->seed,
+                    "Choose the same grains as an earlier --sample that printed this number")
+        ->check(CLI::PositiveNumber);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
 }

@@ -1,15 +1,18 @@
 #include <algorithm>
 #include <memory>
 
-#include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
+#include "host/transfer/chain_difference.h"
 #include "host/transfer/disk_conversion.h"
 #include "host/transfer/exact_size.h"
+#include "host/transfer/whole_reading.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_inheritance.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/salvaging.h"
 #include "tools/kelm/two_disk_passwords.h"
 
 namespace kelm::tool {
@@ -23,48 +26,98 @@ struct ConvertArguments {
     int threads = 0;
     bool noVerify = false;
     bool unfinished = false;
+    SalvageFlags salvage;
     NewDiskOptions newDisk;
     TwoDiskPasswords passwords;
 };
 
-/// The image is the same one, and so are the facts about it.
-void inheritRecord(host::SafeDisk& from, host::NewDisk& request) {
-    host::DiskRecord const record(*from.getDisk().getDescriptor());
-    request.time = record.getTime();
-    request.source = record.getSource();
-    request.host = record.getHost();
-    if (request.label.empty())
-        request.label = record.getLabel();
+/// What is known of the disk that is copied.
+struct SourceFacts {
+    yx::P<CVMDKDescriptor> descriptor;
+    __int64 diskSizeBytes;
+    __int64 exactSizeBytes;
+    bool keepsExactSize;
+};
+
+/// `digests`, those of `to`, may be null.
+void copyGrains(Invocation& invocation, ConvertArguments& arguments, host::SafeDisk& from,
+                host::SafeDisk& to, host::DigestMaking* digests) {
+    LongWork const work(invocation, "convert", arguments.threads);
+    host::RecordCheck const check =
+        arguments.noVerify ? host::RecordCheck::None : host::RecordCheck::Decode;
+    if (!to.hasParent()) {
+        host::convertDisk(from, to, work.getOptions(), check, digests);
+        return;
+    }
+    std::unique_ptr<host::SafeDisk> const parent =
+        openDisk(invocation, arguments.newDisk.parent, yx::IIOStream::ReadOnly,
+                 arguments.passwords.ofSecond());
+    host::beginWholeReading(from, work.getOptions().cancel);
+    host::beginWholeReading(*parent, work.getOptions().cancel);
+    host::GrainSet const differences = host::findDifferences(from, *parent, work.getOptions());
+    host::convertGrainsOf(from, to, differences, work.getOptions(), check, digests);
+}
+
+/// Makes room in `arguments.sizeBytes` for the exact size of the new disk.
+host::NewDisk makeRequest(Invocation& invocation, ConvertArguments& arguments,
+                          SourceFacts const& from) {
+    if (arguments.sizeBytes == -1)
+        arguments.sizeBytes = from.exactSizeBytes;
+    if (arguments.sizeBytes < from.exactSizeBytes)
+        throw UsageError("A disk can be made larger, not smaller.");
+    host::NewDisk request =
+        arguments.newDisk.makeRequest(invocation, std::max(arguments.sizeBytes, from.diskSizeBytes),
+                                      arguments.passwords.ofSecond());
+    request.isToBeFilled = true;
+    inheritRecord(*from.descriptor, request);
+    if (from.keepsExactSize)
+        request.imageBytes = arguments.sizeBytes;
+    return request;
+}
+
+ExitStatus salvageDisk(Invocation& invocation, ConvertArguments& arguments) {
+    std::unique_ptr<host::SalvagedDisk> const from =
+        openToSalvage(invocation, arguments.from, arguments.salvage, arguments.passwords.ofFirst());
+    yx::CURI const uri = host::uriFromArgument(arguments.to);
+    std::vector<yx::CURI> const sourceFiles = from->listFiles();
+    verifyIsNoneOf(sourceFiles, uri);
+    __int64 const imageBytes = host::getSalvagedSizeBytes(*from, &invocation.getCancel());
+    SourceFacts const facts{from->getDescriptor(), from->getSizeBytes(), imageBytes,
+                            imageBytes != from->getSizeBytes()};
+    host::NewDisk const request = makeRequest(invocation, arguments, facts);
+    NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);
+    LongWork work(invocation, "convert", arguments.threads);
+    host::convertSalvaged(*from, to.getDisk(), imageBytes, work.getOptions());
+    to.finish();
+    work.hideBar();
+    return reportDamage(from->getDamage(), false);
 }
 
 ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
+    if (arguments.salvage.takeEffect() && !arguments.newDisk.parent.empty())
+        throw UsageError("Give --salvage or --parent, not both.");
+    if (arguments.salvage.takeEffect())
+        return salvageDisk(invocation, arguments);
     std::unique_ptr<host::SafeDisk> const from = openDisk(
         invocation, arguments.from, yx::IIOStream::ReadOnly, arguments.passwords.ofFirst());
     yx::CURI const uri = host::uriFromArgument(arguments.to);
     std::vector<yx::CURI> const sourceFiles =
         listChainFiles(invocation, *from, usedPassword(invocation, arguments.passwords.ofFirst()));
     verifyIsNoneOf(sourceFiles, uri);
-    bool const keepsExactSize = host::keepsExactSize(*from);
-    __int64 const exactSizeBytes = host::getExactSizeBytes(*from);
-    if (arguments.sizeBytes == -1)
-        arguments.sizeBytes = exactSizeBytes;
-    if (arguments.sizeBytes < exactSizeBytes)
-        throw UsageError("A disk can be made larger, not smaller.");
-    host::NewDisk request = arguments.newDisk.makeRequest(
-        invocation, std::max(arguments.sizeBytes, from->getSizeBytes()),
-        arguments.passwords.ofSecond());
-    request.isToBeFilled = true;
-    inheritRecord(*from, request);
-    if (keepsExactSize)
-        request.imageBytes = arguments.sizeBytes;
+    SourceFacts const facts{from->getDisk().getDescriptor(), from->getSizeBytes(),
+                            host::getExactSizeBytes(*from), host::keepsExactSize(*from)};
+    host::NewDisk const request = makeRequest(invocation, arguments, facts);
     NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);
+    // A record that was not decoded has no content that is known, and perhaps none.
+    bool const hasDigests = !arguments.newDisk.noDigests && !arguments.noVerify;
+    copyGrains(invocation, arguments, *from, to.getDisk(), hasDigests ? &to.addDigests() : nullptr);
     LongWork const work(invocation, "convert", arguments.threads);
-    host::convertDisk(*from, to.getDisk(), work.getOptions(),
-                      arguments.noVerify ? host::RecordCheck::None : host::RecordCheck::Decode);
-    if (keepsExactSize)
+    if (facts.keepsExactSize)
         host::setExactSizeBytes(to.getDisk(), arguments.sizeBytes);
+    to.finishDigests(facts.keepsExactSize ? arguments.sizeBytes : to.getDisk().getSizeBytes(),
+                     work.getQuietOptions());
     to.finish();
     return ExitStatus::Done;
 }
@@ -83,9 +136,12 @@ void addConvertCommand(CLI::App& program, Run& run) {
                   "Size of the new disk, if it is to be larger");
     arguments->newDisk.addCompressedTo(command);
     arguments->newDisk.addCommonTo(command);
+    arguments->newDisk.addDigestsTo(command);
+    arguments->newDisk.addParentTo(command);
     addFlag(command, "--no-verify", arguments->noVerify,
-            "Copy compressed grains without decoding them first");
+            "Copy compressed grains without decoding them first, and make no digests");
     addUnfinishedOption(command, arguments->unfinished);
+    arguments->salvage.addTo(command);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command);
 }

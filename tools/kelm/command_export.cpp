@@ -3,6 +3,7 @@
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/salvaging.h"
 
 namespace kelm::tool {
 
@@ -14,12 +15,28 @@ struct ExportArguments {
     int threads = 0;
     bool force = false;
     bool unfinished = false;
+    SalvageFlags salvage;
     PasswordOptions passwords;
 };
+
+ExitStatus salvageImage(Invocation& invocation, ExportArguments& arguments) {
+    std::unique_ptr<host::SalvagedDisk> const disk =
+        openToSalvage(invocation, arguments.disk, arguments.salvage, arguments.passwords);
+    if (std::optional<yx::CURI> const image = tryNameRegularFile(arguments.image))
+        verifyIsNoneOf(disk->listFiles(), *image);
+    host::RawTarget target(arguments.image, arguments.force, &invocation.getCancel());
+    LongWork work(invocation, "export", arguments.threads);
+    host::exportSalvaged(*disk, target, host::getSalvagedSizeBytes(*disk, &invocation.getCancel()),
+                         work.getOptions());
+    work.hideBar();
+    return reportDamage(disk->getDamage(), arguments.image == "-");
+}
 
 ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
+    if (arguments.salvage.takeEffect())
+        return salvageImage(invocation, arguments);
     std::unique_ptr<host::SafeDisk> const disk =
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     verifyIsNoFileOf(invocation, *disk, usedPassword(invocation, arguments.passwords),
@@ -44,6 +61,7 @@ void addExportCommand(CLI::App& program, Run& run) {
                     "The image: a file, a block device, or '-' for standard output");
     addForceOption(command, arguments->force);
     addUnfinishedOption(command, arguments->unfinished);
+    arguments->salvage.addTo(command);
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
 }

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/backups/backup_list.h"
 #include "host/disk/chain_members.h"
@@ -13,12 +14,14 @@
 #include "host/system/time_text.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/raw_import.h"
+#include "tools/kelm/changed_list.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
 #include "yx/log.h"
+#include "yx/mt_rand.h"
 
 namespace kelm::tool {
 
@@ -31,6 +34,9 @@ struct ImportArguments {
     int threads = 0;
     bool pad = false;
     bool resume = false;
+    bool imageDigest = false;
+    std::string changed;
+    double verifyChangedPercent = 0;
     NewDiskOptions newDisk;
     PasswordOptions passwords;
 };
@@ -95,12 +101,57 @@ ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
     __int64 const sizeBytes = host::DiskRecord(*disk->getDisk().getDescriptor())
                                   .getImageBytes(disk->getSizeBytes())
                                   .value_or(disk->getSizeBytes());
+    // What the killed import has made of them is of no use.
+    std::optional<host::DigestMaking> digests;
+    if (!options.noDigests)
+        digests.emplace(invocation.getFiles(), *disk);
+    if (arguments.imageDigest)
+        digests->addImage();
     LongWork const work(invocation, "import", arguments.threads);
     host::importRaw(source, *disk, work.getOptions(), lengthOf(source, sizeBytes, arguments.pad),
-                    host::PresentContent::Any);
-    host::setExactSizeBytes(*disk, std::max(sizeBytes, source.getPosition()));
+                    host::PresentContent::Any, digests ? &*digests : nullptr);
+    __int64 const exactSizeBytes = std::max(sizeBytes, source.getPosition());
+    host::setExactSizeBytes(*disk, exactSizeBytes);
+    if (digests)
+        digests->finish(exactSizeBytes, work.getQuietOptions());
     disk->markComplete();
     return ExitStatus::Done;
+}
+
+/// Refuses what a list of changes does not go with.
+void verifyTakesChanges(ImportArguments const& arguments, host::RawSource const& source) {
+    if (arguments.changed.empty() && arguments.verifyChangedPercent > 0)
+        throw UsageError("--verify-changed goes with --changed.");
+    if (arguments.changed.empty())
+        return;
+    if (arguments.newDisk.parent.empty())
+        throw UsageError("--changed goes with --parent, and not with --resume.");
+    if (source.getLength() == -1) {
+        throw UsageError("--changed needs an image that can be read at any place: a file or a "
+                         "block device.");
+    }
+    if (arguments.changed == "-" && arguments.image == "-")
+        throw UsageError("Standard input cannot be both the image and the list of changes.");
+}
+
+/// The grains that are to be read; nothing for all.
+std::optional<host::ChangedGrains> readChanges(Invocation& invocation,
+                                               ImportArguments const& arguments,
+                                               host::RawSource const& source, host::SafeDisk& disk,
+                                               yx::String const& password) {
+    if (arguments.changed.empty())
+        return std::nullopt;
+    std::vector<host::ImageRange> ranges =
+        readChangedList(arguments.changed, source.getLength(), invocation.getCancel());
+    // What the parent does not have, no list says.
+    __int64 const parentBytes =
+        host::getExactSizeBytes(*openParents(invocation, disk, password).front());
+    ranges.push_back({std::min(parentBytes, source.getLength()), source.getLength()});
+    host::ChangedGrains changes(ranges, disk.getGrainSizeBytes());
+    if (arguments.verifyChangedPercent > 0)
+        changes.verifyOthers(
+            host::GrainSample(arguments.verifyChangedPercent, yx::CMTRand::drawGlobal32()));
+    return changes;
 }
 
 void warnOfLongChain(host::SafeDisk& disk) {
@@ -111,14 +162,21 @@ void warnOfLongChain(host::SafeDisk& disk) {
         return;
     yx::logWarning(yx::String::fromUTF8(
         "This is disk " + std::to_string(count) + " of its chain, which ends at " +
-        std::to_string(host::kMaxDisksOfChain) + ". Begin a new chain with a full disk."));
+        std::to_string(host::kMaxDisksOfChain) +
+        ". Take links out with "
+        "'kelm prune' or 'kelm drop', or begin a new chain with a full disk."));
 }
 
 ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
+    if (arguments.imageDigest && arguments.newDisk.noDigests)
+        throw UsageError("The digest of the image is one of the digests; leave out --no-digests.");
+    if (arguments.resume && !arguments.changed.empty())
+        throw UsageError("--changed goes with --parent, and not with --resume.");
     if (arguments.resume)
         return resumeImport(invocation, arguments);
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     host::RawSource source(arguments.image, &invocation.getCancel());
+    verifyTakesChanges(arguments, source);
     std::vector<yx::CURI> sourceFiles;
     if (std::optional<yx::CURI> const file = tryNameRegularFile(arguments.image))
         sourceFiles.push_back(*file);
@@ -135,10 +193,21 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     request.host = host::getMachineName();
     NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     warnOfLongChain(disk.getDisk());
+    host::DigestMaking* const digests = arguments.newDisk.noDigests ? nullptr : &disk.addDigests();
+    if (arguments.imageDigest)
+        digests->addImage();
+    std::unique_ptr<host::ChainDigests> const parents =
+        host::ChainDigests::open(invocation.getFiles(), disk.getDisk(), request.password);
+    std::optional<host::ChangedGrains> const changes =
+        readChanges(invocation, arguments, source, disk.getDisk(), request.password);
     LongWork const work(invocation, "import", arguments.threads);
     host::importRaw(source, disk.getDisk(), work.getOptions(),
-                    lengthOf(source, request.sizeBytes, arguments.pad));
-    host::setExactSizeBytes(disk.getDisk(), std::max(request.sizeBytes, source.getPosition()));
+                    lengthOf(source, request.sizeBytes, arguments.pad),
+                    host::PresentContent::OfParent, digests, parents.get(),
+                    changes ? &*changes : nullptr);
+    __int64 const exactSizeBytes = std::max(request.sizeBytes, source.getPosition());
+    host::setExactSizeBytes(disk.getDisk(), exactSizeBytes);
+    disk.finishDigests(exactSizeBytes, work.getQuietOptions());
     disk.finish();
     return ExitStatus::Done;
 }
@@ -164,6 +233,15 @@ void addImportCommand(CLI::App& program, Run& run) {
             "Accept standard input, or a pipe, that ends before the size of the disk");
     addFlag(command, "--resume", arguments->resume,
             "Go on with a disk whose import was killed: what it holds already stays");
+    arguments->newDisk.addDigestsTo(command);
+    addFlag(command, "--image-digest", arguments->imageDigest,
+            "Keep the SHA-256 of the image among the digests, for 'digest --print'");
+    addFileOption(command, "--changed", arguments->changed,
+                  "Read only the ranges of the image that this list names, or standard input for "
+                  "'-'; the rest is as the parent",
+                  false);
+    addPercentOption(command, "--verify-changed", arguments->verifyChangedPercent,
+                     "With --changed, read a random part of the rest, and fail if it has changed");
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of the disk");
 }

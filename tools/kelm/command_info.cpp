@@ -1,5 +1,9 @@
 #include <memory>
+#include <string>
+#include <vector>
 
+#include "host/backups/disk_parts.h"
+#include "host/store/file_names.h"
 #include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
@@ -18,6 +22,7 @@ struct InfoArguments {
     std::string disk;
     bool json = false;
     bool space = false;
+    std::vector<std::string> lookIn;
     PasswordOptions passwords;
 };
 
@@ -43,6 +48,14 @@ Json reportParents(Invocation& invocation, host::SafeDisk& disk, yx::String cons
     return parents;
 }
 
+/// The disks that need this one, their children included.
+Json reportDependents(Invocation& invocation, InfoArguments const& arguments) {
+    yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
+    host::DiskRelations const relations(invocation.getFiles(),
+                                        foldersToLookIn(arguments.lookIn, mainFile));
+    return listNames(relations.findDescendants(mainFile));
+}
+
 ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
     invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     std::unique_ptr<host::SafeDisk> const disk =
@@ -50,6 +63,11 @@ ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
     Json report = reportDisk(*disk);
     report["parents"] =
         reportParents(invocation, *disk, usedPassword(invocation, arguments.passwords));
+    bool const isWholeChain = !disk->hasParent() || !report["parents"].back().contains("error");
+    if (isWholeChain)
+        report["link"] = report["parents"].size() + 1;
+    if (!arguments.lookIn.empty())
+        report["neededBy"] = reportDependents(invocation, arguments);
     if (arguments.space) {
         LongWork const work(invocation, "info");
         report["space"] = reportSpace(*disk, work.getOptions());
@@ -69,6 +87,9 @@ void addInfoCommand(CLI::App& program, Run& run) {
     addFlag(command, "--json", arguments->json, "Print JSON");
     addFlag(command, "--space", arguments->space,
             "Show also how much space the grains take; reads all tables of the disk");
+    addFoldersOption(command, "--look", arguments->lookIn,
+                     "List the disks below this folder that need this one; may be given several "
+                     "times");
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

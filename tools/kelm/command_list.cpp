@@ -105,7 +105,9 @@ std::string formatLongChains(std::vector<BackupDisk> const& disks) {
             continue;
         text += "\n" + host::printable(host::displayName(disk.mainFile)) + " is disk " +
                 std::to_string(disk.parentCount + 1) + " of its chain, which ends at " +
-                std::to_string(host::kMaxDisksOfChain) + ". Begin a new chain with a full disk.\n";
+                std::to_string(host::kMaxDisksOfChain) +
+                ". Take links out with "
+                "'kelm prune' or 'kelm drop', or begin a new chain with a full disk.\n";
     }
     return text;
 }

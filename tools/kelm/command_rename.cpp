@@ -1,10 +1,10 @@
-#include <filesystem>
 #include <memory>
 
 #include "host/backups/disk_move.h"
 #include "host/store/file_names.h"
 #include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/output.h"
@@ -20,14 +20,6 @@ struct RenameArguments {
     bool json = false;
 };
 
-/// In a folder, the disk keeps its name.
-std::string renamedName(RenameArguments const& arguments) {
-    std::filesystem::path const to = arguments.to;
-    return std::filesystem::is_directory(to)
-               ? (to / std::filesystem::path(arguments.from).filename()).string()
-               : arguments.to;
-}
-
 std::string formatRenaming(host::DiskMoveResult const& result) {
     std::string text;
     for (yx::CURI const& file : result.files)
@@ -39,10 +31,11 @@ std::string formatRenaming(host::DiskMoveResult const& result) {
 
 ExitStatus renameDisk(Invocation& invocation, RenameArguments const& arguments) {
     yx::CURI const from = host::uriFromArgument(arguments.from);
-    yx::CURI const to = host::uriFromArgument(renamedName(arguments));
+    yx::CURI const to = host::uriFromArgument(nameIn(arguments.to, arguments.from));
     host::DiskMoveOptions options;
     options.trust = invocation.getTrust();
-    options.cancel = &invocation.getCancel();
+    LongWork const work(invocation, "rename");
+    options.work = work.getOptions();
     options.lookIn = foldersToLookIn(arguments.lookIn, from);
     host::DurableFiles steps;
     host::DiskMoveResult const result = invocation.getWait().retry(

@@ -59,18 +59,22 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
     addNumberOption(command, "--max-rounds", *maxRounds, 1, std::numeric_limits<int>::max(),
                     "The most rounds of key derivation that a disk may ask for");
     command.get_option("--max-rounds")->group(kPasswordHelpGroup);
+    auto const parentPasswords = std::make_shared<PasswordOptions>();
+    parentPasswords->addTo(command, "parent-", "of parents that have another one");
     auto const trust = std::make_shared<TrustOptions>();
     trust->addTo(command);
     auto const waitSeconds = std::make_shared<int>(0);
     addWaitOption(command, *waitSeconds);
-    command.callback([&run, maxRounds, trust, waitSeconds, action = std::move(action)] {
-        run = [maxRounds, trust, waitSeconds, action](Invocation& invocation) {
-            host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
-            invocation.setTrust(trust->make());
-            invocation.setWait(std::chrono::seconds(*waitSeconds));
-            return action(invocation);
-        };
-    });
+    command.callback(
+        [&run, maxRounds, parentPasswords, trust, waitSeconds, action = std::move(action)] {
+            run = [maxRounds, parentPasswords, trust, waitSeconds, action](Invocation& invocation) {
+                host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
+                invocation.setParentPasswords(parentPasswords);
+                invocation.setTrust(trust->make());
+                invocation.setWait(std::chrono::seconds(*waitSeconds));
+                return action(invocation);
+            };
+        });
     return command;
 }
 

@@ -28,6 +28,7 @@ CLI::App& addPlainCommand(CLI::App& program, Run& run, std::string const& name,
 // Each adds its command to the program. Parsing a command line that names the command sets `run`,
 // which the caller then calls. It throws `UsageError` and the errors of the library.
 
+void addCopyCommand(CLI::App& program, Run& run);
 void addCreateCommand(CLI::App& program, Run& run);
 void addInfoCommand(CLI::App& program, Run& run);
 void addListCommand(CLI::App& program, Run& run);
@@ -36,11 +37,18 @@ void addExportCommand(CLI::App& program, Run& run);
 void addConvertCommand(CLI::App& program, Run& run);
 void addCompareCommand(CLI::App& program, Run& run);
 void addCheckCommand(CLI::App& program, Run& run);
+void addDigestCommand(CLI::App& program, Run& run);
+void addRepairCommand(CLI::App& program, Run& run);
+void addCompactCommand(CLI::App& program, Run& run);
 void addMapCommand(CLI::App& program, Run& run);
 void addChildCommand(CLI::App& program, Run& run);
 void addFlattenCommand(CLI::App& program, Run& run);
+void addPasswordCommand(CLI::App& program, Run& run);
 void addRebaseCommand(CLI::App& program, Run& run);
 void addRenameCommand(CLI::App& program, Run& run);
 void addDeleteCommand(CLI::App& program, Run& run);
+void addDropCommand(CLI::App& program, Run& run);
+void addMergeCommand(CLI::App& program, Run& run);
+void addPruneCommand(CLI::App& program, Run& run);
 
 } // namespace kelm::tool

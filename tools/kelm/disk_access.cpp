@@ -5,7 +5,12 @@
 #include <system_error>
 
 #include "host/backups/disk_note.h"
+#include "host/backups/disk_parts.h"
+#include "host/check/undo_file.h"
+#include "host/disk/chain_keys.h"
 #include "host/disk/dead_tails.h"
+#include "host/disk/digest_file_name.h"
+#include "host/disk/disk_files.h"
 #include "host/disk/disk_opening.h"
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
@@ -35,6 +40,7 @@ void waitForParents(Invocation& invocation, host::SafeDisk& disk, yx::String con
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
                                          yx::IIOStream::Access access, yx::String const& password,
                                          int compressionLevel) {
+    deriveKeys(invocation, uri, password);
     std::unique_ptr<host::SafeDisk> disk = invocation.getWait().retry([&] {
         return std::make_unique<host::SafeDisk>(
             invocation.getFiles(), uri, access, password, compressionLevel,
@@ -42,6 +48,29 @@ std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const&
     });
     waitForParents(invocation, *disk, password);
     return disk;
+}
+
+/// Beside one of the files of a disk. What cannot be read has none.
+bool hasUnfinishedFile(yx::IFileSystem* files, yx::CURI const& mainFile) {
+    if (files->fileExists(host::unfinishedNameOf(mainFile)))
+        return true;
+    if (!host::isDiskMainFile(yx::toNativePath(mainFile).toStdString()))
+        return false;
+    try {
+        std::vector<yx::CURI> const extents = host::readDiskParts(files, mainFile).extentFiles;
+        return std::any_of(extents.begin(), extents.end(), [files](yx::CURI const& extent) {
+            return files->fileExists(host::unfinishedNameOf(extent));
+        });
+    } catch (yx::CError const& error) {
+        error.nop();
+        return false;
+    }
+}
+
+std::vector<yx::CURI> listFilesWithDigests(host::SafeDisk& disk) {
+    std::vector<yx::CURI> files = disk.listFiles();
+    files.push_back(host::digestFileOf(files.front()));
+    return files;
 }
 
 } // namespace
@@ -55,6 +84,22 @@ void warnOfEndedWork(yx::CURI const& uri) {
     yx::String const note = host::DiskNote::describe(files.get(), uri);
     if (!note.isEmpty())
         yx::logWarning(note);
+    if (files->fileExists(host::UndoFile::nameAtWork(uri))) {
+        yx::logWarning("A repair of the disk did not come to its end. 'kelm repair' begins it "
+                       "anew, and with --undo takes it back.");
+    }
+    if (hasUnfinishedFile(files.get(), uri)) {
+        yx::logWarning("A file of the disk was to be replaced by a new one, which is not complete. "
+                       "'kelm compact' goes on with that, or takes it away.");
+    }
+}
+
+void deriveKeys(Invocation& invocation, yx::CURI const& mainFile, yx::String const& password) {
+    if (password.isEmpty())
+        return;
+    host::deriveKeysOfChain(invocation.getFiles(), mainFile,
+                            {password, invocation.readParentPassword()},
+                            invocation.getDerivedKeys(), host::countThreads({}));
 }
 
 std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string const& file,
@@ -106,9 +151,9 @@ std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
 
 std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& disk,
                                      yx::String const& password) {
-    std::vector<yx::CURI> files = disk.listFiles();
+    std::vector<yx::CURI> files = listFilesWithDigests(disk);
     for (std::unique_ptr<host::SafeDisk> const& parent : openParents(invocation, disk, password)) {
-        std::vector<yx::CURI> const more = parent->listFiles();
+        std::vector<yx::CURI> const more = listFilesWithDigests(*parent);
         files.insert(files.end(), more.begin(), more.end());
     }
     return files;
@@ -166,6 +211,7 @@ void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request
         // Nothing that exists is touched for what makes no sense.
         host::verifyCanBeMade(uri, request);
         host::verifyMayWriteInFolderOf(uri);
+        host::deleteLeftDigests(m_invocation.getFiles(), uri);
         if (force && m_invocation.getFiles()->fileExists(uri))
             keepFormerDisk(uri);
         m_disk = host::SafeDisk::create(m_guard.get(), uri, request);
@@ -178,11 +224,23 @@ void NewDiskInProgress::create(yx::CURI const& uri, host::NewDisk const& request
     }
 }
 
+host::DigestMaking& NewDiskInProgress::addDigests() {
+    return m_digests.emplace(m_guard.get(), getDisk());
+}
+
+void NewDiskInProgress::finishDigests(__int64 imageSizeBytes, host::WorkOptions const& options) {
+    if (m_digests)
+        m_digests->finish(imageSizeBytes, options);
+}
+
 void NewDiskInProgress::finish() {
     assert(m_disk && "a disk is finished once");
     m_invocation.getCancel().check();
     m_disk->markComplete();
     std::vector<yx::CURI> keptFiles = m_disk->listFiles();
+    if (m_digests)
+        keptFiles.push_back(host::digestFileOf(keptFiles.front()));
+    m_digests.reset();
     m_disk.reset();
     m_guard->verifyFilesAreThere();
     m_guard->keep();

@@ -9,13 +9,20 @@
 
 #include "host/disk/former_disk.h"
 #include "host/disk/safe_disk.h"
+#include "host/transfer/digest_making.h"
+#include "tools/kelm/errors.h"
 #include "tools/kelm/invocation.h"
 #include "tools/kelm/password_options.h"
 
 namespace kelm::tool {
 
-/// Tells the user of a disk that a program was replacing, renaming or deleting when it was killed.
+/// Tells the user of a disk that a program was replacing, renaming, deleting or repairing when it was
+/// killed.
 void warnOfEndedWork(yx::CURI const& uri);
+
+/// Derives the keys of a disk and of its parents, those of another password included, before they
+/// are opened; see `host::deriveKeysOfChain`. Nothing without a password.
+void deriveKeys(Invocation& invocation, yx::CURI const& mainFile, yx::String const& password);
 
 /// Opens the disk that the user names. If it is encrypted and no option gives a password, asks for
 /// it on the terminal.
@@ -33,6 +40,21 @@ std::unique_ptr<host::SafeDisk> openToGoOn(
 host::Password const& askForPassword(Invocation const& invocation, std::string const& file,
                                      PasswordOptions& passwords);
 
+/// Runs `work`, which takes the password that the options give; where it turns out that one is
+/// missing, asks for it and runs it once more.
+template <class Work>
+auto withPassword(Invocation const& invocation, std::string const& file, PasswordOptions& passwords,
+                  Work const& work) {
+    try {
+        return work();
+    } catch (yx::CError const& error) {
+        if (!isPasswordMissing(error))
+            throw;
+    }
+    askForPassword(invocation, file, passwords);
+    return work();
+}
+
 /// Opens the parents of a disk for reading, as `host::openParents` does.
 std::vector<std::unique_ptr<host::SafeDisk>> openParents(Invocation& invocation,
                                                          host::SafeDisk& disk,
@@ -44,7 +66,7 @@ yx::String usedPassword(Invocation const& invocation, PasswordOptions& passwords
 /// Whether a password is needed to read the disk's grains.
 bool isEncrypted(host::SafeDisk& disk);
 
-/// All files of a disk and of its parents.
+/// All files of a disk and of its parents, those with their digests included, present or not.
 std::vector<yx::CURI> listChainFiles(Invocation& invocation, host::SafeDisk& disk,
                                      yx::String const& password);
 
@@ -78,6 +100,14 @@ public:
         return *m_disk;
     }
 
+    /// Begins to make the digests of the disk, beside it. The object lives until `finish`, which
+    /// completes them.
+    host::DigestMaking& addDigests();
+
+    /// Completes the digests, if there are to be any. `imageSizeBytes` is the size of the image
+    /// that the disk was filled with.
+    void finishDigests(__int64 imageSizeBytes, host::WorkOptions const& options);
+
     /// Marks the disk as complete and closes it; its files stay. Extent files of a disk that it
     /// replaces are removed, unless files of the new disk have taken their names.
     void finish();
@@ -93,6 +123,7 @@ private:
     // which comes back then.
     yx::P<host::FileGuard> m_guard;
     std::unique_ptr<host::SafeDisk> m_disk;
+    std::optional<host::DigestMaking> m_digests;
 };
 
 } // namespace kelm::tool

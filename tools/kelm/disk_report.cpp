@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "host/backups/backup_list.h"
 #include "host/disk/disk_files.h"
 #include "host/disk/disk_record.h"
 #include "host/system/name_text.h"
@@ -134,6 +135,15 @@ std::string formatParents(Json const& parents) {
     return text;
 }
 
+std::string formatDependents(Json const& dependents) {
+    if (dependents.empty())
+        return line("needed by", "no disk that was found");
+    std::string text;
+    for (Json const& dependent : dependents)
+        text += line(text.empty() ? "needed by" : "", dependent.get<std::string>());
+    return text;
+}
+
 std::string formatSpace(Json const& space) {
     return line("grains", formatBytes(space["payloadBytes"]) + " in " +
                               host::formatSize(space["payloadBytesInFile"].get<__int64>())) +
@@ -204,6 +214,12 @@ std::string formatReport(Json const& report) {
     text += line("space used", formatBytes(report["allocatedBytes"]));
     text += formatFiles(report["files"]);
     text += formatParents(report["parents"]);
+    if (report.value("link", 1) > 1) {
+        text += line("link", report["link"].dump() + " of a chain, which ends at " +
+                                 std::to_string(host::kMaxDisksOfChain));
+    }
+    if (report.contains("neededBy"))
+        text += formatDependents(report["neededBy"]);
     if (report.contains("space"))
         text += formatSpace(report["space"]);
     return text;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/backups/disk_deletion.h"
+#include "host/backups/disk_rebase.h"
 #include "host/disk/unfinished_disk.h"
 #include "host/system/cancel.h"
 #include "host/system/key_derivation.h"
@@ -71,6 +72,9 @@ std::string describeError(std::exception const& error) {
     if (dynamic_cast<host::DiskHasChildrenError const*>(&error))
         return text + " --keep-children makes them independent of it first; --with-children "
                       "deletes them too.";
+    if (dynamic_cast<host::OldParentError const*>(&error))
+        return text + " If the new parent is the old one, and has only moved, --trust skips the "
+                      "comparison.";
     return text;
 }
 

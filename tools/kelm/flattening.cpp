@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "host/disk/parent_link.h"
+#include "host/transfer/kept_digests.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
 
@@ -25,9 +26,11 @@ void flattenDisk(Invocation& invocation, std::string const& file, PasswordOption
     // An attempt that was killed may have copied grains that no table names.
     std::unique_ptr<host::SafeDisk> const disk =
         openToGoOn(invocation, [&] { return openChild(invocation, file, passwords); });
+    host::KeptDigests digests(invocation.getFiles(), *disk);
     LongWork const work(invocation, "flatten");
     host::makeIndependentOfParent(*disk, work.getOptions());
     host::dropParentLink(*disk);
+    digests.finish(work.getQuietOptions());
 }
 
 } // namespace kelm::tool

@@ -25,6 +25,12 @@ Invocation::~Invocation() {
     sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
+yx::String Invocation::readParentPassword() const {
+    return m_parentPasswords && m_parentPasswords->isGiven()
+               ? m_parentPasswords->read(m_cancel).get()
+               : yx::String();
+}
+
 LongWork::LongWork(Invocation const& invocation, char const* label, int threads)
     : m_bar(label, STDERR_FILENO) {
     m_options.threads = threads;

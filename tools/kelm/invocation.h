@@ -1,12 +1,15 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 
 #include "host/disk/busy_wait.h"
 #include "host/disk/disk_trust.h"
 #include "host/system/cancel.h"
+#include "host/system/derived_keys.h"
 #include "host/system/progress.h"
 #include "host/transfer/transfer.h"
+#include "tools/kelm/password_options.h"
 #include "yx/native_file_system.h"
 
 namespace kelm::tool {
@@ -36,8 +39,20 @@ public:
     host::BusyWait& getWait() { return m_wait; }
     void setWait(std::chrono::seconds limit) { m_wait = host::BusyWait(limit, &m_cancel); }
 
+    /// The password of parents that have another one than their child; empty if the user gives
+    /// none.
+    yx::String readParentPassword() const;
+    void setParentPasswords(std::shared_ptr<PasswordOptions> const& passwords) {
+        m_parentPasswords = passwords;
+    }
+
+    /// Holds every key that the command derives.
+    host::DerivedKeys& getDerivedKeys() { return m_derivedKeys; }
+
 private:
     yx::P<yx::CNativeFileSystem> m_files;
+    host::DerivedKeys m_derivedKeys;
+    std::shared_ptr<PasswordOptions> m_parentPasswords;
     host::DiskTrust m_trust;
     host::CancelFlag m_cancel;
     host::BusyWait m_wait;
@@ -52,6 +67,11 @@ public:
 
     /// Valid as long as this object.
     host::WorkOptions const& getOptions() const { return m_options; }
+
+    /// The same without the bar, for what comes before or after the work that it shows.
+    host::WorkOptions getQuietOptions() const {
+        return {.threads = m_options.threads, .progress = {}, .cancel = m_options.cancel};
+    }
 
     /// Removes the bar until the next progress, to make room for a line of output.
     void hideBar() { m_bar.hide(); }

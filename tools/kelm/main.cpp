@@ -26,12 +26,20 @@ void addCommands(CLI::App& program, Run& run) {
     kelm::tool::addConvertCommand(program, run);
     kelm::tool::addCompareCommand(program, run);
     kelm::tool::addCheckCommand(program, run);
+    kelm::tool::addDigestCommand(program, run);
+    kelm::tool::addRepairCommand(program, run);
+    kelm::tool::addCompactCommand(program, run);
     kelm::tool::addMapCommand(program, run);
     kelm::tool::addChildCommand(program, run);
     kelm::tool::addFlattenCommand(program, run);
     kelm::tool::addRebaseCommand(program, run);
     kelm::tool::addRenameCommand(program, run);
+    kelm::tool::addCopyCommand(program, run);
     kelm::tool::addDeleteCommand(program, run);
+    kelm::tool::addPasswordCommand(program, run);
+    kelm::tool::addDropCommand(program, run);
+    kelm::tool::addMergeCommand(program, run);
+    kelm::tool::addPruneCommand(program, run);
     program.footer("'kelm COMMAND --help' describes a command and has an example.\n"
                    "Sizes are bytes, or numbers with one of the letters K, M, G, T.");
 }

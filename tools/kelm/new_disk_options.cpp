@@ -1,6 +1,7 @@
 #include "tools/kelm/new_disk_options.h"
 
 #include "host/disk/disk_record.h"
+#include "host/system/key_rounds.h"
 #include "host/transfer/exact_size.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
@@ -20,6 +21,7 @@ void NewDiskOptions::addCommonTo(CLI::App& command) {
                     "long and saves 8 to 17 %, 9 takes 18 times as long and saves 9 to 19 %");
     addSizeOption(command, "--split", splitBytes, "Split the disk into files of at most this size");
     addFlag(command, "--encrypt", encrypt, "Encrypt the disk under a password");
+    addRoundsOption(command, rounds);
     addFlag(command, "--on-demand", onDemand,
             "Make the files of a split disk when they are needed");
     addTextOption(command, "--label", label,
@@ -29,6 +31,11 @@ void NewDiskOptions::addCommonTo(CLI::App& command) {
 
 void NewDiskOptions::addCompressedTo(CLI::App& command) {
     addFlag(command, "--compressed", compressed, "Compress the disk");
+}
+
+void NewDiskOptions::addDigestsTo(CLI::App& command) {
+    addFlag(command, "--no-digests", noDigests,
+            "Make no file of digests, by which 'check' finds every change of the content");
 }
 
 void NewDiskOptions::addParentTo(CLI::App& command) {
@@ -44,8 +51,22 @@ void NewDiskOptions::inheritFromParent(Invocation& invocation, PasswordOptions& 
     if (request.sizeBytes == -1)
         request.sizeBytes = host::getExactSizeBytes(*disk);
     // One password opens a whole chain.
-    if (isEncrypted(*disk))
+    if (isEncrypted(*disk)) {
         request.password = usedPassword(invocation, passwords);
+        inheritKeyDerivation(invocation, *disk, request);
+    }
+}
+
+/// The disks of a chain take one derivation to open, as long as nothing speaks for another one.
+void NewDiskOptions::inheritKeyDerivation(Invocation const& invocation, host::SafeDisk& parentDisk,
+                                          host::NewDisk& request) const {
+    // The parent's salt must not serve two passwords: see `host::deriveKeysOfChain`.
+    if (rounds != -1 || !invocation.readParentPassword().isEmpty())
+        return;
+    host::KeyDerivationSettings const derivation =
+        host::getKeyDerivation(*parentDisk.getDisk().getDescriptor());
+    if (derivation.rounds >= host::kFewestKeyRounds)
+        request.keyDerivation = derivation;
 }
 
 host::NewDisk NewDiskOptions::makeRequest(Invocation& invocation, __int64 sizeBytes,
@@ -68,6 +89,8 @@ host::NewDisk NewDiskOptions::makeRequest(Invocation& invocation, __int64 sizeBy
     if (encrypt && request.password.isEmpty())
         request.password =
             passwords.readOrPrompt("New password", true, invocation.getCancel()).get();
+    if (!request.password.isEmpty() && !request.keyDerivation)
+        request.keyDerivation = host::drawKeyDerivation(chooseRounds(rounds));
     return request;
 }
 

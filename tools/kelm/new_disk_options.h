@@ -18,16 +18,20 @@ struct NewDiskOptions {
     int level = -1;
     __int64 splitBytes = -1;
     bool encrypt = false;
+    int rounds = -1;
     bool onDemand = false;
     std::string parent;
     bool force = false;
     std::string label;
+    bool noDigests = false;
 
-    /// Adds the options of every new disk: level, splitting, encryption, a
-    /// label, force.
+    /// Adds the options of every new disk: level, splitting, encryption, a label, force.
     void addCommonTo(CLI::App& command);
 
     void addCompressedTo(CLI::App& command);
+
+    /// For a disk that is filled.
+    void addDigestsTo(CLI::App& command);
     void addParentTo(CLI::App& command);
 
     /// The request for the new disk. A `sizeBytes` of -1 means the size of the parent; without a
@@ -39,6 +43,8 @@ struct NewDiskOptions {
 private:
     void inheritFromParent(Invocation& invocation, PasswordOptions& passwords,
                            host::NewDisk& request) const;
+    void inheritKeyDerivation(Invocation const& invocation, host::SafeDisk& parentDisk,
+                              host::NewDisk& request) const;
 };
 
 } // namespace kelm::tool

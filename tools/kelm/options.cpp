@@ -1,5 +1,7 @@
 #include "tools/kelm/options.h"
 
+#include <filesystem>
+
 #include <CLI/CLI.hpp>
 
 #include "host/store/file_names.h"
@@ -49,14 +51,27 @@ void addNumberOption(CLI::App& command, std::string const& name, int& target, in
     command.add_option(name, target, description)->check(CLI::Range(min, max))->type_name("N");
 }
 
+void addPercentOption(CLI::App& command, std::string const& name, double& target,
+                      std::string const& description) {
+    auto const isPercentage = [](std::string const& text) -> std::string {
+        double percent = 0;
+        bool const isNumber = CLI::detail::lexical_cast(text, percent);
+        return isNumber && percent > 0 && percent <= 100
+                   ? ""
+                   : "Not a number above 0 and up to 100: " + text;
+    };
+    command.add_option(name, target, description)->check(isPercentage)->type_name("PERCENT");
+}
+
 void addLookOption(CLI::App& command, std::vector<std::string>& target) {
-    command
-        .add_option(
-            "--look", target,
-            "A folder in which children of the disk are looked for, by default the disk's own; "
-            "may be given several times")
-        ->type_name("FOLDER")
-        ->allow_extra_args(false);
+    addFoldersOption(command, "--look", target,
+                     "A folder in which children of the disk are looked for, by default the disk's "
+                     "own; may be given several times");
+}
+
+void addFoldersOption(CLI::App& command, std::string const& name, std::vector<std::string>& target,
+                      std::string const& description) {
+    command.add_option(name, target, description)->type_name("FOLDER")->allow_extra_args(false);
 }
 
 std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
@@ -68,6 +83,13 @@ std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
     for (std::string const& folder : lookIn)
         folders.push_back(host::uriFromArgument(folder));
     return folders;
+}
+
+std::string nameIn(std::string const& target, std::string const& file) {
+    std::filesystem::path const folder = target;
+    return std::filesystem::is_directory(folder)
+               ? (folder / std::filesystem::path(file).filename()).string()
+               : target;
 }
 
 void addThreadsOption(CLI::App& command, int& target) {

@@ -33,12 +33,23 @@ void addSizeOption(CLI::App& command, std::string const& name, __int64& target,
 void addNumberOption(CLI::App& command, std::string const& name, int& target, int min, int max,
                      std::string const& description);
 
+/// A part in percent: a number above 0 and up to 100.
+void addPercentOption(CLI::App& command, std::string const& name, double& target,
+                      std::string const& description);
+
+/// Adds an option for a folder, which may be given several times.
+void addFoldersOption(CLI::App& command, std::string const& name, std::vector<std::string>& target,
+                      std::string const& description);
+
 /// Adds "--look", which may be given several times, for folders in which children of a disk are.
 void addLookOption(CLI::App& command, std::vector<std::string>& target);
 
 /// The folders of "--look"; without any, that of the disk.
 std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
                                       yx::CURI const& mainFile);
+
+/// The new name that a user gives a file: that file's own name in a folder, if it is one.
+std::string nameIn(std::string const& target, std::string const& file);
 
 /// Adds "--threads".
 void addThreadsOption(CLI::App& command, int& target);

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/system/key_rounds.h"
 #include "tools/kelm/errors.h"
 
 namespace kelm::tool {
@@ -27,7 +28,24 @@ host::Password obtainPassword(Obtain const& obtain) {
     }
 }
 
+/// Readers refuse fewer.
+constexpr int kFewestRounds = 1000;
+
 } // namespace
+
+void addRoundsOption(CLI::App& command, int& target) {
+    command
+        .add_option("--rounds", target,
+                    "How often the password is hashed before it opens the disk; by default as "
+                    "often as takes half a second, at least 600000 times")
+        ->type_name("N")
+        ->group(kPasswordHelpGroup)
+        ->check(CLI::Range(kFewestRounds, std::numeric_limits<int>::max()));
+}
+
+__int64 chooseRounds(int rounds) {
+    return rounds == -1 ? host::measureKeyRounds() : rounds;
+}
 
 void PasswordOptions::addTo(CLI::App& command, std::string const& prefix,
                             std::string const& whose) {

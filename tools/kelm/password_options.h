@@ -5,6 +5,7 @@
 
 #include "host/system/cancel.h"
 #include "host/system/password.h"
+#include "yx/base.h"
 
 namespace CLI {
 class App;
@@ -14,6 +15,12 @@ namespace kelm::tool {
 
 /// Under this title the help lists all that is about passwords.
 inline constexpr char kPasswordHelpGroup[] = "Passwords";
+
+/// Adds "--rounds" for the key derivation of a password.
+void addRoundsOption(CLI::App& command, int& target);
+
+/// The number of rounds that "--rounds" gives; -1 makes it what this machine can bear.
+__int64 chooseRounds(int rounds);
 
 /// The options that say where a password comes from. There is none for the password itself, since
 /// every user of the machine can read command lines.

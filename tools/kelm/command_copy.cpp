@@ -1,0 +1,56 @@
+#include <memory>
+
+#include "host/backups/disk_copy.h"
+#include "host/store/file_names.h"
+#include "host/system/name_text.h"
+#include "tools/kelm/commands.h"
+#include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
+#include "tools/kelm/options.h"
+#include "tools/kelm/output.h"
+
+namespace kelm::tool {
+
+namespace {
+
+struct CopyArguments {
+    std::string from;
+    std::string to;
+    bool json = false;
+};
+
+ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
+    yx::CURI const from = host::uriFromArgument(arguments.from);
+    yx::CURI const to = host::uriFromArgument(nameIn(arguments.to, arguments.from));
+    warnOfEndedWork(from);
+    LongWork const work(invocation, "copy");
+    host::DiskCopyOptions options;
+    options.trust = invocation.getTrust();
+    options.work = work.getOptions();
+    host::DurableFiles steps;
+    std::vector<yx::CURI> const files = invocation.getWait().retry(
+        [&] { return host::DiskCopy(invocation.getFiles(), steps, from, to, options).run(); });
+    if (arguments.json) {
+        print(formatJSON({{"files", listNames(files)}}) + "\n");
+    } else {
+        for (yx::CURI const& file : files)
+            print(host::printable(host::displayName(file)) + "\n");
+    }
+    return ExitStatus::Done;
+}
+
+} // namespace
+
+void addCopyCommand(CLI::App& program, Run& run) {
+    auto const arguments = std::make_shared<CopyArguments>();
+    CLI::App& command =
+        addCommand(program, run, "copy", "Copy a disk with all of its files, and compare the copy",
+                   "kelm copy tuesday.vmdk /backup/", [arguments](Invocation& invocation) {
+                       return copyDisk(invocation, *arguments);
+                   });
+    addFileArgument(command, "OLD", arguments->from, "The main file of the disk");
+    addFileArgument(command, "NEW", arguments->to, "The main file of the copy, or a folder");
+    addFlag(command, "--json", arguments->json, "Print JSON");
+}
+
+} // namespace kelm::tool
