@@ -78,17 +78,18 @@ bool CrashExpectation::mayBeRewritten(Grain const& grain) const {
     return grain.versions.size() > (grain.mayHavePlace ? 1U : 2U);
 }
 
-bool CrashExpectation::mayFail(int grain, bool isRecovered) const {
+bool CrashExpectation::mayFail(int grain, bool isUnmarked) const {
     if (!m_isCreated)
         return true;
     Grain const& state = m_grains[static_cast<std::size_t>(grain)];
-    // A file that is made at the first write may be there in part.
-    if (!isRecovered && !m_extentIsFlushed[static_cast<std::size_t>(extentOf(grain))])
+    // A file that is made at the first write may be there in part, which `SafeDisk` sees.
+    bool const isInPart = !m_extentIsFlushed[static_cast<std::size_t>(extentOf(grain))];
+    if (isInPart && (m_way == Way::Bare || isUnmarked))
         return true;
     if (!m_kind.disk.compressed || state.versions.size() == 1)
         return false;
-    // Of a new grain the position may be known and its slot not.
-    return !isRecovered || mayBeRewritten(state);
+    // Of a new grain the position may be known and its slot not, which `SafeDisk` makes up for.
+    return m_way == Way::Bare || mayBeRewritten(state);
 }
 
 std::string CrashExpectation::checkContent(int grain, Bytes const& content) const {

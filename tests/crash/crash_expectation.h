@@ -34,9 +34,10 @@ public:
     /// What is wrong with a grain's content; empty if nothing is.
     std::string checkContent(int grain, Bytes const& content) const;
 
-    /// Whether reading the grain may be an error. `isRecovered` means that the disk was opened for
-    /// writing by `SafeDisk` after the cut.
-    bool mayFail(int grain, bool isRecovered) const;
+    /// Whether reading the grain may be an error. To `SafeDisk` it makes no difference whether the
+    /// disk was opened for writing after the cut. `isUnmarked` means that the grain's extent file,
+    /// which was made on demand, is there in a part that nothing marks as the disk's.
+    bool mayFail(int grain, bool isUnmarked) const;
 
 private:
     struct Grain {

@@ -5,6 +5,7 @@
 
 #include "tests/crash/crash_kinds.h"
 #include "tests/support/recording_file_system.h"
+#include "tests/support/sanitized.h"
 
 namespace test_support {
 
@@ -26,14 +27,6 @@ struct WayAndKind {
 inline std::ostream& operator<<(std::ostream& stream, WayAndKind const& parameter) {
     return stream << nameOf(parameter.way) << "_" << parameter.kind;
 }
-
-/// Sanitizers take ten times as long and look at memory, not at disks. There, a part of the cuts
-/// and faults will do.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kIsSanitized = true;
-#else
-constexpr bool kIsSanitized = false;
-#endif
 
 /// An open disk, the same for both ways.
 class CrashDisk {

@@ -105,7 +105,7 @@ private:
         std::unique_ptr<CrashDisk> disk = open(kReadOnly, false);
         if (!disk)
             return;
-        std::vector<Bytes> const before = readGrains(*disk, false);
+        std::vector<Bytes> const before = readGrains(*disk);
         disk.reset();
         if (totals().states % kStatesOfWhichOneIsUsed == 0 && m_expectation->isCreated())
             continueWork(before);
@@ -135,9 +135,7 @@ private:
         return m_isUnmarked[static_cast<std::size_t>(next - m_extentStarts.begin() - 1)];
     }
 
-    bool mayFail(int grain, bool isRecovered) const {
-        return m_expectation->mayFail(grain, isRecovered && !isUnmarked(grain));
-    }
+    bool mayFail(int grain) const { return m_expectation->mayFail(grain, isUnmarked(grain)); }
 
     std::unique_ptr<CrashDisk> open(yx::IIOStream::Access access, bool mustOpen) {
         try {
@@ -150,7 +148,7 @@ private:
     }
 
     /// Reads the grains of the history; one that cannot be read stays empty.
-    std::vector<Bytes> readGrains(CrashDisk& disk, bool isRecovered) {
+    std::vector<Bytes> readGrains(CrashDisk& disk) {
         std::vector<Bytes> contents;
         for (int const grain : m_history->grains()) {
             Bytes content(static_cast<std::size_t>(kGrainBytes));
@@ -161,8 +159,7 @@ private:
                 }
             } catch (yx::CError const& error) {
                 ++totals().failedReads;
-                EXPECT_TRUE(mayFail(grain, isRecovered))
-                    << "grain " << grain << ": " << error.what();
+                EXPECT_TRUE(mayFail(grain)) << "grain " << grain << ": " << error.what();
                 content.clear();
             }
             contents.push_back(std::move(content));
@@ -189,7 +186,7 @@ private:
             std::unique_ptr<CrashDisk> const disk = open(kReadWrite, true);
             if (!disk)
                 return;
-            std::vector<Bytes> const recovered = readGrains(*disk, m_way == Way::Safe);
+            std::vector<Bytes> const recovered = readGrains(*disk);
             for (std::size_t i = parity; i < grains.size(); i += 2) {
                 if (isWritable(i, before))
                     disk->write(grains[i] * kGrainBytes, kNoise);
@@ -212,7 +209,7 @@ private:
                     EXPECT_EQ("", m_expectation->checkContent(grains[i], content));
                 }
             } catch (yx::CError const& error) {
-                EXPECT_TRUE(!isNew && before[i].empty() && mayFail(grains[i], m_way == Way::Safe))
+                EXPECT_TRUE(!isNew && before[i].empty() && mayFail(grains[i]))
                     << "grain " << grains[i] << ": " << error.what();
             }
         }

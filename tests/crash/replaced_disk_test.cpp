@@ -4,8 +4,11 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "host/digest/digest_keys.h"
+#include "host/digest/disk_digests.h"
+#include "host/disk/digest_file_name.h"
 #include "host/store/kept_files.h"
-#include "tests/crash/folder_cut.h"
+#include "tests/support/folder_cut.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/running_program.h"
 #include "tests/support/safe_disks.h"
@@ -90,9 +93,25 @@ protected:
     });
 }
 
+/// Digests that count as up to date are those of what is there.
+static void
+expectNoWrongDigests(yx::IFileSystem* native, SafeDisk& disk) {
+    kelm::host::DiskDigests const digests = kelm::host::DiskDigests::open(native, disk);
+    if (!digests.areUpToDate())
+        return;
+    kelm::host::GrainHasher hasher((kelm::host::DigestKeys(disk.getDisk())));
+    for (int const grain : kGrains) {
+        auto const digest = digests.file->find(grain);
+        ASSERT_EQ(disk.isGrainWrittenHere(grain), digest.has_value()) << grain;
+        Bytes const content = readGrain(disk, grain);
+        if (digest) {
+            EXPECT_EQ(hasher.hash(grain, content.data(), kGrainBytes, kGrainBytes), *digest);
+        }
+    }
+}
+
 /// Which of the images a disk holds; none if it cannot be read.
-static Image const*
-imageIn(std::filesystem::path const& file, std::set<std::string>& files) {
+static Image const* imageIn(std::filesystem::path const& file, std::set<std::string>& files) {
     auto const native = yx::makeObject<yx::CNativeFileSystem>();
     bool isOld = true;
     bool isNew = true;
@@ -105,6 +124,8 @@ imageIn(std::filesystem::path const& file, std::set<std::string>& files) {
         }
         for (yx::CURI const& each : disk.listFiles())
             files.insert(each.getName().toStdString());
+        files.insert(kelm::host::digestFileOf(toURI(file)).getName().toStdString());
+        expectNoWrongDigests(native.get(), disk);
     } catch (yx::CError const&) {
         return nullptr;
     }

@@ -188,11 +188,28 @@ private:
             FileOperation const& operation = entries[i].operation;
             bool const isMinor =
                 operation.kind == Kind::Close || operation.uri.getExtension() == ".lock" ||
-                (operation.kind == Kind::Flush && !hasSomethingToFlush(entries, i));
+                (operation.kind == Kind::Flush && !hasSomethingToFlush(entries, i)) ||
+                wasRepeated(entries, i);
             if (entries[i].failed && !isMinor)
                 return false;
         }
         return true;
+    }
+
+    /// Whether a read, or the seek before it, was done once more by itself, and well: what cannot be
+    /// read in one go is read sector by sector.
+    static bool wasRepeated(std::vector<RecordingFileSystem::Entry> const& entries,
+                            std::size_t failed) {
+        FileOperation const& first = entries[failed].operation;
+        if (first.kind != Kind::Seek && first.kind != Kind::Read)
+            return false;
+        return std::any_of(entries.begin() + static_cast<std::ptrdiff_t>(failed) + 1, entries.end(),
+                           [&](RecordingFileSystem::Entry const& entry) {
+                               FileOperation const& again = entry.operation;
+                               return !entry.failed && again.kind == first.kind &&
+                                      again.opening == first.opening &&
+                                      again.position == first.position;
+                           });
     }
 
     /// Whether anything was written through the stream of a flush since its last good one.

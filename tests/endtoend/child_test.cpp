@@ -66,14 +66,26 @@ TEST_P(Child, RebasedFindsItsParentAgain) {
     EXPECT_EQ(checked.status, 1);
     EXPECT_NE(checked.out.find("the parent does not exist"), std::string::npos) << checked.out;
 
-    runWell({"rebase", "tuesday.vmdk", "--parent", "moved/monday.vmdk"});
+    std::string const error =
+        runBadly(8, {"rebase", "tuesday.vmdk", "--parent", "moved/monday.vmdk"});
+    EXPECT_EQ(error.rfind("kelm: The old parent of the disk cannot be read. (uri: " +
+                              path("tuesday.vmdk") + ")",
+                          0),
+              0u)
+        << error;
+    EXPECT_NE(error.find(" If the new parent is the old one, and has only moved, --trust skips "
+                         "the comparison.\n"),
+              std::string::npos)
+        << error;
+    runWell({"rebase", "tuesday.vmdk", "--parent", "moved/monday.vmdk", "--trust"});
     EXPECT_EQ(runWell({"compare", "tuesday", "tuesday.vmdk"}), "equal\n");
 }
 
-TEST_P(Child, RefusesAParentOfOtherContent) {
+TEST_P(Child, TrustsNoParentOfOtherContent) {
     makeChain();
     import({"import", "monday", "other.vmdk"});
-    std::string const error = runBadly(3, {"rebase", "tuesday.vmdk", "--parent", "other.vmdk"});
+    std::string const error =
+        runBadly(3, {"rebase", "tuesday.vmdk", "--parent", "other.vmdk", "--trust"});
     EXPECT_EQ(error.rfind("kelm: The new parent is not what the child disk was made of. (", 0), 0u)
         << error;
     EXPECT_EQ(runWell({"compare", "tuesday", "tuesday.vmdk"}), "equal\n");
@@ -81,6 +93,23 @@ TEST_P(Child, RefusesAParentOfOtherContent) {
     runWell({"rebase", "tuesday.vmdk", "--parent", "other.vmdk", "--unsafe"});
     std::filesystem::remove(path("monday.vmdk"));
     EXPECT_EQ(runWell({"compare", "tuesday", "tuesday.vmdk"}), "equal\n");
+}
+
+TEST_P(Child, RebasedToOtherContentReadsAsBefore) {
+    makeChain();
+    runWell({"child", "tuesday.vmdk", "wednesday.vmdk"});
+    writeFile("else", makeImage(std::size_t{8} << 20, 77));
+    import({"import", "else", "else.vmdk"});
+    nlohmann::json const result = nlohmann::json::parse(
+        runWell({"rebase", "tuesday.vmdk", "--parent", "else.vmdk", "--json"}));
+    EXPECT_EQ(result["parent"], path("else.vmdk"));
+    EXPECT_GT(result["copiedBytes"], 0);
+    std::filesystem::remove(path("monday.vmdk"));
+    for (char const* const disk : {"tuesday.vmdk", "wednesday.vmdk"}) {
+        EXPECT_EQ(runWell({"compare", "tuesday", disk}), "equal\n");
+        EXPECT_EQ(runWell({"check", disk}), "");
+    }
+    runBadly(3, {"rebase", "tuesday.vmdk", "--parent", "wednesday.vmdk"});
 }
 
 TEST_P(Child, EmptyChildReadsAsItsParent) {
@@ -92,6 +121,19 @@ TEST_P(Child, EmptyChildReadsAsItsParent) {
     ASSERT_EQ(info["parents"].size(), 2u);
     EXPECT_EQ(info["parents"][0]["file"], path("tuesday.vmdk"));
     EXPECT_EQ(info["parents"][1]["file"], path("monday.vmdk"));
+}
+
+TEST_P(Child, IsSaidToHaveItsPlaceInTheChain) {
+    makeChain();
+    runWell({"child", "tuesday.vmdk", "wednesday.vmdk"});
+    EXPECT_NE(runWell({"info", "wednesday.vmdk"}).find("3 of a chain, which ends at 256\n"),
+              std::string::npos);
+    auto const info =
+        nlohmann::json::parse(runWell({"info", "monday.vmdk", "--json", "--look", "."}));
+    EXPECT_EQ(info["link"], 1);
+    EXPECT_EQ(info["neededBy"], nlohmann::json({path("tuesday.vmdk"), path("wednesday.vmdk")}));
+    EXPECT_NE(runWell({"info", "wednesday.vmdk", "--look", "."}).find("no disk that was found\n"),
+              std::string::npos);
 }
 
 TEST_P(Child, IsDrawn) {

@@ -18,15 +18,16 @@ protected:
         writeFile("image", makeImage(std::size_t{8} << 20, 1));
         writeFile("later", makeImage(std::size_t{8} << 20, 2));
         writeFile("password", "secret\n");
-        runWell({"import", "image", "full.vmdk", "--split", "4M", "--encrypt", "--password-file",
-                 "password"});
+        runWell({"import", "image", "full.vmdk", "--split", "4M", "--encrypt", "--rounds", "1000",
+                 "--password-file", "password"});
         runWell({"import", "later", "mon.vmdk", "--parent", "full.vmdk", "--compressed",
                  "--password-file", "password"});
     }
 };
 
 TEST_F(Delete, TakesADiskThatNobodyNeeds) {
-    EXPECT_EQ(path("mon.vmdk") + "\n", runWell({"delete", "mon.vmdk"}));
+    EXPECT_EQ(path("mon.vmdk") + "\n" + path("mon.vmdk.digests") + "\n",
+              runWell({"delete", "mon.vmdk"}));
     json const result = json::parse(runWell({"delete", "full.vmdk", "--json"}));
     EXPECT_EQ(path("full.vmdk"), result["files"][0]);
     EXPECT_EQ(json::array(), result["madeIndependent"]);
@@ -52,7 +53,9 @@ TEST_F(Delete, KeepsChildrenByMakingThemIndependent) {
     json const result = json::parse(runWell(
         {"delete", "full.vmdk", "--keep-children", "--password-file", "password", "--json"}));
     EXPECT_EQ(json({path("mon.vmdk")}), result["madeIndependent"]);
-    EXPECT_EQ(listFiles(), (std::set<std::string>{"image", "later", "mon.vmdk", "password"}));
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"image", "later", "mon.vmdk", "mon.vmdk.digests",
+                                                  "password"}));
+    EXPECT_EQ("", runWell({"check", "mon.vmdk", "--digests", "--password-file", "password"}));
     EXPECT_EQ("equal\n", runWell({"compare", "mon.vmdk", "later", "--password-file", "password"}));
 }
 
@@ -71,6 +74,17 @@ TEST_F(Delete, RefusalsHaveTheirStatus) {
     runBadly(6, {"delete", "new.vmdk"});
     writer.signal(SIGKILL);
     writer.finish();
+}
+
+TEST_F(Delete, KilledAtItsVeryEndLeavesNoLockFileToTheNextAttempt) {
+    for (Arguments const& command :
+         {Arguments{"delete", "gone.vmdk"}, Arguments{"drop", "gone.vmdk"},
+          Arguments{"rename", "gone.vmdk", "new.vmdk"}}) {
+        writeFile("gone.vmdk.lock", "");
+        EXPECT_EQ("kelm: The disk does not exist. (uri: " + path("gone.vmdk") + ")\n",
+                  runBadly(8, command));
+        EXPECT_EQ(0U, listFiles().count("gone.vmdk.lock")) << command.front();
+    }
 }
 
 TEST_F(Delete, KilledSaysSoAndGoesOn) {

@@ -77,6 +77,40 @@ TEST_F(Device, WithoutRoomForWhatTheParentsHoldKeepsFlattenFromBeginning) {
     }
 }
 
+TEST_F(Device, WithoutRoomForWhatTheLinksHoldKeepsMergeFromBeginning) {
+    for (Arguments const& kind : {Arguments{}, Arguments{"--compressed", "--level", "0"}}) {
+        runWell(joined({{"import", "image", "first.vmdk"}, kind}));
+        runWell({"child", "first.vmdk", "last.vmdk"});
+        Arguments compression = kind;
+        compression.resize(std::min<std::size_t>(1, kind.size()));
+        std::string const error = runBadly(
+            9, joined({{"merge", "first.vmdk", "last.vmdk", "small/new.vmdk"}, compression}));
+        EXPECT_EQ(
+            error.find("kelm: There is no room for what the links hold. (uri: " + path("small")),
+            0U)
+            << error;
+        EXPECT_NE(error.find(", neededBytes: "), std::string::npos) << error;
+        EXPECT_NE(error.find(", freeBytes: "), std::string::npos) << error;
+        EXPECT_TRUE(isSmallEmpty());
+        std::filesystem::remove(path("first.vmdk"));
+        std::filesystem::remove(path("last.vmdk"));
+    }
+}
+
+TEST_F(Device, WithRoomForWhatTheLinksHoldIsEnough) {
+    writeFile("first", makeImage(std::size_t{5} << 20, 73));
+    runWell({"import", "first", "packed.vmdk"});
+    runWell({"child", "packed.vmdk", "leaf.vmdk"});
+    runWell({"merge", "packed.vmdk", "leaf.vmdk", "small/new.vmdk"});
+    EXPECT_EQ(runWell({"compare", "first", "small/new.vmdk"}), "equal\n");
+    std::filesystem::remove(path("small/new.vmdk"));
+    // What compresses well takes less than its grains.
+    runWell({"import", "image", "well.vmdk", "--compressed"});
+    runWell({"child", "well.vmdk", "leaf2.vmdk"});
+    runWell({"merge", "well.vmdk", "leaf2.vmdk", "small/new.vmdk", "--compressed"});
+    EXPECT_EQ(runWell({"compare", "image", "small/new.vmdk"}), "equal\n");
+}
+
 TEST_F(Device, WithRoomForWhatTheParentsHoldIsEnough) {
     writeFile("first", makeImage(std::size_t{5} << 20, 73));
     runWell({"import", "first", "parent.vmdk"});

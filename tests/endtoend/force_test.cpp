@@ -15,24 +15,31 @@ protected:
     void makeSplitDisk() const {
         writeFile("image", makeImage(std::size_t{12} << 20, 21));
         runWell({"import", "image", "disk.vmdk", "--split", "4M"});
-        ASSERT_EQ(listFiles(),
-                  (std::set<std::string>{"disk-s00000.vmdk", "disk-s00001.vmdk", "disk-s00002.vmdk",
-                                         "disk-s00003.vmdk", "disk.vmdk", "image"}));
+        ASSERT_EQ(listFiles(), (std::set<std::string>{"disk-s00000.vmdk", "disk-s00001.vmdk",
+                                                      "disk-s00002.vmdk", "disk-s00003.vmdk",
+                                                      "disk.vmdk", "disk.vmdk.digests", "image"}));
     }
 };
 
 TEST_F(Force, FilesOfASplitDiskGoWithIt) {
     makeSplitDisk();
     runWell({"import", "image", "disk.vmdk", "--force"});
-    EXPECT_EQ(listFiles(), (std::set<std::string>{"disk.vmdk", "image"}));
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"disk.vmdk", "disk.vmdk.digests", "image"}));
     EXPECT_EQ(runWell({"compare", "image", "disk.vmdk"}), "equal\n");
+    EXPECT_EQ(runWell({"check", "disk.vmdk", "--digests"}), "");
+}
+
+TEST_F(Force, DigestsGoWithTheDiskThatHadThem) {
+    makeSplitDisk();
+    runWell({"import", "image", "disk.vmdk", "--force", "--no-digests"});
+    EXPECT_EQ(listFiles(), (std::set<std::string>{"disk.vmdk", "image"}));
 }
 
 TEST_F(Force, FilesThatTheNewDiskNeedsTooStay) {
     makeSplitDisk();
     runWell({"import", "image", "disk.vmdk", "--split", "8M", "--force"});
     EXPECT_EQ(listFiles(), (std::set<std::string>{"disk-s00000.vmdk", "disk-s00001.vmdk",
-                                                  "disk.vmdk", "image"}));
+                                                  "disk.vmdk", "disk.vmdk.digests", "image"}));
     EXPECT_EQ(runWell({"compare", "image", "disk.vmdk"}), "equal\n");
     EXPECT_EQ(runWell({"check", "disk.vmdk"}), "");
 }
@@ -54,7 +61,7 @@ TEST_F(Force, AFailureBringsTheFormerDiskBack) {
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(listFiles(), before);
     EXPECT_EQ(runWell({"compare", "image", "disk.vmdk"}), "equal\n");
-    EXPECT_EQ(runWell({"check", "disk.vmdk"}), "");
+    EXPECT_EQ(runWell({"check", "disk.vmdk", "--digests"}), "");
 }
 
 TEST_F(Force, WhatMakesNoSenseTouchesNothing) {

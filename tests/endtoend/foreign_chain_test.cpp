@@ -32,7 +32,7 @@ protected:
         m_encryption.clear();
         for (std::size_t level = 0; level <= top; ++level) {
             if (!m_chain->disk(level).password.empty())
-                m_encryption = {"--encrypt"};
+                m_encryption = {"--encrypt", "--rounds", "1000"};
         }
         writeFile("password", std::string(test_support::kForeignPassword) + "\n");
     }

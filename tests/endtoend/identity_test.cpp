@@ -58,7 +58,7 @@ TEST_F(Identity, AChildRebasedToARenamedParentHasThatParentsContent) {
     runWell({"child", "full.vmdk", "child.vmdk"});
     rename("full.vmdk", "old.vmdk");
     import("full.vmdk", 2);
-    runWell({"rebase", "child.vmdk", "--parent", "old.vmdk"});
+    runWell({"rebase", "child.vmdk", "--parent", "old.vmdk", "--trust"});
     expectContent("child.vmdk", old);
     runWell({"flatten", "child.vmdk"});
     expectContent("child.vmdk", old);

@@ -82,7 +82,8 @@ TEST_F(Manual, ExamplesOfTheHelpWork) {
     std::string const image = makeImage(std::size_t{8} << 20, 31);
     writeFile("sdb", image);
     writeFile("sdb.img.zst", image);
-    writeFile("password", "secret\n");
+    for (char const* const name : {"password", "old", "new"})
+        writeFile(name, std::string(name) + "\n");
     int examples = 0;
     for (std::string const& command : allCommands()) {
         std::string const help = runWell({command, "--help"});
@@ -94,10 +95,15 @@ TEST_F(Manual, ExamplesOfTheHelpWork) {
             // A fresh start for each: the files that an example of this user has.
             runShell("rm -f *.vmdk backup/*.vmdk restored.img backup.svg backup.img.zst");
             bool const makesBackup = command == "create" || command == "import";
+            std::string const encryptedSetUp =
+                "kelm import sdb monday.vmdk --encrypt --password-file old && "
+                "kelm import sdb tuesday.vmdk --parent monday.vmdk --password-file old";
             std::string const setUp =
                 "kelm import sdb monday.vmdk && cp monday.vmdk backup/ && "
                 "kelm import sdb disk.vmdk && kelm import sdb tuesday.vmdk --parent monday.vmdk";
-            ASSERT_EQ(runShell(setUp).status, 0) << readFile("err");
+            bool const needsPassword = command == "password";
+            ASSERT_EQ(runShell(needsPassword ? encryptedSetUp : setUp).status, 0)
+                << readFile("err");
             if (!makesBackup) {
                 ASSERT_EQ(runShell("kelm import sdb backup.vmdk").status, 0) << readFile("err");
             }
@@ -106,7 +112,8 @@ TEST_F(Manual, ExamplesOfTheHelpWork) {
             line = replaceAll(line, "/dev/sdb", "sdb");
             line = replaceAll(line, "40G", "8M");
             line = replaceAll(line, "/backup/", path("backup/"));
-            line = replaceAll(line, "--encrypt", "--encrypt --password-file password");
+            line =
+                replaceAll(line, "--encrypt", "--encrypt --rounds 1000 --password-file password");
             Outcome const outcome = runShell(line);
             EXPECT_EQ(outcome.status, 0) << outcome.err;
             EXPECT_EQ(outcome.err, "");
@@ -145,7 +152,8 @@ TEST_F(Manual, ShellCompletesCommandsOptionsAndFiles) {
     std::set<std::string> commands(allCommands().begin(), allCommands().end());
     commands.insert({"--help", "--version"});
     EXPECT_EQ(complete({"kelm", ""}), commands);
-    EXPECT_EQ(complete({"kelm", "co"}), (std::set<std::string>{"compare", "convert"}));
+    EXPECT_EQ(complete({"kelm", "co"}),
+              (std::set<std::string>{"compact", "compare", "convert", "copy"}));
     for (std::string const& command : allCommands()) {
         EXPECT_EQ(complete({"kelm", command, "--"}), optionsIn(runWell({command, "--help"})))
             << command;

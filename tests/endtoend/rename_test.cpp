@@ -29,8 +29,8 @@ protected:
 
 TEST_F(Rename, MovesADiskAndTellsItsChildren) {
     EXPECT_EQ(path("days/all.vmdk") + "\n" + path("days/all-s00000.vmdk") + "\n" +
-                  path("days/all-s00001.vmdk") + "\n" + path("days/all-s00002.vmdk") +
-                  "\nchild: " + path("mon.vmdk") + "\n",
+                  path("days/all-s00001.vmdk") + "\n" + path("days/all-s00002.vmdk") + "\n" +
+                  path("days/all.vmdk.digests") + "\nchild: " + path("mon.vmdk") + "\n",
               runWell({"rename", "full.vmdk", "days/all.vmdk"}));
     expectIsWhole("mon.vmdk");
     EXPECT_EQ("equal\n", runWell({"compare", "days/all.vmdk", "image"}));
@@ -39,7 +39,7 @@ TEST_F(Rename, MovesADiskAndTellsItsChildren) {
 
 TEST_F(Rename, IntoAFolderKeepsTheName) {
     json const result = json::parse(runWell({"rename", "mon.vmdk", "days", "--json"}));
-    EXPECT_EQ(json({path("days/mon.vmdk")}), result["files"]);
+    EXPECT_EQ(json({path("days/mon.vmdk"), path("days/mon.vmdk.digests")}), result["files"]);
     EXPECT_EQ(json::array(), result["children"]);
     expectIsWhole("days/mon.vmdk");
 }
@@ -114,9 +114,10 @@ TEST_F(Rename, KilledGoesOnByTheSameCommand) {
         expectIsWhole("mon.vmdk");
         std::filesystem::remove(path(from + ".lock"));
         std::string const stem = to.substr(0, to.find('.'));
-        EXPECT_EQ(listFiles(), (std::set<std::string>{"days", "image", "later", "mon.vmdk", to,
-                                                      stem + "-s00000.vmdk", stem + "-s00001.vmdk",
-                                                      stem + "-s00002.vmdk"}));
+        EXPECT_EQ(listFiles(),
+                  (std::set<std::string>{"days", "image", "later", "mon.vmdk", "mon.vmdk.digests",
+                                         to, to + ".digests", stem + "-s00000.vmdk",
+                                         stem + "-s00001.vmdk", stem + "-s00002.vmdk"}));
     }
 }
 

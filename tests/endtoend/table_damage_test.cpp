@@ -74,7 +74,7 @@ TEST_F(TableDamage, IsNotHandedOutAsZeros) {
 TEST_F(TableDamage, OfAnEncryptedDiskIsNotHandedOutAsZeros) {
     writeFile("password", "secret\n");
     Arguments const password{"--password-file", "password"};
-    makeDisk(joined({{"--encrypt"}, password}));
+    makeDisk(joined({{"--encrypt", "--rounds", "1000"}, password}));
     loseTableSector("disk.vmdk");
     expectRefused(joined({{"export", "disk.vmdk", "copy.img"}, password}), "disk.vmdk", "0-127",
                   "0-8388607");

@@ -1,6 +1,9 @@
 #include "tests/endtoend/tool_fixture.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -10,17 +13,35 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include "tests/support/folder_cut.h"
+
 namespace endtoend {
 
 namespace {
 
 constexpr std::size_t kStretchBytes = std::size_t{1} << 15;
+constexpr std::size_t kTextPeriod = 7;
 
 std::string readAll(std::filesystem::path const& file) {
     std::ifstream stream(file, std::ios::binary);
     std::ostringstream text;
     text << stream.rdbuf();
     return text.str();
+}
+
+void fillWithNoise(char* bytes, std::size_t count, std::mt19937& random) {
+    for (std::size_t at = 0; at < count; at += sizeof(std::uint32_t)) {
+        auto const word = static_cast<std::uint32_t>(random());
+        std::memcpy(bytes + at, &word, std::min(sizeof word, count - at));
+    }
+}
+
+/// In the process that is to become the program: lets it count and write down its operations.
+void logOperations() {
+    ::setenv("LD_PRELOAD", KELM_FILE_LOG_LIBRARY, 1);
+    ::setenv("KELM_FILE_LOG_NO_SYNC", "1", 1);
+    // The library comes before those that look for memory errors.
+    ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0", 1);
 }
 
 } // namespace
@@ -31,8 +52,9 @@ RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& a
 
 std::vector<std::string> const& allCommands() {
     static std::vector<std::string> const kCommands{
-        "create", "info", "import", "export",  "convert", "compare", "check",
-        "map",    "list", "child",  "flatten", "rebase",  "rename",  "delete"};
+        "create", "info",   "import",  "export", "convert", "compare", "check",  "map",
+        "list",   "child",  "flatten", "rebase", "rename",  "copy",    "delete", "password",
+        "digest", "repair", "drop",    "merge",  "prune",   "compact"};
     return kCommands;
 }
 
@@ -56,6 +78,26 @@ std::string ToolTest::runBadly(int status, Arguments const& arguments) const {
     EXPECT_EQ(outcome.status, status) << outcome.err;
     EXPECT_EQ(outcome.err.find('\n'), outcome.err.size() - 1) << outcome.err;
     return outcome.err;
+}
+
+int ToolTest::countOperations(Arguments const& arguments) const {
+    std::filesystem::path const log = folder().string() + ".log";
+    RunningTool tool(folder(), arguments, [&] {
+        logOperations();
+        ::setenv("KELM_FILE_LOG", log.c_str(), 1);
+    });
+    EXPECT_EQ(tool.finish().status, 0) << arguments.front();
+    int const operations = test_support::FolderCut::countOperations(log);
+    std::filesystem::remove(log);
+    return operations;
+}
+
+bool ToolTest::runAndKillBehind(int operations, Arguments const& arguments) const {
+    RunningTool tool(folder(), arguments, [&] {
+        logOperations();
+        ::setenv("KELM_FILE_LOG_KILL_AFTER", std::to_string(operations).c_str(), 1);
+    });
+    return tool.finish().status == -1;
 }
 
 void ToolTest::waitForFile(RunningTool const& tool, std::string const& name) const {
@@ -119,11 +161,16 @@ void ToolTest::patchFile(std::string const& name, std::size_t position,
 std::string ToolTest::makeImage(std::size_t sizeBytes, unsigned int seed) {
     std::mt19937 random(seed);
     std::string image(sizeBytes, '\0');
+    std::string text;
+    while (text.size() < kStretchBytes + kTextPeriod)
+        text += "abcdefg";
     for (std::size_t start = 0; start < sizeBytes; start += kStretchBytes) {
         std::size_t const end = std::min(sizeBytes, start + kStretchBytes);
         unsigned int const kind = random() % 4;
-        for (std::size_t i = start; kind > 1 && i < end; ++i)
-            image[i] = static_cast<char>(kind == 2 ? 'a' + i % 7 : random());
+        if (kind == 2)
+            text.copy(&image[start], end - start, start % kTextPeriod);
+        else if (kind == 3)
+            fillWithNoise(&image[start], end - start, random);
     }
     return image;
 }

@@ -44,6 +44,14 @@ protected:
     /// Runs the program, expects that status and one line on standard error, and returns the line.
     std::string runBadly(int status, Arguments const& arguments) const;
 
+    /// Runs the program, expects status 0, and returns how many of its operations changed files or
+    /// folders or brought them to the device.
+    int countOperations(Arguments const& arguments) const;
+
+    /// Runs the program and kills it right behind so many of these operations. False if it was done
+    /// before. What it brings to the device stays in the cache, which a kill cannot tell.
+    bool runAndKillBehind(int operations, Arguments const& arguments) const;
+
     /// Waits until the program has made a file, or has ended.
     void waitForFile(RunningTool const& tool, std::string const& name) const;
 

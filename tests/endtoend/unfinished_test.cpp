@@ -30,13 +30,14 @@ struct Kind {
 
 Arguments const kPassword{"--password-file", "password"};
 
-std::vector<Kind> const kKinds{{"plain", {}},
-                               {"compressed", {"--compressed"}},
-                               {"split", {"--split", "4M"}},
-                               {"onDemand", {"--split", "4M", "--on-demand"}},
-                               {"child", {"--parent", "parent.vmdk"}},
-                               {"compressedChild", {"--compressed", "--parent", "parent.vmdk"}},
-                               {"encrypted", {"--encrypt", "--compressed"}, kPassword}};
+std::vector<Kind> const kKinds{
+    {"plain", {}},
+    {"compressed", {"--compressed"}},
+    {"split", {"--split", "4M"}},
+    {"onDemand", {"--split", "4M", "--on-demand"}},
+    {"child", {"--parent", "parent.vmdk"}},
+    {"compressedChild", {"--compressed", "--parent", "parent.vmdk"}},
+    {"encrypted", {"--encrypt", "--rounds", "1000", "--compressed"}, kPassword}};
 
 bool isChild(Kind const& kind) {
     return std::count(kind.options.begin(), kind.options.end(), "--parent") > 0;

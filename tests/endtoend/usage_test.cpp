@@ -18,9 +18,13 @@ TEST_F(Usage, HelpOfCheckSaysWhatItCannotNotice) {
     std::string const help = runWell({"check", "--help"});
     std::size_t const words = help.find(
         "What it cannot notice:\n"
-        "  - other bytes in a grain that is stored plain: only compressed grains have checksums\n"
-        "  - grains that both copies of a grain table have lost\n"
-        "  - a disk, or a file of it, that was replaced by an older one that is sound in itself\n"
+        "  - without digests: other bytes in a grain that is stored plain, since only compressed "
+        "grains\n"
+        "    have checksums; grains that both copies of a grain table have lost; a file of the "
+        "disk\n"
+        "    that was replaced by an older one\n"
+        "  - a disk that was replaced by an older one with its digests\n"
+        "  - in a disk that is not encrypted: what somebody changed together with the digests\n"
         "  - whether the disk holds what it was made of: 'kelm compare' tells that\n");
     EXPECT_LT(words, help.find("Example:\n  kelm check")) << help;
 }

@@ -37,7 +37,7 @@ protected:
     Arguments encryption() const {
         for (std::size_t level = 0; level < m_chain->getLength(); ++level) {
             if (!m_chain->disk(level).password.empty())
-                return {"--encrypt"};
+                return {"--encrypt", "--rounds", "1000"};
         }
         return {};
     }

@@ -37,7 +37,8 @@ void PluginTest::makeDisk(DiskKind const& kind, std::string const& parentImage) 
         writeFile("parent-image", parentImage);
         create = {"import", "parent-image", "parent.vmdk"};
     }
-    Arguments const encrypt = kind.isEncrypted ? Arguments{"--encrypt"} : Arguments{};
+    Arguments const encrypt =
+        kind.isEncrypted ? Arguments{"--encrypt", "--rounds", "1000"} : Arguments{};
     runWell(joined({create, kind.options, encrypt, passwordOptions()}));
     if (!kind.isChild)
         return;

@@ -1,9 +1,15 @@
 // A library to be loaded before all others: writes down, in the file that KELM_FILE_LOG names, each
 // operation of a program that changes files or folders or brings them to the device. file_log.h in
-// tests/crash says in what form.
+// tests/support says in what form.
+//
+// With KELM_FILE_LOG_KILL_AFTER, the program is killed right behind so many of these operations.
+// With KELM_FILE_LOG_NO_SYNC, what it brings to the device is written down and nothing else, which
+// takes no time and no power cut of the machine's own can tell.
 
-#include "tests/crash/file_log.h"
+#include "tests/support/file_log.h"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +17,9 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <stdio.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -39,8 +47,15 @@ int openLog() {
         ::syscall(SYS_openat, AT_FDCWD, name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
 }
 
-void append(FileLogRecord::Kind kind, unsigned long long file, long long position, char const* path,
-            iovec const* vectors, int vectorCount, std::size_t bytes) {
+/// How many operations there may still be; none is left to one that is to die.
+long operationsLeft() {
+    static char const* const text = std::getenv("KELM_FILE_LOG_KILL_AFTER");
+    static long left = text ? std::atol(text) : -1;
+    return left < 0 ? 1 : --left;
+}
+
+void write(FileLogRecord::Kind kind, unsigned long long file, long long position, char const* path,
+           iovec const* vectors, int vectorCount, std::size_t bytes) {
     int const log = openLog();
     if (log < 0)
         return;
@@ -59,6 +74,13 @@ void append(FileLogRecord::Kind kind, unsigned long long file, long long positio
         bytes -= part;
     }
     ::syscall(SYS_close, log);
+}
+
+void append(FileLogRecord::Kind kind, unsigned long long file, long long position, char const* path,
+            iovec const* vectors, int vectorCount, std::size_t bytes) {
+    write(kind, file, position, path, vectors, vectorCount, bytes);
+    if (operationsLeft() <= 0)
+        ::kill(::getpid(), SIGKILL);
 }
 
 void append(FileLogRecord::Kind kind, unsigned long long file, char const* path = nullptr,
@@ -94,7 +116,7 @@ int openLogged(OpenFunction* open, char const* path, int flags, mode_t mode) {
 template <class Sync>
 int syncLogged(Sync* sync, int descriptor) {
     std::lock_guard<std::mutex> const lock(mutex);
-    int const result = sync(descriptor);
+    int const result = std::getenv("KELM_FILE_LOG_NO_SYNC") ? 0 : sync(descriptor);
     if (result == 0) {
         // A folder is known by its path.
         struct stat const status = statusOf(descriptor);
@@ -134,6 +156,31 @@ ssize_t writeLogged(WriteFunction* write, int descriptor, iovec const* vectors, 
     return written;
 }
 
+/// `rename` gives the file at `from` the name `to`.
+template <class Rename>
+int renameLogged(char const* from, char const* to, Rename const& rename) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    int const result = rename();
+    if (result != 0)
+        return result;
+    iovec const formerName{const_cast<char*>(from), std::strlen(from)};
+    append(FileLogRecord::Kind::Rename, fileAt(to), 0, to, &formerName, 1, formerName.iov_len);
+    return result;
+}
+
+using WriteBytesFunction = ssize_t(int, void const*, std::size_t, off_t);
+
+ssize_t writeBytesLogged(WriteBytesFunction* write, int descriptor, void const* bytes,
+                         std::size_t count, off_t position) {
+    iovec const vector{const_cast<void*>(bytes), count};
+    std::lock_guard<std::mutex> const lock(mutex);
+    ssize_t const written = write(descriptor, bytes, count, position);
+    if (written > 0)
+        append(FileLogRecord::Kind::Write, statusOf(descriptor).st_ino, position, nullptr, &vector,
+               1, static_cast<std::size_t>(written));
+    return written;
+}
+
 mode_t modeOf(int flags, va_list arguments) {
     return (flags & O_CREAT) != 0 ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
 }
@@ -166,6 +213,42 @@ KELM_REPLACED ssize_t pwritev(int descriptor, iovec const* vectors, int count, o
 KELM_REPLACED ssize_t pwritev64(int descriptor, iovec const* vectors, int count, off_t position) {
     static auto* const system = systemFunction<WriteFunction>("pwritev64");
     return writeLogged(system, descriptor, vectors, count, position);
+}
+
+KELM_REPLACED ssize_t pwrite(int descriptor, void const* bytes, size_t count, off_t position) {
+    static auto* const system = systemFunction<WriteBytesFunction>("pwrite");
+    return writeBytesLogged(system, descriptor, bytes, count, position);
+}
+
+KELM_REPLACED ssize_t pwrite64(int descriptor, void const* bytes, size_t count, off_t position) {
+    static auto* const system = systemFunction<WriteBytesFunction>("pwrite64");
+    return writeBytesLogged(system, descriptor, bytes, count, position);
+}
+
+KELM_REPLACED int rename(char const* from, char const* to) noexcept {
+    static auto* const system = systemFunction<int(char const*, char const*)>("rename");
+    return renameLogged(from, to, [&] { return system(from, to); });
+}
+
+KELM_REPLACED int renameat2(int fromFolder, char const* from, int toFolder, char const* to,
+                            unsigned int flags) noexcept {
+    static auto* const system =
+        systemFunction<int(int, char const*, int, char const*, unsigned int)>("renameat2");
+    return renameLogged(from, to, [&] { return system(fromFolder, from, toFolder, to, flags); });
+}
+
+/// Refuses to let files share their space, which no record could tell.
+KELM_REPLACED int ioctl(int descriptor, unsigned long request, ...) noexcept {
+    static auto* const system = systemFunction<int(int, unsigned long, ...)>("ioctl");
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (request == FICLONE) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    return system(descriptor, request, argument);
 }
 
 KELM_REPLACED int ftruncate(int descriptor, off_t length) noexcept {

@@ -8,8 +8,10 @@
 #include "host/backups/backup_list.h"
 #include "host/disk/descriptor_checksum.h"
 #include "host/store/file_names.h"
+#include "tests/support/ending_steps.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/safe_disks.h"
+#include "tests/support/small_device.h"
 #include "tests/support/temp_directory.h"
 #include "yx/native_file_system.h"
 
@@ -26,53 +28,6 @@ using kelm::host::DurableFiles;
 using testing::ElementsAre;
 
 constexpr __int64 kFileSizeLimitBytes = 5 << 20;
-
-/// Steps that end after a number of them: one fails, and with a kill all behind it do.
-class EndingSteps : public DurableFiles {
-public:
-    int left = 1 << 30;
-    bool isKill = true;
-    bool hasLinks = true;
-
-    bool tryLink(yx::CURI const& from, yx::CURI const& to) override {
-        if (!hasLinks)
-            return false;
-        take();
-        return DurableFiles::tryLink(from, to);
-    }
-    void copy(yx::CURI const& from, yx::CURI const& to,
-              kelm::host::CancelFlag const* cancel) override {
-        take();
-        DurableFiles::copy(from, to, cancel);
-    }
-    void make(yx::CURI const& file, std::vector<unsigned char> const& bytes,
-              yx::CURI const& like) override {
-        take();
-        DurableFiles::make(file, bytes, like);
-    }
-    void replace(yx::CURI const& file, std::vector<unsigned char> const& bytes) override {
-        take();
-        DurableFiles::replace(file, bytes);
-    }
-    void patch(yx::CURI const& file, __int64 positionBytes,
-               std::vector<unsigned char> const& bytes) override {
-        take();
-        DurableFiles::patch(file, positionBytes, bytes);
-    }
-    void remove(yx::CURI const& file) override {
-        take();
-        DurableFiles::remove(file);
-    }
-
-private:
-    void take() {
-        if (left == 0 || (left < 0 && isKill)) {
-            left = -1;
-            throw yx::CIOError(yx::CIOError::NoSpace, "Ended.", yx::CProps(), nullptr);
-        }
-        --left;
-    }
-};
 
 struct MovedKind {
     char const* name;
@@ -392,6 +347,28 @@ TEST_F(DiskMoveTest, WorksOnADescriptorOfOtherSoftwareWithoutRoom) {
     std::ofstream(path("days/leaf.vmdk"), std::ios::binary | std::ios::trunc) << text;
     move("disk.vmdk", "other/a name that is far longer than it was.vmdk");
     expectIsReadable();
+}
+
+TEST_F(DiskMoveTest, AsksForRoomOnAnotherDeviceBeforeAnythingIsMade) {
+    makeChain([](NewDisk&) {});
+    {
+        SafeDisk disk(files.get(), uri("disk.vmdk"), kReadWrite, "");
+        for (int grain = 3; grain < 40; ++grain)
+            writeGrain(disk, grain, contentOf(grain));
+    }
+    std::vector<std::string> const before = names();
+    SmallDevice const device(path("other"));
+    if (!device.isMounted())
+        GTEST_SKIP() << "The system mounts nothing for us.";
+    try {
+        move("disk.vmdk", "other/new.vmdk");
+        FAIL() << "It was moved.";
+    } catch (yx::CIOError const& error) {
+        EXPECT_EQ(yx::CIOError::NoSpace, error.getIOCode());
+        EXPECT_EQ("There is not enough room for the copy.", error.getMessage().toStdString());
+        EXPECT_EQ(3U, propsOf(error).size());
+    }
+    EXPECT_EQ(before, names());
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include "tests/host/host_fixture.h"
 #include "tests/support/foreign_chain.h"
+#include "tests/support/slot_sizes.h"
 
 using kelm::host::CancelFlag;
 using kelm::host::CancelledError;
@@ -119,6 +120,22 @@ TEST_F(DiskCheckTest, ReportsBrokenGrainsInTheirOrder) {
                 AllOf(StartsWith("disk.vmdk: grain 7: "), EndsWith(" (bytes: 458752-524287)")),
                 AllOf(StartsWith("disk.vmdk: grain 10: "), EndsWith(" (bytes: 655360-720895)"))));
     }
+}
+
+TEST_F(DiskCheckTest, ReportsMissingSlotsAndReadsTheirGrains) {
+    makeDisk({.compressed = true});
+    constexpr char kWords[] = " has no slot yet, as a power cut can leave it; it is read by its "
+                              "record, and the next writer gives it one";
+    setSlotSize(files.get(), uriOf("disk.vmdk"), 1, 0);
+    setSlotSize(files.get(), uriOf("disk.vmdk"), 2, 0);
+    std::string const missing = "disk.vmdk: grain 1" + std::string(kWords) +
+                                "; the same of 1 more, up to grain 2 (bytes: 65536-196607)";
+    EXPECT_THAT(check(), ElementsAre(missing));
+    patch("disk.vmdk", grain("disk.vmdk", 2) + 12, Bytes(8, 0xFF));
+    EXPECT_THAT(check(), ElementsAre(missing, AllOf(StartsWith("disk.vmdk: grain 2: "),
+                                                    EndsWith(" (bytes: 131072-196607)"))));
+    openSafe();
+    EXPECT_THAT(check(), ElementsAre(StartsWith("disk.vmdk: grain 2: ")));
 }
 
 TEST_F(DiskCheckTest, FindsABrokenGrainInAnExtentOfSmallerOnes) {

@@ -19,7 +19,7 @@ protected:
     std::vector<std::string> extentFiles(std::string const& name = "disk.vmdk") {
         FormerDisk const former(files.get(), uriOf(name));
         std::vector<std::string> names;
-        for (yx::CURI const& uri : former.getExtentFiles())
+        for (yx::CURI const& uri : former.getFiles())
             names.push_back(uri.getName().toStdString());
         return names;
     }
@@ -35,6 +35,17 @@ TEST_F(FormerDiskTest, KnowsTheExtentFilesOfASplitDisk) {
     { createSafe({.fileSizeLimit = kSplitLimit}); }
     EXPECT_THAT(extentFiles(),
                 ElementsAre("disk-s00000.vmdk", "disk-s00001.vmdk", "disk-s00002.vmdk"));
+}
+
+TEST_F(FormerDiskTest, KnowsTheDigestsOfTheDisk) {
+    putText("disk.vmdk.digests", "KELMDGST");
+    EXPECT_THAT(extentFiles(), IsEmpty()) << "there is no disk";
+    { createSafe({}); }
+    EXPECT_THAT(extentFiles(), ElementsAre("disk.vmdk.digests"));
+    files->putFile(uriOf("disk.vmdk.digests"), toBuffer(zeros(512)));
+    EXPECT_THAT(extentFiles(), ElementsAre("disk.vmdk.digests")) << "they are not finished";
+    putText("disk.vmdk.digests", "somebody's own");
+    EXPECT_THAT(extentFiles(), IsEmpty());
 }
 
 TEST_F(FormerDiskTest, NeedsNoPassword) {

@@ -73,6 +73,29 @@ TEST_F(DiskMapTest, ExtentsThatBeginWithinAGrainAreSeen) {
     EXPECT_EQ("0-100 absent\n100-228 here\n", mapOf(openSafe("disk.vmdk", kReadOnly), 512));
 }
 
+/// A grain at a time, the largest disks would take minutes.
+TEST_F(DiskMapTest, ExtentsWithoutAFileAreTakenAsAWhole) {
+    constexpr __int64 kFileBytes = __int64{16} << 30;
+    constexpr __int64 kDiskBytes = __int64{62} << 40;
+    kelm::host::NewDisk request;
+    request.sizeBytes = kDiskBytes;
+    request.fileSizeLimitBytes = kFileBytes;
+    request.createExtentFilesOnDemand = true;
+    request.trust.allowOversize = true;
+    yx::P<FileGuard> const guard = makeGuard();
+    std::unique_ptr<SafeDisk> const disk =
+        SafeDisk::create(guard.get(), uriOf("disk.vmdk"), request);
+    __int64 const position = disk->listExtents()[1000].startBytes;
+    EXPECT_GT(disk->findMissingEnd(position), position);
+    writeTo(*disk, position, pattern(kGrainBytes, 1));
+    EXPECT_EQ(disk->findMissingEnd(position), position);
+    __int64 const index = position / kGrainBytes;
+    EXPECT_EQ("0-" + std::to_string(index) + " absent\n" + std::to_string(index) + "-" +
+                  std::to_string(index + 1) + " here\n" + std::to_string(index + 1) + "-" +
+                  std::to_string(kDiskBytes / kGrainBytes) + " absent\n",
+              mapOf(disk));
+}
+
 TEST_F(DiskMapTest, StopsWhenItIsTold) {
     std::unique_ptr<SafeDisk> const disk = createSafe({});
     CancelFlag flag;

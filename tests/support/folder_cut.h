@@ -15,6 +15,9 @@ namespace test_support {
 /// Files by their paths below a folder.
 using FolderImage = std::map<std::string, Bytes>;
 
+/// All of a file that is there.
+Bytes readFileContent(std::filesystem::path const& file);
+
 /// The files of a folder and of the folders in it.
 FolderImage imageOf(std::filesystem::path const& folder);
 
@@ -31,7 +34,8 @@ void putImage(std::filesystem::path const& folder, FolderImage const& image);
 ///   synced, as they were then.
 ///
 /// What came later is there in any part: of each name any meaning that it had since, and of each
-/// file any of the changes since, of a write any of its sectors of 512 bytes.
+/// file any of the changes since, of a write any of its sectors of 512 bytes. A file that was
+/// renamed has one of the two names.
 class FolderCut {
 public:
     /// How much of what no sync covers is there.
@@ -51,6 +55,9 @@ public:
     struct State {
         FolderImage files;
 
+        /// Of each of them that was there before the program began, the path that it had then.
+        std::map<std::string, std::string> formerPaths;
+
         /// Whether `makeState` made no such state before.
         bool isNew;
     };
@@ -61,6 +68,9 @@ public:
 
     /// After it has ended: its operations.
     void readLog(std::filesystem::path const& log);
+
+    /// How many operations a log has.
+    static int countOperations(std::filesystem::path const& log);
 
     /// Takes the next operation into account; false at the end.
     bool step();
@@ -82,7 +92,8 @@ private:
     std::string relative(std::string const& path) const;
     void setName(std::string const& path, int file);
     void syncNames(std::string const& folderPath);
-    int makeFile(std::uint64_t inode, Bytes content);
+    void rename(std::uint64_t inode, std::string const& from, std::string const& to);
+    int makeFile(std::uint64_t inode, Bytes content, std::string const& formerPath);
     Bytes makeContent(File const& file, Choice& choice) const;
 
     std::filesystem::path m_folder;

@@ -1,4 +1,4 @@
-#include "tests/crash/folder_cut.h"
+#include "tests/support/folder_cut.h"
 
 #include <algorithm>
 #include <fstream>
@@ -6,7 +6,7 @@
 
 #include <sys/stat.h>
 
-#include "tests/crash/file_log.h"
+#include "tests/support/file_log.h"
 
 namespace test_support {
 
@@ -19,11 +19,6 @@ constexpr std::size_t kDeviceSectorBytes = 512;
 // What a name may stand for beside a file.
 constexpr int kNoFile = -1;
 constexpr int kFolder = -2;
-
-Bytes readContent(fs::path const& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
 
 std::uint64_t inodeOf(fs::path const& file) {
     struct stat status = {};
@@ -38,11 +33,19 @@ std::string parentOf(std::string const& path) {
 
 } // namespace
 
+Bytes readFileContent(fs::path const& file) {
+    std::ifstream stream(file, std::ios::binary);
+    Bytes content(fs::file_size(file));
+    stream.read(reinterpret_cast<char*>(content.data()),
+                static_cast<std::streamsize>(content.size()));
+    return content;
+}
+
 FolderImage imageOf(fs::path const& folder) {
     FolderImage image;
     for (fs::directory_entry const& entry : fs::recursive_directory_iterator(folder)) {
         if (entry.is_regular_file())
-            image[entry.path().lexically_relative(folder).string()] = readContent(entry.path());
+            image[entry.path().lexically_relative(folder).string()] = readFileContent(entry.path());
     }
     return image;
 }
@@ -78,6 +81,8 @@ struct FolderCut::Change {
 };
 
 struct FolderCut::File {
+    /// "" for one that the program made.
+    std::string formerPath;
     Bytes synced;
     std::vector<Change> changes;
 };
@@ -105,11 +110,9 @@ public:
         std::vector<Name::Meaning> const& all = name.meanings;
         if (m_loss == Loss::Everything)
             return all.front().file;
-        if (m_loss == Loss::AnyOperations)
-            return all[m_random() % all.size()].file;
         auto last = all.begin();
         for (auto each = all.begin() + 1; each != all.end(); ++each) {
-            if (each->operation <= m_lastOperation)
+            if (each->operation <= m_lastOperation && hasNamesOf(each->operation))
                 last = each;
         }
         return last->file;
@@ -135,9 +138,20 @@ public:
     }
 
 private:
+    /// What a renaming does to two names is there for both or for none.
+    bool hasNamesOf(std::size_t operation) {
+        if (m_loss != Loss::AnyOperations)
+            return true;
+        auto const [place, isNew] = m_hasNames.emplace(operation, false);
+        if (isNew)
+            place->second = m_random() % 2 == 0;
+        return place->second;
+    }
+
     Loss m_loss;
     std::mt19937& m_random;
     std::size_t m_lastOperation;
+    std::map<std::size_t, bool> m_hasNames;
 };
 
 FolderCut::FolderCut(fs::path folder) : m_folder(std::move(folder)) {
@@ -148,7 +162,7 @@ FolderCut::FolderCut(fs::path folder) : m_folder(std::move(folder)) {
             auto const known = m_inodes.find(inodeOf(entry.path()));
             file = known != m_inodes.end()
                        ? known->second
-                       : makeFile(inodeOf(entry.path()), readContent(entry.path()));
+                       : makeFile(inodeOf(entry.path()), readFileContent(entry.path()), path);
         }
         m_names[path].meanings = {{0, file}};
     }
@@ -169,6 +183,16 @@ void FolderCut::readLog(fs::path const& log) {
             throw std::runtime_error("the log ends within a record");
         m_operations.push_back(std::move(operation));
     }
+}
+
+int FolderCut::countOperations(fs::path const& log) {
+    std::ifstream stream(log, std::ios::binary);
+    FileLogRecord record;
+    int count = 0;
+    for (; stream.read(reinterpret_cast<char*>(&record), sizeof record); ++count)
+        stream.seekg(static_cast<std::streamoff>(record.pathBytes + record.contentBytes),
+                     std::ios::cur);
+    return count;
 }
 
 std::string FolderCut::relative(std::string const& path) const {
@@ -192,9 +216,17 @@ void FolderCut::syncNames(std::string const& folderPath) {
     }
 }
 
-int FolderCut::makeFile(std::uint64_t inode, Bytes content) {
+void FolderCut::rename(std::uint64_t inode, std::string const& from, std::string const& to) {
+    auto const known = m_inodes.find(inode);
+    if (known == m_inodes.end())
+        throw std::runtime_error("what was renamed is no file of the folder: " + from);
+    setName(to, known->second);
+    setName(from, kNoFile);
+}
+
+int FolderCut::makeFile(std::uint64_t inode, Bytes content, std::string const& formerPath) {
     int const file = static_cast<int>(m_files.size());
-    m_files.push_back({std::move(content), {}});
+    m_files.push_back({formerPath, std::move(content), {}});
     m_inodes[inode] = file;
     return file;
 }
@@ -208,14 +240,21 @@ bool FolderCut::step() {
     std::string const path = relative(operation.path);
     switch (operation.record.kind) {
     case Kind::Make:
-        if (!path.empty())
-            setName(path, makeFile(operation.record.file, {}));
+        // A file elsewhere may have the inode of one that is gone.
+        if (path.empty())
+            m_inodes.erase(operation.record.file);
+        else
+            setName(path, makeFile(operation.record.file, {}, ""));
         return true;
     case Kind::MakeFolder:
         setName(path, kFolder);
         return true;
     case Kind::Remove:
         setName(path, kNoFile);
+        return true;
+    case Kind::Rename:
+        rename(operation.record.file,
+               relative({operation.content.begin(), operation.content.end()}), path);
         return true;
     case Kind::SyncFolder:
         if (!path.empty() || fs::path(operation.path) == m_folder)
@@ -252,7 +291,7 @@ Bytes FolderCut::makeContent(File const& file, Choice& choice) const {
 FolderCut::State FolderCut::makeState(Loss loss, std::mt19937& random) {
     Choice choice(loss, m_next, random);
     std::set<std::string> folders{""};
-    FolderImage files;
+    State state = {};
     std::string digest;
     // A folder comes before what is in it.
     for (auto const& [path, name] : m_names) {
@@ -263,12 +302,16 @@ FolderCut::State FolderCut::makeState(Loss loss, std::mt19937& random) {
             folders.insert(path);
             continue;
         }
-        Bytes content = makeContent(m_files[static_cast<std::size_t>(file)], choice);
+        File const& chosen = m_files[static_cast<std::size_t>(file)];
+        Bytes content = makeContent(chosen, choice);
         std::string_view const bytes(reinterpret_cast<char const*>(content.data()), content.size());
         digest += path + ":" + std::to_string(std::hash<std::string_view>()(bytes)) + "\n";
-        files[path] = std::move(content);
+        state.files[path] = std::move(content);
+        if (!chosen.formerPath.empty())
+            state.formerPaths[path] = chosen.formerPath;
     }
-    return {std::move(files), m_made.insert(digest).second};
+    state.isNew = m_made.insert(digest).second;
+    return state;
 }
 
 } // namespace test_support

@@ -16,6 +16,7 @@ struct FileLogRecord {
         Link,       ///< the file has got another name, `path`
         Remove,     ///< the name `path` of a file or an empty folder
         MakeFolder, ///< `path`
+        Rename,     ///< the file has got the name `path` for the one in the content
     };
 
     Kind kind;
