@@ -23,10 +23,15 @@ demo: all
 test: all
 	ctest --preset release -j $(JOBS)
 
+# With SANITIZE_SHARDS above 1, only the part of the tests of each program whose turn it is with this
+# commit.
+SANITIZE_SHARDS ?= 1
+SANITIZE_SHARD ?= $(shell echo $$(($$(git rev-list --count HEAD) % $(SANITIZE_SHARDS))))
 sanitize: install-packages
 	cmake --preset sanitize
 	cmake --build --preset sanitize -j $(JOBS)
-	ctest --preset sanitize -j $(JOBS)
+	GTEST_TOTAL_SHARDS=$(SANITIZE_SHARDS) GTEST_SHARD_INDEX=$(SANITIZE_SHARD) \
+	    ctest --preset sanitize -j $(JOBS)
 
 # Looks for data races in what has threads: the grain pipeline, and the commands that use it.
 tsan: install-packages
@@ -50,16 +55,25 @@ fuzz-corpus: all
 # Takes ten random chains of disks of other software for each of SOAK_CHAIN_ROUNDS. Then kills some
 # 24 imports and conversions for each of SOAK_KILL_ROUNDS, and looks at what they left. Then runs
 # histories of writing, killing and reopening on every kind of disk for SOAK_SECONDS, in the folder
-# for temporary files. SOAK_ARGS may be "--seed <n>".
+# for temporary files. SOAK_ARGS may be "--seed <n>". Before that, forty damaged disks are salvaged
+# for each of SOAK_SALVAGE_ROUNDS. And three servers are backed up for four weeks for each of
+# SOAK_YEAR_ROUNDS, in the year that SOAK_YEAR_SEED makes.
 SOAK_CHAIN_ROUNDS ?= 200
 SOAK_KILL_ROUNDS ?= 50
+SOAK_SALVAGE_ROUNDS ?= 125
+SOAK_YEAR_ROUNDS ?= 26
+SOAK_YEAR_SEED ?= 20310102
 SOAK_SECONDS ?= 60
 SOAK_ARGS ?=
 soak: all
 	KELM_MODEL_ROUNDS=$(SOAK_CHAIN_ROUNDS) build/release/bin/test_host_transfer \
 	    --gtest_filter='ForeignChainModel.*'
+	KELM_MODEL_ROUNDS=$(SOAK_SALVAGE_ROUNDS) build/release/bin/test_host_transfer \
+	    --gtest_filter='SalvageModel.*'
 	KELM_MODEL_ROUNDS=$(SOAK_KILL_ROUNDS) build/release/bin/test_endtoend \
 	    --gtest_filter='Unfinished.*'
+	KELM_MODEL_ROUNDS=$(SOAK_YEAR_ROUNDS) KELM_YEAR_SEED=$(SOAK_YEAR_SEED) \
+	    build/release/bin/test_year
 	build/release/bin/helpers/soak/soak --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
 # Measures everything beside its limit and writes one report. BENCH_WORK is a folder on the disk

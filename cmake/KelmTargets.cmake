@@ -132,7 +132,7 @@ function(kelm_add_test name)
         COMMAND "${CMAKE_COMMAND}" -P "${PROJECT_SOURCE_DIR}/cmake/run_test.cmake" ${options} --
             "${program}" ${arg_COMMAND}
         WORKING_DIRECTORY "${directory}")
-    set_tests_properties(${name} PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 900)
+    set_tests_properties(${name} PROPERTIES LABELS "${arg_LABEL}" TIMEOUT 2700)
     if(arg_COST)
         set_tests_properties(${name} PROPERTIES COST "${arg_COST}")
     endif()

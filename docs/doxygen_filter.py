@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Shows Doxygen our headers as we read them.
 
 In our headers a comment speaks for all declarations that stand below it without a blank line

@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include "host/digest/digest_file_writer.h"
+#include "host/disk/digest_file_name.h"
 #include "kelm/kelm.h"
 
 namespace {
@@ -65,6 +67,10 @@ std::string hexDump(Bytes const& file, __int64 startBytes, __int64 sizeBytes) {
         std::string hex;
         std::string text;
         for (__int64 i = line; i < line + kLineBytes; ++i) {
+            if (i >= startBytes + sizeBytes) {
+                hex += i == line + 8 ? "    " : "   ";
+                continue;
+            }
             unsigned char const byte = file.getData()[i];
             char digits[8];
             std::snprintf(digits, sizeof digits, "%s%02x ", i == line + 8 ? " " : "", byte);
@@ -210,6 +216,29 @@ void storeGrain(kelm::CVMDKDisk& disk, __int64 grainIndex) {
         *disk.createDataPreparer()->prepareGrainData(&text, grainIndex, &aux));
 }
 
+/// The digest file of a disk with grains 0 and 3, as a host makes it.
+void dumpDigests(Dumps& dumps, yx::CMemoryFileSystem& files, kelm::CVMDKDisk& disk) {
+    namespace host = kelm::host;
+    yx::CURI const uri = host::digestFileOf(disk.getMainFileURI());
+    host::DigestKeys const keys(disk);
+    host::DigestFileWriter writer(&files, uri, keys);
+    Bytes grain(static_cast<int>(disk.getGrainSizeBytes()), -1);
+    for (int const index : {0, 3}) {
+        disk.seek(index * disk.getGrainSizeBytes());
+        disk.read(grain.getData(), grain.getUsed());
+        writer.add(index, host::GrainHasher(keys).hash(index, grain.getData(), grain.getUsed(),
+                                                       grain.getUsed()));
+    }
+    host::DigestHeader header;
+    header.diskSizeBytes = disk.getSizeBytes();
+    header.imageSizeBytes = disk.getSizeBytes();
+    header.grainSizeBytes = grain.getUsed();
+    header.contentID = disk.getDescriptor()->getContentID();
+    writer.finish(header);
+    Bytes const file = files.getFile(uri);
+    dumps["digests"] = hexDump(file, 0, file.getUsed());
+}
+
 void dumpPlain(Dumps& dumps) {
     yx::CMemoryFileSystem files;
     yx::P<kelm::CVMDKDisk> disk = createDisk(files, "plain.vmdk", false, -1);
@@ -231,6 +260,7 @@ void dumpPlain(Dumps& dumps) {
     dumps["plain directory"] = extent.sectors(extent.header->getGrainDirectoryOffsetSectors(), 1);
     dumps["plain table"] = extent.sectors(extent.firstTable(), kelm::kGrainTableSizeSectors);
     dumps["plain grain"] = extent.sectors(overhead, 1);
+    dumpDigests(dumps, files, *disk);
 }
 
 void dumpCompressed(Dumps& dumps) {

@@ -58,6 +58,12 @@ void measureOpening(Context& context);
 /// Reading through child disks that hold nothing.
 void measureChains(Context& context);
 
+/// Making disks with digests, and importing days over chains of them.
+void measureDigests(Context& context);
+
+/// Taking links out of a chain, and merging some.
+void measureThinning(Context& context);
+
 /// What the library holds while a disk is open for writing.
 void measureMemory(Context& context);
 

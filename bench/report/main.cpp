@@ -36,6 +36,8 @@ constexpr Part kParts[] = {
     {"tool", "The program", measureTool, true},
     {"opening", "Opening", measureOpening, false},
     {"chains", "Chains of child disks", measureChains, false},
+    {"digests", "Digests", measureDigests, true},
+    {"thinning", "Thinning out chains", measureThinning, false},
     {"memory", "Memory of a disk", measureMemory, false},
     {"growth", "Growth", measureGrowth, false},
 };
