@@ -100,6 +100,15 @@ bool ToolTest::runAndKillBehind(int operations, Arguments const& arguments) cons
     return tool.finish().status == -1;
 }
 
+Outcome ToolTest::runAndSignalBehindTheFirst(int signal, Arguments const& arguments) const {
+    RunningTool tool(folder(), arguments, [&] {
+        logOperations();
+        ::setenv("KELM_FILE_LOG_KILL_AFTER", "1", 1);
+        ::setenv("KELM_FILE_LOG_SIGNAL", std::to_string(signal).c_str(), 1);
+    });
+    return tool.finish();
+}
+
 void ToolTest::waitForFile(RunningTool const& tool, std::string const& name) const {
     int const watch = ::inotify_init1(IN_CLOEXEC);
     int const process = test_support::openProcess(tool.id());

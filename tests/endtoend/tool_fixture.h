@@ -52,6 +52,9 @@ protected:
     /// before. What it brings to the device stays in the cache, which a kill cannot tell.
     bool runAndKillBehind(int operations, Arguments const& arguments) const;
 
+    /// Runs the program, which gets the signal right behind the first of these operations.
+    Outcome runAndSignalBehindTheFirst(int signal, Arguments const& arguments) const;
+
     /// Waits until the program has made a file, or has ended.
     void waitForFile(RunningTool const& tool, std::string const& name) const;
 

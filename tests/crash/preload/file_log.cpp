@@ -2,7 +2,8 @@
 // operation of a program that changes files or folders or brings them to the device. file_log.h in
 // tests/support says in what form.
 //
-// With KELM_FILE_LOG_KILL_AFTER, the program is killed right behind so many of these operations.
+// With KELM_FILE_LOG_KILL_AFTER, the program is killed right behind so many of these operations, or
+// gets the signal whose number is in KELM_FILE_LOG_SIGNAL.
 // With KELM_FILE_LOG_NO_SYNC, what it brings to the device is written down and nothing else, which
 // takes no time and no power cut of the machine's own can tell.
 
@@ -47,11 +48,18 @@ int openLog() {
         ::syscall(SYS_openat, AT_FDCWD, name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
 }
 
-/// How many operations there may still be; none is left to one that is to die.
-long operationsLeft() {
-    static char const* const text = std::getenv("KELM_FILE_LOG_KILL_AFTER");
-    static long left = text ? std::atol(text) : -1;
-    return left < 0 ? 1 : --left;
+long numberInEnvironment(char const* name, long otherwise) {
+    char const* const text = std::getenv(name);
+    return text ? std::atol(text) : otherwise;
+}
+
+/// Counts an operation, and sends the signal behind the one that it is to come behind.
+void passOperation() {
+    static long left = numberInEnvironment("KELM_FILE_LOG_KILL_AFTER", -1);
+    static int const signal =
+        static_cast<int>(numberInEnvironment("KELM_FILE_LOG_SIGNAL", SIGKILL));
+    if (left > 0 && --left == 0)
+        ::kill(::getpid(), signal);
 }
 
 void write(FileLogRecord::Kind kind, unsigned long long file, long long position, char const* path,
@@ -79,8 +87,7 @@ void write(FileLogRecord::Kind kind, unsigned long long file, long long position
 void append(FileLogRecord::Kind kind, unsigned long long file, long long position, char const* path,
             iovec const* vectors, int vectorCount, std::size_t bytes) {
     write(kind, file, position, path, vectors, vectorCount, bytes);
-    if (operationsLeft() <= 0)
-        ::kill(::getpid(), SIGKILL);
+    passOperation();
 }
 
 void append(FileLogRecord::Kind kind, unsigned long long file, char const* path = nullptr,
