@@ -10,10 +10,10 @@ namespace kelm::host {
 
 namespace {
 
-bool tryReadSectors(yx::IIOStream& stream, __int64 sector, __int64 count, unsigned char* target) {
+bool tryRead(yx::IIOStream& stream, __int64 sector, __int64 sizeBytes, unsigned char* target) {
     try {
         stream.seek(sector * kSectorSizeBytes);
-        stream.read(target, static_cast<int>(count * kSectorSizeBytes));
+        stream.read(target, static_cast<int>(sizeBytes));
         return true;
     } catch (yx::CIOError const&) {
         return false;
@@ -31,18 +31,27 @@ ReadableSectors readReadableSectors(yx::IIOStream& stream, __int64 sector, __int
     if (sector < 0 || sector >= fileSectors)
         return result;
     __int64 const inFile = std::min(count, fileSectors - sector);
-    if (tryReadSectors(stream, sector, inFile, result.bytes.data())) {
+    if (tryRead(stream, sector, inFile * kSectorSizeBytes, result.bytes.data())) {
         std::fill_n(result.isReadable.begin(), inFile, true);
         return result;
     }
     for (__int64 i = 0; i < inFile; ++i) {
         unsigned char* const target = result.bytes.data() + i * kSectorSizeBytes;
-        bool const isReadable = tryReadSectors(stream, sector + i, 1, target);
+        bool const isReadable = tryRead(stream, sector + i, kSectorSizeBytes, target);
         result.isReadable[static_cast<std::size_t>(i)] = isReadable;
         if (!isReadable)
             std::fill_n(target, kSectorSizeBytes, static_cast<unsigned char>(0));
     }
     return result;
+}
+
+int readSectorToEnd(yx::IIOStream& stream, __int64 sector, unsigned char* target) {
+    __int64 const fileBytes = stream.getLength();
+    if (sector < 0 || sector > fileBytes / kSectorSizeBytes)
+        return 0;
+    __int64 const sizeBytes =
+        std::min<__int64>(kSectorSizeBytes, fileBytes - sector * kSectorSizeBytes);
+    return tryRead(stream, sector, sizeBytes, target) ? static_cast<int>(sizeBytes) : 0;
 }
 
 } // namespace kelm::host

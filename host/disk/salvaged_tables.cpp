@@ -25,7 +25,8 @@ constexpr __int64 kMostSectorsForEach = 4;
 } // namespace
 
 struct SalvagedTables::Entries {
-    bool isReadable = false;
+    /// How many could be read, from the first on.
+    int count = 0;
     unsigned int sectors[kEntriesInSector] = {};
 };
 
@@ -112,7 +113,7 @@ __int64 SalvagedTables::countRegular(TableSet const& set) const {
 }
 
 bool SalvagedTables::isPossibleTable(__int64 sector) const {
-    return sector > 0 && sector < m_fileSectors;
+    return sector > 0 && sector * kSectorSizeBytes < m_stream.getLength();
 }
 
 void SalvagedTables::readTable(__int64 table) {
@@ -127,13 +128,11 @@ void SalvagedTables::readTable(__int64 table) {
 
 SalvagedTables::Entries SalvagedTables::readEntriesAt(__int64 sector) {
     Entries entries;
-    if (sector < 0)
-        return entries;
-    ReadableSectors const read = readReadableSectors(m_stream, sector, 1);
-    entries.isReadable = read.isReadable.front();
-    for (int i = 0; i < kEntriesInSector; ++i) {
-        entries.sectors[i] = loadLittleEndian<unsigned int>(
-            read.bytes.data() + std::ptrdiff_t{i} * kDirectoryEntrySizeBytes);
+    unsigned char bytes[kSectorSizeBytes];
+    entries.count = readSectorToEnd(m_stream, sector, bytes) / kDirectoryEntrySizeBytes;
+    for (int i = 0; i < entries.count; ++i) {
+        entries.sectors[i] =
+            loadLittleEndian<unsigned int>(bytes + std::ptrdiff_t{i} * kDirectoryEntrySizeBytes);
     }
     return entries;
 }
@@ -146,7 +145,7 @@ bool SalvagedTables::isImpossible(__int64 sector) const {
 
 /// Whether a sector of a table that differs from the other one has been overwritten.
 bool SalvagedTables::isRubbish(Entries const& entries, Entries const& other) const {
-    for (int i = 0; i < kEntriesInSector; ++i) {
+    for (int i = 0; i < std::min(entries.count, other.count); ++i) {
         if (entries.sectors[i] != other.sectors[i] && isImpossible(entries.sectors[i]))
             return true;
     }
@@ -161,20 +160,19 @@ void SalvagedTables::set(__int64 grain, __int64 sector, State state) {
 void SalvagedTables::readEntries(__int64 firstGrain, __int64 mainSector, __int64 copySector) {
     Entries const main = readEntriesAt(mainSector);
     Entries const copy = readEntriesAt(copySector);
-    if (!main.isReadable && !copy.isReadable)
-        return;
-    Entries const& known = main.isReadable ? main : copy;
-    bool const areBoth = main.isReadable && copy.isReadable;
-    bool const isMainRubbish = areBoth && isRubbish(main, copy);
-    bool const isCopyRubbish = areBoth && isRubbish(copy, main);
-    __int64 const count = std::min<__int64>(kEntriesInSector, m_grainCount - firstGrain);
+    bool const isMainRubbish = isRubbish(main, copy);
+    bool const isCopyRubbish = isRubbish(copy, main);
+    __int64 const count =
+        std::min<__int64>(std::max(main.count, copy.count), m_grainCount - firstGrain);
     for (__int64 i = 0; i < count; ++i) {
+        bool const areBoth = i < main.count && i < copy.count;
         if (!areBoth || main.sectors[i] == copy.sectors[i]) {
-            set(firstGrain + i, known.sectors[i], State::Known);
+            set(firstGrain + i, i < main.count ? main.sectors[i] : copy.sectors[i], State::Known);
             continue;
         }
         bool const isRubbishAlone = main.sectors[i] == 0 ? isCopyRubbish : isMainRubbish;
         m_disputes.push_back({firstGrain + i, main.sectors[i], copy.sectors[i],
+                              !isMainRubbish || isCopyRubbish, !isCopyRubbish || isMainRubbish,
                               isRubbishAlone ? State::Known : State::Doubtful});
     }
 }
@@ -195,10 +193,12 @@ void SalvagedTables::settleDisputes() {
 }
 
 void SalvagedTables::settle(Dispute const& dispute) {
-    bool const isMainProven = isProven(dispute.grain, dispute.main);
+    bool const isMainProven =
+        (m_isCompressed || dispute.isMainATable) && isProven(dispute.grain, dispute.main);
     // A record of the grain at both places is what a power cut leaves; the main table is newer.
-    bool const isCopyProven =
-        (!m_isCompressed || !isMainProven) && isProven(dispute.grain, dispute.copy);
+    bool const isCopyProven = m_isCompressed
+                                  ? !isMainProven && isProven(dispute.grain, dispute.copy)
+                                  : dispute.isCopyATable && isProven(dispute.grain, dispute.copy);
     if (isMainProven)
         set(dispute.grain, dispute.main, isCopyProven ? State::Doubtful : State::Known);
     else if (isCopyProven)
@@ -210,7 +210,7 @@ void SalvagedTables::settle(Dispute const& dispute) {
 }
 
 bool SalvagedTables::isProven(__int64 grain, __int64 sector) {
-    if (sector == 0 || sector < m_overheadSectors || sector >= m_fileSectors)
+    if (sector == 0 || sector < m_overheadSectors)
         return false;
     return m_isCompressed ? m_grains.isRecordOf(grain, sector) : isFree(sector);
 }

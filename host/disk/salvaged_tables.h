@@ -18,7 +18,8 @@ namespace kelm::host {
 ///   the library has made (`RegularPlaces`), all others are taken for damaged and replaced.
 /// - An entry that both tables have alike is believed. So is one whose other copy cannot be read.
 /// - Where they differ, that one counts whose place proves it: in a compressed extent a record
-///   there names the grain and decodes; in a plain one no other grain lies there. Both do after a
+///   there names the grain and decodes; in a plain one no other grain lies there, unless the entry
+///   is in a sector that has impossible entries too, and the other one's has none. Both do after a
 ///   power cut, which leaves the copy behind the main table, so the main table comes first.
 /// - Where they differ and neither is proven, the grain is lost. If one of them says that the grain
 ///   has no place, it counts as one without, but as doubtful, unless the other is in a sector that
@@ -71,6 +72,10 @@ private:
         __int64 grain;
         __int64 main;
         __int64 copy;
+
+        /// False for one in a sector that is nothing but damage, where the other one's is not.
+        bool isMainATable;
+        bool isCopyATable;
 
         /// What it is if neither proves to be right and one of them is 0.
         State stateOfNone;

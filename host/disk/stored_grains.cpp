@@ -4,9 +4,46 @@
 #include <cassert>
 
 #include "host/disk/readable_sectors.h"
+#include "host/store/forwarding_stream.h"
+#include "kelm/format/internal/rounding.h"
 #include "kelm/graindata/internal/grain_record.h"
 
 namespace kelm::host {
+
+namespace {
+
+/// Shows zeros behind the end of a file that is no whole number of sectors, up to where its last
+/// sector would end. A record whose padding was cut off is whole.
+class WholeSectorStream : public ForwardingStream {
+public:
+    using ForwardingStream::ForwardingStream;
+
+    static yx::P<yx::IIOStream> over(yx::IIOStream& stream) {
+        yx::P<yx::IIOStream> const whole(&stream);
+        if (stream.getLength() % kSectorSizeBytes == 0)
+            return whole;
+        return yx::makeObject<WholeSectorStream>(whole);
+    }
+
+    /// A read that needs zeros leaves the stream where the file ends.
+    void read(void* target, int sizeBytes) override {
+        __int64 const fileBytes = getLength();
+        __int64 const startBytes = getPosition();
+        __int64 const endBytes = startBytes + sizeBytes;
+        bool const needsZeros = startBytes <= fileBytes && endBytes > fileBytes &&
+                                endBytes <= roundUpToMultiple(fileBytes, __int64{kSectorSizeBytes});
+        if (!needsZeros) {
+            getTarget()->read(target, sizeBytes);
+            return;
+        }
+        int const inFile = static_cast<int>(fileBytes - startBytes);
+        getTarget()->read(target, inFile);
+        std::fill_n(static_cast<unsigned char*>(target) + inFile, sizeBytes - inFile,
+                    static_cast<unsigned char>(0));
+    }
+};
+
+} // namespace
 
 StoredGrains::StoredGrains(yx::IIOStream& stream, CVMDKSparseExtentHeader const& header,
                            __int64 startGrainIndex, DiskKey const& key)
@@ -15,16 +52,19 @@ StoredGrains::StoredGrains(yx::IIOStream& stream, CVMDKSparseExtentHeader const&
       m_isEncrypted(header.isEncrypted()),
       m_grainSizeSectors(static_cast<__int64>(header.getGrainSizeSectors())),
       m_startGrainIndex(startGrainIndex),
-      m_grain(&stream, yx::IIOStream::ReadOnly, m_grainSizeSectors, nullptr, m_isCompressed, -1,
-              nullptr, m_isEncrypted ? key.cipher.get() : nullptr, key.key, key.iv) {}
+      m_recordStream(m_isCompressed ? WholeSectorStream::over(stream)
+                                    : yx::P<yx::IIOStream>(&stream)),
+      m_grain(m_recordStream.get(), yx::IIOStream::ReadOnly, m_grainSizeSectors, nullptr,
+              m_isCompressed, -1, nullptr, m_isEncrypted ? key.cipher.get() : nullptr, key.key,
+              key.iv) {}
 
 bool StoredGrains::namesGrain(__int64 extentGrainIndex, __int64 sector) {
     assert(m_isCompressed);
-    ReadableSectors const record = readReadableSectors(m_stream, sector, 1);
+    unsigned char record[kSectorSizeBytes];
     auto const diskGrainIndex =
         static_cast<unsigned long long>(extentGrainIndex + m_startGrainIndex);
-    return record.isReadable.front() &&
-           loadGrainRecordLBA(record.bytes.data()) ==
+    return readSectorToEnd(m_stream, sector, record) >= kGrainRecordHeaderSizeBytes &&
+           loadGrainRecordLBA(record) ==
                diskGrainIndex * static_cast<unsigned long long>(m_grainSizeSectors);
 }
 
@@ -35,7 +75,7 @@ bool StoredGrains::isRecordOf(__int64 extentGrainIndex, __int64 sector) {
 
 ReadGrain StoredGrains::read(__int64 extentGrainIndex, __int64 sector,
                              yx::TBuffer<unsigned char>& target) {
-    if (sector < 1 || sector >= m_stream.getLength() / kSectorSizeBytes)
+    if (sector < 1 || sector * kSectorSizeBytes >= m_stream.getLength())
         return loseAll("lies outside the file", target);
     if (m_isCompressed && !namesGrain(extentGrainIndex, sector))
         return loseAll("has a record that names another grain or cannot be read", target);

@@ -58,6 +58,7 @@ private:
     bool m_isEncrypted;
     __int64 m_grainSizeSectors;
     __int64 m_startGrainIndex;
+    yx::P<yx::IIOStream> m_recordStream;
     CVMDKGrain m_grain;
     yx::TBuffer<unsigned char> m_probe;
 };
