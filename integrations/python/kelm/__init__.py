@@ -21,3 +21,9 @@ __all__ = [
     "convert", "create", "digest", "drop", "export_image", "import_image", "list_backups",
     "merge", "open", "prune", "rename", "repair", "undo_repair",
 ]
+
+# Users know these by the name of the package.
+for _name in __all__:
+    if _name != "__version__":
+        globals()[_name].__module__ = __name__
+del _name

@@ -86,13 +86,20 @@ class Disk(io.RawIOBase):
             self._position += count
             return count
 
-    def readall(self) -> bytes:
-        """All from the position to the end, in memory."""
+    def read(self, size: Optional[int] = -1, /) -> bytes:
+        """Up to `size` bytes from the position on: fewer only at the end. Without a size, or with
+        one below 0, all up to the end."""
         self._verify_is_open()
+        if size is None or operator.index(size) < 0:
+            return self.readall()
         with self._lock:
-            data = self.pread(max(0, self.size - self._position), self._position)
+            data = self.pread(size, self._position)
             self._position += len(data)
             return data
+
+    def readall(self) -> bytes:
+        """All from the position to the end, in memory."""
+        return self.read(self.size)
 
     def write(self, data: ReadableBuffer, /) -> int:
         """Writes at the position, and returns how many bytes: fewer than there are only at the end,

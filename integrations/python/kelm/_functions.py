@@ -8,7 +8,7 @@ What they have in common:
 - `threads` is how many threads compress and decompress; 0 takes one for each core.
 - `progress` is called with the bytes that are done and those that there are in all (None if that is
   not known), in the thread that called, about ten times a second at most and at the end. Numbers
-  rise; where work has several steps, such as one for each child, they begin anew with each. What it
+  rise; where work has several steps, such as one for each disk of a chain, they begin anew with each. What it
   raises ends the work and is raised by the function.
 - Ctrl-C, and any other signal whose handler raises, ends the work in the main thread. So does
   whatever else is raised; and then, as after any error, nothing is left of what was being made.
@@ -147,7 +147,8 @@ def digest(disk: Path, *, keep: bool = False, overwrite: bool = False,
     With `keep`, makes the digests of the disk, by which `check` finds every change. Digests that
     are up to date are `Exists` unless `overwrite` is set: they were made of sound content.
 
-    >>> kelm.digest("monday.vmdk").sha256 == hashlib.sha256(open("disk.img", "rb").read()).hexdigest()
+    >>> image = pathlib.Path("disk.img").read_bytes()
+    >>> kelm.digest("monday.vmdk").sha256 == hashlib.sha256(image).hexdigest()
     True
     """
     digested = _kelm.digest(encode(disk), keep, overwrite, password, encode_all(allow_paths),
