@@ -219,15 +219,16 @@ MadeDisk mergeLinks(MergedLinks const& links, std::string const& target, NewDisk
 }
 
 py::dict merge(std::string const& first, std::string const& last, std::string const& target,
-               NewDiskOptions const& options, py::object const& password, Paths const& allowPaths,
+               GivenOptions const& options, py::object const& password, Paths const& allowPaths,
                int threads, py::object const& progress) {
     Access const access = Access::make(password, allowPaths);
+    NewDiskOptions const& wanted = getHeld(options);
     KeyScope const keys;
     MadeDisk made;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
         auto const files = yx::makeObject<yx::CNativeFileSystem>();
         MergedLinks const links = openLinks(files.get(), first, last, access);
-        made = mergeLinks(links, target, options, access, work);
+        made = mergeLinks(links, target, wanted, access, work);
     });
     return made.describe();
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,15 @@ host::Password toPassword(pybind11::object const& password);
 
 /// URIs of files that a user names.
 std::vector<yx::CURI> toURIs(std::vector<std::string> const& paths);
+
+/// An object of a class of the module, which functions take by its holder: so one that was made past
+/// its constructor is refused by pybind11, and None, which has no holder, here. TypeError.
+template <class Held>
+Held& getHeld(std::shared_ptr<Held> const& holder) {
+    if (!holder)
+        throw pybind11::type_error("None is no object of the module");
+    return *holder;
+}
 
 /// What opens disks.
 struct Access {

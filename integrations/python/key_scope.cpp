@@ -15,9 +15,10 @@ struct SharedKeys {
     std::unique_ptr<host::DerivedKeys> keys;
 };
 
+/// Never destroyed: disks may be closed while the process ends.
 SharedKeys& sharedKeys() {
-    static SharedKeys shared;
-    return shared;
+    static auto* const shared = new SharedKeys;
+    return *shared;
 }
 
 } // namespace

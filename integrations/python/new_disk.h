@@ -33,6 +33,9 @@ struct NewDiskOptions {
     host::NewDisk makeRequest(yx::IFileSystem* fileSystem, Access const& access) const;
 };
 
+/// As functions of the module take them; see `getHeld`.
+using GivenOptions = std::shared_ptr<NewDiskOptions>;
+
 /// Refuses, with `yx::CInvalidArgError`, a password for a disk that would not be encrypted: who
 /// gives one relies on it.
 void verifyUsesPassword(host::NewDisk const& request, Access const& access);

@@ -191,7 +191,7 @@ py::object OpenDisk::getParentPath() {
                             : py::object(py::none());
 }
 
-std::unique_ptr<OpenDisk> OpenDisk::openParent() {
+std::shared_ptr<OpenDisk> OpenDisk::openParent() {
     std::string path;
     Access access;
     {
@@ -200,7 +200,7 @@ std::unique_ptr<OpenDisk> OpenDisk::openParent() {
         access = m_access;
         access.trust = m_access.trust.ofParents();
     }
-    return std::make_unique<OpenDisk>(path, false, access);
+    return std::make_shared<OpenDisk>(path, false, access);
 }
 
 py::dict OpenDisk::describe() {

@@ -50,7 +50,7 @@ public:
     pybind11::object getParentPath();
 
     /// Opens the parent of a disk that has one, for reading, with the same password.
-    std::unique_ptr<OpenDisk> openParent();
+    std::shared_ptr<OpenDisk> openParent();
 
     /// The fields of `kelm.Info` and `kelm.Space`, by their names.
     pybind11::dict describe();

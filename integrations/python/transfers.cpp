@@ -16,6 +16,7 @@
 #include "host/transfer/transfer.h"
 #include "integrations/python/bindings.h"
 #include "integrations/python/disk_opening.h"
+#include "integrations/python/key_scope.h"
 #include "integrations/python/new_disk.h"
 #include "integrations/python/work.h"
 
@@ -77,14 +78,15 @@ MadeDisk importRawImage(std::string const& image, std::string const& path, NewDi
     return made;
 }
 
-py::dict importImage(std::string const& image, std::string const& path,
-                     NewDiskOptions const& options, py::object const& password,
-                     Paths const& allowPaths, bool pad, int threads, py::object const& progress) {
+py::dict importImage(std::string const& image, std::string const& path, GivenOptions const& options,
+                     py::object const& password, Paths const& allowPaths, bool pad, int threads,
+                     py::object const& progress) {
     Access const access = Access::make(password, allowPaths);
+    NewDiskOptions const& wanted = getHeld(options);
     KeyScope const keys;
     MadeDisk made;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        made = importRawImage(image, path, options, access, pad, work);
+        made = importRawImage(image, path, wanted, access, pad, work);
     });
     return made.describe();
 }
@@ -155,18 +157,19 @@ MadeDisk convertOpenDisk(host::SafeDisk& from, std::string const& target, NewDis
     return made;
 }
 
-py::dict convert(std::string const& source, std::string const& target,
-                 NewDiskOptions const& options, py::object const& sourcePassword,
-                 py::object const& password, Paths const& allowPaths, bool unfinished, int threads,
+py::dict convert(std::string const& source, std::string const& target, GivenOptions const& options,
+                 py::object const& sourcePassword, py::object const& password,
+                 Paths const& allowPaths, bool unfinished, int threads,
                  py::object const& progress) {
     Access const fromAccess = Access::make(sourcePassword, allowPaths, unfinished);
     Access const access = Access::make(password, allowPaths);
+    NewDiskOptions const& wanted = getHeld(options);
     KeyScope const keys;
     MadeDisk made;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
         auto const files = yx::makeObject<yx::CNativeFileSystem>();
         std::unique_ptr<host::SafeDisk> const from = openToRead(files.get(), source, fromAccess);
-        made = convertOpenDisk(*from, target, options, fromAccess, access, work);
+        made = convertOpenDisk(*from, target, wanted, fromAccess, access, work);
     });
     return made.describe();
 }

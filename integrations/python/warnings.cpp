@@ -59,7 +59,11 @@ void deliverWarnings() {
         for (std::string const& text : texts)
             logger.attr("warning")("%s", text);
     } catch (pybind11::error_already_set& error) {
-        error.discard_as_unraisable("kelm");
+        // Ctrl-C is not the logger's: it comes once more, where it can be raised.
+        if (error.matches(PyExc_KeyboardInterrupt))
+            PyErr_SetInterrupt();
+        else
+            error.discard_as_unraisable("kelm");
     }
 }
 

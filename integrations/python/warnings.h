@@ -7,7 +7,7 @@ namespace kelm::python {
 void collectWarnings();
 
 /// Hands what has been kept to Python's logger "kelm". Needs the interpreter's lock; what the
-/// logger raises is reported as unraisable.
+/// logger raises is reported as unraisable, but for Ctrl-C, which comes again.
 void deliverWarnings();
 
 } // namespace kelm::python

@@ -5,6 +5,7 @@ import io
 import os
 import shutil
 import signal
+import subprocess
 import sys
 import threading
 
@@ -466,3 +467,37 @@ def test_names_may_be_paths_and_bytes_and_no_utf8(folder):
         kelm.open(b"\xff.vmdk")
     with pytest.raises(TypeError):
         kelm.open("path.vmdk", allow_paths="/tmp")
+
+
+def test_objects_made_past_their_constructors_are_refused():
+    from kelm import _kelm
+    disk = _kelm.OpenDisk.__new__(_kelm.OpenDisk)
+    for name in ("close", "flush", "describe", "measure_space", "list_extents", "parent_path",
+                 "open_parent"):
+        with pytest.raises((TypeError, RuntimeError)):
+            getattr(disk, name)()
+    for call in (lambda: disk.size, lambda: disk.is_closed, lambda: disk.is_writable,
+                 lambda: disk.read(0, bytearray(1)), lambda: disk.write(0, b"a"),
+                 lambda: disk.write_zeros(0, 1)):
+        with pytest.raises((TypeError, RuntimeError)):
+            call()
+    with pytest.raises((TypeError, RuntimeError)):
+        _kelm.create(b"disk.vmdk", _kelm.NewDiskOptions.__new__(_kelm.NewDiskOptions), None, [])
+    with pytest.raises((TypeError, RuntimeError)):
+        _kelm.create(b"disk.vmdk", None, None, [])
+    with pytest.raises(TypeError):
+        _kelm.OpenDisk.close(None)
+    with pytest.raises(TypeError):
+        _kelm.OpenDisk()
+    assert files() == []
+
+
+def test_a_disk_that_is_open_at_the_end_of_the_program_keeps_its_bytes():
+    code = ("import kelm\n"
+            f"disk = kelm.create('disk.vmdk', {DISK_BYTES})\n"
+            "other = disk\n"
+            "disk.write(b'kept')\n")
+    result = subprocess.run([sys.executable, "-W", "ignore", "-c", code], capture_output=True,
+                            text=True)
+    assert (result.returncode, result.stderr) == (0, "")
+    assert content("disk.vmdk")[:4] == b"kept"
