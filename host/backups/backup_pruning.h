@@ -23,6 +23,7 @@ struct PruneOptions {
 
 /// A disk and what is to become of it.
 struct PruneVerdict {
+    /// As the list has it; `parent` is an index into the verdicts.
     BackupDisk disk;
 
     /// Why it stays; empty for one that goes.

@@ -213,7 +213,7 @@ MadeDisk mergeLinks(MergedLinks const& links, std::string const& target, NewDisk
     if (keepsExactSize)
         host::setExactSizeBytes(to, exactBytes);
     __int64 const imageBytes = keepsExactSize ? exactBytes : to.getSizeBytes();
-    MadeDisk const made{uri, to.getSizeBytes(), imageBytes, options.digests};
+    MadeDisk made{uri, to.getSizeBytes(), imageBytes, options.digests};
     making.finish(imageBytes, withoutProgress(work));
     return made;
 }

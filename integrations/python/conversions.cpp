@@ -72,6 +72,7 @@ host::Password toPassword(py::object const& password) {
 
 std::vector<yx::CURI> toURIs(std::vector<std::string> const& paths) {
     std::vector<yx::CURI> uris;
+    uris.reserve(paths.size());
     for (std::string const& path : paths)
         uris.push_back(host::uriFromArgument(path));
     return uris;

@@ -1,5 +1,7 @@
 #include "integrations/python/errors.h"
 
+#include <utility>
+
 #include <pybind11/pybind11.h>
 
 #include "host/disk/error_kind.h"
@@ -86,7 +88,7 @@ py::object makeException(yx::CError const& error) {
 void translateError(std::exception_ptr thrown) {
     try {
         if (thrown)
-            std::rethrow_exception(thrown);
+            std::rethrow_exception(std::move(thrown));
     } catch (yx::CError const& error) {
         try {
             py::object const exception = makeException(error);

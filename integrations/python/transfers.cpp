@@ -73,7 +73,7 @@ MadeDisk importRawImage(std::string const& image, std::string const& path, NewDi
                     parents.get());
     __int64 const imageBytes = std::max(request.sizeBytes, source.getPosition());
     host::setExactSizeBytes(disk, imageBytes);
-    MadeDisk const made{uri, disk.getSizeBytes(), imageBytes, options.digests};
+    MadeDisk made{uri, disk.getSizeBytes(), imageBytes, options.digests};
     making.finish(imageBytes, withoutProgress(work));
     return made;
 }
@@ -152,7 +152,7 @@ MadeDisk convertOpenDisk(host::SafeDisk& from, std::string const& target, NewDis
         host::setExactSizeBytes(to, imageBytes);
     else
         imageBytes = to.getSizeBytes();
-    MadeDisk const made{uri, to.getSizeBytes(), imageBytes, options.digests};
+    MadeDisk made{uri, to.getSizeBytes(), imageBytes, options.digests};
     making.finish(imageBytes, withoutProgress(work));
     return made;
 }

@@ -4,6 +4,7 @@ import faulthandler
 import os
 import pathlib
 import random
+import sys
 
 import pytest
 
@@ -62,3 +63,14 @@ def content(path, **options):
 def files():
     """The names of the files in the working directory."""
     return sorted(os.listdir())
+
+
+class NoForcedSwitches:
+    """Nobody gets the interpreter's lock unless who has it releases it."""
+
+    def __enter__(self):
+        self._interval = sys.getswitchinterval()
+        sys.setswitchinterval(3600)
+
+    def __exit__(self, *_):
+        sys.setswitchinterval(self._interval)

@@ -12,7 +12,7 @@ import threading
 import pytest
 
 import kelm
-from conftest import DISK_BYTES, GRAIN_BYTES, content, files
+from conftest import DISK_BYTES, GRAIN_BYTES, NoForcedSwitches, content, files
 
 
 def test_reads_what_was_written_and_zeros_elsewhere():
@@ -378,17 +378,6 @@ def test_closing_while_others_read_ends_them_with_an_error(image):
     for thread in threads:
         thread.join()
     assert results == ["I/O operation on closed disk."] * 3
-
-
-class NoForcedSwitches:
-    """Nobody gets the interpreter's lock unless who has it releases it."""
-
-    def __enter__(self):
-        self._interval = sys.getswitchinterval()
-        sys.setswitchinterval(3600)
-
-    def __exit__(self, *_):
-        sys.setswitchinterval(self._interval)
 
 
 def run_while_reading(disk, action):

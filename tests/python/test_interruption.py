@@ -7,7 +7,7 @@ import threading
 import pytest
 
 import kelm
-from conftest import DISK_BYTES, content, files
+from conftest import DISK_BYTES, NoForcedSwitches, content, files
 
 
 class Stop(Exception):
@@ -128,28 +128,18 @@ def test_a_handler_that_raises_ends_the_work(half_fed_pipe):
 def test_ctrl_c_ends_the_derivation_of_a_key():
     kelm.create("disk.vmdk", DISK_BYTES, encrypt=True, rounds=1000, password="secret").close()
 
-    class SignalOnce:
-        """A thread that sends the signal as soon as the main thread lets the interpreter go."""
+    go = threading.Event()
 
-        def __init__(self):
-            self._go = threading.Event()
-            self._thread = threading.Thread(target=self._work)
-            self._thread.start()
+    def send():
+        go.wait()
+        os.kill(os.getpid(), signal.SIGINT)
 
-        def _work(self):
-            self._go.wait()
-            os.kill(os.getpid(), signal.SIGINT)
-
-        def start(self):
-            self._go.set()
-
-        def join(self):
-            self._thread.join()
-
-    sender = SignalOnce()
-    # 10 million rounds, the most that are allowed, take far longer than a signal needs.
-    with pytest.raises(KeyboardInterrupt):
-        sender.start()
+    sender = threading.Thread(target=send)
+    sender.start()
+    # The signal comes once the function lets the interpreter go. 10 million rounds, the most that
+    # are allowed, take far longer than that.
+    with NoForcedSwitches(), pytest.raises(KeyboardInterrupt):
+        go.set()
         kelm.create("slow.vmdk", DISK_BYTES, encrypt=True, rounds=10_000_000, password="secret")
     sender.join()
     assert files() == ["disk.vmdk"]
