@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "host/system/key_derivation.h"
 #include "host/system/signal_block.h"
@@ -154,7 +155,7 @@ void runWork(py::object const& progress, int threads,
     }
     deliverWarnings();
     if (raised)
-        throw *raised;
+        throw py::error_already_set(std::move(*raised));
     conversation.rethrow();
 }
 
