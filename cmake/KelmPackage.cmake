@@ -4,6 +4,7 @@
 #   development  libkelm-dev          what they are built with
 #   tools        kelm-tools           the program kelm
 #   nbdkit       nbdkit-plugin-kelm   the plugin, if nbdkit was found
+#   python       python3-kelm         the package for Python, if pybind11 was found
 
 include_guard(GLOBAL)
 
@@ -13,6 +14,9 @@ if(TARGET kelm_tool)
 endif()
 if(TARGET nbdkit_kelm_plugin)
     list(APPEND CPACK_COMPONENTS_ALL nbdkit)
+endif()
+if(TARGET kelm_python)
+    list(APPEND CPACK_COMPONENTS_ALL python)
 endif()
 
 set(CPACK_GENERATOR DEB)
@@ -60,6 +64,19 @@ set(CPACK_DEBIAN_NBDKIT_PACKAGE_DEPENDS "${own_libraries}, nbdkit")
 set(CPACK_COMPONENT_NBDKIT_DESCRIPTION
     "Sparse virtual disks as network block devices\n\
  A plugin of nbdkit that serves kelm's disks, encrypted ones and children too.")
+
+# The extension module is that of one version of Python.
+if(TARGET kelm_python)
+    string(REGEX MATCH "^3\\.([0-9]+)" matched "${KELM_PYTHON_VERSION}")
+    math(EXPR next_python_minor "${CMAKE_MATCH_1} + 1")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-kelm)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${own_libraries}, \
+python3 (>= ${KELM_PYTHON_VERSION}~), python3 (<< 3.${next_python_minor})")
+    set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+        "Sparse virtual disks for backup applications: Python package\n\
+ Disks as raw files of Python, and the commands of kelm as functions.")
+endif()
 
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     string(TOUPPER "${component}" name)

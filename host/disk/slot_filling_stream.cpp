@@ -19,7 +19,7 @@ namespace kelm::host {
 namespace {
 
 /// So many tables are looked at in one go, which takes 160 KiB.
-constexpr std::size_t kTablesAtOnce = 64;
+constexpr std::size_t kTablesPassedAtOnce = 64;
 
 constexpr int kSlotEntryBytes = kSlotSizeTableSizeBytes / kGrainTableEntryCount;
 constexpr int kPlacesInSector = kSectorSizeBytes / kDirectoryEntrySizeBytes;
@@ -88,7 +88,7 @@ void SlotFillingStream::alter(__int64 positionBytes, unsigned char* target, int 
     std::size_t first = 0;
     while (first < pieces.size()) {
         std::size_t end = first + 1;
-        while (end < pieces.size() && end - first < kTablesAtOnce &&
+        while (end < pieces.size() && end - first < kTablesPassedAtOnce &&
                pieces[end].table == pieces[end - 1].table + 1)
             ++end;
         fill(pieces.data() + first, end - first);

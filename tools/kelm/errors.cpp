@@ -7,46 +7,42 @@
 
 #include "host/backups/disk_deletion.h"
 #include "host/backups/disk_rebase.h"
+#include "host/disk/error_kind.h"
 #include "host/disk/unfinished_disk.h"
-#include "host/system/cancel.h"
 #include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
-#include "yx/lock_file.h"
 #include "yx/log.h"
 
 namespace kelm::tool {
 
 namespace {
 
-std::optional<ExitStatus> statusOfCode(yx::CIOError::Code code) {
-    switch (code) {
-    case yx::CIOError::CorruptData:
-    case yx::CIOError::UnexpectedEnd:
+ExitStatus statusOfKind(host::ErrorKind kind) {
+    switch (kind) {
+    case host::ErrorKind::Cancelled:
+        return ExitStatus::Interrupted;
+    case host::ErrorKind::Password:
+        return ExitStatus::WrongPassword;
+    case host::ErrorKind::Unfinished:
+        return ExitStatus::Unfinished;
+    case host::ErrorKind::InUse:
+        return ExitStatus::InUse;
+    case host::ErrorKind::Damaged:
         return ExitStatus::Damaged;
-    case yx::CIOError::NotFound:
+    case host::ErrorKind::NotFound:
         return ExitStatus::NotFound;
-    case yx::CIOError::NoSpace:
+    case host::ErrorKind::NoSpace:
         return ExitStatus::NoSpace;
-    default:
-        return std::nullopt;
     }
+    return ExitStatus::Failed;
 }
 
 /// The status that an error has by itself, without its cause; none if it is any other error.
 std::optional<ExitStatus> ownStatusOf(yx::CError const& error) {
-    if (dynamic_cast<host::CancelledError const*>(&error))
-        return ExitStatus::Interrupted;
-    if (dynamic_cast<PasswordError const*>(&error) || isPasswordMissing(error) ||
-        host::isPasswordWrong(error))
+    if (dynamic_cast<PasswordError const*>(&error))
         return ExitStatus::WrongPassword;
-    if (dynamic_cast<host::UnfinishedDiskError const*>(&error))
-        return ExitStatus::Unfinished;
-    // A lock file that cannot be made is nobody's; its cause says what is wrong.
-    if (dynamic_cast<yx::CLockFileError const*>(&error) &&
-        !error.getMessage().wx().StartsWith(yx::kLockNotTakenMessagePrefix))
-        return ExitStatus::InUse;
-    auto const* const ioError = dynamic_cast<yx::CIOError const*>(&error);
-    return ioError ? statusOfCode(ioError->getIOCode()) : std::nullopt;
+    std::optional<host::ErrorKind> const kind = host::ownKindOf(error);
+    return kind ? std::optional(statusOfKind(*kind)) : std::nullopt;
 }
 
 /// An error that a destructor could tell nobody.

@@ -1,0 +1,229 @@
+// What moves, or compares, the content of whole disks.
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+
+#include "host/disk/disk_files.h"
+#include "host/disk/disk_record.h"
+#include "host/store/file_names.h"
+#include "host/system/machine_name.h"
+#include "host/system/time_text.h"
+#include "host/transfer/chain_difference.h"
+#include "host/transfer/compare.h"
+#include "host/transfer/disk_content_reader.h"
+#include "host/transfer/raw_content_reader.h"
+#include "host/transfer/transfer.h"
+#include "integrations/python/bindings.h"
+#include "integrations/python/disk_opening.h"
+#include "integrations/python/key_scope.h"
+#include "integrations/python/new_disk.h"
+#include "integrations/python/work.h"
+
+namespace kelm::python {
+
+namespace {
+
+namespace py = pybind11;
+using Paths = std::vector<std::string>;
+
+yx::CInvalidArgError argumentError(char const* function, char const* message) {
+    return yx::CInvalidArgError(function, message, yx::CProps());
+}
+
+/// Which image a disk was made of, for its record; "" for a pipe, and for a name that is too long.
+std::string nameOfImage(std::string const& image, host::RawSource const& source) {
+    if (source.getLength() == -1 || image == "-")
+        return "";
+    // As stored, a byte takes up to three.
+    std::string const name = std::filesystem::absolute(image).lexically_normal().string();
+    return name.size() > host::DiskRecord::kMaxTextBytes / 3 ? "" : name;
+}
+
+MadeDisk importRawImage(std::string const& image, std::string const& path, NewDiskOptions options,
+                        Access const& access, bool pad, host::WorkOptions const& work) {
+    auto const files = yx::makeObject<yx::CNativeFileSystem>();
+    yx::CURI const uri = host::uriFromArgument(path);
+    host::RawSource source(image, work.cancel);
+    std::vector<yx::CURI> sourceFiles;
+    if (std::optional<yx::CURI> const file = tryNameRegularFile(image))
+        sourceFiles.push_back(*file);
+    if (sourceFiles == std::vector{uri})
+        throw argumentError("import_image", "The image and the disk are the same file.");
+    if (options.sizeBytes == -1 && source.getLength() != -1)
+        options.sizeBytes = source.getLength() - source.getPosition();
+    host::NewDisk request = options.makeRequest(files.get(), access);
+    verifyUsesPassword(request, access);
+    request.isToBeFilled = true;
+    request.imageBytes = request.sizeBytes;
+    request.time = host::formatTime(std::time(nullptr));
+    request.source = nameOfImage(image, source);
+    request.host = host::getMachineName();
+    DiskMaking making(files.get(), uri, request, *work.cancel, sourceFiles);
+    host::SafeDisk& disk = making.getDisk();
+    host::DigestMaking* const digests = options.digests ? &making.addDigests() : nullptr;
+    if (digests)
+        digests->addImage();
+    std::unique_ptr<host::ChainDigests> const parents =
+        host::ChainDigests::open(files.get(), disk, request.password);
+    // The writer of a pipe may have failed half-way, and nothing but the count would show it.
+    host::ImageLength const length =
+        source.getLength() == -1 ? host::ImageLength{request.sizeBytes, pad} : host::ImageLength{};
+    host::importRaw(source, disk, work, length, host::PresentContent::OfParent, digests,
+                    parents.get());
+    __int64 const imageBytes = std::max(request.sizeBytes, source.getPosition());
+    host::setExactSizeBytes(disk, imageBytes);
+    MadeDisk made{uri, disk.getSizeBytes(), imageBytes, options.digests};
+    making.finish(imageBytes, withoutProgress(work));
+    return made;
+}
+
+py::dict importImage(std::string const& image, std::string const& path, GivenOptions const& options,
+                     py::object const& password, Paths const& allowPaths, bool pad, int threads,
+                     py::object const& progress) {
+    Access const access = Access::make(password, allowPaths);
+    NewDiskOptions const& wanted = getHeld(options);
+    KeyScope const keys;
+    MadeDisk made;
+    runWork(progress, threads, [&](host::WorkOptions const& work) {
+        made = importRawImage(image, path, wanted, access, pad, work);
+    });
+    return made.describe();
+}
+
+__int64 exportImage(std::string const& path, std::string const& image, bool overwrite,
+                    py::object const& password, Paths const& allowPaths, bool unfinished,
+                    int threads, py::object const& progress) {
+    Access const access = Access::make(password, allowPaths, unfinished);
+    KeyScope const keys;
+    __int64 imageBytes = 0;
+    runWork(progress, threads, [&](host::WorkOptions const& work) {
+        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        std::unique_ptr<host::SafeDisk> const disk = openToRead(files.get(), path, access);
+        if (std::optional<yx::CURI> const file = tryNameRegularFile(image))
+            verifyIsNoneOf(listChainFiles(files.get(), *disk, access.password.get()), *file);
+        host::RawTarget target(image, overwrite, work.cancel);
+        host::exportRaw(*disk, target, work);
+        imageBytes = host::getExactSizeBytes(*disk);
+    });
+    return imageBytes;
+}
+
+/// Copies what differs from the parent of `to`, or everything if it has none.
+void copyGrains(yx::IFileSystem* files, host::SafeDisk& from, host::SafeDisk& to,
+                NewDiskOptions const& options, Access const& access, host::DigestMaking* digests,
+                host::WorkOptions const& work) {
+    if (!to.hasParent()) {
+        host::convertDisk(from, to, work, host::RecordCheck::Decode, digests);
+        return;
+    }
+    std::unique_ptr<host::SafeDisk> const parent = openToRead(files, options.parent, access);
+    host::beginWholeReading(from, work.cancel);
+    host::beginWholeReading(*parent, work.cancel);
+    host::GrainSet const differences = host::findDifferences(from, *parent, withoutProgress(work));
+    host::convertGrainsOf(from, to, differences, work, host::RecordCheck::Decode, digests);
+}
+
+MadeDisk convertOpenDisk(host::SafeDisk& from, std::string const& target, NewDiskOptions options,
+                         Access const& fromAccess, Access const& access,
+                         host::WorkOptions const& work) {
+    auto const files = yx::makeObject<yx::CNativeFileSystem>();
+    yx::CURI const uri = host::uriFromArgument(target);
+    std::vector<yx::CURI> const sourceFiles =
+        listChainFiles(files.get(), from, fromAccess.password.get());
+    verifyIsNoneOf(sourceFiles, uri);
+    bool const keepsExactSize = host::keepsExactSize(from);
+    __int64 imageBytes = host::getExactSizeBytes(from);
+    if (options.sizeBytes != -1 && options.sizeBytes < imageBytes)
+        throw argumentError("convert", "A disk can be made larger, not smaller.");
+    if (options.sizeBytes != -1)
+        imageBytes = options.sizeBytes;
+    options.sizeBytes = std::max(imageBytes, from.getSizeBytes());
+    host::NewDisk request = options.makeRequest(files.get(), access);
+    request.isToBeFilled = true;
+    inheritRecord(from, request);
+    if (keepsExactSize)
+        request.imageBytes = imageBytes;
+    DiskMaking making(files.get(), uri, request, *work.cancel, sourceFiles);
+    host::SafeDisk& to = making.getDisk();
+    host::DigestMaking* const digests = options.digests ? &making.addDigests() : nullptr;
+    copyGrains(files.get(), from, to, options, access, digests, work);
+    if (keepsExactSize)
+        host::setExactSizeBytes(to, imageBytes);
+    else
+        imageBytes = to.getSizeBytes();
+    MadeDisk made{uri, to.getSizeBytes(), imageBytes, options.digests};
+    making.finish(imageBytes, withoutProgress(work));
+    return made;
+}
+
+py::dict convert(std::string const& source, std::string const& target, GivenOptions const& options,
+                 py::object const& sourcePassword, py::object const& password,
+                 Paths const& allowPaths, bool unfinished, int threads,
+                 py::object const& progress) {
+    Access const fromAccess = Access::make(sourcePassword, allowPaths, unfinished);
+    Access const access = Access::make(password, allowPaths);
+    NewDiskOptions const& wanted = getHeld(options);
+    KeyScope const keys;
+    MadeDisk made;
+    runWork(progress, threads, [&](host::WorkOptions const& work) {
+        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        std::unique_ptr<host::SafeDisk> const from = openToRead(files.get(), source, fromAccess);
+        made = convertOpenDisk(*from, target, wanted, fromAccess, access, work);
+    });
+    return made.describe();
+}
+
+/// A disk or a raw image, whichever the file is.
+class ComparedSide {
+public:
+    ComparedSide(std::string const& path, Access const& access, host::CancelFlag const* cancel)
+        : m_files(yx::makeObject<yx::CNativeFileSystem>()) {
+        if (path != "-" && host::isDiskMainFile(path)) {
+            m_disk = openToRead(m_files.get(), path, access);
+            m_reader = std::make_unique<host::DiskContentReader>(*m_disk, cancel);
+        } else {
+            m_source = std::make_unique<host::RawSource>(path, cancel);
+            m_reader = std::make_unique<host::RawContentReader>(*m_source);
+        }
+    }
+
+    host::ContentReader& getReader() { return *m_reader; }
+
+private:
+    yx::P<yx::CNativeFileSystem> m_files;
+    std::unique_ptr<host::SafeDisk> m_disk;
+    std::unique_ptr<host::RawSource> m_source;
+    std::unique_ptr<host::ContentReader> m_reader;
+};
+
+py::dict compare(std::string const& left, std::string const& right, py::object const& leftPassword,
+                 py::object const& rightPassword, Paths const& allowPaths, bool unfinished,
+                 int threads, py::object const& progress) {
+    Access const leftAccess = Access::make(leftPassword, allowPaths, unfinished);
+    Access const rightAccess = Access::make(rightPassword, allowPaths, unfinished);
+    KeyScope const keys;
+    host::Comparison comparison;
+    runWork(progress, threads, [&](host::WorkOptions const& work) {
+        ComparedSide leftSide(left, leftAccess, work.cancel);
+        ComparedSide rightSide(right, rightAccess, work.cancel);
+        comparison = host::compareContent(leftSide.getReader(), rightSide.getReader(), work);
+    });
+    py::dict result;
+    result["first_difference"] = comparison.firstDifferenceBytes;
+    result["differing_bytes"] = comparison.differingBytes;
+    result["left_bytes"] = comparison.leftBytes;
+    result["right_bytes"] = comparison.rightBytes;
+    return result;
+}
+
+} // namespace
+
+void addTransfers(py::module_& module) {
+    module.def("import_image", &importImage);
+    module.def("export_image", &exportImage);
+    module.def("convert", &convert);
+    module.def("compare", &compare);
+}
+
+} // namespace kelm::python
