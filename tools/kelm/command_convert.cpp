@@ -90,7 +90,7 @@ ExitStatus salvageDisk(Invocation& invocation, ConvertArguments& arguments) {
     host::convertSalvaged(*from, to.getDisk(), imageBytes, work.getOptions());
     to.finish();
     work.hideBar();
-    return reportDamage(from->getDamage(), false);
+    return reportDamage(invocation, from->getDamage(), false);
 }
 
 ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {

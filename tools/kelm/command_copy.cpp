@@ -2,12 +2,10 @@
 
 #include "host/backups/disk_copy.h"
 #include "host/store/file_names.h"
-#include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -16,7 +14,6 @@ namespace {
 struct CopyArguments {
     std::string from;
     std::string to;
-    bool json = false;
 };
 
 ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
@@ -30,12 +27,8 @@ ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
     host::DurableFiles steps;
     std::vector<yx::CURI> const files = invocation.getWait().retry(
         [&] { return host::DiskCopy(invocation.getFiles(), steps, from, to, options).run(); });
-    if (arguments.json) {
-        print(formatJSON({{"files", listNames(files)}}) + "\n");
-    } else {
-        for (yx::CURI const& file : files)
-            print(host::printable(host::displayName(file)) + "\n");
-    }
+    invocation.getResult().add({{"files", listNames(files)}});
+    invocation.getResult().print(formatNames(files));
     return ExitStatus::Done;
 }
 
@@ -50,7 +43,6 @@ void addCopyCommand(CLI::App& program, Run& run) {
                    });
     addFileArgument(command, "OLD", arguments->from, "The main file of the disk");
     addFileArgument(command, "NEW", arguments->to, "The main file of the copy, or a folder");
-    addFlag(command, "--json", arguments->json, "Print JSON");
 }
 
 } // namespace kelm::tool

@@ -3,14 +3,16 @@
 #include <CLI/CLI.hpp>
 
 #include "host/digest/disk_digests.h"
+#include "host/disk/digest_file_name.h"
+#include "host/system/name_text.h"
 #include "host/transfer/digest_making.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/whole_reading.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -45,7 +47,9 @@ ExitStatus printImageDigest(Invocation& invocation, host::SafeDisk& disk,
         image.addFromDisk(disk, exactSizeBytes, work.getOptions());
         digest = image.finish();
     }
-    print(host::formatImageDigest(*digest));
+    std::string const text = host::formatImageDigest(*digest);
+    invocation.getResult().print(text);
+    invocation.getResult().add({{"imageDigest", text.substr(0, text.find(' '))}});
     return ExitStatus::Done;
 }
 
@@ -73,6 +77,8 @@ ExitStatus digest(Invocation& invocation, DigestArguments& arguments) {
         digests.addImage();
     }
     digests.finish(host::getExactSizeBytes(*disk), work.getOptions());
+    invocation.getResult().add(
+        {{"digestFile", host::displayName(host::digestFileOf(disk->getDisk().getMainFileURI()))}});
     return ExitStatus::Done;
 }
 

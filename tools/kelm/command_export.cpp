@@ -29,10 +29,12 @@ ExitStatus salvageImage(Invocation& invocation, ExportArguments& arguments) {
     host::exportSalvaged(*disk, target, host::getSalvagedSizeBytes(*disk, &invocation.getCancel()),
                          work.getOptions());
     work.hideBar();
-    return reportDamage(disk->getDamage(), arguments.image == "-");
+    return reportDamage(invocation, disk->getDamage(), arguments.image == "-");
 }
 
 ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
+    if (arguments.image == "-")
+        invocation.getResult().leaveStandardOutput();
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     if (arguments.salvage.takeEffect())

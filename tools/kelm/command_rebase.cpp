@@ -11,7 +11,6 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -22,7 +21,6 @@ struct RebaseArguments {
     std::string parent;
     bool trust = false;
     bool unsafe = false;
-    bool json = false;
     int threads = 0;
     PasswordOptions passwords;
 };
@@ -73,12 +71,9 @@ ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
         rebaseByTrust(invocation, arguments);
     else
         copiedBytes = rebaseByContent(invocation, arguments, child, parent);
-    if (arguments.json) {
-        print(formatJSON({{"file", host::displayName(child)},
-                          {"parent", host::displayName(parent)},
-                          {"copiedBytes", copiedBytes}}) +
-              "\n");
-    }
+    invocation.getResult().add({{"file", host::displayName(child)},
+                                {"parent", host::displayName(parent)},
+                                {"copiedBytes", copiedBytes}});
     return ExitStatus::Done;
 }
 
@@ -101,7 +96,6 @@ void addRebaseCommand(CLI::App& program, Run& run) {
     addFlag(command, "--unsafe", arguments->unsafe,
             "The same, with whatever content ID the parent has");
     command.get_option("--unsafe")->group("");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     addThreadsOption(command, arguments->threads);
     arguments->passwords.addTo(command, "", "of both disks");
 }

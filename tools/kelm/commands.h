@@ -21,7 +21,8 @@ using Run = std::function<ExitStatus(Invocation&)>;
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action);
 
-/// The same for a command that opens no disk: without these options.
+/// The same for a command that opens no disk: only with the options that say how it tells what it
+/// does, which all commands have.
 CLI::App& addPlainCommand(CLI::App& program, Run& run, std::string const& name,
                           std::string const& description, std::string const& example, Run action);
 

@@ -16,6 +16,7 @@
 #include "host/store/file_names.h"
 #include "host/store/folder_access.h"
 #include "host/system/name_text.h"
+#include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "yx/log.h"
 
@@ -240,6 +241,8 @@ void NewDiskInProgress::finish() {
     std::vector<yx::CURI> keptFiles = m_disk->listFiles();
     if (m_digests)
         keptFiles.push_back(host::digestFileOf(keptFiles.front()));
+    m_invocation.getResult().add(
+        {{"file", host::displayName(keptFiles.front())}, {"files", listNames(keptFiles)}});
     m_digests.reset();
     m_disk.reset();
     m_guard->verifyFilesAreThere();

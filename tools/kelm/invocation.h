@@ -9,6 +9,7 @@
 #include "host/system/derived_keys.h"
 #include "host/system/progress.h"
 #include "host/transfer/transfer.h"
+#include "tools/kelm/command_result.h"
 #include "tools/kelm/password_options.h"
 #include "yx/native_file_system.h"
 
@@ -17,13 +18,17 @@ namespace kelm::tool {
 /// What every command works with: the files of this machine, and the flag that a signal sets.
 class Invocation {
 public:
-    Invocation();
+    /// `result` must outlive the object.
+    explicit Invocation(CommandResult& result);
     Invocation(Invocation const&) = delete;
     Invocation& operator=(Invocation const&) = delete;
 
     /// Blocks the signals: the work is done, and an interruption would come too late to change the
     /// exit status.
     ~Invocation();
+
+    /// What the command says about its work.
+    CommandResult& getResult() { return m_result; }
 
     yx::IFileSystem* getFiles() { return m_files.get(); }
     host::CancelFlag const& getCancel() const { return m_cancel; }
@@ -50,6 +55,7 @@ public:
     host::DerivedKeys& getDerivedKeys() { return m_derivedKeys; }
 
 private:
+    CommandResult& m_result;
     yx::P<yx::CNativeFileSystem> m_files;
     host::DerivedKeys m_derivedKeys;
     std::shared_ptr<PasswordOptions> m_parentPasswords;
