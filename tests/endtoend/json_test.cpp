@@ -1,6 +1,8 @@
 // What every command tells programs: one object, as docs/json.md describes it.
 
+#include <csignal>
 #include <map>
+#include <sstream>
 
 #include "tests/endtoend/json_schema.h"
 #include "tests/endtoend/tool_fixture.h"
@@ -226,6 +228,94 @@ TEST_F(ToldToPrograms, TheObjectGivesWayToAnImageAndToAPicture) {
         std::size_t const secondLine = failed.err.find('\n') + 1;
         readObject(failed.err.substr(secondLine), failed.status, "export");
     }
+}
+
+TEST_F(ToldToPrograms, TransfersCountWhatTheyReadStoreAndSkip) {
+    std::string image(std::size_t{8} << 20, 'a');
+    image.replace(std::size_t{1} << 20, std::size_t{2} << 20,
+                  std::string(std::size_t{2} << 20, '\0'));
+    writeFile("image", image);
+    constexpr long long kWhole = 8 << 20;
+    constexpr long long kZeros = 2 << 20;
+    for (Arguments const& kind : {Arguments{}, {"--compressed"}, {"--no-digests"}}) {
+        SCOPED_TRACE(testing::PrintToString(kind));
+        json const told = runTold(joined({{"import", "image", "disk.vmdk", "--force"}, kind}));
+        EXPECT_EQ(told["readBytes"], kWhole);
+        EXPECT_EQ(told["storedBytes"], kWhole - kZeros);
+        EXPECT_EQ(told["skippedBytes"], kZeros);
+        json const exported = runTold({"export", "disk.vmdk", "out", "--force"});
+        EXPECT_EQ(exported["storedBytes"], kWhole - kZeros);
+        EXPECT_EQ(exported["skippedBytes"], kZeros);
+        json const converted = runTold({"convert", "disk.vmdk", "other.vmdk", "--force"});
+        EXPECT_EQ(converted["storedBytes"], kWhole - kZeros);
+        EXPECT_EQ(converted["skippedBytes"], kZeros);
+    }
+    image[0] = 'b';
+    writeFile("image", image);
+    for (Arguments const& kind : {Arguments{}, {"--compressed"}, {"--no-digests"}}) {
+        json const told = runTold(
+            joined({{"import", "image", "child.vmdk", "--parent", "disk.vmdk", "--force"}, kind}));
+        EXPECT_EQ(told["readBytes"], kWhole);
+        EXPECT_EQ(told["storedBytes"], 65536);
+        EXPECT_EQ(told["skippedBytes"], kWhole - 65536);
+    }
+    json const merged = runTold({"merge", "disk.vmdk", "child.vmdk", "merged.vmdk"});
+    EXPECT_EQ(merged["storedBytes"], kWhole - kZeros);
+    EXPECT_EQ(runTold({"flatten", "child.vmdk"})["storedBytes"], kWhole - kZeros - 65536);
+    json const copied = runTold({"copy", "disk.vmdk", "copy.vmdk"});
+    // Where the file system shares the space, nothing is read.
+    if (copied.contains("storedBytes")) {
+        EXPECT_LE(copied["storedBytes"].get<long long>(), kWhole) << copied;
+        EXPECT_GT(copied["readBytes"], copied["storedBytes"]) << copied;
+    }
+    EXPECT_FALSE(runTold({"info", "disk.vmdk"}).contains("readBytes"));
+}
+
+TEST_F(ToldToPrograms, ProgressEndsWithALineThatSaysAllIsDone) {
+    for (Arguments const& command : {Arguments{"import", "image", "disk.vmdk"},
+                                     {"export", "disk.vmdk", "out"},
+                                     {"convert", "disk.vmdk", "other.vmdk"},
+                                     {"check", "disk.vmdk"},
+                                     {"merge", "disk.vmdk", "disk.vmdk", "merged.vmdk"},
+                                     {"digest", "disk.vmdk", "--force"},
+                                     {"copy", "disk.vmdk", "copy.vmdk"},
+                                     {"compare", "image", "disk.vmdk"}}) {
+        SCOPED_TRACE(command.front());
+        Outcome const outcome = run(joined({command, {"--progress=json"}}));
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+        ASSERT_FALSE(outcome.err.empty());
+        std::istringstream lines(outcome.err);
+        json last;
+        for (std::string line; std::getline(lines, line);) {
+            last = json::parse(line);
+            EXPECT_EQ(last["progress"], command.front());
+            EXPECT_LE(last["doneBytes"], last["totalBytes"]);
+        }
+        EXPECT_EQ(last["doneBytes"], last["totalBytes"]) << outcome.err;
+        EXPECT_EQ(last["secondsLeft"], 0);
+    }
+    EXPECT_EQ(run({"export", "disk.vmdk", "out", "--force", "--progress=none"}).err, "");
+    runBadly(2, {"export", "disk.vmdk", "out", "--progress=tea"});
+}
+
+TEST_F(ToldToPrograms, ATransferThatIsHeldToARateEndsAtASignal) {
+    // A year's work; nothing is waited for but the first of it.
+    RunningTool tool(folder(), {"import", "image", "disk.vmdk", "--limit-rate", "1", "--nice-io",
+                                "--progress=none"});
+    waitForFile(tool, "disk.vmdk");
+    tool.signal(SIGINT);
+    Outcome const outcome = tool.finish();
+    EXPECT_EQ(outcome.status, 10) << outcome.err;
+    EXPECT_EQ(listFiles(), std::set<std::string>{"image"});
+    runBadly(2, {"import", "image", "disk.vmdk", "--limit-rate", "0"});
+    for (Arguments const& command : {Arguments{"import", "image", "disk.vmdk"},
+                                     {"export", "disk.vmdk", "out"},
+                                     {"convert", "disk.vmdk", "other.vmdk"},
+                                     {"merge", "disk.vmdk", "disk.vmdk", "merged.vmdk"},
+                                     {"copy", "disk.vmdk", "copy.vmdk"},
+                                     {"drop", "copy.vmdk"},
+                                     {"digest", "disk.vmdk", "--force"}})
+        runWell(joined({command, {"--limit-rate", "10G", "--nice-io"}}));
 }
 
 TEST_F(ToldToPrograms, WarningsAreInTheObjectAndOnStandardError) {

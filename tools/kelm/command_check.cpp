@@ -125,6 +125,7 @@ constexpr char kWhatIsNotNoticed[] =
     "  - whether the disk holds what it was made of: 'kelm compare' tells that\n\n";
 
 ExitStatus check(Invocation& invocation, CheckArguments& arguments) {
+    invocation.setLong();
     if (arguments.isSample() && arguments.seed == 0)
         arguments.seed = yx::CMTRand::drawGlobal32();
     CommandResult& output = invocation.getResult();

@@ -63,6 +63,7 @@ std::vector<host::CompactedFile> runCompaction(Invocation& invocation, CompactAr
 }
 
 ExitStatus compactDisk(Invocation& invocation, CompactArguments& arguments) {
+    invocation.setLong();
     yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
     std::vector<host::CompactedFile> const files =
         withPassword(invocation, arguments.disk, arguments.passwords,

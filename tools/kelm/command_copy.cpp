@@ -6,6 +6,7 @@
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -14,9 +15,11 @@ namespace {
 struct CopyArguments {
     std::string from;
     std::string to;
+    TransferOptions transfer;
 };
 
 ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
+    arguments.transfer.takeEffect(invocation);
     yx::CURI const from = host::uriFromArgument(arguments.from);
     yx::CURI const to = host::uriFromArgument(nameIn(arguments.to, arguments.from));
     warnOfEndedWork(from);
@@ -25,6 +28,7 @@ ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
     options.trust = invocation.getTrust();
     options.work = work.getOptions();
     host::DurableFiles steps;
+    steps.setMeter(&invocation.getMeter());
     std::vector<yx::CURI> const files = invocation.getWait().retry(
         [&] { return host::DiskCopy(invocation.getFiles(), steps, from, to, options).run(); });
     invocation.getResult().add({{"files", listNames(files)}});
@@ -43,6 +47,7 @@ void addCopyCommand(CLI::App& program, Run& run) {
                    });
     addFileArgument(command, "OLD", arguments->from, "The main file of the disk");
     addFileArgument(command, "NEW", arguments->to, "The main file of the copy, or a folder");
+    arguments->transfer.addTo(command);
 }
 
 } // namespace kelm::tool

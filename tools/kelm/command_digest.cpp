@@ -13,6 +13,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -23,6 +24,7 @@ struct DigestArguments {
     int threads = 0;
     bool print = false;
     bool imageDigest = false;
+    TransferOptions transfer;
     bool force = false;
     PasswordOptions passwords;
 };
@@ -62,6 +64,7 @@ void verifyHasNone(Invocation& invocation, host::SafeDisk& disk) {
 }
 
 ExitStatus digest(Invocation& invocation, DigestArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     if (arguments.print && (arguments.imageDigest || arguments.force))
         throw UsageError("--print makes no digests; leave out --image-digest and --force.");
     std::unique_ptr<host::SafeDisk> const disk =
@@ -99,6 +102,7 @@ void addDigestCommand(CLI::App& program, Run& run) {
     addFlag(command, "--force", arguments->force,
             "Make the digests anew even if there are some that are up to date");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

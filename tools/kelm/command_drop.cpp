@@ -8,6 +8,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -17,6 +18,7 @@ struct DropArguments {
     std::string disk;
     std::vector<std::string> lookIn;
     bool verify = false;
+    TransferOptions transfer;
     int threads = 0;
     PasswordOptions passwords;
 };
@@ -43,6 +45,7 @@ host::DiskDropResult runDrop(Invocation& invocation, DropArguments& arguments,
 }
 
 ExitStatus dropDisk(Invocation& invocation, DropArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
     warnOfEndedWork(mainFile);
     host::DiskDropResult const result =
@@ -69,6 +72,7 @@ void addDropCommand(CLI::App& program, Run& run) {
     addFlag(command, "--verify", arguments->verify,
             "Compare each child with what it was before it leaves the disk");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disks");
 }
 

@@ -18,6 +18,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -31,6 +32,7 @@ struct PruneArguments {
     host::RetentionRules rules;
     std::string label;
     bool dryRun = false;
+    TransferOptions transfer;
     int threads = 0;
     PasswordOptions passwords;
 };
@@ -163,6 +165,7 @@ std::vector<yx::CURI> findHalfDeleted(Invocation& invocation,
 }
 
 ExitStatus prune(Invocation& invocation, PruneArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     if (arguments.rules.isEmpty())
         throw UsageError("Say what is to be kept, such as --keep-daily 7.");
     std::vector<yx::CURI> folders;
@@ -219,6 +222,7 @@ void addPruneCommand(CLI::App& program, Run& run) {
     addTextOption(command, "--label", arguments->label, "Judge only disks that have this label");
     addFlag(command, "--dry-run", arguments->dryRun, "Only say what would stay and what would go");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disks");
 }
 

@@ -11,6 +11,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -21,6 +22,7 @@ struct RebaseArguments {
     std::string parent;
     bool trust = false;
     bool unsafe = false;
+    TransferOptions transfer;
     int threads = 0;
     PasswordOptions passwords;
 };
@@ -62,6 +64,7 @@ __int64 rebaseByContent(Invocation& invocation, RebaseArguments& arguments, yx::
 }
 
 ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     yx::CURI const child = host::uriFromArgument(arguments.child);
     yx::CURI const parent = host::uriFromArgument(arguments.parent);
     if (parent == child)
@@ -97,6 +100,7 @@ void addRebaseCommand(CLI::App& program, Run& run) {
             "The same, with whatever content ID the parent has");
     command.get_option("--unsafe")->group("");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of both disks");
 }
 

@@ -34,6 +34,7 @@ ExitStatus renameDisk(Invocation& invocation, RenameArguments const& arguments) 
     options.work = work.getOptions();
     options.lookIn = foldersToLookIn(arguments.lookIn, from);
     host::DurableFiles steps;
+    steps.setMeter(&invocation.getMeter());
     host::DiskMoveResult const result = invocation.getWait().retry(
         [&] { return host::DiskMove(invocation.getFiles(), steps, from, to, options).run(); });
     invocation.getResult().add(

@@ -80,6 +80,7 @@ ExitStatus undo(Invocation& invocation, RepairArguments const& arguments) {
 }
 
 ExitStatus repair(Invocation& invocation, RepairArguments& arguments) {
+    invocation.setLong();
     if (arguments.isUndo && arguments.isDryRun)
         throw UsageError("--undo and --dry-run exclude each other.");
     if (arguments.isUndo)

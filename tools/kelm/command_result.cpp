@@ -3,9 +3,13 @@
 #include <cassert>
 #include <cmath>
 #include <cstdio>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
+#include "host/system/name_text.h"
+#include "host/system/size_text.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/error_report.h"
 #include "tools/kelm/output.h"
@@ -13,6 +17,14 @@
 namespace kelm::tool {
 
 namespace {
+
+std::string formatAbout(double bytes) {
+    return host::formatSize(static_cast<__int64>(bytes));
+}
+
+std::string formatMember(nlohmann::ordered_json const& members, char const* name) {
+    return host::formatSize(members.value(name, __int64{0}));
+}
 
 constexpr char kEndOfObject[] = "\n}";
 
@@ -31,13 +43,45 @@ CommandResult::CommandResult()
 CommandResult::~CommandResult() = default;
 
 void CommandResult::begin(std::string const& command, Json const& arguments) {
+    m_command = command;
     (*m_members)["command"] = command;
     (*m_members)["arguments"] = arguments;
 }
 
 void CommandResult::print(std::string const& text) const {
-    if (!m_isJSON)
+    if (!m_isJSON && m_words != Words::Errors)
         kelm::tool::print(text);
+}
+
+void CommandResult::explain(std::string const& text) const {
+    if (m_words == Words::All)
+        std::fprintf(stderr, "kelm: %s\n", host::printable(text).c_str());
+}
+
+void CommandResult::summarize() const {
+    bool const isWanted = m_words == Words::All ||
+                          (m_words == Words::Usual && !m_isJSON && ::isatty(STDERR_FILENO) == 1);
+    if (!isWanted)
+        return;
+    double const seconds = secondsSince(m_start);
+    __int64 const readBytes = m_members->value("readBytes", __int64{0});
+    std::ostringstream text;
+    text << "kelm: " << m_command << " took " << seconds << " s";
+    if (readBytes > 0 && seconds > 0)
+        text << ", " << formatAbout(static_cast<double>(readBytes) / seconds) << "/s";
+    text << "\nkelm: ";
+    if (m_members->contains("readBytes"))
+        text << "read " << formatMember(*m_members, "readBytes") << ", stored "
+             << formatMember(*m_members, "storedBytes");
+    else
+        text << "copied nothing";
+    if (m_members->contains("skippedBytes")) {
+        text << ", skipped " << formatMember(*m_members, "skippedBytes")
+             << " that are zeros or the parent's";
+    }
+    std::size_t const warnings = m_warnings.size();
+    text << ", " << warnings << (warnings == 1 ? " warning" : " warnings") << "\n";
+    std::fputs(text.str().c_str(), stderr);
 }
 
 void CommandResult::add(Json const& members) {
@@ -76,7 +120,8 @@ void CommandResult::addToList(std::string const& element) {
 
 void CommandResult::addWarning(std::string const& text) {
     m_warnings.push_back(text);
-    std::fprintf(stderr, "kelm: warning: %s\n", text.c_str());
+    if (m_words != Words::Errors)
+        std::fprintf(stderr, "kelm: warning: %s\n", text.c_str());
 }
 
 void CommandResult::setError(std::exception const& error) {

@@ -12,6 +12,13 @@
 
 namespace kelm::tool {
 
+/// How much a command says to people.
+enum class Words {
+    Errors, ///< nothing else
+    Usual,
+    All ///< also what the work was based on
+};
+
 /// What a command says about its work: lines for people, or with "--json" one JSON object for
 /// programs, which docs/json.md describes. A command gives both, and here is decided which of them
 /// is printed. The object ends the output, also when the command fails.
@@ -35,9 +42,20 @@ public:
     /// error.
     void leaveStandardOutput() { m_isLine = true; }
 
-    /// Prints lines for people, unless the object is asked for. Errors are those of
-    /// `kelm::tool::print`.
+    void setWords(Words words) { m_words = words; }
+    Words getWords() const { return m_words; }
+
+    /// Prints lines for people, unless the object is asked for, or nothing but errors. Errors are
+    /// those of `kelm::tool::print`.
     void print(std::string const& text) const;
+
+    /// Says on standard error what the work is based on, in a line, if all is to be said.
+    void explain(std::string const& text) const;
+
+    /// Says at the end how long the work took and what was done, in two lines on standard error: if
+    /// that is a terminal, or all is to be said. The second line has the members of the object for
+    /// what was read, stored and skipped.
+    void summarize() const;
 
     /// Adds members to the object, or replaces them.
     void add(Json const& members);
@@ -49,7 +67,8 @@ public:
     /// Prints the next element, a JSON text in one line.
     void addToList(std::string const& element);
 
-    /// A warning, in one line that is safe to print, which goes to standard error too.
+    /// A warning, in one line that is safe to print, which goes to standard error too unless only
+    /// errors do.
     void addWarning(std::string const& text);
 
     /// The command ends by this error.
@@ -67,6 +86,8 @@ private:
 
     bool m_isJSON = false;
     bool m_isLine = false;
+    Words m_words = Words::Usual;
+    std::string m_command;
 
     /// The array that has been begun is part of the output, and has elements or none.
     enum class List { None, Empty, Filled };

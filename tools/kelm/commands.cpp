@@ -53,7 +53,7 @@ CLI::App& addPlainCommand(CLI::App& program, Run& run, std::string const& name,
     output->addTo(command);
     command.callback([&run, &command, output, action = std::move(action)] {
         run = [&command, output, action](Invocation& invocation) {
-            output->applyTo(invocation.getResult(), command);
+            output->applyTo(invocation, command);
             return action(invocation);
         };
     });

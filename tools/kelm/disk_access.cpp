@@ -38,6 +38,16 @@ void waitForParents(Invocation& invocation, host::SafeDisk& disk, yx::String con
     }
 }
 
+void explainParent(Invocation& invocation, host::SafeDisk& disk) {
+    std::string const name = host::displayName(disk.getDisk().getMainFileURI());
+    if (disk.hasParent()) {
+        invocation.getResult().explain(name + " has the parent " +
+                                       host::displayName(disk.getDisk().getParentDiskMainURI()));
+    } else {
+        invocation.getResult().explain(name + " has no parent");
+    }
+}
+
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
                                          yx::IIOStream::Access access, yx::String const& password,
                                          int compressionLevel) {
@@ -48,6 +58,7 @@ std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const&
             CVMDKGrainTableCache::kDefaultLimit, invocation.getTrust());
     });
     waitForParents(invocation, *disk, password);
+    explainParent(invocation, *disk);
     return disk;
 }
 

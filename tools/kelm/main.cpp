@@ -111,9 +111,12 @@ ExitStatus runCommand(Run const& run, CommandResult& result) {
     try {
         ExitStatus const status = run(invocation);
         kelm::tool::reportIgnoredErrors(result, std::nullopt);
+        invocation.tellMeter();
+        invocation.summarize();
         result.finish(status);
         return status;
     } catch (std::exception const& error) {
+        invocation.tellMeter();
         return answerError(result, error);
     }
 }

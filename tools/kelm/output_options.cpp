@@ -2,17 +2,21 @@
 
 #include <algorithm>
 #include <cctype>
+#include <map>
 #include <string>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "tools/kelm/command_result.h"
+#include "tools/kelm/invocation.h"
 #include "tools/kelm/options.h"
 
 namespace kelm::tool {
 
 namespace {
+
+std::map<std::string, ProgressKind> const kProgressKinds{
+    {"bar", ProgressKind::Bar}, {"json", ProgressKind::Lines}, {"none", ProgressKind::None}};
 
 std::string inLowerCase(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
@@ -40,12 +44,32 @@ nlohmann::ordered_json reportArguments(CLI::App const& command) {
 
 void OutputOptions::addTo(CLI::App& command) {
     addFlag(command, "--json", json, "Print one JSON object, also for an error");
+    addFlag(command, "--quiet", quiet, "Say nothing but errors");
+    addFlag(command, "--verbose", verbose,
+            "Say also what the work was based on, and how much was done");
+    command.get_option("--verbose")->excludes("--quiet");
+    command
+        .add_option("--progress", progress,
+                    "How progress is shown on standard error: bar (default, on a terminal), json "
+                    "(an object in a line, once a second) or none")
+        ->type_name("KIND")
+        ->check(CLI::IsMember({"bar", "json", "none"}));
 }
 
-void OutputOptions::applyTo(CommandResult& result, CLI::App const& command) const {
+Words OutputOptions::wordsWanted() const {
+    if (quiet)
+        return Words::Errors;
+    return verbose ? Words::All : Words::Usual;
+}
+
+void OutputOptions::applyTo(Invocation& invocation, CLI::App const& command) const {
+    CommandResult& result = invocation.getResult();
     result.begin(command.get_name(), reportArguments(command));
     if (json)
         result.useJSON();
+    result.setWords(wordsWanted());
+    ProgressKind const kind = kProgressKinds.at(progress);
+    invocation.setProgressKind(quiet && kind == ProgressKind::Bar ? ProgressKind::None : kind);
 }
 
 } // namespace kelm::tool

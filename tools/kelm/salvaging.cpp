@@ -68,7 +68,8 @@ ExitStatus reportDamage(Invocation& invocation, host::DamageList const& damage, 
                 host::printable(host::displayName(stretch.file) + ' ' + stretch.reason) + '\n';
     }
     text += std::to_string(damage.getDamagedBytes()) + " bytes damaged\n";
-    if (toError)
+    bool const isError = invocation.getResult().getWords() == Words::Errors;
+    if (toError || isError)
         std::fputs(text.c_str(), stderr);
     else
         invocation.getResult().print(text);
