@@ -82,6 +82,7 @@ protected:
             {"delete", "spare.vmdk"},
             {"prune", ".", "--keep-last", "1", "--dry-run"},
             {"prune", ".", "--keep-last", "100"},
+            {"help", "disks"},
         };
         return kCommands;
     }

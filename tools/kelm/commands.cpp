@@ -76,7 +76,9 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
     CLI::App& command =
         addPlainCommand(program, run, name, description, example, actionWithOptions);
     addNumberOption(command, "--max-rounds", *maxRounds, 1, std::numeric_limits<int>::max(),
-                    "The most rounds of key derivation that a disk may ask for");
+                    "The most rounds of key derivation that a disk may ask for; " +
+                        std::to_string(host::KeyDerivationWatch::kDefaultMaxRounds) +
+                        " by default");
     command.get_option("--max-rounds")->group(kPasswordHelpGroup);
     parentPasswords->addTo(command, "parent-", "of parents that have another one");
     trust->addTo(command);
