@@ -151,7 +151,7 @@ void DurableFiles::copy(yx::CURI const& from, yx::CURI const& to, CancelFlag con
     std::string const path = nativePathOf(from);
     FileDescriptor const source = openToRead(path);
     UnfinishedFile target(to);
-    copyFileContent({source.get(), path}, {target.get(), target.getPath()}, cancel);
+    copyFileContent({source.get(), path}, {target.get(), target.getPath()}, cancel, m_meter);
     target.takeRightsOf(from);
     target.giveName(false);
 }

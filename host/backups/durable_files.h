@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "host/system/cancel.h"
+#include "host/system/transfer_meter.h"
 #include "yx/base.h"
 #include "yx/uri.h"
 
@@ -25,6 +26,10 @@ public:
     DurableFiles(DurableFiles const&) = delete;
     DurableFiles& operator=(DurableFiles const&) = delete;
     ~DurableFiles() override = default;
+
+    /// What is copied is counted, and held to a rate, from now on. `meter` may be null, and must
+    /// outlive this.
+    void setMeter(TransferMeter* meter) { m_meter = meter; }
 
     /// Gives a file a second name. False where that cannot be: on another file system, on one
     /// without hard links, or for somebody else's file.
@@ -58,6 +63,9 @@ public:
     /// Deletes a file, and what a kill has left under its unfinished name. One that is not there is
     /// none to delete.
     virtual void remove(yx::CURI const& file);
+
+private:
+    TransferMeter* m_meter = nullptr;
 };
 
 /// The name of a file that is not complete yet.

@@ -79,41 +79,48 @@ void forEachStretch(OpenFile const& file, __int64 lengthBytes, Use const& use) {
 /// Calls `use(position, bytes of the source, their count)` for all that is no hole of it.
 template <class Use>
 void forEachPiece(OpenFile const& source, __int64 lengthBytes, CancelFlag const* cancel,
-                  Use const& use) {
+                  TransferMeter* meter, Use const& use) {
     std::vector<unsigned char> piece(static_cast<std::size_t>(kCopyPieceBytes));
     forEachStretch(source, lengthBytes, [&](__int64 start, __int64 end) {
         for (__int64 position = start; position < end; position += kCopyPieceBytes) {
             if (cancel)
                 cancel->check();
             auto const wanted = static_cast<std::size_t>(std::min(kCopyPieceBytes, end - position));
-            use(position, piece.data(), readPiece(source, position, piece.data(), wanted));
+            std::size_t const count = readPiece(source, position, piece.data(), wanted);
+            if (meter)
+                meter->addRead(static_cast<__int64>(count));
+            use(position, piece.data(), count);
         }
     });
 }
 
 } // namespace
 
-void copyFileContent(OpenFile const& source, OpenFile const& target, CancelFlag const* cancel) {
+void copyFileContent(OpenFile const& source, OpenFile const& target, CancelFlag const* cancel,
+                     TransferMeter* meter) {
     if (::ioctl(target.fileDescriptor, FICLONE, source.fileDescriptor) == 0)
         return;
     __int64 const lengthBytes = lengthOf(source);
     if (::ftruncate(target.fileDescriptor, lengthBytes) != 0)
         throwSystemError("Cannot give the file its length", target.path);
-    forEachPiece(source, lengthBytes, cancel,
+    forEachPiece(source, lengthBytes, cancel, meter,
                  [&](__int64 position, unsigned char const* bytes, std::size_t count) {
                      writePiece(target, position, bytes, count);
+                     if (meter)
+                         meter->addStored(static_cast<__int64>(count));
                  });
     if (::fsync(target.fileDescriptor) != 0)
         throwSystemError("Cannot sync the file", target.path);
     // Read from the device, as far as the system lets go of what it remembers.
     ::posix_fadvise(target.fileDescriptor, 0, 0, POSIX_FADV_DONTNEED);
-    if (!isCopyOf(source, target, cancel)) {
+    if (!isCopyOf(source, target, cancel, meter)) {
         throw yx::CIOError(yx::CIOError::IOFailure, "The copy differs from the file.",
                            yx::CProps().add("path", yx::String::fromUTF8(target.path)), nullptr);
     }
 }
 
-bool isCopyOf(OpenFile const& source, OpenFile const& copy, CancelFlag const* cancel) {
+bool isCopyOf(OpenFile const& source, OpenFile const& copy, CancelFlag const* cancel,
+              TransferMeter* meter) {
     __int64 const lengthBytes = lengthOf(source);
     if (lengthOf(copy) != lengthBytes)
         return false;
@@ -122,7 +129,7 @@ bool isCopyOf(OpenFile const& source, OpenFile const& copy, CancelFlag const* ca
     // Where the copy has data and the file has none, that must be zeros: it is asked for both.
     for (auto const& [from, to] : {std::pair(&source, &copy), std::pair(&copy, &source)}) {
         forEachPiece(
-            *from, lengthBytes, cancel,
+            *from, lengthBytes, cancel, meter,
             [&, other = to](__int64 position, unsigned char const* bytes, std::size_t count) {
                 isSame = isSame && readPiece(*other, position, copied.data(), count) == count &&
                          std::memcmp(bytes, copied.data(), count) == 0;

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "host/system/cancel.h"
+#include "host/system/transfer_meter.h"
 
 namespace kelm::host {
 
@@ -16,10 +17,13 @@ struct OpenFile {
 /// share their space, and there is nothing to compare; otherwise holes stay holes.
 ///
 /// Errors are those of `throwSystemError`; a copy that reads as something else is `yx::CIOError`
-/// `IOFailure` "The copy differs from the file." with "path". `cancel` may be null.
-void copyFileContent(OpenFile const& source, OpenFile const& target, CancelFlag const* cancel);
+/// `IOFailure` "The copy differs from the file." with "path". `cancel` and `meter` may be null; the
+/// meter is told of what is copied, and of what is read to compare it.
+void copyFileContent(OpenFile const& source, OpenFile const& target, CancelFlag const* cancel,
+                     TransferMeter* meter = nullptr);
 
-/// Whether a file holds what another one does. `cancel` may be null.
-bool isCopyOf(OpenFile const& source, OpenFile const& copy, CancelFlag const* cancel);
+/// Whether a file holds what another one does. `cancel` and `meter` may be null.
+bool isCopyOf(OpenFile const& source, OpenFile const& copy, CancelFlag const* cancel,
+              TransferMeter* meter = nullptr);
 
 } // namespace kelm::host

@@ -9,16 +9,6 @@ namespace kelm::host {
 
 namespace {
 
-std::string describeValue(yx::String const& value) {
-    if (!value.wx().StartsWith("file:///"))
-        return value.toStdString();
-    try {
-        return displayName(yx::CURI(value));
-    } catch (yx::CError const&) {
-        return value.toStdString();
-    }
-}
-
 std::string describeProps(yx::CProps const& props) {
     std::string text;
     for (int i = 0; i < props.getCount(); ++i) {
@@ -29,6 +19,16 @@ std::string describeProps(yx::CProps const& props) {
 }
 
 } // namespace
+
+std::string describeValue(yx::String const& value) {
+    if (!value.wx().StartsWith("file:///"))
+        return value.toStdString();
+    try {
+        return displayName(yx::CURI(value));
+    } catch (yx::CError const&) {
+        return value.toStdString();
+    }
+}
 
 std::string describeError(std::exception const& error) {
     if (dynamic_cast<std::bad_alloc const*>(&error))

@@ -6,6 +6,8 @@
 
 namespace kelm::host {
 
+class TransferMeter;
+
 /// What every long piece of work lets its caller choose: transfers, checks and comparisons alike.
 struct WorkOptions {
     /// How many threads compress and decompress; 0 for one per core.
@@ -16,6 +18,9 @@ struct WorkOptions {
 
     /// Once this flag is set, the work throws `CancelledError`. May be null.
     CancelFlag const* cancel = nullptr;
+
+    /// Counts what is read and stored, and holds it to a rate. May be null.
+    TransferMeter* meter = nullptr;
 
     /// An import brings what it has stored to the device whenever it is so much; what a kill or a
     /// power cut makes it lose is no more. The device is waited for then, so less costs time.

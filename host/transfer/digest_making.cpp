@@ -49,6 +49,8 @@ void DigestMaking::addRest(WorkOptions const& options) {
                 return false;
             item.grainIndex = next++;
             fill(item);
+            if (!item.hasDigest)
+                progress.addRead(item.input->getUsed());
             return true;
         },
         [&](GrainItem& item) {

@@ -108,6 +108,8 @@ void convertGrains(SafeDisk& from, SafeDisk& to, Reader& reader, RecordCheck che
                 to.writePreparedGrain(item.grainIndex, *item.result);
             else if (to.hasParent())
                 storeZeroGrain(to, item.grainIndex);
+            if (item.result)
+                progress.addStored(bytesInDisk(from, item.grainIndex));
             if (item.result && digests)
                 digests->add(item.grainIndex, item.digest);
             else if (digests && to.isGrainWrittenHere(item.grainIndex))
@@ -125,8 +127,11 @@ void convertBytes(SafeDisk& from, SafeDisk& to, Reader& reader, TransferProgress
     while (reader.readNextPlain(grain, grainIndex)) {
         __int64 const positionBytes = grainIndex * from.getGrainSizeBytes();
         assert(positionBytes + grain.getUsed() <= to.getSizeBytes());
-        if (to.hasParent() || !isZeroGrain(grain))
+        bool const isZero = isZeroGrain(grain);
+        if (to.hasParent() || !isZero)
             to.write(positionBytes, grain.getData(), grain.getUsed());
+        if (!isZero)
+            progress.addStored(grain.getUsed());
         progress.advanceTo(positionBytes);
     }
 }
@@ -134,7 +139,8 @@ void convertBytes(SafeDisk& from, SafeDisk& to, Reader& reader, TransferProgress
 /// Reads some of the grains of a disk, as `WrittenGrainReader` reads all that are written.
 class ChosenGrainReader {
 public:
-    ChosenGrainReader(SafeDisk& disk, GrainSet const& grains) : m_disk(disk), m_grains(grains) {}
+    ChosenGrainReader(SafeDisk& disk, GrainSet const& grains, TransferProgress& progress)
+        : m_disk(disk), m_grains(grains), m_progress(progress) {}
 
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex, bool& isPrepared) {
         if (!findNext(grainIndex))
@@ -144,6 +150,7 @@ public:
             if (!isPrepared)
                 readPlainGrain(m_disk, grainIndex, grain);
         });
+        m_progress.addRead(grain.getUsed());
         return true;
     }
 
@@ -151,6 +158,7 @@ public:
         if (!findNext(grainIndex))
             return false;
         withGrainPlace(m_disk, grainIndex, [&] { readPlainGrain(m_disk, grainIndex, grain); });
+        m_progress.addRead(grain.getUsed());
         return true;
     }
 
@@ -163,6 +171,7 @@ private:
 
     SafeDisk& m_disk;
     GrainSet const& m_grains;
+    TransferProgress& m_progress;
     __int64 m_nextGrainIndex = 0;
 };
 
@@ -210,7 +219,7 @@ void convertGrainsOf(SafeDisk& from, SafeDisk& to, GrainSet const& grains,
     beginWholeReading(from, options.cancel);
     beginWholeReading(to, options.cancel);
     TransferProgress progress(options, from.getSizeBytes());
-    ChosenGrainReader reader(from, grains);
+    ChosenGrainReader reader(from, grains, progress);
     convertBy(reader, from, to, options, {check, digests}, progress);
     to.writeZeros(from.getSizeBytes(), to.getSizeBytes() - from.getSizeBytes());
     to.flush();

@@ -3,6 +3,7 @@
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/periodic_flush.h"
+#include "host/transfer/plain_grains.h"
 #include "host/transfer/record_verifier.h"
 #include "host/transfer/transfer_progress.h"
 
@@ -20,6 +21,9 @@ public:
     void copy(__int64 grainIndex) {
         withGrainPlace(m_disk, grainIndex, [&] { m_disk.holdGrain(grainIndex); });
         m_flush.addGrain();
+        __int64 const bytes = bytesInDisk(m_disk, grainIndex);
+        m_progress.addStored(bytes);
+        m_progress.addRead(bytes);
         m_progress.advanceTo(grainIndex * m_disk.getGrainSizeBytes());
     }
 

@@ -9,10 +9,11 @@
 namespace kelm::host {
 
 ImageReader::ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length,
-                         ChangedGrains const* changes)
+                         TransferProgress& progress, ChangedGrains const* changes)
     : m_source(source),
       m_disk(disk),
       m_length(length),
+      m_progress(progress),
       m_changes(changes),
       m_grainSizeBytes(static_cast<int>(disk.getGrainSizeBytes())) {
     verifyFits(source.getLength());
@@ -68,6 +69,8 @@ bool ImageReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainInde
         verifyIsNotShort();
         return false;
     }
+    if (!isHole)
+        m_progress.addRead(count);
     // Only the last grain may be short.
     assert(!m_isAtEnd && count <= m_grainSizeBytes);
     assert(m_doneBytes == m_nextGrainIndex * m_grainSizeBytes);

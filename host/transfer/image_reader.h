@@ -4,6 +4,7 @@
 #include "host/transfer/changed_grains.h"
 #include "host/transfer/image_length.h"
 #include "host/transfer/raw_source.h"
+#include "host/transfer/transfer_progress.h"
 
 namespace kelm::host {
 
@@ -11,14 +12,15 @@ namespace kelm::host {
 /// reads an image by `RawContentReader`, which knows no disk.
 class ImageReader {
 public:
-    /// `source` and `disk` must outlive the reader. An image longer than the disk is `CIOError`
+    /// `source`, `disk` and `progress` must outlive the reader. An image longer than the disk is `CIOError`
     /// `NotAllowed` "The image is larger than the disk." with "imageSize" and "diskSize" in bytes:
     /// at once if the length is known, or else when `readNext` meets the surplus. So is one longer
     /// than `length`: "The image is longer than expected." with "imageSize" and "expectedSize".
     /// With `changes`, which may be null and must outlive the reader, only the grains that these say
     /// are read; the source is no pipe then.
+    /// `progress` is told of what is read.
     ImageReader(RawSource& source, SafeDisk& disk, ImageLength const& length,
-                ChangedGrains const* changes = nullptr);
+                TransferProgress& progress, ChangedGrains const* changes = nullptr);
 
     /// Reads the next grain and sets its index, or returns false at the end of the image. `grain`
     /// gets the full size of a grain, or 0 bytes for a grain in a hole. What the image does not
@@ -38,6 +40,7 @@ private:
     RawSource& m_source;
     SafeDisk& m_disk;
     ImageLength m_length;
+    TransferProgress& m_progress;
     ChangedGrains const* m_changes;
     int m_grainSizeBytes;
     __int64 m_nextGrainIndex = 0;

@@ -21,7 +21,10 @@ void exportPlain(SafeDisk& disk, ImageWriter& writer, TransferProgress& progress
     __int64 grainIndex = 0;
     bool isPrepared = false;
     while (reader.readNext(grain, grainIndex, isPrepared)) {
-        writer.write(grainIndex, isZeroGrain(grain) ? nullptr : &grain);
+        bool const isZero = isZeroGrain(grain);
+        writer.write(grainIndex, isZero ? nullptr : &grain);
+        if (!isZero)
+            progress.addStored(grain.getUsed());
         progress.advanceTo(grainIndex * disk.getGrainSizeBytes());
     }
 }
@@ -48,6 +51,8 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
         },
         [&](GrainItem& item) {
             writer.writeLate(item.grainIndex, item.result.get());
+            if (item.result)
+                progress.addStored(item.result->getUsed());
             progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
         },
         grainPlaceOf(disk));

@@ -30,6 +30,12 @@ bool holdsEqualGrain(SafeDisk& disk, __int64 grainIndex, Buffer const& grain, Bu
                        static_cast<std::size_t>(scratch.getUsed())) == 0;
 }
 
+/// Counts a grain that has been written, unless that was zeros, which take no space.
+void addIfStored(SafeDisk& disk, __int64 grainIndex, TransferProgress& progress) {
+    if (disk.isGrainWrittenHere(grainIndex))
+        progress.addStored(bytesInDisk(disk, grainIndex));
+}
+
 /// On one thread: without digests, there is nothing to compute for a disk of plain grains, and what
 /// is to be compared with the image only the thread of the disk may read.
 void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared, PeriodicFlush& flush,
@@ -44,6 +50,7 @@ void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared, Period
         } else if (!isCompared || !holdsEqualGrain(disk, grainIndex, grain, scratch)) {
             storePlainGrain(disk, grainIndex, grain);
             flush.addGrain();
+            addIfStored(disk, grainIndex, progress);
         }
         progress.advanceTo(reader.getDoneBytes());
     }
@@ -133,6 +140,7 @@ void importHashed(ImageReader& reader, SafeDisk& disk, bool isCompared, DigestMa
                                 !holdsEqualGrain(disk, item.grainIndex, *item.input, scratch)) {
                          storePlainGrain(disk, item.grainIndex, *item.input);
                          flush.addGrain();
+                         addIfStored(disk, item.grainIndex, progress);
                          isStored = item.hasDigest;
                      }
                      if (isStored)
@@ -239,6 +247,7 @@ void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge cons
             else
                 storePlainGrain(disk, item.grainIndex, *item.input);
             flush.addGrain();
+            addIfStored(disk, item.grainIndex, progress);
             if (item.hasDigest)
                 digests.addStored(item);
             else
@@ -268,6 +277,7 @@ void importCompressed(ImageReader& reader, SafeDisk& disk, DigestMaking* making,
                          storePlainGrain(disk, item.grainIndex, *item.input);
                      if (item.result) {
                          flush.addGrain();
+                         addIfStored(disk, item.grainIndex, progress);
                          digests.addStored(item);
                      }
                      progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
@@ -284,7 +294,7 @@ void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
         beginWholeReading(disk, options.cancel);
     TransferProgress progress(options, source.getLength());
     assert(!changes || (disk.hasParent() && present == PresentContent::OfParent));
-    ImageReader reader(source, disk, length, changes);
+    ImageReader reader(source, disk, length, progress, changes);
     PeriodicFlush flush(disk, options.flushIntervalBytes);
     int const threads = countThreads(options);
     if (disk.getDisk().getCompressed() && !isCompared)

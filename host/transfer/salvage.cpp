@@ -24,8 +24,13 @@ void forEachChunk(SalvagedDisk& disk, __int64 startBytes, __int64 endBytes,
     for (__int64 position = startBytes; position < endBytes; position += kSalvagedChunkBytes) {
         int const bytes =
             static_cast<int>(std::min<__int64>(kSalvagedChunkBytes, endBytes - position));
-        bool const isZero = !disk.read(position, chunk.getData(), bytes) ||
-                            yx::isAllZero(chunk.getData(), static_cast<std::size_t>(bytes));
+        bool const isStored = disk.read(position, chunk.getData(), bytes);
+        bool const isZero =
+            !isStored || yx::isAllZero(chunk.getData(), static_cast<std::size_t>(bytes));
+        if (isStored)
+            progress.addRead(bytes);
+        if (!isZero)
+            progress.addStored(bytes);
         use(position, isZero ? nullptr : chunk.getData(), bytes);
         progress.advanceTo(position);
     }

@@ -3,10 +3,25 @@
 #include <algorithm>
 #include <cassert>
 
+#include "host/system/transfer_meter.h"
+
 namespace kelm::host {
 
 TransferProgress::TransferProgress(WorkOptions const& options, __int64 totalBytes)
-    : m_throttle(options.progress), m_cancel(options.cancel), m_totalBytes(totalBytes) {}
+    : m_throttle(options.progress),
+      m_cancel(options.cancel),
+      m_meter(options.meter),
+      m_totalBytes(totalBytes) {}
+
+void TransferProgress::addRead(__int64 bytes) {
+    if (m_meter)
+        m_meter->addRead(bytes);
+}
+
+void TransferProgress::addStored(__int64 bytes) {
+    if (m_meter)
+        m_meter->addStored(bytes);
+}
 
 void TransferProgress::advanceTo(__int64 doneBytes) {
     assert(doneBytes >= 0);

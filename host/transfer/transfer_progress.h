@@ -17,12 +17,20 @@ public:
     /// cancelled.
     void advanceTo(__int64 doneBytes);
 
+    /// Tells the meter of the options, if there is one, that so many bytes have been read from what
+    /// is copied; waits, and throws `CancelledError`, as that says.
+    void addRead(__int64 bytes);
+
+    /// The same for content that has been stored.
+    void addStored(__int64 bytes);
+
     /// Reports the end; `doneBytes` is the size of the whole.
     void finish(__int64 doneBytes);
 
 private:
     ProgressThrottle m_throttle;
     CancelFlag const* m_cancel;
+    TransferMeter* m_meter;
     __int64 m_totalBytes;
     __int64 m_doneBytes = 0;
 };

@@ -36,6 +36,7 @@ bool WrittenGrainReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& gr
         if (!isPrepared)
             readPlainGrain(m_disk, grainIndex, grain);
     });
+    m_progress.addRead(grain.getUsed());
     return true;
 }
 
@@ -44,6 +45,7 @@ bool WrittenGrainReader::readNextPlain(yx::TBuffer<unsigned char>& grain, __int6
         return false;
     grainIndex = m_nextGrainIndex++;
     withGrainPlace(m_disk, grainIndex, [&] { readPlainGrain(m_disk, grainIndex, grain); });
+    m_progress.addRead(grain.getUsed());
     return true;
 }
 

@@ -11,7 +11,8 @@ namespace kelm::host {
 /// `forEachGrainRun`.
 class WrittenGrainReader {
 public:
-    /// Both must outlive the reader. `progress` advances while grains are skipped.
+    /// Both must outlive the reader. `progress` advances while grains are skipped, and is told of
+    /// what is read.
     WrittenGrainReader(SafeDisk& disk, TransferProgress& progress);
 
     /// The same, but only of grains that begin before `endBytes`.

@@ -34,6 +34,19 @@ protected:
         return options;
     }
 
+    /// Those that the help describes, without those that it only mentions.
+    std::set<std::string> optionsOf(std::string const& command) const {
+        std::set<std::string> options;
+        std::istringstream lines(runWell({command, "--help"}));
+        std::regex const entry("  (?:-h,)?(--[a-z][a-z-]*).*");
+        std::smatch found;
+        for (std::string line; std::getline(lines, line);) {
+            if (std::regex_match(line, found, entry))
+                options.insert(found[1]);
+        }
+        return options;
+    }
+
     static std::string replaceAll(std::string text, std::string const& from,
                                   std::string const& to) {
         for (std::size_t at = text.find(from); at != std::string::npos;
@@ -165,6 +178,33 @@ TEST_F(Manual, ShellCompletesCommandsOptionsAndFiles) {
     EXPECT_EQ(complete({"kelm", "info", "disk"}),
               (std::set<std::string>{"disk one.vmdk", "disk.img"}));
     EXPECT_EQ(complete({"kelm", "create", "disk.vmdk", "--size", "d"}), std::set<std::string>());
+}
+
+TEST_F(Manual, TheOtherShellsKnowEveryCommandAndOption) {
+    std::string const folder = KELM_SOURCE_DIR "/tools/kelm/completion/";
+    std::string const fish = runShell("cat '" + folder + "kelm.fish'").out;
+    std::string const zsh = runShell("cat '" + folder + "_kelm'").out;
+    for (std::string const& command : allCommands()) {
+        SCOPED_TRACE(command);
+        EXPECT_NE(fish.find("-n __fish_use_subcommand -f -a " + command + " -d "),
+                  std::string::npos);
+        EXPECT_NE(zsh.find("\n        '" + command + ":"), std::string::npos);
+        std::set<std::string> const options = optionsOf(command);
+        std::set<std::string> offeredByFish;
+        std::regex const line("__fish_seen_subcommand_from " + command + "' -l ([a-z-]+) ");
+        for (std::sregex_iterator found(fish.begin(), fish.end(), line), end; found != end; ++found)
+            offeredByFish.insert("--" + (*found)[1].str());
+        EXPECT_EQ(offeredByFish, options);
+        std::size_t const start = zsh.find("\n                " + command + ")\n");
+        ASSERT_NE(start, std::string::npos);
+        std::string const part = zsh.substr(start, zsh.find(";;", start) - start);
+        std::set<std::string> offeredByZsh;
+        std::regex const entry("'(--[a-z-]+)\\[");
+        for (std::sregex_iterator found(part.begin(), part.end(), entry), end; found != end;
+             ++found)
+            offeredByZsh.insert((*found)[1]);
+        EXPECT_EQ(offeredByZsh, options);
+    }
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include <cstdlib>
 
+#include <nlohmann/json.hpp>
+
 #include "tests/endtoend/tool_fixture.h"
 
 namespace endtoend {
@@ -88,8 +90,8 @@ TEST_F(Passwords, AreChangedForADiskOrForItsChain) {
         run({"password", "child.vmdk", "--chain", "--rounds", "1000", "--json", "--password-file",
              "new", "--parent-password-file", "right", "--new-password-file", "new"});
     EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.out, "{\n  \"changed\": [\n    \"" + path("child.vmdk") + "\",\n    \"" +
-                               path("disk.vmdk") + "\"\n  ]\n}\n");
+    EXPECT_EQ(nlohmann::json::parse(outcome.out)["changed"],
+              (nlohmann::json{path("child.vmdk"), path("disk.vmdk")}));
     EXPECT_EQ(outcome.err, "kelm: warning: '" + path("other.vmdk") +
                                "' keeps its password, and needs --parent-password-file for its "
                                "parents now.\n");

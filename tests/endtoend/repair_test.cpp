@@ -1,3 +1,5 @@
+#include <nlohmann/json.hpp>
+
 #include "tests/endtoend/tool_fixture.h"
 
 namespace endtoend {
@@ -5,6 +7,8 @@ namespace endtoend {
 namespace repair_test {
 
 namespace {
+
+using nlohmann::json;
 
 constexpr std::size_t kSector = 512;
 
@@ -53,13 +57,13 @@ TEST_F(RepairTool, MendsTakesBackAndSaysWhatItDoes) {
 TEST_F(RepairTool, PrintsJSON) {
     makeDisk({});
     damageDisk();
-    EXPECT_EQ(runWell({"repair", "disk.vmdk", "--json"}),
-              "{\n  \"dryRun\": false,\n  \"files\": [\n    {\n      \"file\": \"" +
-                  path("disk.vmdk") +
-                  "\",\n      \"mended\": [\n        \"the header\",\n        \"the grain "
-                  "directory\"\n      ],\n      \"left\": []\n    }\n  ]\n}\n");
-    EXPECT_EQ(runWell({"repair", "disk.vmdk", "--undo", "--json"}),
-              "{\n  \"sectorsBroughtBack\": 2\n}\n");
+    json const repaired = json::parse(runWell({"repair", "disk.vmdk", "--json"}));
+    EXPECT_EQ(repaired["dryRun"], false);
+    EXPECT_EQ(repaired["files"], json::array({{{"file", path("disk.vmdk")},
+                                               {"mended", {"the header", "the grain directory"}},
+                                               {"left", json::array()}}}));
+    EXPECT_EQ(
+        json::parse(runWell({"repair", "disk.vmdk", "--undo", "--json"}))["sectorsBroughtBack"], 2);
 }
 
 TEST_F(RepairTool, OfASoundDiskSaysNothing) {

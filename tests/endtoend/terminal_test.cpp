@@ -1,3 +1,5 @@
+#include <regex>
+
 #include <unistd.h>
 
 #include "tests/endtoend/tool_fixture.h"
@@ -81,7 +83,12 @@ TEST_F(Terminal, LongWorkShowsABarThatGoesAway) {
     EXPECT_NE(imported.shown.find("\rimport 100% [##############################] "),
               std::string::npos)
         << imported.shown;
-    EXPECT_EQ(imported.shown.rfind("\r\x1b[K"), imported.shown.size() - 4) << imported.shown;
+    std::string const clearing = "\r\x1b[K";
+    std::size_t const end = imported.shown.rfind(clearing) + clearing.size();
+    std::regex const summary("kelm: import took [0-9.]+ s, .*/s\r\nkelm: read 8.0 MiB, stored "
+                             ".*, skipped .* that are zeros or the parent's, 0 warnings\r\n");
+    EXPECT_TRUE(std::regex_match(imported.shown.substr(end), summary)) << imported.shown;
+    EXPECT_EQ(play({"import", "image", "disk.vmdk", "--force", "--quiet"}).shown, "");
 }
 
 TEST_F(Terminal, FindingsStandOnLinesOfTheirOwn) {

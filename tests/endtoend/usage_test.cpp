@@ -29,6 +29,36 @@ TEST_F(Usage, HelpOfCheckSaysWhatItCannotNotice) {
     EXPECT_LT(words, help.find("Example:\n  kelm check")) << help;
 }
 
+TEST_F(Usage, HelpHasTheTextOfCommandsAndOfTheManual) {
+    for (std::string const& command : allCommands())
+        EXPECT_EQ(runWell({"help", command}), runWell({command, "--help"}));
+    std::string const status = runWell({"help", "exit-status"});
+    EXPECT_TRUE(
+        status.starts_with("0\n    Done.\n\n1\n    compare found differences, or check found "
+                           "something wrong.\n\n2\n    Wrong usage.\n"))
+        << status;
+    EXPECT_TRUE(
+        status.ends_with("\nA command that fails or is interrupted removes the files that it "
+                         "made, and\nleaves no lock. SIGINT, SIGTERM and SIGHUP interrupt: "
+                         "the command cleans up\nand ends with status 10. A second signal ends "
+                         "it at once. If the reader of the\noutput goes away, the status is 3; "
+                         "if the output is full, it is 9.\n"))
+        << status;
+    std::string const overview = runWell({"help"});
+    EXPECT_TRUE(overview.starts_with(runWell({"--help"}))) << overview;
+    for (std::string const topic : {"disks", "options", "passwords", "exit-status", "examples"}) {
+        std::string const text = runWell({"help", topic});
+        EXPECT_GT(text.size(), 100U) << topic;
+        // Nothing of the page's own language is left.
+        EXPECT_EQ(text.find("\n."), std::string::npos) << text;
+        EXPECT_EQ(text.find("\\f"), std::string::npos) << text;
+        EXPECT_EQ(text.find("\\-"), std::string::npos) << text;
+        EXPECT_NE(overview.find(topic), std::string::npos) << overview;
+    }
+    EXPECT_NE(runBadly(2, {"help", "tea"}).find("There is no help on 'tea', only on: disks, "),
+              std::string::npos);
+}
+
 TEST_F(Usage, EveryCommandHasHelpWithAnExample) {
     for (std::string const& command : allCommands()) {
         std::string const help = runWell({command, "--help"});

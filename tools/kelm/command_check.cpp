@@ -9,6 +9,8 @@
 #include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
+#include "tools/kelm/error_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/output.h"
@@ -49,11 +51,14 @@ host::CheckResult checkWith(Invocation& invocation, yx::CURI const& uri,
         return host::checkDisk(invocation.getFiles(), uri, password, work.getOptions(), report,
                                invocation.getTrust(), scope);
     };
+    CommandResult& result = invocation.getResult();
     bool hasFindings = false;
     host::FindingCallback const report = [&](yx::CURI const& file, std::string const& text) {
         hasFindings = true;
         work.hideBar();
-        print(host::printable(host::displayName(file)) + ": " + text + "\n");
+        std::string const name = host::displayName(file);
+        result.print(host::printable(name) + ": " + text + "\n");
+        result.addToList(formatElement(reportFinding(name, text)));
         // The next one may be a long time coming.
         flushOutput();
     };
@@ -90,16 +95,23 @@ void warnOfOldDigests(yx::CURI const& disk) {
 }
 
 /// How much was read, and what that is worth.
-void printSample(CheckArguments const& arguments, host::CheckResult const& result) {
+void printSample(CommandResult& output, CheckArguments const& arguments,
+                 host::CheckResult const& result) {
+    bool const isSure = result.findingCount == 0 && result.readGrainCount < result.heldGrainCount;
+    double const maxDamagedPercent =
+        isSure ? host::GrainSample::calcMaxDamagedPercent(result.readGrainCount) : 0;
     std::ostringstream text;
     text << "read " << result.readGrainCount << " of " << result.heldGrainCount << " grains (seed "
          << arguments.seed << ")";
-    if (result.findingCount == 0 && result.readGrainCount < result.heldGrainCount) {
-        text << "; with 95 % certainty, at most " << std::setprecision(3)
-             << host::GrainSample::calcMaxDamagedPercent(result.readGrainCount)
+    if (isSure) {
+        text << "; with 95 % certainty, at most " << std::setprecision(3) << maxDamagedPercent
              << " % of them are damaged";
     }
-    print(text.str() + "\n");
+    output.print(text.str() + "\n");
+    nlohmann::ordered_json sample{{"seed", arguments.seed}};
+    if (isSure)
+        sample["maxDamagedPercent"] = maxDamagedPercent;
+    output.add({{"sample", sample}});
 }
 
 constexpr char kWhatIsNotNoticed[] =
@@ -113,17 +125,24 @@ constexpr char kWhatIsNotNoticed[] =
     "  - whether the disk holds what it was made of: 'kelm compare' tells that\n\n";
 
 ExitStatus check(Invocation& invocation, CheckArguments& arguments) {
+    invocation.setLong();
     if (arguments.isSample() && arguments.seed == 0)
         arguments.seed = yx::CMTRand::drawGlobal32();
+    CommandResult& output = invocation.getResult();
+    output.beginList("findings");
     host::CheckResult const result = checkAskingForPassword(invocation, arguments);
     for (yx::CURI const& disk : result.outOfDate)
         warnOfOldDigests(disk);
     if (arguments.isSample())
-        printSample(arguments, result);
+        printSample(output, arguments, result);
     __int64 const findings = result.findingCount;
+    output.add({{"findingCount", findings},
+                {"readGrains", result.readGrainCount},
+                {"heldGrains", result.heldGrainCount},
+                {"outOfDateDigests", listNames(result.outOfDate)}});
     if (findings == 0)
         return ExitStatus::Done;
-    print(std::to_string(findings) + (findings == 1 ? " finding\n" : " findings\n"));
+    output.print(std::to_string(findings) + (findings == 1 ? " finding\n" : " findings\n"));
     return ExitStatus::Differences;
 }
 

@@ -7,7 +7,6 @@
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -15,7 +14,6 @@ namespace {
 
 struct CompactArguments {
     std::string disk;
-    bool json = false;
     PasswordOptions passwords;
 };
 
@@ -36,7 +34,7 @@ std::string formatCompaction(std::vector<host::CompactedFile> const& files) {
     return text.empty() ? "nothing to win\n" : text;
 }
 
-std::string formatCompactionJSON(std::vector<host::CompactedFile> const& files) {
+nlohmann::ordered_json reportCompaction(std::vector<host::CompactedFile> const& files) {
     nlohmann::ordered_json list = nlohmann::ordered_json::array();
     __int64 wonBytes = 0;
     for (host::CompactedFile const& file : files) {
@@ -48,7 +46,7 @@ std::string formatCompactionJSON(std::vector<host::CompactedFile> const& files) 
         list.push_back(entry);
         wonBytes += bytesWon(file);
     }
-    return formatJSON({{"bytesWon", wonBytes}, {"files", list}}) + "\n";
+    return {{"bytesWon", wonBytes}, {"files", list}};
 }
 
 std::vector<host::CompactedFile> runCompaction(Invocation& invocation, CompactArguments& arguments,
@@ -65,11 +63,13 @@ std::vector<host::CompactedFile> runCompaction(Invocation& invocation, CompactAr
 }
 
 ExitStatus compactDisk(Invocation& invocation, CompactArguments& arguments) {
+    invocation.setLong();
     yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
     std::vector<host::CompactedFile> const files =
         withPassword(invocation, arguments.disk, arguments.passwords,
                      [&] { return runCompaction(invocation, arguments, mainFile); });
-    print(arguments.json ? formatCompactionJSON(files) : formatCompaction(files));
+    invocation.getResult().print(formatCompaction(files));
+    invocation.getResult().add(reportCompaction(files));
     return ExitStatus::Done;
 }
 
@@ -83,7 +83,6 @@ void addCompactCommand(CLI::App& program, Run& run) {
                        return compactDisk(invocation, *arguments);
                    });
     addFileArgument(command, "DISK", arguments->disk, "The main file of the disk");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

@@ -6,8 +6,8 @@
 #include "host/transfer/raw_content_reader.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 #include "tools/kelm/two_disk_passwords.h"
 
 namespace kelm::tool {
@@ -52,13 +52,16 @@ ExitStatus compare(Invocation& invocation, CompareArguments& arguments) {
         LongWork const work(invocation, "compare");
         result = host::compareContent(left.getReader(), right.getReader(), work.getOptions());
     }
+    CommandResult& output = invocation.getResult();
+    output.add({{"equal", result.isEqual()}, {"differingBytes", result.differingBytes}});
     if (result.isEqual()) {
-        print("equal\n");
+        output.print("equal\n");
         return ExitStatus::Done;
     }
-    print("first difference at byte " + std::to_string(*result.firstDifferenceBytes) + "\n" +
-          std::to_string(result.differingBytes) +
-          (result.differingBytes == 1 ? " byte differs\n" : " bytes differ\n"));
+    output.add({{"firstDifferenceBytes", *result.firstDifferenceBytes}});
+    output.print("first difference at byte " + std::to_string(*result.firstDifferenceBytes) + "\n" +
+                 std::to_string(result.differingBytes) +
+                 (result.differingBytes == 1 ? " byte differs\n" : " bytes differ\n"));
     return ExitStatus::Differences;
 }
 

@@ -13,6 +13,7 @@
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/salvaging.h"
+#include "tools/kelm/transfer_options.h"
 #include "tools/kelm/two_disk_passwords.h"
 
 namespace kelm::tool {
@@ -26,6 +27,7 @@ struct ConvertArguments {
     int threads = 0;
     bool noVerify = false;
     bool unfinished = false;
+    TransferOptions transfer;
     SalvageFlags salvage;
     NewDiskOptions newDisk;
     TwoDiskPasswords passwords;
@@ -90,10 +92,11 @@ ExitStatus salvageDisk(Invocation& invocation, ConvertArguments& arguments) {
     host::convertSalvaged(*from, to.getDisk(), imageBytes, work.getOptions());
     to.finish();
     work.hideBar();
-    return reportDamage(from->getDamage(), false);
+    return reportDamage(invocation, from->getDamage(), false);
 }
 
 ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     if (arguments.salvage.takeEffect() && !arguments.newDisk.parent.empty())
@@ -113,6 +116,7 @@ ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
     // A record that was not decoded has no content that is known, and perhaps none.
     bool const hasDigests = !arguments.newDisk.noDigests && !arguments.noVerify;
     copyGrains(invocation, arguments, *from, to.getDisk(), hasDigests ? &to.addDigests() : nullptr);
+    invocation.tellSkipped(facts.exactSizeBytes);
     LongWork const work(invocation, "convert", arguments.threads);
     if (facts.keepsExactSize)
         host::setExactSizeBytes(to.getDisk(), arguments.sizeBytes);
@@ -143,6 +147,7 @@ void addConvertCommand(CLI::App& program, Run& run) {
     addUnfinishedOption(command, arguments->unfinished);
     arguments->salvage.addTo(command);
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command);
 }
 

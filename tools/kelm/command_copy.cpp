@@ -2,12 +2,11 @@
 
 #include "host/backups/disk_copy.h"
 #include "host/store/file_names.h"
-#include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -16,10 +15,11 @@ namespace {
 struct CopyArguments {
     std::string from;
     std::string to;
-    bool json = false;
+    TransferOptions transfer;
 };
 
 ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
+    arguments.transfer.takeEffect(invocation);
     yx::CURI const from = host::uriFromArgument(arguments.from);
     yx::CURI const to = host::uriFromArgument(nameIn(arguments.to, arguments.from));
     warnOfEndedWork(from);
@@ -28,14 +28,11 @@ ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
     options.trust = invocation.getTrust();
     options.work = work.getOptions();
     host::DurableFiles steps;
+    steps.setMeter(&invocation.getMeter());
     std::vector<yx::CURI> const files = invocation.getWait().retry(
         [&] { return host::DiskCopy(invocation.getFiles(), steps, from, to, options).run(); });
-    if (arguments.json) {
-        print(formatJSON({{"files", listNames(files)}}) + "\n");
-    } else {
-        for (yx::CURI const& file : files)
-            print(host::printable(host::displayName(file)) + "\n");
-    }
+    invocation.getResult().add({{"files", listNames(files)}});
+    invocation.getResult().print(formatNames(files));
     return ExitStatus::Done;
 }
 
@@ -50,7 +47,7 @@ void addCopyCommand(CLI::App& program, Run& run) {
                    });
     addFileArgument(command, "OLD", arguments->from, "The main file of the disk");
     addFileArgument(command, "NEW", arguments->to, "The main file of the copy, or a folder");
-    addFlag(command, "--json", arguments->json, "Print JSON");
+    arguments->transfer.addTo(command);
 }
 
 } // namespace kelm::tool

@@ -8,7 +8,6 @@
 #include "tools/kelm/errors.h"
 #include "tools/kelm/flattening.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -19,7 +18,6 @@ struct DeleteArguments {
     std::vector<std::string> lookIn;
     bool withChildren = false;
     bool keepChildren = false;
-    bool json = false;
     PasswordOptions passwords;
 };
 
@@ -33,17 +31,11 @@ std::vector<yx::CURI> makeChildrenIndependent(Invocation& invocation, DeleteArgu
     return children;
 }
 
-std::string formatDeletion(bool json, std::vector<yx::CURI> const& files,
-                           std::vector<yx::CURI> const& kept) {
-    if (json)
-        return formatJSON({{"files", listNames(files)}, {"madeIndependent", listNames(kept)}}) +
-               "\n";
+std::string formatDeletion(std::vector<yx::CURI> const& files, std::vector<yx::CURI> const& kept) {
     std::string text;
     for (yx::CURI const& child : kept)
         text += "independent: " + host::printable(host::displayName(child)) + "\n";
-    for (yx::CURI const& file : files)
-        text += host::printable(host::displayName(file)) + "\n";
-    return text;
+    return text + formatNames(files);
 }
 
 ExitStatus deleteDisk(Invocation& invocation, DeleteArguments& arguments) {
@@ -60,7 +52,8 @@ ExitStatus deleteDisk(Invocation& invocation, DeleteArguments& arguments) {
     host::DurableFiles steps;
     std::vector<yx::CURI> const files = invocation.getWait().retry(
         [&] { return host::DiskDeletion(invocation.getFiles(), steps, mainFile, options).run(); });
-    print(formatDeletion(arguments.json, files, kept));
+    invocation.getResult().add({{"files", listNames(files)}, {"madeIndependent", listNames(kept)}});
+    invocation.getResult().print(formatDeletion(files, kept));
     return ExitStatus::Done;
 }
 
@@ -77,7 +70,6 @@ void addDeleteCommand(CLI::App& program, Run& run) {
             "Delete the children too, and theirs");
     addFlag(command, "--keep-children", arguments->keepChildren,
             "Make the children independent of the disk first");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     arguments->passwords.addTo(command, "", "of the children");
 }
 

@@ -3,14 +3,17 @@
 #include <CLI/CLI.hpp>
 
 #include "host/digest/disk_digests.h"
+#include "host/disk/digest_file_name.h"
+#include "host/system/name_text.h"
 #include "host/transfer/digest_making.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/whole_reading.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -21,6 +24,7 @@ struct DigestArguments {
     int threads = 0;
     bool print = false;
     bool imageDigest = false;
+    TransferOptions transfer;
     bool force = false;
     PasswordOptions passwords;
 };
@@ -45,7 +49,9 @@ ExitStatus printImageDigest(Invocation& invocation, host::SafeDisk& disk,
         image.addFromDisk(disk, exactSizeBytes, work.getOptions());
         digest = image.finish();
     }
-    print(host::formatImageDigest(*digest));
+    std::string const text = host::formatImageDigest(*digest);
+    invocation.getResult().print(text);
+    invocation.getResult().add({{"imageDigest", text.substr(0, text.find(' '))}});
     return ExitStatus::Done;
 }
 
@@ -58,6 +64,7 @@ void verifyHasNone(Invocation& invocation, host::SafeDisk& disk) {
 }
 
 ExitStatus digest(Invocation& invocation, DigestArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     if (arguments.print && (arguments.imageDigest || arguments.force))
         throw UsageError("--print makes no digests; leave out --image-digest and --force.");
     std::unique_ptr<host::SafeDisk> const disk =
@@ -73,6 +80,8 @@ ExitStatus digest(Invocation& invocation, DigestArguments& arguments) {
         digests.addImage();
     }
     digests.finish(host::getExactSizeBytes(*disk), work.getOptions());
+    invocation.getResult().add(
+        {{"digestFile", host::displayName(host::digestFileOf(disk->getDisk().getMainFileURI()))}});
     return ExitStatus::Done;
 }
 
@@ -93,6 +102,7 @@ void addDigestCommand(CLI::App& program, Run& run) {
     addFlag(command, "--force", arguments->force,
             "Make the digests anew even if there are some that are up to date");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

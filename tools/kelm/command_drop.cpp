@@ -8,7 +8,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -18,23 +18,16 @@ struct DropArguments {
     std::string disk;
     std::vector<std::string> lookIn;
     bool verify = false;
-    bool json = false;
+    TransferOptions transfer;
     int threads = 0;
     PasswordOptions passwords;
 };
 
-std::string formatDrop(bool json, host::DiskDropResult const& result) {
-    if (json) {
-        return formatJSON(
-                   {{"files", listNames(result.files)}, {"children", listNames(result.children)}}) +
-               "\n";
-    }
+std::string formatDrop(host::DiskDropResult const& result) {
     std::string text;
     for (yx::CURI const& child : result.children)
         text += "child: " + host::printable(host::displayName(child)) + "\n";
-    for (yx::CURI const& file : result.files)
-        text += host::printable(host::displayName(file)) + "\n";
-    return text;
+    return text + formatNames(result.files);
 }
 
 host::DiskDropResult runDrop(Invocation& invocation, DropArguments& arguments,
@@ -52,11 +45,15 @@ host::DiskDropResult runDrop(Invocation& invocation, DropArguments& arguments,
 }
 
 ExitStatus dropDisk(Invocation& invocation, DropArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
     warnOfEndedWork(mainFile);
-    print(formatDrop(arguments.json,
-                     withPassword(invocation, arguments.disk, arguments.passwords,
-                                  [&] { return runDrop(invocation, arguments, mainFile); })));
+    host::DiskDropResult const result =
+        withPassword(invocation, arguments.disk, arguments.passwords,
+                     [&] { return runDrop(invocation, arguments, mainFile); });
+    invocation.getResult().add(
+        {{"files", listNames(result.files)}, {"children", listNames(result.children)}});
+    invocation.getResult().print(formatDrop(result));
     return ExitStatus::Done;
 }
 
@@ -74,8 +71,8 @@ void addDropCommand(CLI::App& program, Run& run) {
     addLookOption(command, arguments->lookIn);
     addFlag(command, "--verify", arguments->verify,
             "Compare each child with what it was before it leaves the disk");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disks");
 }
 

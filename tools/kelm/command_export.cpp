@@ -1,9 +1,11 @@
 #include <memory>
 
+#include "host/transfer/exact_size.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/salvaging.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -15,6 +17,7 @@ struct ExportArguments {
     int threads = 0;
     bool force = false;
     bool unfinished = false;
+    TransferOptions transfer;
     SalvageFlags salvage;
     PasswordOptions passwords;
 };
@@ -29,10 +32,13 @@ ExitStatus salvageImage(Invocation& invocation, ExportArguments& arguments) {
     host::exportSalvaged(*disk, target, host::getSalvagedSizeBytes(*disk, &invocation.getCancel()),
                          work.getOptions());
     work.hideBar();
-    return reportDamage(disk->getDamage(), arguments.image == "-");
+    return reportDamage(invocation, disk->getDamage(), arguments.image == "-");
 }
 
 ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
+    if (arguments.image == "-")
+        invocation.getResult().leaveStandardOutput();
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     if (arguments.salvage.takeEffect())
@@ -44,6 +50,7 @@ ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
     host::RawTarget target(arguments.image, arguments.force, &invocation.getCancel());
     LongWork const work(invocation, "export", arguments.threads);
     host::exportRaw(*disk, target, work.getOptions());
+    invocation.tellSkipped(host::getExactSizeBytes(*disk));
     return ExitStatus::Done;
 }
 
@@ -63,6 +70,7 @@ void addExportCommand(CLI::App& program, Run& run) {
     addUnfinishedOption(command, arguments->unfinished);
     arguments->salvage.addTo(command);
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

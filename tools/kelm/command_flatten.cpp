@@ -3,6 +3,7 @@
 #include "tools/kelm/commands.h"
 #include "tools/kelm/flattening.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -10,10 +11,12 @@ namespace {
 
 struct FlattenArguments {
     std::string disk;
+    TransferOptions transfer;
     PasswordOptions passwords;
 };
 
 ExitStatus flatten(Invocation& invocation, FlattenArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     flattenDisk(invocation, arguments.disk, arguments.passwords);
     return ExitStatus::Done;
 }
@@ -28,6 +31,7 @@ void addFlattenCommand(CLI::App& program, Run& run) {
                    "kelm flatten tuesday.vmdk",
                    [arguments](Invocation& invocation) { return flatten(invocation, *arguments); });
     addFileArgument(command, "CHILD", arguments->disk, "The main file of the child disk");
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

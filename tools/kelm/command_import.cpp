@@ -11,6 +11,7 @@
 #include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
 #include "host/system/machine_name.h"
+#include "host/system/name_text.h"
 #include "host/system/time_text.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/raw_import.h"
@@ -20,6 +21,7 @@
 #include "tools/kelm/errors.h"
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 #include "yx/log.h"
 #include "yx/mt_rand.h"
 
@@ -36,6 +38,7 @@ struct ImportArguments {
     bool resume = false;
     bool imageDigest = false;
     std::string changed;
+    TransferOptions transfer;
     double verifyChangedPercent = 0;
     NewDiskOptions newDisk;
     PasswordOptions passwords;
@@ -112,6 +115,7 @@ ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
                     host::PresentContent::Any, digests ? &*digests : nullptr);
     __int64 const exactSizeBytes = std::max(sizeBytes, source.getPosition());
     host::setExactSizeBytes(*disk, exactSizeBytes);
+    invocation.tellSkipped(exactSizeBytes);
     if (digests)
         digests->finish(exactSizeBytes, work.getQuietOptions());
     disk->markComplete();
@@ -167,7 +171,22 @@ void warnOfLongChain(host::SafeDisk& disk) {
         "'kelm prune' or 'kelm drop', or begin a new chain with a full disk."));
 }
 
+void explainComparison(Invocation& invocation, host::SafeDisk& disk,
+                       host::ChainDigests const* parents) {
+    CommandResult const& output = invocation.getResult();
+    if (!disk.hasParent()) {
+        output.explain("without a parent: all that is no zeros is stored");
+        return;
+    }
+    output.explain("the parent is " + host::displayName(disk.getDisk().getParentDiskMainURI()));
+    output.explain(parents ? "the image is compared with the digests of the parents, whose data is "
+                             "not read"
+                           : "the image is compared with the data of the parents, since not all of "
+                             "them have digests that are up to date");
+}
+
 ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     if (arguments.imageDigest && arguments.newDisk.noDigests)
         throw UsageError("The digest of the image is one of the digests; leave out --no-digests.");
     if (arguments.resume && !arguments.changed.empty())
@@ -198,6 +217,7 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
         digests->addImage();
     std::unique_ptr<host::ChainDigests> const parents =
         host::ChainDigests::open(invocation.getFiles(), disk.getDisk(), request.password);
+    explainComparison(invocation, disk.getDisk(), parents.get());
     std::optional<host::ChangedGrains> const changes =
         readChanges(invocation, arguments, source, disk.getDisk(), request.password);
     LongWork const work(invocation, "import", arguments.threads);
@@ -207,6 +227,7 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
                     changes ? &*changes : nullptr);
     __int64 const exactSizeBytes = std::max(request.sizeBytes, source.getPosition());
     host::setExactSizeBytes(disk.getDisk(), exactSizeBytes);
+    invocation.tellSkipped(exactSizeBytes);
     disk.finishDigests(exactSizeBytes, work.getQuietOptions());
     disk.finish();
     return ExitStatus::Done;
@@ -243,6 +264,7 @@ void addImportCommand(CLI::App& program, Run& run) {
     addPercentOption(command, "--verify-changed", arguments->verifyChangedPercent,
                      "With --changed, read a random part of the rest, and fail if it has changed");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

@@ -10,7 +10,6 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -20,7 +19,6 @@ using Json = nlohmann::ordered_json;
 
 struct InfoArguments {
     std::string disk;
-    bool json = false;
     bool space = false;
     std::vector<std::string> lookIn;
     PasswordOptions passwords;
@@ -72,7 +70,8 @@ ExitStatus showInfo(Invocation& invocation, InfoArguments& arguments) {
         LongWork const work(invocation, "info");
         report["space"] = reportSpace(*disk, work.getOptions());
     }
-    print(arguments.json ? formatJSON(report) + "\n" : formatReport(report));
+    invocation.getResult().add(report);
+    invocation.getResult().print(formatReport(report));
     return ExitStatus::Done;
 }
 
@@ -84,7 +83,6 @@ void addInfoCommand(CLI::App& program, Run& run) {
         program, run, "info", "Show what a disk is", "kelm info backup.vmdk --space",
         [arguments](Invocation& invocation) { return showInfo(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     addFlag(command, "--space", arguments->space,
             "Show also how much space the grains take; reads all tables of the disk");
     addFoldersOption(command, "--look", arguments->lookIn,

@@ -11,7 +11,6 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/list_picture.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 #include "tools/kelm/picture_file.h"
 
 namespace kelm::tool {
@@ -23,7 +22,6 @@ using Json = nlohmann::ordered_json;
 
 struct ListArguments {
     std::vector<std::string> folders;
-    bool json = false;
     std::string picture;
     bool force = false;
 };
@@ -60,11 +58,11 @@ Json reportBackup(std::vector<BackupDisk> const& disks, BackupDisk const& disk) 
     return report;
 }
 
-std::string reportAll(std::vector<BackupDisk> const& disks) {
+Json reportAll(std::vector<BackupDisk> const& disks) {
     Json list = Json::array();
     for (BackupDisk const& disk : disks)
         list.push_back(reportBackup(disks, disk));
-    return formatJSON({{"disks", list}}) + "\n";
+    return list;
 }
 
 std::string padded(std::string text, std::size_t width) {
@@ -130,12 +128,15 @@ std::string formatAll(std::vector<BackupDisk> const& disks) {
 }
 
 ExitStatus list(Invocation& invocation, ListArguments& arguments) {
+    if (arguments.picture == "-")
+        invocation.getResult().leaveStandardOutput();
     std::vector<yx::CURI> folders;
     for (std::string const& folder : arguments.folders)
         folders.push_back(host::uriFromArgument(folder));
     std::vector<BackupDisk> const disks = host::listBackups(invocation.getFiles(), folders);
+    invocation.getResult().add({{"disks", reportAll(disks)}});
     if (arguments.picture.empty())
-        print(arguments.json ? reportAll(disks) : formatAll(disks));
+        invocation.getResult().print(formatAll(disks));
     else
         writePicture(invocation, drawBackups(disks), arguments.picture, arguments.force);
     return ExitStatus::Done;
@@ -153,7 +154,6 @@ void addListCommand(CLI::App& program, Run& run) {
     command.add_option("FOLDER", arguments->folders, "A folder; those below it are listed too")
         ->required()
         ->type_name("");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     addFileOption(command, "--svg", arguments->picture, "Draw the chains over time into this file",
                   false);
     addForceOption(command, arguments->force);

@@ -10,7 +10,6 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/map_picture.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 #include "tools/kelm/picture_file.h"
 
 namespace kelm::tool {
@@ -19,7 +18,6 @@ namespace {
 
 struct MapArguments {
     std::string disk;
-    bool json = false;
     bool unfinished = false;
     std::string picture;
     bool force = false;
@@ -38,50 +36,22 @@ char const* nameOf(host::GrainPlace place) {
     return "absent";
 }
 
-/// Prints the runs one by one, since all of them may not fit into memory.
-class RunPrinter {
-public:
-    RunPrinter(host::SafeDisk& disk, bool json) : m_json(json) {
-        if (!json)
-            return;
-        std::string const head =
-            formatJSON({{"file", host::displayName(disk.getDisk().getMainFileURI())},
-                        {"sizeBytes", disk.getSizeBytes()},
-                        {"grainSizeBytes", disk.getGrainSizeBytes()}});
-        // Without the brace and its line.
-        print(head.substr(0, head.size() - 2) + ",\n  \"runs\": [");
-    }
+std::string inColumn(std::string const& digits) {
+    constexpr std::size_t kWidth = 15;
+    return std::string(kWidth - std::min(kWidth, digits.size()), ' ') + digits;
+}
 
-    void add(host::GrainRun const& run) {
-        assert(!m_isFinished && run.lengthBytes > 0);
-        std::string const start = std::to_string(run.startBytes);
-        std::string const length = std::to_string(run.lengthBytes);
-        // Without the JSON library, since there may be millions of runs.
-        if (m_json)
-            print(std::string(m_first ? "" : ",") + "\n    {\"startBytes\":" + start +
-                  ",\"lengthBytes\":" + length + ",\"place\":\"" + nameOf(run.place) + "\"}");
-        else
-            print(inColumn(start) + " " + inColumn(length) + " " + nameOf(run.place) + "\n");
-        m_first = false;
-    }
+/// Without the JSON library, since there may be millions of runs.
+std::string formatElementOf(host::GrainRun const& run) {
+    return "{\"startBytes\":" + std::to_string(run.startBytes) +
+           ",\"lengthBytes\":" + std::to_string(run.lengthBytes) + ",\"place\":\"" +
+           nameOf(run.place) + "\"}";
+}
 
-    void finish() {
-        assert(!m_isFinished);
-        m_isFinished = true;
-        if (m_json)
-            print(m_first ? "]\n}\n" : "\n  ]\n}\n");
-    }
-
-private:
-    static std::string inColumn(std::string const& digits) {
-        constexpr std::size_t kWidth = 15;
-        return std::string(kWidth - std::min(kWidth, digits.size()), ' ') + digits;
-    }
-
-    bool m_json;
-    bool m_first = true;
-    bool m_isFinished = false;
-};
+std::string formatLineOf(host::GrainRun const& run) {
+    return inColumn(std::to_string(run.startBytes)) + " " +
+           inColumn(std::to_string(run.lengthBytes)) + " " + nameOf(run.place) + "\n";
+}
 
 void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
     std::string const title = disk.getDisk().getMainFileURI().getName().toStdString();
@@ -95,16 +65,28 @@ void draw(Invocation& invocation, host::SafeDisk& disk, MapArguments const& argu
     writePicture(invocation, picture.draw(), arguments.picture, arguments.force);
 }
 
-void list(Invocation& invocation, host::SafeDisk& disk, MapArguments const& arguments) {
+void list(Invocation& invocation, host::SafeDisk& disk) {
     // The lines themselves show progress, and a bar would break them up.
     host::WorkOptions options;
     options.cancel = &invocation.getCancel();
-    RunPrinter printer(disk, arguments.json);
-    host::forEachGrainRun(disk, options, [&](host::GrainRun const& run) { printer.add(run); });
-    printer.finish();
+    CommandResult& result = invocation.getResult();
+    result.add({{"file", host::displayName(disk.getDisk().getMainFileURI())},
+                {"sizeBytes", disk.getSizeBytes()},
+                {"grainSizeBytes", disk.getGrainSizeBytes()}});
+    // One by one, since all of them may not fit into memory.
+    result.beginList("runs");
+    host::forEachGrainRun(disk, options, [&](host::GrainRun const& run) {
+        assert(run.lengthBytes > 0);
+        if (result.isJSON())
+            result.addToList(formatElementOf(run));
+        else
+            result.print(formatLineOf(run));
+    });
 }
 
 ExitStatus map(Invocation& invocation, MapArguments& arguments) {
+    if (arguments.picture == "-")
+        invocation.getResult().leaveStandardOutput();
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     std::unique_ptr<host::SafeDisk> const disk =
@@ -114,8 +96,8 @@ ExitStatus map(Invocation& invocation, MapArguments& arguments) {
                          arguments.picture);
     }
     // The picture comes last, so that an interruption leaves none.
-    if (arguments.json || arguments.picture.empty())
-        list(invocation, *disk, arguments);
+    if (invocation.getResult().isJSON() || arguments.picture.empty())
+        list(invocation, *disk);
     if (!arguments.picture.empty())
         draw(invocation, *disk, arguments);
     return ExitStatus::Done;
@@ -131,7 +113,6 @@ void addMapCommand(CLI::App& program, Run& run) {
                    "kelm map backup.vmdk --svg backup.svg",
                    [arguments](Invocation& invocation) { return map(invocation, *arguments); });
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     addUnfinishedOption(command, arguments->unfinished);
     addFileOption(command, "--svg", arguments->picture, "Draw the disk as a picture", false);
     addForceOption(command, arguments->force);

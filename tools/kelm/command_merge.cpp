@@ -13,6 +13,7 @@
 #include "tools/kelm/errors.h"
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/transfer_options.h"
 #include "tools/kelm/two_disk_passwords.h"
 
 namespace kelm::tool {
@@ -25,6 +26,7 @@ struct MergeArguments {
     std::string to;
     int threads = 0;
     bool noVerify = false;
+    TransferOptions transfer;
     NewDiskOptions newDisk;
     TwoDiskPasswords passwords;
 };
@@ -74,6 +76,7 @@ void verifyRoom(host::SafeDisk& last, host::GrainSet const& grains,
 }
 
 ExitStatus merge(Invocation& invocation, MergeArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     Links const links = openLinks(invocation, arguments);
     host::SafeDisk& last = *links.last;
     yx::CURI const uri = host::uriFromArgument(arguments.to);
@@ -101,6 +104,7 @@ ExitStatus merge(Invocation& invocation, MergeArguments& arguments) {
     host::convertGrainsOf(last, to.getDisk(), grains, work.getOptions(),
                           arguments.noVerify ? host::RecordCheck::None : host::RecordCheck::Decode,
                           hasDigests ? &to.addDigests() : nullptr);
+    invocation.tellSkipped(exactSizeBytes);
     if (keepsExactSize)
         host::setExactSizeBytes(to.getDisk(), exactSizeBytes);
     to.finishDigests(keepsExactSize ? exactSizeBytes : to.getDisk().getSizeBytes(),
@@ -128,6 +132,7 @@ void addMergeCommand(CLI::App& program, Run& run) {
     addFlag(command, "--no-verify", arguments->noVerify,
             "Copy compressed grains without decoding them first, and make no digests");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command);
 }
 

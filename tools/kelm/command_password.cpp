@@ -10,7 +10,6 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 #include "yx/log.h"
 
 namespace kelm::tool {
@@ -20,7 +19,6 @@ namespace {
 struct PasswordArguments {
     std::string disk;
     bool withParents = false;
-    bool json = false;
     int rounds = -1;
     std::vector<std::string> lookIn;
     PasswordOptions before;
@@ -73,12 +71,8 @@ ExitStatus changePassword(Invocation& invocation, PasswordArguments& arguments) 
     if (!arguments.withParents)
         warnOfParents(invocation, uri);
     warnOfOtherChildren(invocation, changed, foldersToLookIn(arguments.lookIn, uri));
-    if (arguments.json) {
-        print(formatJSON({{"changed", listNames(changed)}}) + "\n");
-    } else {
-        for (yx::CURI const& disk : changed)
-            print(host::printable(host::displayName(disk)) + "\n");
-    }
+    invocation.getResult().add({{"changed", listNames(changed)}});
+    invocation.getResult().print(formatNames(changed));
     return ExitStatus::Done;
 }
 
@@ -94,7 +88,6 @@ void addPasswordCommand(CLI::App& program, Run& run) {
     addFlag(command, "--chain", arguments->withParents, "Change the parents too, and theirs");
     addRoundsOption(command, arguments->rounds);
     addLookOption(command, arguments->lookIn);
-    addFlag(command, "--json", arguments->json, "Print JSON");
     arguments->before.addTo(command, "", "of the disk");
     arguments->after.addTo(command, "new-", "that the disk is to have");
 }

@@ -18,7 +18,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -32,7 +32,7 @@ struct PruneArguments {
     host::RetentionRules rules;
     std::string label;
     bool dryRun = false;
-    bool json = false;
+    TransferOptions transfer;
     int threads = 0;
     PasswordOptions passwords;
 };
@@ -114,7 +114,7 @@ std::string formatVerdicts(std::vector<Verdict> const& verdicts) {
     return text;
 }
 
-std::string reportVerdicts(std::vector<Verdict> const& verdicts, bool isDone) {
+Json reportVerdicts(std::vector<Verdict> const& verdicts) {
     Json disks = Json::array();
     for (Verdict const& verdict : verdicts) {
         disks.push_back({{"file", host::displayName(verdict.disk.mainFile)},
@@ -122,7 +122,7 @@ std::string reportVerdicts(std::vector<Verdict> const& verdicts, bool isDone) {
                          {"keep", !verdict.reasons.empty()},
                          {"reasons", verdict.reasons}});
     }
-    return formatJSON({{"disks", disks}, {"done", isDone}}) + "\n";
+    return disks;
 }
 
 void dropDisk(Invocation& invocation, PruneArguments& arguments, yx::CURI const& mainFile,
@@ -165,6 +165,7 @@ std::vector<yx::CURI> findHalfDeleted(Invocation& invocation,
 }
 
 ExitStatus prune(Invocation& invocation, PruneArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     if (arguments.rules.isEmpty())
         throw UsageError("Say what is to be kept, such as --keep-daily 7.");
     std::vector<yx::CURI> folders;
@@ -176,8 +177,9 @@ ExitStatus prune(Invocation& invocation, PruneArguments& arguments) {
     }
     std::vector<Verdict> const verdicts =
         judge(host::listBackups(invocation.getFiles(), folders), arguments, folders);
-    if (!arguments.json)
-        print(formatVerdicts(verdicts));
+    CommandResult& output = invocation.getResult();
+    output.print(formatVerdicts(verdicts));
+    output.add({{"disks", reportVerdicts(verdicts)}, {"done", false}});
     if (!arguments.dryRun) {
         for (yx::CURI const& mainFile : findHalfDeleted(invocation, folders))
             dropDisk(invocation, arguments, mainFile, folders);
@@ -188,8 +190,7 @@ ExitStatus prune(Invocation& invocation, PruneArguments& arguments) {
         }
         host::removeLeftLocks(invocation.getFiles(), folders);
     }
-    if (arguments.json)
-        print(reportVerdicts(verdicts, !arguments.dryRun));
+    output.add({{"done", !arguments.dryRun}});
     return ExitStatus::Done;
 }
 
@@ -220,8 +221,8 @@ void addPruneCommand(CLI::App& program, Run& run) {
     addRule(command, "--keep-yearly", rules.yearly, "The same for years");
     addTextOption(command, "--label", arguments->label, "Judge only disks that have this label");
     addFlag(command, "--dry-run", arguments->dryRun, "Only say what would stay and what would go");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of the disks");
 }
 

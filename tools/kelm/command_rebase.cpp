@@ -11,7 +11,7 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
+#include "tools/kelm/transfer_options.h"
 
 namespace kelm::tool {
 
@@ -22,7 +22,7 @@ struct RebaseArguments {
     std::string parent;
     bool trust = false;
     bool unsafe = false;
-    bool json = false;
+    TransferOptions transfer;
     int threads = 0;
     PasswordOptions passwords;
 };
@@ -64,6 +64,7 @@ __int64 rebaseByContent(Invocation& invocation, RebaseArguments& arguments, yx::
 }
 
 ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
+    arguments.transfer.takeEffect(invocation);
     yx::CURI const child = host::uriFromArgument(arguments.child);
     yx::CURI const parent = host::uriFromArgument(arguments.parent);
     if (parent == child)
@@ -73,12 +74,9 @@ ExitStatus rebase(Invocation& invocation, RebaseArguments& arguments) {
         rebaseByTrust(invocation, arguments);
     else
         copiedBytes = rebaseByContent(invocation, arguments, child, parent);
-    if (arguments.json) {
-        print(formatJSON({{"file", host::displayName(child)},
-                          {"parent", host::displayName(parent)},
-                          {"copiedBytes", copiedBytes}}) +
-              "\n");
-    }
+    invocation.getResult().add({{"file", host::displayName(child)},
+                                {"parent", host::displayName(parent)},
+                                {"copiedBytes", copiedBytes}});
     return ExitStatus::Done;
 }
 
@@ -101,8 +99,8 @@ void addRebaseCommand(CLI::App& program, Run& run) {
     addFlag(command, "--unsafe", arguments->unsafe,
             "The same, with whatever content ID the parent has");
     command.get_option("--unsafe")->group("");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     addThreadsOption(command, arguments->threads);
+    arguments->transfer.addTo(command);
     arguments->passwords.addTo(command, "", "of both disks");
 }
 

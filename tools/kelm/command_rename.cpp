@@ -7,7 +7,6 @@
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -17,13 +16,10 @@ struct RenameArguments {
     std::string from;
     std::string to;
     std::vector<std::string> lookIn;
-    bool json = false;
 };
 
 std::string formatRenaming(host::DiskMoveResult const& result) {
-    std::string text;
-    for (yx::CURI const& file : result.files)
-        text += host::printable(host::displayName(file)) + "\n";
+    std::string text = formatNames(result.files);
     for (yx::CURI const& child : result.children)
         text += "child: " + host::printable(host::displayName(child)) + "\n";
     return text;
@@ -38,12 +34,12 @@ ExitStatus renameDisk(Invocation& invocation, RenameArguments const& arguments) 
     options.work = work.getOptions();
     options.lookIn = foldersToLookIn(arguments.lookIn, from);
     host::DurableFiles steps;
+    steps.setMeter(&invocation.getMeter());
     host::DiskMoveResult const result = invocation.getWait().retry(
         [&] { return host::DiskMove(invocation.getFiles(), steps, from, to, options).run(); });
-    print(arguments.json ? formatJSON({{"files", listNames(result.files)},
-                                       {"children", listNames(result.children)}}) +
-                               "\n"
-                         : formatRenaming(result));
+    invocation.getResult().add(
+        {{"files", listNames(result.files)}, {"children", listNames(result.children)}});
+    invocation.getResult().print(formatRenaming(result));
     return ExitStatus::Done;
 }
 
@@ -58,7 +54,6 @@ void addRenameCommand(CLI::App& program, Run& run) {
     addFileArgument(command, "OLD", arguments->from, "The main file of the disk");
     addFileArgument(command, "NEW", arguments->to, "The new name of it, or another folder");
     addLookOption(command, arguments->lookIn);
-    addFlag(command, "--json", arguments->json, "Print JSON");
 }
 
 } // namespace kelm::tool

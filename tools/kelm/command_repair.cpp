@@ -9,7 +9,6 @@
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
-#include "tools/kelm/output.h"
 
 namespace kelm::tool {
 
@@ -19,7 +18,6 @@ struct RepairArguments {
     std::string disk;
     bool isDryRun = false;
     bool isUndo = false;
-    bool json = false;
     PasswordOptions passwords;
 };
 
@@ -36,13 +34,13 @@ std::string formatRepair(host::RepairReport const& report, bool isDryRun) {
     return text;
 }
 
-std::string formatRepairJSON(host::RepairReport const& report, bool isDryRun) {
+nlohmann::ordered_json reportRepair(host::RepairReport const& report, bool isDryRun) {
     nlohmann::ordered_json files = nlohmann::ordered_json::array();
     for (host::FileRepair const& file : report.files) {
         files.push_back(
             {{"file", host::displayName(file.file)}, {"mended", file.mended}, {"left", file.left}});
     }
-    return formatJSON({{"dryRun", isDryRun}, {"files", files}}) + "\n";
+    return {{"dryRun", isDryRun}, {"files", files}};
 }
 
 ExitStatus statusOf(host::RepairReport const& report, bool isDryRun) {
@@ -76,19 +74,20 @@ ExitStatus undo(Invocation& invocation, RepairArguments const& arguments) {
         return host::undoRepair(invocation.getFiles(), host::uriFromArgument(arguments.disk),
                                 invocation.getTrust());
     });
-    print(arguments.json ? formatJSON({{"sectorsBroughtBack", count}}) + "\n"
-                         : std::to_string(count) + " sectors brought back\n");
+    invocation.getResult().add({{"sectorsBroughtBack", count}});
+    invocation.getResult().print(std::to_string(count) + " sectors brought back\n");
     return ExitStatus::Done;
 }
 
 ExitStatus repair(Invocation& invocation, RepairArguments& arguments) {
+    invocation.setLong();
     if (arguments.isUndo && arguments.isDryRun)
         throw UsageError("--undo and --dry-run exclude each other.");
     if (arguments.isUndo)
         return undo(invocation, arguments);
     host::RepairReport const report = repairAskingForPassword(invocation, arguments);
-    print(arguments.json ? formatRepairJSON(report, arguments.isDryRun)
-                         : formatRepair(report, arguments.isDryRun));
+    invocation.getResult().add(reportRepair(report, arguments.isDryRun));
+    invocation.getResult().print(formatRepair(report, arguments.isDryRun));
     return statusOf(report, arguments.isDryRun);
 }
 
@@ -103,7 +102,6 @@ void addRepairCommand(CLI::App& program, Run& run) {
     addFileArgument(command, "MAIN", arguments->disk, "The main file of the disk");
     addFlag(command, "--dry-run", arguments->isDryRun, "Only say what would be done");
     addFlag(command, "--undo", arguments->isUndo, "Take the last repair back");
-    addFlag(command, "--json", arguments->json, "Print JSON");
     arguments->passwords.addTo(command, "", "of the disk");
 }
 

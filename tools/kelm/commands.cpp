@@ -10,6 +10,7 @@
 #include "host/store/file_names.h"
 #include "host/system/key_derivation.h"
 #include "tools/kelm/options.h"
+#include "tools/kelm/output_options.h"
 #include "tools/kelm/password_options.h"
 
 namespace kelm::tool {
@@ -48,33 +49,40 @@ CLI::App& addPlainCommand(CLI::App& program, Run& run, std::string const& name,
                           std::string const& description, std::string const& example, Run action) {
     CLI::App& command = *program.add_subcommand(name, description);
     command.footer("Example:\n  " + example);
-    command.callback([&run, action = std::move(action)] { run = action; });
+    auto const output = std::make_shared<OutputOptions>();
+    output->addTo(command);
+    command.callback([&run, &command, output, action = std::move(action)] {
+        run = [&command, output, action](Invocation& invocation) {
+            output->applyTo(invocation, command);
+            return action(invocation);
+        };
+    });
     return command;
 }
 
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action) {
-    CLI::App& command = addPlainCommand(program, run, name, description, example, action);
     auto const maxRounds = std::make_shared<int>(host::KeyDerivationWatch::kDefaultMaxRounds);
-    addNumberOption(command, "--max-rounds", *maxRounds, 1, std::numeric_limits<int>::max(),
-                    "The most rounds of key derivation that a disk may ask for");
-    command.get_option("--max-rounds")->group(kPasswordHelpGroup);
     auto const parentPasswords = std::make_shared<PasswordOptions>();
-    parentPasswords->addTo(command, "parent-", "of parents that have another one");
     auto const trust = std::make_shared<TrustOptions>();
-    trust->addTo(command);
     auto const waitSeconds = std::make_shared<int>(0);
+    Run const actionWithOptions = [=, action = std::move(action)](Invocation& invocation) {
+        host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
+        invocation.setParentPasswords(parentPasswords);
+        invocation.setTrust(trust->make());
+        invocation.setWait(std::chrono::seconds(*waitSeconds));
+        return action(invocation);
+    };
+    CLI::App& command =
+        addPlainCommand(program, run, name, description, example, actionWithOptions);
+    addNumberOption(command, "--max-rounds", *maxRounds, 1, std::numeric_limits<int>::max(),
+                    "The most rounds of key derivation that a disk may ask for; " +
+                        std::to_string(host::KeyDerivationWatch::kDefaultMaxRounds) +
+                        " by default");
+    command.get_option("--max-rounds")->group(kPasswordHelpGroup);
+    parentPasswords->addTo(command, "parent-", "of parents that have another one");
+    trust->addTo(command);
     addWaitOption(command, *waitSeconds);
-    command.callback(
-        [&run, maxRounds, parentPasswords, trust, waitSeconds, action = std::move(action)] {
-            run = [maxRounds, parentPasswords, trust, waitSeconds, action](Invocation& invocation) {
-                host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
-                invocation.setParentPasswords(parentPasswords);
-                invocation.setTrust(trust->make());
-                invocation.setWait(std::chrono::seconds(*waitSeconds));
-                return action(invocation);
-            };
-        });
     return command;
 }
 

@@ -21,7 +21,8 @@ using Run = std::function<ExitStatus(Invocation&)>;
 CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
                      std::string const& description, std::string const& example, Run action);
 
-/// The same for a command that opens no disk: without these options.
+/// The same for a command that opens no disk: only with the options that say how it tells what it
+/// does, which all commands have.
 CLI::App& addPlainCommand(CLI::App& program, Run& run, std::string const& name,
                           std::string const& description, std::string const& example, Run action);
 
@@ -50,5 +51,6 @@ void addDeleteCommand(CLI::App& program, Run& run);
 void addDropCommand(CLI::App& program, Run& run);
 void addMergeCommand(CLI::App& program, Run& run);
 void addPruneCommand(CLI::App& program, Run& run);
+void addHelpCommand(CLI::App& program, Run& run);
 
 } // namespace kelm::tool

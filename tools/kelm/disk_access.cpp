@@ -16,6 +16,7 @@
 #include "host/store/file_names.h"
 #include "host/store/folder_access.h"
 #include "host/system/name_text.h"
+#include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 #include "yx/log.h"
 
@@ -37,6 +38,16 @@ void waitForParents(Invocation& invocation, host::SafeDisk& disk, yx::String con
     }
 }
 
+void explainParent(Invocation& invocation, host::SafeDisk& disk) {
+    std::string const name = host::displayName(disk.getDisk().getMainFileURI());
+    if (disk.hasParent()) {
+        invocation.getResult().explain(name + " has the parent " +
+                                       host::displayName(disk.getDisk().getParentDiskMainURI()));
+    } else {
+        invocation.getResult().explain(name + " has no parent");
+    }
+}
+
 std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const& uri,
                                          yx::IIOStream::Access access, yx::String const& password,
                                          int compressionLevel) {
@@ -47,6 +58,7 @@ std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const&
             CVMDKGrainTableCache::kDefaultLimit, invocation.getTrust());
     });
     waitForParents(invocation, *disk, password);
+    explainParent(invocation, *disk);
     return disk;
 }
 
@@ -240,6 +252,8 @@ void NewDiskInProgress::finish() {
     std::vector<yx::CURI> keptFiles = m_disk->listFiles();
     if (m_digests)
         keptFiles.push_back(host::digestFileOf(keptFiles.front()));
+    m_invocation.getResult().add(
+        {{"file", host::displayName(keptFiles.front())}, {"files", listNames(keptFiles)}});
     m_digests.reset();
     m_disk.reset();
     m_guard->verifyFilesAreThere();

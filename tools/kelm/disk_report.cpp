@@ -189,6 +189,17 @@ std::string formatJSON(Json const& document) {
     return host::printableJSON(document.dump(2, ' ', false, Json::error_handler_t::replace));
 }
 
+std::string formatElement(Json const& element) {
+    return host::printableJSON(element.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+std::string formatNames(std::vector<yx::CURI> const& files) {
+    std::string text;
+    for (yx::CURI const& file : files)
+        text += host::printable(host::displayName(file)) + "\n";
+    return text;
+}
+
 std::string formatReport(Json const& report) {
     bool const compressed = report["compressed"].get<bool>();
     bool const encrypted = report["encrypted"].get<bool>();

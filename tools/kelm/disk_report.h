@@ -16,6 +16,12 @@ nlohmann::ordered_json reportSpace(host::SafeDisk& disk, host::WorkOptions const
 /// The text of a JSON document, in lines that are safe to print; the last one has no end.
 std::string formatJSON(nlohmann::ordered_json const& document);
 
+/// The same in one line, for an element of a long list.
+std::string formatElement(nlohmann::ordered_json const& element);
+
+/// The names of files for people, each in a line of its own.
+std::string formatNames(std::vector<yx::CURI> const& files);
+
 /// The names of files for people, as a JSON array.
 nlohmann::ordered_json listNames(std::vector<yx::CURI> const& files);
 

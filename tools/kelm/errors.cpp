@@ -1,7 +1,7 @@
 #include "tools/kelm/errors.h"
 
 #include <cassert>
-#include <cstdio>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -43,6 +43,52 @@ std::optional<ExitStatus> ownStatusOf(yx::CError const& error) {
         return ExitStatus::WrongPassword;
     std::optional<host::ErrorKind> const kind = host::ownKindOf(error);
     return kind ? std::optional(statusOfKind(*kind)) : std::nullopt;
+}
+
+char const* nameOf(yx::CIOError::Code code) {
+    switch (code) {
+    case yx::CIOError::IOFailure:
+        return "IOFailure";
+    case yx::CIOError::NotFound:
+        return "NotFound";
+    case yx::CIOError::NotAllowed:
+        return "NotAllowed";
+    case yx::CIOError::UnexpectedEnd:
+        return "UnexpectedEnd";
+    case yx::CIOError::CorruptData:
+        return "CorruptData";
+    case yx::CIOError::UnsupportedVersion:
+        return "UnsupportedVersion";
+    case yx::CIOError::BadPosition:
+        return "BadPosition";
+    case yx::CIOError::AlreadyExists:
+        return "AlreadyExists";
+    case yx::CIOError::AccessDenied:
+        return "AccessDenied";
+    case yx::CIOError::Closed:
+        return "Closed";
+    case yx::CIOError::NotAligned:
+        return "NotAligned";
+    case yx::CIOError::NoSpace:
+        return "NoSpace";
+    case yx::CIOError::NotSupported:
+        return "NotSupported";
+    }
+    return "Failed";
+}
+
+/// Of the outermost one that gives the error its exit status, or else of the outermost one.
+std::string nameOfIOError(std::exception const& error) {
+    yx::CIOError const* found = nullptr;
+    for (auto const* each = dynamic_cast<yx::CError const*>(&error); each;
+         each = each->getCause()) {
+        auto const* const ioError = dynamic_cast<yx::CIOError const*>(each);
+        if (ioError && (!found || statusOfCode(ioError->getIOCode())))
+            found = ioError;
+        if (found && statusOfCode(found->getIOCode()))
+            break;
+    }
+    return found ? nameOf(found->getIOCode()) : "Failed";
 }
 
 /// An error that a destructor could tell nobody.
@@ -87,11 +133,29 @@ ExitStatus exitStatusOf(std::exception const& error) {
     return ExitStatus::Failed;
 }
 
-void routeLibraryMessages() {
-    yx::setLogHandler([](yx::LogEntry const& entry) {
+std::string codeOf(std::exception const& error) {
+    if (dynamic_cast<std::bad_alloc const*>(&error))
+        return "NoMemory";
+    switch (exitStatusOf(error)) {
+    case ExitStatus::WrongUsage:
+        return "WrongUsage";
+    case ExitStatus::WrongPassword:
+        return "WrongPassword";
+    case ExitStatus::Unfinished:
+        return "Unfinished";
+    case ExitStatus::InUse:
+        return "InUse";
+    case ExitStatus::Interrupted:
+        return "Interrupted";
+    default:
+        return nameOfIOError(error);
+    }
+}
+
+void routeLibraryMessages(CommandResult& result) {
+    yx::setLogHandler([&result](yx::LogEntry const& entry) {
         if (entry.level == yx::LogLevel::Warning)
-            std::fprintf(stderr, "kelm: warning: %s\n",
-                         host::printable(entry.message.toStdString()).c_str());
+            result.addWarning(host::printable(entry.message.toStdString()));
     });
     // A full device fails once more for each file that is closed, so these are kept to the end.
     yx::setIgnoredExceptionHandler([](char const*, std::exception& error, bool) {
@@ -99,11 +163,11 @@ void routeLibraryMessages() {
     });
 }
 
-void reportIgnoredErrors(std::optional<ExitStatus> status) {
+void reportIgnoredErrors(CommandResult& result, std::optional<ExitStatus> status) {
     for (IgnoredError const& error : ignoredErrors()) {
         bool const hasOneCause = status && error.status == *status && *status != ExitStatus::Failed;
         if (!hasOneCause)
-            std::fprintf(stderr, "kelm: warning: %s\n", error.text.c_str());
+            result.addWarning(error.text);
     }
     ignoredErrors().clear();
 }

@@ -6,6 +6,7 @@
 
 #include "host/disk/password_errors.h"
 #include "host/system/error_text.h"
+#include "tools/kelm/command_result.h"
 #include "tools/kelm/exit_status.h"
 #include "yx/error.h"
 
@@ -37,14 +38,19 @@ std::string describeError(std::exception const& error);
 /// a status of its own.
 ExitStatus exitStatusOf(std::exception const& error);
 
-/// Sends warnings of the library to standard error, in this program's form. Errors that the library
-/// logs are left out: they are thrown too, and each is reported once. Errors of destructors wait
-/// for `reportIgnoredErrors`.
-void routeLibraryMessages();
+/// A name for the kind of an error, for programs: that of the exit status if the status is for one
+/// kind alone, otherwise that of the code of the first `CIOError` among the error and its causes.
+/// docs/json.md lists them.
+std::string codeOf(std::exception const& error);
 
-/// Sends the errors that destructors had to ignore to standard error, as warnings. `status` is that
+/// Makes warnings of the library those of the command. Errors that the library logs are left out:
+/// they are thrown too, and each is reported once. Errors of destructors wait for
+/// `reportIgnoredErrors`. `result` must live as long as the library is used.
+void routeLibraryMessages(CommandResult& result);
+
+/// Makes the errors that destructors had to ignore warnings of the command. `status` is that
 /// of the error with which the program ends, if there is one: further errors of its kind have the
 /// same cause and are left out.
-void reportIgnoredErrors(std::optional<ExitStatus> status);
+void reportIgnoredErrors(CommandResult& result, std::optional<ExitStatus> status);
 
 } // namespace kelm::tool

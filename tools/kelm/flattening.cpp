@@ -3,8 +3,10 @@
 #include <memory>
 
 #include "host/disk/parent_link.h"
+#include "host/system/name_text.h"
 #include "host/transfer/kept_digests.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
 
 namespace kelm::tool {
@@ -31,6 +33,7 @@ void flattenDisk(Invocation& invocation, std::string const& file, PasswordOption
     host::makeIndependentOfParent(*disk, work.getOptions());
     host::dropParentLink(*disk);
     digests.finish(work.getQuietOptions());
+    invocation.getResult().add({{"file", host::displayName(disk->getDisk().getMainFileURI())}});
 }
 
 } // namespace kelm::tool

@@ -1,14 +1,26 @@
 #include "tools/kelm/invocation.h"
 
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
 
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "host/system/open_file_limit.h"
 
 namespace kelm::tool {
 
-Invocation::Invocation() : m_files(yx::makeObject<yx::CNativeFileSystem>()), m_signals(m_cancel) {
+namespace {
+
+void writeToStandardError(std::string const& text) {
+    std::fputs(text.c_str(), stderr);
+}
+
+} // namespace
+
+Invocation::Invocation(CommandResult& result)
+    : m_result(result), m_files(yx::makeObject<yx::CNativeFileSystem>()), m_signals(m_cancel) {
     // A reader that goes away must show as an error of writing, so that the work is cleaned up.
     std::signal(SIGPIPE, SIG_IGN);
     // So must a file that the limit of the process lets grow no more.
@@ -31,11 +43,33 @@ yx::String Invocation::readParentPassword() const {
                : yx::String();
 }
 
-LongWork::LongWork(Invocation const& invocation, char const* label, int threads)
-    : m_bar(label, STDERR_FILENO) {
+void Invocation::tellMeter() {
+    if (m_meter.getReadBytes() == 0 && m_meter.getStoredBytes() == 0)
+        return;
+    m_result.add(
+        {{"readBytes", m_meter.getReadBytes()}, {"storedBytes", m_meter.getStoredBytes()}});
+}
+
+void Invocation::summarize() const {
+    if (m_isLong)
+        m_result.summarize();
+}
+
+void Invocation::tellSkipped(__int64 contentBytes) {
+    // The last grain may reach beyond the end.
+    __int64 const skippedBytes = contentBytes - m_meter.getStoredBytes();
+    m_result.add({{"skippedBytes", std::max<__int64>(0, skippedBytes)}});
+}
+
+LongWork::LongWork(Invocation& invocation, char const* label, int threads)
+    : m_bar(label, STDERR_FILENO), m_lines(label, writeToStandardError) {
     m_options.threads = threads;
-    m_options.progress = m_bar.callback();
+    if (invocation.getProgressKind() == ProgressKind::Bar)
+        m_options.progress = m_bar.callback();
+    else if (invocation.getProgressKind() == ProgressKind::Lines)
+        m_options.progress = m_lines.callback();
     m_options.cancel = &invocation.getCancel();
+    m_options.meter = &invocation.getMeter();
 }
 
 } // namespace kelm::tool

@@ -8,22 +8,55 @@
 #include "host/system/cancel.h"
 #include "host/system/derived_keys.h"
 #include "host/system/progress.h"
+#include "host/system/progress_lines.h"
+#include "host/system/transfer_meter.h"
 #include "host/transfer/transfer.h"
+#include "tools/kelm/command_result.h"
 #include "tools/kelm/password_options.h"
 #include "yx/native_file_system.h"
 
 namespace kelm::tool {
 
+/// How a command shows how far it is.
+enum class ProgressKind {
+    Bar,   ///< a bar, if standard error is a terminal
+    Lines, ///< JSON objects on standard error, one in a line
+    None
+};
+
 /// What every command works with: the files of this machine, and the flag that a signal sets.
 class Invocation {
 public:
-    Invocation();
+    /// `result` must outlive the object.
+    explicit Invocation(CommandResult& result);
     Invocation(Invocation const&) = delete;
     Invocation& operator=(Invocation const&) = delete;
 
     /// Blocks the signals: the work is done, and an interruption would come too late to change the
     /// exit status.
     ~Invocation();
+
+    /// What the command says about its work.
+    CommandResult& getResult() { return m_result; }
+
+    /// Counts what is read and stored.
+    host::TransferMeter& getMeter() { return m_meter; }
+
+    /// How progress is shown.
+    ProgressKind getProgressKind() const { return m_progressKind; }
+    void setProgressKind(ProgressKind kind) { m_progressKind = kind; }
+
+    /// Ends with a summary for people if the work was long.
+    void summarize() const;
+
+    /// What the command does takes long, and ends with a summary.
+    void setLong() { m_isLong = true; }
+
+    /// Adds to the result what has been read and stored, if that was anything.
+    void tellMeter();
+
+    /// Adds to the result how much of so many bytes of content had not to be stored.
+    void tellSkipped(__int64 contentBytes);
 
     yx::IFileSystem* getFiles() { return m_files.get(); }
     host::CancelFlag const& getCancel() const { return m_cancel; }
@@ -50,6 +83,10 @@ public:
     host::DerivedKeys& getDerivedKeys() { return m_derivedKeys; }
 
 private:
+    CommandResult& m_result;
+    host::TransferMeter m_meter;
+    ProgressKind m_progressKind = ProgressKind::Bar;
+    bool m_isLong = false;
     yx::P<yx::CNativeFileSystem> m_files;
     host::DerivedKeys m_derivedKeys;
     std::shared_ptr<PasswordOptions> m_parentPasswords;
@@ -59,18 +96,21 @@ private:
     host::SignalCancellation m_signals;
 };
 
-/// The options of long work that shows a progress bar on standard error, if that is a terminal, and
-/// can be interrupted. Not for a command whose own output shows how far it is.
+/// The options of long work that shows its progress on standard error as the user wants it, is
+/// counted, and can be interrupted. Not for a command whose own output shows how far it is.
 class LongWork {
 public:
-    LongWork(Invocation const& invocation, char const* label, int threads = 0);
+    LongWork(Invocation& invocation, char const* label, int threads = 0);
 
     /// Valid as long as this object.
     host::WorkOptions const& getOptions() const { return m_options; }
 
-    /// The same without the bar, for what comes before or after the work that it shows.
+    /// The same without progress, and not counted, for what comes before or after the work itself.
     host::WorkOptions getQuietOptions() const {
-        return {.threads = m_options.threads, .progress = {}, .cancel = m_options.cancel};
+        return {.threads = m_options.threads,
+                .progress = {},
+                .cancel = m_options.cancel,
+                .meter = nullptr};
     }
 
     /// Removes the bar until the next progress, to make room for a line of output.
@@ -78,6 +118,7 @@ public:
 
 private:
     host::ProgressBar m_bar;
+    host::ProgressLines m_lines;
     host::WorkOptions m_options;
 };
 

@@ -1,9 +1,13 @@
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
@@ -12,6 +16,7 @@
 
 namespace {
 
+using kelm::tool::CommandResult;
 using kelm::tool::ExitStatus;
 using kelm::tool::Run;
 
@@ -40,12 +45,27 @@ void addCommands(CLI::App& program, Run& run) {
     kelm::tool::addDropCommand(program, run);
     kelm::tool::addMergeCommand(program, run);
     kelm::tool::addPruneCommand(program, run);
+    kelm::tool::addHelpCommand(program, run);
     program.footer("'kelm COMMAND --help' describes a command and has an example.\n"
                    "Sizes are bytes, or numbers with one of the letters K, M, G, T.");
 }
 
+/// What the command line says, as far as it can be read.
+bool asksForJSON(std::vector<std::string> const& arguments) {
+    return std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
+}
+
+/// Where "-" is standard output.
+bool mayWriteToOutput(std::vector<std::string> const& arguments) {
+    auto const isAny = [&](char const* text) {
+        return std::find(arguments.begin(), arguments.end(), text) != arguments.end();
+    };
+    return isAny("-") && (arguments.front() == "export" || isAny("--svg"));
+}
+
 /// The help and the version are no errors. All others are reported in one line.
-ExitStatus answerParseError(CLI::App const& program, CLI::ParseError const& error) {
+ExitStatus answerParseError(CLI::App const& program, CLI::ParseError const& error,
+                            std::vector<std::string> const& arguments, CommandResult& result) {
     if (error.get_exit_code() == 0) {
         std::ostringstream text;
         program.exit(error, text, text);
@@ -53,38 +73,75 @@ ExitStatus answerParseError(CLI::App const& program, CLI::ParseError const& erro
         kelm::tool::flushOutput();
         return ExitStatus::Done;
     }
-    std::fprintf(stderr, "kelm: %s (see kelm --help)\n",
-                 kelm::host::printable(error.what()).c_str());
+    std::string const message = kelm::host::printable(error.what());
+    std::fprintf(stderr, "kelm: %s (see kelm --help)\n", message.c_str());
+    if (asksForJSON(arguments)) {
+        result.begin(arguments.front(), nlohmann::ordered_json::object());
+        result.useJSON();
+        if (mayWriteToOutput(arguments))
+            result.leaveStandardOutput();
+        result.setWrongUsage(message);
+        result.finish(ExitStatus::WrongUsage);
+    }
     return ExitStatus::WrongUsage;
 }
 
-ExitStatus runProgram(int argc, char** argv) {
+/// Tells of an error with which the program ends.
+ExitStatus answerError(CommandResult& result, std::exception const& error) {
+    ExitStatus const status = kelm::tool::exitStatusOf(error);
+    kelm::tool::reportIgnoredErrors(result, status);
+    std::fprintf(stderr, "kelm: %s\n", kelm::tool::describeError(error).c_str());
+    if (!result.isJSON() || kelm::tool::hasOutputFailed()) {
+        kelm::tool::dropOutput();
+        return status;
+    }
+    try {
+        result.setError(error);
+        result.finish(status);
+    } catch (std::exception const&) {
+        // The error that came first matters more.
+        kelm::tool::dropOutput();
+    }
+    return status;
+}
+
+ExitStatus runCommand(Run const& run, CommandResult& result) {
+    kelm::tool::routeLibraryMessages(result);
+    kelm::tool::Invocation invocation(result);
+    // What is printed at the end may have to wait for a reader, and signals must end that.
+    try {
+        ExitStatus const status = run(invocation);
+        kelm::tool::reportIgnoredErrors(result, std::nullopt);
+        invocation.tellMeter();
+        invocation.summarize();
+        result.finish(status);
+        return status;
+    } catch (std::exception const& error) {
+        invocation.tellMeter();
+        return answerError(result, error);
+    }
+}
+
+ExitStatus runProgram(int argc, char** argv, CommandResult& result) {
     CLI::App program("Disk images on sparse virtual disks", "kelm");
     Run run;
     addCommands(program, run);
     try {
         program.parse(argc, argv);
     } catch (CLI::ParseError const& error) {
-        return answerParseError(program, error);
+        return answerParseError(program, error, std::vector<std::string>(argv + 1, argv + argc),
+                                result);
     }
-    kelm::tool::routeLibraryMessages();
-    kelm::tool::Invocation invocation;
-    ExitStatus const status = run(invocation);
-    kelm::tool::flushOutput();
-    return status;
+    return runCommand(run, result);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    CommandResult result;
     try {
-        ExitStatus const status = runProgram(argc, argv);
-        kelm::tool::reportIgnoredErrors(std::nullopt);
-        return static_cast<int>(status);
+        return static_cast<int>(runProgram(argc, argv, result));
     } catch (std::exception const& error) {
-        kelm::tool::dropOutput();
-        kelm::tool::reportIgnoredErrors(kelm::tool::exitStatusOf(error));
-        std::fprintf(stderr, "kelm: %s\n", kelm::tool::describeError(error).c_str());
-        return static_cast<int>(kelm::tool::exitStatusOf(error));
+        return static_cast<int>(answerError(result, error));
     }
 }

@@ -19,18 +19,20 @@ void NewDiskOptions::addCommonTo(CLI::App& command) {
     addNumberOption(command, "--level", level, 0, kMaxLevel,
                     "Compression level: 0 stores, 1 (default) is fastest, 6 takes about 6 times as "
                     "long and saves 8 to 17 %, 9 takes 18 times as long and saves 9 to 19 %");
-    addSizeOption(command, "--split", splitBytes, "Split the disk into files of at most this size");
+    addSizeOption(command, "--split", splitBytes,
+                  "Split the disk into files of at most this size; one file by default");
     addFlag(command, "--encrypt", encrypt, "Encrypt the disk under a password");
     addRoundsOption(command, rounds);
     addFlag(command, "--on-demand", onDemand,
-            "Make the files of a split disk when they are needed");
+            "Make the files of a split disk when they are needed; all at once by default");
     addTextOption(command, "--label", label,
                   "A text that the disk is to keep, for 'list' and 'info'");
     addForceOption(command, force);
 }
 
 void NewDiskOptions::addCompressedTo(CLI::App& command) {
-    addFlag(command, "--compressed", compressed, "Compress the disk");
+    addFlag(command, "--compressed", compressed,
+            "Compress the disk; by default its grains are stored plain");
 }
 
 void NewDiskOptions::addDigestsTo(CLI::App& command) {

@@ -12,10 +12,13 @@ namespace kelm::tool {
 
 namespace {
 
+bool outputHasFailed = false;
+
 void verify(bool done) {
     if (done)
         return;
     int const error = errno;
+    outputHasFailed = true;
     dropOutput();
     if (error == EINTR)
         throw host::CancelledError();
@@ -31,6 +34,10 @@ void print(std::string const& text) {
 
 void flushOutput() {
     verify(std::fflush(stdout) == 0);
+}
+
+bool hasOutputFailed() {
+    return outputHasFailed;
 }
 
 void dropOutput() {

@@ -12,6 +12,9 @@ void print(std::string const& text);
 /// Writes out what is buffered, with the same errors.
 void flushOutput();
 
+/// Whether one of them has failed. Nothing more can be written then.
+bool hasOutputFailed();
+
 /// Drops what is buffered, so that a program that ends with an error does not wait for a reader.
 void dropOutput();
 

@@ -6,6 +6,7 @@
 #include "host/system/name_text.h"
 #include "host/system/size_text.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/error_report.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/output.h"
@@ -56,7 +57,9 @@ std::unique_ptr<host::SalvagedDisk> openToSalvage(Invocation& invocation, std::s
                             askForPassword(invocation, file, passwords).get());
 }
 
-ExitStatus reportDamage(host::DamageList const& damage, bool toError) {
+ExitStatus reportDamage(Invocation& invocation, host::DamageList const& damage, bool toError) {
+    invocation.getResult().add(
+        {{"damage", reportDamagedStretches(damage)}, {"damagedBytes", damage.getDamagedBytes()}});
     if (damage.isEmpty())
         return ExitStatus::Done;
     std::string text;
@@ -65,10 +68,11 @@ ExitStatus reportDamage(host::DamageList const& damage, bool toError) {
                 host::printable(host::displayName(stretch.file) + ' ' + stretch.reason) + '\n';
     }
     text += std::to_string(damage.getDamagedBytes()) + " bytes damaged\n";
-    if (toError)
+    bool const isError = invocation.getResult().getWords() == Words::Errors;
+    if (toError || isError)
         std::fputs(text.c_str(), stderr);
     else
-        print(text);
+        invocation.getResult().print(text);
     return ExitStatus::Damaged;
 }
 

@@ -34,6 +34,6 @@ std::unique_ptr<host::SalvagedDisk> openToSalvage(Invocation& invocation, std::s
 
 /// Prints a line for each damaged stretch and one for all of them, on standard error if `toError`,
 /// since standard output may have an image. Returns the status with which the command ends.
-ExitStatus reportDamage(host::DamageList const& damage, bool toError);
+ExitStatus reportDamage(Invocation& invocation, host::DamageList const& damage, bool toError);
 
 } // namespace kelm::tool
