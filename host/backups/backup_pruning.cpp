@@ -91,10 +91,15 @@ std::vector<PruneVerdict> pruneBackups(yx::IFileSystem* fileSystem,
     DurableFiles steps;
     mendDescriptors(fileSystem, steps, folders);
     std::vector<PruneVerdict> verdicts = judgeBackups(fileSystem, folders, options);
+    if (options.tell)
+        options.tell(verdicts);
     DiskDropOptions drop = options.drop;
     drop.lookIn = folders;
     auto const take = [&](yx::CURI const& mainFile) {
-        DiskDrop(fileSystem, steps, mainFile, drop).run();
+        if (options.dropDisk)
+            options.dropDisk(mainFile, drop);
+        else
+            DiskDrop(fileSystem, steps, mainFile, drop).run();
     };
     for (yx::CURI const& mainFile : findHalfDeletedDisks(fileSystem, folders))
         take(mainFile);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,15 @@
 #include "host/backups/retention_policy.h"
 
 namespace kelm::host {
+
+/// A disk and what is to become of it.
+struct PruneVerdict {
+    /// As the list has it; `parent` is an index into the verdicts.
+    BackupDisk disk;
+
+    /// Why it stays; empty for one that goes.
+    RetentionReasons reasons = {};
+};
 
 /// What is to be kept of the backups in folders, and how the others go.
 struct PruneOptions {
@@ -19,15 +29,13 @@ struct PruneOptions {
 
     /// How each disk that goes is taken out of its chain. Children are looked for in the folders.
     DiskDropOptions drop = {};
-};
 
-/// A disk and what is to become of it.
-struct PruneVerdict {
-    /// As the list has it; `parent` is an index into the verdicts.
-    BackupDisk disk;
+    /// Hears the verdicts before the first disk goes. What it throws ends the work.
+    std::function<void(std::vector<PruneVerdict> const&)> tell = {};
 
-    /// Why it stays; empty for one that goes.
-    RetentionReasons reasons = {};
+    /// Called in the place of `DiskDrop` with `drop`, for hosts that ask for passwords or wait for
+    /// disks in use. It has to drop the disk of this main file, with the options that it is given.
+    std::function<void(yx::CURI const& mainFile, DiskDropOptions const& options)> dropDisk = {};
 };
 
 /// Judges the disks below folders, and the parents that lie elsewhere, which stay. So do disks that

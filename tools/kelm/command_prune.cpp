@@ -4,14 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/backups/backup_list.h"
-#include "host/backups/descriptor_mending.h"
-#include "host/backups/disk_drop.h"
-#include "host/backups/disk_note.h"
-#include "host/backups/left_locks.h"
-#include "host/backups/retention_policy.h"
+#include "host/backups/backup_pruning.h"
 #include "host/store/file_names.h"
-#include "host/store/folder_files.h"
 #include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
@@ -24,7 +18,6 @@ namespace kelm::tool {
 
 namespace {
 
-using host::BackupDisk;
 using Json = nlohmann::ordered_json;
 
 struct PruneArguments {
@@ -37,61 +30,6 @@ struct PruneArguments {
     PasswordOptions passwords;
 };
 
-/// A disk and what is to become of it.
-struct Verdict {
-    BackupDisk disk;
-
-    /// Why it stays; empty for one that goes.
-    host::RetentionReasons reasons = {};
-};
-
-bool isBelow(yx::CURI const& file, std::vector<yx::CURI> const& folders) {
-    std::string const path = file.toNormalized().toString(true).toStdString();
-    return std::any_of(folders.begin(), folders.end(), [&](yx::CURI const& folder) {
-        return path.starts_with(folder.toNormalized().toString(true).toStdString() + "/");
-    });
-}
-
-/// Why a disk stays, whatever the rules say; empty if they decide.
-std::string findExemption(std::vector<BackupDisk> const& disks, std::size_t index,
-                          PruneArguments const& arguments, std::vector<yx::CURI> const& folders) {
-    BackupDisk const& disk = disks[index];
-    if (!isBelow(disk.mainFile, folders))
-        return "not in the folder";
-    if (!arguments.label.empty() && disk.label != arguments.label)
-        return "another label";
-    if (disk.state != host::BackupState::Complete)
-        return nameOf(disk.state);
-    for (BackupDisk const& child : disks) {
-        if (child.parent == index && child.state != host::BackupState::Complete)
-            return std::string("its child is ") + nameOf(child.state);
-    }
-    return {};
-}
-
-std::vector<Verdict> judge(std::vector<BackupDisk> const& disks, PruneArguments const& arguments,
-                           std::vector<yx::CURI> const& folders) {
-    std::vector<Verdict> verdicts;
-    std::vector<host::RetentionItem> items;
-    std::vector<std::size_t> places;
-    for (std::size_t index = 0; index < disks.size(); ++index) {
-        BackupDisk const& disk = disks[index];
-        std::string const exemption = findExemption(disks, index, arguments, folders);
-        verdicts.push_back({disk});
-        if (!exemption.empty()) {
-            verdicts.back().reasons.push_back(exemption);
-            continue;
-        }
-        places.push_back(index);
-        items.push_back({disk.time, disk.source, disk.host});
-    }
-    std::vector<host::RetentionReasons> const reasons =
-        host::RetentionPolicy(arguments.rules).judge(items);
-    for (std::size_t i = 0; i < places.size(); ++i)
-        verdicts[places[i]].reasons = reasons[i];
-    return verdicts;
-}
-
 std::string joinReasons(host::RetentionReasons const& reasons) {
     std::string text;
     for (std::string const& reason : reasons)
@@ -99,10 +37,10 @@ std::string joinReasons(host::RetentionReasons const& reasons) {
     return text;
 }
 
-std::string formatVerdicts(std::vector<Verdict> const& verdicts) {
+std::string formatVerdicts(std::vector<host::PruneVerdict> const& verdicts) {
     constexpr std::size_t kTimeWidth = 22;
     std::string text;
-    for (Verdict const& verdict : verdicts) {
+    for (host::PruneVerdict const& verdict : verdicts) {
         std::string time = verdict.disk.time.empty() ? "-" : host::printable(verdict.disk.time);
         time.resize(std::max(time.size(), kTimeWidth), ' ');
         text += (verdict.reasons.empty() ? "drop  " : "keep  ") + time +
@@ -114,9 +52,9 @@ std::string formatVerdicts(std::vector<Verdict> const& verdicts) {
     return text;
 }
 
-Json reportVerdicts(std::vector<Verdict> const& verdicts) {
+Json reportVerdicts(std::vector<host::PruneVerdict> const& verdicts) {
     Json disks = Json::array();
-    for (Verdict const& verdict : verdicts) {
+    for (host::PruneVerdict const& verdict : verdicts) {
         disks.push_back({{"file", host::displayName(verdict.disk.mainFile)},
                          {"time", verdict.disk.time},
                          {"keep", !verdict.reasons.empty()},
@@ -126,42 +64,15 @@ Json reportVerdicts(std::vector<Verdict> const& verdicts) {
 }
 
 void dropDisk(Invocation& invocation, PruneArguments& arguments, yx::CURI const& mainFile,
-              std::vector<yx::CURI> const& folders) {
+              host::DiskDropOptions options) {
     withPassword(invocation, host::displayName(mainFile), arguments.passwords, [&] {
         LongWork const work(invocation, "prune", arguments.threads);
-        host::DiskDropOptions options;
-        options.trust = invocation.getTrust();
-        options.lookIn = folders;
-        options.verify = true;
         options.work = work.getOptions();
         options.password = usedPassword(invocation, arguments.passwords);
         host::DurableFiles steps;
         return invocation.getWait().retry(
             [&] { return host::DiskDrop(invocation.getFiles(), steps, mainFile, options).run(); });
     });
-}
-
-/// Disks whose main files are gone, and some of whose others are still there, since a program was
-/// killed while it deleted them.
-std::vector<yx::CURI> findHalfDeleted(Invocation& invocation,
-                                      std::vector<yx::CURI> const& folders) {
-    std::string const suffix = ".deleting";
-    std::vector<yx::CURI> found;
-    for (yx::CURI const& folder : folders) {
-        for (yx::CURI const& file : host::listFilesBelow(folder)) {
-            std::string const name = file.getName().toStdString();
-            if (!name.ends_with(suffix))
-                continue;
-            yx::CURI const mainFile = (file.getParent() << yx::String::fromUTF8(
-                                           name.substr(0, name.size() - suffix.size())))
-                                          .toNormalized();
-            if (!invocation.getFiles()->fileExists(mainFile) &&
-                host::DiskNote::tryRead(invocation.getFiles(), mainFile,
-                                        host::DiskNote::Work::Deleting))
-                found.push_back(mainFile);
-        }
-    }
-    return found;
 }
 
 ExitStatus prune(Invocation& invocation, PruneArguments& arguments) {
@@ -171,25 +82,23 @@ ExitStatus prune(Invocation& invocation, PruneArguments& arguments) {
     std::vector<yx::CURI> folders;
     for (std::string const& folder : arguments.folders)
         folders.push_back(host::uriFromArgument(folder));
-    if (!arguments.dryRun) {
-        host::DurableFiles steps;
-        host::mendDescriptors(invocation.getFiles(), steps, folders);
-    }
-    std::vector<Verdict> const verdicts =
-        judge(host::listBackups(invocation.getFiles(), folders), arguments, folders);
+    host::PruneOptions options;
+    options.rules = arguments.rules;
+    options.label = arguments.label;
+    options.drop.trust = invocation.getTrust();
+    options.drop.verify = true;
     CommandResult& output = invocation.getResult();
-    output.print(formatVerdicts(verdicts));
-    output.add({{"disks", reportVerdicts(verdicts)}, {"done", false}});
-    if (!arguments.dryRun) {
-        for (yx::CURI const& mainFile : findHalfDeleted(invocation, folders))
-            dropDisk(invocation, arguments, mainFile, folders);
-        // Children before their parents, so that what several links hold is copied once.
-        for (auto verdict = verdicts.rbegin(); verdict != verdicts.rend(); ++verdict) {
-            if (verdict->reasons.empty())
-                dropDisk(invocation, arguments, verdict->disk.mainFile, folders);
-        }
-        host::removeLeftLocks(invocation.getFiles(), folders);
-    }
+    options.tell = [&output](std::vector<host::PruneVerdict> const& verdicts) {
+        output.print(formatVerdicts(verdicts));
+        output.add({{"disks", reportVerdicts(verdicts)}, {"done", false}});
+    };
+    options.dropDisk = [&](yx::CURI const& mainFile, host::DiskDropOptions const& drop) {
+        dropDisk(invocation, arguments, mainFile, drop);
+    };
+    if (arguments.dryRun)
+        options.tell(host::judgeBackups(invocation.getFiles(), folders, options));
+    else
+        host::pruneBackups(invocation.getFiles(), folders, options);
     output.add({{"done", !arguments.dryRun}});
     return ExitStatus::Done;
 }

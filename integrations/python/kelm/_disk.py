@@ -296,7 +296,8 @@ def create(path: Path, size: Optional[int] = None, *, compressed: bool = False, 
     parent is encrypted anyway, under the same. `rounds` is how often a password is hashed before it
     opens the disk, by default as often as takes half a second.
 
-    A file that exists is `Exists`. If anything fails, nothing is left behind.
+    A file that exists is `Exists`. If making it fails, nothing is left behind; a disk that was
+    made and then cannot be opened stays.
 
     >>> with kelm.create("new.vmdk", 64 << 20, compressed=True) as disk:
     ...     disk.write(b"kelm")
