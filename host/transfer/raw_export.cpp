@@ -26,8 +26,8 @@ void exportPlain(SafeDisk& disk, ImageWriter& writer, TransferProgress& progress
     }
 }
 
-void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
-                      TransferProgress& progress) {
+/// With the decoding and deciphering on several threads.
+void exportCoded(SafeDisk& disk, ImageWriter& writer, int threads, TransferProgress& progress) {
     assert(threads > 0);
     Unpreparer unpreparer(disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
@@ -41,8 +41,9 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
     WrittenGrainReader reader(disk, progress, writer.getImageBytes());
     pipeline.run(
         [&](GrainItem& item) {
-            if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
+            if (!reader.findNext(item.grainIndex))
                 return false;
+            unpreparer.read(item);
             writer.beginEarly();
             return true;
         },
@@ -61,8 +62,8 @@ void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options) {
     TransferProgress progress(options, imageBytes);
     ImageWriter writer(disk, target, imageBytes);
     target.verifyHasRoomFor(imageBytes);
-    if (disk.getDisk().getCompressed())
-        exportCompressed(disk, writer, countThreads(options), progress);
+    if (disk.getDisk().getCompressed() || disk.getDisk().isEncrypted())
+        exportCoded(disk, writer, countThreads(options), progress);
     else
         exportPlain(disk, writer, progress);
     writer.finish();

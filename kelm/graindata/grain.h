@@ -111,7 +111,8 @@ public:
     void readPreparedGrainData(yx::TBuffer<unsigned char>& target);
 
     /// Flushes, fills `target` with the grain as the file holds it, enciphered
-    /// (`CVMDKGrainCipher`), moves to the grain's end and returns true. Where the grain has no data
+    /// (`CVMDKGrainCipher`), moves to the grain's end and returns true. A record is read up to the
+    /// end of the sector in which its data end; what may follow is padding. Where the grain has no data
     /// in this extent, returns false and moves nothing. Throws, in this order, `yx::CError` without
     /// a cipher, `yx::CIOError` `NotAllowed` as `readPreparedGrainData` does, and what that throws
     /// for a record. After a failure `target` is undefined.

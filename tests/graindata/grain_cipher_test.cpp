@@ -1,5 +1,7 @@
 #include "kelm/graindata/grain_cipher.h"
 
+#include <algorithm>
+
 #include "tests/graindata/grain_fixture.h"
 
 using kelm::CVMDKGrain;
@@ -152,7 +154,10 @@ TEST_F(GrainCipher, EncipheredGrainIsReadAsTheFileHoldsIt) {
             Buffer target = toBuffer(Bytes(3, 0xEE));
             ASSERT_TRUE(grain->tryReadEncipheredGrainData(target));
             EXPECT_EQ(0, grain->getBytesLeft());
-            EXPECT_TRUE(sameBytes(stored, slice(toBytes(target), 0, stored.size())));
+            // What follows the data is padding, and sectors of that alone are not read.
+            std::size_t const sizeBytes = std::min(stored.size(), toBytes(target).size());
+            EXPECT_TRUE(
+                sameBytes(slice(stored, 0, sizeBytes), slice(toBytes(target), 0, sizeBytes)));
             EXPECT_TRUE(sameBytes(preparedForm(kind, plain, kStartGrainIndex + 2),
                                   decipher(kind, toBytes(target), kStartGrainIndex + 2)));
         }
