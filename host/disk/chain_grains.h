@@ -69,8 +69,8 @@ public:
         int level = 0;
     };
 
-    /// The disk that holds a grain which `canBeReadPrepared`, with the cursor there. Its own grain of
-    /// that index is that of `disk`. Null where no disk holds it, or where it cannot be read so.
+    /// The disk that holds a grain which `canBeReadPrepared`, with the cursor there. Its own grain
+    /// of that index is that of `disk`. Null where no disk holds it, or where it cannot be read so.
     Holder findHolder(CVMDKDisk& disk, __int64 grainIndex) {
         Holder holder;
         return findPrepared(disk, grainIndex, holder) ? holder : Holder();

@@ -7,9 +7,9 @@
 
 namespace kelm::host {
 
-/// The ciphers of a group of workers for the grains of an encrypted disk and of its parents, so that
-/// the thread of the disk need not encipher and decipher. For a disk that is not encrypted there are
-/// none, and its grains are read and written in prepared form.
+/// The ciphers of a group of workers for the grains of an encrypted disk and of its parents, so
+/// that the thread of the disk need not encipher and decipher. For a disk that is not encrypted
+/// there are none, and its grains are read and written in prepared form.
 class GrainCiphers {
 public:
     /// One for each worker, since a cipher serves one thread. All have one key.
@@ -22,8 +22,9 @@ public:
     Set const* getOwn() const { return m_own; }
 
     /// Fills `data` with a grain as the file of the disk, or of one of its parents, holds it, and
-    /// returns what it is to be deciphered with. Returns null where `SafeDisk::tryReadEncipheredGrain`
-    /// does not read it; read it in another way then. A set stays good for the object's life.
+    /// returns what it is to be deciphered with. Returns null where
+    /// `SafeDisk::tryReadEncipheredGrain` does not read it; read it in another way then. A set
+    /// stays good for the object's life.
     Set const* tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
 
 private:

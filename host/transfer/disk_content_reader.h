@@ -8,7 +8,8 @@
 
 namespace kelm::host {
 
-/// The content of a disk up to its exact size, for a comparison. The disk must outlive the reader.
+/// The content of a disk up to its exact size, for a comparison. The disk must outlive the reader,
+/// and not change while it reads.
 /// Grains of a compressed disk are decoded ahead, by a thread for each core.
 class DiskContentReader : public ContentReader {
 public:

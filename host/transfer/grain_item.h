@@ -18,8 +18,8 @@ struct GrainItem {
     yx::P<Buffer> input = yx::makeObject<Buffer>();
     bool inputIsPrepared = false;
 
-    /// The ciphers that the input, which is prepared, has to be deciphered with first; null if it is
-    /// not enciphered.
+    /// The ciphers that the input, which is prepared, has to be deciphered with first; null if it
+    /// is not enciphered.
     GrainCiphers::Set const* inputCiphers = nullptr;
 
     /// Whether the result is to be plain, since the target cannot take the prepared form there. Set

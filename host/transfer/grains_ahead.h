@@ -9,12 +9,12 @@
 namespace kelm::host {
 
 /// The plain grains of a disk for one who reads them in order, deciphered and decoded ahead on
-/// several threads. For whoever takes grains at a pace of his own; a transfer that moves all of them
-/// uses a `GrainPipeline`.
+/// several threads. For whoever takes grains at a pace of his own; a transfer that moves all of
+/// them uses a `GrainPipeline`.
 class GrainsAhead {
 public:
     /// Starts the workers; see `OrderedWorkers` for what that may throw. `disk` must outlive the
-    /// object, which shares its thread.
+    /// object, which shares its thread, and not change before what is read.
     GrainsAhead(SafeDisk& disk, int threadCount);
 
     /// The bytes of the disk that a grain holds, good until the next call; null for a grain that

@@ -31,8 +31,8 @@ bool holdsEqualGrain(SafeDisk& disk, __int64 grainIndex, Buffer const& grain, Bu
                        static_cast<std::size_t>(scratch.getUsed())) == 0;
 }
 
-/// On one thread: without digests, there is nothing to compute for a disk of plain grains that is not
-/// encrypted, and what is to be compared with the image only the thread of the disk may read.
+/// On one thread: without digests, there is nothing to compute for a disk of plain grains that is
+/// not encrypted, and what is to be compared with the image only the thread of the disk may read.
 void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared, PeriodicFlush& flush,
                     TransferProgress& progress) {
     Buffer grain;

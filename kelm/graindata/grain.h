@@ -112,10 +112,10 @@ public:
 
     /// Flushes, fills `target` with the grain as the file holds it, enciphered
     /// (`CVMDKGrainCipher`), moves to the grain's end and returns true. A record is read up to the
-    /// end of the sector in which its data end; what may follow is padding. Where the grain has no data
-    /// in this extent, returns false and moves nothing. Throws, in this order, `yx::CError` without
-    /// a cipher, `yx::CIOError` `NotAllowed` as `readPreparedGrainData` does, and what that throws
-    /// for a record. After a failure `target` is undefined.
+    /// end of the sector in which its data end; what may follow is padding. Where the grain has no
+    /// data in this extent, returns false and moves nothing. Throws, in this order, `yx::CError`
+    /// without a cipher, `yx::CIOError` `NotAllowed` as `readPreparedGrainData` does, and what that
+    /// throws for a record. After a failure `target` is undefined.
     bool tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& target);
 
     /// Whether the grain holds data here, unflushed changes included, or in the provider.
@@ -162,8 +162,8 @@ public:
     void writePreparedGrainDataKeepBuffer(yx::TConstBufferSlice<unsigned char> const& data);
 
     /// Stores a whole grain that a `CVMDKGrainCipher` has enciphered for this disk grain index, as
-    /// `writePreparedGrainData` stores a prepared one. Throws, in this order, `yx::CError` without a
-    /// cipher, what that throws, and `yx::CIOError` `CorruptData` for data that
+    /// `writePreparedGrainData` stores a prepared one. Throws, in this order, `yx::CError` without
+    /// a cipher, what that throws, and `yx::CIOError` `CorruptData` for data that
     /// `CVMDKGrainCipher::verifyIsEnciphered` refuses. Nothing has been written or dropped then.
     void writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data);
 

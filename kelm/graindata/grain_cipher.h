@@ -6,14 +6,14 @@
 
 namespace kelm {
 
-/// Enciphers prepared grains of an encrypted disk, and deciphers them, apart from the disk: on other
-/// threads. What it makes is byte for byte what `CVMDKGrain` makes of the same prepared grain, since
-/// a grain's initialization vector comes from its index in the disk, not from its place in a file.
+/// Enciphers and deciphers prepared grains of an encrypted disk on other threads than the disk's.
+/// What it makes is byte for byte what `CVMDKGrain` makes of the same prepared grain, since a
+/// grain's initialization vector comes from its index in the disk, not from its place in a file.
 ///
-/// A grain in enciphered form is what the file holds of it: for a disk of plain grains as many bytes
-/// as a grain has, for a compressed one the record that `CVMDKDataPreparer` shows, with or without
-/// the bytes behind it up to a sector's end. Each has to be enciphered for the very grain that it is
-/// stored as, and nothing tells if it was not.
+/// A grain in enciphered form is what the file holds of it: for a disk of plain grains as many
+/// bytes as a grain has, for a compressed one the record that `CVMDKDataPreparer` shows, with or
+/// without the bytes behind it up to a sector's end. Each has to be enciphered for the very grain
+/// that it is stored as, and nothing tells if it was not.
 ///
 /// A cipher may be used by one thread at a time. Ciphers that are no copies of each other share
 /// nothing.
@@ -34,10 +34,10 @@ public:
 
     ~CVMDKGrainCipher() override;
 
-    /// Replaces the content of `target`, which is another buffer, by the enciphered form of a grain;
-    /// `grainIndex` counts over the whole disk. Throws `yx::CIOError` `CorruptData` for a record too
-    /// short for its header and for plain grains of any size but a whole one; and what the cipher
-    /// throws, after which `target` is undefined.
+    /// Replaces the content of `target`, which is another buffer, by the enciphered form of a
+    /// grain; `grainIndex` counts over the whole disk. Throws `yx::CIOError` `CorruptData` for a
+    /// record too short for its header and for plain grains of any size but a whole one; and what
+    /// the cipher throws, after which `target` is undefined.
     void encipher(yx::TBuffer<unsigned char> const& prepared, __int64 grainIndex,
                   yx::TBuffer<unsigned char>& target);
 
@@ -48,8 +48,8 @@ public:
                   yx::TBuffer<unsigned char>& target);
 
     /// Throws `yx::CIOError` `CorruptData` unless the size of `data` is that of a grain in
-    /// enciphered form, for a record by its header: `grainSizeBytes` bytes, or for a compressed grain
-    /// at least all cipher blocks of the data.
+    /// enciphered form, for a record by its header: `grainSizeBytes` bytes, or for a compressed
+    /// grain at least all cipher blocks of the data.
     static void verifyIsEnciphered(yx::TBuffer<unsigned char> const& data, __int64 grainSizeBytes,
                                    bool compressed, int blockSizeBytes);
 

@@ -123,6 +123,19 @@ TEST_F(GrainCipher, BadArgumentsAreRefused) {
                                  Props{}, [&] { make(8, 15); }));
 }
 
+TEST_F(GrainCipher, CopiedCipherEnciphersAlike) {
+    Buffer const plain = toBuffer(pattern(kGrainSizeBytes, 5));
+    CVMDKGrainCipher original = makeCipher(kEnciphered);
+    CVMDKGrainCipher const copy(original);
+    CVMDKGrainCipher assigned(cipher.get(), cryptKey(), toBuffer(zeros(16)), 1, true);
+    assigned = copy;
+    Buffer expected;
+    Buffer target;
+    original.encipher(plain, 7, expected);
+    assigned.encipher(plain, 7, target);
+    EXPECT_TRUE(sameBytes(expected, target));
+}
+
 TEST_F(GrainCipher, EncipheredGrainIsStoredAsThePreparedOneWouldBe) {
     for (Kind const kind : kEncipheredKinds) {
         SCOPED_TRACE(testing::Message() << kind);

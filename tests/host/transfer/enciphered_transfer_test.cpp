@@ -50,7 +50,8 @@ protected:
         return copy;
     }
 
-    /// A file without what two openings draw for themselves: the content ID and what follows from it.
+    /// A file without what two openings draw for themselves: the content ID and what follows from
+    /// it.
     static Bytes withoutDrawnTexts(Buffer const& file) {
         std::string text = toText(toBytes(file));
         auto const blank = [&text](std::string const& key, std::size_t sizeBytes) {
