@@ -26,6 +26,7 @@
 #include "kelm/graindata/compressor.h"
 #include "kelm/graindata/data_preparer.h"
 #include "kelm/graindata/grain.h"
+#include "kelm/graindata/grain_cipher.h"
 #include "kelm/metadata/grain_allocator.h"
 #include "kelm/metadata/grain_directory.h"
 #include "kelm/metadata/grain_table.h"

@@ -9,6 +9,7 @@
 
 #include "host/check/check_errors.h"
 #include "host/check/finding_fold.h"
+#include "host/disk/grain_ciphers.h"
 #include "host/system/worker_pipeline.h"
 #include "kelm/format/constants.h"
 
@@ -31,6 +32,10 @@ struct CheckedGrain {
     /// As it was read; a record or plain bytes.
     yx::P<Buffer> input = yx::makeObject<Buffer>();
     bool isRecord = false;
+
+    /// What the input has to be deciphered with first, if anything.
+    GrainCiphers::Set const* ciphers = nullptr;
+    yx::P<Buffer> deciphered = yx::makeObject<Buffer>();
     yx::P<Buffer> plain = yx::makeObject<Buffer>();
     std::optional<Digest> digest;
 };
@@ -54,7 +59,8 @@ public:
           m_fold(m_report),
           m_known(knowledge.damaged),
           m_sample(knowledge.sample),
-          m_digests(knowledge.digests) {
+          m_digests(knowledge.digests),
+          m_ciphers(disk, countThreads(options)) {
         if (disk.getDisk().getCompressed() || m_digests)
             startWorkers(countThreads(options));
     }
@@ -122,7 +128,7 @@ private:
         }
         // A record can be slightly larger than its plain grain.
         __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
-        __int64 const itemBytes = 2 * (grainSizeBytes + grainSizeBytes / 16 + kSectorSizeBytes);
+        __int64 const itemBytes = 3 * (grainSizeBytes + grainSizeBytes / 16 + kSectorSizeBytes);
         m_decoders = std::make_unique<GrainDecoders>(
             threads, OrderedWorkers::calcSlotCount(itemBytes, threads),
             [this](CheckedGrain& grain, int worker) {
@@ -132,6 +138,11 @@ private:
 
     /// On a worker thread.
     void decodeAndCompare(CheckedGrain& grain, std::size_t worker) {
+        if (grain.ciphers) {
+            (*grain.ciphers)[worker]->decipher(*grain.input, grain.grain.thing.number,
+                                               *grain.deciphered);
+            std::swap(grain.input, grain.deciphered);
+        }
         yx::P<Buffer> plain = grain.input;
         if (grain.isRecord)
             plain = m_preparers[worker]->unprepareGrainData(grain.input.get(), grain.plain.get());
@@ -237,18 +248,32 @@ private:
     bool readForWorkers(GrainInExtent const& grain, std::optional<Digest> const& digest) {
         ByteRange const& bytes = grain.thing.bytes;
         if (!m_decoders) {
-            readPlain(bytes, m_grain);
+            // To decipher it would tell nothing about it.
+            if (!tryReadEnciphered(grain, m_grain))
+                readPlain(bytes, m_grain);
             return false;
         }
         CheckedGrain& item = *m_decoders->getFree();
         item.grain = grain;
         item.digest = digest;
-        item.isRecord = m_disk.getDisk().getCompressed() &&
-                        m_disk.getFileGrain(bytes.startBytes).isGrainOfDisk &&
-                        m_disk.tryReadPreparedGrain(grain.thing.number, *item.input);
-        if (!item.isRecord)
+        bool const isCompressed = m_disk.getDisk().getCompressed();
+        item.ciphers = tryReadEnciphered(grain, *item.input);
+        item.isRecord =
+            isCompressed &&
+            (item.ciphers || (m_disk.getFileGrain(bytes.startBytes).isGrainOfDisk &&
+                              m_disk.tryReadPreparedGrain(grain.thing.number, *item.input)));
+        if (!item.isRecord && !item.ciphers)
             readPlain(bytes, *item.input);
         return item.isRecord || item.digest;
+    }
+
+    /// The ciphers for a grain of the disk that has been read as its file holds it; null if it has
+    /// not been read, since it is to be read otherwise.
+    GrainCiphers::Set const* tryReadEnciphered(GrainInExtent const& grain, Buffer& target) {
+        if (!m_disk.getDisk().isEncrypted() ||
+            !m_disk.getFileGrain(grain.thing.bytes.startBytes).isGrainOfDisk)
+            return nullptr;
+        return m_ciphers.tryRead(grain.thing.number, target);
     }
 
     void readPlain(ByteRange const& bytes, Buffer& target) {
@@ -410,6 +435,8 @@ private:
     bool m_numbersAreUnique = true;
     std::optional<Unreachable> m_unreachable;
     Buffer m_grain;
+
+    GrainCiphers m_ciphers;
 
     /// One for each worker. They outlive the pipeline.
     std::vector<yx::P<CVMDKDataPreparer>> m_preparers;

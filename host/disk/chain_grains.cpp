@@ -80,7 +80,8 @@ bool ChainGrains::isPassedOn(CVMDKDisk& disk, __int64 positionBytes, __int64 byt
     return true;
 }
 
-bool ChainGrains::canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex) {
+/// Whether the grain can be read prepared, and the disk that holds it; null if none does.
+bool ChainGrains::findPrepared(CVMDKDisk& disk, __int64 grainIndex, Holder& found) {
     DiskLayout const& layout = m_levels.front().getLayout();
     __int64 const startBytes = grainIndex * layout.getGrainSizeBytes();
     bool const isInDisk = grainIndex >= 0 && grainIndex < layout.getGrainCount();
@@ -91,6 +92,7 @@ bool ChainGrains::canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex) {
         holder = holder->getParentDisk();
         if (!holder)
             return true;
+        ++found.level;
         ExtentGrains& parent = levelOf(level, *holder);
         if (!hasFormOfDisk(parent.getLayout()))
             return false;
@@ -100,6 +102,7 @@ bool ChainGrains::canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex) {
         if (!parent.at(startBytes).isGrainOfDisk)
             return false;
     }
+    found.disk = holder;
     return true;
 }
 

@@ -15,6 +15,7 @@ namespace kelm::host {
 /// - Nothing in the chain holds a range: it need not be read, for it is zeros (`isWritten`).
 /// - The disk itself holds a range (`isWrittenHere`).
 /// - A grain can be read in prepared form (`canBeReadPrepared`).
+/// - A grain can be read as the file of one of the disks holds it (`findHolder`).
 /// - A grain can be written in prepared form (`at`, `FileGrain::isGrainOfDisk`).
 ///
 /// The bare library answers all of this for the first byte of a grain only.
@@ -57,9 +58,26 @@ public:
     /// Whether the prepared form of a grain, as `CVMDKDisk::readPreparedGrainData` reads it, stands
     /// for the bytes of the disk there: it is a grain of the disk, and so it is in each parent down
     /// to the one that holds it, in the same size and form.
-    bool canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex);
+    bool canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex) {
+        Holder holder;
+        return findPrepared(disk, grainIndex, holder);
+    }
+
+    /// A disk of the chain, and its place there: 0 for the disk itself.
+    struct Holder {
+        yx::P<CVMDKDisk> disk;
+        int level = 0;
+    };
+
+    /// The disk that holds a grain which `canBeReadPrepared`, with the cursor there. Its own grain
+    /// of that index is that of `disk`. Null where no disk holds it, or where it cannot be read so.
+    Holder findHolder(CVMDKDisk& disk, __int64 grainIndex) {
+        Holder holder;
+        return findPrepared(disk, grainIndex, holder) ? holder : Holder();
+    }
 
 private:
+    bool findPrepared(CVMDKDisk& disk, __int64 grainIndex, Holder& holder);
     bool isWrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
     ExtentGrains& levelOf(std::size_t level, CVMDKDisk& disk);
     bool hasFormOfDisk(DiskLayout const& parent) const;

@@ -69,13 +69,22 @@ void DiskWriting::write(__int64 positionBytes, void const* buffer, int bytes, Co
     });
 }
 
-void DiskWriting::writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data,
-                                Content content) {
+void DiskWriting::beginWholeGrain(__int64 grainIndex, Content content) {
     assert((grainIndex + 1) * m_layout.getGrainSizeBytes() <= m_layout.getSizeBytes());
     __int64 const positionBytes = grainIndex * m_layout.getGrainSizeBytes();
     prepareChange(positionBytes, m_layout.getGrainSizeBytes(), content);
     beginChangeOfGrain(positionBytes);
+}
+
+void DiskWriting::writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data,
+                                Content content) {
+    beginWholeGrain(grainIndex, content);
     m_disk.writePreparedGrainData(data);
+}
+
+void DiskWriting::writeEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char> const& data) {
+    beginWholeGrain(grainIndex, Content::Changes);
+    m_disk.writeEncipheredGrainData(data);
 }
 
 void DiskWriting::flush() {

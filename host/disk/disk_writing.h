@@ -40,6 +40,9 @@ public:
     /// Stores a grain of the disk (`FileGrain::isGrainOfDisk`) that was prepared for its index.
     void writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data, Content content);
 
+    /// The same for a grain that was enciphered for its index too.
+    void writeEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char> const& data);
+
     /// Brings all changes to the device. Once a file of the disk could not be synced, every call
     /// throws the error of that again.
     void flush();
@@ -50,6 +53,7 @@ public:
 private:
     void prepareChange(__int64 positionBytes, __int64 bytes, Content content);
     void beginChangeOfGrain(__int64 positionBytes);
+    void beginWholeGrain(__int64 grainIndex, Content content);
 
     CVMDKDisk& m_disk;
     DiskLayout const& m_layout;

@@ -38,4 +38,14 @@ bool PreparedReading::tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& da
     return isRead;
 }
 
+int PreparedReading::tryReadEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
+    return m_reading.useDisk(grainIndex, [&](CVMDKDisk& disk) {
+        ChainGrains::Holder const holder = m_grains.findHolder(disk, grainIndex);
+        if (!holder.disk)
+            return -1;
+        holder.disk->seek(grainIndex * m_layout.getGrainSizeBytes());
+        return holder.disk->tryReadEncipheredGrainData(data) ? holder.level : -1;
+    });
+}
+
 } // namespace kelm::host

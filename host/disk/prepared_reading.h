@@ -14,6 +14,12 @@ public:
     /// `ChainGrains::canBeReadPrepared` says. Read it in plain form then.
     bool tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
 
+    /// Fills `data` with a whole grain as a file of the chain holds it, enciphered, and returns the
+    /// place of that disk in the chain: 0 for the disk itself, whose cipher is then the one to use.
+    /// Returns -1 where no disk holds the grain, where the one that holds it is not encrypted, and
+    /// where it has no prepared form.
+    int tryReadEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
+
 private:
     DiskLayout const& m_layout;
     ChainGrains& m_grains;

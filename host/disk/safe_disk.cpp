@@ -251,6 +251,19 @@ void SafeDisk::writePreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>
     }
 }
 
+void SafeDisk::writeEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& data) {
+    __int64 const positionBytes = grainIndex * getGrainSizeBytes();
+    m_writing.verifyMayWrite(positionBytes, 0);
+    m_writing.reserveRoom(positionBytes, getGrainSizeBytes());
+    if (grainIndex < getGrainCount() && isWholeGrain(grainIndex)) {
+        m_writing.writeEnciphered(grainIndex, data);
+    } else {
+        // The library refuses it, in its words.
+        m_disk->seek(positionBytes);
+        m_disk->writeEncipheredGrainData(data);
+    }
+}
+
 bool SafeDisk::tryReadPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
     return m_preparedReading.tryRead(grainIndex, data);
 }

@@ -114,8 +114,16 @@ public:
     /// Stores a whole grain that `CVMDKDisk::createDataPreparer` prepared for its index.
     void writePreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& data);
 
+    /// The same for one that `CVMDKDisk::createGrainCipher` has enciphered for its index then.
+    void writeEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& data);
+
     /// See `PreparedReading::tryRead`.
     bool tryReadPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
+
+    /// See `PreparedReading::tryReadEnciphered`.
+    int tryReadEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
+        return m_preparedReading.tryReadEnciphered(grainIndex, data);
+    }
 
     /// See `DiskReading`.
     bool isWritten(__int64 positionBytes, __int64 bytes) {

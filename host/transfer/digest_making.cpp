@@ -48,7 +48,7 @@ void DigestMaking::addRest(WorkOptions const& options) {
             if (next == m_disk.getGrainCount())
                 return false;
             item.grainIndex = next++;
-            fill(item);
+            fill(item, unpreparer);
             if (!item.hasDigest)
                 progress.addRead(item.input->getUsed());
             return true;
@@ -61,7 +61,7 @@ void DigestMaking::addRest(WorkOptions const& options) {
     progress.finish(m_disk.getSizeBytes());
 }
 
-void DigestMaking::fill(GrainItem& item) {
+void DigestMaking::fill(GrainItem& item, Unpreparer& unpreparer) {
     item.hasDigest = false;
     if (m_former) {
         if (std::optional<Digest> const digest = m_former->find(item.grainIndex)) {
@@ -70,11 +70,7 @@ void DigestMaking::fill(GrainItem& item) {
             return;
         }
     }
-    withGrainPlace(m_disk, item.grainIndex, [&] {
-        item.inputIsPrepared = m_disk.tryReadPreparedGrain(item.grainIndex, *item.input);
-        if (!item.inputIsPrepared)
-            readPlainGrain(m_disk, item.grainIndex, *item.input);
-    });
+    unpreparer.read(item);
 }
 
 void DigestMaking::finish(__int64 imageSizeBytes, WorkOptions const& options) {

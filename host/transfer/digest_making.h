@@ -9,6 +9,7 @@
 #include "host/system/work_options.h"
 #include "host/transfer/grain_item.h"
 #include "host/transfer/image_hasher.h"
+#include "host/transfer/unpreparer.h"
 
 namespace kelm::host {
 
@@ -51,7 +52,7 @@ public:
 
 private:
     void addRest(WorkOptions const& options);
-    void fill(GrainItem& item);
+    void fill(GrainItem& item, Unpreparer& unpreparer);
 
     SafeDisk& m_disk;
     DigestFile* m_former = nullptr;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "host/system/work_options.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/whole_reading.h"
@@ -12,6 +13,27 @@ namespace kelm::host {
 DiskContentReader::DiskContentReader(SafeDisk& disk, CancelFlag const* cancel) : m_disk(disk) {
     beginWholeReading(disk, cancel);
     m_lengthBytes = getExactSizeBytes(disk);
+    // Deciphering alone is so fast that handing it over takes as long.
+    if (disk.getDisk().getCompressed())
+        m_ahead.emplace(disk, countThreads(WorkOptions()));
+}
+
+/// Fills the buffer from the present position on.
+void DiskContentReader::readAhead(unsigned char* buffer, int bytes) {
+    __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
+    for (__int64 position = m_positionBytes; bytes > 0;) {
+        __int64 const offset = position % grainSizeBytes;
+        int const partBytes = static_cast<int>(std::min<__int64>(bytes, grainSizeBytes - offset));
+        yx::TBuffer<unsigned char> const* const grain = m_ahead->find(position / grainSizeBytes);
+        assert(!grain || grain->getUsed() >= offset + partBytes);
+        if (grain)
+            yx::copyMemory(buffer, grain->getData() + offset, static_cast<std::size_t>(partBytes));
+        else
+            yx::initMemory(buffer, 0, static_cast<std::size_t>(partBytes));
+        position += partBytes;
+        buffer += partBytes;
+        bytes -= partBytes;
+    }
 }
 
 int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) {
@@ -21,7 +43,9 @@ int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) 
     if (count <= 0)
         return 0;
     isZero = !m_disk.isWritten(m_positionBytes, count);
-    if (!isZero)
+    if (!isZero && m_ahead)
+        readAhead(buffer, count);
+    else if (!isZero)
         readWithGrainPlace(m_disk, m_positionBytes, buffer, count);
     m_positionBytes += count;
     return count;

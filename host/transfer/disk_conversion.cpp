@@ -7,6 +7,7 @@
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/plain_grains.h"
+#include "host/transfer/result_cipher.h"
 #include "host/transfer/unpreparer.h"
 #include "host/transfer/whole_reading.h"
 #include "host/transfer/written_grain_reader.h"
@@ -23,7 +24,8 @@ public:
                     DigestMaking* digests)
         : m_bothAreCompressed(from.getDisk().getCompressed() && to.getDisk().getCompressed()),
           m_unpreparer(from, threads),
-          m_preparers(to, threads) {
+          m_preparers(to, threads),
+          m_cipher(to, threads) {
         if (m_bothAreCompressed && check == RecordCheck::Decode)
             m_verifier.emplace(from, threads);
         if (digests)
@@ -31,12 +33,19 @@ public:
         m_ownWorker = threads;
     }
 
+    /// On the thread of the disks.
+    void read(GrainItem& item) { m_unpreparer.read(item); }
+    void store(GrainItem const& item) { m_cipher.store(item); }
+
     /// On a worker thread.
     void convert(GrainItem& item, int worker) {
+        Unpreparer::decipher(item, worker);
         if (item.inputIsPrepared && m_bothAreCompressed && !item.resultIsPlain)
             takeRecord(item, worker);
         else
             convertContent(item, worker);
+        if (!item.resultIsPlain)
+            m_cipher.encipher(item, worker);
     }
 
     /// On the thread of the disks; only where there are digests.
@@ -76,6 +85,7 @@ private:
     std::optional<RecordVerifier> m_verifier;
     Unpreparer m_unpreparer;
     PreparerSet m_preparers;
+    ResultCipher m_cipher;
 
     // One more than workers, for the thread of the disks.
     std::optional<DigestHashers> m_hashers;
@@ -93,8 +103,10 @@ void convertGrains(SafeDisk& from, SafeDisk& to, Reader& reader, RecordCheck che
                            [&](GrainItem& item, int worker) { conversion.convert(item, worker); });
     pipeline.run(
         [&](GrainItem& item) {
-            if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
+            if (!reader.findNext(item.grainIndex))
                 return false;
+            conversion.read(item);
+            progress.addRead(item.input->getUsed());
             // A larger disk has room for the whole of the other one's last grain.
             item.resultIsPlain = !to.isWholeGrain(item.grainIndex);
             return true;
@@ -105,7 +117,7 @@ void convertGrains(SafeDisk& from, SafeDisk& to, Reader& reader, RecordCheck che
                 to.write(item.grainIndex * to.getGrainSizeBytes(), item.result->getData(),
                          item.result->getUsed());
             else if (item.result)
-                to.writePreparedGrain(item.grainIndex, *item.result);
+                conversion.store(item);
             else if (to.hasParent())
                 storeZeroGrain(to, item.grainIndex);
             if (item.result)
@@ -142,16 +154,10 @@ public:
     ChosenGrainReader(SafeDisk& disk, GrainSet const& grains, TransferProgress& progress)
         : m_disk(disk), m_grains(grains), m_progress(progress) {}
 
-    bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex, bool& isPrepared) {
-        if (!findNext(grainIndex))
-            return false;
-        withGrainPlace(m_disk, grainIndex, [&] {
-            isPrepared = m_disk.tryReadPreparedGrain(grainIndex, grain);
-            if (!isPrepared)
-                readPlainGrain(m_disk, grainIndex, grain);
-        });
-        m_progress.addRead(grain.getUsed());
-        return true;
+    bool findNext(__int64& grainIndex) {
+        grainIndex = m_grains.findNext(m_nextGrainIndex);
+        m_nextGrainIndex = grainIndex + 1;
+        return grainIndex < m_grains.getGrainCount();
     }
 
     bool readNextPlain(yx::TBuffer<unsigned char>& grain, __int64& grainIndex) {
@@ -163,12 +169,6 @@ public:
     }
 
 private:
-    bool findNext(__int64& grainIndex) {
-        grainIndex = m_grains.findNext(m_nextGrainIndex);
-        m_nextGrainIndex = grainIndex + 1;
-        return grainIndex < m_grains.getGrainCount();
-    }
-
     SafeDisk& m_disk;
     GrainSet const& m_grains;
     TransferProgress& m_progress;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/digest/chain_digests.h"
+#include "host/disk/grain_ciphers.h"
 #include "yx/buffer.h"
 
 namespace kelm::host {
@@ -17,6 +18,10 @@ struct GrainItem {
     yx::P<Buffer> input = yx::makeObject<Buffer>();
     bool inputIsPrepared = false;
 
+    /// The ciphers that the input, which is prepared, has to be deciphered with first; null if it
+    /// is not enciphered.
+    GrainCiphers::Set const* inputCiphers = nullptr;
+
     /// Whether the result is to be plain, since the target cannot take the prepared form there. Set
     /// anew whenever an item is filled for a pipeline that asks for it.
     bool resultIsPlain = false;
@@ -28,6 +33,10 @@ struct GrainItem {
     /// The result: one of the three buffers, or null for a grain of zeros. Null when the item is
     /// filled.
     yx::P<Buffer> result;
+
+    /// Whether the result has been enciphered for the disk that it goes to. False when the item is
+    /// filled.
+    bool resultIsEnciphered = false;
 
     /// The digest of the plain grain, where a transfer makes digests and the work has made it.
     Digest digest{};

@@ -41,7 +41,7 @@ void GrainPipeline::run(Fill const& fill, Drain const& drain, Explain const& exp
     while (more || m_pipeline.isBusy()) {
         GrainItem* const free = more ? m_pipeline.getFree() : nullptr;
         if (free) {
-            assert(!free->result);
+            assert(!free->result && !free->resultIsEnciphered);
             more = fill(*free);
             if (!more)
                 continue;
@@ -55,6 +55,7 @@ void GrainPipeline::run(Fill const& fill, Drain const& drain, Explain const& exp
         lastDrained = oldest.grainIndex;
         drain(oldest);
         oldest.result.reset();
+        oldest.resultIsEnciphered = false;
         m_pipeline.recycle();
     }
     assert(lastDrained == lastFilled);

@@ -29,8 +29,8 @@ void exportPlain(SafeDisk& disk, ImageWriter& writer, TransferProgress& progress
     }
 }
 
-void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
-                      TransferProgress& progress) {
+/// With the decoding and deciphering on several threads.
+void exportCoded(SafeDisk& disk, ImageWriter& writer, int threads, TransferProgress& progress) {
     assert(threads > 0);
     Unpreparer unpreparer(disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
@@ -44,8 +44,10 @@ void exportCompressed(SafeDisk& disk, ImageWriter& writer, int threads,
     WrittenGrainReader reader(disk, progress, writer.getImageBytes());
     pipeline.run(
         [&](GrainItem& item) {
-            if (!reader.readNext(*item.input, item.grainIndex, item.inputIsPrepared))
+            if (!reader.findNext(item.grainIndex))
                 return false;
+            unpreparer.read(item);
+            progress.addRead(item.input->getUsed());
             writer.beginEarly();
             return true;
         },
@@ -66,8 +68,8 @@ void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options) {
     TransferProgress progress(options, imageBytes);
     ImageWriter writer(disk, target, imageBytes);
     target.verifyHasRoomFor(imageBytes);
-    if (disk.getDisk().getCompressed())
-        exportCompressed(disk, writer, countThreads(options), progress);
+    if (disk.getDisk().getCompressed() || disk.getDisk().isEncrypted())
+        exportCoded(disk, writer, countThreads(options), progress);
     else
         exportPlain(disk, writer, progress);
     writer.finish();

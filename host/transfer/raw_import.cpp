@@ -13,6 +13,7 @@
 #include "host/transfer/periodic_flush.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/preparer_set.h"
+#include "host/transfer/result_cipher.h"
 #include "host/transfer/transfer_progress.h"
 #include "host/transfer/whole_reading.h"
 
@@ -36,8 +37,8 @@ void addIfStored(SafeDisk& disk, __int64 grainIndex, TransferProgress& progress)
         progress.addStored(bytesInDisk(disk, grainIndex));
 }
 
-/// On one thread: without digests, there is nothing to compute for a disk of plain grains, and what
-/// is to be compared with the image only the thread of the disk may read.
+/// On one thread: without digests, there is nothing to compute for a disk of plain grains that is
+/// not encrypted, and what is to be compared with the image only the thread of the disk may read.
 void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared, PeriodicFlush& flush,
                     TransferProgress& progress) {
     Buffer grain;
@@ -151,6 +152,11 @@ void importHashed(ImageReader& reader, SafeDisk& disk, bool isCompared, DigestMa
                  });
 }
 
+/// Whether it takes work to prepare a grain for the disk, which is then better done by workers.
+bool isPreparedByWorkers(SafeDisk& disk) {
+    return disk.getDisk().getCompressed() || disk.getDisk().isEncrypted();
+}
+
 /// Compares grains with what the parents of a disk have, by their digests.
 class ParentComparison {
 public:
@@ -210,8 +216,9 @@ void verifyMayDiffer(SafeDisk const& disk, __int64 grainIndex, ChangedGrains con
 /// To a child, where it is known before what its parents have, or where the image has changed.
 void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge const& known,
                        int threads, PeriodicFlush& flush, TransferProgress& progress) {
-    bool const isCompressed = disk.getDisk().getCompressed();
+    bool const isCoded = isPreparedByWorkers(disk);
     PreparerSet preparers(disk, threads);
+    ResultCipher cipher(disk, threads);
     ParentComparison comparison(known.parents, disk, threads);
     ImportDigests digests(known.making, disk, threads);
     Buffer scratch;
@@ -221,9 +228,11 @@ void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge cons
         if (item.isAsParents || isZero)
             return;
         digests.hash(item, worker);
-        if (isCompressed)
-            item.result = preparers.of(worker).prepareGrainData(item.input.get(), item.grainIndex,
-                                                                item.aux1.get());
+        if (!isCoded)
+            return;
+        item.result = preparers.of(worker).prepareGrainData(item.input.get(), item.grainIndex,
+                                                            item.aux1.get());
+        cipher.encipher(item, worker);
     });
     pipeline.run(
         [&](GrainItem& item) {
@@ -243,7 +252,7 @@ void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge cons
             if (isInHole(item))
                 storeZeroGrain(disk, item.grainIndex);
             else if (item.result && disk.isWholeGrain(item.grainIndex))
-                disk.writePreparedGrain(item.grainIndex, *item.result);
+                cipher.store(item);
             else
                 storePlainGrain(disk, item.grainIndex, *item.input);
             flush.addGrain();
@@ -255,10 +264,12 @@ void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge cons
         });
 }
 
-void importCompressed(ImageReader& reader, SafeDisk& disk, DigestMaking* making, int threads,
-                      PeriodicFlush& flush, TransferProgress& progress) {
+/// To a disk that `isPreparedByWorkers`.
+void importCoded(ImageReader& reader, SafeDisk& disk, DigestMaking* making, int threads,
+                 PeriodicFlush& flush, TransferProgress& progress) {
     assert(!disk.hasParent());
     PreparerSet preparers(disk, threads);
+    ResultCipher cipher(disk, threads);
     ImportDigests digests(making, disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
         if (isInHole(item) || isZeroGrain(*item.input))
@@ -266,13 +277,14 @@ void importCompressed(ImageReader& reader, SafeDisk& disk, DigestMaking* making,
         digests.hash(item, worker);
         item.result = preparers.of(worker).prepareGrainData(item.input.get(), item.grainIndex,
                                                             item.aux1.get());
+        cipher.encipher(item, worker);
     });
     pipeline.run([&](GrainItem& item) { return readNextItem(reader, digests, disk, item); },
                  [&](GrainItem& item) {
                      if (!item.result)
                          storeZeroGrain(disk, item.grainIndex);
                      else if (disk.isWholeGrain(item.grainIndex))
-                         disk.writePreparedGrain(item.grainIndex, *item.result);
+                         cipher.store(item);
                      else
                          storePlainGrain(disk, item.grainIndex, *item.input);
                      if (item.result) {
@@ -297,8 +309,8 @@ void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
     ImageReader reader(source, disk, length, progress, changes);
     PeriodicFlush flush(disk, options.flushIntervalBytes);
     int const threads = countThreads(options);
-    if (disk.getDisk().getCompressed() && !isCompared)
-        importCompressed(reader, disk, digests, threads, flush, progress);
+    if (isPreparedByWorkers(disk) && !isCompared)
+        importCoded(reader, disk, digests, threads, flush, progress);
     else if ((parents || changes) && present == PresentContent::OfParent)
         importDifferences(reader, disk, {parents, digests, changes}, threads, flush, progress);
     else if (digests)

@@ -26,11 +26,17 @@ bool WrittenGrainReader::findNext() {
     return m_nextGrainIndex < m_endGrainIndex;
 }
 
-bool WrittenGrainReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex,
-                                  bool& isPrepared) {
+bool WrittenGrainReader::findNext(__int64& grainIndex) {
     if (!findNext())
         return false;
     grainIndex = m_nextGrainIndex++;
+    return true;
+}
+
+bool WrittenGrainReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex,
+                                  bool& isPrepared) {
+    if (!findNext(grainIndex))
+        return false;
     withGrainPlace(m_disk, grainIndex, [&] {
         isPrepared = m_disk.tryReadPreparedGrain(grainIndex, grain);
         if (!isPrepared)
@@ -41,9 +47,8 @@ bool WrittenGrainReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& gr
 }
 
 bool WrittenGrainReader::readNextPlain(yx::TBuffer<unsigned char>& grain, __int64& grainIndex) {
-    if (!findNext())
+    if (!findNext(grainIndex))
         return false;
-    grainIndex = m_nextGrainIndex++;
     withGrainPlace(m_disk, grainIndex, [&] { readPlainGrain(m_disk, grainIndex, grain); });
     m_progress.addRead(grain.getUsed());
     return true;

@@ -18,6 +18,10 @@ public:
     /// The same, but only of grains that begin before `endBytes`.
     WrittenGrainReader(SafeDisk& disk, TransferProgress& progress, __int64 endBytes);
 
+    /// Sets the index of the next grain, for a caller that reads it by itself, or returns false if
+    /// there is none.
+    bool findNext(__int64& grainIndex);
+
     /// Reads the next grain and sets its index, or returns false if there is none. `isPrepared`
     /// becomes whether `grain` has the prepared form, which is taken wherever it can be had.
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex, bool& isPrepared);

@@ -9,6 +9,7 @@
 #include "kelm/format/descriptor_accessor.h"
 #include "kelm/format/extent_info.h"
 #include "kelm/graindata/data_preparer.h"
+#include "kelm/graindata/grain_cipher.h"
 #include "kelm/metadata/grain_table_cache.h"
 #include "krym/krym.h"
 #include "yx/array.h"
@@ -154,6 +155,10 @@ public:
     /// A new preparer of this disk's settings, for preparing grains elsewhere, on any thread.
     yx::P<CVMDKDataPreparer> createDataPreparer();
 
+    /// A new cipher of this disk's key, for enciphering and deciphering grains elsewhere, on any
+    /// thread. Of a disk that is not encrypted it is `yx::CError` "VMDK is not encrypted".
+    yx::P<CVMDKGrainCipher> createGrainCipher();
+
     /// Whether the first change of an opening gives the disk a new content ID; true at first.
     void setContentIDUpdatesEnabled(bool enabled);
 
@@ -194,6 +199,19 @@ public:
     /// cursor one grain on. Refuses like `readPreparedGrainData`, and without write access with
     /// `yx::CError`.
     void writePreparedGrainData(yx::TBuffer<unsigned char> const& data);
+
+    /// Stores a grain that was prepared and then enciphered for its index in the disk (see
+    /// `createGrainCipher`), as `writePreparedGrainData` stores a prepared one: byte for byte what
+    /// that would store. Refuses like that, with `CorruptData` what
+    /// `CVMDKGrainCipher::verifyIsEnciphered` refuses, and with `NotSupported` a grain of an extent
+    /// that is cut in another way, or stored in another form, than the disk.
+    void writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data);
+
+    /// Fills `data` with the grain under the cursor as this very disk's file holds it, enciphered,
+    /// moves the cursor one grain on and returns true. Returns false, and leaves the cursor, where
+    /// this disk does not hold the grain, is not encrypted, or has it in an extent that is cut in
+    /// another way, or stored in another form, than the disk. Refuses like `readPreparedGrainData`.
+    bool tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data);
 
     /// Gives the grain its own copy of what it gets from the parent, and leaves the cursor behind
     /// it. Returns the bytes written or passed over. Flush before the first such call: unwritten
@@ -271,6 +289,7 @@ private:
     void openExtentUnderCursor();
     void verifyPreparedGrainRange(char const* operation) const;
     void verifyWholeGrain(char const* function, __int64 opBytes) const;
+    bool hasGrainsOfDisk(IVMDKExtentFile const& extent) const;
     void verifyWriteAccess(char const* function) const;
 
     yx::P<yx::IFileSystem> m_fileSystem;

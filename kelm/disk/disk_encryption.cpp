@@ -157,4 +157,13 @@ void CVMDKDisk::derivePurposeKey(char const* purpose, yx::TCryptBuffer<unsigned 
     hasher.finish(key.getData());
 }
 
+yx::P<CVMDKGrainCipher> CVMDKDisk::createGrainCipher() {
+    if (!m_cipher)
+        throw yx::CError("VMDK is not encrypted", "", -1, mainFileProps(), nullptr);
+    // Of its own, since one cipher serves one thread.
+    return yx::makeObject<CVMDKGrainCipher>(yx::makeObject<krym::CCipher_AES256CBC>().get(),
+                                            m_encryptionKey, m_encryptionIV, m_grainSizeSectors,
+                                            m_compressed);
+}
+
 } // namespace kelm

@@ -3,6 +3,8 @@
 
 #include "kelm/disk/disk.h"
 #include "kelm/extent/internal/grain_position.h"
+#include "kelm/extent/on_demand_extent_file.h"
+#include "kelm/extent/sparse_extent_file.h"
 #include "kelm/format/constants.h"
 #include "yx/error.h"
 
@@ -190,6 +192,54 @@ void CVMDKDisk::readPreparedGrainData(yx::TBuffer<unsigned char>& data) {
     verifyWholeGrain("tryRreparedGrainData", opBytes);
     extent->readPreparedGrainData(data);
     m_position += opBytes;
+}
+
+/// Whether the grain under the cursor is the same one, by index, size and form, in the disk and in
+/// the extent: the index decides how it is enciphered.
+bool CVMDKDisk::hasGrainsOfDisk(IVMDKExtentFile const& extent) const {
+    return extent.getGrainSizeSectors() == m_grainSizeSectors &&
+           extent.getCompressed() == m_compressed &&
+           grainPositionBytes(extent.getStartGrainIndex(), m_grainSizeBytes) ==
+               m_currentExtentStartBytes;
+}
+
+void CVMDKDisk::writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data) {
+    verifyPreparedGrainRange("write");
+    verifyWriteAccess("writeEncipheredGrainData");
+    yx::P<IVMDKExtentFile> extent;
+    __int64 opBytes = 0;
+    beginIOOp(m_grainSizeBytes, extent, opBytes);
+    verifyWholeGrain("writeEncipheredGrainData", opBytes);
+    auto const onDemand = yx::cast<CVMDKOnDemandExtentFile>(extent);
+    auto const sparse = yx::cast<CVMDKSparseExtentFile>(extent);
+    if (!hasGrainsOfDisk(*extent) || (!onDemand && !sparse)) {
+        throw yx::CIOError(yx::CIOError::NotSupported,
+                           "The extent has other grains than the VMDK disk.",
+                           mainFileProps().add("position", yx::toString(m_position)), nullptr);
+    }
+    if (onDemand)
+        onDemand->writeEncipheredGrainData(data);
+    else
+        sparse->writeEncipheredGrainData(data);
+    m_position += opBytes;
+}
+
+bool CVMDKDisk::tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data) {
+    verifyPreparedGrainRange("read");
+    if (!m_cipher)
+        return false;
+    yx::P<IVMDKExtentFile> extent;
+    __int64 opBytes = 0;
+    beginIOOp(m_grainSizeBytes, extent, opBytes);
+    if (opBytes != m_grainSizeBytes || !hasGrainsOfDisk(*extent))
+        return false;
+    auto const onDemand = yx::cast<CVMDKOnDemandExtentFile>(extent);
+    auto const sparse = yx::cast<CVMDKSparseExtentFile>(extent);
+    bool const isRead = onDemand ? onDemand->tryReadEncipheredGrainData(data)
+                                 : sparse && sparse->tryReadEncipheredGrainData(data);
+    if (isRead)
+        m_position += opBytes;
+    return isRead;
 }
 
 __int64 CVMDKDisk::makeGrainIndependentOfParent(__int64 grainIndex) {

@@ -144,6 +144,21 @@ void CVMDKOnDemandExtentFile::writePreparedGrainData(yx::TBuffer<unsigned char> 
     m_innerFile->writePreparedGrainData(data);
 }
 
+/// The inner extent, while it has a file.
+CVMDKSparseExtentFile& CVMDKOnDemandExtentFile::getSparseFile() {
+    assert(!m_innerIsNull);
+    return *yx::cast<CVMDKSparseExtentFile>(m_innerFile);
+}
+
+void CVMDKOnDemandExtentFile::writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data) {
+    prepareWrite();
+    getSparseFile().writeEncipheredGrainData(data);
+}
+
+bool CVMDKOnDemandExtentFile::tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data) {
+    return !m_innerIsNull && getSparseFile().tryReadEncipheredGrainData(data);
+}
+
 __int64 CVMDKOnDemandExtentFile::makeGrainIndependentOfParent(__int64 grainIndex) {
     prepareWrite();
     return m_innerFile->makeGrainIndependentOfParent(grainIndex);

@@ -8,6 +8,8 @@
 
 namespace kelm {
 
+class CVMDKSparseExtentFile;
+
 /// An extent of a split disk whose file is made by the first write. If the file is known to exist,
 /// use `CVMDKSparseExtentFile` directly.
 ///
@@ -53,11 +55,15 @@ public:
     bool isGrainWrittenAndIndependentOfParent() override;
     yx::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
 
-    /// These three operations write, and make the file first if there is none. Without write access
+    /// As the extent does that has the file; false while there is none.
+    bool tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data);
+
+    /// These four operations write, and make the file first if there is none. Without write access
     /// they throw `yx::CError` "Internal error: VMDK extent file is about to be changed, but it was
     /// not opened for writing." with "uri".
     void write(void const* buffer, int bytes) override;
     void writePreparedGrainData(yx::TBuffer<unsigned char> const& data) override;
+    void writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data);
     __int64 makeGrainIndependentOfParent(__int64 grainIndex) override;
 
 protected:
@@ -73,6 +79,8 @@ protected:
     void prepareWrite();
 
 private:
+    CVMDKSparseExtentFile& getSparseFile();
+
     yx::P<yx::IFileSystem> m_fileSystem;
     yx::CURI m_uri;
     yx::IIOStream::Access m_access;

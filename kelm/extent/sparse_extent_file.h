@@ -95,6 +95,16 @@ public:
     bool isGrainWrittenAndIndependentOfParent() override;
     yx::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
 
+    /// Stores one whole grain that a `CVMDKGrainCipher` has enciphered, as `writePreparedGrainData`
+    /// stores a prepared one; see `CVMDKGrain::writeEncipheredGrainData`.
+    void writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data);
+
+    /// Fills `data` with the grain at the cursor as the file holds it, moves the cursor to the next
+    /// grain and returns true; or returns false and leaves the cursor where this extent has no data
+    /// of the grain. Refuses as `readPreparedGrainData` does; see
+    /// `CVMDKGrain::tryReadEncipheredGrainData`.
+    bool tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data);
+
 protected:
     /// Opens the grain at the cursor, unless the open one has bytes left. Returns how many bytes,
     /// at most `maxBytes`, the next step can process without leaving the grain. Throws what looking

@@ -192,6 +192,25 @@ void CVMDKSparseExtentFile::readPreparedGrainData(yx::TBuffer<unsigned char>& da
     assert(areCursorsSound());
 }
 
+void CVMDKSparseExtentFile::writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data) {
+    verifyPreparedGrainRange("write");
+    onAboutToChange();
+    beginPreparedGrainOp("writeEncipheredGrainData");
+    m_grain->writeEncipheredGrainData(data);
+    m_position += m_grainSizeBytes;
+    assert(areCursorsSound());
+}
+
+bool CVMDKSparseExtentFile::tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data) {
+    verifyPreparedGrainRange("read");
+    beginPreparedGrainOp("tryReadEncipheredGrainData");
+    bool const isRead = m_grain->tryReadEncipheredGrainData(data);
+    if (isRead)
+        m_position += m_grainSizeBytes;
+    assert(areCursorsSound());
+    return isRead;
+}
+
 __int64 CVMDKSparseExtentFile::makeGrainIndependentOfParent(__int64 grainIndex) {
     // Deliberate: unlike all other writes, this one does not change the content ID. What the disk
     // reads as stays the same, so its children remain valid.

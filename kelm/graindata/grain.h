@@ -110,6 +110,14 @@ public:
     /// and "extentGrainIndex" if the position is not 0. After a failure `target` is undefined.
     void readPreparedGrainData(yx::TBuffer<unsigned char>& target);
 
+    /// Flushes, fills `target` with the grain as the file holds it, enciphered
+    /// (`CVMDKGrainCipher`), moves to the grain's end and returns true. A record is read up to the
+    /// end of the sector in which its data end; what may follow is padding. Where the grain has no
+    /// data in this extent, returns false and moves nothing. Throws, in this order, `yx::CError`
+    /// without a cipher, `yx::CIOError` `NotAllowed` as `readPreparedGrainData` does, and what that
+    /// throws for a record. After a failure `target` is undefined.
+    bool tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& target);
+
     /// Whether the grain holds data here, unflushed changes included, or in the provider.
     bool isGrainWritten();
 
@@ -152,6 +160,12 @@ public:
     /// The same for data that the caller does not change afterwards, which the stream may then pass
     /// on without a copy.
     void writePreparedGrainDataKeepBuffer(yx::TConstBufferSlice<unsigned char> const& data);
+
+    /// Stores a whole grain that a `CVMDKGrainCipher` has enciphered for this disk grain index, as
+    /// `writePreparedGrainData` stores a prepared one. Throws, in this order, `yx::CError` without
+    /// a cipher, what that throws, and `yx::CIOError` `CorruptData` for data that
+    /// `CVMDKGrainCipher::verifyIsEnciphered` refuses. Nothing has been written or dropped then.
+    void writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data);
 
     /// Stores the provider's data of this grain in the extent, so that the grain no longer depends
     /// on it. Moves to the grain's end and returns the number of bytes stored. For a grain that has
@@ -199,6 +213,9 @@ private:
     void verifyReadRange(int size) const;
     void verifyWriteRange(int size) const;
     void verifyWritable(char const* function) const;
+    void verifyEnciphered(char const* function) const;
+    void verifyMayWritePrepared(int dataSizeBytes) const;
+    void verifyMayReadPrepared() const;
     unsigned int verifiedCompressedSize(unsigned char const* record) const;
 
     __int64 calcWorstCaseGrainSizeSectors() const;
@@ -224,6 +241,7 @@ private:
     void loadRecord();
     void readWholeCompressedGrain(void* target);
     void readPreparedFromExtent(yx::TBuffer<unsigned char>& target);
+    unsigned int readRecord(yx::TBuffer<unsigned char>& record);
     void decipherRecord(int storedSizeBytes, yx::TBuffer<unsigned char>& target);
 
     void encipherRecord(yx::TConstBufferSlice<unsigned char> const& data);

@@ -1,7 +1,7 @@
 #include <cassert>
 
 #include "kelm/graindata/grain.h"
-#include "kelm/graindata/internal/grain_record.h"
+#include "kelm/graindata/internal/record_cipher.h"
 #include "yx/error.h"
 
 namespace kelm {
@@ -9,6 +9,7 @@ namespace kelm {
 namespace {
 
 constexpr char kGrainReadName[] = "CVMDKGrain::read";
+constexpr char kReadEncipheredName[] = "CVMDKGrain::tryReadEncipheredGrainData";
 
 /// A record whose compressed data exceed this many grains is treated as damaged.
 constexpr int kMaxRecordGrains = 2;
@@ -136,7 +137,17 @@ void CVMDKGrain::loadGrainData() {
 void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
     if (m_cipher)
         reserveWorstCase(m_cipherData);
-    yx::TBuffer<unsigned char>& record = m_cipher ? m_cipherData : target;
+    unsigned int const compressedSizeBytes = readRecord(m_cipher ? m_cipherData : target);
+    if (m_cipher) {
+        decipherRecord(static_cast<int>(roundUpToMultiple(compressedSizeBytes, m_cipherBlockSize)),
+                       target);
+        // The fill of the last cipher block does not belong to the prepared form.
+        target.setUsed(static_cast<int>(compressedSizeBytes) + kGrainRecordHeaderSizeBytes);
+    }
+}
+
+/// Reads a record as the file holds it, up to a sector's end. Returns the size of its data.
+unsigned int CVMDKGrain::readRecord(yx::TBuffer<unsigned char>& record) {
     record.setUsed(kSectorSizeBytes);
     m_stream->read(record.getData(), kSectorSizeBytes);
 
@@ -147,12 +158,7 @@ void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
         roundUpToMultiple(storedSizeBytes + kGrainRecordHeaderSizeBytes, kSectorSizeBytes)));
     if (record.getUsed() > kSectorSizeBytes)
         m_stream->read(record.getData() + kSectorSizeBytes, record.getUsed() - kSectorSizeBytes);
-
-    if (m_cipher) {
-        decipherRecord(static_cast<int>(storedSizeBytes), target);
-        // The fill of the last cipher block does not belong to the prepared form.
-        target.setUsed(static_cast<int>(compressedSizeBytes) + kGrainRecordHeaderSizeBytes);
-    }
+    return compressedSizeBytes;
 }
 
 /// The compressed size from the record's header. Deliberately, `lba` is not checked: the grain
@@ -173,12 +179,8 @@ unsigned int CVMDKGrain::verifiedCompressedSize(unsigned char const* record) con
 
 void CVMDKGrain::decipherRecord(int storedSizeBytes, yx::TBuffer<unsigned char>& target) {
     makeCurrentGrainIV();
-    // Set to full size first, so that the cipher does not have to enlarge the buffer.
-    target.setUsed(storedSizeBytes + kGrainRecordHeaderSizeBytes);
-    yx::copyMemory(target.getData(), m_cipherData.getData(), kGrainRecordHeaderSizeBytes);
-    target.setUsed(kGrainRecordHeaderSizeBytes);
-    m_cipher->decrypt(m_encryptionKey, m_cipherData.getData() + kGrainRecordHeaderSizeBytes,
-                      storedSizeBytes, target, true, m_grainIV.getData());
+    RecordCipher{*m_cipher, m_encryptionKey, m_grainIV}.decipher(m_cipherData.getData(),
+                                                                 storedSizeBytes, target);
 }
 
 void CVMDKGrain::readUncompressedGrain(yx::TBuffer<unsigned char>& target) {
@@ -202,14 +204,37 @@ void CVMDKGrain::readUncompressedGrain(yx::TBuffer<unsigned char>& target) {
                          nullptr);
 }
 
-void CVMDKGrain::readPreparedGrainData(yx::TBuffer<unsigned char>& target) {
-    target.setUsed(0);
+void CVMDKGrain::verifyMayReadPrepared() const {
     // Deliberate: the message names an operation that does not exist; logs are searched for it.
     if (m_posInGrain != 0)
         throw yx::CIOError(yx::CIOError::NotAllowed,
                            "CVMDKGrain::tryReadPreparedGrainData can only be called when the "
                            "position in the grain is 0.",
                            placeProps(), nullptr);
+}
+
+bool CVMDKGrain::tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& target) {
+    verifyEnciphered(kReadEncipheredName);
+    target.setUsed(0);
+    verifyMayReadPrepared();
+    flushChangesToStream();
+    if (getStoredPosSectors() <= 0)
+        return false;
+    seekToGrain();
+    if (m_compressed) {
+        readRecord(target);
+    } else {
+        target.setUsed(static_cast<int>(m_grainSizeBytes));
+        m_stream->read(target.getData(), target.getUsed());
+    }
+    m_posInGrain = m_grainSizeBytes;
+    assert(!m_dirty && isStateSound());
+    return true;
+}
+
+void CVMDKGrain::readPreparedGrainData(yx::TBuffer<unsigned char>& target) {
+    target.setUsed(0);
+    verifyMayReadPrepared();
     flushChangesToStream();
     if (getStoredPosSectors() > 0)
         readPreparedFromExtent(target);

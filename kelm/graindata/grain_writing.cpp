@@ -2,7 +2,8 @@
 #include <climits>
 
 #include "kelm/graindata/grain.h"
-#include "kelm/graindata/internal/grain_record.h"
+#include "kelm/graindata/grain_cipher.h"
+#include "kelm/graindata/internal/record_cipher.h"
 #include "yx/error.h"
 
 namespace kelm {
@@ -15,6 +16,7 @@ using Slice = yx::TConstBufferSlice<unsigned char>;
 constexpr char kNegativeSizeName[] = "CVMDKGrain::read";
 constexpr char kWriteName[] = "CVMDKGrain::write";
 constexpr char kWritePreparedName[] = "CVMDKGrain::writePreparedGrainData";
+constexpr char kWriteEncipheredName[] = "CVMDKGrain::writeEncipheredGrainData";
 constexpr char kMakeIndependentName[] = "CVMDKGrain::makeIndependentOfParent";
 
 Slice wholeOf(yx::TBuffer<unsigned char> const& buffer) {
@@ -88,17 +90,38 @@ void CVMDKGrain::writePreparedGrainDataKeepBuffer(Slice const& data) {
     writePreparedGrainDataImpl(data, true);
 }
 
-void CVMDKGrain::writePreparedGrainDataImpl(Slice const& data, bool keepBuffer) {
+void CVMDKGrain::verifyMayWritePrepared(int dataSizeBytes) const {
     verifyWritable(kWritePreparedName);
-    auto const refuse = [this, &data](char const* reason) {
+    auto const refuse = [this, dataSizeBytes](char const* reason) {
         throw yx::CIOError(yx::CIOError::NotAllowed, yx::String(kWritePreparedName) + reason,
-                           placeProps().add("preparedDataSize", yx::toString(data.getLength())),
+                           placeProps().add("preparedDataSize", yx::toString(dataSizeBytes)),
                            nullptr);
     };
     if (m_posInGrain != 0)
         refuse(" can only be called when the position in the grain is 0.");
-    if (data.getLength() < 1)
+    if (dataSizeBytes < 1)
         refuse(" called with zero-length prepared data.");
+}
+
+void CVMDKGrain::verifyEnciphered(char const* function) const {
+    if (!m_cipher)
+        throw yx::CError(yx::String("Internal error: ") + function +
+                             " was called, but the grain is not enciphered.",
+                         "", -1, uriProps(), nullptr);
+}
+
+void CVMDKGrain::writeEncipheredGrainData(yx::TBuffer<unsigned char> const& data) {
+    verifyEnciphered(kWriteEncipheredName);
+    verifyMayWritePrepared(data.getUsed());
+    CVMDKGrainCipher::verifyIsEnciphered(data, m_grainSizeBytes, m_compressed, m_cipherBlockSize);
+    dropLoadedData();
+    store(wholeOf(data), false);
+    m_posInGrain = m_grainSizeBytes;
+    assert(!isLoaded() && isStateSound());
+}
+
+void CVMDKGrain::writePreparedGrainDataImpl(Slice const& data, bool keepBuffer) {
+    verifyMayWritePrepared(data.getLength());
     dropLoadedData();
     writePreparedGrainDataInternal(data, keepBuffer);
     m_posInGrain = m_grainSizeBytes;
@@ -126,11 +149,8 @@ void CVMDKGrain::encipherRecord(Slice const& data) {
             "Prepared VMDK grain data is too short: " + yx::toString(data.getLength()) + " bytes",
             placeProps().add("preparedDataSize", yx::toString(data.getLength())), nullptr);
     reserveWorstCase(m_cipherData);
-    m_cipherData.setUsed(kGrainRecordHeaderSizeBytes);
-    yx::copyMemory(m_cipherData.getData(), data.getData(), kGrainRecordHeaderSizeBytes);
-    m_cipher->encrypt(m_encryptionKey, data.getData() + kGrainRecordHeaderSizeBytes,
-                      data.getLength() - kGrainRecordHeaderSizeBytes, m_cipherData, true,
-                      m_grainIV.getData());
+    RecordCipher{*m_cipher, m_encryptionKey, m_grainIV}.encipher(data.getData(), data.getLength(),
+                                                                 m_cipherData);
 }
 
 void CVMDKGrain::encipherUncompressed(Slice const& data) {

@@ -83,9 +83,9 @@ std::string nameOfIOError(std::exception const& error) {
     for (auto const* each = dynamic_cast<yx::CError const*>(&error); each;
          each = each->getCause()) {
         auto const* const ioError = dynamic_cast<yx::CIOError const*>(each);
-        if (ioError && (!found || statusOfCode(ioError->getIOCode())))
+        if (ioError && (!found || host::ownKindOf(*ioError)))
             found = ioError;
-        if (found && statusOfCode(found->getIOCode()))
+        if (found && host::ownKindOf(*found))
             break;
     }
     return found ? nameOf(found->getIOCode()) : "Failed";
