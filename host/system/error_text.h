@@ -3,7 +3,7 @@
 #include <exception>
 #include <string>
 
-#include "yx/base.h"
+#include "yx/string.h"
 
 namespace kelm::host {
 
