@@ -77,7 +77,7 @@ public:
     }
 
 private:
-    bool findPrepared(CVMDKDisk& disk, __int64 grainIndex, Holder& holder);
+    bool findPrepared(CVMDKDisk& disk, __int64 grainIndex, Holder& found);
     bool isWrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
     ExtentGrains& levelOf(std::size_t level, CVMDKDisk& disk);
     bool hasFormOfDisk(DiskLayout const& parent) const;

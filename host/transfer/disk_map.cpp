@@ -44,6 +44,18 @@ private:
 
 } // namespace
 
+char const* nameOf(GrainPlace place) {
+    switch (place) {
+    case GrainPlace::Here:
+        return "here";
+    case GrainPlace::Parent:
+        return "parent";
+    case GrainPlace::Absent:
+        break;
+    }
+    return "absent";
+}
+
 void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
                      std::function<void(GrainRun const&)> const& use) {
     ProgressThrottle throttle(options.progress);

@@ -14,6 +14,9 @@ enum class GrainPlace {
     Here,   ///< the disk itself
 };
 
+/// "here", "parent" or "absent", as programs are told.
+char const* nameOf(GrainPlace place);
+
 /// Neighbouring grains that are held in the same place.
 struct GrainRun {
     /// The run's place in the disk: whole grains of the disk's files, but for the last grains of

@@ -47,18 +47,6 @@ void verifyIsInside(__int64 positionBytes, __int64 bytes, __int64 sizeBytes) {
         throw py::value_error("the range does not lie in the disk");
 }
 
-char const* nameOfPlace(host::GrainPlace place) {
-    switch (place) {
-    case host::GrainPlace::Here:
-        return "here";
-    case host::GrainPlace::Parent:
-        return "parent";
-    case host::GrainPlace::Absent:
-        break;
-    }
-    return "absent";
-}
-
 /// Nothing, too, for a value that cannot be right: what reads the content refuses it.
 py::object tryGetImageBytes(host::DiskRecord const& record, __int64 sizeBytes) {
     try {
@@ -256,7 +244,7 @@ py::list OpenDisk::listExtents() {
     });
     py::list extents;
     for (host::GrainRun const& run : runs) {
-        extents.append(py::make_tuple(run.startBytes, run.lengthBytes, nameOfPlace(run.place)));
+        extents.append(py::make_tuple(run.startBytes, run.lengthBytes, host::nameOf(run.place)));
     }
     return extents;
 }

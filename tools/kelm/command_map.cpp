@@ -24,18 +24,6 @@ struct MapArguments {
     PasswordOptions passwords;
 };
 
-char const* nameOf(host::GrainPlace place) {
-    switch (place) {
-    case host::GrainPlace::Here:
-        return "here";
-    case host::GrainPlace::Parent:
-        return "parent";
-    case host::GrainPlace::Absent:
-        break;
-    }
-    return "absent";
-}
-
 std::string inColumn(std::string const& digits) {
     constexpr std::size_t kWidth = 15;
     return std::string(kWidth - std::min(kWidth, digits.size()), ' ') + digits;
