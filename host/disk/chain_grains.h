@@ -63,10 +63,10 @@ public:
         return findPrepared(disk, grainIndex, holder);
     }
 
-    /// A disk of the chain, and its place there: 0 for the disk itself.
+    /// A disk of the chain.
     struct Holder {
-        yx::P<CVMDKDisk> disk;
-        int level = 0;
+        yx::P<CVMDKDisk> disk; ///< null for none
+        int level = 0;         ///< its place in the chain: 0 for the disk itself
     };
 
     /// The disk that holds a grain which `canBeReadPrepared`, with the cursor there. Its own grain

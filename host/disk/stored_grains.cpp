@@ -19,7 +19,7 @@ public:
     using ForwardingStream::ForwardingStream;
 
     static yx::P<yx::IIOStream> over(yx::IIOStream& stream) {
-        yx::P<yx::IIOStream> const whole(&stream);
+        yx::P<yx::IIOStream> whole(&stream);
         if (stream.getLength() % kSectorSizeBytes == 0)
             return whole;
         return yx::makeObject<WholeSectorStream>(whole);

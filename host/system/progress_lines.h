@@ -12,11 +12,13 @@ namespace kelm::host {
 /// work, where all is done.
 class ProgressLines {
 public:
+    /// Gets a line with its end.
     using Write = std::function<void(std::string const& line)>;
+
+    /// The time, from whatever moment on.
     using Now = std::function<std::chrono::nanoseconds()>;
 
-    /// `label` says what is being done, such as "import"; letters only. `write` gets a line with its
-    /// end. `now` is the time, from whatever moment on.
+    /// `label` says what is being done, such as "import"; letters only.
     ProgressLines(char const* label, Write write, Now now);
 
     /// The same with the time of this machine.

@@ -14,6 +14,7 @@ class RateLimit {
 public:
     /// Tells the time and waits: the machine, or a test.
     struct Clock {
+        /// From whatever moment on.
         std::function<std::chrono::nanoseconds()> now;
 
         /// May return early.

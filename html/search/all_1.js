@@ -1,0 +1,21 @@
+var searchData=
+[
+  ['back_0',['back',['../classyx_1_1TList.html#a8551276f96fbb231f95e5e85ee45b80a',1,'yx::TList::back()'],['../classyx_1_1TList.html#ab5f681ad3d5dd32d726baf81537dbd94',1,'yx::TList::back() const']]],
+  ['backupdisk_1',['BackupDisk',['../structkelm_1_1host_1_1BackupDisk.html',1,'kelm::host']]],
+  ['badposition_2',['BadPosition',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45ad566b399faa0e0635fbaa9aca9996e88',1,'yx::CIOError']]],
+  ['before_3',['before',['../structkelm_1_1host_1_1PasswordChange.html#a6d87ba47a5cf21152c109b018caa6e65',1,'kelm::host::PasswordChange::before()'],['../structkelm_1_1host_1_1UndoFile_1_1Sector.html#a65270f1df612e8bc55a7b4299364cfcd',1,'kelm::host::UndoFile::Sector::before()']]],
+  ['begin_4',['begin',['../classyx_1_1TMap.html#a6c695b9c16b4924d1393ca1a76418041',1,'yx::TMap::begin()'],['../classkrym_1_1CHasher__SHA256.html#ad7c089991e1e8324a24a0b14b98bc2b7',1,'krym::CHasher_SHA256::begin()'],['../classyx_1_1TMap.html#a4d5a66fa388e08e37a83428a3ae97fa0',1,'yx::TMap::begin()'],['../classyx_1_1TList.html#ad27eb507b65b936b5e58d7588a16ccbf',1,'yx::TList::begin() const'],['../classyx_1_1TList.html#a2b59812e6489f72ce02328a53f24c62f',1,'yx::TList::begin()'],['../classyx_1_1TArray.html#aa45771b46853ae37779445b0d058e768',1,'yx::TArray::begin() const'],['../classyx_1_1TArray.html#a35662c10aad04b004060ff651a5a6cfe',1,'yx::TArray::begin()']]],
+  ['beginearly_5',['beginEarly',['../classkelm_1_1host_1_1ImageWriter.html#ab0813c397e14ce74ef0ca11bf2bfae0d',1,'kelm::host::ImageWriter']]],
+  ['beginioop_6',['beginIOOp',['../classkelm_1_1CVMDKDisk.html#a4930a6c754c643d4543ee360faa72615',1,'kelm::CVMDKDisk::beginIOOp()'],['../classkelm_1_1CVMDKSparseExtentFile.html#a21262c73cc0adbb5e0608eaf6786ae9c',1,'kelm::CVMDKSparseExtentFile::beginIOOp()']]],
+  ['beginwritinganywhere_7',['beginWritingAnywhere',['../classkelm_1_1host_1_1RawTarget.html#a57362564f7219efb3c450a6017bc1bc6',1,'kelm::host::RawTarget']]],
+  ['birthnanoseconds_8',['birthNanoseconds',['../structkelm_1_1host_1_1FileIdentity.html#a808a95595827aa0bbebb901c1936bc1c',1,'kelm::host::FileIdentity']]],
+  ['birthseconds_9',['birthSeconds',['../structkelm_1_1host_1_1FileIdentity.html#ae3c8c6ee7972bc68e5358d51f4ee1019',1,'kelm::host::FileIdentity']]],
+  ['borrow_10',['borrow',['../classkelm_1_1host_1_1FileDescriptor.html#adcb8474e041e83c14812d1515166c116',1,'kelm::host::FileDescriptor']]],
+  ['buffer_11',['Buffer',['../structkelm_1_1host_1_1GrainItem.html#a46bbaf5f9b0a2692ab4d522c0cbfa382',1,'kelm::host::GrainItem']]],
+  ['busywait_12',['BusyWait',['../classkelm_1_1host_1_1BusyWait.html#aa7ceb6bf22203fac3f6b4196d7b12cf4',1,'kelm::host::BusyWait::BusyWait(std::chrono::milliseconds limit, CancelFlag const *cancel)'],['../classkelm_1_1host_1_1BusyWait.html#afc8046db2943e2fd247cde1e4528a3d8',1,'kelm::host::BusyWait::BusyWait()=default'],['../classkelm_1_1host_1_1BusyWait.html',1,'kelm::host::BusyWait']]],
+  ['byterange_13',['ByteRange',['../structkelm_1_1host_1_1ByteRange.html',1,'kelm::host']]],
+  ['bytes_14',['bytes',['../structkelm_1_1host_1_1CheckedThing.html#ae971a2aca933aaa634dd1c4a670bde13',1,'kelm::host::CheckedThing::bytes()'],['../structkelm_1_1host_1_1Overlay.html#aa48839c4899e274ba97bdae0c53444d3',1,'kelm::host::Overlay::bytes()'],['../structkelm_1_1host_1_1ReadableSectors.html#a22a1cec38958d292daa917d646da8ddf',1,'kelm::host::ReadableSectors::bytes()'],['../structkelm_1_1host_1_1ImageLength.html#a58dbb15405d020d4325f7a8cd16521e4',1,'kelm::host::ImageLength::bytes()']]],
+  ['bytes_15',['Bytes',['../classkelm_1_1host_1_1ExtentReader.html#ae55b968ce49343d8bbf8f7745be8c892',1,'kelm::host::ExtentReader']]],
+  ['bytesafter_16',['bytesAfter',['../structkelm_1_1host_1_1CompactedFile.html#af64942214b3c627a18216b4a78d58634',1,'kelm::host::CompactedFile::bytesAfter()'],['../structkelm_1_1host_1_1CompactionPlan.html#a0aa1b3819dbb4a25383dea8089a2b6cf',1,'kelm::host::CompactionPlan::bytesAfter()']]],
+  ['bytesbefore_17',['bytesBefore',['../structkelm_1_1host_1_1CompactedFile.html#a1cc6e404b9237660ee831961795b80d4',1,'kelm::host::CompactedFile::bytesBefore()'],['../structkelm_1_1host_1_1CompactionPlan.html#a23a7c828ab09031a723a8b0ab3a453b4',1,'kelm::host::CompactionPlan::bytesBefore()']]]
+];

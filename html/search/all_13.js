@@ -1,0 +1,20 @@
+var searchData=
+[
+  ['undofile_0',['UndoFile',['../structkelm_1_1host_1_1UndoFile.html',1,'kelm::host']]],
+  ['unexpectedend_1',['UnexpectedEnd',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45aed8e27e6830f953225ceee2cd255208b',1,'yx::CIOError']]],
+  ['unfinished_2',['unfinished',['../structkelm_1_1host_1_1DiskTrust.html#a56f9991c4a50fb9d7b9429dd635d4e8e',1,'kelm::host::DiskTrust']]],
+  ['unfinisheddiskerror_3',['UnfinishedDiskError',['../classkelm_1_1host_1_1UnfinishedDiskError.html',1,'kelm::host::UnfinishedDiskError'],['../classkelm_1_1host_1_1UnfinishedDiskError.html#a9383f7740ef124abdbf873ed7e96bfbf',1,'kelm::host::UnfinishedDiskError::UnfinishedDiskError()']]],
+  ['unfinishedextents_4',['UnfinishedExtents',['../classkelm_1_1host_1_1UnfinishedExtents.html',1,'kelm::host']]],
+  ['unflushedgrains_5',['UnflushedGrains',['../classkelm_1_1host_1_1UnflushedGrains.html',1,'kelm::host']]],
+  ['unlock_6',['unlock',['../classyx_1_1CMutex.html#ab1b3cda76ffef9dd26e9f8f2ed15d556',1,'yx::CMutex::unlock()'],['../classyx_1_1IMutex.html#aae8989bad1b5794c82649983de8c1af2',1,'yx::IMutex::unlock()']]],
+  ['unpreparegraindata_7',['unprepareGrainData',['../classkelm_1_1CVMDKDataPreparer.html#a15299e2a3dc4a3d033938648019aa6b9',1,'kelm::CVMDKDataPreparer']]],
+  ['unpreparegraindatato_8',['unprepareGrainDataTo',['../classkelm_1_1CVMDKDataPreparer.html#a603537a969a63db7978b3876faeeffed',1,'kelm::CVMDKDataPreparer']]],
+  ['unpreparer_9',['Unpreparer',['../classkelm_1_1host_1_1Unpreparer.html',1,'kelm::host::Unpreparer'],['../classkelm_1_1host_1_1Unpreparer.html#af2577c4dc585c3a825e139e612f0d449',1,'kelm::host::Unpreparer::Unpreparer()']]],
+  ['unseal_10',['unseal',['../classkelm_1_1host_1_1SealedFileSystem.html#a1218f6b4691028f7e8da07424b95e42e',1,'kelm::host::SealedFileSystem']]],
+  ['unsupportedversion_11',['UnsupportedVersion',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45aab719a30c7b0ce93a6b5eb4491fa9772',1,'yx::CIOError']]],
+  ['update_12',['update',['../classkrym_1_1IDigest.html#aa10e5af8d9897abe5c5329c4a999d546',1,'krym::IDigest::update()'],['../classkrym_1_1CHasher__SHA256.html#a88786ac2f14143d739fea7a5dcfc6d8f',1,'krym::CHasher_SHA256::update()'],['../classkrym_1_1COpenSSLDigest.html#a39c6870ca11f8688665cb1fbfa0ecbe2',1,'krym::COpenSSLDigest::update()']]],
+  ['updateinnerfileobject_13',['updateInnerFileObject',['../classkelm_1_1CVMDKOnDemandExtentFile.html#a40d4325ebbb89d5b4d59805dfaa88777',1,'kelm::CVMDKOnDemandExtentFile']]],
+  ['uri_14',['uri',['../structkelm_1_1host_1_1UndoFile_1_1File.html#a6f8e40f4c27139b058deebb89bc9c81e',1,'kelm::host::UndoFile::File::uri()'],['../structkelm_1_1host_1_1DiskExtent.html#aa698853bb9b24cbfe4553ff390093a3d',1,'kelm::host::DiskExtent::uri()']]],
+  ['usage_15',['Usage',['../structkelm_1_1CVMDKGrainTable_1_1Usage.html',1,'kelm::CVMDKGrainTable']]],
+  ['usedisk_16',['useDisk',['../classkelm_1_1host_1_1DiskReading.html#a446e9c57f63fcddd8330dff985eb5e69',1,'kelm::host::DiskReading']]]
+];

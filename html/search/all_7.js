@@ -1,0 +1,26 @@
+var searchData=
+[
+  ['hasdigest_0',['hasDigest',['../structkelm_1_1host_1_1GrainItem.html#acb949998b1d3fb124488188790ce6e73',1,'kelm::host::GrainItem']]],
+  ['hasfree_1',['hasFree',['../classkelm_1_1host_1_1OrderedWorkers.html#aa049162a5738f18624b4553974ddc59f',1,'kelm::host::OrderedWorkers']]],
+  ['hash_2',['hash',['../classkelm_1_1host_1_1GrainHasher.html#ac2fb19256f0732ec4b181db2b7cc4c74',1,'kelm::host::GrainHasher::hash()'],['../classkelm_1_1host_1_1DigestFileHasher.html#a8054b8608a22161044fa076c19871e31',1,'kelm::host::DigestFileHasher::hash()'],['../classkelm_1_1host_1_1DigestHashers.html#acff555737a7662e2db4b4181fff2c182',1,'kelm::host::DigestHashers::hash()']]],
+  ['hasleft_3',['hasLeft',['../structkelm_1_1host_1_1RepairReport.html#aaee8dcfd3deadecea8ac8050c3d0922e',1,'kelm::host::RepairReport']]],
+  ['hasmended_4',['hasMended',['../structkelm_1_1host_1_1RepairReport.html#ae6e0b3832084ae7483281d2bf033b33e',1,'kelm::host::RepairReport']]],
+  ['hasparent_5',['hasParent',['../classkelm_1_1host_1_1SafeDisk.html#a5753c76e8ce11163efe7403acb711dc4',1,'kelm::host::SafeDisk']]],
+  ['hasredundant_6',['hasRedundant',['../classkelm_1_1host_1_1TableDirectories.html#a2ecc0480a0ebaa246ded87bd19d112ea',1,'kelm::host::TableDirectories']]],
+  ['hasslotsizes_7',['hasSlotSizes',['../classkelm_1_1host_1_1GrainTables.html#a683b461d9233df484e6fe5ab2dd17c8c',1,'kelm::host::GrainTables::hasSlotSizes()'],['../classkelm_1_1host_1_1TableDirectories.html#a9211b0691839ee49fc989247eb257c25',1,'kelm::host::TableDirectories::hasSlotSizes()']]],
+  ['hasunflushedchanges_8',['hasUnflushedChanges',['../classkelm_1_1CVMDKGrainTable.html#a82fd0035780b8f82b8e88ba3b20ec597',1,'kelm::CVMDKGrainTable']]],
+  ['hasunflushedwrites_9',['hasUnflushedWrites',['../classkelm_1_1host_1_1DiskWriting.html#abcf48b3a60892a2c28cc760a5ebabae5',1,'kelm::host::DiskWriting']]],
+  ['hasvalue_10',['hasValue',['../classkelm_1_1CVMDKDescriptor.html#aeb8e1b1936f646ca60202e9d4eda8e97',1,'kelm::CVMDKDescriptor']]],
+  ['havefile_11',['haveFile',['../classkelm_1_1host_1_1DiskRelations.html#ac7a8ff626adc35b1183008688ef4c7d3',1,'kelm::host::DiskRelations']]],
+  ['header_12',['header',['../structkelm_1_1host_1_1ExtentShape.html#a8b35113ff8366d59ef1dca275d0acd31',1,'kelm::host::ExtentShape']]],
+  ['headercheck_13',['HeaderCheck',['../classkelm_1_1host_1_1HeaderCheck.html#a0814dc182ea0ee0c436d2c83a86cf451',1,'kelm::host::HeaderCheck::HeaderCheck()'],['../classkelm_1_1host_1_1HeaderCheck.html',1,'kelm::host::HeaderCheck']]],
+  ['headeroverlay_14',['HeaderOverlay',['../classkelm_1_1host_1_1HeaderOverlay.html#a52b8a9cf23e17e5ae5aba72f35cc8f14',1,'kelm::host::HeaderOverlay::HeaderOverlay()'],['../classkelm_1_1host_1_1HeaderOverlay.html',1,'kelm::host::HeaderOverlay']]],
+  ['held_15',['held',['../structkelm_1_1host_1_1GrainCounts.html#ad1348675edb713fe771c52df11bb6e7f',1,'kelm::host::GrainCounts']]],
+  ['heldgraincount_16',['heldGrainCount',['../structkelm_1_1host_1_1CheckResult.html#a945cd8292354847918df8a6a9eaa8484',1,'kelm::host::CheckResult']]],
+  ['hide_17',['hide',['../classkelm_1_1host_1_1ProgressBar.html#acb8098b44615845e06d59a6b1b0b6d0f',1,'kelm::host::ProgressBar']]],
+  ['holder_18',['Holder',['../structkelm_1_1host_1_1ChainGrains_1_1Holder.html',1,'kelm::host::ChainGrains']]],
+  ['holdgrain_19',['holdGrain',['../classkelm_1_1host_1_1ParentIndependence.html#a3a0016d9aad263f464090a0508bcfe65',1,'kelm::host::ParentIndependence::holdGrain()'],['../classkelm_1_1host_1_1SafeDisk.html#a701021e6c0af31b9c04896f05d3ca227',1,'kelm::host::SafeDisk::holdGrain()']]],
+  ['holdsdescriptor_20',['holdsDescriptor',['../structkelm_1_1host_1_1ExpectedExtent.html#aeb275e5a2f4bc707c05d356af8fb6516',1,'kelm::host::ExpectedExtent']]],
+  ['host_21',['host',['../structkelm_1_1host_1_1BackupDisk.html#a171dcec576cf830400f51f8cd8d798d7',1,'kelm::host::BackupDisk::host()'],['../structkelm_1_1host_1_1RetentionItem.html#aa9291642a29eab82ed6d7ba641e29b7e',1,'kelm::host::RetentionItem::host()'],['../structkelm_1_1host_1_1NewDisk.html#a32031f175c5a1b9d10a30cfd2923c915',1,'kelm::host::NewDisk::host()']]],
+  ['hourly_22',['hourly',['../structkelm_1_1host_1_1RetentionRules.html#a335354deb3e7916bb6365627c392439b',1,'kelm::host::RetentionRules']]]
+];

@@ -1,0 +1,27 @@
+var searchData=
+[
+  ['nameatwork_0',['nameAtWork',['../structkelm_1_1host_1_1UndoFile.html#a512ba4de950a6407d5209543b615db9d',1,'kelm::host::UndoFile']]],
+  ['namefor_1',['nameFor',['../structkelm_1_1host_1_1DiskNote.html#aa11ec90e82f68c89ddfc1bd8d2b8c227',1,'kelm::host::DiskNote']]],
+  ['namesgrain_2',['namesGrain',['../classkelm_1_1host_1_1StoredGrains.html#a4e035c1a0db63e537f1a9d34af190e9a',1,'kelm::host::StoredGrains']]],
+  ['namewhendone_3',['nameWhenDone',['../structkelm_1_1host_1_1UndoFile.html#a49d310271e1d8978ed867803fa974f40',1,'kelm::host::UndoFile']]],
+  ['needsdigests_4',['needsDigests',['../structkelm_1_1host_1_1CheckScope.html#aa845b112460f08c4aeac7425595f6494',1,'kelm::host::CheckScope']]],
+  ['newdisk_5',['NewDisk',['../structkelm_1_1host_1_1NewDisk.html',1,'kelm::host']]],
+  ['newdiskplace_6',['NewDiskPlace',['../structkelm_1_1host_1_1ParentsRoom_1_1NewDiskPlace.html',1,'kelm::host::ParentsRoom']]],
+  ['newparent_7',['newParent',['../structkelm_1_1host_1_1ParentSwap_1_1Parents.html#a36e6f2ef718315dbe58cfef76bb5353f',1,'kelm::host::ParentSwap::Parents']]],
+  ['next_8',['next',['../classyx_1_1TMostRecentlyUsedCache_1_1CEnum.html#a32288eb269db3f190fe7e099795eb47b',1,'yx::TMostRecentlyUsedCache::CEnum']]],
+  ['nop_9',['nop',['../classyx_1_1CError.html#aca3dae15ab54a6df230ebdc40dd2e879',1,'yx::CError']]],
+  ['normalize_10',['normalize',['../classyx_1_1TPathImpl.html#a10546f6b57ae0c0b420f80975f7f3c45',1,'yx::TPathImpl']]],
+  ['normalizecomponent_11',['normalizeComponent',['../classyx_1_1CUnixPathTraits.html#af2d9f63e976157bb012ef5d5fc1fcbbb',1,'yx::CUnixPathTraits::normalizeComponent()'],['../classyx_1_1CWindowsPathTraits.html#a9e8e85c4d53d2d533a0bdbfa6a2ac480',1,'yx::CWindowsPathTraits::normalizeComponent()']]],
+  ['normalizeroot_12',['normalizeRoot',['../classyx_1_1CUnixPathTraits.html#a78e48a14c3b7ff5fa77cbe7e03cf2556',1,'yx::CUnixPathTraits::normalizeRoot()'],['../classyx_1_1CWindowsPathTraits.html#a861f6969b3f0930a1ea67e614fa53e21',1,'yx::CWindowsPathTraits::normalizeRoot()']]],
+  ['normalizeseparators_13',['normalizeSeparators',['../classyx_1_1CUnixPathTraits.html#aee79f5b3e458cd1e8d1de0172bbdcd9e',1,'yx::CUnixPathTraits::normalizeSeparators()'],['../classyx_1_1CWindowsPathTraits.html#a581e8575af74fecb70c9216d26f5beb5',1,'yx::CWindowsPathTraits::normalizeSeparators()']]],
+  ['nospace_14',['NoSpace',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45a1a23bcb64723e73590da2f8bde0f3a28',1,'yx::CIOError']]],
+  ['notaligned_15',['NotAligned',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45acc7a142e225886193f1e02aa154e9c64',1,'yx::CIOError']]],
+  ['notallowed_16',['NotAllowed',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45aa1cd4ac30746c12470ffbf8fc2196a9c',1,'yx::CIOError']]],
+  ['notechange_17',['noteChange',['../classkelm_1_1CVMDKTableChangeCountRef.html#af42bfbb7fa499dfa27f04c8e9e914baa',1,'kelm::CVMDKTableChangeCountRef']]],
+  ['notefailure_18',['noteFailure',['../classkelm_1_1host_1_1UnflushedGrains.html#ae261c7c52aa5b5cea2f1943f7dac70eb',1,'kelm::host::UnflushedGrains']]],
+  ['notfound_19',['NotFound',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45a3f773d694c4d5b9eb04b424029e18ad2',1,'yx::CIOError']]],
+  ['notsupported_20',['NotSupported',['../classyx_1_1CIOError.html#a58b35e10a7d9a517b830632843290a45a786bfab5dab8ceb9e510066573f40640',1,'yx::CIOError']]],
+  ['now_21',['now',['../structkelm_1_1host_1_1RateLimit_1_1Clock.html#a7402382b342ee985b435b7031bb8c684',1,'kelm::host::RateLimit::Clock']]],
+  ['now_22',['Now',['../classkelm_1_1host_1_1ProgressLines.html#a12f06d3ce1969e82733b9d1fbd04eddb',1,'kelm::host::ProgressLines']]],
+  ['number_23',['number',['../structkelm_1_1host_1_1CheckedThing.html#a7bcdadb3e487cb983456e19a52204dfa',1,'kelm::host::CheckedThing']]]
+];

@@ -1,0 +1,4 @@
+var searchData=
+[
+  ['logentry_0',['LogEntry',['../structyx_1_1LogEntry.html',1,'yx']]]
+];

@@ -1,0 +1,20 @@
+var searchData=
+[
+  ['ratelimit_0',['RateLimit',['../classkelm_1_1host_1_1RateLimit.html',1,'kelm::host']]],
+  ['rawcontentreader_1',['RawContentReader',['../classkelm_1_1host_1_1RawContentReader.html',1,'kelm::host']]],
+  ['rawnew_2',['RawNew',['../structyx_1_1CBase_1_1RawNew.html',1,'yx::CBase']]],
+  ['rawsource_3',['RawSource',['../classkelm_1_1host_1_1RawSource.html',1,'kelm::host']]],
+  ['rawtarget_4',['RawTarget',['../classkelm_1_1host_1_1RawTarget.html',1,'kelm::host']]],
+  ['readablesectors_5',['ReadableSectors',['../structkelm_1_1host_1_1ReadableSectors.html',1,'kelm::host']]],
+  ['readgrain_6',['ReadGrain',['../structkelm_1_1host_1_1ReadGrain.html',1,'kelm::host']]],
+  ['recordverifier_7',['RecordVerifier',['../classkelm_1_1host_1_1RecordVerifier.html',1,'kelm::host']]],
+  ['regularextent_8',['RegularExtent',['../structkelm_1_1host_1_1RegularExtent.html',1,'kelm::host']]],
+  ['regularplaces_9',['RegularPlaces',['../structkelm_1_1host_1_1RegularPlaces.html',1,'kelm::host']]],
+  ['repairedextent_10',['RepairedExtent',['../structkelm_1_1host_1_1RepairedExtent.html',1,'kelm::host']]],
+  ['repairoptions_11',['RepairOptions',['../structkelm_1_1host_1_1RepairOptions.html',1,'kelm::host']]],
+  ['repairreport_12',['RepairReport',['../structkelm_1_1host_1_1RepairReport.html',1,'kelm::host']]],
+  ['resultcipher_13',['ResultCipher',['../classkelm_1_1host_1_1ResultCipher.html',1,'kelm::host']]],
+  ['retentionitem_14',['RetentionItem',['../structkelm_1_1host_1_1RetentionItem.html',1,'kelm::host']]],
+  ['retentionpolicy_15',['RetentionPolicy',['../classkelm_1_1host_1_1RetentionPolicy.html',1,'kelm::host']]],
+  ['retentionrules_16',['RetentionRules',['../structkelm_1_1host_1_1RetentionRules.html',1,'kelm::host']]]
+];

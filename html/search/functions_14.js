@@ -1,0 +1,21 @@
+var searchData=
+[
+  ['verify_0',['verify',['../classkelm_1_1host_1_1RecordVerifier.html#a7cfc1a0dd430c3b8a0a2cc7a283e4eba',1,'kelm::host::RecordVerifier::verify()'],['../classkelm_1_1host_1_1ParentsRoom.html#a668ba40b7fba8938bfe47d56300d95f5',1,'kelm::host::ParentsRoom::verify()']]],
+  ['verifycanhold_1',['verifyCanHold',['../classkelm_1_1host_1_1ParentSwap.html#a11410a4bcea72dcc06d63d58f10717d5',1,'kelm::host::ParentSwap']]],
+  ['verifyexist_2',['verifyExist',['../classkelm_1_1host_1_1ExtentFiles.html#a21f1fb4c92065c7df3e42e7daffc7d37',1,'kelm::host::ExtentFiles']]],
+  ['verifyextent_3',['verifyExtent',['../classkelm_1_1host_1_1DiskReach.html#a026e90201d98f164ff9a7ce46d061c72',1,'kelm::host::DiskReach']]],
+  ['verifyextents_4',['verifyExtents',['../classkelm_1_1host_1_1DiskReach.html#adc742c07536e16ce6320f2314e161447',1,'kelm::host::DiskReach']]],
+  ['verifyfilesarethere_5',['verifyFilesAreThere',['../classkelm_1_1host_1_1FileGuard.html#a6dc0347f93b1651a80949bf43cb318e5',1,'kelm::host::FileGuard']]],
+  ['verifygrainsize_6',['verifyGrainSize',['../classkelm_1_1host_1_1DiskReach.html#a0c9268e617b70d1dcb7c604e3d3df311',1,'kelm::host::DiskReach']]],
+  ['verifyhasfilesalone_7',['verifyHasFilesAlone',['../classkelm_1_1host_1_1DiskRelations.html#a86a75d0e801f48ab064ce2623a23bf98',1,'kelm::host::DiskRelations']]],
+  ['verifyhasroomfor_8',['verifyHasRoomFor',['../classkelm_1_1host_1_1RawTarget.html#a6b81c7e695b98700bd6a07d54e544b10',1,'kelm::host::RawTarget']]],
+  ['verifyhavewriteaccess_9',['verifyHaveWriteAccess',['../classkelm_1_1CVMDKSparseExtentFile.html#a6a229aa3d7fd912974e1fd433b8e89b5',1,'kelm::CVMDKSparseExtentFile']]],
+  ['verifyisenciphered_10',['verifyIsEnciphered',['../classkelm_1_1CVMDKGrainCipher.html#a00647f3600f23edb7a4417859cc1bb50',1,'kelm::CVMDKGrainCipher']]],
+  ['verifyisfree_11',['verifyIsFree',['../classkelm_1_1host_1_1FileLocks.html#a639602c51401d411e8320e034ddebd7b',1,'kelm::host::FileLocks']]],
+  ['verifymaywrite_12',['verifyMayWrite',['../classkelm_1_1host_1_1DiskWriting.html#acf51829ad630bd8a4f7cba5d5e7f8c86',1,'kelm::host::DiskWriting']]],
+  ['verifynonefailed_13',['verifyNoneFailed',['../classkelm_1_1host_1_1SyncWatch.html#a06e7dc93db9b75ecf530fb113fe9cc27',1,'kelm::host::SyncWatch']]],
+  ['verifyothers_14',['verifyOthers',['../classkelm_1_1host_1_1ChangedGrains.html#adc1c5a79d010008b7a9344b6742fa3d7',1,'kelm::host::ChangedGrains']]],
+  ['verifyparent_15',['verifyParent',['../classkelm_1_1host_1_1DiskReach.html#ab0bd1ef7bfffed52cb5892ae736978c8',1,'kelm::host::DiskReach']]],
+  ['verifyreadsasbefore_16',['verifyReadsAsBefore',['../classkelm_1_1host_1_1ParentSwap.html#a71a2b99abba3725141206e2caa10f2e9',1,'kelm::host::ParentSwap']]],
+  ['verifyroom_17',['verifyRoom',['../classkelm_1_1host_1_1CopiedFiles.html#ae70ef2bddfcc9ee4cfa4bf7729c7b8af',1,'kelm::host::CopiedFiles']]]
+];

@@ -1,0 +1,21 @@
+var searchData=
+[
+  ['_7ecerror_0',['~CError',['../classyx_1_1CError.html#a2e2a9691ed51f6d514c969052ba4d9a4',1,'yx::CError']]],
+  ['_7ecoptimizingiostream_1',['~COptimizingIOStream',['../classyx_1_1COptimizingIOStream.html#a362613e0647ac3d3d5cfe7210efcf2ca',1,'yx::COptimizingIOStream']]],
+  ['_7ecvmdkdisk_2',['~CVMDKDisk',['../classkelm_1_1CVMDKDisk.html#a8b80381a1497afc98061f6b8138a571c',1,'kelm::CVMDKDisk']]],
+  ['_7ecvmdkgrain_3',['~CVMDKGrain',['../classkelm_1_1CVMDKGrain.html#a178bdc9b6136af71bbeae9f5b175ca38',1,'kelm::CVMDKGrain']]],
+  ['_7ecvmdkgrainallocator_4',['~CVMDKGrainAllocator',['../classkelm_1_1CVMDKGrainAllocator.html#a73826295551ffa72a9d7d3ef8a98d4fe',1,'kelm::CVMDKGrainAllocator']]],
+  ['_7ecvmdkgraindirectory_5',['~CVMDKGrainDirectory',['../classkelm_1_1CVMDKGrainDirectory.html#a764dde4b5c123d51ac3938aebe44a3ea',1,'kelm::CVMDKGrainDirectory']]],
+  ['_7ecvmdkgraintable_6',['~CVMDKGrainTable',['../classkelm_1_1CVMDKGrainTable.html#abee7c9cb37991b2be4e6fdb3d3da471b',1,'kelm::CVMDKGrainTable']]],
+  ['_7ecvmdkondemandextentfile_7',['~CVMDKOnDemandExtentFile',['../classkelm_1_1CVMDKOnDemandExtentFile.html#acf31ab97e3abed453fed17aa5ac12b86',1,'kelm::CVMDKOnDemandExtentFile']]],
+  ['_7ecvmdkparentdiskdataprovider_8',['~CVMDKParentDiskDataProvider',['../classkelm_1_1CVMDKParentDiskDataProvider.html#a9cdbddcd8bd783be2a30d67b4c341fa1',1,'kelm::CVMDKParentDiskDataProvider']]],
+  ['_7ecvmdkreverseincrementalwriter_9',['~CVMDKReverseIncrementalWriter',['../classkelm_1_1CVMDKReverseIncrementalWriter.html#a85a54799f4880bc8f3af79a91bfdb2e5',1,'kelm::CVMDKReverseIncrementalWriter']]],
+  ['_7ecvmdksparseextentfile_10',['~CVMDKSparseExtentFile',['../classkelm_1_1CVMDKSparseExtentFile.html#a3050b0f179dc90f8d7af28c61d7b683e',1,'kelm::CVMDKSparseExtentFile']]],
+  ['_7ediskfilesystem_11',['~DiskFileSystem',['../classkelm_1_1host_1_1DiskFileSystem.html#a2e6d6a4fcb5d7d2ce0587ed25e99c231',1,'kelm::host::DiskFileSystem']]],
+  ['_7efiledescriptor_12',['~FileDescriptor',['../classkelm_1_1host_1_1FileDescriptor.html#ae6c3de170fe1007fef29f3622a450a08',1,'kelm::host::FileDescriptor']]],
+  ['_7efileguard_13',['~FileGuard',['../classkelm_1_1host_1_1FileGuard.html#a94378f2201dd549e870534eead14cb79',1,'kelm::host::FileGuard']]],
+  ['_7ekeptfiles_14',['~KeptFiles',['../classkelm_1_1host_1_1KeptFiles.html#a66edf61228e6dd6102cf896d294760e8',1,'kelm::host::KeptFiles']]],
+  ['_7eorderedworkers_15',['~OrderedWorkers',['../classkelm_1_1host_1_1OrderedWorkers.html#a9cbfb18655d6fd3e302d50f477d14f19',1,'kelm::host::OrderedWorkers']]],
+  ['_7epassword_16',['~Password',['../classkelm_1_1host_1_1Password.html#a8375884c58e232408eba4de5cfd18cbb',1,'kelm::host::Password']]],
+  ['_7esignalblock_17',['~SignalBlock',['../classkelm_1_1host_1_1SignalBlock.html#aa38d1b197b776c9563005cc6d61c17d1',1,'kelm::host::SignalBlock']]]
+];

@@ -1,0 +1,10 @@
+var searchData=
+[
+  ['limittables_0',['limitTables',['../classkelm_1_1host_1_1SafeDisk.html#aedfcc563cb7382a7e0ec34bfcf333866',1,'kelm::host::SafeDisk']]],
+  ['listextents_1',['listExtents',['../classkelm_1_1host_1_1SafeDisk.html#a54fbbe97dadc198fd27c86cf6cb828fc',1,'kelm::host::SafeDisk']]],
+  ['listfiles_2',['listFiles',['../classyx_1_1CMemoryFileSystem.html#ac743eefb85034deea6c9f4f216e4bffb',1,'yx::CMemoryFileSystem::listFiles()'],['../classkelm_1_1host_1_1SafeDisk.html#a6de75d752ab93903499bec9328c0780f',1,'kelm::host::SafeDisk::listFiles()'],['../classkelm_1_1host_1_1SalvagedDisk.html#a238a4c5efe2cd808f0fbeb274e98b065',1,'kelm::host::SalvagedDisk::listFiles()']]],
+  ['listpresentfiles_3',['listPresentFiles',['../structkelm_1_1host_1_1DiskParts.html#aee42508535f28c92a593262fcf86b7a7',1,'kelm::host::DiskParts']]],
+  ['load_4',['load',['../classkelm_1_1CVMDKSparseExtentHeader.html#aab24e876fb181193bf11d9d27161ea46',1,'kelm::CVMDKSparseExtentHeader::load()'],['../structkelm_1_1host_1_1DigestHeader.html#ac30a05731156d14a14508b2276e001b8',1,'kelm::host::DigestHeader::load()']]],
+  ['lock_5',['lock',['../classyx_1_1IMutex.html#a7342aff2438611229ae64719e421f50a',1,'yx::IMutex::lock()'],['../classyx_1_1CMutex.html#ac2aa5ffead1ab2859febdcd535431db2',1,'yx::CMutex::lock()']]],
+  ['lockrange_6',['lockRange',['../classyx_1_1CBufferStream.html#a274cad4e34d308be2c0c8fcfa2e50b17',1,'yx::CBufferStream::lockRange()'],['../classyx_1_1CDataInStream.html#ac60616e09d7c0c2f6e6654d5c55a3c91',1,'yx::CDataInStream::lockRange()'],['../classyx_1_1CDataOutStream.html#a004b76573039a705a143ef92bba0b000',1,'yx::CDataOutStream::lockRange()'],['../classyx_1_1COptimizingInStream.html#aa2b836d872b9955a0d6203aacdf0902a',1,'yx::COptimizingInStream::lockRange()'],['../classyx_1_1IStreamBase.html#a7bd8c77e4c962bde7ec5172cf261e58d',1,'yx::IStreamBase::lockRange()'],['../classkelm_1_1CVMDKDiskIOStream.html#a94df9c713ff5c1fce83c9888287445c9',1,'kelm::CVMDKDiskIOStream::lockRange()'],['../classkelm_1_1host_1_1ForwardingStream.html#a3843cc1854b111b46a7cd04b0422ac3a',1,'kelm::host::ForwardingStream::lockRange()']]]
+];

@@ -1,0 +1,24 @@
+var searchData=
+[
+  ['daily_0',['daily',['../structkelm_1_1host_1_1RetentionRules.html#aa0c34178a614f265adfb97379ebf3aaf',1,'kelm::host::RetentionRules']]],
+  ['damaged_1',['damaged',['../structkelm_1_1host_1_1GrainKnowledge.html#a7c94d1a1c00eb19225c9d9ff59ac3a47',1,'kelm::host::GrainKnowledge']]],
+  ['data_2',['data',['../structyx_1_1IGatherOutStream_1_1Piece.html#a278f2fc98fade62e9714e374335432f3',1,'yx::IGatherOutStream::Piece']]],
+  ['dependentcount_3',['dependentCount',['../structkelm_1_1host_1_1BackupDisk.html#aedd2597b84c42206e63d24012768845c',1,'kelm::host::BackupDisk']]],
+  ['derivation_4',['derivation',['../structkelm_1_1host_1_1PasswordChange.html#a02271ec30f648b158dc4e909bcb412e2',1,'kelm::host::PasswordChange']]],
+  ['descriptor_5',['descriptor',['../structkelm_1_1host_1_1DiskParts.html#ae26bf763eaf0418523b9b4a8a2c77ace',1,'kelm::host::DiskParts::descriptor()'],['../structkelm_1_1host_1_1ChainMember.html#a926f4274d1042eb0ab87c83877b492b7',1,'kelm::host::ChainMember::descriptor()']]],
+  ['detail_6',['detail',['../structyx_1_1LogEntry.html#a961c3afbb2a5f53355a86183b836c2b0',1,'yx::LogEntry']]],
+  ['device_7',['device',['../structkelm_1_1host_1_1FileIdentity.html#a47ce27657618928f4685b68f97762917',1,'kelm::host::FileIdentity']]],
+  ['differingbytes_8',['differingBytes',['../structkelm_1_1host_1_1Comparison.html#a9e06d5cf7b50d6f57f83853db8e7e559',1,'kelm::host::Comparison']]],
+  ['digest_9',['digest',['../structkelm_1_1host_1_1ChainDigests_1_1Grain.html#a7602119ef685fc6fd74a6849a23b92a7',1,'kelm::host::ChainDigests::Grain::digest()'],['../structkelm_1_1host_1_1GrainItem.html#a93b835cfa06aef1e2a885e93ac371d33',1,'kelm::host::GrainItem::digest()']]],
+  ['digestfile_10',['digestFile',['../structkelm_1_1host_1_1DiskParts.html#aec8b3a2526fe594fc09cc7f87d2406cb',1,'kelm::host::DiskParts']]],
+  ['digests_11',['digests',['../structkelm_1_1host_1_1GrainKnowledge.html#a32d4b0fb5c16b7eb8b48603ef2af7148',1,'kelm::host::GrainKnowledge']]],
+  ['directory_12',['directory',['../structkelm_1_1CVMDKGrainTableCache_1_1CKey.html#aebafff2b6f82f9897abccb2adb109314',1,'kelm::CVMDKGrainTableCache::CKey']]],
+  ['directorydigest_13',['directoryDigest',['../structkelm_1_1host_1_1DigestHeader.html#a0087fd88370db49fdf52fada4a51b33c',1,'kelm::host::DigestHeader']]],
+  ['directoryposition_14',['directoryPosition',['../structkelm_1_1host_1_1DigestHeader.html#a6de7f5c812c6f817fe0c34ddf09bcd0f',1,'kelm::host::DigestHeader']]],
+  ['directorysector_15',['directorySector',['../structkelm_1_1host_1_1RegularPlaces.html#ae780ce7c160487caf9f3c1b7abaa104b',1,'kelm::host::RegularPlaces']]],
+  ['disk_16',['disk',['../structkelm_1_1host_1_1PruneVerdict.html#a93304ceeaf0c18b14cb66c6f8306bbf6',1,'kelm::host::PruneVerdict::disk()'],['../structkelm_1_1host_1_1ChainGrains_1_1Holder.html#adae19de51fc454960b54eadf6e5d9c90',1,'kelm::host::ChainGrains::Holder::disk()']]],
+  ['disksizebytes_17',['diskSizeBytes',['../structkelm_1_1host_1_1DigestHeader.html#a3a9a2475ecdf837389dd652cf4969638',1,'kelm::host::DigestHeader']]],
+  ['drop_18',['drop',['../structkelm_1_1host_1_1PruneOptions.html#a204ea87d37f74e080805dba0085915e1',1,'kelm::host::PruneOptions']]],
+  ['dropdisk_19',['dropDisk',['../structkelm_1_1host_1_1PruneOptions.html#ae7a6f8caad90904588978ec063e79ce1',1,'kelm::host::PruneOptions']]],
+  ['droppedgrains_20',['droppedGrains',['../structkelm_1_1host_1_1CompactionPlan.html#aa549ca48d7efb25ff1e83ef276a2f617',1,'kelm::host::CompactionPlan']]]
+];

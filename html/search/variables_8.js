@@ -1,0 +1,25 @@
+var searchData=
+[
+  ['imagebytes_0',['imageBytes',['../structkelm_1_1host_1_1NewDisk.html#af55363ff7c6bc11da65e8806d27e71cd',1,'kelm::host::NewDisk::imageBytes()'],['../structkelm_1_1host_1_1BackupDisk.html#a1fc235699aa6b43209c4f325a44b3339',1,'kelm::host::BackupDisk::imageBytes()']]],
+  ['imagedigest_1',['imageDigest',['../structkelm_1_1host_1_1DigestHeader.html#a7b05ad52ec4fc7f2be880d51dd311928',1,'kelm::host::DigestHeader']]],
+  ['imagekey_2',['imageKey',['../structkelm_1_1host_1_1DigestKeys.html#a5d7c99173ebd5f2816526102594e3d52',1,'kelm::host::DigestKeys']]],
+  ['imagesizebytes_3',['imageSizeBytes',['../structkelm_1_1host_1_1DigestHeader.html#a49a5fcfa38fce4e4ff8d946e2ebe3d7c',1,'kelm::host::DigestHeader']]],
+  ['inode_4',['inode',['../structkelm_1_1host_1_1FileIdentity.html#acf682099a884017112e650f417722526',1,'kelm::host::FileIdentity']]],
+  ['input_5',['input',['../structkelm_1_1host_1_1GrainItem.html#a78e45e6599b071c43555ab519cdc12f9',1,'kelm::host::GrainItem']]],
+  ['inputciphers_6',['inputCiphers',['../structkelm_1_1host_1_1GrainItem.html#a80c2345130237cc1e1553671aa1ffe27',1,'kelm::host::GrainItem']]],
+  ['inputisprepared_7',['inputIsPrepared',['../structkelm_1_1host_1_1GrainItem.html#adf3f9728d1d69f737bf1e8b7d490de6a',1,'kelm::host::GrainItem']]],
+  ['isasparents_8',['isAsParents',['../structkelm_1_1host_1_1GrainItem.html#afc2b0371868e500f2e13a3d6d58ace7f',1,'kelm::host::GrainItem']]],
+  ['iscompressed_9',['isCompressed',['../structkelm_1_1host_1_1RegularExtent.html#a63c0ebd45277548193d80f8d3dd85b8e',1,'kelm::host::RegularExtent::isCompressed()'],['../structkelm_1_1host_1_1ParentsRoom_1_1NewDiskPlace.html#ad643bbc70ca52c7ec37941013cfa22cc',1,'kelm::host::ParentsRoom::NewDiskPlace::isCompressed()'],['../structkelm_1_1host_1_1ExpectedExtent.html#afcf89102aac5ec7fc14208c0378a592d',1,'kelm::host::ExpectedExtent::isCompressed()'],['../structkelm_1_1host_1_1FileGrain.html#a16c145a514ba5737f17961d597d54654',1,'kelm::host::FileGrain::isCompressed()'],['../structkelm_1_1host_1_1DiskExtent.html#a25bc820e0b6bded5836f4342ff7fb4a1',1,'kelm::host::DiskExtent::isCompressed()'],['../structkelm_1_1host_1_1BackupDisk.html#a1f6798da701821a02213733daaacbad1',1,'kelm::host::BackupDisk::isCompressed()']]],
+  ['isdryrun_10',['isDryRun',['../structkelm_1_1host_1_1RepairOptions.html#a59a560eb7aaca57a6e2d5b1da75faa4d',1,'kelm::host::RepairOptions']]],
+  ['isembedded_11',['isEmbedded',['../structkelm_1_1host_1_1DescriptorFile.html#a04a85a4ac957bb57f49b4089e0354bd2',1,'kelm::host::DescriptorFile']]],
+  ['isencrypted_12',['isEncrypted',['../structkelm_1_1host_1_1BackupDisk.html#a3447dc2633f964491491c9c32891cfcc',1,'kelm::host::BackupDisk']]],
+  ['isgrainofdisk_13',['isGrainOfDisk',['../structkelm_1_1host_1_1FileGrain.html#aacaccf5d14acb0744539fe7ae1e18378',1,'kelm::host::FileGrain']]],
+  ['iskeyed_14',['isKeyed',['../structkelm_1_1host_1_1DigestKeys.html#a6323abc734972490c02969f061153969',1,'kelm::host::DigestKeys']]],
+  ['isknown_15',['isKnown',['../structkelm_1_1host_1_1ChainDigests_1_1Grain.html#a618c532b8a37a41a2590dc1d10567b5d',1,'kelm::host::ChainDigests::Grain']]],
+  ['isofours_16',['isOfOurs',['../structkelm_1_1host_1_1ExpectedExtent.html#a779e2a51e42ffe435a8a3dbd6cc27571',1,'kelm::host::ExpectedExtent']]],
+  ['isondemand_17',['isOnDemand',['../structkelm_1_1host_1_1BackupDisk.html#a378cd09fe524d6e46d6d6549c1a8615e',1,'kelm::host::BackupDisk']]],
+  ['isreadable_18',['isReadable',['../structkelm_1_1host_1_1ReadableSectors.html#a095174a4f93e87dc9d9fa1d9d9b2f33a',1,'kelm::host::ReadableSectors']]],
+  ['istobefilled_19',['isToBeFilled',['../structkelm_1_1host_1_1NewDisk.html#a910ac7e0e9a57232ef3e022c662716f2',1,'kelm::host::NewDisk']]],
+  ['iterations_20',['iterations',['../structkrym_1_1KeyDerivation.html#acb38ff2a0bbcaf979cb0e9be876dddc0',1,'krym::KeyDerivation']]],
+  ['iv_21',['iv',['../structkelm_1_1host_1_1DiskKey.html#a6bae2f128be8791ff0ebb6791b045dde',1,'kelm::host::DiskKey']]]
+];

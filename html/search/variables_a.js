@@ -1,0 +1,21 @@
+var searchData=
+[
+  ['kdefaultlevel_0',['kDefaultLevel',['../classkelm_1_1CVMDKCompressor.html#ac0e66f59e1bcd35f91038293c1699fd1',1,'kelm::CVMDKCompressor']]],
+  ['kdefaultlimit_1',['kDefaultLimit',['../classkelm_1_1CVMDKGrainTableCache.html#a3fb484ecfe4f5b0278a8306690fe2ae6',1,'kelm::CVMDKGrainTableCache']]],
+  ['kdefaultmaxrounds_2',['kDefaultMaxRounds',['../classkelm_1_1host_1_1KeyDerivationWatch.html#a0bb174748fc860d077acea33f3f573fe',1,'kelm::host::KeyDerivationWatch']]],
+  ['kdirectoryentrybytes_3',['kDirectoryEntryBytes',['../structkelm_1_1host_1_1DigestHeader.html#aa82c9585d7861fc2476d5455b02057d0',1,'kelm::host::DigestHeader']]],
+  ['key_4',['key',['../structkelm_1_1host_1_1ExtentToCompact.html#a141e3109550b1ba13ddff0dd166adb3e',1,'kelm::host::ExtentToCompact::key()'],['../structkelm_1_1host_1_1RepairedExtent.html#a356b27cf9ad1806b23dbfb85f8c3e509',1,'kelm::host::RepairedExtent::key()'],['../structkelm_1_1host_1_1DiskKey.html#a58b14130c4d563c2ad882b53392a4212',1,'kelm::host::DiskKey::key()']]],
+  ['keyderivation_5',['keyDerivation',['../structkelm_1_1host_1_1NewDisk.html#a23cdd367a24ea90b4d23ea37d7657cc9',1,'kelm::host::NewDisk']]],
+  ['keyhash_6',['keyHash',['../structkelm_1_1host_1_1DiskKey.html#ad38155ee82af6dc6e37a2ec3b50dab8d',1,'kelm::host::DiskKey::keyHash()'],['../structkelm_1_1host_1_1ExpectedExtent.html#a5e97c343906915cb246bdbc2ca4c1448',1,'kelm::host::ExpectedExtent::keyHash()']]],
+  ['keysizebytes_7',['keySizeBytes',['../structkrym_1_1KeyDerivation.html#a216163afef2e5e60b2b2b32ef36d5d91',1,'krym::KeyDerivation']]],
+  ['khashsizebytes_8',['kHashSizeBytes',['../classkrym_1_1CHasher__SHA256.html#aa9435b6e27c4fbdc232318a53aa5ff78',1,'krym::CHasher_SHA256']]],
+  ['kind_9',['kind',['../structkelm_1_1host_1_1CheckedThing.html#abce9a7347dff7199923c45047315ee7a',1,'kelm::host::CheckedThing']]],
+  ['kmaxalike_10',['kMaxAlike',['../classkelm_1_1host_1_1FindingFold.html#af74e8b22f78f1f3cfaca1a7c6d124a59',1,'kelm::host::FindingFold']]],
+  ['kmaxchaindepth_11',['kMaxChainDepth',['../classkelm_1_1CVMDKParentDiskDataProvider.html#aa9d2cdfc1ad18a6aa6591c836b7ea695',1,'kelm::CVMDKParentDiskDataProvider']]],
+  ['kmaxgrainsizesectors_12',['kMaxGrainSizeSectors',['../classkelm_1_1CVMDKDataPreparer.html#ab2486728e6a639d49c3924f3ba102f7a',1,'kelm::CVMDKDataPreparer']]],
+  ['kmaxtextbytes_13',['kMaxTextBytes',['../classkelm_1_1host_1_1DiskRecord.html#a0641c2529a4b89da0dedec31d8cf026c',1,'kelm::host::DiskRecord']]],
+  ['knolimit_14',['kNoLimit',['../classkelm_1_1CVMDKGrainTableCache.html#a27a05e2e59d79d4828ced409bb2a0e52',1,'kelm::CVMDKGrainTableCache']]],
+  ['ksectionbitmapbytes_15',['kSectionBitmapBytes',['../structkelm_1_1host_1_1DigestHeader.html#af3f05dcc513515c8f566fc9ef148ff86',1,'kelm::host::DigestHeader']]],
+  ['ksectiongrains_16',['kSectionGrains',['../structkelm_1_1host_1_1DigestHeader.html#a8b593ca1b3b65e1885b9ece8eba9c19b',1,'kelm::host::DigestHeader']]],
+  ['ksizebytes_17',['kSizeBytes',['../structkelm_1_1host_1_1DigestHeader.html#a9f23a25410c01afe4155c39c0609a9ac',1,'kelm::host::DigestHeader']]]
+];

@@ -1,0 +1,20 @@
+var searchData=
+[
+  ['m_5fbuffering_0',['m_buffering',['../classyx_1_1COptimizingInStream.html#a4192119fdd59639853f95f9209921ef3',1,'yx::COptimizingInStream']]],
+  ['m_5fobject_1',['m_object',['../structkelm_1_1CVMDKReverseIncrementalWriter_1_1PostponedGrain.html#ad2a8ac83aa4fec966ed37cc0c740487a',1,'kelm::CVMDKReverseIncrementalWriter::PostponedGrain']]],
+  ['m_5fsizesectors_2',['m_sizeSectors',['../classkelm_1_1CVMDKDisk_1_1CExtentKey.html#aa9b2a80aa37152f1fc2828343c02854b',1,'kelm::CVMDKDisk::CExtentKey']]],
+  ['m_5fstartgrainindex_3',['m_startGrainIndex',['../classkelm_1_1CVMDKDisk_1_1CExtentValue.html#a6e2aede860549ce39e56088c8f29e73d',1,'kelm::CVMDKDisk::CExtentValue']]],
+  ['m_5fstartsector_4',['m_startSector',['../classkelm_1_1CVMDKDisk_1_1CExtentKey.html#ad9384d7d6847bf545b526f60bd425032',1,'kelm::CVMDKDisk::CExtentKey']]],
+  ['m_5ftext_5',['m_text',['../classyx_1_1CStringFormatBase.html#aa39da636ecded7ded3e16e60c2707909',1,'yx::CStringFormatBase']]],
+  ['m_5furi_6',['m_uri',['../classkelm_1_1CVMDKDisk_1_1CExtentValue.html#a36f956ff3079f28d90fff2a93790be23',1,'kelm::CVMDKDisk::CExtentValue']]],
+  ['m_5fvalue1_7',['m_value1',['../structkelm_1_1CVMDKReverseIncrementalWriter_1_1PostponedGrain.html#ad937d87105fbbcb212fb8d8c6c7a2dab',1,'kelm::CVMDKReverseIncrementalWriter::PostponedGrain']]],
+  ['m_5fvalue2_8',['m_value2',['../structkelm_1_1CVMDKReverseIncrementalWriter_1_1PostponedGrain.html#a70adf766816ba9959e7409abd1bf4c03',1,'kelm::CVMDKReverseIncrementalWriter::PostponedGrain']]],
+  ['mainfile_9',['mainFile',['../structkelm_1_1host_1_1DescriptorFile.html#a7dd1fa5608d2c195b1c56cab3c620bd3',1,'kelm::host::DescriptorFile::mainFile()'],['../structkelm_1_1host_1_1ParentsRoom_1_1NewDiskPlace.html#a14263968b3377586a966d3c8d1c00da1',1,'kelm::host::ParentsRoom::NewDiskPlace::mainFile()'],['../structkelm_1_1host_1_1ChainMember.html#a2c1c35841061435b8c3c37359a26698a',1,'kelm::host::ChainMember::mainFile()'],['../structkelm_1_1host_1_1BackupDisk.html#a45a7fcc756986b82a9bc21cc2d7e061c',1,'kelm::host::BackupDisk::mainFile()']]],
+  ['mainidentity_10',['mainIdentity',['../structkelm_1_1host_1_1DiskNote.html#ad629da93a3c2ef9dddfc4d4bffa6c41f',1,'kelm::host::DiskNote']]],
+  ['maybeshorter_11',['mayBeShorter',['../structkelm_1_1host_1_1ImageLength.html#a534b41358e242808e0cf7c83cc2105df',1,'kelm::host::ImageLength']]],
+  ['maydropzeros_12',['mayDropZeros',['../structkelm_1_1host_1_1ExtentToCompact.html#af419ee3ebe82a1f49d8dd95ffa18cebf',1,'kelm::host::ExtentToCompact']]],
+  ['mended_13',['mended',['../structkelm_1_1host_1_1ExtentRepair.html#a836a300cddb50a8040caff03a40a9060',1,'kelm::host::ExtentRepair::mended()'],['../structkelm_1_1host_1_1FileRepair.html#a161e697981c3a5df16c3153754916236',1,'kelm::host::FileRepair::mended()']]],
+  ['message_14',['message',['../structyx_1_1LogEntry.html#add452b592b27270771e42683fad24cc1',1,'yx::LogEntry']]],
+  ['meter_15',['meter',['../structkelm_1_1host_1_1WorkOptions.html#a19500bdb233566c4074b2690f40555dd',1,'kelm::host::WorkOptions']]],
+  ['monthly_16',['monthly',['../structkelm_1_1host_1_1RetentionRules.html#a87fbe6e14f306010727b2c247f13e884',1,'kelm::host::RetentionRules']]]
+];
