@@ -119,8 +119,8 @@ TEST_F(Interruption, LongWorkOnAHugeDiskEndsAtOnce) {
     // So large that no machine is through before the signal comes.
     runWell({"create", "disk.vmdk", "--size", "8T", "--split", "20G", "--on-demand",
              "--allow-oversize"});
-    runWell({"child", "disk.vmdk", "child.vmdk", "--split", "20G", "--on-demand",
-             "--allow-oversize"});
+    runWell(
+        {"child", "disk.vmdk", "child.vmdk", "--split", "20G", "--on-demand", "--allow-oversize"});
     std::set<std::string> const before = listFiles();
     for (Arguments const& arguments :
          {Arguments{"map", "child.vmdk"}, Arguments{"compare", "disk.vmdk", "disk.vmdk"},
