@@ -110,7 +110,8 @@ void DiskDrop::fillChild(yx::CURI const& child) const {
                                                  : GrainSet(disk->getGrainCount());
     GrainSet const grains = swap.findByTables(m_options.work.cancel);
     if (!grains.isEmpty())
-        holdGrainsWithDigests(m_fileSystem.get(), *disk, grains, m_options.work);
+        holdGrainsWithDigests(m_fileSystem.get(), *disk, m_options.password, grains,
+                              m_options.work);
     if (m_options.verify)
         swap.verifyReadsAsBefore(heldBefore, m_options.work);
 }

@@ -126,7 +126,7 @@ __int64 rebaseDisk(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI co
         room.add(*disk, grains, options.work.cancel);
         room.verify();
         if (!grains.isEmpty())
-            holdGrainsWithDigests(fileSystem, *disk, grains, options.work);
+            holdGrainsWithDigests(fileSystem, *disk, options.password, grains, options.work);
         copiedBytes = countBytes(*disk, grains);
     }
     relinkDisk(fileSystem, steps, child, *oldChain.front(), newChain.front().get());

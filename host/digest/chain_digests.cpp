@@ -61,6 +61,14 @@ ChainDigests::Grain const& ChainDigests::find(__int64 grainIndex) {
     return m_section[static_cast<std::size_t>(grainIndex % DigestHeader::kSectionGrains)];
 }
 
+std::optional<Digest> ChainDigests::findPlain(__int64 grainIndex) {
+    Grain const& grain = find(grainIndex);
+    if (!grain.isKnown || grain.parent < 0 ||
+        m_parents[static_cast<std::size_t>(grain.parent)].keys.isKeyed)
+        return std::nullopt;
+    return grain.digest;
+}
+
 void ChainDigests::loadSection(__int64 number) {
     m_sectionNumber = number;
     m_section.assign(DigestHeader::kSectionGrains, Grain());

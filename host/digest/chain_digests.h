@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "host/digest/disk_digests.h"
@@ -38,6 +39,11 @@ public:
     /// Looks a grain up. Fastest for indexes that rise. What a digest file says that is damaged there
     /// is logged as a warning, for each 16384 grains, and the grain is not known.
     Grain const& find(__int64 grainIndex);
+
+    /// The digest of what a grain reads as without a child that is not encrypted, which serves that
+    /// child too. Nothing where no parent holds the grain, where the digests of the one that does
+    /// have a key, or where it is not known.
+    std::optional<Digest> findPlain(__int64 grainIndex);
 
     /// New hashers for one thread, one for each parent by its place in the chain.
     std::vector<std::unique_ptr<GrainHasher>> makeHashers() const;

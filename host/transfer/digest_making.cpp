@@ -19,8 +19,9 @@ DigestMaking::DigestMaking(yx::IFileSystem* fileSystem, SafeDisk& disk)
       m_keys(disk.getDisk()),
       m_writer(fileSystem, digestFileOf(disk.getDisk().getMainFileURI()), m_keys) {}
 
-void DigestMaking::keep(DigestFile& former) {
+void DigestMaking::keep(DigestFile& former, ChainDigests* parents) {
     m_former = &former;
+    m_parents = parents;
 }
 
 void DigestMaking::add(__int64 grainIndex, Digest const& digest) {
@@ -62,15 +63,19 @@ void DigestMaking::addRest(WorkOptions const& options) {
 }
 
 void DigestMaking::fill(GrainItem& item, Unpreparer& unpreparer) {
-    item.hasDigest = false;
-    if (m_former) {
-        if (std::optional<Digest> const digest = m_former->find(item.grainIndex)) {
-            item.digest = *digest;
-            item.hasDigest = true;
-            return;
-        }
-    }
-    unpreparer.read(item);
+    std::optional<Digest> const kept = findKept(item.grainIndex);
+    item.hasDigest = kept.has_value();
+    if (kept)
+        item.digest = *kept;
+    else
+        unpreparer.read(item);
+}
+
+std::optional<Digest> DigestMaking::findKept(__int64 grainIndex) {
+    if (!m_former)
+        return std::nullopt;
+    std::optional<Digest> const own = m_former->find(grainIndex);
+    return own || !m_parents ? own : m_parents->findPlain(grainIndex);
 }
 
 void DigestMaking::finish(__int64 imageSizeBytes, WorkOptions const& options) {

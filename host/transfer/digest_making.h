@@ -3,6 +3,7 @@
 #include <optional>
 #include <utility>
 
+#include "host/digest/chain_digests.h"
 #include "host/digest/digest_file.h"
 #include "host/digest/digest_file_writer.h"
 #include "host/disk/safe_disk.h"
@@ -37,8 +38,9 @@ public:
     /// Takes what `former` has, which are the digests of what the disk still holds, instead of
     /// reading those grains again: reading would give a grain that was damaged since a digest that
     /// fits it. The digest of the image is taken too. `former` must outlive the object; for a disk
-    /// that reads as it did, but may hold more of it.
-    void keep(DigestFile& former);
+    /// that reads as it did, but may hold more of it. The digests of that are taken from `parents`,
+    /// which may be null, for the same reason; they too must outlive the object.
+    void keep(DigestFile& former, ChainDigests* parents);
 
     /// The digest of a grain that the disk holds now. Indexes rise from call to call, and no grain
     /// but the last one is changed after its call, nor one that was passed over and lies before.
@@ -53,9 +55,11 @@ public:
 private:
     void addRest(WorkOptions const& options);
     void fill(GrainItem& item, Unpreparer& unpreparer);
+    std::optional<Digest> findKept(__int64 grainIndex);
 
     SafeDisk& m_disk;
     DigestFile* m_former = nullptr;
+    ChainDigests* m_parents = nullptr;
     DigestKeys m_keys;
     DigestFileWriter m_writer;
     std::optional<ImageHasher> m_image;

@@ -6,7 +6,7 @@
 
 namespace kelm::host {
 
-KeptDigests::KeptDigests(yx::IFileSystem* fileSystem, SafeDisk& disk)
+KeptDigests::KeptDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, yx::String const& password)
     : m_fileSystem(fileSystem), m_disk(disk) {
     try {
         m_former = DiskDigests::open(fileSystem, disk);
@@ -15,19 +15,21 @@ KeptDigests::KeptDigests(yx::IFileSystem* fileSystem, SafeDisk& disk)
         yx::logWarning(error, "Cannot read the digests of the disk, which has none from now on.",
                        "");
     }
+    if (m_former.areUpToDate() && !disk.getDisk().isEncrypted())
+        m_parents = ChainDigests::open(fileSystem, disk, password);
 }
 
 void KeptDigests::finish(WorkOptions const& options) {
     if (!m_former.areUpToDate())
         return;
     DigestMaking digests(m_fileSystem.get(), m_disk);
-    digests.keep(*m_former.file);
+    digests.keep(*m_former.file, m_parents.get());
     digests.finish(m_former.file->getHeader().imageSizeBytes, options);
 }
 
-void holdGrainsWithDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, GrainSet const& grains,
-                           WorkOptions const& options) {
-    KeptDigests digests(fileSystem, disk);
+void holdGrainsWithDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, yx::String const& password,
+                           GrainSet const& grains, WorkOptions const& options) {
+    KeptDigests digests(fileSystem, disk, password);
     holdGrains(disk, grains, options);
     WorkOptions quiet = options;
     quiet.progress = {};

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <memory>
+
+#include "host/digest/chain_digests.h"
 #include "host/digest/disk_digests.h"
 #include "host/disk/safe_disk.h"
 #include "host/system/work_options.h"
@@ -13,10 +16,13 @@ class KeptDigests {
 public:
     /// Before the work. Digests that are missing or out of date are none to keep, nor are those that
     /// cannot be read, of which it warns. `disk`, opened in `fileSystem`, must outlive the object.
-    KeptDigests(yx::IFileSystem* fileSystem, SafeDisk& disk);
+    /// Of a disk that is not encrypted, the parents stay open for their digests, with `password`;
+    /// other errors are those of `ChainDigests::open`.
+    KeptDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, yx::String const& password);
 
     /// After the work: makes them anew. The digests of what the disk held before are taken from the
-    /// old ones, and the grains that it got are read. Errors are those of `DigestMaking::finish` and of
+    /// old ones, and those of what it got from its parents', so that a grain that was damaged before
+    /// it was copied is still found. Where those tell nothing, grains are read. Errors are those of `DigestMaking::finish` and of
     /// `DigestFile::find`, and leave the disk without digests.
     void finish(WorkOptions const& options);
 
@@ -26,10 +32,11 @@ private:
 
     /// The file is open, and so can be read when it is gone.
     DiskDigests m_former;
+    std::unique_ptr<ChainDigests> m_parents;
 };
 
-/// As `holdGrains`, with the digests of the disk kept.
-void holdGrainsWithDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, GrainSet const& grains,
-                           WorkOptions const& options);
+/// As `holdGrains`, with the digests of the disk kept, as `KeptDigests` does.
+void holdGrainsWithDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, yx::String const& password,
+                           GrainSet const& grains, WorkOptions const& options);
 
 } // namespace kelm::host

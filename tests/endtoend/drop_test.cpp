@@ -159,6 +159,23 @@ TEST_F(DropWords, SayWhatHappened) {
     EXPECT_EQ("", runWell({"check", "mon.vmdk", "--digests"}));
 }
 
+TEST_F(DropWords, DoNotMakeDamageSound) {
+    writeFile("image", makeImage(std::size_t{8} << 20, 1));
+    runWell({"import", "image", "full.vmdk"});
+    runWell({"child", "full.vmdk", "mon.vmdk"});
+    runWell({"digest", "mon.vmdk"});
+    // Nothing else tells of a plain grain that it has rotted.
+    std::string const whole = readFile("full.vmdk");
+    std::size_t const place = whole.size() - 1000;
+    patchFile("full.vmdk", place, std::string(1, static_cast<char>(~whole[place])));
+    Outcome const before = run({"check", "mon.vmdk"});
+    EXPECT_EQ(before.status, 1);
+    runWell({"drop", "full.vmdk"});
+    Outcome const after = run({"check", "mon.vmdk"});
+    EXPECT_EQ(after.status, 1);
+    EXPECT_NE(after.out.find("digest"), std::string::npos) << after.out;
+}
+
 TEST_F(DropWords, WarnOfDigestsThatCannotBeKept) {
     writeFile("image", makeImage(std::size_t{8} << 20, 1));
     writeFile("later", makeImage(std::size_t{8} << 20, 2));

@@ -28,7 +28,7 @@ void flattenDisk(Invocation& invocation, std::string const& file, PasswordOption
     // An attempt that was killed may have copied grains that no table names.
     std::unique_ptr<host::SafeDisk> const disk =
         openToGoOn(invocation, [&] { return openChild(invocation, file, passwords); });
-    host::KeptDigests digests(invocation.getFiles(), *disk);
+    host::KeptDigests digests(invocation.getFiles(), *disk, usedPassword(invocation, passwords));
     LongWork const work(invocation, "flatten");
     host::makeIndependentOfParent(*disk, work.getOptions());
     host::dropParentLink(*disk);

@@ -233,7 +233,7 @@ TEST_F(DigestMakingTest, KeepsWhatAFormerFileHas) {
     files->putFile(uriOf("disk.vmdk"), toBuffer(file));
     std::unique_ptr<SafeDisk> const disk = openSafe();
     DigestMaking making(files.get(), *disk);
-    making.keep(*former);
+    making.keep(*former, nullptr);
     making.finish(1200000, {});
     DiskDigests const digests = DiskDigests::open(files.get(), *disk);
     ASSERT_TRUE(digests.areUpToDate());
