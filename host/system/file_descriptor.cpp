@@ -33,6 +33,9 @@ void waitUntilReady(int fileDescriptor, short events, CancelFlag const* cancel) 
         if (cancel)
             cancel->check();
     } while (::poll(&entry, 1, kLookIntervalMilliseconds) <= 0);
+    // What is ready may be the end, which came behind the signal.
+    if (cancel)
+        cancel->check();
 }
 
 FileDescriptor openForReading(std::string const& path) {

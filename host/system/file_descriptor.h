@@ -47,8 +47,9 @@ private:
     bool m_owned = false;
 };
 
-/// Waits until one of `events` of `poll` has occurred, or throws `CancelledError`. A flag that is
-/// set just before the wait begins is noticed a little later. Without a flag, waits for ever.
+/// Waits until one of `events` of `poll` has occurred, or throws `CancelledError`, also where the
+/// flag was set before the event occurred. A flag that is set just before the wait begins is noticed
+/// a little later. Without a flag, waits for ever.
 void waitUntilReady(int fileDescriptor, short events, CancelFlag const* cancel);
 
 /// Opens a file for reading. Does not wait for the writer of a named pipe: call `waitUntilReady`
