@@ -22,7 +22,8 @@ class GrainConversion {
 public:
     GrainConversion(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
                     DigestMaking* digests)
-        : m_bothAreCompressed(from.getDisk().getCompressed() && to.getDisk().getCompressed()),
+        : m_grainSizeBytes(static_cast<int>(to.getGrainSizeBytes())),
+          m_bothAreCompressed(from.getDisk().getCompressed() && to.getDisk().getCompressed()),
           m_unpreparer(from, threads),
           m_preparers(to, threads),
           m_cipher(to, threads) {
@@ -72,15 +73,22 @@ private:
             return;
         if (m_hashers)
             hash(item, *plain, worker);
-        item.result = item.resultIsPlain ? plain
-                                         : m_preparers.of(worker).prepareGrainData(
-                                               plain.get(), item.grainIndex, item.aux2.get());
+        item.result = item.resultIsPlain ? plain : prepare(item, *plain, worker);
+    }
+
+    /// A disk that ends within a grain gives less than the target is to hold.
+    yx::P<GrainItem::Buffer> prepare(GrainItem& item, GrainItem::Buffer& plain, int worker) {
+        int const usedBytes = plain.getUsed();
+        plain.setUsed(m_grainSizeBytes);
+        fillWithZeros(plain, usedBytes, m_grainSizeBytes);
+        return m_preparers.of(worker).prepareGrainData(&plain, item.grainIndex, item.aux2.get());
     }
 
     void hash(GrainItem& item, GrainItem::Buffer const& plain, int worker) {
         item.digest = m_hashers->hash(item.grainIndex, plain, worker);
     }
 
+    int m_grainSizeBytes;
     bool m_bothAreCompressed;
     std::optional<RecordVerifier> m_verifier;
     Unpreparer m_unpreparer;

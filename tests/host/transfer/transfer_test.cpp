@@ -199,11 +199,21 @@ TEST_F(Transfer, DiskThatEndsWithinAGrainIsConverted) {
     putShortChild();
     Bytes const expected = slice(pattern(3 * 65536, 1), 0, 300 * 512);
     EXPECT_TRUE(sameBytes(expected, exportImage(*openSafe("child.vmdk", kReadOnly))));
-    for (bool const compressed : {false, true}) {
-        std::string const name = compressed ? "c.vmdk" : "p.vmdk";
-        convertDisk(*openSafe("child.vmdk", kReadOnly), *createSafe({"", compressed}, name),
-                    options);
-        EXPECT_TRUE(sameBytes(padded(expected, kSmallestDiskBytes), contentAfterReopening(name)));
+    for (DiskKind const& kind : allDiskKinds()) {
+        SCOPED_TRACE(kind.name);
+        std::string const name = std::string(kind.name) + ".vmdk";
+        convertDisk(*openSafe("child.vmdk", kReadOnly), *createSafe(kind, name), options);
+        EXPECT_TRUE(sameBytes(padded(expected, kSmallestDiskBytes),
+                              contentAfterReopening(name, kind.password)));
+        std::string const importedName = "imported-" + name;
+        importImage(expected, *createSafe(kind, importedName));
+        Buffer imported;
+        Buffer converted;
+        std::unique_ptr<SafeDisk> const disk = openSafe(name, kReadOnly, kind.password);
+        ASSERT_EQ(
+            openSafe(importedName, kReadOnly, kind.password)->tryReadPreparedGrain(2, imported),
+            disk->tryReadPreparedGrain(2, converted));
+        EXPECT_TRUE(sameBytes(imported, converted));
     }
 }
 
