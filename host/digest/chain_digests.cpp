@@ -25,31 +25,49 @@ bool hasWholeGrains(SafeDisk& disk, __int64 grainSizeBytes) {
 
 std::unique_ptr<ChainDigests> ChainDigests::open(yx::IFileSystem* fileSystem, SafeDisk& child,
                                                  yx::String const& password) {
+    std::unique_ptr<ChainDigests> chain = openSome(fileSystem, child, password);
+    return chain && chain->m_isWhole ? std::move(chain) : nullptr;
+}
+
+std::unique_ptr<ChainDigests> ChainDigests::openSome(yx::IFileSystem* fileSystem, SafeDisk& child,
+                                                     yx::String const& password) {
     if (!child.hasParent() || !hasWholeGrains(child, child.getGrainSizeBytes()))
         return nullptr;
     std::unique_ptr<ChainDigests> chain(new ChainDigests);
-    for (std::unique_ptr<SafeDisk>& parent : openParents(fileSystem, child, password)) {
-        if (!chain->tryAdd(fileSystem, std::move(parent), child.getGrainSizeBytes()))
-            return nullptr;
-    }
+    chain->m_isWhole = chain->tryAddParents(fileSystem, child, password);
+    return chain->m_members.empty() ? nullptr : std::move(chain);
+}
+
+std::unique_ptr<ChainDigests> ChainDigests::openOfDisk(yx::IFileSystem* fileSystem, SafeDisk& disk,
+                                                       yx::String const& password) {
+    std::unique_ptr<ChainDigests> chain(new ChainDigests);
+    if (!chain->tryAdd(fileSystem, disk, disk.getGrainSizeBytes()))
+        return nullptr;
+    chain->m_isWhole = !disk.hasParent() || chain->tryAddParents(fileSystem, disk, password);
     return chain;
 }
 
-bool ChainDigests::tryAdd(yx::IFileSystem* fileSystem, std::unique_ptr<SafeDisk> parent,
-                          __int64 grainSizeBytes) {
-    if (!hasWholeGrains(*parent, grainSizeBytes))
+bool ChainDigests::tryAddParents(yx::IFileSystem* fileSystem, SafeDisk& child,
+                                 yx::String const& password) {
+    m_openParents = openParents(fileSystem, child, password);
+    return std::all_of(m_openParents.begin(), m_openParents.end(), [&](auto const& parent) {
+        return tryAdd(fileSystem, *parent, child.getGrainSizeBytes());
+    });
+}
+
+bool ChainDigests::tryAdd(yx::IFileSystem* fileSystem, SafeDisk& disk, __int64 grainSizeBytes) {
+    if (!hasWholeGrains(disk, grainSizeBytes))
         return false;
     DiskDigests digests;
     try {
-        digests = DiskDigests::open(fileSystem, *parent);
+        digests = DiskDigests::open(fileSystem, disk);
     } catch (yx::CIOError const& error) {
-        yx::logWarning(error, "The digests of a parent cannot be used.", "");
+        yx::logWarning(error, "The digests of a disk cannot be used.", "");
         return false;
     }
     if (!digests.areUpToDate() || digests.file->getHeader().grainSizeBytes != grainSizeBytes)
         return false;
-    DigestKeys const keys(parent->getDisk());
-    m_parents.push_back({std::move(parent), keys, std::move(digests.file)});
+    m_members.push_back({DigestKeys(disk.getDisk()), std::move(digests.file)});
     return true;
 }
 
@@ -63,45 +81,45 @@ ChainDigests::Grain const& ChainDigests::find(__int64 grainIndex) {
 
 std::optional<Digest> ChainDigests::findPlain(__int64 grainIndex) {
     Grain const& grain = find(grainIndex);
-    if (!grain.isKnown || grain.parent < 0 ||
-        m_parents[static_cast<std::size_t>(grain.parent)].keys.isKeyed)
+    if (!grain.isKnown || grain.holder < 0 || !arePlain(grain.holder))
         return std::nullopt;
     return grain.digest;
 }
 
 void ChainDigests::loadSection(__int64 number) {
     m_sectionNumber = number;
-    m_section.assign(DigestHeader::kSectionGrains, Grain());
+    Grain unknown;
+    unknown.isKnown = false;
+    m_section.assign(DigestHeader::kSectionGrains, m_isWhole ? Grain() : unknown);
     try {
-        for (std::size_t parent = 0; parent < m_parents.size(); ++parent)
-            mergeSection(parent, number);
+        for (std::size_t place = 0; place < m_members.size(); ++place)
+            mergeSection(place, number);
     } catch (yx::CIOError const& error) {
-        yx::logWarning(error, "A part of the digests of a parent cannot be used.", "");
-        Grain unknown;
-        unknown.isKnown = false;
+        yx::logWarning(error, "A part of the digests of a disk cannot be used.", "");
         m_section.assign(DigestHeader::kSectionGrains, unknown);
     }
 }
 
-/// Adds what a parent has and none that is nearer.
-void ChainDigests::mergeSection(std::size_t parent, __int64 number) {
+/// Adds what a disk has and none that is nearer.
+void ChainDigests::mergeSection(std::size_t place, __int64 number) {
     __int64 const first = number * DigestHeader::kSectionGrains;
     __int64 const end = first + DigestHeader::kSectionGrains;
-    DigestFile& digests = *m_parents[parent].digests;
+    DigestFile& digests = *m_members[place].digests;
     for (__int64 index = digests.findNext(first); index >= 0 && index < end;
          index = digests.findNext(index + 1)) {
         Grain& grain = m_section[static_cast<std::size_t>(index - first)];
-        if (grain.parent != -1)
+        if (grain.holder != -1)
             continue;
-        grain.parent = static_cast<int>(parent);
+        grain.holder = static_cast<int>(place);
+        grain.isKnown = true;
         grain.digest = *digests.find(index);
     }
 }
 
 std::vector<std::unique_ptr<GrainHasher>> ChainDigests::makeHashers() const {
     std::vector<std::unique_ptr<GrainHasher>> hashers;
-    for (Parent const& parent : m_parents)
-        hashers.push_back(std::make_unique<GrainHasher>(parent.keys));
+    for (Member const& member : m_members)
+        hashers.push_back(std::make_unique<GrainHasher>(member.keys));
     return hashers;
 }
 

@@ -8,20 +8,22 @@
 
 namespace kelm::host {
 
-/// The digests of what a child disk gets from its parents, merged from their digest files: what an
-/// image is compared with that is to become the child, without a look at the data of the parents.
+/// The digests of what a disk reads as, or of what a child disk gets from its parents, merged from
+/// their digest files: what an image is compared with that is to become the child, without a look
+/// at the data of the parents, and what is copied is compared with.
 /// Takes 36 bytes for each of 16384 grains, whatever the size and the number of the disks.
 class ChainDigests {
 public:
     /// What a grain reads as without the child.
     struct Grain {
-        /// The parent that holds it, by its place in the chain; -1 if none does: it is zeros.
-        int parent = -1;
+        /// The disk that holds it, by its place among those that are merged; -1 if none does: it is
+        /// zeros.
+        int holder = -1;
 
         /// Whether that is known, which it is not in a damaged part of a digest file.
         bool isKnown = true;
 
-        /// Its digest under that parent's keys.
+        /// Its digest under that disk's keys.
         Digest digest{};
     };
 
@@ -32,6 +34,15 @@ public:
     static std::unique_ptr<ChainDigests> open(yx::IFileSystem* fileSystem, SafeDisk& child,
                                               yx::String const& password);
 
+    /// The same for what may be merged in part: those of the parents up to the first one that has
+    /// none. What no disk before that one holds is not known. Null if the first has none.
+    static std::unique_ptr<ChainDigests> openSome(yx::IFileSystem* fileSystem, SafeDisk& child,
+                                                  yx::String const& password);
+
+    /// The same for `disk`, which comes first, and its parents. `disk` must outlive the object.
+    static std::unique_ptr<ChainDigests> openOfDisk(yx::IFileSystem* fileSystem, SafeDisk& disk,
+                                                    yx::String const& password);
+
     ChainDigests(ChainDigests const&) = delete;
     ChainDigests& operator=(ChainDigests const&) = delete;
     ~ChainDigests() = default;
@@ -40,30 +51,39 @@ public:
     /// is logged as a warning, for each 16384 grains, and the grain is not known.
     Grain const& find(__int64 grainIndex);
 
-    /// The digest of what a grain reads as without a child that is not encrypted, which serves that
-    /// child too. Nothing where no parent holds the grain, where the digests of the one that does
-    /// have a key, or where it is not known.
+    /// The digest of a grain that serves a disk that is not encrypted too. Nothing where no disk
+    /// holds the grain, where the digests of the one that does have a key, or where it is not known.
     std::optional<Digest> findPlain(__int64 grainIndex);
 
-    /// New hashers for one thread, one for each parent by its place in the chain.
+    /// Whether the digests of a holder are plain ones, which serve every disk that is not encrypted.
+    bool arePlain(int holder) const { return !m_members[placeOf(holder)].keys.isKeyed; }
+
+    /// New hashers for one thread, one for each disk by its place.
     std::vector<std::unique_ptr<GrainHasher>> makeHashers() const;
 
 private:
     ChainDigests() = default;
 
-    bool tryAdd(yx::IFileSystem* fileSystem, std::unique_ptr<SafeDisk> parent,
-                __int64 grainSizeBytes);
-    void loadSection(__int64 number);
-    void mergeSection(std::size_t parent, __int64 number);
+    static std::size_t placeOf(int holder) { return static_cast<std::size_t>(holder); }
 
-    struct Parent {
-        std::unique_ptr<SafeDisk> disk;
+    bool tryAdd(yx::IFileSystem* fileSystem, SafeDisk& disk, __int64 grainSizeBytes);
+    bool tryAddParents(yx::IFileSystem* fileSystem, SafeDisk& child, yx::String const& password);
+    void loadSection(__int64 number);
+    void mergeSection(std::size_t place, __int64 number);
+
+    struct Member {
         DigestKeys keys;
         std::unique_ptr<DigestFile> digests;
     };
 
     /// The nearest first.
-    std::vector<Parent> m_parents;
+    std::vector<Member> m_members;
+
+    /// Nobody changes them meanwhile.
+    std::vector<std::unique_ptr<SafeDisk>> m_openParents;
+
+    /// Whether no disk is left out.
+    bool m_isWhole = true;
 
     /// The grains of one section; -1 for none.
     __int64 m_sectionNumber = -1;

@@ -28,6 +28,15 @@ void ParentIndependence::holdGrain(__int64 grainIndex) {
         copyGrain(grainIndex);
 }
 
+void ParentIndependence::holdPreparedGrain(__int64 grainIndex,
+                                           yx::TBuffer<unsigned char>& prepared) {
+    flushUnwrittenChanges();
+    if (m_reading.isGrainWrittenHere(grainIndex))
+        return;
+    m_writing.reserveRoom(grainIndex * m_layout.getGrainSizeBytes(), m_layout.getGrainSizeBytes());
+    storePrepared(grainIndex, prepared);
+}
+
 void ParentIndependence::flushUnwrittenChanges() {
     if (m_writing.hasUnflushedWrites())
         m_writing.flush();
@@ -51,9 +60,13 @@ bool ParentIndependence::tryCopyPrepared(__int64 grainIndex) {
     // without its padding.
     if (!m_preparedReading.tryRead(grainIndex, m_grain))
         return false;
-    m_preparer->patchGrainIndexInPreparedGrainData(m_grain, grainIndex);
-    m_writing.writePrepared(grainIndex, m_grain, DiskWriting::Content::Stays);
+    storePrepared(grainIndex, m_grain);
     return true;
+}
+
+void ParentIndependence::storePrepared(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared) {
+    m_preparer->patchGrainIndexInPreparedGrainData(prepared, grainIndex);
+    m_writing.writePrepared(grainIndex, prepared, DiskWriting::Content::Stays);
 }
 
 void ParentIndependence::copyPlain(__int64 positionBytes, int bytes) {

@@ -26,10 +26,15 @@ public:
     /// the chain is stored as zeros.
     void holdGrain(__int64 grainIndex);
 
+    /// The same for a grain that has been read by `PreparedReading::tryRead` since it last changed.
+    /// `prepared` is that form; the index in a record becomes that of the grain.
+    void holdPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared);
+
 private:
     void flushUnwrittenChanges();
     void copyGrain(__int64 grainIndex);
     bool tryCopyPrepared(__int64 grainIndex);
+    void storePrepared(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared);
     void copyPlain(__int64 positionBytes, int bytes);
 
     DiskLayout const& m_layout;

@@ -278,4 +278,9 @@ void SafeDisk::holdGrain(__int64 grainIndex) {
         m_independence.holdGrain(grainIndex);
 }
 
+void SafeDisk::holdPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared) {
+    if (m_hasParent)
+        m_independence.holdPreparedGrain(grainIndex, prepared);
+}
+
 } // namespace kelm::host

@@ -8,6 +8,7 @@
 #include "host/transfer/digest_hashers.h"
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
+#include "host/transfer/known_digests.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/transfer_progress.h"
 #include "host/transfer/unpreparer.h"
@@ -36,9 +37,15 @@ void DigestMaking::addRest(WorkOptions const& options) {
     TransferProgress progress(options, m_disk.getSizeBytes());
     Unpreparer unpreparer(m_disk, threads);
     DigestHashers hashers(m_keys, m_disk, threads);
+    KnownDigests known(m_parents, m_disk, threads);
     GrainPipeline pipeline(threads, m_disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
-        if (!item.hasDigest)
-            item.digest = hashers.hash(item.grainIndex, *unpreparer.getPlain(item, worker), worker);
+        if (item.hasDigest)
+            return;
+        yx::P<GrainItem::Buffer> const plain = unpreparer.getPlain(item, worker);
+        item.digest = hashers.hash(item.grainIndex, *plain, worker);
+        // A digest that no content has: the copy of what was damaged is found damaged too.
+        if (known.isDamaged(item, *plain, m_keys.isKeyed, worker))
+            item.digest.back() ^= 0xff;
     });
     pipeline.run(
         [&](GrainItem& item) {
@@ -49,7 +56,7 @@ void DigestMaking::addRest(WorkOptions const& options) {
             if (next == m_disk.getGrainCount())
                 return false;
             item.grainIndex = next++;
-            fill(item, unpreparer);
+            fill(item, unpreparer, known);
             if (!item.hasDigest)
                 progress.addRead(item.input->getUsed());
             return true;
@@ -62,20 +69,22 @@ void DigestMaking::addRest(WorkOptions const& options) {
     progress.finish(m_disk.getSizeBytes());
 }
 
-void DigestMaking::fill(GrainItem& item, Unpreparer& unpreparer) {
+void DigestMaking::fill(GrainItem& item, Unpreparer& unpreparer, KnownDigests& known) {
     std::optional<Digest> const kept = findKept(item.grainIndex);
     item.hasDigest = kept.has_value();
-    if (kept)
+    if (kept) {
         item.digest = *kept;
-    else
-        unpreparer.read(item);
+        return;
+    }
+    unpreparer.read(item);
+    known.find(item);
 }
 
 std::optional<Digest> DigestMaking::findKept(__int64 grainIndex) {
     if (!m_former)
         return std::nullopt;
     std::optional<Digest> const own = m_former->find(grainIndex);
-    return own || !m_parents ? own : m_parents->findPlain(grainIndex);
+    return own || !m_parents || m_keys.isKeyed ? own : m_parents->findPlain(grainIndex);
 }
 
 void DigestMaking::finish(__int64 imageSizeBytes, WorkOptions const& options) {

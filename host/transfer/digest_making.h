@@ -10,6 +10,7 @@
 #include "host/system/work_options.h"
 #include "host/transfer/grain_item.h"
 #include "host/transfer/image_hasher.h"
+#include "host/transfer/known_digests.h"
 #include "host/transfer/unpreparer.h"
 
 namespace kelm::host {
@@ -39,7 +40,8 @@ public:
     /// reading those grains again: reading would give a grain that was damaged since a digest that
     /// fits it. The digest of the image is taken too. `former` must outlive the object; for a disk
     /// that reads as it did, but may hold more of it. The digests of that are taken from `parents`,
-    /// which may be null, for the same reason; they too must outlive the object.
+    /// which may be null, for the same reason, or what is read is compared with them where disks
+    /// have keys; they too must outlive the object.
     void keep(DigestFile& former, ChainDigests* parents);
 
     /// The digest of a grain that the disk holds now. Indexes rise from call to call, and no grain
@@ -54,7 +56,7 @@ public:
 
 private:
     void addRest(WorkOptions const& options);
-    void fill(GrainItem& item, Unpreparer& unpreparer);
+    void fill(GrainItem& item, Unpreparer& unpreparer, KnownDigests& known);
     std::optional<Digest> findKept(__int64 grainIndex);
 
     SafeDisk& m_disk;

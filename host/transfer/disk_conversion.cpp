@@ -6,6 +6,7 @@
 #include "host/transfer/digest_hashers.h"
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
+#include "host/transfer/known_digests.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/result_cipher.h"
 #include "host/transfer/unpreparer.h"
@@ -21,21 +22,28 @@ namespace {
 class GrainConversion {
 public:
     GrainConversion(SafeDisk& from, SafeDisk& to, RecordCheck check, int threads,
-                    DigestMaking* digests)
+                    ConversionDigests const& digests)
         : m_grainSizeBytes(static_cast<int>(to.getGrainSizeBytes())),
           m_bothAreCompressed(from.getDisk().getCompressed() && to.getDisk().getCompressed()),
           m_unpreparer(from, threads),
           m_preparers(to, threads),
-          m_cipher(to, threads) {
+          m_cipher(to, threads),
+          m_known(digests.made ? digests.known : nullptr, from, threads) {
         if (m_bothAreCompressed && check == RecordCheck::Decode)
             m_verifier.emplace(from, threads);
-        if (digests)
-            m_hashers.emplace(digests->getKeys(), to, threads + 1);
+        if (digests.made) {
+            m_hashers.emplace(digests.made->getKeys(), to, threads + 1);
+            m_digestsHaveKey = digests.made->getKeys().isKeyed;
+        }
         m_ownWorker = threads;
     }
 
     /// On the thread of the disks.
-    void read(GrainItem& item) { m_unpreparer.read(item); }
+    void read(GrainItem& item) {
+        item.hasDigest = false;
+        m_known.find(item);
+        m_unpreparer.read(item);
+    }
     void store(GrainItem const& item) { m_cipher.store(item); }
 
     /// On a worker thread.
@@ -59,8 +67,8 @@ private:
         if (m_verifier || m_hashers) {
             yx::P<GrainItem::Buffer> const plain =
                 m_verifier ? m_verifier->verify(item, worker) : m_unpreparer.getPlain(item, worker);
-            if (m_hashers)
-                hash(item, *plain, worker);
+            hash(item, *plain, worker);
+            m_known.verify(item, *plain, m_digestsHaveKey, worker);
         }
         // Readers ignore the index in a record, so one that was not verified may be wrong.
         m_preparers.of(worker).patchGrainIndexInPreparedGrainData(*item.input, item.grainIndex);
@@ -69,10 +77,12 @@ private:
 
     void convertContent(GrainItem& item, int worker) {
         yx::P<GrainItem::Buffer> const plain = m_unpreparer.getPlain(item, worker);
-        if (isZeroGrain(*plain))
-            return;
-        if (m_hashers)
+        bool const isZero = isZeroGrain(*plain);
+        if (!isZero)
             hash(item, *plain, worker);
+        m_known.verify(item, *plain, m_digestsHaveKey, worker);
+        if (isZero)
+            return;
         item.result = item.resultIsPlain ? plain : prepare(item, *plain, worker);
     }
 
@@ -85,7 +95,10 @@ private:
     }
 
     void hash(GrainItem& item, GrainItem::Buffer const& plain, int worker) {
+        if (!m_hashers)
+            return;
         item.digest = m_hashers->hash(item.grainIndex, plain, worker);
+        item.hasDigest = true;
     }
 
     int m_grainSizeBytes;
@@ -94,9 +107,11 @@ private:
     Unpreparer m_unpreparer;
     PreparerSet m_preparers;
     ResultCipher m_cipher;
+    KnownDigests m_known;
 
     // One more than workers, for the thread of the disks.
     std::optional<DigestHashers> m_hashers;
+    bool m_digestsHaveKey = false;
     int m_ownWorker = 0;
     GrainItem::Buffer const m_nothing;
 };
@@ -104,7 +119,7 @@ private:
 /// Between disks whose grains have one size.
 template <class Reader>
 void convertGrains(SafeDisk& from, SafeDisk& to, Reader& reader, RecordCheck check, int threads,
-                   DigestMaking* digests, TransferProgress& progress) {
+                   ConversionDigests const& digests, TransferProgress& progress) {
     assert(from.getGrainSizeBytes() == to.getGrainSizeBytes());
     GrainConversion conversion(from, to, check, threads, digests);
     GrainPipeline pipeline(threads, from.getGrainSizeBytes(),
@@ -130,10 +145,10 @@ void convertGrains(SafeDisk& from, SafeDisk& to, Reader& reader, RecordCheck che
                 storeZeroGrain(to, item.grainIndex);
             if (item.result)
                 progress.addStored(bytesInDisk(from, item.grainIndex));
-            if (item.result && digests)
-                digests->add(item.grainIndex, item.digest);
-            else if (digests && to.isGrainWrittenHere(item.grainIndex))
-                digests->add(item.grainIndex, conversion.hashZeros(item.grainIndex));
+            if (item.result && digests.made)
+                digests.made->add(item.grainIndex, item.digest);
+            else if (digests.made && to.isGrainWrittenHere(item.grainIndex))
+                digests.made->add(item.grainIndex, conversion.hashZeros(item.grainIndex));
             progress.advanceTo(item.grainIndex * from.getGrainSizeBytes());
         },
         grainPlaceOf(from));
@@ -141,11 +156,15 @@ void convertGrains(SafeDisk& from, SafeDisk& to, Reader& reader, RecordCheck che
 
 /// Between disks of different grain sizes, by plain bytes.
 template <class Reader>
-void convertBytes(SafeDisk& from, SafeDisk& to, Reader& reader, TransferProgress& progress) {
-    yx::TBuffer<unsigned char> grain;
-    __int64 grainIndex = 0;
-    while (reader.readNextPlain(grain, grainIndex)) {
-        __int64 const positionBytes = grainIndex * from.getGrainSizeBytes();
+void convertBytes(SafeDisk& from, SafeDisk& to, Reader& reader, ConversionDigests const& digests,
+                  TransferProgress& progress) {
+    KnownDigests known(digests.made ? digests.known : nullptr, from, 1);
+    GrainItem item;
+    GrainItem::Buffer& grain = *item.input;
+    while (reader.readNextPlain(grain, item.grainIndex)) {
+        known.find(item);
+        withGrainPlace(from, item.grainIndex, [&] { known.verify(item, grain, false, 0); });
+        __int64 const positionBytes = item.grainIndex * from.getGrainSizeBytes();
         assert(positionBytes + grain.getUsed() <= to.getSizeBytes());
         bool const isZero = isZeroGrain(grain);
         if (to.hasParent() || !isZero)
@@ -193,10 +212,10 @@ void verifyHasRoomFor(SafeDisk const& from, SafeDisk const& to) {
                        nullptr);
 }
 
-/// What becomes of the records, and of their digests, which may be null.
+/// What becomes of the records, and of their digests.
 struct RecordUse {
     RecordCheck check;
-    DigestMaking* digests;
+    ConversionDigests digests;
 };
 
 template <class Reader>
@@ -205,13 +224,13 @@ void convertBy(Reader& reader, SafeDisk& from, SafeDisk& to, WorkOptions const& 
     if (from.getGrainSizeBytes() == to.getGrainSizeBytes())
         convertGrains(from, to, reader, use.check, countThreads(options), use.digests, progress);
     else
-        convertBytes(from, to, reader, progress);
+        convertBytes(from, to, reader, use.digests, progress);
 }
 
 } // namespace
 
 void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options, RecordCheck check,
-                 DigestMaking* digests) {
+                 ConversionDigests const& digests) {
     verifyHasRoomFor(from, to);
     beginWholeReading(from, options.cancel);
     TransferProgress progress(options, from.getSizeBytes());
@@ -222,7 +241,8 @@ void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options, Recor
 }
 
 void convertGrainsOf(SafeDisk& from, SafeDisk& to, GrainSet const& grains,
-                     WorkOptions const& options, RecordCheck check, DigestMaking* digests) {
+                     WorkOptions const& options, RecordCheck check,
+                     ConversionDigests const& digests) {
     verifyHasRoomFor(from, to);
     beginWholeReading(from, options.cancel);
     beginWholeReading(to, options.cancel);

@@ -42,9 +42,11 @@ struct GrainItem {
     Digest digest{};
     bool hasDigest = false;
 
-    /// What the parents of the disk have there, where their digests say it, and whether the grain
-    /// is the same.
-    ChainDigests::Grain ofParents;
+    /// What digests that were made before say of the grain: those of the disk that is read, or of the
+    /// parents of the one that is filled.
+    ChainDigests::Grain ofChain;
+
+    /// Whether the grain is that of the parents.
     bool isAsParents = false;
 };
 

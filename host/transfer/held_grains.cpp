@@ -18,8 +18,20 @@ public:
     GrainCopier(SafeDisk& disk, TransferProgress& progress)
         : m_disk(disk), m_progress(progress), m_flush(disk, kFlushIntervalBytes) {}
 
+    /// Reads the grain, and stores it.
     void copy(__int64 grainIndex) {
         withGrainPlace(m_disk, grainIndex, [&] { m_disk.holdGrain(grainIndex); });
+        addCopied(grainIndex);
+    }
+
+    /// Stores a grain that has been read in prepared form.
+    void copyPrepared(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared) {
+        withGrainPlace(m_disk, grainIndex, [&] { m_disk.holdPreparedGrain(grainIndex, prepared); });
+        addCopied(grainIndex);
+    }
+
+private:
+    void addCopied(__int64 grainIndex) {
         m_flush.addGrain();
         __int64 const bytes = bytesInDisk(m_disk, grainIndex);
         m_progress.addStored(bytes);
@@ -27,7 +39,6 @@ public:
         m_progress.advanceTo(grainIndex * m_disk.getGrainSizeBytes());
     }
 
-private:
     SafeDisk& m_disk;
     TransferProgress& m_progress;
     PeriodicFlush m_flush;
@@ -63,7 +74,13 @@ void copyVerified(SafeDisk& disk, GrainSet const& grains, int threads, TransferP
             });
             return true;
         },
-        [&](GrainItem& item) { copier.copy(item.grainIndex); }, grainPlaceOf(disk));
+        [&](GrainItem& item) {
+            if (item.inputIsPrepared)
+                copier.copyPrepared(item.grainIndex, *item.input);
+            else
+                copier.copy(item.grainIndex);
+        },
+        grainPlaceOf(disk));
 }
 
 } // namespace

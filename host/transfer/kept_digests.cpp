@@ -15,8 +15,8 @@ KeptDigests::KeptDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, yx::String
         yx::logWarning(error, "Cannot read the digests of the disk, which has none from now on.",
                        "");
     }
-    if (m_former.areUpToDate() && !disk.getDisk().isEncrypted())
-        m_parents = ChainDigests::open(fileSystem, disk, password);
+    if (m_former.areUpToDate())
+        m_parents = ChainDigests::openSome(fileSystem, disk, password);
 }
 
 void KeptDigests::finish(WorkOptions const& options) {

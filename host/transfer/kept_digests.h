@@ -16,13 +16,14 @@ class KeptDigests {
 public:
     /// Before the work. Digests that are missing or out of date are none to keep, nor are those that
     /// cannot be read, of which it warns. `disk`, opened in `fileSystem`, must outlive the object.
-    /// Of a disk that is not encrypted, the parents stay open for their digests, with `password`;
-    /// other errors are those of `ChainDigests::open`.
+    /// The parents stay open for their digests, with `password`; other errors are those of
+    /// `ChainDigests::openSome`.
     KeptDigests(yx::IFileSystem* fileSystem, SafeDisk& disk, yx::String const& password);
 
     /// After the work: makes them anew. The digests of what the disk held before are taken from the
     /// old ones, and those of what it got from its parents', so that a grain that was damaged before
-    /// it was copied is still found. Where those tell nothing, grains are read. Errors are those of `DigestMaking::finish` and of
+    /// it was copied is still found. Where those tell nothing, grains are read; where they have
+    /// keys, what is read is compared with them. Errors are those of `DigestMaking::finish` and of
     /// `DigestFile::find`, and leave the disk without digests.
     void finish(WorkOptions const& options);
 

@@ -91,7 +91,8 @@ void ParentSwap::throwAt(yx::CIOError::Code code, char const* message, Part cons
 
 GrainSet ParentSwap::findByTables(CancelFlag const* cancel) {
     return chooseGrains(m_child, cancel, [&](__int64 grain) {
-        return anyPart(grain, [&](Part const& part) { return !isHeld(part) && mayDiffer(part); });
+        // Most grains of a link are not there, so one look into tables does for them.
+        return anyPart(grain, [&](Part const& part) { return mayDiffer(part) && !isHeld(part); });
     });
 }
 
@@ -100,7 +101,7 @@ GrainSet ParentSwap::findByContent(WorkOptions const& options) {
     GrainSet found = chooseGrains(m_child, nullptr, [&](__int64 grain) {
         progress.advanceTo(grain * m_child.getGrainSizeBytes());
         return anyPart(grain, [&](Part const& part) {
-            return !isHeld(part) && mayDiffer(part) && differs(part);
+            return mayDiffer(part) && !isHeld(part) && differs(part);
         });
     });
     progress.finish(m_child.getSizeBytes());

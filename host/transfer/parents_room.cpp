@@ -70,11 +70,14 @@ public:
             ++m_index;
             m_tables.reset();
         }
-        if (m_index == m_extents.size() || !m_files->fileExists(m_extents[m_index].uri))
+        if (m_index == m_extents.size())
             return 0;
         DiskExtent const& extent = m_extents[m_index];
-        if (!m_tables)
+        if (!m_tables) {
+            if (!m_files->fileExists(extent.uri))
+                return 0;
             m_tables.emplace(m_files, extent.uri);
+        }
         bool const isAlike =
             m_tables->header.isCompressed() &&
             static_cast<__int64>(m_tables->header.getGrainSizeSectors()) * kSectorSizeBytes ==

@@ -170,14 +170,14 @@ public:
     /// On a worker thread: whether the grain, which may lie in a hole, is that of the parents, as far
     /// as that is known.
     bool isAsParents(GrainItem const& item, bool isZero, int worker) {
-        if (!item.ofParents.isKnown)
+        if (!item.ofChain.isKnown)
             return false;
-        if (item.ofParents.parent == -1)
+        if (item.ofChain.holder == -1)
             return isZero;
         GrainHasher& hasher = *m_hashers[static_cast<std::size_t>(worker)]
-                                        [static_cast<std::size_t>(item.ofParents.parent)];
+                                        [static_cast<std::size_t>(item.ofChain.holder)];
         return hasher.hash(item.grainIndex, item.input->getData(), item.input->getUsed(),
-                           bytesInDisk(m_disk, item.grainIndex)) == item.ofParents.digest;
+                           bytesInDisk(m_disk, item.grainIndex)) == item.ofChain.digest;
     }
 
 private:
@@ -238,15 +238,15 @@ void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge cons
         [&](GrainItem& item) {
             if (!readNextItem(reader, digests, disk, item))
                 return false;
-            item.ofParents = ChainDigests::Grain();
-            item.ofParents.isKnown = false;
+            item.ofChain = ChainDigests::Grain();
+            item.ofChain.isKnown = false;
             if (known.parents)
-                item.ofParents = known.parents->find(item.grainIndex);
+                item.ofChain = known.parents->find(item.grainIndex);
             return true;
         },
         [&](GrainItem& item) {
             progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
-            if (item.isAsParents || (!item.ofParents.isKnown && readsAs(disk, item, scratch)))
+            if (item.isAsParents || (!item.ofChain.isKnown && readsAs(disk, item, scratch)))
                 return;
             verifyMayDiffer(disk, item.grainIndex, known.changes);
             if (isInHole(item))

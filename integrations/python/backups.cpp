@@ -208,8 +208,10 @@ MadeDisk mergeLinks(MergedLinks const& links, std::string const& target, NewDisk
     room.verify("There is no room for what the links hold.");
     DiskMaking making(files.get(), uri, request, *work.cancel, sourceFiles);
     host::SafeDisk& to = making.getDisk();
-    host::convertGrainsOf(last, to, grains, work, host::RecordCheck::Decode,
-                          options.digests ? &making.addDigests() : nullptr);
+    host::ConversionDigests digests;
+    if (options.digests)
+        digests = making.addDigestsOfCopy(files.get(), last, access.password.get());
+    host::convertGrainsOf(last, to, grains, work, host::RecordCheck::Decode, digests);
     if (keepsExactSize)
         host::setExactSizeBytes(to, exactBytes);
     __int64 const imageBytes = keepsExactSize ? exactBytes : to.getSizeBytes();

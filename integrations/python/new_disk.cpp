@@ -127,6 +127,13 @@ host::DigestMaking& DiskMaking::addDigests() {
     return m_digests.emplace(m_guard.get(), *m_disk);
 }
 
+host::ConversionDigests DiskMaking::addDigestsOfCopy(yx::IFileSystem* fileSystem,
+                                                     host::SafeDisk& from,
+                                                     yx::String const& password) {
+    m_digestsOfSource = host::ChainDigests::openOfDisk(fileSystem, from, password);
+    return {&addDigests(), m_digestsOfSource.get()};
+}
+
 void DiskMaking::finish(__int64 imageSizeBytes, host::WorkOptions const& options) {
     if (m_digests)
         m_digests->finish(imageSizeBytes, options);

@@ -8,6 +8,7 @@
 #include "host/disk/file_guard.h"
 #include "host/disk/safe_disk.h"
 #include "host/transfer/digest_making.h"
+#include "host/transfer/disk_conversion.h"
 #include "integrations/python/conversions.h"
 #include "yx/native_file_system.h"
 
@@ -58,6 +59,11 @@ public:
     /// Begins to make the digests of the disk, beside it.
     host::DigestMaking& addDigests();
 
+    /// The same for a copy of what another disk reads as, of which the digests that there are tell
+    /// what they can. `from`, opened in `fileSystem` with its `password`, must outlive the object.
+    host::ConversionDigests addDigestsOfCopy(yx::IFileSystem* fileSystem, host::SafeDisk& from,
+                                             yx::String const& password);
+
     /// Completes the digests, if there are any, marks the disk as complete and closes it; its files
     /// stay. `imageSizeBytes` is the size of the image that the disk was filled with.
     void finish(__int64 imageSizeBytes, host::WorkOptions const& options);
@@ -69,6 +75,7 @@ private:
     yx::P<host::FileGuard> m_guard;
     std::unique_ptr<host::SafeDisk> m_disk;
     std::optional<host::DigestMaking> m_digests;
+    std::unique_ptr<host::ChainDigests> m_digestsOfSource;
 };
 
 /// What has been made of a disk: the fields of `kelm.Made`.

@@ -111,8 +111,8 @@ __int64 exportImage(std::string const& path, std::string const& image, bool over
 
 /// Copies what differs from the parent of `to`, or everything if it has none.
 void copyGrains(yx::IFileSystem* files, host::SafeDisk& from, host::SafeDisk& to,
-                NewDiskOptions const& options, Access const& access, host::DigestMaking* digests,
-                host::WorkOptions const& work) {
+                NewDiskOptions const& options, Access const& access,
+                host::ConversionDigests const& digests, host::WorkOptions const& work) {
     if (!to.hasParent()) {
         host::convertDisk(from, to, work, host::RecordCheck::Decode, digests);
         return;
@@ -146,7 +146,9 @@ MadeDisk convertOpenDisk(host::SafeDisk& from, std::string const& target, NewDis
         request.imageBytes = imageBytes;
     DiskMaking making(files.get(), uri, request, *work.cancel, sourceFiles);
     host::SafeDisk& to = making.getDisk();
-    host::DigestMaking* const digests = options.digests ? &making.addDigests() : nullptr;
+    host::ConversionDigests digests;
+    if (options.digests)
+        digests = making.addDigestsOfCopy(files.get(), from, fromAccess.password.get());
     copyGrains(files.get(), from, to, options, access, digests, work);
     if (keepsExactSize)
         host::setExactSizeBytes(to, imageBytes);

@@ -161,19 +161,28 @@ TEST_F(DropWords, SayWhatHappened) {
 
 TEST_F(DropWords, DoNotMakeDamageSound) {
     writeFile("image", makeImage(std::size_t{8} << 20, 1));
-    runWell({"import", "image", "full.vmdk"});
-    runWell({"child", "full.vmdk", "mon.vmdk"});
-    runWell({"digest", "mon.vmdk"});
-    // Nothing else tells of a plain grain that it has rotted.
-    std::string const whole = readFile("full.vmdk");
-    std::size_t const place = whole.size() - 1000;
-    patchFile("full.vmdk", place, std::string(1, static_cast<char>(~whole[place])));
-    Outcome const before = run({"check", "mon.vmdk"});
-    EXPECT_EQ(before.status, 1);
-    runWell({"drop", "full.vmdk"});
-    Outcome const after = run({"check", "mon.vmdk"});
-    EXPECT_EQ(after.status, 1);
-    EXPECT_NE(after.out.find("digest"), std::string::npos) << after.out;
+    writeFile("password", "secret\n");
+    Arguments const password{"--password-file", "password"};
+    for (Arguments const& encryption :
+         {Arguments{}, joined({{"--encrypt", "--rounds", "1000"}, password})}) {
+        SCOPED_TRACE(encryption.size());
+        Arguments const key = encryption.empty() ? Arguments{} : password;
+        runWell(joined({{"import", "image", "full.vmdk"}, encryption}));
+        runWell(joined({{"child", "full.vmdk", "mon.vmdk"}, key}));
+        runWell(joined({{"digest", "mon.vmdk"}, key}));
+        // Nothing else tells of a plain grain that it has rotted.
+        std::string const whole = readFile("full.vmdk");
+        std::size_t const place = whole.size() - 1000;
+        patchFile("full.vmdk", place, std::string(1, static_cast<char>(~whole[place])));
+        Outcome const before = run(joined({{"check", "mon.vmdk"}, key}));
+        EXPECT_EQ(before.status, 1);
+        runWell(joined({{"drop", "full.vmdk"}, key}));
+        Outcome const after = run(joined({{"check", "mon.vmdk"}, key}));
+        EXPECT_EQ(after.status, 1);
+        EXPECT_NE(after.out.find("its content differs from its digest"), std::string::npos)
+            << after.out;
+        runWell(joined({{"delete", "mon.vmdk"}, key}));
+    }
 }
 
 TEST_F(DropWords, WarnOfDigestsThatCannotBeKept) {

@@ -152,6 +152,31 @@ TEST_P(Merge, ConvertsToALargerChildOfALargerDisk) {
     expectIs("grown", "child.vmdk");
 }
 
+using MergeWords = ToolTest;
+
+TEST_F(MergeWords, TellOfAGrainThatHasRotted) {
+    writeFile("image", makeImage(std::size_t{8} << 20, 1));
+    writeFile("later", makeImage(std::size_t{8} << 20, 2));
+    runWell({"import", "image", "full.vmdk"});
+    runWell({"import", "later", "mon.vmdk", "--parent", "full.vmdk"});
+    std::string const whole = readFile("mon.vmdk");
+    std::size_t const place = whole.size() - 1000;
+    patchFile("mon.vmdk", place, std::string(1, static_cast<char>(~whole[place])));
+    std::set<std::string> const before = listFiles();
+    for (Arguments const& command :
+         {Arguments{"merge", "mon.vmdk", "mon.vmdk", "week.vmdk"},
+          Arguments{"convert", "mon.vmdk", "week.vmdk"},
+          Arguments{"convert", "mon.vmdk", "week.vmdk", "--parent", "full.vmdk", "--compressed"}}) {
+        SCOPED_TRACE(command.front());
+        std::string const error = runBadly(7, command);
+        EXPECT_NE(error.find("The content of the grain differs from its digest."),
+                  std::string::npos)
+            << error;
+        EXPECT_NE(error.find(path("mon.vmdk")), std::string::npos) << error;
+        EXPECT_EQ(before, listFiles());
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, Merge, ::testing::ValuesIn(kKinds),
                          [](auto const& kind) { return std::string(kind.param.name); });
 

@@ -41,9 +41,8 @@ struct SourceFacts {
     bool keepsExactSize;
 };
 
-/// `digests`, those of `to`, may be null.
 void copyGrains(Invocation& invocation, ConvertArguments& arguments, host::SafeDisk& from,
-                host::SafeDisk& to, host::DigestMaking* digests) {
+                host::SafeDisk& to, host::ConversionDigests const& digests) {
     LongWork const work(invocation, "convert", arguments.threads);
     host::RecordCheck const check =
         arguments.noVerify ? host::RecordCheck::None : host::RecordCheck::Decode;
@@ -115,7 +114,11 @@ ExitStatus convert(Invocation& invocation, ConvertArguments& arguments) {
     NewDiskInProgress to(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     // A record that was not decoded has no content that is known, and perhaps none.
     bool const hasDigests = !arguments.newDisk.noDigests && !arguments.noVerify;
-    copyGrains(invocation, arguments, *from, to.getDisk(), hasDigests ? &to.addDigests() : nullptr);
+    host::ConversionDigests digests;
+    if (hasDigests)
+        digests =
+            to.addDigestsOfCopy(*from, usedPassword(invocation, arguments.passwords.ofFirst()));
+    copyGrains(invocation, arguments, *from, to.getDisk(), digests);
     invocation.tellSkipped(facts.exactSizeBytes);
     LongWork const work(invocation, "convert", arguments.threads);
     if (facts.keepsExactSize)

@@ -101,9 +101,13 @@ ExitStatus merge(Invocation& invocation, MergeArguments& arguments) {
     // A record that was not decoded has no content that is known, and perhaps none.
     bool const hasDigests = !arguments.newDisk.noDigests && !arguments.noVerify;
     LongWork const work(invocation, "merge", arguments.threads);
+    host::ConversionDigests digests;
+    if (hasDigests)
+        digests =
+            to.addDigestsOfCopy(last, usedPassword(invocation, arguments.passwords.ofFirst()));
     host::convertGrainsOf(last, to.getDisk(), grains, work.getOptions(),
                           arguments.noVerify ? host::RecordCheck::None : host::RecordCheck::Decode,
-                          hasDigests ? &to.addDigests() : nullptr);
+                          digests);
     invocation.tellSkipped(exactSizeBytes);
     if (keepsExactSize)
         host::setExactSizeBytes(to.getDisk(), exactSizeBytes);

@@ -240,6 +240,12 @@ host::DigestMaking& NewDiskInProgress::addDigests() {
     return m_digests.emplace(m_guard.get(), getDisk());
 }
 
+host::ConversionDigests NewDiskInProgress::addDigestsOfCopy(host::SafeDisk& from,
+                                                            yx::String const& password) {
+    m_digestsOfSource = host::ChainDigests::openOfDisk(m_invocation.getFiles(), from, password);
+    return {&addDigests(), m_digestsOfSource.get()};
+}
+
 void NewDiskInProgress::finishDigests(__int64 imageSizeBytes, host::WorkOptions const& options) {
     if (m_digests)
         m_digests->finish(imageSizeBytes, options);

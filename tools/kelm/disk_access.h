@@ -10,6 +10,7 @@
 #include "host/disk/former_disk.h"
 #include "host/disk/safe_disk.h"
 #include "host/transfer/digest_making.h"
+#include "host/transfer/disk_conversion.h"
 #include "tools/kelm/errors.h"
 #include "tools/kelm/invocation.h"
 #include "tools/kelm/password_options.h"
@@ -104,6 +105,10 @@ public:
     /// completes them.
     host::DigestMaking& addDigests();
 
+    /// The same for a copy of what another disk reads as, of which the digests that there are tell
+    /// what they can. `password` opens its parents; `from` must outlive the object.
+    host::ConversionDigests addDigestsOfCopy(host::SafeDisk& from, yx::String const& password);
+
     /// Completes the digests, if there are to be any. `imageSizeBytes` is the size of the image
     /// that the disk was filled with.
     void finishDigests(__int64 imageSizeBytes, host::WorkOptions const& options);
@@ -124,6 +129,7 @@ private:
     yx::P<host::FileGuard> m_guard;
     std::unique_ptr<host::SafeDisk> m_disk;
     std::optional<host::DigestMaking> m_digests;
+    std::unique_ptr<host::ChainDigests> m_digestsOfSource;
 };
 
 } // namespace kelm::tool

@@ -152,13 +152,82 @@ TEST_F(DigestMakingTest, ConversionMakesThem) {
                     std::unique_ptr<SafeDisk> const source = openSafe(from, kReadOnly);
                     std::unique_ptr<SafeDisk> const target = createSafe(kind, name);
                     DigestMaking digests(files.get(), *target);
-                    convertDisk(*source, *target, {}, check, &digests);
+                    convertDisk(*source, *target, {}, check, {&digests});
                     digests.finish(target->getSizeBytes(), {});
                 }
                 EXPECT_TRUE(haveTrueDigests(name, kind.password));
             }
         }
     }
+}
+
+TEST_F(DigestMakingTest, ConversionEndsAtAGrainThatDiffersFromItsDigest) {
+    constexpr int kLastGrain = 18;
+    ASSERT_EQ((mixedContent().size() - 1) / kGrainBytes, std::size_t{kLastGrain});
+    for (char const* const from : {"plain", "encrypted"}) {
+        DiskKind const source = kindNamed(from);
+        for (bool const isParent : {false, true}) {
+            files = yx::makeObject<yx::CMemoryFileSystem>();
+            import(*createSafe(source, "disk.vmdk"), mixedContent());
+            if (isParent) {
+                std::unique_ptr<SafeDisk> const child =
+                    createSafe(source, "child.vmdk", "disk.vmdk");
+                DigestMaking(files.get(), *child).finish(child->getSizeBytes(), {});
+            }
+            // Behind the disk's back, in the grain that was stored last.
+            Bytes file = toBytes(files->getFile(uriOf("disk.vmdk")));
+            file[file.size() - 1000] ^= 1;
+            files->putFile(uriOf("disk.vmdk"), toBuffer(file));
+            std::string const name = isParent ? "child.vmdk" : "disk.vmdk";
+            for (DiskKind const& kind : allDiskKinds()) {
+                SCOPED_TRACE(name + ", " + from + " to " + kind.name);
+                std::unique_ptr<SafeDisk> const disk = openSafe(name, kReadOnly, source.password);
+                std::unique_ptr<SafeDisk> const target =
+                    createSafe(kind, std::string(kind.name) + "-copy.vmdk");
+                std::unique_ptr<ChainDigests> const known =
+                    ChainDigests::openOfDisk(files.get(), *disk, source.password);
+                ASSERT_TRUE(known);
+                DigestMaking digests(files.get(), *target);
+                EXPECT_TRUE(throwsIOError(
+                    yx::CIOError::CorruptData, "The content of the grain differs from its digest.",
+                    {{"uri", uriOf("disk.vmdk").toString(true).toStdString()},
+                     {"grain", "18"},
+                     {"bytes", "1179648-1245183"}},
+                    [&] {
+                        convertDisk(*disk, *target, {}, kelm::host::RecordCheck::Decode,
+                                    {&digests, known.get()});
+                    }));
+                // Without the digests, nothing tells of it.
+                convertDisk(*disk, *target, {});
+            }
+        }
+    }
+}
+
+TEST_F(DigestMakingTest, ConversionComparesWithWhatDigestsThereAre) {
+    import(*createSafe({}, "full.vmdk"), mixedContent());
+    {
+        std::unique_ptr<SafeDisk> const child = createSafe({}, "child.vmdk", "full.vmdk");
+        writeTo(*child, 3 * kGrainBytes, pattern(kGrainBytes, 5));
+        child->flush();
+        DigestMaking(files.get(), *child).finish(child->getSizeBytes(), {});
+    }
+    files->deleteFile(digestFileOf(uriOf("full.vmdk")), false);
+    EXPECT_FALSE(ChainDigests::open(files.get(), *createSafe({}, "new.vmdk", "child.vmdk"), ""));
+    std::unique_ptr<SafeDisk> const child = openSafe("child.vmdk", kReadOnly);
+    std::unique_ptr<ChainDigests> const known = ChainDigests::openOfDisk(files.get(), *child, "");
+    ASSERT_TRUE(known);
+    EXPECT_TRUE(known->find(3).isKnown);
+    EXPECT_EQ(known->find(3).holder, 0);
+    EXPECT_EQ(toBytes(known->find(3).digest), sha256Of(pattern(kGrainBytes, 5)));
+    EXPECT_FALSE(known->find(4).isKnown);
+    {
+        std::unique_ptr<SafeDisk> const copy = createSafe({}, "copy.vmdk");
+        DigestMaking digests(files.get(), *copy);
+        convertDisk(*child, *copy, {}, kelm::host::RecordCheck::Decode, {&digests, known.get()});
+        digests.finish(copy->getSizeBytes(), {});
+    }
+    EXPECT_TRUE(haveTrueDigests("copy.vmdk", ""));
 }
 
 TEST_F(DigestMakingTest, WhatDidNotComeIsRead) {
@@ -341,7 +410,7 @@ TEST_F(QuickIncremental, ReadsThemWhereTheDigestsOfOneAreDamaged) {
     LogCapture const log;
     EXPECT_FALSE(importChild({}, "tue.vmdk", "mon.vmdk", fullImage()));
     ASSERT_EQ(log.entries().size(), 1U);
-    EXPECT_EQ(log.entries()[0].message, "The digests of a parent cannot be used.");
+    EXPECT_EQ(log.entries()[0].message, "The digests of a disk cannot be used.");
     EXPECT_EQ(heldGrains("tue.vmdk", ""), std::set<int>());
 }
 
@@ -356,7 +425,7 @@ TEST_F(QuickIncremental, ReadsThemWhereAPartOfTheDigestsIsDamaged) {
     LogCapture const log;
     EXPECT_TRUE(importChild({}, "mon.vmdk", "full.vmdk", monday));
     ASSERT_EQ(log.entries().size(), 1U);
-    EXPECT_EQ(log.entries()[0].message, "A part of the digests of a parent cannot be used.");
+    EXPECT_EQ(log.entries()[0].message, "A part of the digests of a disk cannot be used.");
     EXPECT_EQ(heldGrains("mon.vmdk", ""), (std::set<int>{0, 4}));
     EXPECT_TRUE(sameBytes(monday, contentAfterReopening("mon.vmdk")));
     EXPECT_TRUE(haveTrueDigests("mon.vmdk", ""));
