@@ -1,4 +1,5 @@
-// The callbacks by which nbdkit serves a disk. nbdkit calls them one at a time.
+// The callbacks by which nbdkit serves a disk. nbdkit calls those of requests one at a time where the
+// disk is certainly written to, and many at once otherwise.
 //
 // nbdkit may fork after `get_ready`, and whichever process goes on must be the one that holds the
 // disk. So the disk is only tried out in `get_ready`, where errors still reach the user's terminal,
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 
@@ -29,8 +31,8 @@
 #include "integrations/nbdkit/served_disk.h"
 #include "yx/log.h"
 
-// The library serves one thread.
-#define THREAD_MODEL NBDKIT_THREAD_MODEL_SERIALIZE_ALL_REQUESTS
+// The most that this plugin can do; see `chooseThreadModel`.
+#define THREAD_MODEL NBDKIT_THREAD_MODEL_PARALLEL
 
 namespace kelm::nbd {
 
@@ -51,6 +53,7 @@ int maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
 
 /// For disks in use, at all openings together.
 host::BusyWait busyWait;
+std::mutex waitingForDisk;
 std::optional<host::KeyDerivationWatch> keyDerivationWatch;
 
 /// From the first opening to the last, so that a client that connects waits for no derivation.
@@ -219,6 +222,13 @@ int completeConfiguration() {
     return 0;
 }
 
+/// A disk that is written to serves one request after the other anyway, and threads that wait for it
+/// would only take time.
+int chooseThreadModel() {
+    return isServedForWriting() ? NBDKIT_THREAD_MODEL_SERIALIZE_ALL_REQUESTS
+                                : NBDKIT_THREAD_MODEL_PARALLEL;
+}
+
 int getReady() {
     return guarded([] {
         // A signal ends nbdkit here, which does not handle them yet.
@@ -232,6 +242,7 @@ int getReady() {
 /// Opens the disk, and waits if it is in use. A server that is to stop, and a client that has gone,
 /// end the wait by `CancelledError`.
 void openServedDisk(yx::IIOStream::Access access) {
+    std::lock_guard const waiting(waitingForDisk);
     busyWait.retry([access] {
         if (busyWait.isOn() && nbdkit_nanosleep(0, 0) != 0)
             throw host::CancelledError();
@@ -370,6 +381,7 @@ nbdkit_plugin describePlugin() {
     plugin.dump_plugin = printCapabilities;
     plugin.config = configure;
     plugin.config_complete = completeConfiguration;
+    plugin.thread_model = chooseThreadModel;
     plugin.get_ready = getReady;
     plugin.after_fork = afterFork;
     plugin.cleanup = cleanUp;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <sys/resource.h>
+
 #include "host/disk/chain_keys.h"
 #include "host/disk/parent_chain.h"
 #include "host/system/work_options.h"
@@ -16,73 +18,14 @@ namespace {
 constexpr __int64 kMaxGrainsLookedAt = 16384;
 constexpr int kDefaultCompressionLevel = -1;
 
-} // namespace
-
-ServedDisk::ServedDisk(DiskSettings const& settings)
-    : m_settings(settings), m_fileSystem(yx::makeObject<yx::CNativeFileSystem>()) {}
-
-host::SafeDisk& ServedDisk::disk() const {
-    if (!m_disk) {
-        throw yx::CIOError(yx::CIOError::Closed, "The disk is not open.",
-                           yx::CProps().add("uri", m_settings.uri.toString(true)), nullptr);
-    }
-    return *m_disk;
-}
-
-void ServedDisk::open(yx::IIOStream::Access access) {
-    if (m_disk && (access == yx::IIOStream::ReadOnly || isWritable()))
-        return;
-    close();
-    yx::String const& password = m_settings.password.get();
-    if (!password.isEmpty()) {
-        host::deriveKeysOfChain(m_fileSystem.get(), m_settings.uri,
-                                {password, m_settings.parentPassword.get()}, *m_settings.keys,
-                                host::countThreads({}));
-    }
-    host::DiskTrust trust = m_settings.trust;
-    // Whoever goes on filling the disk takes what it holds for the image's.
-    if (access == yx::IIOStream::ReadWrite)
-        trust.unfinished = host::UnfinishedDisks::Refused;
-    auto opened = std::make_unique<host::SafeDisk>(
-        m_fileSystem.get(), m_settings.uri, access, password, kDefaultCompressionLevel,
-        m_settings.maxCachedTables.value_or(CVMDKGrainTableCache::kDefaultLimit), trust);
-    // A table that left the cache by itself could come back stale while it has changes.
-    if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
-        opened->limitTables(*m_settings.maxCachedTables);
-    m_parents = host::openParents(m_fileSystem.get(), *opened, password);
-    host::beginWholeReading(*opened, nullptr);
-    m_disk = std::move(opened);
-    m_access = access;
-}
-
-void ServedDisk::close() {
-    std::unique_ptr<host::SafeDisk> const closing = std::move(m_disk);
-    m_parents.clear();
-    if (closing)
-        closing->flush();
-}
-
-void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
-    host::readWithGrainPlace(disk(), positionBytes, buffer, bytes);
-}
-
-void ServedDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
-    disk().write(positionBytes, buffer, bytes);
-}
-
-void ServedDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
-    disk().writeZeros(positionBytes, bytes);
-}
-
-std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes,
-                                            std::size_t maxRuns) {
-    host::SafeDisk& served = disk();
-    __int64 const grainSizeBytes = served.getGrainSizeBytes();
+std::vector<StoredRun> listRunsOf(host::SafeDisk& disk, __int64 positionBytes, __int64 bytes,
+                                  std::size_t maxRuns) {
+    __int64 const grainSizeBytes = disk.getGrainSizeBytes();
     __int64 const firstGrain = positionBytes / grainSizeBytes;
     __int64 const endBytes = positionBytes + std::min(bytes, kMaxGrainsLookedAt * grainSizeBytes);
     std::vector<StoredRun> runs;
     for (__int64 grain = firstGrain; positionBytes < endBytes; ++grain) {
-        bool const isStored = served.isGrainWritten(grain);
+        bool const isStored = disk.isGrainWritten(grain);
         if (runs.empty() || runs.back().isStored != isStored) {
             if (runs.size() == maxRuns)
                 break;
@@ -93,6 +36,133 @@ std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes
         positionBytes = nextBytes;
     }
     return runs;
+}
+
+} // namespace
+
+ServedDisk::ServedDisk(DiskSettings const& settings)
+    : m_settings(settings), m_fileSystem(yx::makeObject<yx::CNativeFileSystem>()) {}
+
+/// Calls `use` with the disk, or one of its readers, and returns what it returns.
+template <class Use>
+auto ServedDisk::useDisk(Use const& use) {
+    std::shared_lock const opening(m_opening);
+    if (m_readers)
+        return m_readers->use(use);
+    if (!m_disk) {
+        throw yx::CIOError(yx::CIOError::Closed, "The disk is not open.",
+                           yx::CProps().add("uri", m_settings.uri.toString(true)), nullptr);
+    }
+    std::lock_guard const writing(m_writing);
+    return use(*m_disk);
+}
+
+bool ServedDisk::isWritable() const {
+    std::shared_lock const opening(m_opening);
+    return m_disk != nullptr;
+}
+
+__int64 ServedDisk::getSizeBytes() {
+    return useDisk([](host::SafeDisk& disk) { return disk.getSizeBytes(); });
+}
+
+__int64 ServedDisk::getGrainSizeBytes() {
+    return useDisk([](host::SafeDisk& disk) { return disk.getGrainSizeBytes(); });
+}
+
+void ServedDisk::flush() {
+    useDisk([](host::SafeDisk& disk) { disk.flush(); });
+}
+
+void ServedDisk::open(yx::IIOStream::Access access) {
+    std::lock_guard const opening(m_opening);
+    if (m_disk || (m_readers && access == yx::IIOStream::ReadOnly))
+        return;
+    closeOpened();
+    yx::String const& password = m_settings.password.get();
+    if (!password.isEmpty()) {
+        host::deriveKeysOfChain(m_fileSystem.get(), m_settings.uri,
+                                {password, m_settings.parentPassword.get()}, *m_settings.keys,
+                                host::countThreads({}));
+    }
+    std::unique_ptr<host::SafeDisk> opened = openOnce(access, 1);
+    m_parents = host::openParents(m_fileSystem.get(), *opened, password);
+    host::beginWholeReading(*opened, nullptr);
+    if (access == yx::IIOStream::ReadWrite) {
+        m_disk = std::move(opened);
+        return;
+    }
+    int const readers = countReaders(*opened);
+    if (readers > 1 && m_settings.maxCachedTables)
+        opened = openOnce(access, readers);
+    m_readers.emplace(std::move(opened), readers,
+                      [this, readers] { return openOnce(yx::IIOStream::ReadOnly, readers); });
+}
+
+/// As one of so many readers.
+std::unique_ptr<host::SafeDisk> ServedDisk::openOnce(yx::IIOStream::Access access,
+                                                     int readers) const {
+    host::DiskTrust trust = m_settings.trust;
+    // Whoever goes on filling the disk takes what it holds for the image's.
+    if (access == yx::IIOStream::ReadWrite)
+        trust.unfinished = host::UnfinishedDisks::Refused;
+    int tables = CVMDKGrainTableCache::kDefaultLimit;
+    if (m_settings.maxCachedTables)
+        tables = std::max(1, *m_settings.maxCachedTables / readers);
+    auto opened = std::make_unique<host::SafeDisk>(m_fileSystem.get(), m_settings.uri, access,
+                                                   m_settings.password.get(),
+                                                   kDefaultCompressionLevel, tables, trust);
+    // A table that left the cache by itself could come back stale while it has changes.
+    if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
+        opened->limitTables(*m_settings.maxCachedTables);
+    return opened;
+}
+
+/// One for each core, but fewer where their files would be more than half of those that the process
+/// may open.
+int ServedDisk::countReaders(host::SafeDisk& disk) const {
+    std::size_t files = disk.listFiles().size();
+    for (auto const& parent : m_parents)
+        files += parent->listFiles().size();
+    rlimit limit = {};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return 1;
+    rlim_t const affordable = limit.rlim_cur / 2 / std::max<rlim_t>(files, 1);
+    return static_cast<int>(
+        std::clamp<rlim_t>(affordable, 1, static_cast<rlim_t>(host::countThreads({}))));
+}
+
+void ServedDisk::close() {
+    std::lock_guard const opening(m_opening);
+    closeOpened();
+}
+
+void ServedDisk::closeOpened() {
+    std::unique_ptr<host::SafeDisk> const closing = std::move(m_disk);
+    m_readers.reset();
+    m_parents.clear();
+    if (closing)
+        closing->flush();
+}
+
+void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
+    useDisk([=](host::SafeDisk& disk) {
+        host::readWithGrainPlace(disk, positionBytes, buffer, bytes);
+    });
+}
+
+void ServedDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
+    useDisk([=](host::SafeDisk& disk) { disk.write(positionBytes, buffer, bytes); });
+}
+
+void ServedDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
+    useDisk([=](host::SafeDisk& disk) { disk.writeZeros(positionBytes, bytes); });
+}
+
+std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes,
+                                            std::size_t maxRuns) {
+    return useDisk(
+        [=](host::SafeDisk& disk) { return listRunsOf(disk, positionBytes, bytes, maxRuns); });
 }
 
 } // namespace kelm::nbd

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <vector>
 
 #include "host/disk/safe_disk.h"
 #include "host/system/derived_keys.h"
 #include "host/system/password.h"
+#include "host/transfer/disk_readers.h"
 
 namespace kelm::nbd {
 
@@ -21,7 +24,7 @@ struct DiskSettings {
     /// Where derived keys stay. Never null once a disk is opened.
     host::DerivedKeys* keys = nullptr;
 
-    /// The most grain tables to keep in memory. By default, a disk opened for writing keeps as many
+    /// The most grain tables to keep in memory, for all readers together. By default, a disk opened for writing keeps as many
     /// as `host::SafeDisk` lets it, and one opened for reading as many as the library does.
     std::optional<int> maxCachedTables;
 
@@ -38,7 +41,11 @@ struct StoredRun {
 
 /// The one disk of a server, which all connections share, and its parents: they are kept open too,
 /// so that nobody changes them meanwhile. Errors are those of `host::SafeDisk`; while the disk is
-/// not open, every request is `CIOError` `Closed`. Serves one thread at a time.
+/// not open, every request is `CIOError` `Closed`.
+///
+/// Serves any number of threads. Opened for reading, it answers as many requests at once as the
+/// machine has cores; opened for writing, one after the other. Opening and closing wait for requests
+/// that are under way.
 class ServedDisk {
 public:
     explicit ServedDisk(DiskSettings const& settings);
@@ -55,10 +62,10 @@ public:
     /// that is not open.
     void close();
 
-    bool isWritable() const { return m_disk && m_access == yx::IIOStream::ReadWrite; }
+    bool isWritable() const;
 
-    __int64 getSizeBytes() const { return disk().getSizeBytes(); }
-    __int64 getGrainSizeBytes() const { return disk().getGrainSizeBytes(); }
+    __int64 getSizeBytes();
+    __int64 getGrainSizeBytes();
 
     /// Each does all of what is asked, or throws.
     void read(__int64 positionBytes, void* buffer, int bytes);
@@ -66,7 +73,7 @@ public:
     void writeZeros(__int64 positionBytes, __int64 bytes);
 
     /// Brings all changes to the device.
-    void flush() { disk().flush(); }
+    void flush();
 
     /// Runs of alternating kind from `positionBytes` on, without gaps, at most `maxRuns`. They end
     /// after `bytes` bytes or earlier, since one call looks at no more than 16384 grains (1 GiB of
@@ -74,12 +81,25 @@ public:
     std::vector<StoredRun> listRuns(__int64 positionBytes, __int64 bytes, std::size_t maxRuns);
 
 private:
-    host::SafeDisk& disk() const;
+    template <class Use>
+    auto useDisk(Use const& use);
+    bool isOpen() const { return m_disk || m_readers; }
+    std::unique_ptr<host::SafeDisk> openOnce(yx::IIOStream::Access access, int readers) const;
+    int countReaders(host::SafeDisk& disk) const;
+    void closeOpened();
 
     DiskSettings m_settings;
     yx::P<yx::IFileSystem> m_fileSystem;
-    yx::IIOStream::Access m_access = yx::IIOStream::ReadOnly;
+
+    /// Held by all requests, and by what opens and closes alone.
+    mutable std::shared_mutex m_opening;
+
+    /// The disk that is written to, one request at a time.
+    std::mutex m_writing;
     std::unique_ptr<host::SafeDisk> m_disk;
+
+    /// The disk that is read only.
+    std::optional<host::DiskReaders> m_readers;
     std::vector<std::unique_ptr<host::SafeDisk>> m_parents;
 };
 

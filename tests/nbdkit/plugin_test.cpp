@@ -1,6 +1,8 @@
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <random>
+#include <thread>
 
 #include <fcntl.h>
 #include <libnbd.h>
@@ -70,6 +72,34 @@ TEST_F(Plugin, OffersItsRequestsToClients) {
     EXPECT_EQ(::nbd_get_block_size(client.get(), LIBNBD_SIZE_MINIMUM), 1);
     EXPECT_EQ(::nbd_get_block_size(client.get(), LIBNBD_SIZE_PREFERRED), 65536);
     EXPECT_EQ(::nbd_get_block_size(client.get(), LIBNBD_SIZE_MAXIMUM), 33554432);
+}
+
+TEST_F(Plugin, AnswersManyReadsAtOnceWhereNobodyWrites) {
+    for (DiskKind const& kind : {kPlain, kCompressed, kEncrypted}) {
+        SCOPED_TRACE(kind.name);
+        std::string const image = makeImage(kDiskBytes, 3);
+        makeDisk(kind, "", image);
+        std::unique_ptr<Server> const server = serve({"-r"}, {"cache-tables=3"});
+        std::vector<std::thread> threads;
+        std::atomic<int> right = 0;
+        for (unsigned int i = 0; i < 3; ++i) {
+            threads.emplace_back([&, i] {
+                Client const client(server->socketPath());
+                std::mt19937 random(i);
+                for (int read = 0; read < 200; ++read) {
+                    std::size_t const count = 1 + random() % 100000;
+                    std::size_t const position = random() % (kDiskBytes - count);
+                    if (client.read(position, count) == image.substr(position, count))
+                        ++right;
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(right, 600);
+        stopWell(*server);
+        std::filesystem::remove(folder() / "disk.vmdk");
+    }
 }
 
 TEST_F(Plugin, SharesItsDiskAmongConnections) {
