@@ -141,6 +141,8 @@ class Page:
         os.makedirs(os.path.dirname(name), exist_ok=True)
         with open(name, "w", encoding="utf-8") as target:
             target.write(self.place(file.content))
+        # Whatever the mask is: settings that others may write are refused.
+        os.chmod(name, 0o644)
 
     def run(self, command):
         """The exit status, and what was printed."""

@@ -73,7 +73,9 @@ class Site:
         settings = {"source": self.source, "destination": self.destination, **settings}
         lines = [f"{key.replace('_', '-')} = {value}\n" for key, value in settings.items()
                  if value is not None]
-        (self.folder / f"etc/kelm/backups/{name}.conf").write_text("".join(lines), encoding="utf-8")
+        file = self.folder / f"etc/kelm/backups/{name}.conf"
+        file.write_text("".join(lines), encoding="utf-8")
+        file.chmod(0o644)
 
     def call(self, command, name="web", **environment):
         return subprocess.run(

@@ -230,7 +230,7 @@ def test_the_run_after_a_kill_goes_right_wherever_it_was(site, settings):
     site.configure(**settings)
     count = operations_of_import(site)
     assert count > 10
-    for after in sorted({1, 2, 3, 4, 5, 6, 8, count // 2, count - 3, count - 1, count}):
+    for after in sorted({1, 2, 4, 6, count // 2, count - 1, count}):
         before = len(site.list())
         site.kill_kelm("import", after)
         status = site.call("run").returncode
