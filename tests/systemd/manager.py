@@ -28,7 +28,7 @@ import threading
 UNIT_FOLDERS = ["etc/systemd/system", "usr/local/lib/systemd/system", "usr/lib/systemd/system"]
 # Settings whose lines add up; of all others the last line counts.
 LISTS = {"ExecStartPre", "ExecStart", "ExecStopPost", "Environment", "LoadCredentialEncrypted",
-         "ReadWritePaths", "OnFailure", "AssertPathExists", "RequiresMountsFor", "WantedBy"}
+         "ReadWritePaths", "OnFailure", "RequiresMountsFor", "WantedBy"}
 
 
 class Journal:
@@ -101,12 +101,6 @@ class Manager:
         # Of the main steps of each unit that has run.
         self.status = {}
 
-    def place(self, path):
-        """Where a file of the machine is. Tests name files below the folder as they are."""
-        if pathlib.Path(path).is_relative_to(self.root):
-            return pathlib.Path(path)
-        return self.root / path.lstrip("/")
-
     def find(self, unit):
         for folder in UNIT_FOLDERS:
             for name in (unit, re.sub(r"@[^.]*\.", "@.", unit)):
@@ -143,10 +137,8 @@ class Manager:
     def load_credentials(self, settings, folder):
         for line in settings["LoadCredentialEncrypted"]:
             name, _, source = line.partition(":")
-            places = [self.place(source)] if source.startswith("/") else \
-                [self.root / store / source for store in ("run/credstore.encrypted",
-                                                          "etc/credstore.encrypted")]
-            for place in places:
+            for store in ("run/credstore.encrypted", "etc/credstore.encrypted"):
+                place = self.root / store / source
                 if place.exists():
                     sealed = json.loads(base64.b64decode(place.read_bytes()))
                     if sealed["name"] != name:
@@ -186,9 +178,6 @@ class Manager:
         settings = self.load(unit)
         if settings.get("Type") != "oneshot":
             raise ValueError(f"{unit} is of another type than oneshot")
-        for path in settings["AssertPathExists"]:
-            if not self.place(path).exists():
-                return self.end(unit, settings, None)
         invocation = os.urandom(16).hex()
         with tempfile.TemporaryDirectory() as credentials, \
                 JournalSocket(self.journal, unit) as journal:

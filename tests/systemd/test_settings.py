@@ -105,5 +105,12 @@ def test_a_file_that_is_no_text_is_refused(site):
 @pytest.mark.parametrize("mode", [0o620, 0o602])
 def test_a_file_that_others_may_write_is_refused(site, mode):
     os.chmod(site.folder / "etc/kelm/backups/web.conf", mode)
-    assert "others than the owner may write this file" in site.run(status=program.WRONG_USAGE)
+    assert "others than root may write this file" in site.run(status=program.WRONG_USAGE)
     assert site.files() == []
+
+
+def test_a_file_of_somebody_else_is_refused(site):
+    if os.geteuid() != 0:
+        pytest.skip("only root can give a file away")
+    os.chown(site.folder / "etc/kelm/backups/web.conf", 1234, 1234)
+    assert "others than root may write this file" in site.run(status=program.WRONG_USAGE)

@@ -131,10 +131,11 @@ def test_a_failure_starts_what_is_named_for_it(manager, site):
     assert site.log() == ["web"]
 
 
-def test_without_settings_nothing_starts(manager, site):
+def test_without_settings_the_service_fails(manager, site):
     folder = site.folder / "etc/kelm/backups"
     (folder / "web.conf").rename(folder / "mail.conf")
     assert not manager.start(SERVICE)
+    assert manager.status[SERVICE] == 8
     assert site.files() == []
     assert manager.start("kelm-backup@mail.service")
 
