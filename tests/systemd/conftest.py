@@ -1,4 +1,4 @@
-"""What the tests of kelm-backup share: a folder for each, with settings, a source and a destination."""
+"""What the tests of kelm-backup share: a folder with settings, a source and a destination."""
 
 import faulthandler
 import importlib.machinery

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """A small stand-in for systemd, for machines and containers where there is none.
 
-It finds units and their drop-ins below a folder that stands for "/", and runs what their lines say, in
-the order and with the environment that systemd gives them: settings, run-time folders, credentials, the
+It finds units and their drop-ins below a folder that stands for "/", and runs what their lines say,
+in the order and with the environment that systemd gives them: run-time folders, credentials, the
 steps of a service, what comes after it whatever has happened, and the units that a failure starts.
 Nothing is sandboxed. What is told goes into a journal of its own.
 

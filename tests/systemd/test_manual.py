@@ -43,6 +43,6 @@ def test_the_fields_of_the_journal_are_in_the_manual():
 def test_the_pages_are_right(name):
     if not shutil.which("groff"):
         pytest.skip("groff is not installed")
-    result = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", str(SOURCES / name)], check=False,
-                            capture_output=True, text=True)
+    result = subprocess.run(["groff", "-man", "-Tutf8", "-ww", "-z", str(SOURCES / name)],
+                            check=False, capture_output=True, text=True)
     assert (result.returncode, result.stderr) == (0, "")

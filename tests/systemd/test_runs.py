@@ -18,7 +18,7 @@ def parents(site):
     return [names.index(disk["parent"]) if "parent" in disk else None for disk in disks]
 
 
-# ---- What a run makes ------------------------------------------------------------------------------
+# ---- What a run makes ----------------------------------------------------------------------------
 
 
 def test_first_a_full_disk_then_children(site):
@@ -141,7 +141,7 @@ def test_newest_is_found_or_not(site):
     assert site.call("newest").stdout.strip() == site.list()[-1]["file"]
 
 
-# ---- Hooks -----------------------------------------------------------------------------------------
+# ---- Hooks ---------------------------------------------------------------------------------------
 
 
 def test_hooks_run_around_the_import(site, hooks):
@@ -199,7 +199,7 @@ def test_a_hook_that_is_killed_is_told(site, hooks):
     assert site.log() == ["after failure 3"]
 
 
-# ---- Kills and interruptions -----------------------------------------------------------------------
+# ---- Kills and interruptions ---------------------------------------------------------------------
 
 
 def operations_of_import(site):
@@ -248,7 +248,7 @@ def test_the_run_after_a_kill_goes_right_wherever_it_was(site, settings):
 
 
 def leave_unfinished(site, name="web"):
-    """Kills imports later and later, until one leaves an unfinished disk; what that run has said."""
+    """Kills imports later and later, until a disk is left unfinished; what that run has said."""
     for after in range(12, 400, 4):
         site.kill_kelm("import", after)
         output = site.run(status=3, name=name)
@@ -370,7 +370,7 @@ def test_two_runs_at_once_are_one(site):
     site.run()
 
 
-# ---- Other trouble ---------------------------------------------------------------------------------
+# ---- Other trouble -------------------------------------------------------------------------------
 
 
 def test_without_the_destination_there_is_no_backup(site):
@@ -472,7 +472,7 @@ def test_a_clock_that_was_wrong_is_told_of(site):
     assert site.kelm("list", str(site.destination))["disks"][1]["parent"] == str(future)
 
 
-# ---- A full destination ----------------------------------------------------------------------------
+# ---- A full destination --------------------------------------------------------------------------
 
 
 def test_a_full_destination_fails_and_leaves_what_was_there(site, small_destination, hooks):

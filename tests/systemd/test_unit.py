@@ -20,7 +20,7 @@ def entries(manager, **fields):
             if all(entry.get(name) == value for name, value in fields.items())]
 
 
-# ---- What systemd says -----------------------------------------------------------------------------
+# ---- What systemd says ---------------------------------------------------------------------------
 
 
 @pytest.fixture
@@ -73,7 +73,7 @@ def test_the_timer_is_due_once_a_day(units):
     assert len(set(re.findall(r"2031-01-0[123]", output))) == 3
 
 
-# ---- Runs ------------------------------------------------------------------------------------------
+# ---- Runs ----------------------------------------------------------------------------------------
 
 
 def test_a_service_runs_the_steps_and_tells_the_journal(manager, site, hooks):
