@@ -16,6 +16,7 @@ namespace kelm::host {
 /// transfer reads with one object, and its workers do the rest.
 class DiskReaders {
 public:
+    /// Opens the disk once more.
     using Open = std::function<std::unique_ptr<SafeDisk>()>;
 
     /// Begins with `first`. `open`, which opens the same disk again, is called whenever all objects
