@@ -60,6 +60,7 @@ protected:
             {"import", "image", "imported.vmdk", "--parent", "full.vmdk", "--force"},
             {"export", "mon.vmdk", "exported"},
             {"export", "mon.vmdk", "exported", "--force", "--salvage"},
+            {"export", "mon.vmdk", "exported", "--force", "--zeros", "skip"},
             {"convert", "mon.vmdk", "converted.vmdk", "--compressed"},
             {"compare", "image", "full.vmdk"},
             {"check", "tue.vmdk"},
@@ -247,10 +248,25 @@ TEST_F(ToldToPrograms, TransfersCountWhatTheyReadStoreAndSkip) {
         json const exported = runTold({"export", "disk.vmdk", "out", "--force"});
         EXPECT_EQ(exported["storedBytes"], kWhole - kZeros);
         EXPECT_EQ(exported["skippedBytes"], kZeros);
+        EXPECT_EQ(exported["zeros"],
+                  (json{{"punchedBytes", kZeros}, {"leftBytes", 0}, {"writtenBytes", 0}}));
         json const converted = runTold({"convert", "disk.vmdk", "other.vmdk", "--force"});
         EXPECT_EQ(converted["storedBytes"], kWhole - kZeros);
         EXPECT_EQ(converted["skippedBytes"], kZeros);
     }
+    json const skipped = runTold({"export", "disk.vmdk", "out", "--force", "--zeros", "skip"});
+    EXPECT_EQ(skipped["zeros"],
+              (json{{"punchedBytes", 0}, {"leftBytes", kZeros}, {"writtenBytes", 0}}));
+    EXPECT_EQ(readFile("out"), image);
+    for (Arguments const& salvage : {Arguments{}, {"--salvage"}}) {
+        json const written =
+            runTold(joined({{"export", "disk.vmdk", "out", "--force", "--zeros=write"}, salvage}));
+        EXPECT_EQ(written["zeros"],
+                  (json{{"punchedBytes", 0}, {"leftBytes", 0}, {"writtenBytes", kZeros}}));
+        EXPECT_EQ(readFile("out"), image);
+    }
+    runBadly(2, {"export", "disk.vmdk", "out", "--force", "--zeros", "tea"});
+    EXPECT_EQ(readFile("out"), image);
     image[0] = 'b';
     writeFile("image", image);
     for (Arguments const& kind : {Arguments{}, {"--compressed"}, {"--no-digests"}}) {

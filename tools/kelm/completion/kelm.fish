@@ -122,6 +122,7 @@ complete -c kelm -n '__fish_seen_subcommand_from export' -l allow-path -r -F -d 
 complete -c kelm -n '__fish_seen_subcommand_from export' -l allow-oversize -d 'Take disks with grains above 64 MiB, more than 65536 extents, or more than 1 TiB without files'
 complete -c kelm -n '__fish_seen_subcommand_from export' -l wait -x -d 'Wait so long, in all, for disks that are in use; by default not at all'
 complete -c kelm -n '__fish_seen_subcommand_from export' -l force -d 'Replace files that exist already'
+complete -c kelm -n '__fish_seen_subcommand_from export' -l zeros -x -a 'punch skip write' -d 'What becomes of zeros in a file or on a device: punch (holes, the default), write, or skip (what is there stays)'
 complete -c kelm -n '__fish_seen_subcommand_from export' -l unfinished -d 'Read also a disk that was not filled to its end, as it is'
 complete -c kelm -n '__fish_seen_subcommand_from export' -l salvage -d 'Go on past what is damaged, list its bytes, and end with status 7'
 complete -c kelm -n '__fish_seen_subcommand_from export' -l from-parent -d 'With --salvage: take what is damaged from the parent, which has older content, instead of zeros'
