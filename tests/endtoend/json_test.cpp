@@ -67,6 +67,7 @@ protected:
             {"check", "tue.vmdk", "--sample", "50"},
             {"map", "tue.vmdk"},
             {"map", "tue.vmdk", "--svg", "picture.svg"},
+            {"files", "mon.vmdk"},
             {"child", "tue.vmdk", "wed.vmdk"},
             {"copy", "old.vmdk", "copies"},
             {"rename", "old.vmdk", "older.vmdk"},

@@ -54,7 +54,7 @@ std::vector<std::string> const& allCommands() {
     static std::vector<std::string> const kCommands{
         "create", "info",   "import",  "export", "convert", "compare", "check",  "map",
         "list",   "child",  "flatten", "rebase", "rename",  "copy",    "delete", "password",
-        "digest", "repair", "drop",    "merge",  "prune",   "compact", "help"};
+        "digest", "repair", "drop",    "merge",  "prune",   "compact", "files",  "help"};
     return kCommands;
 }
 

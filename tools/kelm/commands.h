@@ -42,6 +42,7 @@ void addDigestCommand(CLI::App& program, Run& run);
 void addRepairCommand(CLI::App& program, Run& run);
 void addCompactCommand(CLI::App& program, Run& run);
 void addMapCommand(CLI::App& program, Run& run);
+void addFilesCommand(CLI::App& program, Run& run);
 void addChildCommand(CLI::App& program, Run& run);
 void addFlattenCommand(CLI::App& program, Run& run);
 void addPasswordCommand(CLI::App& program, Run& run);
