@@ -8,8 +8,10 @@ namespace kelm::host {
 
 /// What the first sector of a file system of the FAT family, or of NTFS, says about places.
 struct BootSector {
+    /// FAT is that of 12 and 16 bits.
     enum class Kind { FAT, FAT32, ExFAT, NTFS };
 
+    /// Which of them it is, and the unit in which it counts.
     Kind kind = Kind::FAT;
     __int64 clusterBytes = 0;
 

@@ -12,6 +12,7 @@ struct Partition {
     /// As Linux counts: the place in the table, from 1; those within an extended partition from 5.
     int number = 0;
 
+    /// Where it lies on the disk.
     __int64 startBytes = 0;
     __int64 sizeBytes = 0;
 
@@ -34,8 +35,10 @@ struct Partition {
 /// The partitions of a disk: of a GPT, or of the table in the first sector (MBR) with its chain of
 /// extended partitions. Of other kinds nothing is known.
 struct PartitionTable {
+    /// Which table it is. None is also a kind that is not known.
     enum class Kind { None, GPT, MBR };
 
+    /// Where there is none, the rest says nothing.
     Kind kind = Kind::None;
 
     /// The GUID of a GPT, or the ID of another table, such as "2ab54c28".

@@ -36,6 +36,7 @@ std::unique_ptr<ZeroableDevice> makeZeroableDevice(int file, std::string const& 
 /// there will be more of it. Not for files, whose holes need no look.
 class DeviceZeroing {
 public:
+    /// What is given back begins and ends with such units.
     static constexpr __int64 kPunchUnitBytes = 4096;
 
     /// How much is given back at once.
