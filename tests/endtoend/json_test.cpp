@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tests/endtoend/json_schema.h"
+#include "tests/endtoend/mount_stand_ins.h"
 #include "tests/endtoend/tool_fixture.h"
 
 namespace endtoend {
@@ -68,6 +69,8 @@ protected:
             {"map", "tue.vmdk"},
             {"map", "tue.vmdk", "--svg", "picture.svg"},
             {"files", "mon.vmdk"},
+            {"mount", "mon.vmdk", "copies"},
+            {"umount", "copies"},
             {"child", "tue.vmdk", "wed.vmdk"},
             {"copy", "old.vmdk", "copies"},
             {"rename", "old.vmdk", "older.vmdk"},
@@ -120,6 +123,7 @@ TEST_F(ToldToPrograms, TheCheckOfTheSchemaFindsWhatIsWrong) {
 }
 
 TEST_F(ToldToPrograms, EveryCommandThatWorksTellsItsObject) {
+    MountStandIns const standIns(folder());
     makeChain();
     std::set<std::string> commands;
     for (Arguments const& command : commandsThatWork()) {
@@ -145,6 +149,7 @@ TEST_F(ToldToPrograms, EveryCommandThatFailsTellsItsError) {
          {"password", "missing.vmdk", "--password-file", "image", "--new-password-file", "image"}},
         {"merge", {"merge", "missing.vmdk", "missing.vmdk", "new.vmdk"}},
         {"export", {"export", "missing.vmdk", "new"}},
+        {"mount", {"mount", "missing.vmdk", "."}},
         {"convert", {"convert", "missing.vmdk", "new.vmdk"}},
         {"compare", {"compare", "missing.vmdk", "image"}},
         {"child", {"child", "missing.vmdk", "new.vmdk"}},

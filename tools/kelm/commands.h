@@ -43,6 +43,8 @@ void addRepairCommand(CLI::App& program, Run& run);
 void addCompactCommand(CLI::App& program, Run& run);
 void addMapCommand(CLI::App& program, Run& run);
 void addFilesCommand(CLI::App& program, Run& run);
+void addMountCommand(CLI::App& program, Run& run);
+void addUmountCommand(CLI::App& program, Run& run);
 void addChildCommand(CLI::App& program, Run& run);
 void addFlattenCommand(CLI::App& program, Run& run);
 void addPasswordCommand(CLI::App& program, Run& run);
