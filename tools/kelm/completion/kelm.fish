@@ -102,6 +102,7 @@ complete -c kelm -n '__fish_seen_subcommand_from import' -l pad -d 'Accept stand
 complete -c kelm -n '__fish_seen_subcommand_from import' -l resume -d 'Go on with a disk whose import was killed: what it holds already stays'
 complete -c kelm -n '__fish_seen_subcommand_from import' -l no-digests -d 'Make no file of digests, by which \'check\' finds every change of the content'
 complete -c kelm -n '__fish_seen_subcommand_from import' -l image-digest -d 'Keep the SHA-256 of the image among the digests, for \'digest --print\''
+complete -c kelm -n '__fish_seen_subcommand_from import' -l exclude-free -d 'Leave out what ext2, ext3 and ext4 on the image say is free; it reads as zeros'
 complete -c kelm -n '__fish_seen_subcommand_from import' -l changed -r -F -d 'Read only the ranges of the image that this list names, or standard input for \'-\'; the rest is as the parent'
 complete -c kelm -n '__fish_seen_subcommand_from import' -l verify-changed -x -d 'With --changed, read a random part of the rest, and fail if it has changed'
 complete -c kelm -n '__fish_seen_subcommand_from import' -l threads -x -d 'Threads that work on grains; all cores by default'
