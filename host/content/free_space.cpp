@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
+#include <utility>
 
 #include <ext2fs/ext2fs.h>
 #include <unistd.h>

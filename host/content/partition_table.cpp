@@ -7,6 +7,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "host/content/boot_sector.h"
 #include "host/content/little_endian.h"

@@ -4,6 +4,7 @@
 #include <array>
 #include <cassert>
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <unistd.h>

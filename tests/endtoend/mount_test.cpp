@@ -1,6 +1,7 @@
 // What 'mount' and 'umount' start, in which order, and what they take down whatever fails. With
 // stand-ins for the programs; the page of backups is run with the real ones.
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 

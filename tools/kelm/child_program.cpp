@@ -68,6 +68,9 @@ public:
         ::posix_spawn_file_actions_adddup2(&m_actions, descriptor, number);
     }
 
+    /// It keeps no folder in use.
+    void leaveFolder() { ::posix_spawn_file_actions_addchdir_np(&m_actions, "/"); }
+
     pid_t start(std::vector<std::string> const& words) {
         std::vector<std::string> const environment = environmentInEnglish();
         pid_t process = -1;
@@ -142,6 +145,7 @@ BackgroundProgram::BackgroundProgram(std::vector<std::string> const& words,
     spawning.give(log.get(), STDERR_FILENO);
     for (auto const& [descriptor, number] : descriptors)
         spawning.give(descriptor, number);
+    spawning.leaveFolder();
     m_process = spawning.start(words);
 }
 

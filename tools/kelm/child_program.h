@@ -24,7 +24,7 @@ bool isProgramThere(std::string const& name);
 /// One that cannot be started is `yx::CIOError` with "path".
 ProgramEnd runProgram(std::vector<std::string> const& words);
 
-/// A program that goes on when this one has ended. What it says goes to a file.
+/// A program that goes on when this one has ended, in the root folder. What it says goes to a file.
 class BackgroundProgram {
 public:
     /// File descriptors that it gets, by the numbers that they are to have there.

@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <string>

@@ -2,7 +2,12 @@
 
 #include "host/transfer/device_zeroing.h"
 
+#include <algorithm>
 #include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
