@@ -7,7 +7,7 @@
 namespace kelm::host {
 
 /// Copies a whole disk, up to its exact size (`getExactSizeBytes`), to a raw image and finishes
-/// that. Zeros become holes. A target that is too small is left as it was: see
+/// that. What becomes of zeros says the target. One that is too small is left as it was: see
 /// `RawTarget::verifyHasRoomFor`. A grain that cannot be read or decoded ends the export; the error
 /// has the grain's place, as `addGrainPlace` says. `beginWholeReading` comes before anything is
 /// written.

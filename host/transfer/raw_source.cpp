@@ -77,6 +77,31 @@ void RawSource::skipTo(__int64 positionBytes) {
     m_positionBytes = m_startBytes + positionBytes;
 }
 
+void RawSource::excludeFree(FreeSpace const& space) {
+    assert(m_endBytes >= 0);
+    m_freeSpace = &space;
+}
+
+bool RawSource::isFree(__int64 endBytes) const {
+    if (!m_freeSpace)
+        return false;
+    Stretch const free = m_freeSpace->findFree({m_positionBytes, endBytes});
+    return free.startBytes == m_positionBytes && free.endBytes >= endBytes;
+}
+
+void RawSource::clearFree(unsigned char* buffer, int bytes) {
+    if (!m_freeSpace)
+        return;
+    Stretch rest{m_positionBytes, m_positionBytes + bytes};
+    for (Stretch free = m_freeSpace->findFree(rest); !free.isEmpty();
+         free = m_freeSpace->findFree(rest)) {
+        std::fill(buffer + (free.startBytes - m_positionBytes),
+                  buffer + (free.endBytes - m_positionBytes), static_cast<unsigned char>(0));
+        m_excludedBytes += free.endBytes - free.startBytes;
+        rest.startBytes = free.endBytes;
+    }
+}
+
 int RawSource::readNext(unsigned char* buffer, int capacityBytes, bool& isHole) {
     assert(capacityBytes > 0);
     assert(m_positionBytes >= m_startBytes);
@@ -89,8 +114,14 @@ int RawSource::readNext(unsigned char* buffer, int capacityBytes, bool& isHole) 
         if (count <= 0)
             return 0;
         isHole = isInHole(m_positionBytes + count);
-        if (!isHole)
+        if (!isHole && isFree(m_positionBytes + count)) {
+            isHole = true;
+            m_excludedBytes += count;
+        }
+        if (!isHole) {
             count = readFromFile(buffer, count);
+            clearFree(buffer, count);
+        }
     }
     m_positionBytes += count;
     assert(m_endBytes < 0 || m_positionBytes <= m_endBytes);

@@ -64,10 +64,21 @@ std::optional<__int64> findRoom(int file) {
                              nullptr);
 }
 
+/// For reading too, if that is allowed, to see what has to be written.
+FileDescriptor openDeviceAlone(std::string const& path) {
+    // Alone, a device whose file system is mounted is not opened.
+    constexpr int kDeviceFlags = O_CLOEXEC | O_EXCL;
+    FileDescriptor device = FileDescriptor::own(::open(path.c_str(), O_RDWR | kDeviceFlags));
+    if (!device.isOpen() && (errno == EACCES || errno == EPERM))
+        device = FileDescriptor::own(::open(path.c_str(), O_WRONLY | kDeviceFlags));
+    return device;
+}
+
 } // namespace
 
-RawTarget::RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel)
-    : m_path(path), m_cancel(cancel) {
+RawTarget::RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel,
+                     ZeroPolicy zeroPolicy)
+    : m_path(path), m_cancel(cancel), m_zeroPolicy(zeroPolicy) {
     if (path == "-")
         m_file = openStandardOutput();
     else
@@ -89,10 +100,12 @@ void RawTarget::open(bool overwrite) {
             errno = EEXIST;
             throwSystemError("Cannot make the image", m_path);
         }
-        // Alone, a device whose file system is mounted is not opened.
-        int const flags = S_ISBLK(status.st_mode) ? kFlags | O_EXCL : kFlags;
-        m_file = S_ISFIFO(status.st_mode) ? openPipeForWriting(m_path, m_cancel)
-                                          : FileDescriptor::own(::open(m_path.c_str(), flags));
+        if (S_ISFIFO(status.st_mode))
+            m_file = openPipeForWriting(m_path, m_cancel);
+        else if (S_ISBLK(status.st_mode))
+            m_file = openDeviceAlone(m_path);
+        else
+            m_file = FileDescriptor::own(::open(m_path.c_str(), kFlags));
         if (!m_file.isOpen() && errno == EBUSY)
             throwTargetInUse("The device is in use.", m_path);
         if (!m_file.isOpen())
@@ -104,6 +117,8 @@ void RawTarget::open(bool overwrite) {
         m_kind = Kind::File;
     else if (S_ISBLK(status.st_mode))
         m_kind = Kind::Device;
+    if (m_kind == Kind::Device && m_zeroPolicy == ZeroPolicy::Punch)
+        m_deviceZeroing.emplace(makeZeroableDevice(m_file.get(), m_path), m_cancel);
     m_realPath = realPath(m_path);
     m_isOurs = made;
     if (m_kind == Kind::File)
@@ -145,7 +160,8 @@ void RawTarget::verifyHasRoomFor(__int64 imageBytes) const {
 void RawTarget::beginWriting() {
     if (m_kind != Kind::File || m_isOurs)
         return;
-    if (::ftruncate(m_file.get(), 0) != 0)
+    // What is skipped stays.
+    if (m_zeroPolicy != ZeroPolicy::Skip && ::ftruncate(m_file.get(), 0) != 0)
         throwSystemError("Cannot write the image", m_path);
     m_isOurs = true;
 }
@@ -161,16 +177,33 @@ void RawTarget::write(unsigned char const* data, int bytes) {
 void RawTarget::writeZeros(__int64 bytes) {
     assert(bytes >= 0 && !m_finished);
     beginWriting();
-    if (m_kind == Kind::File) {
-        m_positionBytes += bytes;
+    if (m_kind == Kind::Pipe || m_zeroPolicy == ZeroPolicy::Write) {
+        writeEveryZero(bytes);
         return;
     }
+    if (m_deviceZeroing)
+        m_deviceZeroing->zero(m_positionBytes, bytes);
+    else if (m_zeroPolicy == ZeroPolicy::Skip)
+        m_zeros.leftBytes += bytes;
+    else
+        m_zeros.punchedBytes += bytes;
+    m_positionBytes += bytes;
+}
+
+void RawTarget::writeEveryZero(__int64 bytes) {
     static constexpr std::array<unsigned char, kZerosSizeBytes> kZeros{};
+    m_zeros.writtenBytes += bytes;
     while (bytes > 0) {
         int const step = static_cast<int>(std::min<__int64>(bytes, kZerosSizeBytes));
+        if (m_cancel)
+            m_cancel->check();
         write(kZeros.data(), step);
         bytes -= step;
     }
+}
+
+TargetZeros RawTarget::getZeros() const {
+    return m_deviceZeroing ? m_deviceZeroing->getDone() : m_zeros;
 }
 
 bool RawTarget::beginWritingAnywhere() {

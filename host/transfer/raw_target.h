@@ -1,17 +1,21 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "host/system/cancel.h"
 #include "host/system/file_descriptor.h"
 #include "host/system/file_lock.h"
+#include "host/transfer/device_zeroing.h"
+#include "host/transfer/target_zeros.h"
 #include "yx/internal/early_write_back.h"
 
 namespace kelm::host {
 
-/// A raw image that is written from start to end: a new file, a block device, or a pipe. Zeros
-/// become holes in a file. A file that was made or emptied and is not finished is removed. Not for
-/// disks. Errors are `yx::CIOError` with the path under "path".
+/// A raw image that is written from start to end: a new file, a block device, or a pipe. What
+/// becomes of zeros says a `ZeroPolicy`; a pipe gets them all. A file that was made or written to
+/// and is not finished is removed. Not for disks. Errors are `yx::CIOError` with the path under
+/// "path".
 ///
 /// A block device is opened alone: one that is mounted or otherwise taken is `yx::CLockFileError`
 /// "The device is in use." with "path". A file is locked (`FileLock`) until this ends: one that a
@@ -20,9 +24,11 @@ namespace kelm::host {
 class RawTarget {
 public:
     /// "-" is standard output. A file or a block device that exists is `AlreadyExists` unless
-    /// `overwrite` is given; the first write empties such a file. While a pipe takes nothing,
-    /// `cancel` is checked several times a second; it may be null and must outlive the target.
-    RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel = nullptr);
+    /// `overwrite` is given; the first write empties such a file, unless zeros are skipped. While a
+    /// pipe takes nothing, `cancel` is checked several times a second, and often while zeros are
+    /// written; it may be null and must outlive the target.
+    RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel = nullptr,
+              ZeroPolicy zeroPolicy = ZeroPolicy::Punch);
     RawTarget(RawTarget const&) = delete;
     RawTarget& operator=(RawTarget const&) = delete;
     ~RawTarget();
@@ -37,8 +43,11 @@ public:
     /// Writes the next bytes.
     void write(unsigned char const* data, int bytes);
 
-    /// Writes zeros as the next bytes.
+    /// Makes the next bytes zeros, as the policy says.
     void writeZeros(__int64 bytes);
+
+    /// What became of the zeros that `writeZeros` was called for.
+    TargetZeros getZeros() const;
 
     /// Begins writing, and returns whether `writeAt` works: for a file or a block device, not for a
     /// pipe.
@@ -61,10 +70,12 @@ private:
     void lock();
     void beginWriting();
     void writeToPipe(unsigned char const* data, int bytes);
+    void writeEveryZero(__int64 bytes);
     void syncFolder() const;
 
     std::string m_path;
     CancelFlag const* m_cancel;
+    ZeroPolicy m_zeroPolicy;
     FileDescriptor m_file;
     FileLock m_lock;
 
@@ -74,10 +85,14 @@ private:
     Kind m_kind = Kind::Pipe;
     bool m_finished = false;
 
-    /// Whether the file holds nothing but what was written here.
+    /// Whether the file is one that goes if it is not finished.
     bool m_isOurs = false;
 
     __int64 m_positionBytes = 0;
+    TargetZeros m_zeros;
+
+    /// Only for a device.
+    std::optional<DeviceZeroing> m_deviceZeroing;
     yx::detail::EarlyWriteBack m_earlyWriteBack;
 };
 

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tests/endtoend/json_schema.h"
+#include "tests/endtoend/mount_stand_ins.h"
 #include "tests/endtoend/tool_fixture.h"
 
 namespace endtoend {
@@ -60,12 +61,16 @@ protected:
             {"import", "image", "imported.vmdk", "--parent", "full.vmdk", "--force"},
             {"export", "mon.vmdk", "exported"},
             {"export", "mon.vmdk", "exported", "--force", "--salvage"},
+            {"export", "mon.vmdk", "exported", "--force", "--zeros", "skip"},
             {"convert", "mon.vmdk", "converted.vmdk", "--compressed"},
             {"compare", "image", "full.vmdk"},
             {"check", "tue.vmdk"},
             {"check", "tue.vmdk", "--sample", "50"},
             {"map", "tue.vmdk"},
             {"map", "tue.vmdk", "--svg", "picture.svg"},
+            {"files", "mon.vmdk"},
+            {"mount", "mon.vmdk", "copies"},
+            {"umount", "copies"},
             {"child", "tue.vmdk", "wed.vmdk"},
             {"copy", "old.vmdk", "copies"},
             {"rename", "old.vmdk", "older.vmdk"},
@@ -118,6 +123,7 @@ TEST_F(ToldToPrograms, TheCheckOfTheSchemaFindsWhatIsWrong) {
 }
 
 TEST_F(ToldToPrograms, EveryCommandThatWorksTellsItsObject) {
+    MountStandIns const standIns(folder());
     makeChain();
     std::set<std::string> commands;
     for (Arguments const& command : commandsThatWork()) {
@@ -143,6 +149,7 @@ TEST_F(ToldToPrograms, EveryCommandThatFailsTellsItsError) {
          {"password", "missing.vmdk", "--password-file", "image", "--new-password-file", "image"}},
         {"merge", {"merge", "missing.vmdk", "missing.vmdk", "new.vmdk"}},
         {"export", {"export", "missing.vmdk", "new"}},
+        {"mount", {"mount", "missing.vmdk", "."}},
         {"convert", {"convert", "missing.vmdk", "new.vmdk"}},
         {"compare", {"compare", "missing.vmdk", "image"}},
         {"child", {"child", "missing.vmdk", "new.vmdk"}},
@@ -247,10 +254,25 @@ TEST_F(ToldToPrograms, TransfersCountWhatTheyReadStoreAndSkip) {
         json const exported = runTold({"export", "disk.vmdk", "out", "--force"});
         EXPECT_EQ(exported["storedBytes"], kWhole - kZeros);
         EXPECT_EQ(exported["skippedBytes"], kZeros);
+        EXPECT_EQ(exported["zeros"],
+                  (json{{"punchedBytes", kZeros}, {"leftBytes", 0}, {"writtenBytes", 0}}));
         json const converted = runTold({"convert", "disk.vmdk", "other.vmdk", "--force"});
         EXPECT_EQ(converted["storedBytes"], kWhole - kZeros);
         EXPECT_EQ(converted["skippedBytes"], kZeros);
     }
+    json const skipped = runTold({"export", "disk.vmdk", "out", "--force", "--zeros", "skip"});
+    EXPECT_EQ(skipped["zeros"],
+              (json{{"punchedBytes", 0}, {"leftBytes", kZeros}, {"writtenBytes", 0}}));
+    EXPECT_EQ(readFile("out"), image);
+    for (Arguments const& salvage : {Arguments{}, {"--salvage"}}) {
+        json const written =
+            runTold(joined({{"export", "disk.vmdk", "out", "--force", "--zeros=write"}, salvage}));
+        EXPECT_EQ(written["zeros"],
+                  (json{{"punchedBytes", 0}, {"leftBytes", 0}, {"writtenBytes", kZeros}}));
+        EXPECT_EQ(readFile("out"), image);
+    }
+    runBadly(2, {"export", "disk.vmdk", "out", "--force", "--zeros", "tea"});
+    EXPECT_EQ(readFile("out"), image);
     image[0] = 'b';
     writeFile("image", image);
     for (Arguments const& kind : {Arguments{}, {"--compressed"}, {"--no-digests"}}) {

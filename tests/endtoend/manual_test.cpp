@@ -4,6 +4,7 @@
 
 #include <sys/wait.h>
 
+#include "tests/endtoend/mount_stand_ins.h"
 #include "tests/endtoend/tool_fixture.h"
 
 namespace endtoend {
@@ -87,6 +88,8 @@ protected:
 
 TEST_F(Manual, ExamplesOfTheHelpWork) {
     makeProgramFolder();
+    MountStandIns const standIns(folder());
+    std::filesystem::create_directory(path("mnt"));
     for (char const* name : {"bin/zstd", "bin/zstdcat"}) {
         writeFile(name, "#!/bin/sh\nexec cat \"$@\"\n");
         std::filesystem::permissions(path(name), std::filesystem::perms::owner_all);
@@ -120,11 +123,15 @@ TEST_F(Manual, ExamplesOfTheHelpWork) {
             if (!makesBackup) {
                 ASSERT_EQ(runShell("kelm import sdb backup.vmdk").status, 0) << readFile("err");
             }
+            if (command == "umount") {
+                ASSERT_EQ(runShell("kelm mount backup.vmdk mnt").status, 0) << readFile("err");
+            }
             if (command == "child")
                 std::filesystem::remove(path("tuesday.vmdk"));
             line = replaceAll(line, "/dev/sdb", "sdb");
             line = replaceAll(line, "40G", "8M");
             line = replaceAll(line, "/backup/", path("backup/"));
+            line = replaceAll(line, "/mnt", path("mnt"));
             line =
                 replaceAll(line, "--encrypt", "--encrypt --rounds 1000 --password-file password");
             Outcome const outcome = runShell(line);

@@ -52,9 +52,10 @@ RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& a
 
 std::vector<std::string> const& allCommands() {
     static std::vector<std::string> const kCommands{
-        "create", "info",   "import",  "export", "convert", "compare", "check",  "map",
-        "list",   "child",  "flatten", "rebase", "rename",  "copy",    "delete", "password",
-        "digest", "repair", "drop",    "merge",  "prune",   "compact", "help"};
+        "create",  "info",     "import", "export",  "convert", "compare", "check",
+        "map",     "list",     "child",  "flatten", "rebase",  "rename",  "copy",
+        "delete",  "password", "digest", "repair",  "drop",    "merge",   "prune",
+        "compact", "files",    "mount",  "umount",  "help"};
     return kCommands;
 }
 

@@ -74,6 +74,11 @@ TEST_F(HowMuchIsSaid, VerboseSaysWhatTheWorkIsBasedOnAndWhatWasDone) {
     EXPECT_NE(wordsOf({"export", "day.vmdk", "out", "--verbose"})
                   .find("kelm: " + path("day.vmdk") + " has the parent " + parent + "\n"),
               std::string::npos);
+    std::string const exported = wordsOf({"export", "day.vmdk", "out2", "--verbose"});
+    EXPECT_TRUE(std::regex_search(
+        exported, std::regex("zeros or the parent's, punched [0-9.]+ [KMG]iB of zeros, left 0 "
+                             "bytes, wrote 0 bytes, 0 warnings\n$")))
+        << exported;
     std::string const checked = wordsOf({"check", "full.vmdk", "--verbose", "--json"});
     EXPECT_NE(checked.find("kelm: check took "), std::string::npos) << checked;
 }

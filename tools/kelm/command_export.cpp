@@ -1,4 +1,8 @@
+#include <map>
 #include <memory>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "host/transfer/exact_size.h"
 #include "tools/kelm/commands.h"
@@ -11,9 +15,14 @@ namespace kelm::tool {
 
 namespace {
 
+std::map<std::string, host::ZeroPolicy> const kZeroPolicies{{"write", host::ZeroPolicy::Write},
+                                                            {"punch", host::ZeroPolicy::Punch},
+                                                            {"skip", host::ZeroPolicy::Skip}};
+
 struct ExportArguments {
     std::string disk;
     std::string image;
+    std::string zeros = "punch";
     int threads = 0;
     bool force = false;
     bool unfinished = false;
@@ -22,16 +31,29 @@ struct ExportArguments {
     PasswordOptions passwords;
 };
 
+host::RawTarget openTarget(Invocation const& invocation, ExportArguments const& arguments) {
+    return {arguments.image, arguments.force, &invocation.getCancel(),
+            kZeroPolicies.at(arguments.zeros)};
+}
+
+void tellZeros(Invocation& invocation, host::TargetZeros const& zeros) {
+    invocation.getResult().add({{"zeros",
+                                 {{"punchedBytes", zeros.punchedBytes},
+                                  {"leftBytes", zeros.leftBytes},
+                                  {"writtenBytes", zeros.writtenBytes}}}});
+}
+
 ExitStatus salvageImage(Invocation& invocation, ExportArguments& arguments) {
     std::unique_ptr<host::SalvagedDisk> const disk =
         openToSalvage(invocation, arguments.disk, arguments.salvage, arguments.passwords);
     if (std::optional<yx::CURI> const image = tryNameRegularFile(arguments.image))
         verifyIsNoneOf(disk->listFiles(), *image);
-    host::RawTarget target(arguments.image, arguments.force, &invocation.getCancel());
+    host::RawTarget target = openTarget(invocation, arguments);
     LongWork work(invocation, "export", arguments.threads);
     host::exportSalvaged(*disk, target, host::getSalvagedSizeBytes(*disk, &invocation.getCancel()),
                          work.getOptions());
     work.hideBar();
+    tellZeros(invocation, target.getZeros());
     return reportDamage(invocation, disk->getDamage(), arguments.image == "-");
 }
 
@@ -47,10 +69,11 @@ ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
         openDisk(invocation, arguments.disk, yx::IIOStream::ReadOnly, arguments.passwords);
     verifyIsNoFileOf(invocation, *disk, usedPassword(invocation, arguments.passwords),
                      arguments.image);
-    host::RawTarget target(arguments.image, arguments.force, &invocation.getCancel());
+    host::RawTarget target = openTarget(invocation, arguments);
     LongWork const work(invocation, "export", arguments.threads);
     host::exportRaw(*disk, target, work.getOptions());
     invocation.tellSkipped(host::getExactSizeBytes(*disk));
+    tellZeros(invocation, target.getZeros());
     return ExitStatus::Done;
 }
 
@@ -67,6 +90,12 @@ void addExportCommand(CLI::App& program, Run& run) {
     addFileArgument(command, "RAW", arguments->image,
                     "The image: a file, a block device, or '-' for standard output");
     addForceOption(command, arguments->force);
+    command
+        .add_option("--zeros", arguments->zeros,
+                    "What becomes of zeros in a file or on a device: punch (holes, the default), "
+                    "write, or skip (what is there stays)")
+        ->type_name("KIND")
+        ->check(CLI::IsMember({"punch", "write", "skip"}));
     addUnfinishedOption(command, arguments->unfinished);
     arguments->salvage.addTo(command);
     addThreadsOption(command, arguments->threads);

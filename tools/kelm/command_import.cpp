@@ -6,7 +6,10 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "host/backups/backup_list.h"
+#include "host/content/free_space.h"
 #include "host/disk/chain_members.h"
 #include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
@@ -37,11 +40,40 @@ struct ImportArguments {
     bool pad = false;
     bool resume = false;
     bool imageDigest = false;
+    bool excludeFree = false;
     std::string changed;
     TransferOptions transfer;
     double verifyChangedPercent = 0;
     NewDiskOptions newDisk;
     PasswordOptions passwords;
+};
+
+/// Bytes that nobody uses, as long as an import lasts.
+class FreeExclusion {
+public:
+    /// With "--exclude-free", lets the source read them as zeros.
+    FreeExclusion(ImportArguments const& arguments, host::RawSource& source) : m_source(source) {
+        if (!arguments.excludeFree)
+            return;
+        if (source.getLength() == -1 || arguments.image == "-") {
+            throw UsageError("--exclude-free needs an image that can be read at any place: a file "
+                             "or a block device that is named.");
+        }
+        m_found = host::findFreeSpace(arguments.image);
+        for (std::string const& refusal : m_found->refusals)
+            yx::logWarning(yx::String::fromUTF8(refusal));
+        if (m_found->space)
+            source.excludeFree(*m_found->space);
+    }
+
+    void tell(Invocation& invocation) const {
+        if (m_found)
+            invocation.getResult().add({{"freeBytes", m_source.getExcludedBytes()}});
+    }
+
+private:
+    host::RawSource& m_source;
+    std::optional<host::FoundFreeSpace> m_found;
 };
 
 /// Which image a disk was made of, for its record; "" for a pipe, and for a name that is too long.
@@ -93,6 +125,7 @@ ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
                          "--on-demand, --split and --force.");
     }
     host::RawSource source(arguments.image, &invocation.getCancel());
+    FreeExclusion const exclusion(arguments, source);
     invocation.allowUnfinished(host::UnfinishedDisks::Itself);
     std::unique_ptr<host::SafeDisk> const disk = openToGoOn(invocation, [&] {
         std::unique_ptr<host::SafeDisk> opened =
@@ -116,6 +149,7 @@ ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
     __int64 const exactSizeBytes = std::max(sizeBytes, source.getPosition());
     host::setExactSizeBytes(*disk, exactSizeBytes);
     invocation.tellSkipped(exactSizeBytes);
+    exclusion.tell(invocation);
     if (digests)
         digests->finish(exactSizeBytes, work.getQuietOptions());
     disk->markComplete();
@@ -196,6 +230,7 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
     host::RawSource source(arguments.image, &invocation.getCancel());
     verifyTakesChanges(arguments, source);
+    FreeExclusion const exclusion(arguments, source);
     std::vector<yx::CURI> sourceFiles;
     if (std::optional<yx::CURI> const file = tryNameRegularFile(arguments.image))
         sourceFiles.push_back(*file);
@@ -228,6 +263,7 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     __int64 const exactSizeBytes = std::max(request.sizeBytes, source.getPosition());
     host::setExactSizeBytes(disk.getDisk(), exactSizeBytes);
     invocation.tellSkipped(exactSizeBytes);
+    exclusion.tell(invocation);
     disk.finishDigests(exactSizeBytes, work.getQuietOptions());
     disk.finish();
     return ExitStatus::Done;
@@ -257,6 +293,8 @@ void addImportCommand(CLI::App& program, Run& run) {
     arguments->newDisk.addDigestsTo(command);
     addFlag(command, "--image-digest", arguments->imageDigest,
             "Keep the SHA-256 of the image among the digests, for 'digest --print'");
+    addFlag(command, "--exclude-free", arguments->excludeFree,
+            "Leave out what ext2, ext3 and ext4 on the image say is free; it reads as zeros");
     addFileOption(command, "--changed", arguments->changed,
                   "Read only the ranges of the image that this list names, or standard input for "
                   "'-'; the rest is as the parent",

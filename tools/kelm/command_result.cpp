@@ -79,6 +79,14 @@ void CommandResult::summarize() const {
         text << ", skipped " << formatMember(*m_members, "skippedBytes")
              << " that are zeros or the parent's";
     }
+    if (m_members->contains("freeBytes"))
+        text << ", left out " << formatMember(*m_members, "freeBytes") << " that are free";
+    if (m_members->contains("zeros")) {
+        Json const& zeros = m_members->at("zeros");
+        text << ", punched " << formatMember(zeros, "punchedBytes") << " of zeros, left "
+             << formatMember(zeros, "leftBytes") << ", wrote "
+             << formatMember(zeros, "writtenBytes");
+    }
     std::size_t const warnings = m_warnings.size();
     text << ", " << warnings << (warnings == 1 ? " warning" : " warnings") << "\n";
     std::fputs(text.str().c_str(), stderr);

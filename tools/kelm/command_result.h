@@ -54,7 +54,7 @@ public:
 
     /// Says at the end how long the work took and what was done, in two lines on standard error: if
     /// that is a terminal, or all is to be said. The second line has the members of the object for
-    /// what was read, stored and skipped.
+    /// what was read, stored and skipped, and for what became of zeros.
     void summarize() const;
 
     /// Adds members to the object, or replaces them.

@@ -68,6 +68,7 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
     auto const waitSeconds = std::make_shared<int>(0);
     Run const actionWithOptions = [=, action = std::move(action)](Invocation& invocation) {
         host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
+        invocation.setMaxRounds(*maxRounds);
         invocation.setParentPasswords(parentPasswords);
         invocation.setTrust(trust->make());
         invocation.setWait(std::chrono::seconds(*waitSeconds));

@@ -7,6 +7,7 @@
 #include "host/disk/disk_trust.h"
 #include "host/system/cancel.h"
 #include "host/system/derived_keys.h"
+#include "host/system/key_derivation.h"
 #include "host/system/progress.h"
 #include "host/system/progress_lines.h"
 #include "host/system/transfer_meter.h"
@@ -72,6 +73,10 @@ public:
     host::BusyWait& getWait() { return m_wait; }
     void setWait(std::chrono::seconds limit) { m_wait = host::BusyWait(limit, &m_cancel); }
 
+    /// The most rounds of key derivation that the user allows.
+    int getMaxRounds() const { return m_maxRounds; }
+    void setMaxRounds(int maxRounds) { m_maxRounds = maxRounds; }
+
     /// The password of parents that have another one than their child; empty if the user gives
     /// none.
     yx::String readParentPassword() const;
@@ -87,6 +92,7 @@ private:
     host::TransferMeter m_meter;
     ProgressKind m_progressKind = ProgressKind::Bar;
     bool m_isLong = false;
+    int m_maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
     yx::P<yx::CNativeFileSystem> m_files;
     host::DerivedKeys m_derivedKeys;
     std::shared_ptr<PasswordOptions> m_parentPasswords;

@@ -35,6 +35,9 @@ void addCommands(CLI::App& program, Run& run) {
     kelm::tool::addRepairCommand(program, run);
     kelm::tool::addCompactCommand(program, run);
     kelm::tool::addMapCommand(program, run);
+    kelm::tool::addFilesCommand(program, run);
+    kelm::tool::addMountCommand(program, run);
+    kelm::tool::addUmountCommand(program, run);
     kelm::tool::addChildCommand(program, run);
     kelm::tool::addFlattenCommand(program, run);
     kelm::tool::addRebaseCommand(program, run);

@@ -18,6 +18,8 @@ using kelm::host::CancelledError;
 using kelm::host::FileLock;
 using kelm::host::RawSource;
 using kelm::host::RawTarget;
+using kelm::host::TargetZeros;
+using kelm::host::ZeroPolicy;
 
 class RawImage : public HostTest {
 protected:
@@ -231,6 +233,79 @@ TEST_F(RawImage, DeviceThatSomebodyHasAloneIsNotOverwritten) {
     EXPECT_NO_THROW(RawTarget(device.getPath(), true));
 }
 
+TEST_F(RawImage, ThinDeviceStaysThin) {
+    constexpr __int64 kDeviceBytes = 16 << 20;
+    Bytes const data = pattern(1 << 20, 2);
+    for (bool const isFull : {false, true}) {
+        SCOPED_TRACE(isFull);
+        std::string const path = pathOf("backing");
+        putImage("backing", isFull ? pattern(kDeviceBytes, 1) : zeros(kDeviceBytes));
+        LoopDevice const device(path);
+        if (!device.isThere())
+            GTEST_SKIP() << "The system gives no loop device.";
+        TargetZeros done;
+        {
+            RawTarget target(device.getPath(), true);
+            target.writeZeros(5 << 20);
+            target.write(data.data(), static_cast<int>(data.size()));
+            target.writeZeros((10 << 20) - 512);
+            target.finish();
+            done = target.getZeros();
+        }
+        EXPECT_TRUE(
+            sameBytes(concat({zeros(5 << 20), data, zeros((10 << 20) - 512),
+                              isFull ? slice(pattern(kDeviceBytes, 1), kDeviceBytes - 512, 512)
+                                     : zeros(512)}),
+                      readImage(path)));
+        EXPECT_EQ((15 << 20) - 512, done.punchedBytes + done.leftBytes + done.writtenBytes);
+        // The file system may be one that makes no holes.
+        if (done.punchedBytes == 0 && isFull)
+            GTEST_SKIP() << "Loop devices give nothing back here.";
+        EXPECT_LE(done.writtenBytes, 4096);
+        EXPECT_LE(storedBytes(path), 2 << 20);
+    }
+}
+
+TEST_F(RawImage, ZerosThatAreSkippedStayWhatTheyWere) {
+    Bytes const before = pattern(100000, 1);
+    Bytes const data = pattern(5, 2);
+    putImage("old.raw", before);
+    RawTarget target(pathOf("old.raw"), true, nullptr, ZeroPolicy::Skip);
+    target.writeZeros(10);
+    target.write(data.data(), 5);
+    target.writeZeros(85);
+    target.finish();
+    EXPECT_EQ(concat({slice(before, 0, 10), data, slice(before, 15, 85)}),
+              readImage(pathOf("old.raw")));
+    EXPECT_EQ(95, target.getZeros().leftBytes);
+    EXPECT_EQ(0, target.getZeros().punchedBytes + target.getZeros().writtenBytes);
+}
+
+TEST_F(RawImage, ZerosThatAreSkippedStayOnADevice) {
+    Bytes const before = pattern(1 << 20, 1);
+    putImage("backing", before);
+    LoopDevice const device(pathOf("backing"));
+    if (!device.isThere())
+        GTEST_SKIP() << "The system gives no loop device.";
+    RawTarget target(device.getPath(), true, nullptr, ZeroPolicy::Skip);
+    target.writeZeros(65536);
+    target.write(pattern(4096, 2).data(), 4096);
+    target.finish();
+    EXPECT_EQ(65536, target.getZeros().leftBytes);
+    EXPECT_TRUE(sameBytes(concat({slice(before, 0, 65536), pattern(4096, 2),
+                                  slice(before, 69632, (1 << 20) - 69632)}),
+                          readImage(pathOf("backing"))));
+}
+
+TEST_F(RawImage, ZerosThatAreWrittenTakeTheirSpace) {
+    RawTarget target(pathOf("out.raw"), false, nullptr, ZeroPolicy::Write);
+    target.writeZeros(1 << 20);
+    target.finish();
+    EXPECT_EQ(zeros(1 << 20), readImage(pathOf("out.raw")));
+    EXPECT_GE(storedBytes(pathOf("out.raw")), 1 << 20);
+    EXPECT_EQ(1 << 20, target.getZeros().writtenBytes);
+}
+
 TEST_F(RawImage, OverwritingLeavesNothingOfTheOldFile) {
     putImage("old.raw", pattern(100000, 1));
     RawTarget target(pathOf("old.raw"), true);
@@ -238,6 +313,7 @@ TEST_F(RawImage, OverwritingLeavesNothingOfTheOldFile) {
     target.write(pattern(5, 2).data(), 5);
     target.finish();
     EXPECT_EQ(concat({zeros(10), pattern(5, 2)}), readImage(pathOf("old.raw")));
+    EXPECT_EQ(10, target.getZeros().punchedBytes);
 }
 
 TEST_F(RawImage, FileToBeOverwrittenStaysUntilTheFirstWrite) {
@@ -260,11 +336,12 @@ TEST_F(RawImage, PipeGetsEveryZero) {
     std::string const path = makePipe("pipe");
     int const reader = ::open(path.c_str(), O_RDWR | O_NONBLOCK);
     {
-        RawTarget target(path, false);
+        RawTarget target(path, false, nullptr, ZeroPolicy::Skip);
         target.writeZeros(1000);
         target.write(pattern(100, 1).data(), 100);
         target.writeZeros(5);
         target.finish();
+        EXPECT_EQ(1005, target.getZeros().writtenBytes);
     }
     Bytes got(5000);
     ssize_t const count = ::read(reader, got.data(), got.size());

@@ -16,7 +16,7 @@ HEAD_WIDTH = 30
 OPTION = re.compile(r"^  (?:-h,)?--([a-z][a-z-]*)(?: ([A-Z]+)(?=[:\s]))?")
 COMMAND = re.compile(r"^  ([a-z]+) +(.*)$")
 FILES = {"FILE", "FOLDER"}
-CHOICES = {"progress": "bar json none"}
+CHOICES = {"progress": "bar json none", "zeros": "punch skip write"}
 
 
 def run(*arguments):
