@@ -33,12 +33,21 @@ template <class Extents>
 CVMDKDisk::CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                      yx::String const& password, int compressionLevel,
                      CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk)
+    : CVMDKDisk(fileSystem, uri, access, password, compressionLevel, grainTableCache, parentDisk,
+                nullptr) {}
+
+CVMDKDisk::CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
+                     yx::String const& password, int compressionLevel,
+                     CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
+                     yx::CLockFile* lockFile)
     : m_fileSystem(fileSystem),
       m_mainFileURI(uri.toNormalized()),
       m_access(access),
-      m_compressionLevel(compressionLevel) {
+      m_compressionLevel(compressionLevel),
+      m_lockFile(lockFile) {
     yx::CProps const uriProps = yx::CProps().add("uri", uri.toString(true));
-    takeLock(uri);
+    if (!m_lockFile)
+        takeLock(uri);
     m_grainTableCache = grainTableCache ? yx::P<CVMDKGrainTableCache>(grainTableCache)
                                         : yx::makeObject<CVMDKGrainTableCache>();
     readDescriptor(uriProps);
