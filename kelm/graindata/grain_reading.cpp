@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cassert>
 
 #include "kelm/graindata/grain.h"
@@ -13,6 +14,9 @@ constexpr char kReadEncipheredName[] = "CVMDKGrain::tryReadEncipheredGrainData";
 
 /// A record whose compressed data exceed this many grains is treated as damaged.
 constexpr int kMaxRecordGrains = 2;
+
+/// A slot of more grains than that is not read as a whole.
+constexpr int kMaxSlotGrains = 2;
 
 /// Pads a deciphered record to whole sectors for as long as it lives. Deciphered records end with
 /// their data, unlike plain ones, and decoders are many times slower over the last bytes of their
@@ -33,6 +37,24 @@ private:
     yx::TBuffer<unsigned char>& m_record;
     int m_sizeBytes;
 };
+
+/// Reads the whole slot of a record, where the stream stands, with one request: who reads at random
+/// would need another one for what is behind the header. Returns how many bytes there are of it,
+/// whole sectors, or 0 if they are to be read otherwise.
+int tryReadSlot(yx::IIOStream& stream, __int64 slotSizeSectors,
+                yx::TBuffer<unsigned char>& record) {
+    if (slotSizeSectors <= 1)
+        return 0;
+    record.setUsed(static_cast<int>(slotSizeSectors * kSectorSizeBytes));
+    try {
+        return stream.readLax(record.getData(), record.getUsed()) / kSectorSizeBytes *
+               kSectorSizeBytes;
+    } catch (yx::CIOError const& error) {
+        // What cannot be read may lie behind the record.
+        error.nop();
+        return 0;
+    }
+}
 
 } // namespace
 
@@ -148,16 +170,24 @@ void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
 
 /// Reads a record as the file holds it, up to a sector's end. Returns the size of its data.
 unsigned int CVMDKGrain::readRecord(yx::TBuffer<unsigned char>& record) {
-    record.setUsed(kSectorSizeBytes);
-    m_stream->read(record.getData(), kSectorSizeBytes);
+    bool const isSlotSizeSane =
+        m_slotSizeSectors * kSectorSizeBytes <= kMaxSlotGrains * m_grainSizeBytes;
+    int const readBytes = isSlotSizeSane ? tryReadSlot(*m_stream, m_slotSizeSectors, record) : 0;
+    if (readBytes == 0) {
+        seekToGrain();
+        record.setUsed(kSectorSizeBytes);
+        m_stream->read(record.getData(), kSectorSizeBytes);
+    }
 
     unsigned int const compressedSizeBytes = verifiedCompressedSize(record.getData());
     __int64 const storedSizeBytes =
         m_cipher ? roundUpToMultiple(compressedSizeBytes, m_cipherBlockSize) : compressedSizeBytes;
     record.setUsed(static_cast<int>(
         roundUpToMultiple(storedSizeBytes + kGrainRecordHeaderSizeBytes, kSectorSizeBytes)));
-    if (record.getUsed() > kSectorSizeBytes)
+    if (record.getUsed() > std::max(readBytes, kSectorSizeBytes)) {
+        m_stream->seek(getStoredPosSectors() * kSectorSizeBytes + kSectorSizeBytes);
         m_stream->read(record.getData() + kSectorSizeBytes, record.getUsed() - kSectorSizeBytes);
+    }
     return compressedSizeBytes;
 }
 
