@@ -347,9 +347,9 @@ yx::P<yx::IIOStream> DiskFileSystem::fillSlots(yx::CURI const& name,
 void DiskFileSystem::verifyGrainSize(Member const& member, yx::CURI const& uri,
                                      yx::IIOStream& stream) {
     // A file without a header yet is being made.
-    if (m_trust.allowOversize || stream.getLength() < kSectorSizeBytes ||
-        !m_judged.insert(uri).second)
+    if (m_trust.allowOversize || m_judged.contains(uri) || stream.getLength() < kSectorSizeBytes)
         return;
+    m_judged.insert(uri);
     if (std::optional<CVMDKSparseExtentHeader> const header = tryReadHeader(*buffered(&stream)))
         member.reach.verifyGrainSize(uri, header->getGrainSizeSectors());
     stream.seek(0);

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cassert>
+#include <exception>
 
 #include "kelm/graindata/grain.h"
 #include "kelm/graindata/internal/record_cipher.h"
@@ -38,21 +39,25 @@ private:
     int m_sizeBytes;
 };
 
-/// Reads the whole slot of a record, where the stream stands, with one request: who reads at random
-/// would need another one for what is behind the header. Returns how many bytes there are of it,
-/// whole sectors, or 0 if they are to be read otherwise.
-int tryReadSlot(yx::IIOStream& stream, __int64 slotSizeSectors,
-                yx::TBuffer<unsigned char>& record) {
-    if (slotSizeSectors <= 1)
-        return 0;
-    record.setUsed(static_cast<int>(slotSizeSectors * kSectorSizeBytes));
+/// The whole slot of a record, read with one request: who reads at random would need another one
+/// for what is behind the header.
+struct SlotContent {
+    /// So many bytes there are of it, whole sectors; 0 if it has not been read.
+    int sizeBytes = 0;
+
+    /// Why not, if it was tried.
+    std::exception_ptr failure = {};
+};
+
+SlotContent readSlot(yx::IIOStream& stream, __int64 slotSizeBytes,
+                     yx::TBuffer<unsigned char>& target) {
+    target.setUsed(static_cast<int>(slotSizeBytes));
     try {
-        return stream.readLax(record.getData(), record.getUsed()) / kSectorSizeBytes *
-               kSectorSizeBytes;
+        return {stream.readLax(target.getData(), target.getUsed()) / kSectorSizeBytes *
+                kSectorSizeBytes};
     } catch (yx::CIOError const& error) {
-        // What cannot be read may lie behind the record.
         error.nop();
-        return 0;
+        return {0, std::current_exception()};
     }
 }
 
@@ -170,10 +175,11 @@ void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
 
 /// Reads a record as the file holds it, up to a sector's end. Returns the size of its data.
 unsigned int CVMDKGrain::readRecord(yx::TBuffer<unsigned char>& record) {
-    bool const isSlotSizeSane =
-        m_slotSizeSectors * kSectorSizeBytes <= kMaxSlotGrains * m_grainSizeBytes;
-    int const readBytes = isSlotSizeSane ? tryReadSlot(*m_stream, m_slotSizeSectors, record) : 0;
-    if (readBytes == 0) {
+    __int64 const slotSizeBytes = m_slotSizeSectors * kSectorSizeBytes;
+    SlotContent slot;
+    if (slotSizeBytes > kSectorSizeBytes && slotSizeBytes <= kMaxSlotGrains * m_grainSizeBytes)
+        slot = readSlot(*m_stream, slotSizeBytes, record);
+    if (slot.sizeBytes == 0) {
         seekToGrain();
         record.setUsed(kSectorSizeBytes);
         m_stream->read(record.getData(), kSectorSizeBytes);
@@ -184,7 +190,10 @@ unsigned int CVMDKGrain::readRecord(yx::TBuffer<unsigned char>& record) {
         m_cipher ? roundUpToMultiple(compressedSizeBytes, m_cipherBlockSize) : compressedSizeBytes;
     record.setUsed(static_cast<int>(
         roundUpToMultiple(storedSizeBytes + kGrainRecordHeaderSizeBytes, kSectorSizeBytes)));
-    if (record.getUsed() > std::max(readBytes, kSectorSizeBytes)) {
+    // What cannot be read of a larger slot may lie behind the record.
+    if (slot.failure && record.getUsed() >= slotSizeBytes)
+        std::rethrow_exception(slot.failure);
+    if (record.getUsed() > std::max(slot.sizeBytes, kSectorSizeBytes)) {
         m_stream->seek(getStoredPosSectors() * kSectorSizeBytes + kSectorSizeBytes);
         m_stream->read(record.getData() + kSectorSizeBytes, record.getUsed() - kSectorSizeBytes);
     }

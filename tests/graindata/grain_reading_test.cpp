@@ -44,6 +44,36 @@ TEST_F(GrainReading, NothingIsReadForNoBytes) {
     EXPECT_EQ(grain->getPosition(), kGrainSizeBytes);
 }
 
+TEST_F(GrainReading, ARecordIsReadWithOneRequest) {
+    for (Kind const& kind : {kCompressed, kCompressedAndEnciphered}) {
+        SCOPED_TRACE(testing::Message() << kind);
+        Bytes const plain = pattern(kGrainSizeBytes, 1);
+        putGrain(kind, plain, 0, 1);
+        auto const slot = allocator->slotOf(0);
+        ASSERT_GT(slot.sizeSectors, 2);
+        yx::P<CVMDKGrain> const grain = makeGrain(kind);
+        openGrain(*grain);
+        EXPECT_TRUE(sameBytes(readAll(*grain), plain));
+        EXPECT_EQ(stream->operationsOf(ScriptedStream::Kind::Read),
+                  (Operations{{ScriptedStream::Kind::Read, slot.posSectors * 512,
+                               slot.sizeSectors * 512}}));
+    }
+}
+
+TEST_F(GrainReading, WhatCannotBeReadBehindARecordIsNoError) {
+    Bytes const plain = pattern(kGrainSizeBytes, 1);
+    putGrain(kCompressed, plain, 0, 1);
+    auto const slot = allocator->slotOf(0);
+    __int64 const recordEnd = (slot.posSectors + slot.sizeSectors - 1) * 512;
+    stream->setFault([recordEnd](Operation const& operation) {
+        return operation.kind == ScriptedStream::Kind::Read &&
+               operation.position + operation.sizeBytes > recordEnd;
+    });
+    yx::P<CVMDKGrain> const grain = makeGrain(kCompressed);
+    openGrain(*grain);
+    EXPECT_TRUE(sameBytes(readAll(*grain), plain));
+}
+
 TEST_F(GrainReading, BadSizesAreRefused) {
     yx::P<CVMDKGrain> const grain = makeGrain(kPlain);
     openGrain(*grain);
