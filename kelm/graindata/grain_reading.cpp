@@ -190,8 +190,8 @@ unsigned int CVMDKGrain::readRecord(yx::TBuffer<unsigned char>& record) {
         m_cipher ? roundUpToMultiple(compressedSizeBytes, m_cipherBlockSize) : compressedSizeBytes;
     record.setUsed(static_cast<int>(
         roundUpToMultiple(storedSizeBytes + kGrainRecordHeaderSizeBytes, kSectorSizeBytes)));
-    // What cannot be read of a larger slot may lie behind the record.
-    if (slot.failure && record.getUsed() >= slotSizeBytes)
+    // What cannot be read of a larger slot may lie behind the record. Enciphering may take a sector.
+    if (slot.failure && record.getUsed() + kSectorSizeBytes >= slotSizeBytes)
         std::rethrow_exception(slot.failure);
     if (record.getUsed() > std::max(slot.sizeBytes, kSectorSizeBytes)) {
         m_stream->seek(getStoredPosSectors() * kSectorSizeBytes + kSectorSizeBytes);
