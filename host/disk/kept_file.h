@@ -34,7 +34,7 @@ public:
     /// From now on everything is asked of the file.
     void forgetStart();
 
-    bool keepsStart() const { return m_keepsStart; }
+    bool keepsStart() const { return m_keepsStart; } ///< until `forgetStart`
 
     /// -1 if the file is none of the operating system.
     int getFileDescriptor() const override;

@@ -1,6 +1,7 @@
 #include "kelm/disk/disk.h"
 
 #include <cassert>
+#include <utility>
 
 #include "kelm/extent/internal/grain_position.h"
 #include "kelm/extent/low_level_file_stream.h"
@@ -126,10 +127,10 @@ void CVMDKDisk::readExtentLines(yx::CProps const& uriProps) {
                                uriProps, nullptr);
         }
         // Deliberate: the access word and the offset of a line are not looked at.
-        yx::CURI const extentURI = vmdkFileReferenceToURI(folder, info->getFilename());
+        yx::CURI extentURI = vmdkFileReferenceToURI(folder, info->getFilename());
         if (m_firstExtentFileURI.isEmpty())
             m_firstExtentFileURI = extentURI;
-        m_extentMap[CExtentKey{sectors, sizeSectors}].m_uri = extentURI;
+        m_extentMap[CExtentKey{sectors, sizeSectors}].m_uri = std::move(extentURI);
         sectors += sizeSectors;
     }
     if (m_extentMap.isEmpty()) {
