@@ -118,9 +118,7 @@ void measureKind(std::filesystem::path const& folder, std::string const& image, 
         yx::makeObject<yx::CNativeFileSystem>(yx::NativeFlush::ToSystem);
     std::filesystem::path const disk = folder / "disk.vmdk";
     auto const with = [&](std::function<void(host::SafeDisk&)> const& use) {
-        return [&kind, disk, use](yx::IFileSystem* files) {
-            use(*openDisk(files, disk, kind));
-        };
+        return [&kind, disk, use](yx::IFileSystem* files) { use(*openDisk(files, disk, kind)); };
     };
     Work const works[] = {
         {"import", [&](yx::IFileSystem* files) { import(files, disk, image, kind); }},
@@ -133,9 +131,8 @@ void measureKind(std::filesystem::path const& folder, std::string const& image, 
              target.finish();
          })},
         {"check", [&](yx::IFileSystem* files) {
-             __int64 const findings =
-                 host::checkDisk(files, toURI(disk), kind.password, {},
-                                 [](yx::CURI const&, std::string const&) {});
+             __int64 const findings = host::checkDisk(files, toURI(disk), kind.password, {},
+                                                      [](yx::CURI const&, std::string const&) {});
              if (findings != 0)
                  bench::failWith("the disk is not sound");
          }}};
