@@ -63,9 +63,9 @@ void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
     bool const existed = fileSystem->fileExists(m_uri);
     if (!existed && !createFile)
         throw CLockFileError("The lock file does not exist.", detail::makeUriProps(m_uri), nullptr);
-    m_file = enter(fileSystem, existed);
+    m_file = enter(fileSystem, type, existed);
     try {
-        m_file->lock(type == Exclusive ? IStreamBase::Exclusive : IStreamBase::Shared);
+        m_file->lock();
     } catch (CError const& error) {
         // A holder who is leaving may count on the one it saw present to remove the file.
         if (!m_keepFile)
@@ -77,13 +77,13 @@ void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
     }
 }
 
-std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem,
+std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem, LockType type,
                                                        bool existed) const {
     auto const end = std::chrono::steady_clock::now() + kMaxRemovalTime;
     do {
         auto file = std::make_unique<detail::OpenLockFile>(fileSystem, m_uri);
         try {
-            if (file->tryEnter()) {
+            if (file->tryEnter(type == Exclusive ? IStreamBase::Exclusive : IStreamBase::Shared)) {
                 assert(file->isPresent());
                 return file;
             }

@@ -66,7 +66,8 @@ public:
     ~CLockFile() override;
 
 private:
-    std::unique_ptr<detail::OpenLockFile> enter(IFileSystem* fileSystem, bool existed) const;
+    std::unique_ptr<detail::OpenLockFile> enter(IFileSystem* fileSystem, LockType type,
+                                                bool existed) const;
     void take(IFileSystem* fileSystem, LockType type, bool createFile);
 
     CURI m_uri;

@@ -44,6 +44,8 @@ bool isMissing(int errorNumber) {
 
 /// Names the same file after a change of the current directory. Empty if that directory is gone.
 std::string toAbsolute(std::string const& path) {
+    if (path.starts_with('/'))
+        return path;
     std::error_code error;
     return std::filesystem::absolute(path, error).string();
 }
@@ -76,8 +78,8 @@ P<IIOStream> CNativeFileSystem::openFile(CURI const& uri, IIOStream::Access acce
         error = getRefusal(status.st_mode);
     if (error != 0)
         throw detail::makeFileError(FileAction::Open, error, detail::makeUriProps(uri));
-    return makeObject<CNativeFileStream>(std::move(descriptor), uri, toAbsolute(path), access,
-                                         m_flush);
+    return makeObject<CNativeFileStream>(std::move(descriptor), status, uri, toAbsolute(path),
+                                         access, m_flush);
 }
 
 bool CNativeFileSystem::fileExists(CURI const& uri) {

@@ -131,6 +131,13 @@ void appendUTF8(std::string& target, char32_t codePoint) {
 
 std::string encode(wxString const& text) {
     std::wstring_view const characters(text.wc_str(), text.length());
+    if (std::all_of(characters.begin(), characters.end(),
+                    [](wchar_t character) { return static_cast<char32_t>(character) < 0x80; })) {
+        std::string ascii(characters.size(), '\0');
+        std::transform(characters.begin(), characters.end(), ascii.begin(),
+                       [](wchar_t character) { return static_cast<char>(character); });
+        return ascii;
+    }
     std::string utf8;
     utf8.reserve(characters.size());
     for (wchar_t const character : characters) {
@@ -197,7 +204,12 @@ String& String::operator+=(wchar_t character) {
 }
 
 bool String::operator==(char const* text) const {
-    return m_text == decode(text);
+    std::string_view const bytes = text ? std::string_view(text) : std::string_view();
+    if (!isAscii(bytes))
+        return m_text == decode(bytes);
+    std::wstring_view const characters(m_text.wc_str(), m_text.length());
+    return std::equal(characters.begin(), characters.end(), bytes.begin(), bytes.end(),
+                      [](wchar_t left, char right) { return left == static_cast<wchar_t>(right); });
 }
 
 bool String::operator!=(char const* text) const {

@@ -77,6 +77,37 @@ std::string escapeHost(std::string const& host) {
     return isAddressLiteral(host) ? host : escape(host, isAuthorityChar);
 }
 
+bool isLowerCase(wxString const& text) {
+    std::wstring_view const characters(text.wc_str(), text.length());
+    return std::all_of(characters.begin(), characters.end(), [](wchar_t character) {
+        return character < 0x80 && !(character >= 'A' && character <= 'Z');
+    });
+}
+
+bool isUnreservedText(wxString const& text) {
+    std::wstring_view const characters(text.wc_str(), text.length());
+    return std::all_of(characters.begin(), characters.end(), [](wchar_t character) {
+        return character < 0x80 && isUnreserved(static_cast<char>(character));
+    });
+}
+
+/// Whether an escaped path is sure to be its own normal form: it starts at a root, and has no
+/// escapes, no repeated separators, and no names that begin with a dot.
+bool isPlainPath(wxString const& text) {
+    std::wstring_view const path(text.wc_str(), text.length());
+    if (path.empty() || path.front() != '/')
+        return false;
+    wchar_t before = 0;
+    for (wchar_t const character : path) {
+        bool const isOdd =
+            character == '%' || (before == '/' && (character == '/' || character == '.'));
+        if (isOdd)
+            return false;
+        before = character;
+    }
+    return true;
+}
+
 /// Where the extension of a name starts; its end if there is none.
 size_t getExtensionStart(wxString const& name) {
     size_t const dot = name.rfind('.');
@@ -150,6 +181,12 @@ bool CURI::operator==(CURI const& other) const {
 }
 
 bool CURI::operator<(CURI const& other) const {
+    // Texts that differ in the last part alone.
+    bool const endInPath = !m_query && !other.m_query && !m_fragment && !other.m_fragment;
+    if (endInPath && m_scheme == other.m_scheme && m_host == other.m_host &&
+        m_userName == other.m_userName && m_userAuthInfo == other.m_userAuthInfo &&
+        m_port == other.m_port)
+        return m_path < other.m_path;
     return toString(true) < other.toString(true);
 }
 
@@ -190,6 +227,9 @@ String CURI::toString(bool escaped) const {
 
 CURI CURI::toNormalized() const {
     CURI result = *this;
+    bool const isOfThisSystem = m_host && m_host->isEmpty();
+    if (isOfThisSystem && !m_query && isLowerCase(m_scheme.wx()) && isPlainPath(m_path.wx()))
+        return result;
     result.m_scheme = String::fromUTF8(toLowerAscii(m_scheme.toStdString()));
     if (m_host)
         result.m_host = String::fromUTF8(toLowerAscii(m_host->toStdString()));
@@ -261,6 +301,12 @@ CURI CURI::operator<<(String const& component) const {
     CURI result = *this;
     result.m_query.reset();
     result.m_fragment.reset();
+    // Nothing to escape, and a path that stays as it is.
+    if (m_host && m_path.wx().StartsWith(L"/") && m_path.wx().EndsWith(L"/") &&
+        isUnreservedText(component.wx())) {
+        result.m_path += component;
+        return result;
+    }
     result.setPath(getFolderPath() + escape(component.toStdString(), isSegmentChar));
     return result;
 }

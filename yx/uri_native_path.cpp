@@ -92,6 +92,15 @@ std::string toPathBytes(CURI const& uri, std::string_view separators) {
     return bytes;
 }
 
+/// Whether a URI's path is the path that it names, as it is.
+bool namesItsPath(CURI const& uri) {
+    TConstOptRef<String> const host = uri.getHostOptRef();
+    wxString const& path = uri.getPath().wx();
+    return uri.getScheme() == kFileScheme && host && host->isEmpty() && !uri.getUserNameOptRef() &&
+           uri.getPort() == kNoPort && !uri.getEscapedUnicodeQueryOptRef() &&
+           !uri.getFragmentOptRef() && path.StartsWith(L"/") && path.find('%') == wxString::npos;
+}
+
 } // namespace
 
 CURI::CURI(TPathImpl<CUnixPathTraits> const& path, bool asFolder) {
@@ -123,6 +132,8 @@ void CURI::setNativePath(std::string path, bool asFolder) {
 }
 
 String toUnixPath(CURI const& uri) {
+    if (namesItsPath(uri))
+        return uri.getPath();
     String const path = String::fromUTF8(toPathBytes(uri, "/"));
     if (!getForeignHost(uri).empty())
         throwNoNativePath(uri, "its host is another system.");

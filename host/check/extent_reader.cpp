@@ -17,8 +17,10 @@ bool ExtentReader::tryReadHeader(CVMDKSparseExtentHeader& header) {
     auto const failure = findingOf([&] {
         m_sizeBytes = m_stream.getLength();
         m_sizeSectors = m_sizeBytes / kSectorSizeBytes;
-        m_stream.seek(0);
-        yx::CDataInStream in(&m_stream);
+        yx::P<yx::COptimizingIOStream> const start =
+            yx::makeObject<yx::COptimizingIOStream>(&m_stream);
+        start->seek(0);
+        yx::CDataInStream in(start.get());
         header.load(in);
     });
     if (failure)
@@ -61,8 +63,7 @@ std::optional<std::string> ExtentReader::findFailure(__int64 sector, __int64 byt
 ExtentReader::Bytes ExtentReader::read(__int64 positionBytes, __int64 bytes) {
     assert(positionBytes >= 0 && bytes > 0);
     Bytes data(static_cast<std::size_t>(bytes));
-    m_stream.seek(positionBytes);
-    m_stream.read(data.data(), static_cast<int>(bytes));
+    m_blocks.read(positionBytes, data.data(), static_cast<int>(bytes));
     return data;
 }
 

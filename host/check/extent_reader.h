@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "host/check/block_reader.h"
 #include "host/check/extent_findings.h"
 #include "kelm/format/sparse_extent_header.h"
 #include "yx/stream.h"
@@ -11,6 +12,7 @@
 namespace kelm::host {
 
 /// Reads the file of an extent for its check: what cannot be read becomes a finding, not an error.
+/// Nobody changes the file meanwhile.
 class ExtentReader {
 public:
     /// What is read from the file.
@@ -18,7 +20,7 @@ public:
 
     /// `stream` and `findings` must outlive the object.
     ExtentReader(yx::IIOStream& stream, ExtentFindings const& findings)
-        : m_stream(stream), m_findings(findings) {}
+        : m_stream(stream), m_blocks(stream), m_findings(findings) {}
 
     /// Reads the length of the file and its header. This comes before all other calls. Returns
     /// false, with a finding, if that fails.
@@ -50,6 +52,7 @@ private:
     std::optional<std::string> findFailure(__int64 sector, __int64 bytes, Bytes& data);
 
     yx::IIOStream& m_stream;
+    BlockReader m_blocks;
     ExtentFindings const& m_findings;
     __int64 m_sizeBytes = 0;
     __int64 m_sizeSectors = 0;

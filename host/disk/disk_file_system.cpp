@@ -11,7 +11,9 @@
 #include "host/disk/own_name.h"
 #include "host/disk/slot_filling_stream.h"
 #include "host/disk/unfinished_disk.h"
+#include "host/store/file_names.h"
 #include "host/store/folder_sync.h"
+#include "kelm/disk/disk.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/descriptor_accessor.h"
 #include "kelm/format/file_reference.h"
@@ -41,6 +43,16 @@ yx::CProps propsOf(yx::CURI const& uri) {
                        propsOf(uri), nullptr);
 }
 
+/// Empty for a name that is no text, which has none.
+yx::CURI lockFileOf(yx::CURI const& mainFile) {
+    try {
+        return CVMDKDisk::getLockFileURI(mainFile).toNormalized();
+    } catch (yx::CIOError const& error) {
+        error.nop();
+        return {};
+    }
+}
+
 /// Buffered, so that files which demand alignment get it.
 yx::P<yx::IIOStream> buffered(yx::IIOStream* stream) {
     return yx::makeObject<yx::COptimizingIOStream>(stream);
@@ -67,6 +79,16 @@ std::vector<DiskExtent> describeExtents(CVMDKDescriptor const& descriptor, yx::C
     }
 }
 
+/// Whether an extent line of a descriptor names the main file.
+bool namesFile(CVMDKDescriptor const& descriptor, yx::CURI const& mainFile) {
+    yx::TArray<yx::P<CVMDKExtentInfo>> lines;
+    descriptor.getExtentEntries(lines);
+    yx::CURI const folder = mainFile.getParent();
+    return std::any_of(lines.begin(), lines.end(), [&](yx::P<CVMDKExtentInfo> const& line) {
+        return isReferenceTo(folder, line->getFilename(), mainFile);
+    });
+}
+
 /// The area of a descriptor that lies in an extent file and has been found sound.
 yx::P<Overlay> readArea(yx::IIOStream& stream, CVMDKSparseExtentHeader const& header) {
     yx::P<Overlay> area = yx::makeObject<Overlay>();
@@ -80,6 +102,10 @@ yx::P<Overlay> readArea(yx::IIOStream& stream, CVMDKSparseExtentHeader const& he
 
 } // namespace
 
+DiskFileSystem::Member::Member(yx::CURI const& uri, yx::IIOStream::Access wanted,
+                               DiskTrust const& trust)
+    : mainFile(uri), lockFile(lockFileOf(uri)), access(wanted), reach(uri, trust) {}
+
 DiskFileSystem::DiskFileSystem(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
                                yx::IIOStream::Access access, DiskTrust const& trust,
                                FileLocks* locks)
@@ -87,7 +113,7 @@ DiskFileSystem::DiskFileSystem(yx::IFileSystem* fileSystem, yx::CURI const& main
     if (!m_locks)
         m_locks = yx::makeObject<FileLocks>();
     yx::CURI const uri = mainFile.toNormalized();
-    m_members.push_back({uri, access, DiskReach(uri, trust)});
+    m_members.emplace_back(uri, access, trust);
 }
 
 DiskFileSystem::Member* DiskFileSystem::findMain(yx::CURI const& uri) {
@@ -97,11 +123,8 @@ DiskFileSystem::Member* DiskFileSystem::findMain(yx::CURI const& uri) {
 }
 
 DiskFileSystem::Member* DiskFileSystem::findByLockFile(yx::CURI const& uri) {
-    if (uri.getExtension() != ".lock")
-        return nullptr;
-    auto const found = std::find_if(m_members.begin(), m_members.end(), [&](Member const& member) {
-        return member.mainFile.getParent() << (member.mainFile.getName() + ".lock") == uri;
-    });
+    auto const found = std::find_if(m_members.begin(), m_members.end(),
+                                    [&](Member const& member) { return member.lockFile == uri; });
     return found == m_members.end() ? nullptr : &*found;
 }
 
@@ -117,27 +140,99 @@ yx::P<yx::IIOStream> DiskFileSystem::openBelow(yx::CURI const& uri, Access acces
 }
 
 /// Opens a file that a disk has, and remembers which one it is.
-yx::P<yx::IIOStream> DiskFileSystem::openSame(yx::CURI const& uri, Access access,
-                                              unsigned int options) {
-    yx::CURI const name = uri.toNormalized();
+yx::P<yx::IIOStream> DiskFileSystem::openSame(yx::CURI const& uri, yx::CURI const& name,
+                                              Access access, unsigned int options) {
     if (m_opened.contains(name))
         options |= DoNotMakeFile;
     yx::P<yx::IIOStream> stream = openBelow(uri, access, options);
     auto const* const native = dynamic_cast<yx::INativeStream*>(stream.get());
     std::optional<FileIdentity> const identity =
         native ? identifyFile(native->getFileDescriptor()) : std::nullopt;
-    if (isReplaced(uri, identity))
+    if (isReplaced(name, identity))
         throwReplacedWhileOpen(uri);
     if (identity)
-        m_opened.try_emplace(name, *identity);
+        m_opened.try_emplace(name).first->second.identity = identity;
     return stream;
 }
 
+yx::P<yx::IIOStream> DiskFileSystem::openAndLock(Member const& member, yx::CURI const& uri,
+                                                 yx::CURI const& name, Access access,
+                                                 unsigned int options) {
+    bool const isOnlyRead =
+        access == yx::IIOStream::ReadOnly && member.access == yx::IIOStream::ReadOnly;
+    if (isOnlyRead) {
+        if (yx::P<yx::IIOStream> const kept = tryOpenKept(uri, name))
+            return kept;
+    }
+    if (isOnlyRead && options == 0 && !m_opened.contains(name))
+        return openKept(uri, name);
+    yx::P<yx::IIOStream> const stream = openSame(uri, name, access, options);
+    lock(member, uri);
+    return stream;
+}
+
+/// Opens a file for the first time, which is only read.
+yx::P<yx::IIOStream> DiskFileSystem::openKept(yx::CURI const& uri, yx::CURI const& name) {
+    yx::P<KeptFile> const file =
+        yx::makeObject<KeptFile>(withoutDemands(openBelow(uri, yx::IIOStream::ReadOnly)));
+    if (uri.getScheme() == "file" && file->getFileDescriptor() >= 0)
+        m_locks->take(uri, file, FileLock::Type::Shared);
+    else
+        m_locks->take(uri, FileLock::Type::Shared);
+    if (!m_isOpening && !findMain(name))
+        file->forgetStart();
+    Opened& opened = m_opened.try_emplace(name).first->second;
+    opened.kept = file;
+    opened.streamCount = 1;
+    return file->openStream();
+}
+
+/// Another stream on a file that is open, if there is one and it still has its name. The library
+/// looks at a main file twice while it opens a disk. Where nobody can tell whether the name is still
+/// the file's, it is opened anew from then on.
+yx::P<yx::IIOStream> DiskFileSystem::tryOpenKept(yx::CURI const& uri, yx::CURI const& name) {
+    auto const found = m_opened.find(name);
+    if (found == m_opened.end() || !found->second.kept)
+        return {};
+    Opened& opened = found->second;
+    yx::P<KeptFile> const file = opened.kept;
+    constexpr int kStreamsOfOpening = 2;
+    if (++opened.streamCount > kStreamsOfOpening)
+        file->forgetStart();
+    if (file->keepsStart())
+        return file->openStream();
+    if (file->getFileDescriptor() < 0)
+        opened.kept.reset();
+    std::optional<FileIdentity> const named = identifyFile(uri);
+    return named && named == identify(opened) ? file->openStream() : yx::P<yx::IIOStream>();
+}
+
+std::optional<FileIdentity> DiskFileSystem::identify(Opened& opened) {
+    if (!opened.identity && opened.kept)
+        opened.identity = identifyFile(opened.kept->getFileDescriptor());
+    return opened.identity;
+}
+
+void DiskFileSystem::endOpening() {
+    m_isOpening = false;
+    for (auto& [name, opened] : m_opened) {
+        if (opened.kept)
+            opened.kept->forgetStart();
+    }
+}
+
 /// Whether a file is there, but not the one that was opened.
-bool DiskFileSystem::isReplaced(yx::CURI const& uri,
-                                std::optional<FileIdentity> const& identity) const {
-    auto const opened = m_opened.find(uri.toNormalized());
-    return identity && opened != m_opened.end() && opened->second != *identity;
+bool DiskFileSystem::isReplaced(yx::CURI const& name, std::optional<FileIdentity> const& identity) {
+    auto const opened = m_opened.find(name);
+    if (!identity || opened == m_opened.end())
+        return false;
+    std::optional<FileIdentity> const known = identify(opened->second);
+    return known && known != identity;
+}
+
+bool DiskFileSystem::isReplaced(yx::CURI const& uri) {
+    yx::CURI const name = uri.toNormalized();
+    return m_opened.contains(name) && isReplaced(name, identifyFile(uri));
 }
 
 yx::P<yx::IIOStream> DiskFileSystem::openFile(yx::CURI const& uri, Access access,
@@ -160,7 +255,7 @@ bool DiskFileSystem::fileExists(yx::CURI const& uri) {
 void DiskFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
     if (!findByLockFile(uri.toNormalized()))
         verifyMayRemove(uri);
-    if (isReplaced(uri, identifyFile(uri))) {
+    if (isReplaced(uri)) {
         // What is to be deleted is missing.
         if (ignoreMissing)
             return;
@@ -172,7 +267,7 @@ void DiskFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
 
 void DiskFileSystem::moveFile(yx::CURI const& from, yx::CURI const& to) {
     verifyMayRemove(from);
-    if (isReplaced(from, identifyFile(from)))
+    if (isReplaced(from))
         throwReplacedWhileOpen(from);
     host::moveFile(m_fileSystem.get(), from, to);
     m_opened.erase(from.toNormalized());
@@ -216,15 +311,14 @@ yx::P<yx::IIOStream> DiskFileSystem::openMainFile(Member& member, yx::CURI const
         verifyMayChange(member, uri);
     if (&member != &m_members.front())
         DiskReach::verifyParent(member.mainFile);
-    yx::P<yx::IIOStream> stream = openSame(uri, access, options);
-    lock(member, uri);
+    yx::P<yx::IIOStream> stream = openAndLock(member, uri, member.mainFile, access, options);
     // `learn` adds a member, and with it moves this one.
     std::size_t const index = static_cast<std::size_t>(&member - m_members.data());
     // An empty file is one that the library is making.
     if (!member.isKnown && stream->getLength() > 0)
         learn(member, stream.get());
     if (access == yx::IIOStream::ReadOnly)
-        stream = fillSlots(uri, stream);
+        stream = fillSlots(m_members[index].mainFile, stream);
     yx::P<Overlay> const overlay = m_members[index].overlay;
     return overlay ? yx::makeObject<OverlaidStream>(withoutDemands(stream), overlay) : stream;
 }
@@ -236,16 +330,15 @@ yx::P<yx::IIOStream> DiskFileSystem::openExtentFile(yx::CURI const& uri, Access 
     if (access != yx::IIOStream::ReadOnly)
         verifyMayChange(owner, uri);
     owner.reach.verifyExtent(name);
-    yx::P<yx::IIOStream> stream = openSame(uri, access, options);
-    lock(owner, uri);
+    yx::P<yx::IIOStream> stream = openAndLock(owner, uri, name, access, options);
     verifyGrainSize(owner, name, *stream);
-    return access == yx::IIOStream::ReadOnly ? fillSlots(uri, stream) : stream;
+    return access == yx::IIOStream::ReadOnly ? fillSlots(name, stream) : stream;
 }
 
 /// Only the file of an extent has slots.
-yx::P<yx::IIOStream> DiskFileSystem::fillSlots(yx::CURI const& uri,
+yx::P<yx::IIOStream> DiskFileSystem::fillSlots(yx::CURI const& name,
                                                yx::P<yx::IIOStream> const& stream) const {
-    auto const extent = m_extents.find(uri.toNormalized());
+    auto const extent = m_extents.find(name);
     if (extent == m_extents.end())
         return stream;
     return SlotFillingStream::over(withoutDemands(stream), extent->second.startBytes);
@@ -254,9 +347,9 @@ yx::P<yx::IIOStream> DiskFileSystem::fillSlots(yx::CURI const& uri,
 void DiskFileSystem::verifyGrainSize(Member const& member, yx::CURI const& uri,
                                      yx::IIOStream& stream) {
     // A file without a header yet is being made.
-    if (m_trust.allowOversize || stream.getLength() < kSectorSizeBytes ||
-        !m_judged.insert(uri).second)
+    if (m_trust.allowOversize || m_judged.contains(uri) || stream.getLength() < kSectorSizeBytes)
         return;
+    m_judged.insert(uri);
     if (std::optional<CVMDKSparseExtentHeader> const header = tryReadHeader(*buffered(&stream)))
         member.reach.verifyGrainSize(uri, header->getGrainSizeSectors());
     stream.seek(0);
@@ -273,8 +366,10 @@ DiskFileSystem::Plan DiskFileSystem::readPlan(Member const& member, yx::IIOStrea
     if (accessor->getEmbeddedInSparseExtentFile()) {
         CVMDKSparseExtentHeader const header = *tryReadHeader(*in);
         member.reach.verifyGrainSize(member.mainFile, header.getGrainSizeSectors());
-        yx::P<Overlay> const area = readArea(*in, header);
-        if (auto corrected = correctOwnName(area->bytes, member.mainFile)) {
+        yx::P<Overlay> const area =
+            namesFile(*descriptor, member.mainFile) ? yx::P<Overlay>() : readArea(*in, header);
+        auto corrected = area ? correctOwnName(area->bytes, member.mainFile) : std::nullopt;
+        if (corrected) {
             area->bytes = std::move(*corrected);
             plan.overlay = area;
             yx::TBuffer<unsigned char> text(static_cast<int>(area->bytes.size()), -1);
@@ -314,8 +409,7 @@ void DiskFileSystem::learn(Member& member, yx::IIOStream* stream) {
     member.overlay = plan.overlay;
     member.isKnown = true;
     if (plan.parent && !findMain(*plan.parent))
-        m_members.push_back(
-            {*plan.parent, yx::IIOStream::ReadOnly, DiskReach(*plan.parent, m_trust)});
+        m_members.emplace_back(*plan.parent, yx::IIOStream::ReadOnly, m_trust);
 }
 
 /// Before anything is made beside a parent.
@@ -384,7 +478,7 @@ void DiskFileSystem::storeOwnName() {
     if (!disk.overlay)
         return;
     yx::P<yx::IIOStream> const stream =
-        buffered(openSame(disk.mainFile, yx::IIOStream::ReadWrite).get());
+        buffered(openSame(disk.mainFile, disk.mainFile, yx::IIOStream::ReadWrite).get());
     std::vector<unsigned char> const& wanted = disk.overlay->bytes;
     std::vector<unsigned char> present(wanted.size());
     stream->seek(disk.overlay->positionBytes);

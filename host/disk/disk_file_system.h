@@ -9,6 +9,7 @@
 #include "host/disk/disk_extent.h"
 #include "host/disk/disk_reach.h"
 #include "host/disk/file_locks.h"
+#include "host/disk/kept_file.h"
 #include "host/disk/overlaid_stream.h"
 #include "host/disk/unfinished_extents.h"
 #include "host/store/file_moving.h"
@@ -29,6 +30,8 @@ namespace kelm::host {
 ///   "uri", since it would be read and written by the tables of the old one, and is not deleted
 ///   either; one that was deleted is not made again. Only for files of the operating system; see
 ///   `yx::INativeStream`.
+/// - A file of a disk that is only read is opened once for its lock and for all streams on it, and
+///   the start of a main file is read once for an opening; see `KeptFile`.
 /// - Only files that the descriptors may reach are opened, made or deleted (`DiskReach`), and those
 ///   of the parents are only read. Anything else is `CIOError` `NotAllowed`.
 /// - An unfinished disk, or one with an unfinished parent, is `UnfinishedDiskError`, unless it is
@@ -68,6 +71,9 @@ public:
     /// that to the device.
     void deleteDigests();
 
+    /// The disk has been opened, and what was kept of its files for that is not needed any more.
+    void endOpening();
+
     /// How far descriptors are believed.
     DiskTrust const& getTrust() const { return m_trust; }
 
@@ -79,7 +85,10 @@ public:
 private:
     /// The disk, or one of its parents.
     struct Member {
+        Member(yx::CURI const& uri, yx::IIOStream::Access wanted, DiskTrust const& trust);
+
         yx::CURI mainFile;
+        yx::CURI lockFile;
         yx::IIOStream::Access access;
         DiskReach reach;
 
@@ -109,8 +118,13 @@ private:
     Member& ownerOf(yx::CURI const& uri);
     yx::P<yx::IIOStream> openBelow(yx::CURI const& uri, yx::IIOStream::Access access,
                                    unsigned int options = 0);
-    yx::P<yx::IIOStream> openSame(yx::CURI const& uri, yx::IIOStream::Access access,
-                                  unsigned int options = 0);
+    yx::P<yx::IIOStream> openSame(yx::CURI const& uri, yx::CURI const& name,
+                                  yx::IIOStream::Access access, unsigned int options = 0);
+    yx::P<yx::IIOStream> openAndLock(Member const& member, yx::CURI const& uri,
+                                     yx::CURI const& name, yx::IIOStream::Access access,
+                                     unsigned int options);
+    yx::P<yx::IIOStream> tryOpenKept(yx::CURI const& uri, yx::CURI const& name);
+    yx::P<yx::IIOStream> openKept(yx::CURI const& uri, yx::CURI const& name);
     yx::P<yx::IIOStream> openMainFile(Member& member, yx::CURI const& uri,
                                       yx::IIOStream::Access access, unsigned int options);
     yx::P<yx::IIOStream> openExtentFile(yx::CURI const& uri, yx::IIOStream::Access access,
@@ -123,9 +137,10 @@ private:
     void verifyIsFinished(Member const& member, CVMDKDescriptor& descriptor) const;
     void verifyMayChange(Member const& member, yx::CURI const& uri) const;
     void verifyMayRemove(yx::CURI const& uri);
-    bool isReplaced(yx::CURI const& uri, std::optional<FileIdentity> const& identity) const;
+    bool isReplaced(yx::CURI const& name, std::optional<FileIdentity> const& identity);
+    bool isReplaced(yx::CURI const& uri);
     void verifyGrainSize(Member const& member, yx::CURI const& uri, yx::IIOStream& stream);
-    yx::P<yx::IIOStream> fillSlots(yx::CURI const& uri, yx::P<yx::IIOStream> const& stream) const;
+    yx::P<yx::IIOStream> fillSlots(yx::CURI const& name, yx::P<yx::IIOStream> const& stream) const;
     bool lock(Member const& member, yx::CURI const& uri);
     Plan readPlan(Member const& member, yx::IIOStream* stream);
     void learn(Member& member, yx::IIOStream* stream);
@@ -151,11 +166,28 @@ private:
 
     UnfinishedExtents m_unfinished;
 
-    /// Which files have been opened, by their URIs.
-    std::map<yx::CURI, FileIdentity> m_opened;
+    /// A file that has been opened.
+    struct Opened {
+        /// Absent until it is asked for, and of what is no file of the operating system.
+        std::optional<FileIdentity> identity = {};
+
+        /// Null of one that is not only read.
+        yx::P<KeptFile> kept = {};
+
+        /// How many streams on the kept file there have been.
+        int streamCount = 0;
+    };
+
+    static std::optional<FileIdentity> identify(Opened& opened);
+
+    /// By their URIs.
+    std::map<yx::CURI, Opened> m_opened;
 
     /// Extents whose header has been looked at.
     std::set<yx::CURI> m_judged;
+
+    /// Until `endOpening`.
+    bool m_isOpening = true;
 
     /// Lock files that the library is not to see.
     std::set<yx::CURI> m_hidden;

@@ -14,6 +14,7 @@ std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
     descriptor.getExtentEntries(infos);
     yx::CURI const folder = mainFile.getParent();
     std::vector<DiskExtent> extents;
+    extents.reserve(static_cast<std::size_t>(infos.getSize()));
     __int64 startBytes = 0;
     for (yx::P<CVMDKExtentInfo> const& info : infos) {
         __int64 const sizeSectors = info->getSizeSectors();

@@ -27,7 +27,6 @@ yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri
     }
     yx::P<CVMDKGrainTableCache> const cache = yx::makeObject<CVMDKGrainTableCache>(
         access == yx::IIOStream::ReadWrite ? CVMDKGrainTableCache::kNoLimit : readCacheLimit);
-    // Until the disk has its own.
     yx::P<yx::CLockFile> lock;
     // A disk that is opened for reading goes on without a lock if there is no lock file, also when
     // the lock was refused and its holder took the file away only then. The next writer would not
@@ -35,7 +34,7 @@ yx::P<CVMDKDisk> openLockedDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri
     if (access == yx::IIOStream::ReadOnly)
         lock = takeReaderLock(fileSystem, uri);
     return yx::makeObject<CVMDKDisk>(fileSystem, uri, access, password, compressionLevel,
-                                     cache.get(), nullptr);
+                                     cache.get(), nullptr, lock.get());
 }
 
 void verifyIsNotInUse(yx::IFileSystem* fileSystem, yx::CURI const& uri) {

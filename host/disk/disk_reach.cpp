@@ -4,9 +4,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <unordered_set>
 
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include "host/system/file_descriptor.h"
@@ -42,7 +45,12 @@ std::optional<std::string> resolvePath(std::string const& path) {
 }
 
 std::string folderOf(std::string const& path) {
-    return std::filesystem::path(path).parent_path().string();
+    std::size_t end = path.rfind('/');
+    if (end == std::string::npos)
+        return {};
+    while (end > 0 && path[end - 1] == '/')
+        --end;
+    return end == 0 ? "/" : path.substr(0, end);
 }
 
 bool isRegular(std::string const& path) {
@@ -65,33 +73,124 @@ bool isBelow(yx::CURI const& folder, yx::CURI const& uri) {
                    uri.toNormalized().toString(true).toStdString());
 }
 
+/// What a line of a descriptor says, bounded, so that no sum overflows; the library refuses a size
+/// below 0.
+__int64 boundedSizeSectors(CVMDKExtentInfo const& info) {
+    return std::clamp<__int64>(info.getSizeSectors(), 0, kMaxBytesWithoutFile);
+}
+
+/// Whether a disk has too many bytes without a file if none of its files is there.
+bool mayExceedMissingLimit(yx::TArray<yx::P<CVMDKExtentInfo>> const& infos) {
+    __int64 sectors = 0;
+    for (yx::P<CVMDKExtentInfo> const& info : infos) {
+        sectors += boundedSizeSectors(*info);
+        if (sectors > kMaxBytesWithoutFile / kSectorSizeBytes)
+            return true;
+    }
+    return false;
+}
+
 yx::CProps extentProps(yx::CURI const& uri) {
     return yx::CProps().add("uri", uri.toString(true));
 }
 
 } // namespace
 
+/// The folders that extents lie in. Each is resolved once, and where many files of one are asked
+/// for, it is listed once, which takes less than looking at each.
+class DiskReach::Folders {
+public:
+    /// `fileCount` is how many files will be asked for.
+    explicit Folders(int fileCount) : m_fileCount(fileCount) {}
+
+    /// The real path of a file's folder; nothing if that is not there.
+    std::optional<std::string> const& resolveFolderOf(std::string const& path) {
+        return find(path).real;
+    }
+
+    /// Whether a file is known to be there and to be a regular one, and no link.
+    bool isPlainFile(std::string const& path) {
+        Folder& folder = find(path);
+        if (m_fileCount < kMinFilesToList)
+            return isPlain(path);
+        if (!folder.isListed)
+            list(folder, folderOf(path));
+        return folder.plainFiles.contains(nameOf(path)) || isPlain(path);
+    }
+
+private:
+    static constexpr int kMinFilesToList = 16;
+
+    /// A folder of so many more files than are asked for is not read to its end.
+    static constexpr int kMaxFilesPerFile = 16;
+
+    struct CloseFolder {
+        void operator()(DIR* folder) const { ::closedir(folder); }
+    };
+
+    struct Folder {
+        std::optional<std::string> real;
+        bool isListed = false;
+        std::unordered_set<std::string> plainFiles;
+    };
+
+    static std::string nameOf(std::string const& path) { return path.substr(path.rfind('/') + 1); }
+
+    static bool isPlain(std::string const& path) {
+        struct stat status = {};
+        return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    }
+
+    Folder& find(std::string const& path) {
+        std::string const name = folderOf(path);
+        auto const [folder, isNew] = m_folders.try_emplace(name);
+        if (isNew)
+            folder->second.real = resolvePath(name);
+        return folder->second;
+    }
+
+    void list(Folder& folder, std::string const& path) const {
+        folder.isListed = true;
+        std::unique_ptr<DIR, CloseFolder> const stream(::opendir(path.c_str()));
+        for (int left = m_fileCount * kMaxFilesPerFile; stream && left > 0; --left) {
+            dirent const* const entry = ::readdir(stream.get());
+            if (!entry)
+                return;
+            if (entry->d_type == DT_REG)
+                folder.plainFiles.emplace(entry->d_name);
+        }
+    }
+
+    int m_fileCount;
+    std::map<std::string, Folder> m_folders;
+};
+
 DiskReach::DiskReach(yx::CURI const& mainFile, DiskTrust const& trust)
-    : m_mainFile(mainFile), m_trust(trust) {
-    if (!isFileOfSystem(m_mainFile))
-        return;
+    : m_mainFile(mainFile), m_trust(trust) {}
+
+DiskReach::RealPaths const& DiskReach::resolve() const {
+    if (m_realPaths)
+        return *m_realPaths;
+    RealPaths paths;
     std::string const path = pathOfFile(m_mainFile);
-    m_realMainPath = resolvePath(path).value_or("");
-    if (!m_realMainPath.empty())
-        m_realFolders.push_back(folderOf(m_realMainPath));
-    m_realFolders.push_back(resolvePath(folderOf(path)).value_or(folderOf(path)));
+    paths.mainPath = resolvePath(path).value_or("");
+    if (!paths.mainPath.empty())
+        paths.folders.push_back(folderOf(paths.mainPath));
+    paths.folders.push_back(resolvePath(folderOf(path)).value_or(folderOf(path)));
     for (yx::CURI const& folder : m_trust.allowedPaths) {
         if (isFileOfSystem(folder))
-            m_realFolders.push_back(resolvePath(pathOfFile(folder)).value_or(pathOfFile(folder)));
+            paths.folders.push_back(resolvePath(pathOfFile(folder)).value_or(pathOfFile(folder)));
     }
+    return m_realPaths.emplace(std::move(paths));
 }
 
 bool DiskReach::isInAllowedFolder(std::string const& realPath) const {
-    return std::any_of(m_realFolders.begin(), m_realFolders.end(),
+    std::vector<std::string> const& folders = resolve().folders;
+    return std::any_of(folders.begin(), folders.end(),
                        [&](std::string const& folder) { return isBelow(folder, realPath); });
 }
 
-bool DiskReach::isAllowed(yx::CURI const& extent) const {
+bool DiskReach::isAllowed(yx::CURI const& extent, Folders& folders) const {
     if (!isFileOfSystem(extent) || !isFileOfSystem(m_mainFile)) {
         return isBelow(m_mainFile.getParent(), extent) ||
                std::any_of(m_trust.allowedPaths.begin(), m_trust.allowedPaths.end(),
@@ -99,16 +198,27 @@ bool DiskReach::isAllowed(yx::CURI const& extent) const {
     }
     std::string const path = pathOfFile(extent);
     if (std::optional<std::string> const real = resolvePath(path))
-        return *real == m_realMainPath || isInAllowedFolder(*real);
+        return *real == resolve().mainPath || isInAllowedFolder(*real);
     // A link to nowhere: making the file would make the one that it leads to.
     if (isSymbolicLink(path))
         return false;
-    std::optional<std::string> const folder = resolvePath(folderOf(path));
+    std::optional<std::string> const& folder = folders.resolveFolderOf(path);
     return !folder || isInAllowedFolder((std::filesystem::path(*folder) / "file").string());
 }
 
 void DiskReach::verifyExtent(yx::CURI const& extent) const {
-    if (!isAllowed(extent)) {
+    Folders folders(1);
+    verifyExtent(extent, folders);
+}
+
+void DiskReach::verifyExtent(yx::CURI const& extent, Folders& folders) const {
+    if (isFileOfSystem(extent) && isFileOfSystem(m_mainFile)) {
+        std::string const path = pathOfFile(extent);
+        std::optional<std::string> const& folder = folders.resolveFolderOf(path);
+        if (folder && folders.isPlainFile(path) && isInAllowedFolder(*folder + "/file"))
+            return;
+    }
+    if (!isAllowed(extent, folders)) {
         throw yx::CIOError(
             yx::CIOError::NotAllowed,
             "The disk names a file outside of its folder. If you trust the disk, allow that file's "
@@ -144,17 +254,20 @@ std::vector<yx::CURI> DiskReach::verifyExtents(CVMDKDescriptor const& descriptor
     };
     if (!m_trust.allowOversize && infos.getSize() > kMaxExtents)
         refuse("The disk has " + yx::toString(infos.getSize()) + " extents.");
-    bool const countsMissing =
-        !m_trust.allowOversize && descriptor.getYxCreateExtentFilesOnDemand();
+    bool const countsMissing = !m_trust.allowOversize &&
+                               descriptor.getYxCreateExtentFilesOnDemand() &&
+                               mayExceedMissingLimit(infos);
+    Folders folders(infos.getSize());
     yx::CURI const folder = m_mainFile.getParent();
     std::vector<yx::CURI> extents;
+    extents.reserve(static_cast<std::size_t>(infos.getSize()));
     __int64 missingSectors = 0;
     for (yx::P<CVMDKExtentInfo> const& info : infos) {
         extents.push_back(vmdkFileReferenceToURI(folder, info->getFilename()));
-        verifyExtent(extents.back());
-        // Bounded first, so that no sum overflows; the library refuses a size below 0.
+        if (extents.back() != m_mainFile)
+            verifyExtent(extents.back(), folders);
         if (countsMissing && !fileSystem.fileExists(extents.back()))
-            missingSectors += std::clamp<__int64>(info->getSizeSectors(), 0, kMaxBytesWithoutFile);
+            missingSectors += boundedSizeSectors(*info);
         if (missingSectors > kMaxBytesWithoutFile / kSectorSizeBytes) {
             refuse("The disk has more than " + yx::toString(kMaxBytesWithoutFile) +
                    " bytes of extents without a file.");

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <optional>
+#include <string>
+#include <vector>
+
 #include "host/disk/disk_trust.h"
 #include "kelm/format/descriptor.h"
 #include "yx/file_system.h"
@@ -32,7 +36,8 @@ public:
 
     /// The same as `verifyExtent` for all extents of a descriptor, and that it keeps to
     /// `kMaxExtents` and `kMaxBytesWithoutFile`: `NotAllowed` with "uri" of the main file, the
-    /// number, and the way out. Asks `fileSystem` which files are there. Returns the normalised
+    /// number, and the way out. Asks `fileSystem` which files are there, if all of them together
+    /// would be too large. The main file, which is open, is not looked at. Returns the normalised
     /// names.
     std::vector<yx::CURI> verifyExtents(CVMDKDescriptor const& descriptor,
                                         yx::IFileSystem& fileSystem) const;
@@ -42,15 +47,24 @@ public:
     void verifyGrainSize(yx::CURI const& extent, unsigned long long grainSizeSectors) const;
 
 private:
-    bool isAllowed(yx::CURI const& extent) const;
+    class Folders;
+
+    /// What a main file's name and the allowed folders lead to, links followed.
+    struct RealPaths {
+        std::vector<std::string> folders;
+        std::string mainPath;
+    };
+
+    void verifyExtent(yx::CURI const& extent, Folders& folders) const;
+    bool isAllowed(yx::CURI const& extent, Folders& folders) const;
     bool isInAllowedFolder(std::string const& realPath) const;
+    RealPaths const& resolve() const;
 
     yx::CURI m_mainFile;
     DiskTrust m_trust;
 
-    /// Of a `file:` URI: the folders, links followed, and the main file itself.
-    std::vector<std::string> m_realFolders;
-    std::string m_realMainPath;
+    /// Of a `file:` URI. Absent until it is needed: a disk in one file needs none.
+    mutable std::optional<RealPaths> m_realPaths;
 };
 
 } // namespace kelm::host

@@ -68,8 +68,12 @@ void ExtentFiles::makeReached(__int64 positionBytes, __int64 bytes) {
 }
 
 void ExtentFiles::make(DiskExtent const& extent) {
-    moveAsideIfUnfinished(m_fileSystem.get(), m_mainFileURI, extent, m_keyHash);
-    if (m_fileSystem->fileExists(extent.uri))
+    bool isThere = m_fileSystem->fileExists(extent.uri);
+    if (isThere) {
+        moveAsideIfUnfinished(m_fileSystem.get(), m_mainFileURI, extent, m_keyHash);
+        isThere = m_fileSystem->fileExists(extent.uri);
+    }
+    if (isThere)
         syncFile(m_fileSystem.get(), extent.uri);
     else
         createExtentFileDurably(m_fileSystem.get(), extent, m_keyHash);

@@ -36,8 +36,8 @@ bool FileLocks::take(yx::CURI const& uri, FileLock::Type type) {
         return false;
     std::string const path = yx::toNativePath(uri).toStdString();
     if (std::optional<FileIdentity> const file = identifyFile(path)) {
-        if (auto const held = m_locks.find(*file); held != m_locks.end())
-            return held->second.isHeld();
+        if (find(*file))
+            return true;
     }
     std::optional<FileLock> lock = FileLock::tryTake(path, type);
     if (!lock)
@@ -45,12 +45,45 @@ bool FileLocks::take(yx::CURI const& uri, FileLock::Type type) {
     return keep(std::move(*lock));
 }
 
+bool FileLocks::take(yx::CURI const& uri, yx::P<SharedOpenFile> const& file, FileLock::Type type) {
+    bool const isFirst = !m_sole && m_locks.empty();
+    if (!isFirst) {
+        std::optional<FileIdentity> const identity = identifyFile(file->getFileDescriptor());
+        if (identity && find(*identity))
+            return true;
+    }
+    std::optional<FileLock> lock = FileLock::tryTake(file, type);
+    if (!lock)
+        throwFileInUse(uri);
+    if (!isFirst || !lock->isHeld())
+        return keep(std::move(*lock));
+    m_sole = std::move(lock);
+    return true;
+}
+
 bool FileLocks::keep(FileLock lock) {
     if (!lock.isHeld())
         return false;
+    identifySole();
     FileIdentity const file = lock.getFile();
     m_locks.insert_or_assign(file, std::move(lock));
     return true;
+}
+
+/// Null if there is no lock on it.
+FileLock const* FileLocks::find(FileIdentity const& file) {
+    identifySole();
+    auto const held = m_locks.find(file);
+    return held == m_locks.end() ? nullptr : &held->second;
+}
+
+void FileLocks::identifySole() {
+    if (!m_sole)
+        return;
+    FileLock lock = std::move(*m_sole);
+    m_sole.reset();
+    FileIdentity const file = lock.getFile();
+    m_locks.insert_or_assign(file, std::move(lock));
 }
 
 FileIdentity FileLocks::makeFile(yx::CURI const& uri) {
@@ -66,12 +99,12 @@ FileIdentity FileLocks::makeFile(yx::CURI const& uri) {
     return *made;
 }
 
-void FileLocks::verifyIsFree(yx::CURI const& uri) const {
+void FileLocks::verifyIsFree(yx::CURI const& uri) {
     if (uri.getScheme() != "file")
         return;
     std::string const path = yx::toNativePath(uri).toStdString();
     std::optional<FileIdentity> const file = identifyFile(path);
-    if (!file || m_locks.contains(*file))
+    if (!file || find(*file))
         return;
     try {
         if (!FileLock::tryTake(path, FileLock::Type::Exclusive))

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 
 #include "host/system/file_identity.h"
 #include "host/system/file_lock.h"
@@ -31,6 +32,9 @@ public:
     /// are those of `FileLock::take`.
     bool take(yx::CURI const& uri, FileLock::Type type);
 
+    /// The same for the file of a URI, which is open.
+    bool take(yx::CURI const& uri, yx::P<SharedOpenFile> const& file, FileLock::Type type);
+
     /// Makes a new, empty file, locks it alone and says which one it is. Of two who make a file of
     /// one name, one fails.
     ///
@@ -41,15 +45,22 @@ public:
     FileIdentity makeFile(yx::CURI const& uri);
 
     /// Ends all locks.
-    void endAll() { m_locks.clear(); }
+    void endAll() {
+        m_sole.reset();
+        m_locks.clear();
+    }
 
     /// Refuses, as `take` does, a file that somebody else has locked. A file that is not there, or
     /// that cannot be locked, is nobody's.
-    void verifyIsFree(yx::CURI const& uri) const;
+    void verifyIsFree(yx::CURI const& uri);
 
 private:
     bool keep(FileLock lock);
+    FileLock const* find(FileIdentity const& file);
+    void identifySole();
 
+    /// The only lock, as long as nobody has asked which file it is on.
+    std::optional<FileLock> m_sole;
     std::map<FileIdentity, FileLock> m_locks;
 };
 

@@ -87,6 +87,7 @@ SafeDisk::SafeDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStre
                    DiskTrust const& trust)
     : SafeDisk(yx::makeObject<DiskFileSystem>(fileSystem, uri, access, trust), uri, access,
                password, compressionLevel, readCacheLimit) {
+    m_diskFiles->endOpening();
     if (access != yx::IIOStream::ReadWrite)
         return;
     verifyWholeGrainExtents();

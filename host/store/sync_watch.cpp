@@ -5,6 +5,7 @@
 
 #include "host/store/forwarding_stream.h"
 #include "yx/gather_out_stream.h"
+#include "yx/native_stream.h"
 
 namespace kelm::host {
 
@@ -30,11 +31,14 @@ private:
 namespace {
 
 /// Passes everything on, and looks at what `flush` meets.
-class WatchedStream : public ForwardingStream, public virtual yx::IAlignedStreamBase {
+class WatchedStream : public ForwardingStream,
+                      public virtual yx::IAlignedStreamBase,
+                      public virtual yx::INativeStream {
 public:
     WatchedStream(yx::P<yx::IIOStream> const& stream, std::shared_ptr<SyncWatch::Memory> memory)
         : ForwardingStream(stream),
           m_aligned(dynamic_cast<yx::IAlignedStreamBase*>(stream.get())),
+          m_native(dynamic_cast<yx::INativeStream*>(stream.get())),
           m_memory(std::move(memory)) {
         assert(m_memory);
     }
@@ -56,6 +60,8 @@ public:
     void flush() override {
         if (m_hasWritten)
             m_memory->verifyNone();
+        else if (m_isFlushed)
+            return;
         try {
             getTarget()->flush();
         } catch (...) {
@@ -64,7 +70,10 @@ public:
         }
         assert(!m_hasWritten || !m_memory->hasFailure());
         m_hasWritten = false;
+        m_isFlushed = true;
     }
+
+    int getFileDescriptor() const override { return m_native ? m_native->getFileDescriptor() : -1; }
 
     int getPositionAlign() override { return m_aligned ? m_aligned->getPositionAlign() : 1; }
     int getBufferAlign() override { return m_aligned ? m_aligned->getBufferAlign() : 1; }
@@ -76,8 +85,15 @@ protected:
     bool m_hasWritten = false;
 
 private:
+    /// Once, with nothing written behind it. The first flush of a new file, without a write, still
+    /// brings its name to the device.
+    bool m_isFlushed = false;
+
     /// The same object as the target; null if it demands nothing.
     yx::IAlignedStreamBase* m_aligned;
+
+    /// The same; null if it is on no file of the operating system.
+    yx::INativeStream const* m_native;
     std::shared_ptr<SyncWatch::Memory> m_memory;
 };
 

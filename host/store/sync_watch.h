@@ -21,7 +21,8 @@ public:
     void verifyNoneFailed() const;
 
     /// Streams opened for writing are watched. Their `flush` throws the error of the first failure
-    /// again, without trying, where they have written anything since they were last synced.
+    /// again, without trying, where they have written anything since they were last synced. A flush
+    /// with nothing written since the last one asks for nothing.
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* reserved) override;
 

@@ -10,9 +10,9 @@ namespace kelm::host {
 namespace {
 
 /// Tries once. Returns 0, or the operating system's number of the error.
-int tryLock(int fileDescriptor, FileLock::Type type) {
+int setLock(int fileDescriptor, short type) {
     struct flock request = {};
-    request.l_type = type == FileLock::Type::Exclusive ? F_WRLCK : F_RDLCK;
+    request.l_type = type;
     request.l_whence = SEEK_SET;
     // A length of 0 reaches to the end of the file, wherever that will be.
     while (::fcntl(fileDescriptor, F_OFD_SETLK, &request) != 0) {
@@ -20,6 +20,10 @@ int tryLock(int fileDescriptor, FileLock::Type type) {
             return errno;
     }
     return 0;
+}
+
+int tryLock(int fileDescriptor, FileLock::Type type) {
+    return setLock(fileDescriptor, type == FileLock::Type::Exclusive ? F_WRLCK : F_RDLCK);
 }
 
 bool isRegularFile(int fileDescriptor) {
@@ -60,6 +64,22 @@ std::optional<FileLock> FileLock::tryTake(FileDescriptor file, Type type) {
         // No locks on this file system, or none left.
         return FileLock();
     }
+}
+
+std::optional<FileLock> FileLock::tryTake(yx::P<SharedOpenFile> const& file, Type type) {
+    int const error = tryLock(file->getFileDescriptor(), type);
+    if (error == EAGAIN || error == EACCES)
+        return std::nullopt;
+    // Asked for behind the lock, so that what it also tells stays true.
+    bool const isRegular = file->isRegularFile();
+    if (error == 0 && !isRegular)
+        setLock(file->getFileDescriptor(), F_UNLCK);
+    return error == 0 && isRegular ? FileLock(file) : FileLock();
+}
+
+FileLock::~FileLock() {
+    if (m_shared && m_shared->isInUse())
+        setLock(m_shared->getFileDescriptor(), F_UNLCK);
 }
 
 } // namespace kelm::host

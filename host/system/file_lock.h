@@ -5,8 +5,22 @@
 
 #include "host/system/file_descriptor.h"
 #include "host/system/file_identity.h"
+#include "yx/base.h"
 
 namespace kelm::host {
+
+/// An open file that others use, for a lock that takes it as it is open.
+class SharedOpenFile : public yx::CBase {
+public:
+    /// The operating system's number, the same as long as this lives; -1 for none.
+    virtual int getFileDescriptor() const = 0;
+
+    /// Whether others have the file open by the same descriptor. If not, it ends with this.
+    virtual bool isInUse() const = 0;
+
+    /// Whether it is a regular file, as the operating system says now.
+    virtual bool isRegularFile() = 0;
+};
 
 /// A lock on a whole file of the operating system, whatever name it was reached by: two names of
 /// one file, a hard link or a bind mount, are the same lock. It belongs to this object and ends
@@ -40,16 +54,35 @@ public:
     /// The same for a file that is open, for writing too if the lock is exclusive; it is kept open.
     static std::optional<FileLock> tryTake(FileDescriptor file, Type type);
 
+    /// The same for a file that others use, too; the lock ends at the end of this object all the
+    /// same. It is one lock with any other that was taken by that descriptor.
+    static std::optional<FileLock> tryTake(yx::P<SharedOpenFile> const& file, Type type);
+
+    /// A move leaves no lock in the source; move assignment swaps the two.
+    FileLock(FileLock&& other) noexcept { *this = std::move(other); }
+    FileLock& operator=(FileLock&& other) noexcept {
+        std::swap(m_file, other.m_file);
+        std::swap(m_shared, other.m_shared);
+        return *this;
+    }
+    ~FileLock();
+
     /// Whether a lock is held.
-    bool isHeld() const { return m_file.isOpen(); }
+    bool isHeld() const { return getDescriptor() >= 0; }
 
     /// Which file is locked; only if a lock is held.
-    FileIdentity getFile() const { return *identifyFile(m_file.get()); }
+    FileIdentity getFile() const { return *identifyFile(getDescriptor()); }
 
 private:
     explicit FileLock(FileDescriptor file) : m_file(std::move(file)) {}
+    explicit FileLock(yx::P<SharedOpenFile> file) : m_shared(std::move(file)) {}
+
+    int getDescriptor() const { return m_shared ? m_shared->getFileDescriptor() : m_file.get(); }
 
     FileDescriptor m_file;
+
+    /// The other of the two; both are empty if no lock is held.
+    yx::P<SharedOpenFile> m_shared;
 };
 
 } // namespace kelm::host

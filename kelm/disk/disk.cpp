@@ -1,6 +1,7 @@
 #include "kelm/disk/disk.h"
 
 #include <cassert>
+#include <utility>
 
 #include "kelm/extent/internal/grain_position.h"
 #include "kelm/extent/low_level_file_stream.h"
@@ -33,12 +34,21 @@ template <class Extents>
 CVMDKDisk::CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
                      yx::String const& password, int compressionLevel,
                      CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk)
+    : CVMDKDisk(fileSystem, uri, access, password, compressionLevel, grainTableCache, parentDisk,
+                nullptr) {}
+
+CVMDKDisk::CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
+                     yx::String const& password, int compressionLevel,
+                     CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
+                     yx::CLockFile* lockFile)
     : m_fileSystem(fileSystem),
       m_mainFileURI(uri.toNormalized()),
       m_access(access),
-      m_compressionLevel(compressionLevel) {
+      m_compressionLevel(compressionLevel),
+      m_lockFile(lockFile) {
     yx::CProps const uriProps = yx::CProps().add("uri", uri.toString(true));
-    takeLock(uri);
+    if (!m_lockFile)
+        takeLock(uri);
     m_grainTableCache = grainTableCache ? yx::P<CVMDKGrainTableCache>(grainTableCache)
                                         : yx::makeObject<CVMDKGrainTableCache>();
     readDescriptor(uriProps);
@@ -117,10 +127,10 @@ void CVMDKDisk::readExtentLines(yx::CProps const& uriProps) {
                                uriProps, nullptr);
         }
         // Deliberate: the access word and the offset of a line are not looked at.
-        yx::CURI const extentURI = vmdkFileReferenceToURI(folder, info->getFilename());
+        yx::CURI extentURI = vmdkFileReferenceToURI(folder, info->getFilename());
         if (m_firstExtentFileURI.isEmpty())
             m_firstExtentFileURI = extentURI;
-        m_extentMap[CExtentKey{sectors, sizeSectors}].m_uri = extentURI;
+        m_extentMap[CExtentKey{sectors, sizeSectors}].m_uri = std::move(extentURI);
         sectors += sizeSectors;
     }
     if (m_extentMap.isEmpty()) {

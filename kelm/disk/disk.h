@@ -68,6 +68,13 @@ public:
               yx::String const& password, int compressionLevel,
               CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk);
 
+    /// The same with a lock on `getLockFileURI(uri)` that the caller has taken, of the type that
+    /// `access` needs: the disk holds it from now on. Null is as above.
+    CVMDKDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri, yx::IIOStream::Access access,
+              yx::String const& password, int compressionLevel,
+              CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
+              yx::CLockFile* lockFile);
+
     /// A copy shares everything that is behind the disk, the open extent and the lock included, and
     /// has a cursor of its own; two such objects must not both be written to.
     CVMDKDisk(CVMDKDisk const&) = default;

@@ -37,12 +37,22 @@ bool isNumber(std::wstring_view text) {
     return !text.empty() && text.find_first_not_of(L"0123456789") == std::wstring_view::npos;
 }
 
+/// So many digits are a number of 64 bits, whatever they are.
+constexpr std::size_t kMaxShortDigits = 18;
+
 /// False if `text` is no number of 64 bits.
 bool tryParseNumber(std::wstring_view text, __int64& number) {
     // Words are separated from numbers before they cost an exception each: a text may hold hundreds
     // of thousands of lines.
     if (!isNumber(text))
         return false;
+    bool const hasSign = text.front() == '+' || text.front() == '-';
+    if (!hasSign && text.size() <= kMaxShortDigits) {
+        number = 0;
+        for (wchar_t const digit : text)
+            number = 10 * number + (digit - '0');
+        return true;
+    }
     try {
         number = yx::parseInt64(detail::toString(text), false);
         return true;

@@ -1,5 +1,8 @@
 #include "kelm/format/file_reference.h"
 
+#include <algorithm>
+#include <string_view>
+
 namespace kelm {
 
 // How a reference is read; the first row that fits decides.
@@ -54,6 +57,16 @@ yx::CURI pathToURI(yx::String const& path) {
     return uri.isAbsolute() ? uri : withoutScheme(uri);
 }
 
+/// Whether a reference is a mere name, of characters that mean nothing else anywhere.
+bool isPlainName(wxString const& reference) {
+    std::wstring_view const name(reference.wc_str(), reference.length());
+    return !name.empty() && name.front() != '.' &&
+           std::all_of(name.begin(), name.end(), [](wchar_t character) {
+               return isLetter(character) || (character >= '0' && character <= '9') ||
+                      character == '-' || character == '_' || character == '.';
+           });
+}
+
 yx::CURI toURI(yx::String const& reference) {
     if (isWindowsAbsolute(reference.wx()))
         return windowsPathToURI(reference);
@@ -65,6 +78,9 @@ yx::CURI toURI(yx::String const& reference) {
 } // namespace
 
 yx::CURI vmdkFileReferenceToURI(yx::CURI const& baseFolder, yx::String const& reference) {
+    // What most descriptors name, and some a thousand times.
+    if (isPlainName(reference.wx()))
+        return (baseFolder << reference).toNormalized();
     yx::CURI const uri = toURI(reference);
     return (uri.isAbsolute() ? uri : baseFolder << uri).toNormalized();
 }

@@ -109,7 +109,7 @@ TEST_F(LockFileProcess, ACrashAtAnyStepBlocksNobody) {
             int const exitCode = child.wait();
             killed = exitCode != 0;
             EXPECT_EQ(exitCode, killed ? -1 : 0);
-            EXPECT_TRUE(killed || step > 12);
+            EXPECT_TRUE(killed || step > 9);
             expectFree();
         }
     }

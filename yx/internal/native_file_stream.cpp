@@ -82,12 +82,11 @@ bool isSyncUnsupported(int errorNumber) {
 } // namespace
 
 CNativeFileStream::CNativeFileStream(std::shared_ptr<detail::FileDescriptor> descriptor,
-                                     CURI const& uri, std::string path, Access access,
-                                     NativeFlush flush)
+                                     struct stat const& status, CURI const& uri, std::string path,
+                                     Access access, NativeFlush flush)
     : CFileStream("CNativeFileStream", uri, access),
       m_descriptor(std::move(descriptor)),
       m_path(std::move(path)) {
-    struct stat const status = queryFile(m_descriptor->get(), uri);
     bool const isFile = S_ISREG(status.st_mode);
     m_neverSyncs = flush == NativeFlush::ToSystem || (!isFile && !S_ISBLK(status.st_mode));
     m_folderNeedsSync = isFile;

@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include <sys/stat.h>
+
 #include "yx/internal/early_write_back.h"
 #include "yx/internal/file_descriptor.h"
 #include "yx/internal/file_stream.h"
@@ -18,9 +20,10 @@ namespace yx {
 /// until its token goes or the process ends, and keeps the file open so long.
 class CNativeFileStream : public CFileStream, public virtual INativeStream {
 public:
-    /// Takes the open file over. `path` is absolute; the folder to sync is found by it.
-    CNativeFileStream(std::shared_ptr<detail::FileDescriptor> descriptor, CURI const& uri,
-                      std::string path, Access access, NativeFlush flush);
+    /// Takes the open file over. `status` is what the system says of it. `path` is absolute; the
+    /// folder to sync is found by it.
+    CNativeFileStream(std::shared_ptr<detail::FileDescriptor> descriptor, struct stat const& status,
+                      CURI const& uri, std::string path, Access access, NativeFlush flush);
     ~CNativeFileStream() override;
 
     /// Of a block device, its size.

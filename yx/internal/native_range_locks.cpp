@@ -41,7 +41,7 @@ int setRangeLock(int descriptor, short type, __int64 begin, __int64 end) noexcep
 
 } // namespace
 
-class NativeRangeLocks::Lock : public CBase, public virtual IStreamLock {
+class NativeRangeLocks::Lock : public CBase, public virtual IEndingLock {
 public:
     explicit Lock(std::shared_ptr<NativeRangeLocks> locks) : m_locks(std::move(locks)) {}
     Lock(Lock const&) = delete;
@@ -54,6 +54,12 @@ public:
     }
 
     void hold(RangeLocks::Token token) { m_token = token; }
+
+    void leaveToEndOfFile() override {
+        if (m_token)
+            m_locks->forget(*m_token);
+        m_token.reset();
+    }
 
 private:
     std::shared_ptr<NativeRangeLocks> m_locks;
@@ -93,6 +99,11 @@ void NativeRangeLocks::giveBack(RangeLocks::Token token) noexcept {
     RangeLocks::Range const range = *token;
     m_ranges.unlock(token);
     updateSystem(range.begin, range.end);
+}
+
+void NativeRangeLocks::forget(RangeLocks::Token token) noexcept {
+    std::lock_guard const guard(m_mutex);
+    m_ranges.unlock(token);
 }
 
 /// Makes the system's locks from `begin` to before `end` those of the table; 0 or the `errno`

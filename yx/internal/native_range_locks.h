@@ -9,6 +9,14 @@
 
 namespace yx::detail {
 
+/// A lock that its holder may leave to the end of the open file, instead of giving it back. Internal.
+class IEndingLock : public virtual IStreamLock {
+public:
+    /// The range stays locked when this token goes, until the file is closed. For a file that has
+    /// lost its name, and that nobody else has a use for.
+    virtual void leaveToEndOfFile() = 0;
+};
+
 /// The ranges that one open file of the operating system has locked. Internal.
 ///
 /// The system keeps one lock per byte and open file, and does not count how often it was asked for.
@@ -38,6 +46,7 @@ private:
 
     int take(RangeLocks::Token token);
     void giveBack(RangeLocks::Token token) noexcept;
+    void forget(RangeLocks::Token token) noexcept;
     int updateSystem(__int64 begin, __int64 end) const noexcept;
 
     std::shared_ptr<FileDescriptor> m_descriptor;

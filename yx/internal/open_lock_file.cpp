@@ -3,9 +3,13 @@
 #include <cassert>
 #include <string_view>
 
+#include <sys/stat.h>
+
 #include "yx/error.h"
+#include "yx/internal/native_range_locks.h"
 #include "yx/internal/stream_error.h"
 #include "yx/mt_rand.h"
+#include "yx/native_stream.h"
 #include "yx/number.h"
 
 namespace yx::detail {
@@ -15,6 +19,8 @@ namespace {
 constexpr __int64 kLockPosition = 0;
 constexpr __int64 kPresencePosition = 1;
 constexpr __int64 kLockedRangeBytes = 1;
+static_assert(kPresencePosition == kLockPosition + kLockedRangeBytes,
+              "a shared lock and the presence are one range");
 
 constexpr std::string_view kMarkPrefix = "kelm dead lock: ";
 constexpr std::size_t kMarkDigits = 16;
@@ -25,6 +31,15 @@ std::string drawMark() {
     TBuffer<unsigned char> number(kMarkDigits / 2, -1);
     CMTRand::drawGlobalData(number.getData(), number.getUsed());
     return std::string(kMarkPrefix) + hexEncode(number).toStdString();
+}
+
+/// No other file of the device has this number.
+std::string markOf(unsigned long long inode) {
+    static_assert(kMarkDigits == 2 * sizeof inode);
+    std::string digits(kMarkDigits, '0');
+    for (auto digit = digits.rbegin(); inode != 0; ++digit, inode >>= 4U)
+        *digit = "0123456789abcdef"[inode & 0xFU];
+    return std::string(kMarkPrefix) + digits;
 }
 
 /// The content from the start on; of a file that is longer than a mark, one byte more than that.
@@ -72,9 +87,14 @@ P<IIOStream> openOrMake(IFileSystem& fileSystem, CURI const& uri) {
 OpenLockFile::OpenLockFile(IFileSystem* fileSystem, CURI const& uri)
     : m_fileSystem(fileSystem), m_uri(uri), m_stream(openOrMake(*fileSystem, uri)) {}
 
-bool OpenLockFile::tryEnter() {
+bool OpenLockFile::tryEnter(IStreamBase::LockType type) {
     assert(!m_presence && !m_lock);
-    m_presence = tryLockPresence(IStreamBase::Shared);
+    m_type = type;
+    if (type == IStreamBase::Shared)
+        m_lock = m_presence = tryLock(kLockPosition, 2 * kLockedRangeBytes, type);
+    // Who is in the way may hold only one of the two.
+    if (!m_presence)
+        m_presence = tryLockPresence(IStreamBase::Shared);
     if (!m_presence)
         return false;
     switch (readState()) {
@@ -92,14 +112,17 @@ bool OpenLockFile::tryEnter() {
                          nullptr);
 }
 
-void OpenLockFile::lock(IStreamBase::LockType type) {
-    assert(m_presence && !m_lock);
-    m_lock = m_stream->lockRange(kLockPosition, kLockedRangeBytes, type);
+void OpenLockFile::lock() {
+    assert(m_presence);
+    if (!m_lock)
+        m_lock = m_stream->lockRange(kLockPosition, kLockedRangeBytes, m_type);
 }
 
 void OpenLockFile::removeIfAlone() {
-    if (becomeAloneOnNamedFile())
-        m_fileSystem->deleteFile(m_uri, true);
+    if (!becomeAloneOnNamedFile())
+        return;
+    m_fileSystem->deleteFile(m_uri, true);
+    leaveLocksToEndOfFile();
 }
 
 void OpenLockFile::removeUnlocked() {
@@ -108,9 +131,9 @@ void OpenLockFile::removeUnlocked() {
 }
 
 /// Null if others are in the way.
-P<IStreamLock> OpenLockFile::tryLockPresence(IStreamBase::LockType type) {
+P<IStreamLock> OpenLockFile::tryLock(__int64 position, __int64 length, IStreamBase::LockType type) {
     try {
-        return m_stream->lockRange(kPresencePosition, kLockedRangeBytes, type);
+        return m_stream->lockRange(position, length, type);
     } catch (CIOError const& error) {
         if (error.getIOCode() != CIOError::AccessDenied)
             throw;
@@ -118,29 +141,81 @@ P<IStreamLock> OpenLockFile::tryLockPresence(IStreamBase::LockType type) {
     }
 }
 
+P<IStreamLock> OpenLockFile::tryLockPresence(IStreamBase::LockType type) {
+    return tryLock(kPresencePosition, kLockedRangeBytes, type);
+}
+
 OpenLockFile::State OpenLockFile::readState() {
-    if (m_stream->getLength() == 0)
-        return State::Alive;
+    return getLengthAndIdentity() == 0 ? State::Alive : readContentState();
+}
+
+/// One question for both, where the stream is on a file of the operating system.
+__int64 OpenLockFile::getLengthAndIdentity() {
+    auto const* const native = dynamic_cast<INativeStream const*>(m_stream.get());
+    struct stat opened {};
+    if (!native || ::fstat(native->getFileDescriptor(), &opened) != 0)
+        return m_stream->getLength();
+    m_identity = Identity{opened.st_dev, opened.st_ino};
+    return opened.st_size;
+}
+
+OpenLockFile::State OpenLockFile::readContentState() {
     std::string const content = readStart(*m_stream);
     if (content.empty())
         return State::Alive;
     return isMark(content) ? State::Dead : State::Foreign;
 }
 
+/// Whether nobody else is present on the file. A shared lock may go with the share of the presence.
+bool OpenLockFile::becomeAlone() {
+    if (P<IStreamLock> const presence = tryLockPresence(IStreamBase::Exclusive)) {
+        m_presence = presence;
+        return true;
+    }
+    // Given up first: of two that ask for more than they hold, neither would ever get it.
+    if (m_lock == m_presence)
+        m_lock.reset();
+    m_presence.reset();
+    m_presence = tryLockPresence(IStreamBase::Exclusive);
+    return static_cast<bool>(m_presence);
+}
+
 /// Whether nobody else is present on the file, and it is the one that has the name; it is dead
 /// then.
 bool OpenLockFile::becomeAloneOnNamedFile() {
-    // Given up first: of two that ask for more than they hold, neither would ever get it.
-    m_presence.reset();
-    m_presence = tryLockPresence(IStreamBase::Exclusive);
-    // Somebody who knows nothing of lock files may have written to it.
-    if (!m_presence || readState() == State::Foreign)
+    if (!becomeAlone())
         return false;
-    return isContentOfNamedFile(writeMark());
+    bool const hasName = isKnownToHaveName();
+    // Somebody who knows nothing of lock files may have written to it.
+    if (!m_isKnownEmpty && readState() == State::Foreign)
+        return false;
+    std::string const mark = writeMark(hasName);
+    return hasName || isContentOfNamedFile(mark);
 }
 
-std::string OpenLockFile::writeMark() {
-    std::string mark = drawMark();
+/// Whether the system says that the open file is the one at the name; false where it is not asked.
+/// What has the name keeps it, since only one who is alone on it takes it away.
+bool OpenLockFile::isKnownToHaveName() {
+    struct stat named {};
+    m_isKnownEmpty = false;
+    if (!m_identity || m_uri.getScheme() != "file" ||
+        ::lstat(toNativePath(m_uri).toStdString().c_str(), &named) != 0 ||
+        named.st_dev != m_identity->device || named.st_ino != m_identity->inode)
+        return false;
+    m_isKnownEmpty = named.st_size == 0;
+    return true;
+}
+
+/// Who has the file open without a name finds it dead, whether it is locked or not.
+void OpenLockFile::leaveLocksToEndOfFile() {
+    for (P<IStreamLock> const& lock : {m_lock, m_presence}) {
+        if (auto* const ending = dynamic_cast<IEndingLock*>(lock.get()))
+            ending->leaveToEndOfFile();
+    }
+}
+
+std::string OpenLockFile::writeMark(bool hasName) {
+    std::string mark = hasName ? markOf(m_identity->inode) : drawMark();
     assert(isMark(mark));
     try {
         m_stream->seek(0);

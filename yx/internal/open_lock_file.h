@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "yx/file_system.h"
@@ -32,7 +33,13 @@ namespace yx::detail {
 ///
 /// A mark is the text "kelm dead lock: " and 16 random hexadecimal digits, or less of them where a
 /// crash cut the writing short. It shows whether a dead file still has its name: one who is alone
-/// writes a new mark and looks whether the file at the name has just that.
+/// writes a new mark and looks whether the file at the name has just that. Where the operating
+/// system says that the file has its name, nothing is read back, and the digits are the file's
+/// number, which no other file has.
+///
+/// A shared lock and the presence are taken together where nobody is in the way. One who leaves
+/// asks for the whole of the presence while it still holds its share, and gives that up only if
+/// others are present.
 class OpenLockFile {
 public:
     /// Opens the file, and makes it if there is none. A symbolic link at the name is
@@ -44,16 +51,17 @@ public:
     /// Ends the presence and the lock, and leaves the file in place.
     ~OpenLockFile() = default;
 
-    /// Becomes present. False if the file is dead or is being removed: then this object is of no
-    /// more use, and the name is to be opened again. Somebody's file is `CLockFileError`. Other
-    /// errors are those of the stream.
-    bool tryEnter();
+    /// Becomes present, for a lock of that type. False if the file is dead or is being removed: then
+    /// this object is of no more use, and the name is to be opened again. Somebody's file is
+    /// `CLockFileError`. Other errors are those of the stream.
+    bool tryEnter(IStreamBase::LockType type);
 
     /// Whether others can see that this party uses the file.
     bool isPresent() const { return static_cast<bool>(m_presence); }
 
-    /// Takes the lock, once present. Another holder in the way is `CIOError` `AccessDenied`.
-    void lock(IStreamBase::LockType type);
+    /// Takes the lock that `tryEnter` was told of, once present. Another holder in the way is
+    /// `CIOError` `AccessDenied`.
+    void lock();
 
     /// Removes the file unless others are present; the last step of one who leaves. Somebody's
     /// file, or a link, that has come to the name or into the file stays. Errors are those of the
@@ -67,17 +75,38 @@ public:
 private:
     enum class State { Alive, Dead, Foreign };
 
+    /// What the system knows a file by.
+    struct Identity {
+        unsigned long long device;
+        unsigned long long inode;
+    };
+
+    P<IStreamLock> tryLock(__int64 position, __int64 length, IStreamBase::LockType type);
     P<IStreamLock> tryLockPresence(IStreamBase::LockType type);
     State readState();
+    State readContentState();
+    bool becomeAlone();
     bool becomeAloneOnNamedFile();
-    std::string writeMark();
+    bool isKnownToHaveName();
+    __int64 getLengthAndIdentity();
+    void leaveLocksToEndOfFile();
+    std::string writeMark(bool hasName);
     bool isContentOfNamedFile(std::string const& content);
 
     P<IFileSystem> m_fileSystem;
     CURI m_uri;
     P<IIOStream> m_stream;
+
+    /// Two tokens on one range if it is both.
     P<IStreamLock> m_presence;
     P<IStreamLock> m_lock;
+    IStreamBase::LockType m_type = IStreamBase::Shared;
+
+    /// That of the open file, from the first look at it on; nothing of a file of another kind.
+    std::optional<Identity> m_identity;
+
+    /// The last question for the file at the name has told that.
+    bool m_isKnownEmpty = false;
 };
 
 } // namespace yx::detail
