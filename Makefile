@@ -7,7 +7,7 @@ ROOMS := yx krym compressors kelm host tools integrations tests fuzz bench examp
 OWN_FILES = find $(wildcard $(ROOMS)) -name '*.h' -o -name '*.cpp'
 ANALYZER_CHECKS := clang-analyzer-core.*,clang-analyzer-cplusplus.*,clang-analyzer-deadcode.*
 
-.PHONY: all demo test bench package symbols sanitize tsan fuzz fuzz-corpus soak format format-check lint docs format-dumps install-packages clean
+.PHONY: all demo test bench package package-test symbols sanitize tsan fuzz fuzz-corpus soak format format-check lint docs format-dumps install-packages clean
 
 all: install-packages
 	cmake --preset release
@@ -91,12 +91,24 @@ symbols: all
 	tests/structure/symbols/check_symbols.sh --update build/release/lib
 
 # Debian packages, in build/package/packages.
+PACKAGES := build/package/packages
 package: install-packages
-	cmake --preset package
-	cmake --build --preset package -j $(JOBS)
-	rm -rf build/package/packages
-	cd build/package && cpack
-	.ci/check_packages build/package/packages
+	dh_clean --dirs-only
+	rm -rf $(PACKAGES) debian/debhelper-build-stamp
+	mkdir -p $(PACKAGES)
+	DEB_BUILD_OPTIONS=parallel=$(JOBS) KELM_PACKAGES=$(CURDIR)/$(PACKAGES) \
+	    dpkg-buildpackage --build=binary --no-sign --no-pre-clean --no-check-builddeps \
+	    --buildinfo-option=-u$(PACKAGES) --buildinfo-file=$(PACKAGES)/kelm.buildinfo \
+	    --changes-option=-u$(PACKAGES) --changes-file=$(PACKAGES)/kelm.changes
+	dh_clean --dirs-only
+	.ci/check_packages $(PACKAGES)
+
+# Installs, uses, upgrades and purges the packages that `make package` has made, in a fresh system from
+# the mirror of apt. Says so where that cannot be, which is no error. Upgrades from the packages in
+# LAST_PACKAGES, or from likenesses of those of the last version.
+LAST_PACKAGES ?=
+package-test: install-packages
+	.ci/try_packages $(PACKAGES) $(LAST_PACKAGES) || test $$? = 77
 
 format: install-packages
 	$(OWN_FILES) | xargs clang-format -i

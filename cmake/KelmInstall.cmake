@@ -1,5 +1,5 @@
-# Install rules: libraries, headers, the CMake package and kelm.pc. Every rule names its component,
-# from which KelmPackage makes packages.
+# Install rules: libraries, headers, the CMake package, kelm.pc and the documentation. Every rule names
+# its component, of which debian/rules makes a package.
 #
 # Headers go to include/kelm/<room>, so that "kelm/kelm.h" and "yx/yx.h" are found under
 # include/kelm just as they are under the root of the tree.
@@ -53,3 +53,34 @@ string(REGEX REPLACE "/$" "" KELM_PC_PREFIX "${KELM_PC_PREFIX}")
 configure_file("${PROJECT_SOURCE_DIR}/cmake/kelm.pc.in" "${PROJECT_BINARY_DIR}/kelm.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/kelm.pc"
     DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT development)
+
+# An application that kelm is built in has pages of its own.
+if(NOT PROJECT_IS_TOP_LEVEL)
+    return()
+endif()
+
+# Pages under the root are about building.
+set(KELM_PAGES_DIR "${CMAKE_INSTALL_DOCDIR}" CACHE STRING
+    "Where the pages and the reference are installed, absolute or under the prefix")
+install(DIRECTORY docs/ DESTINATION "${KELM_PAGES_DIR}" COMPONENT documentation
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+
+if(KELM_BUILD_REFERENCE)
+    find_program(KELM_DOXYGEN doxygen REQUIRED)
+    set(reference "${PROJECT_BINARY_DIR}/reference")
+    file(MAKE_DIRECTORY "${reference}")
+    file(READ Doxyfile settings)
+    file(GENERATE OUTPUT "${reference}/Doxyfile"
+        CONTENT "${settings}\nOUTPUT_DIRECTORY = \"${reference}\"\n")
+    kelm_find_sources(headers yx/*.h krym/*.h compressors/*.h kelm/*.h kelm/*/*.h host/*/*.h)
+    add_custom_command(OUTPUT "${reference}/html/index.html"
+        COMMAND "${CMAKE_COMMAND}" -E rm -rf "${reference}/html"
+        COMMAND "${KELM_DOXYGEN}" "${reference}/Doxyfile"
+        WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}"
+        DEPENDS "${reference}/Doxyfile" docs/doxygen_filter.py ${headers}
+        COMMENT "Making the reference of the headers"
+        VERBATIM)
+    add_custom_target(kelm_reference ALL DEPENDS "${reference}/html/index.html")
+    install(DIRECTORY "${reference}/html" DESTINATION "${KELM_PAGES_DIR}"
+        COMPONENT documentation)
+endif()
