@@ -1,6 +1,4 @@
-#include <algorithm>
 #include <cassert>
-#include <exception>
 
 #include "kelm/graindata/grain.h"
 #include "kelm/graindata/internal/record_cipher.h"
@@ -15,9 +13,6 @@ constexpr char kReadEncipheredName[] = "CVMDKGrain::tryReadEncipheredGrainData";
 
 /// A record whose compressed data exceed this many grains is treated as damaged.
 constexpr int kMaxRecordGrains = 2;
-
-/// A slot of more grains than that is not read as a whole.
-constexpr int kMaxSlotGrains = 2;
 
 /// Pads a deciphered record to whole sectors for as long as it lives. Deciphered records end with
 /// their data, unlike plain ones, and decoders are many times slower over the last bytes of their
@@ -38,28 +33,6 @@ private:
     yx::TBuffer<unsigned char>& m_record;
     int m_sizeBytes;
 };
-
-/// The whole slot of a record, read with one request: who reads at random would need another one
-/// for what is behind the header.
-struct SlotContent {
-    /// So many bytes there are of it, whole sectors; 0 if it has not been read.
-    int sizeBytes = 0;
-
-    /// Why not, if it was tried.
-    std::exception_ptr failure = {};
-};
-
-SlotContent readSlot(yx::IIOStream& stream, __int64 slotSizeBytes,
-                     yx::TBuffer<unsigned char>& target) {
-    target.setUsed(static_cast<int>(slotSizeBytes));
-    try {
-        return {stream.readLax(target.getData(), target.getUsed()) / kSectorSizeBytes *
-                kSectorSizeBytes};
-    } catch (yx::CIOError const& error) {
-        error.nop();
-        return {0, std::current_exception()};
-    }
-}
 
 } // namespace
 
@@ -175,28 +148,16 @@ void CVMDKGrain::readCompressedGrain(yx::TBuffer<unsigned char>& target) {
 
 /// Reads a record as the file holds it, up to a sector's end. Returns the size of its data.
 unsigned int CVMDKGrain::readRecord(yx::TBuffer<unsigned char>& record) {
-    __int64 const slotSizeBytes = m_slotSizeSectors * kSectorSizeBytes;
-    SlotContent slot;
-    if (slotSizeBytes > kSectorSizeBytes && slotSizeBytes <= kMaxSlotGrains * m_grainSizeBytes)
-        slot = readSlot(*m_stream, slotSizeBytes, record);
-    if (slot.sizeBytes == 0) {
-        seekToGrain();
-        record.setUsed(kSectorSizeBytes);
-        m_stream->read(record.getData(), kSectorSizeBytes);
-    }
+    record.setUsed(kSectorSizeBytes);
+    m_stream->read(record.getData(), kSectorSizeBytes);
 
     unsigned int const compressedSizeBytes = verifiedCompressedSize(record.getData());
     __int64 const storedSizeBytes =
         m_cipher ? roundUpToMultiple(compressedSizeBytes, m_cipherBlockSize) : compressedSizeBytes;
     record.setUsed(static_cast<int>(
         roundUpToMultiple(storedSizeBytes + kGrainRecordHeaderSizeBytes, kSectorSizeBytes)));
-    // What cannot be read of a larger slot may lie behind the record. Enciphering may take a sector.
-    if (slot.failure && record.getUsed() + kSectorSizeBytes >= slotSizeBytes)
-        std::rethrow_exception(slot.failure);
-    if (record.getUsed() > std::max(slot.sizeBytes, kSectorSizeBytes)) {
-        m_stream->seek(getStoredPosSectors() * kSectorSizeBytes + kSectorSizeBytes);
+    if (record.getUsed() > kSectorSizeBytes)
         m_stream->read(record.getData() + kSectorSizeBytes, record.getUsed() - kSectorSizeBytes);
-    }
     return compressedSizeBytes;
 }
 

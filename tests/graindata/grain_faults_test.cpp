@@ -71,7 +71,7 @@ TEST_F(GrainFaults, ReadLeavesNothingLoadedAndSucceedsAgain) {
         Kind kind;
         int calls; // one seek, and the reads
     } const cases[] = {
-        {kPlain, 2}, {kEnciphered, 2}, {kCompressed, 2}, {kCompressedAndEnciphered, 2}};
+        {kPlain, 2}, {kEnciphered, 2}, {kCompressed, 3}, {kCompressedAndEnciphered, 3}};
     for (auto const& test : cases) {
         int const calls = failEachCall({
             [&, this] { return openStored(test.kind, oldPlain); },
@@ -97,7 +97,7 @@ TEST_F(GrainFaults, PreparedReadSucceedsAgain) {
                 EXPECT_EQ(readAll(grain), oldPlain);
             },
         });
-        EXPECT_EQ(calls, 2) << kind;
+        EXPECT_EQ(calls, kind.compressed ? 3 : 2) << kind;
     }
 }
 
@@ -119,7 +119,7 @@ TEST_F(GrainFaults, PartialWriteThatCannotLoadTheRestChangesNothing) {
                 EXPECT_EQ(plainInFile(kind), expected);
             },
         });
-        EXPECT_EQ(calls, 2) << kind;
+        EXPECT_EQ(calls, kind.compressed ? 3 : 2) << kind;
     }
 }
 
