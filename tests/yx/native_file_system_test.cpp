@@ -284,10 +284,13 @@ TEST_F(NativeFileSystem, AFullDeviceIsNoSpace) {
 
 TEST_F(NativeFileSystem, ALengthThatTheFileSystemCannotHoldIsNoSpace) {
     auto const stream = open("a");
+    constexpr __int64 kLengthBytes = 9223372036854775807;
+    if (::truncate(toNativePath(directory.uri("a")).toStdString().c_str(), kLengthBytes) == 0)
+        GTEST_SKIP() << "this file system can hold any length";
     EXPECT_TRUE(throwsIOError(CIOError::NoSpace,
                               "Cannot set the length of the file: File too large",
                               {{"uri", text("a")}, {"length", "9223372036854775807"}},
-                              [&] { stream->setLength(9223372036854775807); }));
+                              [&] { stream->setLength(kLengthBytes); }));
     EXPECT_EQ(stream->getLength(), 0);
 }
 
