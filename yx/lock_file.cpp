@@ -16,6 +16,10 @@ namespace {
 /// nobody waits that long unless the one who does it is stopped in the middle.
 constexpr std::chrono::milliseconds kMaxRemovalTime{500};
 
+/// How often to look at least, whatever the clock says: this process may have stood still, or the
+/// file may be far away.
+constexpr int kLeastLooks = 10;
+
 bool isLockingUnsupported(CError const& error) {
     if (auto const* const ioError = dynamic_cast<CIOError const*>(&error))
         return ioError->getIOCode() == CIOError::NotSupported;
@@ -80,7 +84,7 @@ void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
 std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem, LockType type,
                                                        bool existed) const {
     auto const end = std::chrono::steady_clock::now() + kMaxRemovalTime;
-    do {
+    for (int looks = 0; looks < kLeastLooks || std::chrono::steady_clock::now() < end; ++looks) {
         auto file = std::make_unique<detail::OpenLockFile>(fileSystem, m_uri);
         try {
             if (file->tryEnter(type == Exclusive ? IStreamBase::Exclusive : IStreamBase::Shared)) {
@@ -94,7 +98,7 @@ std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem, 
             throw;
         }
         std::this_thread::yield();
-    } while (std::chrono::steady_clock::now() < end);
+    }
     throw CLockFileError(kLockFileIsRemovedMessage, detail::makeUriProps(m_uri), nullptr);
 }
 

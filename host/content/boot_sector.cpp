@@ -11,6 +11,10 @@ namespace {
 
 constexpr int kMaxClusterShift = 25;
 
+__int64 toSigned(std::uint64_t number) {
+    return static_cast<__int64>(number);
+}
+
 bool isPowerOfTwo(std::uint64_t number) {
     return number != 0 && (number & (number - 1)) == 0;
 }
@@ -47,8 +51,8 @@ std::optional<BootSector> readNTFS(unsigned char const* sector) {
         return std::nullopt;
     BootSector found;
     found.kind = BootSector::Kind::NTFS;
-    found.clusterBytes = static_cast<__int64>(sectorBytes * sectors);
-    found.rootCluster = static_cast<__int64>(cluster);
+    found.clusterBytes = toSigned(sectorBytes * sectors);
+    found.rootCluster = toSigned(cluster);
     found.firstCluster = 0;
     // What cannot be a place in a file of 2^63 bytes is none.
     if (found.rootCluster > INT64_MAX / found.clusterBytes)
@@ -70,15 +74,15 @@ std::optional<BootSector> readFAT(unsigned char const* sector) {
     std::uint64_t const tableSectors =
         shortTable != 0 ? shortTable : readLittleEndian<std::uint32_t>(sector + 36);
     std::uint64_t const rootSectors =
-        (readLittleEndian<std::uint16_t>(sector + 17) * 32U + sectorBytes - 1) / sectorBytes;
+        (std::uint64_t{readLittleEndian<std::uint16_t>(sector + 17)} * 32 + sectorBytes - 1) /
+        sectorBytes;
     if (tableSectors == 0)
         return std::nullopt;
     BootSector found;
     found.kind = shortTable != 0 ? BootSector::Kind::FAT : BootSector::Kind::FAT32;
-    found.clusterBytes = static_cast<__int64>(sectorBytes * sectorsOfCluster);
-    found.tableStartBytes = static_cast<__int64>(reserved * sectorBytes);
-    found.dataStartBytes =
-        static_cast<__int64>((reserved + tables * tableSectors + rootSectors) * sectorBytes);
+    found.clusterBytes = toSigned(sectorBytes * sectorsOfCluster);
+    found.tableStartBytes = toSigned(reserved * sectorBytes);
+    found.dataStartBytes = toSigned((reserved + tables * tableSectors + rootSectors) * sectorBytes);
     if (found.kind == BootSector::Kind::FAT32)
         found.rootCluster = readLittleEndian<std::uint32_t>(sector + 44);
     return found;

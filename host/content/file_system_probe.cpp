@@ -67,7 +67,7 @@ public:
         bool const isThere = positionBytes >= 0 && positionBytes < m_sizeBytes;
         if (!isThere || m_farBytes + bytes > kMaxFarBytes)
             return;
-        m_farBytes += bytes + 2 * kBlockBytes;
+        m_farBytes += bytes + __int64{2} * kBlockBytes;
         copy(positionBytes, bytes);
     }
 

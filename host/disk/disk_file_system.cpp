@@ -161,12 +161,12 @@ yx::P<yx::IIOStream> DiskFileSystem::openAndLock(Member const& member, yx::CURI 
     bool const isOnlyRead =
         access == yx::IIOStream::ReadOnly && member.access == yx::IIOStream::ReadOnly;
     if (isOnlyRead) {
-        if (yx::P<yx::IIOStream> const kept = tryOpenKept(uri, name))
+        if (yx::P<yx::IIOStream> kept = tryOpenKept(uri, name))
             return kept;
     }
     if (isOnlyRead && options == 0 && !m_opened.contains(name))
         return openKept(uri, name);
-    yx::P<yx::IIOStream> const stream = openSame(uri, name, access, options);
+    yx::P<yx::IIOStream> stream = openSame(uri, name, access, options);
     lock(member, uri);
     return stream;
 }

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <regex>
 #include <sstream>
 
 #include <poll.h>
@@ -36,6 +37,18 @@ void fillWithNoise(char* bytes, std::size_t count, std::mt19937& random) {
     }
 }
 
+/// Whether a command is long, and says at its end what it did unless it is told not to.
+bool endsWithSummary(Arguments const& arguments) {
+    static std::set<std::string> const kLongCommands{
+        "check",  "child",   "compact", "compare", "convert", "copy",   "digest", "drop",
+        "export", "flatten", "import",  "merge",   "prune",   "rebase", "rename", "repair"};
+    auto const has = [&](char const* option) {
+        return std::find(arguments.begin(), arguments.end(), option) != arguments.end();
+    };
+    return kLongCommands.contains(arguments.front()) && !has("--json") && !has("--quiet") &&
+           !has("--help");
+}
+
 /// In the process that is to become the program: lets it count and write down its operations.
 void logOperations() {
     ::setenv("LD_PRELOAD", KELM_FILE_LOG_LIBRARY, 1);
@@ -50,6 +63,19 @@ RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& a
                          std::function<void()> const& prepare)
     : RunningProgram(folder, joined({{KELM_TOOL}, arguments}), prepare) {}
 
+ToolOutcome RunningTool::finish() {
+    static std::regex const kSummary(
+        "(^|\n)(kelm: [a-z]+ took [0-9.e-]+ s(, [0-9.]+ ([KMGT]iB|bytes)/s)?\n"
+        "kelm: (read|copied nothing)[^\n]*, [0-9]+ warnings?\n)$");
+    ToolOutcome outcome{RunningProgram::finish(), {}};
+    std::smatch match;
+    if (std::regex_search(outcome.err, match, kSummary)) {
+        outcome.summary = match.str(2);
+        outcome.err.erase(outcome.err.size() - outcome.summary.size());
+    }
+    return outcome;
+}
+
 std::vector<std::string> const& allCommands() {
     static std::vector<std::string> const kCommands{
         "create",  "info",     "import", "export",  "convert", "compare", "check",
@@ -61,16 +87,17 @@ std::vector<std::string> const& allCommands() {
 
 ToolTest::ToolTest() = default;
 
-Outcome ToolTest::run(Arguments const& arguments, std::string const& input) const {
+ToolOutcome ToolTest::run(Arguments const& arguments, std::string const& input) const {
     RunningTool tool(folder(), arguments);
     tool.feed(input);
     return tool.finish();
 }
 
 std::string ToolTest::runWell(Arguments const& arguments) const {
-    Outcome const outcome = run(arguments);
+    ToolOutcome const outcome = run(arguments);
     EXPECT_EQ(outcome.status, 0) << arguments.front();
     EXPECT_EQ(outcome.err, "") << arguments.front();
+    EXPECT_EQ(!outcome.summary.empty(), endsWithSummary(arguments)) << arguments.front();
     return outcome.out;
 }
 
@@ -101,7 +128,7 @@ bool ToolTest::runAndKillBehind(int operations, Arguments const& arguments) cons
     return tool.finish().status == -1;
 }
 
-Outcome ToolTest::runAndSignalBehindTheFirst(int signal, Arguments const& arguments) const {
+ToolOutcome ToolTest::runAndSignalBehindTheFirst(int signal, Arguments const& arguments) const {
     RunningTool tool(folder(), arguments, [&] {
         logOperations();
         ::setenv("KELM_FILE_LOG_KILL_AFTER", "1", 1);

@@ -20,12 +20,20 @@ using test_support::Outcome;
 /// The names of all commands of the program.
 std::vector<std::string> const& allCommands();
 
+/// What a run of the program left behind. Its words on standard error are without the summary that
+/// long commands end with.
+struct ToolOutcome : Outcome {
+    std::string summary;
+};
+
 /// The program kelm, running.
 class RunningTool : public test_support::RunningProgram {
 public:
     /// `prepare` as for `RunningProgram`.
     RunningTool(std::filesystem::path const& folder, Arguments const& arguments,
                 std::function<void()> const& prepare = {});
+
+    ToolOutcome finish();
 };
 
 /// Runs the program in a folder of its own, as a user would.
@@ -36,9 +44,10 @@ protected:
     std::string path(std::string const& name) const { return (m_folder.path() / name).string(); }
     std::filesystem::path const& folder() const { return m_folder.path(); }
 
-    Outcome run(Arguments const& arguments, std::string const& input = "") const;
+    ToolOutcome run(Arguments const& arguments, std::string const& input = "") const;
 
-    /// Runs the program, expects status 0 and no words on standard error, and returns its output.
+    /// Runs the program, expects status 0 and no words on standard error but the summary of a long
+    /// command, and returns its output.
     std::string runWell(Arguments const& arguments) const;
 
     /// Runs the program, expects that status and one line on standard error, and returns the line.
@@ -53,7 +62,7 @@ protected:
     bool runAndKillBehind(int operations, Arguments const& arguments) const;
 
     /// Runs the program, which gets the signal right behind the first of these operations.
-    Outcome runAndSignalBehindTheFirst(int signal, Arguments const& arguments) const;
+    ToolOutcome runAndSignalBehindTheFirst(int signal, Arguments const& arguments) const;
 
     /// Waits until the program has made a file, or has ended.
     void waitForFile(RunningTool const& tool, std::string const& name) const;

@@ -19,9 +19,9 @@ protected:
 
     /// What a command says to people on standard error.
     std::string wordsOf(Arguments const& arguments) const {
-        Outcome const outcome = run(arguments);
+        ToolOutcome const outcome = run(arguments);
         EXPECT_EQ(outcome.status, 0) << outcome.err;
-        return outcome.err;
+        return outcome.err + outcome.summary;
     }
 };
 
@@ -33,10 +33,10 @@ TEST_F(HowMuchIsSaid, QuietSaysNothingButErrors) {
                                      {"list", "."},
                                      {"copy", "full.vmdk", "copy.vmdk"},
                                      {"delete", "copy.vmdk"}}) {
-        Outcome const outcome = run(joined({command, {"--quiet"}}));
+        ToolOutcome const outcome = run(joined({command, {"--quiet"}}));
         EXPECT_EQ(outcome.status, 0) << command.front();
         EXPECT_EQ(outcome.out, "") << command.front();
-        EXPECT_EQ(outcome.err, "") << command.front();
+        EXPECT_EQ(outcome.err + outcome.summary, "") << command.front();
     }
     EXPECT_EQ(runBadly(8, {"info", "none.vmdk", "--quiet"}),
               "kelm: The disk does not exist. (uri: " + path("none.vmdk") + ")\n");
@@ -52,6 +52,21 @@ TEST_F(HowMuchIsSaid, QuietNamesWhatIsDamagedAsAnError) {
     EXPECT_EQ(outcome.status, 7);
     EXPECT_EQ(outcome.out, "");
     EXPECT_NE(outcome.err.find("65536 bytes damaged\n"), std::string::npos) << outcome.err;
+}
+
+TEST_F(HowMuchIsSaid, LongCommandsEndWithASummary) {
+    for (char const* command : {"check", "digest"})
+        EXPECT_NE(run({command, "full.vmdk"}).summary, "") << command;
+    EXPECT_NE(run({"compare", "image", "full.vmdk"}).summary, "");
+    EXPECT_EQ(run({"info", "full.vmdk"}).summary, "");
+    EXPECT_EQ(run({"check", "full.vmdk", "--json"}).summary, "");
+    // Where something is found, too.
+    writeFile("other", makeImage(std::size_t{8} << 20, 64));
+    ToolOutcome const differing = run({"compare", "other", "full.vmdk"});
+    EXPECT_EQ(differing.status, 1);
+    EXPECT_TRUE(std::regex_match(differing.summary,
+                                 std::regex("kelm: compare took [0-9.]+ s.*\nkelm: .*\n")))
+        << differing.summary;
 }
 
 TEST_F(HowMuchIsSaid, VerboseSaysWhatTheWorkIsBasedOnAndWhatWasDone) {

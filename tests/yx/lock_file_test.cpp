@@ -1,7 +1,9 @@
 #include "yx/lock_file.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -423,6 +425,23 @@ TYPED_TEST(LockFile, AFileThatMayNotBeDeletedStaysAndBlocksNobody) {
         EXPECT_EQ(ignored.entries().size(), 1U);
     }
     this->expectFree();
+}
+
+/// The time may go by for other reasons than a removal: a busy machine, or files far away.
+TYPED_TEST(LockFile, AProcessThatStandsStillMeanwhileTakesADeadFileAway) {
+    this->put(kMark);
+    int openings = 0;
+    auto const files = yx::makeObject<test_support::HookedFileSystem>(
+        &this->files(), [&openings](auto& operation, auto const& proceed) {
+            if (operation.kind == Kind::Open && ++openings == 1) {
+                auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(600);
+                while (std::chrono::steady_clock::now() < end)
+                    std::this_thread::yield();
+            }
+            proceed();
+        });
+    EXPECT_TRUE(tryTake(*files, this->uri(), CLockFile::Exclusive));
+    EXPECT_GT(openings, 1);
 }
 
 TYPED_TEST(LockFile, ARemovalThatNeverEndsIsAnError) {

@@ -35,6 +35,7 @@ std::vector<std::string> environmentInEnglish() {
 
 std::vector<char*> pointersTo(std::vector<std::string> const& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string const& text : texts)
         pointers.push_back(const_cast<char*>(text.c_str()));
     pointers.push_back(nullptr);
@@ -112,7 +113,8 @@ bool isProgramThere(std::string const& name) {
     char const* const path = std::getenv("PATH");
     std::istringstream folders(path != nullptr ? path : "/usr/bin:/bin");
     for (std::string folder; std::getline(folders, folder, ':');) {
-        if (::access((folder + "/" + name).c_str(), X_OK) == 0)
+        folder.append("/").append(name);
+        if (::access(folder.c_str(), X_OK) == 0)
             return true;
     }
     return false;

@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include <nlohmann/json.hpp>
-#include <unistd.h>
 
 #include "host/system/name_text.h"
 #include "host/system/size_text.h"
@@ -59,8 +58,7 @@ void CommandResult::explain(std::string const& text) const {
 }
 
 void CommandResult::summarize() const {
-    bool const isWanted = m_words == Words::All ||
-                          (m_words == Words::Usual && !m_isJSON && ::isatty(STDERR_FILENO) == 1);
+    bool const isWanted = m_words == Words::All || (m_words == Words::Usual && !m_isJSON);
     if (!isWanted)
         return;
     double const seconds = secondsSince(m_start);

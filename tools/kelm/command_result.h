@@ -52,8 +52,8 @@ public:
     /// Says on standard error what the work is based on, in a line, if all is to be said.
     void explain(std::string const& text) const;
 
-    /// Says at the end how long the work took and what was done, in two lines on standard error: if
-    /// that is a terminal, or all is to be said. The second line has the members of the object for
+    /// Says at the end how long the work took and what was done, in two lines on standard error,
+    /// unless only errors are to be said or the result is an object. The second line has the members of the object for
     /// what was read, stored and skipped, and for what became of zeros.
     void summarize() const;
 

@@ -82,7 +82,7 @@ void makeFolder(std::string const& path) {
 } // namespace
 
 MountRecord MountRecord::make(std::string const& folder, std::string const& disk) {
-    MountRecord const record(folder, placeOfRecords() + "/" + nameFor(folder));
+    MountRecord record(folder, placeOfRecords() + "/" + nameFor(folder));
     makeFolder(placeOfRecords());
     int made = ::mkdir(record.m_place.c_str(), kOwnFolder);
     if (made != 0 && errno == ENOENT) {
