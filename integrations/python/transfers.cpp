@@ -91,22 +91,29 @@ py::dict importImage(std::string const& image, std::string const& path, GivenOpt
     return made.describe();
 }
 
-__int64 exportImage(std::string const& path, std::string const& image, bool overwrite,
-                    py::object const& password, Paths const& allowPaths, bool unfinished,
-                    int threads, py::object const& progress) {
+py::dict exportImage(std::string const& path, std::string const& image, bool overwrite,
+                     host::ZeroPolicy zeros, py::object const& password, Paths const& allowPaths,
+                     bool unfinished, int threads, py::object const& progress) {
     Access const access = Access::make(password, allowPaths, unfinished);
     KeyScope const keys;
     __int64 imageBytes = 0;
+    host::TargetZeros done;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
         auto const files = yx::makeObject<yx::CNativeFileSystem>();
         std::unique_ptr<host::SafeDisk> const disk = openToRead(files.get(), path, access);
         if (std::optional<yx::CURI> const file = tryNameRegularFile(image))
             verifyIsNoneOf(listChainFiles(files.get(), *disk, access.password.get()), *file);
-        host::RawTarget target(image, overwrite, work.cancel);
+        host::RawTarget target(image, overwrite, work.cancel, zeros);
         host::exportRaw(*disk, target, work);
         imageBytes = host::getExactSizeBytes(*disk);
+        done = target.getZeros();
     });
-    return imageBytes;
+    py::dict exported;
+    exported["size"] = imageBytes;
+    exported["punched"] = done.punchedBytes;
+    exported["left"] = done.leftBytes;
+    exported["written"] = done.writtenBytes;
+    return exported;
 }
 
 /// Copies what differs from the parent of `to`, or everything if it has none.
@@ -223,6 +230,10 @@ py::dict compare(std::string const& left, std::string const& right, py::object c
 
 void addTransfers(py::module_& module) {
     module.def("import_image", &importImage);
+    py::enum_<host::ZeroPolicy>(module, "ZeroPolicy")
+        .value("punch", host::ZeroPolicy::Punch)
+        .value("skip", host::ZeroPolicy::Skip)
+        .value("write", host::ZeroPolicy::Write);
     module.def("export_image", &exportImage);
     module.def("convert", &convert);
     module.def("compare", &compare);

@@ -40,8 +40,8 @@ void fillWithNoise(char* bytes, std::size_t count, std::mt19937& random) {
 /// Whether a command is long, and says at its end what it did unless it is told not to.
 bool endsWithSummary(Arguments const& arguments) {
     static std::set<std::string> const kLongCommands{
-        "check",  "child",   "compact", "compare", "convert", "copy",   "digest", "drop",
-        "export", "flatten", "import",  "merge",   "prune",   "rebase", "rename", "repair"};
+        "check",  "compact", "compare", "convert", "copy",  "digest", "drop",
+        "export", "flatten", "import",  "merge",   "prune", "rebase", "repair"};
     auto const has = [&](char const* option) {
         return std::find(arguments.begin(), arguments.end(), option) != arguments.end();
     };
@@ -64,16 +64,21 @@ RunningTool::RunningTool(std::filesystem::path const& folder, Arguments const& a
     : RunningProgram(folder, joined({{KELM_TOOL}, arguments}), prepare) {}
 
 ToolOutcome RunningTool::finish() {
+    ToolOutcome outcome{RunningProgram::finish(), {}};
+    outcome.summary = takeSummary(outcome.err);
+    return outcome;
+}
+
+std::string takeSummary(std::string& words) {
     static std::regex const kSummary(
         "(^|\n)(kelm: [a-z]+ took [0-9.e-]+ s(, [0-9.]+ ([KMGT]iB|bytes)/s)?\n"
         "kelm: (read|copied nothing)[^\n]*, [0-9]+ warnings?\n)$");
-    ToolOutcome outcome{RunningProgram::finish(), {}};
     std::smatch match;
-    if (std::regex_search(outcome.err, match, kSummary)) {
-        outcome.summary = match.str(2);
-        outcome.err.erase(outcome.err.size() - outcome.summary.size());
-    }
-    return outcome;
+    if (!std::regex_search(words, match, kSummary))
+        return "";
+    std::string summary = match.str(2);
+    words.erase(words.size() - summary.size());
+    return summary;
 }
 
 std::vector<std::string> const& allCommands() {

@@ -20,6 +20,10 @@ using test_support::Outcome;
 /// The names of all commands of the program.
 std::vector<std::string> const& allCommands();
 
+/// Takes the summary that long commands end with out of the words on standard error, and returns it;
+/// empty if there is none.
+std::string takeSummary(std::string& words);
+
 /// What a run of the program left behind. Its words on standard error are without the summary that
 /// long commands end with.
 struct ToolOutcome : Outcome {

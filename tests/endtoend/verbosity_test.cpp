@@ -55,8 +55,8 @@ TEST_F(HowMuchIsSaid, QuietNamesWhatIsDamagedAsAnError) {
 }
 
 TEST_F(HowMuchIsSaid, LongCommandsEndWithASummary) {
-    for (char const* command : {"check", "digest"})
-        EXPECT_NE(run({command, "full.vmdk"}).summary, "") << command;
+    EXPECT_NE(run({"check", "full.vmdk"}).summary, "");
+    EXPECT_NE(run({"digest", "full.vmdk", "--force"}).summary, "");
     EXPECT_NE(run({"compare", "image", "full.vmdk"}).summary, "");
     EXPECT_EQ(run({"info", "full.vmdk"}).summary, "");
     EXPECT_EQ(run({"check", "full.vmdk", "--json"}).summary, "");

@@ -48,9 +48,25 @@ def test_an_image_comes_back(image):
 
     progress = Progress()
     exported = kelm.export_image("disk.vmdk", "restored", progress=progress)
-    assert exported == kelm.Exported("restored", DISK_BYTES)
+    assert (exported.path, exported.size) == ("restored", DISK_BYTES)
+    assert (exported.left, exported.written) == (0, 0)
     progress.verify_rises_to(DISK_BYTES)
     assert pathlib.Path("restored").read_bytes() == image
+
+
+def test_zeros_are_holes_or_written_or_left():
+    pathlib.Path("image").write_bytes(b"k" * 65536 + bytes(DISK_BYTES - 65536))
+    kelm.import_image("image", "disk.vmdk", digests=False)
+    zeros = DISK_BYTES - 65536
+    for policy, expected in (("punch", (zeros, 0, 0)), ("skip", (0, zeros, 0)),
+                             ("write", (0, 0, zeros))):
+        pathlib.Path("restored").write_bytes(b"x" * DISK_BYTES)
+        exported = kelm.export_image("disk.vmdk", "restored", overwrite=True, zeros=policy)
+        assert (exported.punched, exported.left, exported.written) == expected
+        rest = b"x" * zeros if policy == "skip" else bytes(zeros)
+        assert pathlib.Path("restored").read_bytes() == b"k" * 65536 + rest
+    with pytest.raises(ValueError, match="zeros is neither"):
+        kelm.export_image("disk.vmdk", "restored", overwrite=True, zeros="Punch")
 
 
 def test_an_image_of_odd_size_keeps_it():

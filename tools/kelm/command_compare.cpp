@@ -43,6 +43,7 @@ private:
 };
 
 ExitStatus compare(Invocation& invocation, CompareArguments& arguments) {
+    invocation.setLong();
     if (arguments.unfinished)
         invocation.allowUnfinished(host::UnfinishedDisks::InChain);
     Side left(invocation, arguments.left, arguments.passwords.ofFirst());

@@ -17,13 +17,15 @@ What they have in common:
 
 from __future__ import annotations
 
-from typing import Any, Iterable, Optional
+from typing import Any, Iterable, Literal, Optional
 
 from . import _kelm
 from ._arguments import (Password, Path, Progress, decode, encode, encode_all, new_disk_options,
                          wipes_passwords)
 from ._results import (Backup, Check, Comparison, Digest, Dropped, Exported, FileRepair, Finding,
                        Made, Pruned, Renamed, Repair, Verdict)
+
+Zeros = Literal["punch", "write", "skip"]
 
 
 @wipes_passwords
@@ -52,18 +54,27 @@ def import_image(image: Path, disk: Path, *, size: Optional[int] = None, compres
 
 
 @wipes_passwords
-def export_image(disk: Path, image: Path, *, overwrite: bool = False, unfinished: bool = False,
-                 password: Optional[Password] = None, allow_paths: Iterable[Path] = (),
-                 threads: int = 0, progress: Optional[Progress] = None) -> Exported:
+def export_image(disk: Path, image: Path, *, overwrite: bool = False, zeros: Zeros = "punch",
+                 unfinished: bool = False, password: Optional[Password] = None,
+                 allow_paths: Iterable[Path] = (), threads: int = 0,
+                 progress: Optional[Progress] = None) -> Exported:
     """Makes a raw image of a disk: a new file with holes, a block device, a pipe, or standard
     output for "-". A file or a block device that exists is `Exists` unless `overwrite` is set.
 
-    >>> kelm.export_image("monday.vmdk", "restored.img").size
-    8388608
+    `zeros` says what becomes of zeros in a file or on a device: "punch" leaves holes, and lets a
+    device that can give their space back; "write" writes them; "skip" leaves what is there, which
+    is right only for a target that is known to read as zeros.
+
+    >>> exported = kelm.export_image("monday.vmdk", "restored.img")
+    >>> exported.size, exported.written
+    (8388608, 0)
     """
-    size = _kelm.export_image(encode(disk), encode(image), overwrite, password,
-                              encode_all(allow_paths), unfinished, threads, progress)
-    return Exported(decode(image), size)
+    if zeros not in ("punch", "write", "skip"):
+        raise ValueError('zeros is neither "punch" nor "write" nor "skip"')
+    fields: dict[str, Any] = _kelm.export_image(
+        encode(disk), encode(image), overwrite, getattr(_kelm.ZeroPolicy, zeros), password,
+        encode_all(allow_paths), unfinished, threads, progress)
+    return Exported(decode(image), **fields)
 
 
 @wipes_passwords

@@ -42,9 +42,13 @@ def create(path: bytes, options: NewDiskOptions, password: _Password,
 def import_image(image: bytes, disk: bytes, options: NewDiskOptions, password: _Password,
                  allow_paths: _Paths, pad: bool, threads: int,
                  progress: Optional[Progress]) -> dict[str, Any]: ...
-def export_image(disk: bytes, image: bytes, overwrite: bool, password: _Password,
-                 allow_paths: _Paths, unfinished: bool, threads: int,
-                 progress: Optional[Progress]) -> int: ...
+class ZeroPolicy:
+    punch: ZeroPolicy
+    skip: ZeroPolicy
+    write: ZeroPolicy
+def export_image(disk: bytes, image: bytes, overwrite: bool, zeros: ZeroPolicy,
+                 password: _Password, allow_paths: _Paths, unfinished: bool, threads: int,
+                 progress: Optional[Progress]) -> dict[str, Any]: ...
 def convert(source: bytes, target: bytes, options: NewDiskOptions, source_password: _Password,
             password: _Password, allow_paths: _Paths, unfinished: bool, threads: int,
             progress: Optional[Progress]) -> dict[str, Any]: ...

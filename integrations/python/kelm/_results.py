@@ -92,6 +92,14 @@ class Exported:
 
     path: str
     size: int
+    punched: int
+    """Bytes of zeros that take no space in a file or on a device."""
+
+    left: int
+    """Bytes of zeros that were left as the target had them."""
+
+    written: int
+    """Bytes of zeros that were written."""
 
 
 @dataclass(frozen=True)
