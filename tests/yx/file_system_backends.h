@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -19,6 +20,11 @@ struct Native {
 
     /// Of a file right below the folder of the test; `name` is not escaped.
     yx::CURI uri(std::string const& name) const { return directory.uri(name); }
+
+    /// So that names may lead through it.
+    void makeFolder(std::string const& name) const {
+        std::filesystem::create_directory(directory.path() / name);
+    }
 };
 
 struct NativeToSystem : Native {
@@ -33,6 +39,21 @@ struct Memory {
     yx::CURI uri(std::string const& name) const {
         return yx::CURI("mem:/disks/") << yx::String::fromUTF8(name);
     }
+
+    /// There are none, and none are needed.
+    void makeFolder(std::string const&) const {}
 };
 
 } // namespace file_system_backends
+
+/// All file systems, for tests of what they have in common, and those that differ in how they lock. A
+/// program that has the tests run on others names a header with its own types.
+#ifdef KELM_FILE_SYSTEM_BACKENDS
+#include KELM_FILE_SYSTEM_BACKENDS
+#else
+using FileSystemBackends =
+    testing::Types<file_system_backends::Native, file_system_backends::NativeToSystem,
+                   file_system_backends::Memory>;
+using LockFileBackends = testing::Types<file_system_backends::Native, file_system_backends::Memory>;
+using LockFileMeetingBackends = LockFileBackends;
+#endif
