@@ -1,8 +1,11 @@
 #include "tests/cluster/cluster_backends.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
+
+#include "yx/error.h"
 
 namespace file_system_backends {
 
@@ -60,11 +63,21 @@ kelm::ceph::CCephFileSystem& getClient(int number) {
 }
 
 Cluster::Cluster() : files(&getClient(0)) {
-    static int folders = 0;
-    auto const* const test = testing::UnitTest::GetInstance()->current_test_info();
-    std::string const name = std::string(test->name()) + "." + std::to_string(++folders);
-    folder = yx::CURI("ceph://writer@disks/") << yx::String::fromUTF8(name);
-    getClient(0).makeFolder(folder);
+    static int number = 0;
+    std::string start = testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::ranges::replace(start, '/', '-');
+    // A run before this one may have left some.
+    for (bool isMade = false; !isMade;) {
+        std::string const name = start + "." + std::to_string(++number);
+        folder = yx::CURI("ceph://writer@disks/") << yx::String::fromUTF8(name);
+        try {
+            getClient(0).makeFolder(folder);
+            isMade = true;
+        } catch (yx::CIOError const& error) {
+            if (error.getIOCode() != yx::CIOError::AlreadyExists)
+                throw;
+        }
+    }
 }
 
 void Cluster::makeFolder(std::string const& name) const {
