@@ -143,6 +143,12 @@ yx::P<yx::IStreamLock> CCephFileStream::lockAt(__int64 position, __int64 length,
         return lock.token;
     if (lock.error == -EAGAIN || lock.error == -EACCES)
         yx::detail::throwRangeLocked(uri(), position, length);
+    // So it says that the session under which this file had locks has ended.
+    if (lock.error == -EIO)
+        throw yx::CIOError(yx::CIOError::IOFailure,
+                           "Cannot lock the file: The cluster has ended the session that held its "
+                           "locks.",
+                           makeRangeProps(uri(), position, "length", length), nullptr);
     throw makeClusterError(FileAction::Lock, lock.error,
                            makeRangeProps(uri(), position, "length", length));
 }

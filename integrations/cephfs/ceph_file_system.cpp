@@ -115,17 +115,18 @@ yx::P<yx::IIOStream> CCephFileSystem::open(yx::CURI const& uri, yx::IIOStream::A
     // The client would leave the separator out and make a file.
     if (location.endsInSeparator())
         require(-EISDIR, FileAction::Open, uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
-    ceph_mount_info* const client = mount->use(uri);
-    int const descriptor = ceph_open(client, location.path.c_str(), flags, kNewFileMode);
+    Target const target = reach(location, uri);
+    int const descriptor = ceph_open(target.client, target.path.c_str(), flags, kNewFileMode);
     if (descriptor == -ELOOP && (flags & O_NOFOLLOW) != 0 &&
         getStatus(uri, false).kind == FileKind::Link)
         throw yx::CIOError(yx::CIOError::NotAllowed, "The file is a symbolic link.",
                            makeUriProps(uri), nullptr);
     require(descriptor, FileAction::Open, uri);
-    auto file = std::make_shared<CephFile>(mount, descriptor, access == yx::IIOStream::ReadWrite);
+    auto file =
+        std::make_shared<CephFile>(target.mount, descriptor, access == yx::IIOStream::ReadWrite);
     struct ceph_statx status {};
-    require(file->query(client, status, CEPH_STATX_MODE | CEPH_STATX_SIZE), FileAction::Open, uri);
+    require(file->query(target.client, status, CEPH_STATX_MODE | CEPH_STATX_SIZE), FileAction::Open,
+            uri);
     require(getRefusalOf(status.stx_mode), FileAction::Open, uri);
     return yx::makeObject<CCephFileStream>(std::move(file), uri, access, status.stx_size == 0);
 }
@@ -134,10 +135,9 @@ bool CCephFileSystem::fileExists(yx::CURI const& uri) {
     CephLocation const location = locate(uri);
     if (location.endsInSeparator())
         return false;
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
+    Target const target = reach(location, uri);
     struct ceph_statx status {};
-    int const result =
-        ceph_statx(mount->use(uri), location.path.c_str(), &status, CEPH_STATX_MODE, 0);
+    int const result = ceph_statx(target.client, target.path.c_str(), &status, CEPH_STATX_MODE, 0);
     if (isMissingResult(result))
         return false;
     require(result, FileAction::Query, uri);
@@ -148,20 +148,19 @@ void CCephFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
     CephLocation const location = locate(uri);
     if (location.endsInSeparator())
         require(-EISDIR, FileAction::Delete, uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
-    int const result = ceph_unlink(mount->use(uri), location.path.c_str());
+    Target const target = reach(location, uri);
+    int const result = ceph_unlink(target.client, target.path.c_str());
     if (!ignoreMissing || !isMissingResult(result))
         require(result, FileAction::Delete, uri);
 }
 
 IClusterFiles::FileStatus CCephFileSystem::getStatus(yx::CURI const& uri, bool followLinks) {
-    CephLocation const location = locate(uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
+    Target const target = reach(uri);
     struct ceph_statx status {};
-    require(ceph_statx(mount->use(uri), location.path.c_str(), &status, kWantedOfStatus,
+    require(ceph_statx(target.client, target.path.c_str(), &status, kWantedOfStatus,
                        followLinks ? 0 : AT_SYMLINK_NOFOLLOW),
             FileAction::Query, uri);
-    return toStatus(*mount, status);
+    return toStatus(*target.mount, status);
 }
 
 IClusterFiles::FileStatus CCephFileSystem::getOpenStatus(yx::IStreamBase& stream) {
@@ -180,9 +179,8 @@ IClusterFiles::FileStatus CCephFileSystem::getOpenStatus(yx::IStreamBase& stream
 }
 
 std::vector<IClusterFiles::FolderEntry> CCephFileSystem::listFolder(yx::CURI const& uri) {
-    CephLocation const location = locate(uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
-    OpenFolder folder(mount->use(uri), location.path.c_str());
+    Target const target = reach(uri);
+    OpenFolder folder(target.client, target.path.c_str());
     require(folder.getResult(), FileAction::Query, uri);
     std::vector<FolderEntry> entries;
     struct dirent entry {};
@@ -199,16 +197,14 @@ std::vector<IClusterFiles::FolderEntry> CCephFileSystem::listFolder(yx::CURI con
 }
 
 void CCephFileSystem::makeFolder(yx::CURI const& uri) {
-    CephLocation const location = locate(uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
-    require(ceph_mkdir(mount->use(uri), location.path.c_str(), kNewFolderMode),
+    Target const target = reach(uri);
+    require(ceph_mkdir(target.client, target.path.c_str(), kNewFolderMode),
             "Cannot make the folder: ", uri);
 }
 
 void CCephFileSystem::removeFolder(yx::CURI const& uri) {
-    CephLocation const location = locate(uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
-    require(ceph_rmdir(mount->use(uri), location.path.c_str()), "Cannot remove the folder: ", uri);
+    Target const target = reach(uri);
+    require(ceph_rmdir(target.client, target.path.c_str()), "Cannot remove the folder: ", uri);
 }
 
 void CCephFileSystem::rename(yx::CURI const& from, yx::CURI const& to) {
@@ -218,26 +214,24 @@ void CCephFileSystem::rename(yx::CURI const& from, yx::CURI const& to) {
         throw yx::CIOError(yx::CIOError::NotSupported,
                            "The two names are not in one file system of one user.",
                            makeUriProps(to), nullptr);
-    std::shared_ptr<CephMount> const mount = mountOf(source, from);
-    int const result = ceph_rename(mount->use(from), source.path.c_str(), target.path.c_str());
+    Target const old = reach(source, from);
+    Target const renamed = reach(target, to);
+    int const result = ceph_rename(old.client, old.path.c_str(), renamed.path.c_str());
     require(result, "Cannot rename the file: ", from);
 }
 
 void CCephFileSystem::syncFolder(yx::CURI const& uri) {
-    CephLocation const location = locate(uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
-    ceph_mount_info* const client = mount->use(uri);
-    int const descriptor = ceph_open(client, location.path.c_str(), O_RDONLY | O_DIRECTORY, 0);
+    Target const target = reach(uri);
+    int const descriptor = ceph_open(target.client, target.path.c_str(), O_RDONLY | O_DIRECTORY, 0);
     require(descriptor, FileAction::Flush, uri);
-    CephFile const folder(mount, descriptor, false);
-    require(ceph_fsync(client, descriptor, 0), FileAction::Flush, uri);
+    CephFile const folder(target.mount, descriptor, false);
+    require(ceph_fsync(target.client, descriptor, 0), FileAction::Flush, uri);
 }
 
 IClusterFiles::Room CCephFileSystem::getRoom(yx::CURI const& uri) {
-    CephLocation const location = locate(uri);
-    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
+    Target const target = reach(uri);
     struct statvfs room {};
-    require(ceph_statfs(mount->use(uri), location.path.c_str(), &room), FileAction::Query, uri);
+    require(ceph_statfs(target.client, target.path.c_str(), &room), FileAction::Query, uri);
     auto const blockBytes = static_cast<__int64>(room.f_frsize);
     return {static_cast<__int64>(room.f_blocks) * blockBytes,
             static_cast<__int64>(room.f_bavail) * blockBytes};
@@ -247,13 +241,22 @@ __int64 CCephFileSystem::getMaxFileLengthBytes(yx::CURI const& uri) {
     return mountOf(locate(uri), uri)->getMaxFileLengthBytes(uri);
 }
 
+CCephFileSystem::Target CCephFileSystem::reach(yx::CURI const& uri) {
+    return reach(locate(uri), uri);
+}
+
+CCephFileSystem::Target CCephFileSystem::reach(CephLocation const& location, yx::CURI const& uri) {
+    std::shared_ptr<CephMount> const mount = mountOf(location, uri);
+    return {mount, mount->use(uri), mount->toClientPath(location.path, uri)};
+}
+
 std::shared_ptr<CephMount> CCephFileSystem::mountOf(CephLocation const& location,
                                                     yx::CURI const& uri) {
     // Two threads that come first share one connection.
     std::lock_guard const guard(m_mutex);
     std::shared_ptr<CephMount>& mount = m_mounts[{location.user, location.fileSystem}];
     if (!mount)
-        mount = std::make_shared<CephMount>(location.user, location.fileSystem, uri);
+        mount = std::make_shared<CephMount>(location, uri);
     return mount;
 }
 

@@ -47,6 +47,15 @@ public:
 private:
     using User = std::pair<std::string, std::string>; ///< and the file system's name
 
+    /// A name, and the connection that it is reached by.
+    struct Target {
+        std::shared_ptr<CephMount> mount;
+        ceph_mount_info* client;
+        std::string path; ///< the client's own
+    };
+
+    Target reach(CephLocation const& location, yx::CURI const& uri);
+    Target reach(yx::CURI const& uri);
     std::shared_ptr<CephMount> mountOf(CephLocation const& location, yx::CURI const& uri);
     yx::P<yx::IIOStream> open(yx::CURI const& uri, yx::IIOStream::Access access, int flags);
 

@@ -1,9 +1,11 @@
 #include "integrations/cephfs/ceph_mount.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <sstream>
@@ -82,6 +84,14 @@ std::string findUserInEnvironment() {
     return user;
 }
 
+/// Without dot segments and without a separator at the end.
+std::string normalizePath(std::string const& path) {
+    std::string normal = std::filesystem::path(path).lexically_normal().string();
+    if (normal.size() > 1 && normal.back() == '/')
+        normal.pop_back();
+    return normal;
+}
+
 constexpr char kForkedMessage[] =
     "The connection to the cluster belongs to the process that this one was forked from.";
 
@@ -113,15 +123,14 @@ mode_t readCreationMask() {
 
 } // namespace
 
-CephMount::CephMount(std::string const& user, std::string const& fileSystem, yx::CURI const& uri)
-    : m_process(::getpid()) {
+CephMount::CephMount(CephLocation const& location, yx::CURI const& uri) : m_process(::getpid()) {
     requireUnforked(uri);
-    std::string const name = user.empty() ? findUserInEnvironment() : user;
+    std::string const name = location.user.empty() ? findUserInEnvironment() : location.user;
     if (int const result = ceph_create(&m_client, name.empty() ? nullptr : name.c_str());
         result != 0)
         throwUnreachable(result, "its client cannot be made", uri);
     try {
-        connect(fileSystem, uri);
+        connect(location, uri);
     } catch (...) {
         ceph_shutdown(m_client);
         throw;
@@ -147,7 +156,7 @@ ceph_mount_info* CephMount::tryUse() const noexcept {
     return m_process == ::getpid() ? m_client : nullptr;
 }
 
-void CephMount::connect(std::string const& fileSystem, yx::CURI const& uri) {
+void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
     // Errors are told by exceptions. What the client itself has to say goes to its log.
     ceph_conf_set(m_client, "log_to_stderr", "false");
     ceph_conf_set(m_client, "err_to_stderr", "false");
@@ -161,15 +170,44 @@ void CephMount::connect(std::string const& fileSystem, yx::CURI const& uri) {
         ceph_conf_set(m_client, "client_oc_size", kCacheSize);
         ceph_conf_set(m_client, "client_oc_max_dirty", kMaxDirtySize);
     }
-    if (!fileSystem.empty())
-        ceph_conf_set(m_client, "client_fs", fileSystem.c_str());
+    if (!location.fileSystem.empty())
+        ceph_conf_set(m_client, "client_fs", location.fileSystem.c_str());
     if (int const result = ceph_init(m_client); result != 0)
         throwUnreachable(result, getReasonOfInit(result), uri);
-    if (int const result = ceph_mount(m_client, "/"); result != 0)
-        throwUnreachable(result, getReasonOfMount(result), uri);
+    enterFolder(location.path, uri);
     ceph_umask(m_client, readCreationMask());
     m_clusterID = getSetting("fsid");
     m_fileSystemNumber = ceph_get_fs_cid(m_client);
+}
+
+void CephMount::enterFolder(std::string const& path, yx::CURI const& uri) {
+    int const result = ceph_mount(m_client, "/");
+    if (result == 0)
+        return;
+    std::string const wholePath = normalizePath(path);
+    size_t end = 0;
+    while ((result == -EPERM || result == -EACCES) && end < wholePath.size()) {
+        end = std::min(wholePath.find('/', end + 1), wholePath.size());
+        m_folder = wholePath.substr(0, end);
+        if (ceph_mount(m_client, m_folder.c_str()) == 0)
+            return;
+    }
+    throwUnreachable(result, getReasonOfMount(result), uri);
+}
+
+std::string CephMount::toClientPath(std::string const& path, yx::CURI const& uri) const {
+    if (m_folder.empty())
+        return path;
+    // The client would take ".." at its root for the root.
+    std::string const wholePath = normalizePath(path);
+    if (wholePath == m_folder)
+        return "/";
+    if (wholePath.starts_with(m_folder + "/"))
+        return wholePath.substr(m_folder.size());
+    throw yx::CIOError(yx::CIOError::AccessDenied,
+                       "The user may use " + yx::String::fromUTF8(m_folder) +
+                           " of the file system alone.",
+                       yx::detail::makeUriProps(uri), nullptr);
 }
 
 std::string CephMount::getSetting(char const* name) const {

@@ -22,7 +22,10 @@ class CephMount {
 public:
     /// Connects. `uri` is for errors, which are `yx::CIOError` with "uri". A process that was forked
     /// off while there was a connection cannot make one: `NotSupported`.
-    CephMount(std::string const& user, std::string const& fileSystem, yx::CURI const& uri);
+    ///
+    /// The session is for all of the file system; for a user who has rights to a part of it alone, it
+    /// is for the first folder on the way to the location's path that the user may enter.
+    CephMount(CephLocation const& location, yx::CURI const& uri);
     CephMount(CephMount const&) = delete;
     CephMount& operator=(CephMount const&) = delete;
 
@@ -36,6 +39,10 @@ public:
     /// The same for ending something; null in a process that was forked off.
     ceph_mount_info* tryUse() const noexcept;
 
+    /// What the client calls a path of the file system. One outside the folder that the session is
+    /// for is `AccessDenied` with "uri".
+    std::string toClientPath(std::string const& path, yx::CURI const& uri) const;
+
     /// The identity of the cluster, a UUID.
     std::string const& getClusterID() const { return m_clusterID; }
 
@@ -46,11 +53,15 @@ public:
     __int64 getMaxFileLengthBytes(yx::CURI const& uri) const;
 
 private:
-    void connect(std::string const& fileSystem, yx::CURI const& uri);
+    void connect(CephLocation const& location, yx::CURI const& uri);
+    void enterFolder(std::string const& path, yx::CURI const& uri);
     std::string getSetting(char const* name) const;
 
     ceph_mount_info* m_client = nullptr;
     pid_t m_process;
+
+    /// The folder that the session is for, without a separator at its end; empty for the root.
+    std::string m_folder;
     std::string m_clusterID;
     __int64 m_fileSystemNumber = -1;
 };

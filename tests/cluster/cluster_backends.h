@@ -23,6 +23,9 @@ kelm::ceph::CCephFileSystem& getClient(int number);
 struct Cluster {
     static constexpr char kStreamClass[] = "CCephFileStream";
 
+    /// As long as a new file system lets a file be.
+    static constexpr long long kLongLengthBytes = 1LL << 40;
+
     Cluster();
 
     yx::CURI uri(std::string const& name) const { return folder << yx::String::fromUTF8(name); }

@@ -236,6 +236,30 @@ TEST_F(ClusterFiles, AClusterThatDoesNotAnswerIsGivenUp) {
         [&] { own->fileExists(CURI("ceph://writer@disks/a")); }));
 }
 
+TEST_F(ClusterFiles, AUserOfOneFolderReachesThatFolderByItsWholePath) {
+    CURI const whole("ceph://writer@disks/tenant");
+    try {
+        files.makeFolder(whole);
+    } catch (CIOError const& error) {
+        ASSERT_EQ(error.getIOCode(), CIOError::AlreadyExists);
+    }
+    auto const own = yx::makeObject<CCephFileSystem>();
+    CURI const folder("ceph://tenant@disks/tenant/");
+    writeAt(*own->openFile(folder << "a", IIOStream::ReadWrite, nullptr), 0, fromText("content"));
+    EXPECT_TRUE(sameBytes(fromText("content"), readFile(files, whole << "a")));
+    EXPECT_EQ(own->listFolder(folder).size(), 1U);
+    own->rename(folder << "a", folder << "b");
+    EXPECT_TRUE(sameBytes(fromText("content"), readFile(files, whole << "b")));
+    for (char const* name : {"ceph://tenant@disks/b", "ceph://tenant@disks/tenant2/b",
+                             "ceph://tenant@disks/tenant/../b"}) {
+        EXPECT_TRUE(throwsIOError(CIOError::AccessDenied,
+                                  "The user may use /tenant of the file system alone.",
+                                  {{"uri", name}}, [&] { own->fileExists(CURI(name)); }));
+    }
+    own->deleteFile(folder << "b", false);
+    EXPECT_FALSE(files.fileExists(whole << "b"));
+}
+
 TEST_F(ClusterFiles, OfSeveralWhoMakeAFileOneSucceeds) {
     std::vector<std::thread> threads;
     std::atomic<int> made{0};

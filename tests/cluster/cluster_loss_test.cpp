@@ -71,7 +71,8 @@ TEST_F(ClusterLoss, AClientThatIsShutOutIsToldSoAndWritesNothingMore) {
     for (int round = 0; round < 3; ++round)
         EXPECT_EQ(codeOf([&] { stream->flush(); }, words), CIOError::IOFailure);
     EXPECT_EQ(codeOf([&] { own->fileExists(backend.uri("b")); }, words), CIOError::IOFailure);
-    EXPECT_EQ(codeOf([&] { stream->lockRange(5, 1, yx::IStreamBase::Shared); }, words),
+    EXPECT_EQ(codeOf([&] { stream->lockRange(5, 1, yx::IStreamBase::Shared); },
+                     "The cluster has ended the session that held its locks."),
               CIOError::IOFailure);
 
     // The lock is another's to take, and what was flushed is there.

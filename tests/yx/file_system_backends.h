@@ -14,6 +14,7 @@ namespace file_system_backends {
 
 struct Native {
     static constexpr char kStreamClass[] = "CNativeFileStream";
+    static constexpr long long kLongLengthBytes = 2LL << 40;
 
     test_support::TempDirectory directory;
     yx::P<yx::IFileSystem> files = yx::makeObject<yx::CNativeFileSystem>();
@@ -33,6 +34,7 @@ struct NativeToSystem : Native {
 
 struct Memory {
     static constexpr char kStreamClass[] = "CMemoryFileStream";
+    static constexpr long long kLongLengthBytes = 2LL << 40;
 
     yx::P<yx::IFileSystem> files = yx::makeObject<yx::CMemoryFileSystem>();
 
