@@ -91,7 +91,8 @@ public:
     virtual Room getRoom(yx::CURI const& uri) = 0;
 
     /// The longest that a file of the file system may become, as its administrator has set it
-    /// (`max_file_size`). What would make a file longer is `NoSpace`.
+    /// (`max_file_size`). What would make a file longer is `NoSpace`; so is setting its length to
+    /// just that, which the metadata servers refuse though they let it be written.
     virtual __int64 getMaxFileLengthBytes(yx::CURI const& uri) = 0;
 };
 

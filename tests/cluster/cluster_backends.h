@@ -23,8 +23,8 @@ kelm::ceph::CCephFileSystem& getClient(int number);
 struct Cluster {
     static constexpr char kStreamClass[] = "CCephFileStream";
 
-    /// As long as a new file system lets a file be.
-    static constexpr long long kLongLengthBytes = 1LL << 40;
+    /// Half of what a new file system lets a file have.
+    static constexpr long long kLongLengthBytes = 1LL << 39;
 
     Cluster();
 

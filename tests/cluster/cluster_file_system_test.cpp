@@ -169,12 +169,19 @@ TEST_F(ClusterFiles, AFileAsLongAsTheFileSystemAllowsIsNotMadeLonger) {
                               "Cannot set the length of the file: File too large",
                               {{"uri", text("a")}, {"length", "1099511627777"}},
                               [&] { stream->setLength(kMaxBytes + 1); }));
+    EXPECT_TRUE(throwsIOError(
+        CIOError::NoSpace, "Cannot set the length of the file: File too large",
+        {{"uri", text("a")}, {"length", "1099511627776"}}, [&] { stream->setLength(kMaxBytes); }));
     stream->seek(kMaxBytes - 1);
     EXPECT_TRUE(
         throwsIOError(CIOError::NoSpace, "Cannot write to the file: File too large",
                       {{"uri", text("a")}, {"position", "1099511627775"}, {"bytesToWrite", "2"}},
                       [&] { stream->write("xy", 2, nullptr); }));
     EXPECT_EQ(stream->getLength(), 0);
+    stream->setLength(kMaxBytes - 1);
+    EXPECT_EQ(stream->getLength(), kMaxBytes - 1);
+    stream->write("x", 1, nullptr);
+    EXPECT_EQ(stream->getLength(), kMaxBytes);
 }
 
 TEST_F(ClusterFiles, AReaderCanReadAndNotWrite) {
