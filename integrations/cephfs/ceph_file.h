@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
 #include "integrations/cephfs/ceph_mount.h"
 

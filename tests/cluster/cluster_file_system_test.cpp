@@ -1,8 +1,11 @@
 // What is particular to files of a cluster: their names, and what can be asked of them beyond
 // yx::IFileSystem.
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>

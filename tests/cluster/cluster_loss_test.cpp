@@ -1,6 +1,6 @@
 // Clients that the cluster shuts out, and servers that die.
 
-#include <cstdlib>
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
