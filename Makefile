@@ -7,7 +7,7 @@ ROOMS := yx krym compressors kelm host tools integrations tests fuzz bench examp
 OWN_FILES = find $(wildcard $(ROOMS)) -name '*.h' -o -name '*.cpp'
 ANALYZER_CHECKS := clang-analyzer-core.*,clang-analyzer-cplusplus.*,clang-analyzer-deadcode.*
 
-.PHONY: all demo test bench package package-test symbols sanitize tsan fuzz fuzz-corpus soak format format-check lint docs format-dumps install-packages clean
+.PHONY: all demo test bench package package-test cluster-packages cluster-test symbols sanitize tsan fuzz fuzz-corpus soak format format-check lint docs format-dumps install-packages clean
 
 all: install-packages
 	cmake --preset release
@@ -109,6 +109,16 @@ package: install-packages
 LAST_PACKAGES ?=
 package-test: install-packages
 	.ci/try_packages $(PACKAGES) $(LAST_PACKAGES) || test $$? = 77
+
+# Tests disks on a Ceph cluster, which is started for it on this machine. Its servers are packages of
+# their own (tests/cluster/packages.txt); where they are missing, nothing is tested, and that is said.
+cluster-packages:
+	@.ci/install_packages tests/cluster/packages.txt
+
+cluster-test: install-packages cluster-packages
+	cmake --preset release
+	cmake --build --preset release -j $(JOBS) --target test_cluster
+	tests/cluster/cluster run ctest --preset release -R '^test_cluster$$' || test $$? = 77
 
 format: install-packages
 	$(OWN_FILES) | xargs clang-format -i

@@ -30,8 +30,3 @@ protected:
 
     Backend backend;
 };
-
-/// All file systems, for tests of what they have in common.
-using FileSystemBackends =
-    testing::Types<file_system_backends::Native, file_system_backends::NativeToSystem,
-                   file_system_backends::Memory>;

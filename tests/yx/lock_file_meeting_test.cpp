@@ -67,8 +67,7 @@ public:
     using LockFile<Backend>::tryTake;
 };
 
-using Backends = testing::Types<file_system_backends::Native, file_system_backends::Memory>;
-TYPED_TEST_SUITE(LockFileMeeting, Backends);
+TYPED_TEST_SUITE(LockFileMeeting, LockFileMeetingBackends);
 
 TYPED_TEST(LockFileMeeting, AHolderLeavesWhileAnotherTakes) {
     for (CLockFile::LockType const leaving : kBothTypes) {

@@ -179,8 +179,7 @@ TEST_F(LockFileProcess, ManyProcessesNeverHoldItAgainstEachOther) {
 template <class Backend>
 class LockFileThread : public LockFile<Backend> {};
 
-using Backends = testing::Types<file_system_backends::Native, file_system_backends::Memory>;
-TYPED_TEST_SUITE(LockFileThread, Backends);
+TYPED_TEST_SUITE(LockFileThread, LockFileBackends);
 
 TYPED_TEST(LockFileThread, ManyNeverHoldItAgainstEachOther) {
     SCOPED_TRACE(kSeed);

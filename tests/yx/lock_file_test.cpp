@@ -21,7 +21,6 @@ namespace lock_file_test {
 
 namespace {
 
-using file_system_backends::Memory;
 using file_system_backends::Native;
 using lock_file_fixture::catchLockFileError;
 using lock_file_fixture::expectLockFileError;
@@ -45,8 +44,7 @@ using Kind = FileOperation::Kind;
 
 constexpr char kLocked[] = "The range is locked by another holder.";
 
-using Backends = testing::Types<Native, Memory>;
-TYPED_TEST_SUITE(LockFile, Backends);
+TYPED_TEST_SUITE(LockFile, LockFileBackends);
 
 TYPED_TEST(LockFile, IsThereAsLongAsItIsHeld) {
     for (CLockFile::LockType const type : kBothTypes) {

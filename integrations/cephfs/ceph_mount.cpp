@@ -1,0 +1,239 @@
+#include "integrations/cephfs/ceph_mount.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <system_error>
+
+#include <cephfs/libcephfs.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "integrations/cephfs/cluster_error.h"
+#include "yx/internal/stream_error.h"
+#include "yx/system_error.h"
+
+namespace kelm::ceph {
+
+namespace {
+
+/// Ceph's own default would let each client take 200 MiB.
+constexpr char kDefaultCacheSize[] = "209715200";
+constexpr char kCacheSize[] = "33554432";
+constexpr char kMaxDirtySize[] = "16777216";
+
+[[noreturn]] void throwUnreachable(int result, char const* words, yx::CURI const& uri) {
+    int const errorNumber = -result;
+    std::string const message = std::string("Cannot reach the cluster: ") + words + " (" +
+                                std::generic_category().message(errorNumber) + ").";
+    throw yx::CIOError(yx::getSystemErrorCode(errorNumber), yx::String::fromUTF8(message),
+                       yx::detail::makeUriProps(uri), nullptr);
+}
+
+char const* getReasonOfInit(int result) {
+    switch (-result) {
+    case EACCES:
+    case EPERM:
+        return "it does not know the user, or the key for the user is missing or wrong";
+    case ETIMEDOUT:
+        return "it does not answer";
+    default:
+        return "its client cannot be started";
+    }
+}
+
+char const* getReasonOfMount(int result) {
+    switch (-result) {
+    case ENOENT:
+        return "it has no file system of that name";
+    case EACCES:
+    case EPERM:
+        return "the user may not use the root folder of the file system";
+    case ETIMEDOUT:
+        return "it does not answer";
+    default:
+        return "the file system cannot be mounted";
+    }
+}
+
+/// The user that an option of CEPH_ARGS names; the client's library leaves that to programs.
+std::string findUserInEnvironment() {
+    char const* const arguments = std::getenv("CEPH_ARGS");
+    std::istringstream words(arguments ? arguments : "");
+    std::string user;
+    for (std::string word; words >> word;) {
+        size_t const equals = word.find('=');
+        std::string const option = word.substr(0, equals);
+        bool const isID = option == "--id" || option == "--user" || option == "-i";
+        bool const isName = option == "--name" || option == "-n";
+        if (!isID && !isName)
+            continue;
+        std::string value;
+        if (equals == std::string::npos)
+            words >> value;
+        else
+            value = word.substr(equals + 1);
+        user = isName ? value.substr(value.find('.') + 1) : value;
+    }
+    return user;
+}
+
+/// Without dot segments and without a separator at the end.
+std::string normalizePath(std::string const& path) {
+    std::string normal = std::filesystem::path(path).lexically_normal().string();
+    if (normal.size() > 1 && normal.back() == '/')
+        normal.pop_back();
+    return normal;
+}
+
+constexpr char kForkedMessage[] =
+    "The connection to the cluster belongs to the process that this one was forked from.";
+
+[[noreturn]] void throwForked(yx::CURI const& uri) {
+    throw yx::CIOError(yx::CIOError::NotSupported, kForkedMessage, yx::detail::makeUriProps(uri),
+                       nullptr);
+}
+
+/// The connections of this process, and of which process they are: a child inherits the numbers, but
+/// not the threads that all connections share.
+std::atomic<int> openMounts{0};
+std::atomic<pid_t> processOfMounts{0};
+
+void requireUnforked(yx::CURI const& uri) {
+    if (openMounts > 0 && processOfMounts != ::getpid())
+        throwForked(uri);
+    processOfMounts = ::getpid();
+}
+
+/// The mask for the modes of new files. Asking the system for it would change it for a moment.
+mode_t readCreationMask() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("Umask:"))
+            return static_cast<mode_t>(std::strtoul(line.c_str() + 6, nullptr, 8));
+    }
+    return 022;
+}
+
+} // namespace
+
+CephMount::CephMount(CephLocation const& location, yx::CURI const& uri) : m_process(::getpid()) {
+    requireUnforked(uri);
+    std::string const name = location.user.empty() ? findUserInEnvironment() : location.user;
+    if (int const result = ceph_create(&m_client, name.empty() ? nullptr : name.c_str());
+        result != 0)
+        throwUnreachable(result, "its client cannot be made", uri);
+    try {
+        connect(location, uri);
+    } catch (...) {
+        ceph_shutdown(m_client);
+        throw;
+    }
+    ++openMounts;
+}
+
+CephMount::~CephMount() {
+    ceph_mount_info* const client = tryUse();
+    if (!client)
+        return;
+    ceph_shutdown(client);
+    --openMounts;
+}
+
+ceph_mount_info* CephMount::use(yx::CURI const& uri) const {
+    if (ceph_mount_info* const client = tryUse())
+        return client;
+    throwForked(uri);
+}
+
+ceph_mount_info* CephMount::tryUse() const noexcept {
+    return m_process == ::getpid() ? m_client : nullptr;
+}
+
+void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
+    // Errors are told by exceptions. What the client itself has to say goes to its log.
+    ceph_conf_set(m_client, "log_to_stderr", "false");
+    ceph_conf_set(m_client, "err_to_stderr", "false");
+    // All can be set by CEPH_ARGS too, so no file need be there unless one is named.
+    if (int const result = ceph_conf_read_file(m_client, nullptr);
+        result != 0 && (result != -ENOENT || std::getenv("CEPH_CONF")))
+        throwUnreachable(result, "its settings (ceph.conf) cannot be read", uri);
+    if (int const result = ceph_conf_parse_env(m_client, nullptr); result != 0)
+        throwUnreachable(result, "the settings in CEPH_ARGS are not valid", uri);
+    if (getSetting("client_oc_size") == kDefaultCacheSize) {
+        ceph_conf_set(m_client, "client_oc_size", kCacheSize);
+        ceph_conf_set(m_client, "client_oc_max_dirty", kMaxDirtySize);
+    }
+    if (!location.fileSystem.empty())
+        ceph_conf_set(m_client, "client_fs", location.fileSystem.c_str());
+    if (int const result = ceph_init(m_client); result != 0)
+        throwUnreachable(result, getReasonOfInit(result), uri);
+    enterFolder(location.path, uri);
+    ceph_umask(m_client, readCreationMask());
+    m_clusterID = getSetting("fsid");
+    m_fileSystemNumber = ceph_get_fs_cid(m_client);
+}
+
+void CephMount::enterFolder(std::string const& path, yx::CURI const& uri) {
+    int const result = ceph_mount(m_client, "/");
+    if (result == 0)
+        return;
+    std::string const wholePath = normalizePath(path);
+    size_t end = 0;
+    while ((result == -EPERM || result == -EACCES) && end < wholePath.size()) {
+        end = std::min(wholePath.find('/', end + 1), wholePath.size());
+        m_folder = wholePath.substr(0, end);
+        if (ceph_mount(m_client, m_folder.c_str()) == 0)
+            return;
+    }
+    throwUnreachable(result, getReasonOfMount(result), uri);
+}
+
+std::string CephMount::toClientPath(std::string const& path, yx::CURI const& uri) const {
+    if (m_folder.empty())
+        return path;
+    // The client would take ".." at its root for the root.
+    std::string const wholePath = normalizePath(path);
+    if (wholePath == m_folder)
+        return "/";
+    if (wholePath.starts_with(m_folder + "/"))
+        return wholePath.substr(m_folder.size());
+    throw yx::CIOError(yx::CIOError::AccessDenied,
+                       "The user may use " + yx::String::fromUTF8(m_folder) +
+                           " of the file system alone.",
+                       yx::detail::makeUriProps(uri), nullptr);
+}
+
+std::string CephMount::getSetting(char const* name) const {
+    std::array<char, 256> value{};
+    return ceph_conf_get(m_client, name, value.data(), value.size()) == 0 ? value.data() : "";
+}
+
+__int64 CephMount::getMaxFileLengthBytes(yx::CURI const& uri) const {
+    using yx::detail::FileAction;
+    ceph_mount_info* const client = use(uri);
+    int const root = ceph_open(client, "/", O_RDONLY | O_DIRECTORY, 0);
+    if (root < 0)
+        throw makeClusterError(FileAction::Query, root, yx::detail::makeUriProps(uri));
+    // The client has no question for it. But before it refuses to write to what is open for reading
+    // it refuses to write past the longest length, by what it was told when it was mounted; so
+    // nothing is sent and nothing can be written.
+    __int64 fits = 0;
+    __int64 isTooLong = std::numeric_limits<__int64>::max();
+    while (isTooLong - fits > 1) {
+        __int64 const length = fits + (isTooLong - fits) / 2;
+        char const byte = 0;
+        bool const isRefused = ceph_write(client, root, &byte, 1, length - 1) == -EFBIG;
+        (isRefused ? isTooLong : fits) = length;
+    }
+    ceph_close(client, root);
+    return fits;
+}
+
+} // namespace kelm::ceph
