@@ -132,6 +132,9 @@ public:
     bool isWrittenHere(__int64 positionBytes, __int64 bytes) {
         return m_reading.isWrittenHere(positionBytes, bytes);
     }
+    __int64 countUnwrittenBytes(__int64 positionBytes, __int64 maxBytes) {
+        return m_reading.countUnwrittenBytes(positionBytes, maxBytes);
+    }
     bool isPassedOn(__int64 positionBytes, __int64 bytes) {
         return m_reading.isPassedOn(positionBytes, bytes);
     }

@@ -91,9 +91,12 @@ public:
     }
 
     /// Once a grain of the image has been read, of which so many bytes from a position on are the
-    /// image's. Where some have been passed over, the disk is read at the end instead.
-    void addToImage(GrainItem const& item, __int64 positionBytes, __int64 bytes) {
+    /// image's. Where some have been passed over, `skipsHoles` says that they are zeros; else the
+    /// disk is read at the end instead.
+    void addToImage(GrainItem const& item, __int64 positionBytes, __int64 bytes, bool skipsHoles) {
         ImageHasher* const image = m_digests ? m_digests->getImage() : nullptr;
+        if (image && skipsHoles)
+            image->addZeros(positionBytes - image->getBytes());
         if (!image || image->getBytes() != positionBytes)
             return;
         if (item.input->getUsed() == 0)
@@ -115,7 +118,8 @@ bool readNextItem(ImageReader& reader, ImportDigests& digests, SafeDisk const& d
     if (!reader.readNext(*item.input, item.grainIndex))
         return false;
     __int64 const positionBytes = item.grainIndex * disk.getGrainSizeBytes();
-    digests.addToImage(item, positionBytes, reader.getDoneBytes() - positionBytes);
+    digests.addToImage(item, positionBytes, reader.getDoneBytes() - positionBytes,
+                       reader.doesSkipHoles());
     return true;
 }
 
@@ -309,6 +313,9 @@ void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
     ImageReader reader(source, disk, length, progress, changes);
     PeriodicFlush flush(disk, options.flushIntervalBytes);
     int const threads = countThreads(options);
+    // Where the parents have digests, these tell of grains that a parent has lost too.
+    if (!parents && !changes)
+        reader.skipHoles();
     if (isPreparedByWorkers(disk) && !isCompared)
         importCoded(reader, disk, digests, threads, flush, progress);
     else if ((parents || changes) && present == PresentContent::OfParent)
