@@ -147,6 +147,7 @@ public:
     /// See `ParentIndependence`. Does nothing on a disk without a parent.
     void holdGrain(__int64 grainIndex);
     void holdPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared);
+    void holdEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& enciphered);
 
     /// Brings all changes to the device; see `DiskWriting::flush`.
     void flush() { m_writing.flush(); }
