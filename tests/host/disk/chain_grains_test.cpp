@@ -23,8 +23,8 @@ protected:
     }
 
     /// Of the disk with that main file.
-    ChainGrains& grainsOf(std::string const& name) {
-        m_disk = open(kReadOnly, "", name);
+    ChainGrains& grainsOf(std::string const& name, std::string const& password = "") {
+        m_disk = open(kReadOnly, password.c_str(), name);
         m_grains.emplace(files.get(), *m_disk, DiskLayout(*m_disk));
         return *m_grains;
     }
@@ -120,8 +120,12 @@ TEST_F(ChainGrainsTest, CountsNothingThatIsWrittenInAnyChain) {
         SCOPED_TRACE(seed);
         files = yx::makeObject<yx::CMemoryFileSystem>();
         FilledForeignChain const chain(*files, yx::CURI("mem:///disks"), seed);
+        std::string password;
         for (std::size_t level = 0; level < chain.getLength(); ++level) {
-            ChainGrains& grains = grainsOf(chain.disk(level).name);
+            // A disk has that of its parents.
+            if (!chain.disk(level).password.empty())
+                password = chain.disk(level).password;
+            ChainGrains& grains = grainsOf(chain.disk(level).name, password);
             __int64 const size = m_disk->getSizeBytes();
             for (__int64 position = 0; position < size; position = grains.at(position).endBytes) {
                 __int64 const bytes =
