@@ -4,8 +4,8 @@
 #include "bench/report/measurements.h"
 #include "bench/report/process.h"
 
-// What the program takes for a disk of terabytes of which little is there: time should go with that,
-// and not with the size of the disk.
+// What the program takes for a disk of terabytes of which little is there: time should go with
+// that, and not with the size of the disk.
 
 namespace bench {
 

@@ -468,7 +468,7 @@ private:
     DigestFile* m_digests;
     std::optional<std::string> m_badDigests;
 
-    /// The first grain with a digest from some grain before it on; the grain count if there is none.
+    /// The first grain with a digest from some grain before it on; the grain count if none has.
     __int64 m_nextDigest = -1;
 
     /// False once that could not be found out.

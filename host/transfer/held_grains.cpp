@@ -108,8 +108,8 @@ private:
     std::optional<PreparerSet> m_preparers;
 };
 
-/// The workers verify records, decipher and encipher. A grain that has no prepared form is read when
-/// it is copied.
+/// The workers verify records, decipher and encipher. A grain that has no prepared form is read
+/// when it is copied.
 void copyCoded(SafeDisk& disk, GrainSet const& grains, int threads, TransferProgress& progress) {
     GrainCoding coding(disk, threads);
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(),
