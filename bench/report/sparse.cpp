@@ -17,7 +17,7 @@ constexpr double kMaxSparseMemoryBytes = 64.0 * kMiB;
 class SparseBench {
 public:
     explicit SparseBench(Context& context)
-        : m_context(context), m_folder(context.getQuietFolder() / "sparse") {
+        : m_context(context), m_folder(chooseFolder(context) / "sparse") {
         std::filesystem::create_directory(m_folder);
     }
     SparseBench(SparseBench const&) = delete;
@@ -39,6 +39,13 @@ public:
     }
 
 private:
+    /// In memory if there is room for the image and the disk.
+    static std::filesystem::path const& chooseFolder(Context const& context) {
+        std::filesystem::path const& quiet = context.getQuietFolder();
+        auto const needed = static_cast<std::uintmax_t>(10 * kGiB / context.shrink);
+        return std::filesystem::space(quiet).available > needed ? quiet : context.folder;
+    }
+
     std::string path(std::string const& name) const { return m_folder / name; }
 
     /// One grain of data in each 64 MiB.
