@@ -67,6 +67,9 @@ void measureThinning(Context& context);
 /// What the library holds while a disk is open for writing.
 void measureMemory(Context& context);
 
+/// A disk of terabytes that is nearly empty.
+void measureSparse(Context& context);
+
 /// The same work at three sizes.
 void measureGrowth(Context& context);
 

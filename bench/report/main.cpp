@@ -38,6 +38,7 @@ constexpr Part kParts[] = {
     {"chains", "Chains of child disks", measureChains, false},
     {"digests", "Digests", measureDigests, true},
     {"thinning", "Thinning out chains", measureThinning, false},
+    {"sparse", "Large disks, nearly empty", measureSparse, false},
     {"memory", "Memory of a disk", measureMemory, false},
     {"growth", "Growth", measureGrowth, false},
 };

@@ -93,6 +93,7 @@ private:
             std::all_of(extents.begin(), extents.end(), [this](DiskExtent const& extent) {
                 return grainSizeOf(extent) == m_disk.getGrainSizeBytes();
             });
+        m_haveDiskGrains = haveDiskGrains();
         for (DiskExtent const& extent : extents) {
             // Where grains have digests, each that is not there is looked for.
             if (!m_digests && m_disk.findMissingEnd(extent.startBytes) == extent.endBytes)
@@ -166,6 +167,12 @@ private:
             if (m_cancel)
                 m_cancel->check();
             m_throttle.report(position, m_disk.getSizeBytes());
+            __int64 const empty = countEmptyGrains(index, {position, bytes.endBytes});
+            if (empty > 0) {
+                index += empty;
+                position += (empty - 1) * grainSizeBytes;
+                continue;
+            }
             bool isHere = false;
             auto const lookUp = [&] { isHere = isGrainHere(position); };
             auto failure = findingOf(lookUp);
@@ -189,6 +196,37 @@ private:
                 reportInOrder(grain, kLostGrain);
             ++index;
         }
+    }
+
+    /// How many grains from the one at the start of a range on are not here and have no digest, as
+    /// far as that can be told at once; 0 says nothing.
+    __int64 countEmptyGrains(__int64 grainIndex, ByteRange const& range) {
+        if (!m_haveDiskGrains)
+            return 0;
+        __int64 const grainSizeBytes = m_disk.getGrainSizeBytes();
+        __int64 emptyBytes = 0;
+        // What fails is found again, and told, when the grains are looked up one by one.
+        auto const failure = findingOf([&] {
+            m_disk.getDisk().seek(range.startBytes);
+            emptyBytes = m_disk.getDisk().countBytesWithoutData(range.endBytes - range.startBytes);
+        });
+        __int64 const empty = emptyBytes / grainSizeBytes;
+        if (failure || empty == 0)
+            return 0;
+        return countWithoutDigests(grainIndex, empty);
+    }
+
+    __int64 countWithoutDigests(__int64 grainIndex, __int64 count) {
+        if (!m_digests)
+            return count;
+        if (m_knowsNextDigests && m_nextDigest < grainIndex) {
+            __int64 next = -1;
+            // A part that is damaged may be far ahead: `findDigest` tells of it once it is reached.
+            auto const failure = findingOf([&] { next = m_digests->findNext(grainIndex); });
+            m_knowsNextDigests = !failure;
+            m_nextDigest = next < 0 ? m_disk.getGrainCount() : next;
+        }
+        return m_knowsNextDigests ? std::min(count, m_nextDigest - grainIndex) : 0;
     }
 
     /// By position, not by index, since an extent may begin within a grain of the disk.
@@ -284,7 +322,7 @@ private:
 
     /// Compares the grains of the disk that are none of a file, since an extent has other ones.
     void compareOddGrains() {
-        if (!m_digests || haveDiskGrains())
+        if (!m_digests || m_haveDiskGrains)
             return;
         GrainHasher hasher((DigestKeys(m_disk.getDisk())));
         __int64 next = 0;
@@ -429,10 +467,19 @@ private:
     /// the end.
     DigestFile* m_digests;
     std::optional<std::string> m_badDigests;
+
+    /// The first grain with a digest from some grain before it on; the grain count if none has.
+    __int64 m_nextDigest = -1;
+
+    /// False once that could not be found out.
+    bool m_knowsNextDigests = true;
     yx::CURI m_badFile;
 
     /// Whether no two grains have one number, which those of extents of different grain sizes may.
     bool m_numbersAreUnique = true;
+
+    /// Whether all grains of the disk are grains of files.
+    bool m_haveDiskGrains = false;
     std::optional<Unreachable> m_unreachable;
     Buffer m_grain;
 

@@ -13,6 +13,7 @@ namespace kelm::host {
 /// have a grain size and a form of its own, and any length, so that all of them have to be asked.
 ///
 /// - Nothing in the chain holds a range: it need not be read, for it is zeros (`isWritten`).
+/// - Nothing holds what follows a position, for a while (`countUnwrittenBytes`).
 /// - The disk itself holds a range (`isWrittenHere`).
 /// - A grain can be read in prepared form (`canBeReadPrepared`).
 /// - A grain can be read as the file of one of the disks holds it (`findHolder`).
@@ -48,6 +49,14 @@ public:
     /// means that the range reads as zeros.
     bool isWritten(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
 
+    /// How many of the bytes from the start of a grain on, at most `maxBytes`, are known to be zeros
+    /// since nothing in the chain holds a grain there: all of `maxBytes`, or fewer, or 0, which says
+    /// nothing. Looks into tables by the run, so it is much faster than `isWritten` where a disk is
+    /// nearly empty.
+    __int64 countUnwrittenBytes(CVMDKDisk& disk, __int64 positionBytes, __int64 maxBytes) {
+        return countUnwrittenFrom(0, disk, positionBytes, maxBytes);
+    }
+
     /// Whether the disk's own files hold every grain of which a byte is in the range.
     bool isWrittenHere(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
 
@@ -78,6 +87,8 @@ public:
 
 private:
     bool findPrepared(CVMDKDisk& disk, __int64 grainIndex, Holder& found);
+    __int64 countUnwrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes,
+                               __int64 maxBytes);
     bool isWrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
     ExtentGrains& levelOf(std::size_t level, CVMDKDisk& disk);
     bool hasFormOfDisk(DiskLayout const& parent) const;

@@ -62,6 +62,13 @@ bool DiskReading::isWritten(__int64 positionBytes, __int64 bytes) {
     return isWritten;
 }
 
+__int64 DiskReading::countUnwrittenBytes(__int64 positionBytes, __int64 maxBytes) {
+    return useDisk(positionBytes / m_layout.getGrainSizeBytes(), [&](CVMDKDisk& disk) {
+        // Each grain has a disk of its own to ask then.
+        return isStuck() ? 0 : m_grains.countUnwrittenBytes(disk, positionBytes, maxBytes);
+    });
+}
+
 bool DiskReading::isWrittenHere(__int64 positionBytes, __int64 bytes) {
     bool isWrittenHere = true;
     m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {

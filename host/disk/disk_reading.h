@@ -36,6 +36,10 @@ public:
     bool isWritten(__int64 positionBytes, __int64 bytes);
     bool isGrainWritten(__int64 grainIndex);
 
+    /// How many bytes from the start of a grain on, at most `maxBytes`, are known to read as zeros.
+    /// See `ChainGrains::countUnwrittenBytes`.
+    __int64 countUnwrittenBytes(__int64 positionBytes, __int64 maxBytes);
+
     /// Whether this very disk holds all of a range, or of a grain. See
     /// `ChainGrains::isWrittenHere`.
     bool isWrittenHere(__int64 positionBytes, __int64 bytes);

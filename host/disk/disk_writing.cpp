@@ -82,8 +82,9 @@ void DiskWriting::writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> c
     m_disk.writePreparedGrainData(data);
 }
 
-void DiskWriting::writeEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char> const& data) {
-    beginWholeGrain(grainIndex, Content::Changes);
+void DiskWriting::writeEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char> const& data,
+                                  Content content) {
+    beginWholeGrain(grainIndex, content);
     m_disk.writeEncipheredGrainData(data);
 }
 

@@ -41,7 +41,8 @@ public:
     void writePrepared(__int64 grainIndex, yx::TBuffer<unsigned char> const& data, Content content);
 
     /// The same for a grain that was enciphered for its index too.
-    void writeEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char> const& data);
+    void writeEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char> const& data,
+                         Content content);
 
     /// Brings all changes to the device. Once a file of the disk could not be synced, every call
     /// throws the error of that again.

@@ -30,11 +30,23 @@ void ParentIndependence::holdGrain(__int64 grainIndex) {
 
 void ParentIndependence::holdPreparedGrain(__int64 grainIndex,
                                            yx::TBuffer<unsigned char>& prepared) {
+    if (beginHolding(grainIndex))
+        storePrepared(grainIndex, prepared);
+}
+
+void ParentIndependence::holdEncipheredGrain(__int64 grainIndex,
+                                             yx::TBuffer<unsigned char> const& enciphered) {
+    if (beginHolding(grainIndex))
+        m_writing.writeEnciphered(grainIndex, enciphered, DiskWriting::Content::Stays);
+}
+
+/// Returns false where the disk holds the whole grain already.
+bool ParentIndependence::beginHolding(__int64 grainIndex) {
     flushUnwrittenChanges();
     if (m_reading.isGrainWrittenHere(grainIndex))
-        return;
+        return false;
     m_writing.reserveRoom(grainIndex * m_layout.getGrainSizeBytes(), m_layout.getGrainSizeBytes());
-    storePrepared(grainIndex, prepared);
+    return true;
 }
 
 void ParentIndependence::flushUnwrittenChanges() {

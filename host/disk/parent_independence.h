@@ -30,7 +30,12 @@ public:
     /// `prepared` is that form; the index in a record becomes that of the grain.
     void holdPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared);
 
+    /// The same for one that has then been enciphered for its index and for this disk, a record with
+    /// that index.
+    void holdEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& enciphered);
+
 private:
+    bool beginHolding(__int64 grainIndex);
     void flushUnwrittenChanges();
     void copyGrain(__int64 grainIndex);
     bool tryCopyPrepared(__int64 grainIndex);

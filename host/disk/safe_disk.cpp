@@ -257,7 +257,7 @@ void SafeDisk::writeEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned cha
     m_writing.verifyMayWrite(positionBytes, 0);
     m_writing.reserveRoom(positionBytes, getGrainSizeBytes());
     if (grainIndex < getGrainCount() && isWholeGrain(grainIndex)) {
-        m_writing.writeEnciphered(grainIndex, data);
+        m_writing.writeEnciphered(grainIndex, data, DiskWriting::Content::Changes);
     } else {
         // The library refuses it, in its words.
         m_disk->seek(positionBytes);
@@ -282,6 +282,12 @@ void SafeDisk::holdGrain(__int64 grainIndex) {
 void SafeDisk::holdPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared) {
     if (m_hasParent)
         m_independence.holdPreparedGrain(grainIndex, prepared);
+}
+
+void SafeDisk::holdEncipheredGrain(__int64 grainIndex,
+                                   yx::TBuffer<unsigned char> const& enciphered) {
+    if (m_hasParent)
+        m_independence.holdEncipheredGrain(grainIndex, enciphered);
 }
 
 } // namespace kelm::host

@@ -132,6 +132,9 @@ public:
     bool isWrittenHere(__int64 positionBytes, __int64 bytes) {
         return m_reading.isWrittenHere(positionBytes, bytes);
     }
+    __int64 countUnwrittenBytes(__int64 positionBytes, __int64 maxBytes) {
+        return m_reading.countUnwrittenBytes(positionBytes, maxBytes);
+    }
     bool isPassedOn(__int64 positionBytes, __int64 bytes) {
         return m_reading.isPassedOn(positionBytes, bytes);
     }
@@ -144,6 +147,7 @@ public:
     /// See `ParentIndependence`. Does nothing on a disk without a parent.
     void holdGrain(__int64 grainIndex);
     void holdPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& prepared);
+    void holdEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned char> const& enciphered);
 
     /// Brings all changes to the device; see `DiskWriting::flush`.
     void flush() { m_writing.flush(); }

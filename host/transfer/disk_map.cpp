@@ -2,6 +2,8 @@
 
 #include <cassert>
 
+#include "host/transfer/plain_grains.h"
+
 namespace kelm::host {
 
 namespace {
@@ -68,6 +70,17 @@ void forEachGrainRun(SafeDisk& disk, WorkOptions const& options,
         if (missingEnd > position) {
             joiner.add({position, missingEnd - position, GrainPlace::Absent});
             position = missingEnd;
+            continue;
+        }
+        __int64 const grainIndex = position / disk.getGrainSizeBytes();
+        __int64 const unwritten =
+            position % disk.getGrainSizeBytes() == 0
+                ? countUnwrittenGrains(disk, grainIndex, disk.getGrainCount() - grainIndex)
+                : 0;
+        if (unwritten > 0) {
+            __int64 const bytes = unwritten * disk.getGrainSizeBytes();
+            joiner.add({position, bytes, GrainPlace::Absent});
+            position += bytes;
             continue;
         }
         FileGrain const grain = disk.getFileGrain(position);

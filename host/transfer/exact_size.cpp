@@ -28,8 +28,12 @@ bool isZeroBehind(SafeDisk& disk, __int64 positionBytes) {
     __int64 const grainSizeBytes = disk.getGrainSizeBytes();
     yx::TBuffer<unsigned char> grain;
     for (__int64 index = positionBytes / grainSizeBytes; index < disk.getGrainCount(); ++index) {
-        if (!disk.isGrainWritten(index))
+        if (!disk.isGrainWritten(index)) {
+            __int64 const unwritten =
+                countUnwrittenGrains(disk, index, disk.getGrainCount() - index);
+            index += std::max<__int64>(unwritten - 1, 0);
             continue;
+        }
         withGrainPlace(disk, index, [&] { readPlainGrain(disk, index, grain); });
         auto const skippedBytes =
             static_cast<int>(std::max<__int64>(positionBytes - index * grainSizeBytes, 0));

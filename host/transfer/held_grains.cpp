@@ -1,11 +1,15 @@
 #include "host/transfer/held_grains.h"
 
+#include <optional>
+
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/periodic_flush.h"
 #include "host/transfer/plain_grains.h"
 #include "host/transfer/record_verifier.h"
+#include "host/transfer/result_cipher.h"
 #include "host/transfer/transfer_progress.h"
+#include "host/transfer/unpreparer.h"
 
 namespace kelm::host {
 
@@ -30,6 +34,13 @@ public:
         addCopied(grainIndex);
     }
 
+    /// Stores the result of a worker, which is enciphered for the disk.
+    void copyEnciphered(__int64 grainIndex, yx::TBuffer<unsigned char> const& enciphered) {
+        withGrainPlace(m_disk, grainIndex,
+                       [&] { m_disk.holdEncipheredGrain(grainIndex, enciphered); });
+        addCopied(grainIndex);
+    }
+
 private:
     void addCopied(__int64 grainIndex) {
         m_flush.addGrain();
@@ -44,7 +55,7 @@ private:
     PeriodicFlush m_flush;
 };
 
-/// On one thread: there are no records to decode.
+/// On one thread: there are no records to decode, and there is nothing to encipher.
 void copyDirectly(SafeDisk& disk, GrainSet const& grains, TransferProgress& progress) {
     GrainCopier copier(disk, progress);
     for (__int64 index = grains.findNext(0); index < grains.getGrainCount();
@@ -53,14 +64,56 @@ void copyDirectly(SafeDisk& disk, GrainSet const& grains, TransferProgress& prog
     }
 }
 
-/// The workers verify the records. A grain that is not stored as a record is decoded when it is
-/// copied.
-void copyVerified(SafeDisk& disk, GrainSet const& grains, int threads, TransferProgress& progress) {
-    RecordVerifier verifier(disk, threads);
-    GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
-        if (item.inputIsPrepared)
-            verifier.verify(item, worker);
-    });
+/// The workers' part of the copying.
+class GrainCoding {
+public:
+    GrainCoding(SafeDisk& disk, int threads)
+        : m_disk(disk), m_read(disk, threads), m_cipher(disk, threads) {
+        if (!disk.getDisk().getCompressed())
+            return;
+        m_verifier.emplace(disk, threads);
+        m_preparers.emplace(disk, threads);
+    }
+
+    /// On the thread of the disk. A grain that has no prepared form is not read.
+    void read(GrainItem& item) {
+        withGrainPlace(m_disk, item.grainIndex, [&] {
+            item.inputCiphers = m_read.tryRead(item.grainIndex, *item.input);
+            item.inputIsPrepared =
+                item.inputCiphers || m_disk.tryReadPreparedGrain(item.grainIndex, *item.input);
+        });
+    }
+
+    /// On a worker thread: verifies a record, and enciphers what goes to an encrypted disk.
+    void code(GrainItem& item, int worker) {
+        if (!item.inputIsPrepared)
+            return;
+        Unpreparer::decipher(item, worker);
+        if (m_verifier)
+            m_verifier->verify(item, worker);
+        if (m_preparers)
+            m_preparers->of(worker).patchGrainIndexInPreparedGrainData(*item.input,
+                                                                       item.grainIndex);
+        item.result = item.input;
+        m_cipher.encipher(item, worker);
+    }
+
+private:
+    SafeDisk& m_disk;
+    GrainCiphers m_read;
+    ResultCipher m_cipher;
+
+    /// For compressed disks alone.
+    std::optional<RecordVerifier> m_verifier;
+    std::optional<PreparerSet> m_preparers;
+};
+
+/// The workers verify records, decipher and encipher. A grain that has no prepared form is read
+/// when it is copied.
+void copyCoded(SafeDisk& disk, GrainSet const& grains, int threads, TransferProgress& progress) {
+    GrainCoding coding(disk, threads);
+    GrainPipeline pipeline(threads, disk.getGrainSizeBytes(),
+                           [&](GrainItem& item, int worker) { coding.code(item, worker); });
     GrainCopier copier(disk, progress);
     __int64 nextIndex = 0;
     pipeline.run(
@@ -69,14 +122,14 @@ void copyVerified(SafeDisk& disk, GrainSet const& grains, int threads, TransferP
             if (nextIndex >= grains.getGrainCount())
                 return false;
             item.grainIndex = nextIndex++;
-            withGrainPlace(disk, item.grainIndex, [&] {
-                item.inputIsPrepared = disk.tryReadPreparedGrain(item.grainIndex, *item.input);
-            });
+            coding.read(item);
             return true;
         },
         [&](GrainItem& item) {
-            if (item.inputIsPrepared)
-                copier.copyPrepared(item.grainIndex, *item.input);
+            if (item.resultIsEnciphered)
+                copier.copyEnciphered(item.grainIndex, *item.result);
+            else if (item.result)
+                copier.copyPrepared(item.grainIndex, *item.result);
             else
                 copier.copy(item.grainIndex);
         },
@@ -87,8 +140,8 @@ void copyVerified(SafeDisk& disk, GrainSet const& grains, int threads, TransferP
 
 void holdGrains(SafeDisk& disk, GrainSet const& grains, WorkOptions const& options) {
     TransferProgress progress(options, disk.getSizeBytes());
-    if (disk.getDisk().getCompressed())
-        copyVerified(disk, grains, countThreads(options), progress);
+    if (disk.getDisk().getCompressed() || disk.getDisk().isEncrypted())
+        copyCoded(disk, grains, countThreads(options), progress);
     else
         copyDirectly(disk, grains, progress);
     disk.flush();

@@ -1,5 +1,6 @@
 #include "host/transfer/image_reader.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "host/transfer/grain_place.h"
@@ -57,11 +58,31 @@ bool ImageReader::skipToNextChange() {
     return next >= 0;
 }
 
+void ImageReader::passHole() {
+    assert(!m_changes);
+    while (true) {
+        __int64 const hole = m_source.findHoleBytes() / m_grainSizeBytes;
+        if (hole == 0)
+            return;
+        __int64 const beforeLast = (m_source.getLength() - 1) / m_grainSizeBytes - m_nextGrainIndex;
+        __int64 const grains =
+            countUnwrittenGrains(m_disk, m_nextGrainIndex, std::min(hole, beforeLast));
+        if (grains == 0)
+            return;
+        m_nextGrainIndex += grains;
+        m_doneBytes += grains * m_grainSizeBytes;
+        m_source.skipTo(m_doneBytes);
+        m_progress.advanceTo(m_doneBytes);
+    }
+}
+
 bool ImageReader::readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex) {
     if (m_changes && !skipToNextChange()) {
         verifyIsNotShort();
         return false;
     }
+    if (m_skipsHoles)
+        passHole();
     grain.setUsed(m_grainSizeBytes);
     bool isHole = false;
     int const count = m_source.readNext(grain.getData(), m_grainSizeBytes, isHole);

@@ -28,12 +28,21 @@ public:
     /// is `CIOError` `NotAllowed` "The image ended early." with "imageSize" and "expectedSize".
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex);
 
+    /// From now on, grains that lie in holes of the image and that the disk has nothing of, its
+    /// parents included, are passed over: there is nothing to do about them. The last grain is
+    /// read in any case. Not for a reader with `changes`.
+    void skipHoles() { m_skipsHoles = true; }
+
+    /// Whether `skipHoles` was called, so that what is passed over is zeros.
+    bool doesSkipHoles() const { return m_skipsHoles; }
+
     /// How many bytes of the image have been read or passed over.
     __int64 getDoneBytes() const { return m_doneBytes; }
 
 private:
     void completeLastGrain(yx::TBuffer<unsigned char>& grain, __int64 grainIndex, int imageBytes);
     bool skipToNextChange();
+    void passHole();
     void verifyFits(__int64 imageBytes) const;
     void verifyIsNotShort() const;
 
@@ -46,6 +55,7 @@ private:
     __int64 m_nextGrainIndex = 0;
     __int64 m_doneBytes = 0;
     bool m_isAtEnd = false;
+    bool m_skipsHoles = false;
 };
 
 } // namespace kelm::host

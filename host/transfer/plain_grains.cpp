@@ -11,6 +11,18 @@ int bytesInDisk(SafeDisk const& disk, __int64 grainIndex) {
                                      disk.getSizeBytes() - grainIndex * disk.getGrainSizeBytes()));
 }
 
+__int64 countUnwrittenGrains(SafeDisk& disk, __int64 grainIndex, __int64 maxGrains) {
+    constexpr __int64 kMaxBytes = __int64{1} << 30;
+    assert(grainIndex >= 0 && grainIndex < disk.getGrainCount());
+    __int64 const grainSizeBytes = disk.getGrainSizeBytes();
+    __int64 const grains = std::min(maxGrains, kMaxBytes / grainSizeBytes);
+    if (grains < 1)
+        return 0;
+    // The end of an extent may lie within a grain.
+    return disk.countUnwrittenBytes(grainIndex * grainSizeBytes, grains * grainSizeBytes) /
+           grainSizeBytes;
+}
+
 bool isZeroGrain(yx::TBuffer<unsigned char> const& grain) {
     return yx::isAllZero(grain.getData(), static_cast<std::size_t>(grain.getUsed()));
 }

@@ -38,7 +38,7 @@ void addIfStored(SafeDisk& disk, __int64 grainIndex, TransferProgress& progress)
 }
 
 /// On one thread: without digests, there is nothing to compute for a disk of plain grains that is
-/// not encrypted, and what is to be compared with the image only the thread of the disk may read.
+/// not encrypted.
 void importDirectly(ImageReader& reader, SafeDisk& disk, bool isCompared, PeriodicFlush& flush,
                     TransferProgress& progress) {
     Buffer grain;
@@ -91,9 +91,12 @@ public:
     }
 
     /// Once a grain of the image has been read, of which so many bytes from a position on are the
-    /// image's. Where some have been passed over, the disk is read at the end instead.
-    void addToImage(GrainItem const& item, __int64 positionBytes, __int64 bytes) {
+    /// image's. Where some have been passed over, `skipsHoles` says that they are zeros; else the
+    /// disk is read at the end instead.
+    void addToImage(GrainItem const& item, __int64 positionBytes, __int64 bytes, bool skipsHoles) {
         ImageHasher* const image = m_digests ? m_digests->getImage() : nullptr;
+        if (image && skipsHoles)
+            image->addZeros(positionBytes - image->getBytes());
         if (!image || image->getBytes() != positionBytes)
             return;
         if (item.input->getUsed() == 0)
@@ -115,7 +118,8 @@ bool readNextItem(ImageReader& reader, ImportDigests& digests, SafeDisk const& d
     if (!reader.readNext(*item.input, item.grainIndex))
         return false;
     __int64 const positionBytes = item.grainIndex * disk.getGrainSizeBytes();
-    digests.addToImage(item, positionBytes, reader.getDoneBytes() - positionBytes);
+    digests.addToImage(item, positionBytes, reader.getDoneBytes() - positionBytes,
+                       reader.doesSkipHoles());
     return true;
 }
 
@@ -213,7 +217,9 @@ void verifyMayDiffer(SafeDisk const& disk, __int64 grainIndex, ChangedGrains con
         nullptr);
 }
 
-/// To a child, where it is known before what its parents have, or where the image has changed.
+/// To a child: where it is known before what its parents have, or where the image has changed, and
+/// to one that `isPreparedByWorkers`. What is not known is compared by reading before the workers
+/// prepare what differs.
 void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge const& known,
                        int threads, PeriodicFlush& flush, TransferProgress& progress) {
     bool const isCoded = isPreparedByWorkers(disk);
@@ -223,6 +229,8 @@ void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge cons
     ImportDigests digests(known.making, disk, threads);
     Buffer scratch;
     GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
+        if (item.isAsParents)
+            return;
         bool const isZero = isInHole(item) || isZeroGrain(*item.input);
         item.isAsParents = comparison.isAsParents(item, isZero, worker);
         if (item.isAsParents || isZero)
@@ -242,11 +250,12 @@ void importDifferences(ImageReader& reader, SafeDisk& disk, ImportKnowledge cons
             item.ofChain.isKnown = false;
             if (known.parents)
                 item.ofChain = known.parents->find(item.grainIndex);
+            item.isAsParents = !item.ofChain.isKnown && readsAs(disk, item, scratch);
             return true;
         },
         [&](GrainItem& item) {
             progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
-            if (item.isAsParents || (!item.ofChain.isKnown && readsAs(disk, item, scratch)))
+            if (item.isAsParents)
                 return;
             verifyMayDiffer(disk, item.grainIndex, known.changes);
             if (isInHole(item))
@@ -309,9 +318,13 @@ void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
     ImageReader reader(source, disk, length, progress, changes);
     PeriodicFlush flush(disk, options.flushIntervalBytes);
     int const threads = countThreads(options);
+    // Where the parents have digests, these tell of grains that a parent has lost too.
+    if (!parents && !changes)
+        reader.skipHoles();
     if (isPreparedByWorkers(disk) && !isCompared)
         importCoded(reader, disk, digests, threads, flush, progress);
-    else if ((parents || changes) && present == PresentContent::OfParent)
+    else if ((parents || changes || isPreparedByWorkers(disk)) &&
+             present == PresentContent::OfParent)
         importDifferences(reader, disk, {parents, digests, changes}, threads, flush, progress);
     else if (digests)
         importHashed(reader, disk, isCompared, *digests, threads, flush, progress);

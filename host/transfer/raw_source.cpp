@@ -71,6 +71,12 @@ bool RawSource::isInHole(__int64 endBytes) {
     return endBytes <= m_dataStartBytes;
 }
 
+__int64 RawSource::findHoleBytes() {
+    if (m_endBytes < 0 || m_positionBytes >= m_endBytes || !isInHole(m_positionBytes + 1))
+        return 0;
+    return m_dataStartBytes - m_positionBytes;
+}
+
 void RawSource::skipTo(__int64 positionBytes) {
     assert(m_endBytes >= 0);
     assert(positionBytes >= getPosition() && positionBytes <= getLength());

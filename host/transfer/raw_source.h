@@ -24,6 +24,10 @@ public:
     /// How many bytes have been read.
     __int64 getPosition() const { return m_positionBytes - m_startBytes; }
 
+    /// How many bytes from here on are a hole of the file; 0 of a pipe, at the end, and where nobody
+    /// knows of holes.
+    __int64 findHoleBytes();
+
     /// Goes on at a later position, up to the length. Not for a pipe.
     void skipTo(__int64 positionBytes);
 

@@ -1,5 +1,6 @@
 #include "host/transfer/written_grain_reader.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "host/transfer/grain_place.h"
@@ -21,7 +22,8 @@ bool WrittenGrainReader::findNext() {
     assert(m_nextGrainIndex <= m_endGrainIndex);
     while (m_nextGrainIndex < m_endGrainIndex && !m_disk.isGrainWritten(m_nextGrainIndex)) {
         m_progress.advanceTo(m_nextGrainIndex * m_disk.getGrainSizeBytes());
-        ++m_nextGrainIndex;
+        m_nextGrainIndex += std::max<__int64>(
+            countUnwrittenGrains(m_disk, m_nextGrainIndex, m_endGrainIndex - m_nextGrainIndex), 1);
     }
     return m_nextGrainIndex < m_endGrainIndex;
 }

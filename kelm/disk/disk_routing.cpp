@@ -271,6 +271,17 @@ bool CVMDKDisk::isGrainWrittenAndIndependentOfParent() {
     return extent->isGrainWrittenAndIndependentOfParent();
 }
 
+__int64 CVMDKDisk::countBytesWithoutData(__int64 maxBytes) {
+    yx::P<IVMDKExtentFile> extent;
+    __int64 opBytes = 0;
+    beginIOOp(maxBytes, extent, opBytes);
+    if (auto const onDemand = yx::cast<CVMDKOnDemandExtentFile>(extent))
+        return onDemand->countBytesWithoutData(opBytes);
+    if (auto const sparse = yx::cast<CVMDKSparseExtentFile>(extent))
+        return sparse->countBytesWithoutData(opBytes);
+    return 0;
+}
+
 void CVMDKDisk::flushChanges() {
     // Deliberate: this asks for exactly read-only, the write paths for exactly read-and-write.
     if (m_access == yx::IIOStream::ReadOnly || !m_currentExtent)

@@ -1,5 +1,6 @@
 #include "kelm/extent/on_demand_extent_file.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "kelm/extent/low_level_file_stream.h"
@@ -157,6 +158,12 @@ void CVMDKOnDemandExtentFile::writeEncipheredGrainData(yx::TBuffer<unsigned char
 
 bool CVMDKOnDemandExtentFile::tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data) {
     return !m_innerIsNull && getSparseFile().tryReadEncipheredGrainData(data);
+}
+
+__int64 CVMDKOnDemandExtentFile::countBytesWithoutData(__int64 maxBytes) {
+    if (!m_innerIsNull)
+        return getSparseFile().countBytesWithoutData(maxBytes);
+    return std::min(maxBytes, m_extentSizeSectors * m_sectorSizeBytes - getPosition());
 }
 
 __int64 CVMDKOnDemandExtentFile::makeGrainIndependentOfParent(__int64 grainIndex) {

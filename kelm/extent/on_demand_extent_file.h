@@ -58,6 +58,9 @@ public:
     /// As the extent does that has the file; false while there is none.
     bool tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data);
 
+    /// As the extent does that has the file; up to the end of the extent while there is none.
+    __int64 countBytesWithoutData(__int64 maxBytes);
+
     /// These four operations write, and make the file first if there is none. Without write access
     /// they throw `yx::CError` "Internal error: VMDK extent file is about to be changed, but it was
     /// not opened for writing." with "uri".

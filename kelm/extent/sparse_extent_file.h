@@ -105,6 +105,12 @@ public:
     /// `CVMDKGrain::tryReadEncipheredGrainData`.
     bool tryReadEncipheredGrainData(yx::TBuffer<unsigned char>& data);
 
+    /// How many of the bytes from the cursor on, at most `maxBytes`, come before the first grain
+    /// that this extent has data of; 0 if the grain at the cursor is one. As many calls of
+    /// `isGrainWrittenAndIndependentOfParent` would tell, but from the tables, without opening each
+    /// grain. The cursor does not move. Throws what these calls would throw, for any of the grains.
+    __int64 countBytesWithoutData(__int64 maxBytes);
+
 protected:
     /// Opens the grain at the cursor, unless the open one has bytes left. Returns how many bytes,
     /// at most `maxBytes`, the next step can process without leaving the grain. Throws what looking

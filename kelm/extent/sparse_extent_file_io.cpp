@@ -232,6 +232,29 @@ bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent() {
     return m_grain->isGrainWrittenAndIndependentOfParent();
 }
 
+__int64 CVMDKSparseExtentFile::countBytesWithoutData(__int64 maxBytes) {
+    // Opens the grain at the cursor, so that the tables know all other ones.
+    if (isGrainWrittenAndIndependentOfParent())
+        return 0;
+    __int64 const endBytes = m_position + std::min(maxBytes, m_capacityBytes - m_position);
+    __int64 const endGrainIndex = (endBytes + m_grainSizeBytes - 1) / m_grainSizeBytes;
+    __int64 const entriesPerTable = m_header->getGrainTableEntryCount();
+    __int64 grainIndex = m_position / m_grainSizeBytes + 1;
+    while (grainIndex < endGrainIndex) {
+        __int64 const tableIndex = grainIndex / entriesPerTable;
+        yx::P<CVMDKGrainTable> const table = m_grainDirectory->getGrainTable(tableIndex);
+        __int64 const tableEnd = std::min((tableIndex + 1) * entriesPerTable, endGrainIndex);
+        for (; grainIndex < tableEnd; ++grainIndex) {
+            __int64 posSectors = 0;
+            __int64 slotSizeSectors = 0;
+            table->getGrainInfo(grainIndex % entriesPerTable, posSectors, slotSizeSectors);
+            if (posSectors != 0)
+                return grainIndex * m_grainSizeBytes - m_position;
+        }
+    }
+    return endBytes - m_position;
+}
+
 void CVMDKSparseExtentFile::flushChanges() {
     // Deliberate: this checks for exactly read-only, the writes for exactly read and write.
     if (m_access == yx::IIOStream::ReadOnly)

@@ -263,6 +263,54 @@ TEST_F(DiskRouting, WrittenGrainsAreKnown) {
     EXPECT_THROW(disk->isGrainWrittenAndIndependentOfParent(), yx::CError);
 }
 
+TEST_F(DiskRouting, BytesWithoutDataAreCountedUpToAGrainOrTheEndOfTheExtent) {
+    yx::P<kelm::CVMDKDisk> const disk = open(yx::IIOStream::ReadWrite);
+    writeAt(*disk, 2 * 512, fromText("x"));
+    writeAt(*disk, kExtentBytes + 3 * 512, fromText("x"));
+    auto const count = [&](__int64 position, __int64 maxBytes) {
+        disk->seek(position);
+        __int64 const bytes = disk->countBytesWithoutData(maxBytes);
+        EXPECT_EQ(position, disk->getPosition());
+        return bytes;
+    };
+    // The last grain that was written is in memory only.
+    EXPECT_EQ(0, count(kExtentBytes + 3 * 512 + 1, 512));
+    EXPECT_EQ(2 * 512, count(0, kDiskBytes));
+    EXPECT_EQ(2 * 512 - 100, count(100, kDiskBytes));
+    EXPECT_EQ(700, count(100, 700));
+    EXPECT_EQ(0, count(2 * 512, kDiskBytes));
+    EXPECT_EQ(512, count(3 * 512, kDiskBytes));
+    EXPECT_EQ(3 * 512, count(kExtentBytes, kDiskBytes));
+    EXPECT_EQ(kExtentBytes, count(2 * kExtentBytes, kDiskBytes));
+    disk->seek(kDiskBytes);
+    EXPECT_TRUE(throwsError("Internal error: cannot find VMDK extent for position 6144",
+                            Props{{"mainURI", kMain}}, [&] { disk->countBytesWithoutData(1); }));
+}
+
+TEST_F(DiskRouting, BytesWithoutDataAreThoseOfEachGrainInEveryKindOfDisk) {
+    constexpr int kGrains = static_cast<int>(kSmallestDiskBytes / kGrainBytes);
+    for (DiskKind const& kind : allDiskKinds()) {
+        SCOPED_TRACE(kind.name);
+        std::string const name = std::string(kind.name) + ".vmdk";
+        yx::P<kelm::CVMDKDisk> const disk = create(kind, name);
+        // The last extents of split ones stay without a file.
+        for (int const grain : {0, 1, 5, 40, 63})
+            writeAt(*disk, grain * kGrainBytes, pattern(100, 1));
+        auto const isHere = [&](int grain) {
+            disk->seek(grain * kGrainBytes);
+            return disk->isGrainWrittenAndIndependentOfParent();
+        };
+        for (int grain = 0; grain < kGrains; ++grain) {
+            disk->seek(grain * kGrainBytes);
+            __int64 const bytes = disk->countBytesWithoutData(kSmallestDiskBytes);
+            ASSERT_EQ(isHere(grain), bytes == 0) << grain;
+            int const end = grain + static_cast<int>(bytes / kGrainBytes);
+            for (int empty = grain; empty < end; ++empty)
+                EXPECT_FALSE(isHere(empty)) << empty;
+        }
+    }
+}
+
 TEST_F(DiskRouting, FlushOfAReadOnlyDiskDoesNothing) {
     yx::P<kelm::CVMDKDisk> const disk = openRecorded(yx::IIOStream::ReadOnly);
     readAt(*disk, 0, 1);

@@ -1,7 +1,7 @@
 #include "host/disk/chain_grains.h"
 
 #include "tests/host/host_fixture.h"
-#include "tests/support/foreign_chain.h"
+#include "tests/support/filled_foreign_chain.h"
 
 namespace test_support {
 namespace {
@@ -23,8 +23,8 @@ protected:
     }
 
     /// Of the disk with that main file.
-    ChainGrains& grainsOf(std::string const& name) {
-        m_disk = open(kReadOnly, "", name);
+    ChainGrains& grainsOf(std::string const& name, std::string const& password = "") {
+        m_disk = open(kReadOnly, password.c_str(), name);
         m_grains.emplace(files.get(), *m_disk, DiskLayout(*m_disk));
         return *m_grains;
     }
@@ -93,6 +93,48 @@ TEST_F(ChainGrainsTest, AsksTheGrandparentWhereTheChildIsNotWhereItsParentsGrain
     EXPECT_FALSE(isWritten(0, 3 * 65536));
     EXPECT_TRUE(isWritten(3 * 65536, 65536));
     EXPECT_FALSE(isWritten(4 * 65536, 4096 * kSector - 4 * 65536));
+}
+
+TEST_F(ChainGrainsTest, CountsWhatNoDiskOfTheChainHolds) {
+    make({"parent.vmdk", {{1024, 128}, {1024, 128}}});
+    put("parent.vmdk", 3 * 65536, pattern(65536, 1));
+    make({"child.vmdk", {{1536, 128}, {1536, 128}}}, "parent.vmdk");
+    put("child.vmdk", 20 * 65536, pattern(65536, 2));
+    ChainGrains& grains = grainsOf("child.vmdk");
+    auto const count = [&](__int64 grain, __int64 maxGrains) {
+        return grains.countUnwrittenBytes(*m_disk, grain * 65536, maxGrains * 65536);
+    };
+    EXPECT_EQ(3 * 65536, count(0, 24));
+    EXPECT_EQ(2 * 65536, count(0, 2));
+    EXPECT_EQ(0, count(3, 24));
+    // Up to the end of the parent's extent, the child's, and what the child holds.
+    EXPECT_EQ(4 * 65536, count(4, 20));
+    EXPECT_EQ(4 * 65536, count(8, 16));
+    EXPECT_EQ(4 * 65536, count(16, 8));
+    EXPECT_EQ(0, count(20, 4));
+    EXPECT_EQ(3 * 65536, count(21, 3));
+}
+
+TEST_F(ChainGrainsTest, CountsNothingThatIsWrittenInAnyChain) {
+    for (unsigned int seed = 1; seed <= 40; ++seed) {
+        SCOPED_TRACE(seed);
+        files = yx::makeObject<yx::CMemoryFileSystem>();
+        FilledForeignChain const chain(*files, yx::CURI("mem:///disks"), seed);
+        std::string password;
+        for (std::size_t level = 0; level < chain.getLength(); ++level) {
+            // A disk has that of its parents.
+            if (!chain.disk(level).password.empty())
+                password = chain.disk(level).password;
+            ChainGrains& grains = grainsOf(chain.disk(level).name, password);
+            __int64 const size = m_disk->getSizeBytes();
+            for (__int64 position = 0; position < size; position = grains.at(position).endBytes) {
+                __int64 const bytes =
+                    grains.countUnwrittenBytes(*m_disk, position, size - position);
+                ASSERT_LE(bytes, size - position);
+                ASSERT_FALSE(isWritten(position, bytes)) << position << " " << bytes;
+            }
+        }
+    }
 }
 
 TEST_F(ChainGrainsTest, HoldsARangeOnlyWithAllOfItsGrains) {

@@ -1,3 +1,4 @@
+#include "host/transfer/held_grains.h"
 #include "host/transfer/transfer.h"
 #include "tests/host/host_fixture.h"
 #include "tests/support/faulty_file_system.h"
@@ -5,6 +6,8 @@
 namespace test_support {
 namespace {
 
+using kelm::host::GrainSet;
+using kelm::host::holdGrains;
 using kelm::host::RawSource;
 using kelm::host::RawTarget;
 using kelm::host::WorkOptions;
@@ -99,6 +102,78 @@ TEST_F(EncipheredTransfer, ImportIsByteForByteWhatTheSameWritesMake) {
         }
         EXPECT_TRUE(sameBytes(padded(content, kSmallestDiskBytes),
                               exportImage(*openSafe("disk.vmdk", kReadOnly, "secret"))));
+    }
+}
+
+TEST_F(EncipheredTransfer, HoldingIsByteForByteWhatOneGrainAfterAnotherMakes) {
+    for (DiskKind const& kind : encryptedKinds()) {
+        // A parent with another form too.
+        for (bool const parentIsEncrypted : {true, false}) {
+            SCOPED_TRACE(testing::Message() << kind.name << " " << parentIsEncrypted);
+            files = yx::makeObject<yx::CMemoryFileSystem>();
+            DiskKind parentKind = kind;
+            parentKind.password = parentIsEncrypted ? kind.password : "";
+            importImage(scatteredContent(), *createSafe(parentKind, "parent.vmdk"));
+            {
+                std::unique_ptr<SafeDisk> const disk = createSafe(kind, "disk.vmdk", "parent.vmdk");
+                writeTo(*disk, 4 * kGrainBytes, textPattern(kGrainBytes, 5));
+                disk->flush();
+            }
+            yx::P<yx::CMemoryFileSystem> const single = copyFiles();
+            GrainSet grains(kSmallestDiskBytes / kGrainBytes);
+            // Of the disk, of the parent, of neither, of zeros, and the last one.
+            for (__int64 const grain : {0, 1, 4, 6, 7, 10, 40, 127})
+                grains.add(grain);
+            holdGrains(*openSafe("disk.vmdk", kReadWrite, "secret"), grains, options);
+            {
+                SafeDisk disk(single.get(), uriOf("disk.vmdk"), kReadWrite, "secret", 1);
+                for (__int64 grain = grains.findNext(0); grain < grains.getGrainCount();
+                     grain = grains.findNext(grain + 1))
+                    disk.holdGrain(grain);
+                disk.flush();
+            }
+            ASSERT_EQ(single->listFiles().getSize(), files->listFiles().getSize());
+            for (yx::CURI const& uri : files->listFiles())
+                EXPECT_TRUE(sameBytes(toBytes(single->getFile(uri)), toBytes(files->getFile(uri))))
+                    << uri;
+            std::unique_ptr<SafeDisk> const disk = openSafe("disk.vmdk", kReadOnly, "secret");
+            for (__int64 const grain : {0, 1, 4, 6, 7, 10, 40, 127})
+                EXPECT_TRUE(disk->isGrainWrittenHere(grain)) << grain;
+            Bytes expected = padded(scatteredContent(), kSmallestDiskBytes);
+            Bytes const own = textPattern(kGrainBytes, 5);
+            std::copy(own.begin(), own.end(), expected.begin() + 4 * kGrainBytes);
+            EXPECT_TRUE(sameBytes(expected, exportImage(*disk)));
+        }
+    }
+}
+
+TEST_F(EncipheredTransfer, ImportToAChildIsByteForByteWhatTheSameWritesMake) {
+    Bytes const content = scatteredContent();
+    Bytes next = content;
+    for (int const grain : {1, 4, 60, 126}) {
+        Bytes const part = textPattern(kGrainBytes, static_cast<unsigned int>(grain));
+        std::copy(part.begin(), part.end(), next.begin() + grain * kGrainBytes);
+    }
+    for (DiskKind const& kind : encryptedKinds()) {
+        SCOPED_TRACE(kind.name);
+        files = yx::makeObject<yx::CMemoryFileSystem>();
+        importImage(content, *createSafe(kind, "parent.vmdk"));
+        createSafe(kind, "disk.vmdk", "parent.vmdk");
+        yx::P<yx::CMemoryFileSystem> const written = copyFiles();
+        importImage(next, *openSafe("disk.vmdk", kReadWrite, "secret"));
+        {
+            SafeDisk disk(written.get(), uriOf("disk.vmdk"), kReadWrite, "secret", 1);
+            for (int const grain : {1, 4, 60, 126})
+                writeTo(disk, grain * kGrainBytes,
+                        textPattern(kGrainBytes, static_cast<unsigned int>(grain)));
+            disk.flush();
+        }
+        ASSERT_EQ(written->listFiles().getSize(), files->listFiles().getSize());
+        for (yx::CURI const& uri : files->listFiles()) {
+            EXPECT_TRUE(sameBytes(withoutDrawnTexts(written->getFile(uri)),
+                                  withoutDrawnTexts(files->getFile(uri))))
+                << uri;
+        }
     }
 }
 

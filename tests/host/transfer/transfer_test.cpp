@@ -1,5 +1,6 @@
 #include "host/transfer/transfer.h"
 
+#include <algorithm>
 #include <csignal>
 #include <thread>
 
@@ -9,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/transfer/disk_map.h"
 #include "tests/host/host_fixture.h"
 #include "tests/support/faulty_file_system.h"
 
@@ -100,6 +102,67 @@ TEST_F(Transfer, ImportThatFailsHalfWayKeepsWhatWasThereAtItsLastFlush) {
         options.flushIntervalBytes = WorkOptions().flushIntervalBytes;
         importFailingAt(kind + "3.vmdk", compressed, writeCount / 4);
         EXPECT_EQ(0, countKept(kind + "3.vmdk"));
+    }
+}
+
+/// A grain at a time, this would take minutes.
+TEST_F(Transfer, NearlyEmptyImageOfManyTerabytesIsImportedCheckedAndExported) {
+    constexpr __int64 kImageBytes = (__int64{4} << 40) - 1000;
+    constexpr __int64 kPositions[] = {(__int64{1} << 30) + 65536 + 5, __int64{3} << 40,
+                                      kImageBytes - 10};
+    std::string const image = pathOf("in.raw");
+    std::ofstream(image).close();
+    std::filesystem::resize_file(image, static_cast<std::uintmax_t>(kImageBytes));
+    for (__int64 const position : kPositions)
+        std::fstream(image, std::ios::binary | std::ios::in | std::ios::out)
+            .seekp(position)
+            .write("x", 1);
+    for (bool const isEncrypted : {false, true}) {
+        SCOPED_TRACE(isEncrypted);
+        files = yx::makeObject<yx::CMemoryFileSystem>();
+        kelm::host::NewDisk request;
+        request.sizeBytes = kImageBytes;
+        request.fileSizeLimitBytes = __int64{16} << 30;
+        request.createExtentFilesOnDemand = true;
+        request.trust.allowOversize = true;
+        request.password = isEncrypted ? "secret" : "";
+        yx::P<FileGuard> const guard = makeGuard();
+        guard->keep();
+        std::unique_ptr<SafeDisk> const disk =
+            SafeDisk::create(guard.get(), uriOf("disk.vmdk"), request);
+        RawSource source(image);
+        std::vector<__int64> done;
+        options.progress = [&](__int64 doneBytes, __int64) { done.push_back(doneBytes); };
+        importRaw(source, *disk, options);
+        ASSERT_FALSE(done.empty());
+        EXPECT_EQ(kImageBytes, done.back());
+        EXPECT_TRUE(std::is_sorted(done.begin(), done.end()));
+        options.progress = nullptr;
+
+        std::vector<__int64> stored;
+        kelm::host::forEachGrainRun(*disk, {}, [&](kelm::host::GrainRun const& run) {
+            if (run.place == kelm::host::GrainPlace::Here) {
+                EXPECT_EQ(kGrainBytes, run.lengthBytes);
+                stored.push_back(run.startBytes);
+            }
+        });
+        std::vector<__int64> expected;
+        for (__int64 const position : kPositions)
+            expected.push_back(position / kGrainBytes * kGrainBytes);
+        EXPECT_EQ(expected, stored);
+
+        std::string const copy = pathOf("out.raw");
+        RawTarget target(copy, true);
+        exportRaw(*disk, target, options);
+        target.finish();
+        EXPECT_EQ(static_cast<std::uintmax_t>(disk->getSizeBytes()),
+                  std::filesystem::file_size(copy));
+        std::ifstream exported(copy, std::ios::binary);
+        for (__int64 const position : kPositions) {
+            exported.seekg(position - 1);
+            EXPECT_EQ(0, exported.get());
+            EXPECT_EQ('x', exported.get());
+        }
     }
 }
 
