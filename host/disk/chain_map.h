@@ -15,14 +15,16 @@ namespace kelm::host {
 
 struct ChainMember;
 
-/// An extent file of a chain that is only read. Everything but its place is as the file has it.
+/// An extent file of a chain that is only read.
 struct MappedExtent {
+    /// Its name, as the descriptor has it.
     yx::CURI uri;
 
     /// The grains of the disk that it holds, by their indexes in the disk.
     __int64 firstGrain = 0;
     __int64 endGrain = 0;
 
+    /// How the file stores them.
     bool isCompressed = false;
     bool isEncrypted = false;
 
@@ -85,10 +87,10 @@ public:
     /// disk nothing is known.
     std::optional<MappedGrain> find(__int64 grainIndex);
 
-    /// Of all disks of the chain.
+    /// The size of a grain in all disks of the chain.
     __int64 getGrainSizeBytes() const { return m_grainSizeBytes; }
 
-    /// Of the disk, whose last grain may be cut short.
+    /// The size of the disk, whose last grain may be cut short.
     __int64 getSizeBytes() const { return m_levels.front().sizeBytes; }
 
     /// How many disks the chain has.

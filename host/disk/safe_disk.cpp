@@ -272,7 +272,13 @@ void SafeDisk::mergeChain(int maxMapTables) {
     if (m_access != yx::IIOStream::ReadOnly || !m_hasParent || m_isMerged)
         return;
     m_isMerged = true;
-    m_grains.useMap(ChainMap::tryMake(m_fileSystem.get(), listChainMembers(*this), maxMapTables));
+    try {
+        m_grains.useMap(
+            ChainMap::tryMake(m_fileSystem.get(), listChainMembers(*this), maxMapTables));
+    } catch (yx::CError const& error) {
+        // Such as a parent that is in use. Whoever opens it meets that again.
+        error.nop();
+    }
 }
 
 bool SafeDisk::tryReadPreparedGrain(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {

@@ -14,11 +14,11 @@ namespace kelm::host {
 
 namespace {
 
-constexpr __int64 kSlotsBytes = __int64{4} << 20;
-constexpr __int64 kMaxSlots = 64;
+constexpr __int64 kSlotsBytes = __int64{8} << 20;
+constexpr __int64 kMaxSlots = 128;
 
 /// Of larger grains too few could stay for several readers.
-constexpr __int64 kMaxCodedGrainBytes = kSlotsBytes / 4;
+constexpr __int64 kMaxCodedGrainBytes = kSlotsBytes / 8;
 
 /// As the library: more is treated as damage.
 constexpr __int64 kMaxRecordGrains = 2;
@@ -59,9 +59,10 @@ struct DirectReading::Coder {
     /// One for each encrypted level that was needed.
     std::vector<yx::P<CVMDKGrainCipher>> ciphers;
 
-    /// A grain as the file holds it, and deciphered.
+    /// A grain as the file holds it, deciphered, and plain.
     yx::TBuffer<unsigned char> stored;
     yx::TBuffer<unsigned char> deciphered;
+    yx::TBuffer<unsigned char> plain;
 };
 
 DirectReading::DirectReading(std::unique_ptr<SafeDisk> disk, int maxMapTables)
@@ -184,14 +185,17 @@ std::unique_ptr<DirectReading::Coder> DirectReading::takeCoder() {
 bool DirectReading::decode(MappedGrain const& grain, __int64 grainIndex,
                            yx::TBuffer<unsigned char>& plain) {
     std::unique_ptr<Coder> coder = takeCoder();
-    bool const isDecoded = decodeWith(*coder, grain, grainIndex, plain);
+    bool const isDecoded = decodeWith(*coder, grain, grainIndex);
+    // The coder's buffers are in the processor's caches, where decoding is faster by more than a
+    // copy takes.
+    if (isDecoded)
+        plain.assign(coder->plain);
     std::lock_guard const lock(m_codersMutex);
     m_coders.push_back(std::move(coder));
     return isDecoded;
 }
 
-bool DirectReading::decodeWith(Coder& coder, MappedGrain const& grain, __int64 grainIndex,
-                               yx::TBuffer<unsigned char>& plain) {
+bool DirectReading::decodeWith(Coder& coder, MappedGrain const& grain, __int64 grainIndex) {
     MappedExtent const& extent = *grain.extent;
     __int64 const grainSizeBytes = m_map->getGrainSizeBytes();
     bool const hasFormOfDisk =
@@ -209,8 +213,8 @@ bool DirectReading::decodeWith(Coder& coder, MappedGrain const& grain, __int64 g
     if (!extent.isCompressed) {
         if (storedBytes != grainSizeBytes)
             return false;
-        cipherOf(coder, grain).decipher(coder.stored, grainIndex, plain);
-        return plain.getUsed() == grainSizeBytes;
+        cipherOf(coder, grain).decipher(coder.stored, grainIndex, coder.plain);
+        return coder.plain.getUsed() == grainSizeBytes;
     }
     if (storedBytes < kSectorSizeBytes)
         return false;
@@ -223,9 +227,9 @@ bool DirectReading::decodeWith(Coder& coder, MappedGrain const& grain, __int64 g
     coder.stored.setUsed(static_cast<int>(extent.isEncrypted ? storedBytes : recordBytes));
     if (extent.isEncrypted)
         cipherOf(coder, grain).decipher(coder.stored, grainIndex, coder.deciphered);
-    plain.setUsed(static_cast<int>(grainSizeBytes));
+    coder.plain.setUsed(static_cast<int>(grainSizeBytes));
     coder.preparer->unprepareGrainDataTo(extent.isEncrypted ? &coder.deciphered : &coder.stored,
-                                         plain.getData());
+                                         coder.plain.getData());
     return true;
 }
 

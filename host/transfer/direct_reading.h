@@ -16,7 +16,7 @@ namespace kelm::host {
 /// - Of a grain that is stored plain, just the bytes that are asked for are read, into the caller's
 ///   memory.
 /// - One that is compressed or enciphered is decoded as a whole, by the thread that asks. The last
-///   ones stay, at most 64 and 4 MiB, so that who reads a grain piece by piece decodes it once.
+///   ones stay, at most 128 and 8 MiB, so that who reads a grain piece by piece decodes it once.
 /// - Where no disk of the chain holds a grain, there are zeros.
 ///
 /// A `ChainMap` says where grains are. Whatever is not as it should be, and files of another kind, is
@@ -56,8 +56,7 @@ private:
     bool readCoded(MappedGrain const& grain, __int64 positionBytes, unsigned char* target,
                    int bytes);
     bool decode(MappedGrain const& grain, __int64 grainIndex, yx::TBuffer<unsigned char>& plain);
-    bool decodeWith(Coder& coder, MappedGrain const& grain, __int64 grainIndex,
-                    yx::TBuffer<unsigned char>& plain);
+    bool decodeWith(Coder& coder, MappedGrain const& grain, __int64 grainIndex);
     CVMDKGrainCipher& cipherOf(Coder& coder, MappedGrain const& grain);
     std::unique_ptr<Coder> takeCoder();
 
