@@ -1,6 +1,7 @@
 // What a copy of a disk costs when it goes through nbdkit: `nbdcopy` from the plugin against
-// `nbdcopy` from nbdkit's own file plugin on the raw image of the same content. And how many reads of
-// 4 KiB at random places, 16 of them under way at any time, either answers in a second; `fio` asks.
+// `nbdcopy` from nbdkit's own file plugin on the raw image of the same content. And how many requests
+// of 4 KiB, 16 of them under way at any time, either answers in a second: reads at random places and
+// in order, and writes at random places; `fio` asks.
 //
 //   bench_nbdkit [--content FOLDER] [--work FOLDER] [--rounds N]
 //
@@ -85,13 +86,23 @@ double copySeconds(std::string const& server) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// What `fio` counts.
-double readsPerSecond(std::string const& server) {
-    constexpr int kReadsField = 7;
-    std::string const asked =
-        "fio --name=reads --ioengine=nbd --uri=\"$uri\" --rw=randread --bs=4k "
-        "--iodepth=16 --size=100m --io_size=200m --minimal";
-    std::string const command = "nbdkit -r -U - " + server + " --run " + bench::quoted(asked);
+/// What `fio` does, and the field in which it counts that.
+struct Asked {
+    char const* options;
+    int field;
+    char const* server;
+};
+
+constexpr Asked kRandomReads = {"--rw=randread --iodepth=16 --io_size=200m", 7, "nbdkit -r"};
+constexpr Asked kReadsInOrder = {"--rw=read --iodepth=16 --io_size=100m", 7, "nbdkit -r"};
+constexpr Asked kRandomWrites = {"--rw=randwrite --iodepth=16 --io_size=50m", 48, "nbdkit"};
+
+/// Requests of 4 KiB.
+double requestsPerSecond(Asked const& what, std::string const& server) {
+    std::string const asked = std::string("fio --name=requests --ioengine=nbd --uri=\"$uri\" ") +
+                              what.options + " --bs=4k --size=100m --minimal";
+    std::string const command =
+        std::string(what.server) + " -U - " + server + " --run " + bench::quoted(asked);
     FILE* const output = ::popen(command.c_str(), "r");
     if (!output)
         bench::failWith("failed: " + command);
@@ -100,12 +111,12 @@ double readsPerSecond(std::string const& server) {
         text += static_cast<char>(letter);
     std::istringstream fields(text);
     std::string field;
-    for (int i = 0; i <= kReadsField; ++i)
+    for (int i = 0; i <= what.field; ++i)
         std::getline(fields, field, ';');
-    double const reads = std::atof(field.c_str());
-    if (::pclose(output) != 0 || reads <= 0)
+    double const requests = std::atof(field.c_str());
+    if (::pclose(output) != 0 || requests <= 0)
         bench::failWith("failed: " + command);
-    return reads;
+    return requests;
 }
 
 std::string pluginOn(std::string const& disk, Kind const& kind) {
@@ -113,9 +124,28 @@ std::string pluginOn(std::string const& disk, Kind const& kind) {
     return *kind.password == '\0' ? command : command + " password=" + kind.password;
 }
 
+void measureRequests(std::string const& what, Asked const& asked,
+                     std::filesystem::path const& folder, std::string const& image, int rounds) {
+    std::map<std::string, std::vector<double>> counts;
+    for (int i = 0; i < rounds; ++i) {
+        counts[kRawImage].push_back(requestsPerSecond(asked, "file " + bench::quoted(image)));
+        for (Kind const& kind : kKinds) {
+            counts[kind.name].push_back(
+                requestsPerSecond(asked, pluginOn(folder / kind.name, kind)));
+        }
+    }
+    double const countOfFile = bench::median(counts.at(kRawImage));
+    bench::note((std::string(kRawImage) + ", " + what).c_str(), countOfFile, "/s");
+    for (Kind const& kind : kKinds) {
+        double const own = bench::median(counts.at(kind.name));
+        bench::note((std::string(kind.name) + ", " + what).c_str(), own, "/s");
+        bench::note((std::string(kind.name) + ", beside the file plugin").c_str(),
+                    own / countOfFile, "x");
+    }
+}
+
 void measure(std::filesystem::path const& folder, std::string const& image, int rounds) {
     std::map<std::string, std::vector<double>> seconds;
-    std::map<std::string, std::vector<double>> reads;
     for (Kind const& kind : kKinds)
         makeDisk(folder / kind.name, image, kind);
     for (int i = 0; i <= rounds; ++i) {
@@ -128,9 +158,6 @@ void measure(std::filesystem::path const& folder, std::string const& image, int 
             if (i > 0)
                 seconds[name].push_back(value);
         }
-        reads[kRawImage].push_back(readsPerSecond("file " + bench::quoted(image)));
-        for (Kind const& kind : kKinds)
-            reads[kind.name].push_back(readsPerSecond(pluginOn(folder / kind.name, kind)));
     }
     double const reference = bench::median(seconds[kRawImage]);
     bench::note(kRawImage, reference, "s");
@@ -140,14 +167,10 @@ void measure(std::filesystem::path const& folder, std::string const& image, int 
         bench::reportAtMost((std::string(kind.name) + " disk, time of the file plugin").c_str(),
                             own / reference, kind.maxRatio);
     }
-    double const readsOfFile = bench::median(reads[kRawImage]);
-    bench::note("raw image, file plugin, random reads", readsOfFile, "/s");
-    for (Kind const& kind : kKinds) {
-        double const own = bench::median(reads[kind.name]);
-        bench::note((std::string(kind.name) + ", random reads").c_str(), own, "/s");
-        bench::note((std::string(kind.name) + ", beside the file plugin").c_str(),
-                    own / readsOfFile, "x");
-    }
+    measureRequests("random reads", kRandomReads, folder, image, rounds);
+    measureRequests("reads in order", kReadsInOrder, folder, image, rounds);
+    // Last, since they change what the disks hold.
+    measureRequests("random writes", kRandomWrites, folder, image, rounds);
 }
 
 } // namespace

@@ -4,13 +4,17 @@
 #include "bench/report/measurements.h"
 #include "bench/report/work_files.h"
 
-// Reading through child disks that hold nothing of their own.
+// Reading through child disks that hold nothing of their own: by the library alone, which asks one
+// disk after the other, and as everything does that reads whole disks, with the tables of the chain
+// merged.
 
 namespace bench {
 
 namespace {
 
 constexpr int kPasses = 2;
+constexpr int kRandomReads = 8192;
+constexpr int kSmallBytes = 4096;
 
 std::string levelName(int level) {
     return "level" + std::to_string(level) + ".vmdk";
@@ -40,6 +44,62 @@ double readOnce(kelm::CVMDKDisk& disk, long long bytes, std::vector<unsigned cha
     });
 }
 
+std::unique_ptr<kelm::host::SafeDisk> openMerged(std::filesystem::path const& path) {
+    auto disk = std::make_unique<kelm::host::SafeDisk>(nativeFiles().get(), uriOf(path),
+                                                       yx::IIOStream::ReadOnly, "");
+    disk->mergeChain();
+    return disk;
+}
+
+double readOnce(kelm::host::SafeDisk& disk, long long bytes, std::vector<unsigned char>& buffer) {
+    return secondsOf([&] {
+        for (long long position = 0; position < kPasses * bytes; position += kGrainBytes)
+            disk.read(position % bytes, buffer.data(), kGrainBytes);
+    });
+}
+
+double readAtRandom(kelm::host::SafeDisk& disk, std::vector<long long> const& grains,
+                    std::vector<unsigned char>& buffer) {
+    return secondsOf([&] {
+        for (long long const grain : grains)
+            disk.read(grain * kGrainBytes + kSmallBytes, buffer.data(), kSmallBytes);
+    });
+}
+
+void measureMerged(Context& context, std::filesystem::path const& folder, int levels,
+                   long long bytes) {
+    std::vector<unsigned char> buffer(kGrainBytes);
+    std::unique_ptr<kelm::host::SafeDisk> const base = openMerged(folder / levelName(0));
+    std::unique_ptr<kelm::host::SafeDisk> const child = openMerged(folder / levelName(levels));
+    std::vector<long long> const grains =
+        randomGrains(kRandomReads / context.shrink, bytes / kGrainBytes);
+    Measurements times;
+    for (int round = 0; round <= context.rounds; ++round) {
+        double const alone = readOnce(*base, bytes, buffer);
+        double const chained = readOnce(*child, bytes, buffer);
+        double const aloneAtRandom = readAtRandom(*base, grains, buffer);
+        double const chainedAtRandom = readAtRandom(*child, grains, buffer);
+        if (round == 0)
+            continue;
+        times.add("base", alone);
+        times.add("chain", chained);
+        times.add("base, random", aloneAtRandom);
+        times.add("chain, random", chainedAtRandom);
+    }
+    char const* const plural = levels == 1 ? "" : "s";
+    context.report.addFigure(
+        {format("sequential read through %d child disk%s, merged", levels, plural),
+         formatRate(static_cast<double>(kPasses * bytes), times.median("chain")),
+         formatRate(static_cast<double>(kPasses * bytes), times.median("base")),
+         times.ratio("base", "chain"), Aim::atLeast(0.8), ""});
+    auto const count = static_cast<double>(grains.size());
+    context.report.addFigure(
+        {format("random read of 4 KiB through %d child disk%s, merged", levels, plural),
+         formatSeconds(times.median("chain, random") / count),
+         formatSeconds(times.median("base, random") / count),
+         times.ratio("base, random", "chain, random"), Aim::atLeast(0.8), ""});
+}
+
 } // namespace
 
 void measureChains(Context& context) {
@@ -50,7 +110,7 @@ void measureChains(Context& context) {
     std::vector<unsigned char> buffer(kGrainBytes);
     auto const grains = static_cast<double>(kPasses * bytes) / kGrainBytes;
     int made = 0;
-    for (int const levels : {1, 8, 32}) {
+    for (int const levels : {1, 8, 32, 64}) {
         makeChildren(folder, made + 1, levels);
         made = levels;
         yx::P<kelm::CVMDKDisk> const base =
@@ -74,6 +134,7 @@ void measureChains(Context& context) {
              formatRate(static_cast<double>(kPasses * bytes), times.median("chain")),
              formatRate(static_cast<double>(kPasses * bytes), times.median("base")),
              times.ratio("base", "chain"), levels == 1 ? Aim::atLeast(0.9) : Aim::none(), ""});
+        measureMerged(context, folder, levels, bytes);
     }
     std::filesystem::remove_all(folder);
 }

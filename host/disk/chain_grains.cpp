@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cassert>
 
+#include "host/disk/chain_map.h"
+
 namespace kelm::host {
 
 namespace {
@@ -36,7 +38,82 @@ bool ChainGrains::hasFormOfDisk(DiskLayout const& parent) const {
     return own.grainSizeBytes == other.grainSizeBytes && own.isCompressed == other.isCompressed;
 }
 
+/// Opens parents as reading without a map would.
+yx::P<CVMDKDisk> const& ChainGrains::openLevel(CVMDKDisk& disk, int level) {
+    assert(level > 0);
+    auto const wanted = static_cast<std::size_t>(level);
+    while (m_parents.size() < wanted) {
+        yx::P<CVMDKDisk> parent =
+            m_parents.empty() ? disk.getParentDisk() : m_parents.back()->getParentDisk();
+        assert(parent);
+        m_parents.push_back(std::move(parent));
+    }
+    return m_parents[wanted - 1];
+}
+
+/// What no disk holds is asked of each.
+void ChainGrains::openChain(CVMDKDisk& disk) {
+    if (m_isChainOpen)
+        return;
+    if (m_map->getLevelCount() > 1)
+        openLevel(disk, m_map->getLevelCount() - 1);
+    m_isChainOpen = true;
+}
+
+std::optional<bool> ChainGrains::tryIsWrittenByMap(CVMDKDisk& disk, __int64 positionBytes,
+                                                   __int64 bytes) {
+    if (!m_map)
+        return std::nullopt;
+    __int64 const grainSizeBytes = m_map->getGrainSizeBytes();
+    __int64 const endBytes = positionBytes + bytes;
+    for (__int64 grain = positionBytes / grainSizeBytes; grain * grainSizeBytes < endBytes;
+         ++grain) {
+        std::optional<MappedGrain> const found = m_map->find(grain);
+        if (!found)
+            return std::nullopt;
+        if (found->isHeld())
+            return true;
+    }
+    openChain(disk);
+    return false;
+}
+
+bool ChainGrains::tryReadByMap(CVMDKDisk& disk, __int64 positionBytes, void* buffer, int bytes) {
+    if (!m_map)
+        return false;
+    auto* target = static_cast<unsigned char*>(buffer);
+    __int64 const grainSizeBytes = m_map->getGrainSizeBytes();
+    __int64 const endBytes = positionBytes + bytes;
+    while (positionBytes < endBytes) {
+        __int64 grain = positionBytes / grainSizeBytes;
+        std::optional<MappedGrain> const first = m_map->find(grain);
+        if (!first)
+            return false;
+        // Neighbours in one disk are read at once.
+        for (++grain; grain * grainSizeBytes < endBytes; ++grain) {
+            std::optional<MappedGrain> const next = m_map->find(grain);
+            if (!next || next->level != first->level)
+                break;
+        }
+        int const partBytes =
+            static_cast<int>(std::min(endBytes, grain * grainSizeBytes) - positionBytes);
+        if (first->isHeld()) {
+            CVMDKDisk& holder = first->level == 0 ? disk : *openLevel(disk, first->level);
+            holder.seek(positionBytes);
+            holder.read(target, partBytes);
+        } else {
+            openChain(disk);
+            std::fill_n(target, partBytes, static_cast<unsigned char>(0));
+        }
+        positionBytes += partBytes;
+        target += partBytes;
+    }
+    return true;
+}
+
 bool ChainGrains::isWritten(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes) {
+    if (std::optional<bool> const isWritten = tryIsWrittenByMap(disk, positionBytes, bytes))
+        return *isWritten;
     return isWrittenFrom(0, disk, positionBytes, bytes);
 }
 
@@ -95,30 +172,40 @@ bool ChainGrains::isPassedOn(CVMDKDisk& disk, __int64 positionBytes, __int64 byt
     return true;
 }
 
-/// Whether the grain can be read prepared, and the disk that holds it; null if none does.
-bool ChainGrains::findPrepared(CVMDKDisk& disk, __int64 grainIndex, Holder& found) {
+std::optional<ChainGrains::Holder> ChainGrains::findPrepared(CVMDKDisk& disk, __int64 grainIndex) {
     DiskLayout const& layout = m_levels.front().getLayout();
     __int64 const startBytes = grainIndex * layout.getGrainSizeBytes();
     bool const isInDisk = grainIndex >= 0 && grainIndex < layout.getGrainCount();
-    if (!isInDisk || !at(startBytes).isGrainOfDisk)
-        return false;
+    if (!isInDisk)
+        return std::nullopt;
+    FileGrain const own = at(startBytes);
+    if (!own.isGrainOfDisk)
+        return std::nullopt;
+    std::optional<MappedGrain> const mapped = m_map ? m_map->find(grainIndex) : std::nullopt;
+    if (mapped && mapped->isHeld()) {
+        if (mapped->extent->isCompressed != own.isCompressed)
+            return std::nullopt;
+        yx::P<CVMDKDisk> const holder =
+            mapped->level == 0 ? yx::P<CVMDKDisk>(&disk) : openLevel(disk, mapped->level);
+        holder->seek(startBytes);
+        return Holder{holder, mapped->level};
+    }
     yx::P<CVMDKDisk> holder(&disk);
-    for (std::size_t level = 1; !holdsGrainAt(*holder, startBytes); ++level) {
+    int level = 0;
+    while (!holdsGrainAt(*holder, startBytes)) {
         holder = holder->getParentDisk();
         if (!holder)
-            return true;
-        ++found.level;
-        ExtentGrains& parent = levelOf(level, *holder);
+            return Holder();
+        ExtentGrains& parent = levelOf(static_cast<std::size_t>(++level), *holder);
         if (!hasFormOfDisk(parent.getLayout()))
-            return false;
+            return std::nullopt;
         // Past a parent's end, the library makes up a grain of zeros.
         if (startBytes >= parent.getLayout().getSizeBytes())
-            return true;
+            return Holder();
         if (!parent.at(startBytes).isGrainOfDisk)
-            return false;
+            return std::nullopt;
     }
-    found.disk = holder;
-    return true;
+    return Holder{holder, level};
 }
 
 } // namespace kelm::host

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <deque>
+#include <memory>
+#include <optional>
+#include <vector>
 
 #include "host/disk/extent_grains.h"
 #include "kelm/disk/disk.h"
 
 namespace kelm::host {
+
+class ChainMap;
 
 /// What may be taken as a whole at a place of a disk: the one place that decides about every short
 /// cut past reading and writing plain bytes. Each extent of the disk and of each of its parents may
@@ -15,11 +20,14 @@ namespace kelm::host {
 /// - Nothing in the chain holds a range: it need not be read, for it is zeros (`isWritten`).
 /// - Nothing holds what follows a position, for a while (`countUnwrittenBytes`).
 /// - The disk itself holds a range (`isWrittenHere`).
-/// - A grain can be read in prepared form (`canBeReadPrepared`).
+/// - A grain can be read in prepared form (`findPrepared`).
 /// - A grain can be read as the file of one of the disks holds it (`findHolder`).
 /// - A grain can be written in prepared form (`at`, `FileGrain::isGrainOfDisk`).
 ///
 /// The bare library answers all of this for the first byte of a grain only.
+///
+/// Without a map (`useMap`) each of the chain's disks is asked in turn, down to the one that holds a
+/// grain.
 ///
 /// Functions that look into tables are given the object to ask: the disk, or another object of the
 /// same disk, as `DiskReading::useDisk` chooses it. Its cursor moves, and so do those of its
@@ -29,6 +37,15 @@ class ChainGrains {
 public:
     /// `layout` is that of `disk`.
     ChainGrains(yx::IFileSystem* fileSystem, CVMDKDisk& disk, DiskLayout const& layout);
+
+    /// From now on the map says which disk of the chain holds a grain, wherever it knows. For a disk
+    /// that is only read: `disk` is then always the same object.
+    void useMap(std::shared_ptr<ChainMap> map) { m_map = std::move(map); }
+
+    /// Reads exactly `bytes` bytes of the disk, in it, from the disks that hold them, or returns
+    /// false where the map does not know them all: read `disk` then. Errors are those of reading
+    /// `disk`.
+    bool tryReadByMap(CVMDKDisk& disk, __int64 positionBytes, void* buffer, int bytes);
 
     /// The grain of the disk's own files that holds a byte of the disk; see `ExtentGrains::at`.
     FileGrain at(__int64 positionBytes) { return m_levels.front().at(positionBytes); }
@@ -64,31 +81,29 @@ public:
     /// files hold nothing of it. A disk without a parent reads zeros instead.
     bool isPassedOn(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
 
-    /// Whether the prepared form of a grain, as `CVMDKDisk::readPreparedGrainData` reads it, stands
-    /// for the bytes of the disk there: it is a grain of the disk, and so it is in each parent down
-    /// to the one that holds it, in the same size and form.
-    bool canBeReadPrepared(CVMDKDisk& disk, __int64 grainIndex) {
-        Holder holder;
-        return findPrepared(disk, grainIndex, holder);
-    }
-
     /// A disk of the chain.
     struct Holder {
         yx::P<CVMDKDisk> disk; ///< null for none
         int level = 0;         ///< its place in the chain: 0 for the disk itself
     };
 
-    /// The disk that holds a grain which `canBeReadPrepared`, with the cursor there. Its own grain
-    /// of that index is that of `disk`. Null where no disk holds it, or where it cannot be read so.
+    /// Nothing, unless the prepared form of a grain, as `CVMDKDisk::readPreparedGrainData` reads it,
+    /// stands for the bytes of the disk there: it is a grain of the disk, and so it is in each parent
+    /// down to the one that holds it, in the same size and form. Otherwise the disk that holds it,
+    /// with the cursor there, whose own grain of that index it is; null where no disk holds it.
+    std::optional<Holder> findPrepared(CVMDKDisk& disk, __int64 grainIndex);
+
+    /// The disk that `findPrepared` finds; null also where it finds nothing.
     Holder findHolder(CVMDKDisk& disk, __int64 grainIndex) {
-        Holder holder;
-        return findPrepared(disk, grainIndex, holder) ? holder : Holder();
+        return findPrepared(disk, grainIndex).value_or(Holder());
     }
 
 private:
-    bool findPrepared(CVMDKDisk& disk, __int64 grainIndex, Holder& found);
     __int64 countUnwrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes,
                                __int64 maxBytes);
+    std::optional<bool> tryIsWrittenByMap(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
+    yx::P<CVMDKDisk> const& openLevel(CVMDKDisk& disk, int level);
+    void openChain(CVMDKDisk& disk);
     bool isWrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
     ExtentGrains& levelOf(std::size_t level, CVMDKDisk& disk);
     bool hasFormOfDisk(DiskLayout const& parent) const;
@@ -98,6 +113,13 @@ private:
     /// The disk, then its parents in order, as far as they were needed. References to them stay
     /// good while it grows.
     std::deque<ExtentGrains> m_levels;
+
+    /// Null without one.
+    std::shared_ptr<ChainMap> m_map;
+
+    /// With a map: the parents in order, as far as they were needed, and whether those are all.
+    std::vector<yx::P<CVMDKDisk>> m_parents;
+    bool m_isChainOpen = false;
 };
 
 } // namespace kelm::host

@@ -36,7 +36,8 @@ void DiskReading::read(__int64 positionBytes, void* buffer, int bytes) {
     if (!isStuck()) {
         try {
             m_tableLimit.keep();
-            readDiskAt(m_disk, positionBytes, buffer, bytes);
+            if (!m_grains.tryReadByMap(m_disk, positionBytes, buffer, bytes))
+                readDiskAt(m_disk, positionBytes, buffer, bytes);
             return;
         } catch (yx::CError const&) {
             if (!becomesStuck())

@@ -31,6 +31,11 @@ Meeting findMeeting(Overlay const& overlay, __int64 positionBytes, int sizeBytes
 OverlaidStream::OverlaidStream(yx::P<yx::IIOStream> stream, yx::P<Overlay> overlay)
     : AlteredStream(std::move(stream)), m_overlay(std::move(overlay)) {}
 
+int OverlaidStream::getFileDescriptor() const {
+    auto const* const native = dynamic_cast<yx::INativeStream const*>(getTarget().get());
+    return native ? native->getFileDescriptor() : -1;
+}
+
 void OverlaidStream::alter(__int64 positionBytes, unsigned char* target, int sizeBytes) {
     Meeting const meeting = findMeeting(*m_overlay, positionBytes, sizeBytes);
     if (meeting.sizeBytes > 0) {

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "host/disk/altered_stream.h"
+#include "yx/native_stream.h"
 
 namespace kelm::host {
 
@@ -18,7 +19,7 @@ struct Overlay : public yx::CBase {
 
 /// A stream that shows the bytes of an overlay in the place of the file's own. Writes pass to the
 /// file, and the overlay takes them too, so that every stream reads what was written last.
-class OverlaidStream : public AlteredStream {
+class OverlaidStream : public AlteredStream, public virtual yx::INativeStream {
 public:
     /// Shows the file of `stream` with what `overlay` holds, now and later.
     OverlaidStream(yx::P<yx::IIOStream> stream, yx::P<Overlay> overlay);
@@ -26,6 +27,9 @@ public:
     void write(void const* source, int sizeBytes, yx::IWriteBarrier* barrier) override;
     void writeKeepBuffer(yx::TConstBufferSlice<unsigned char> const& slice,
                          yx::IWriteBarrier* barrier) override;
+
+    /// The file as it is.
+    int getFileDescriptor() const override;
 
 private:
     void alter(__int64 positionBytes, unsigned char* target, int sizeBytes) override;

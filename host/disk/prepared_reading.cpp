@@ -27,10 +27,12 @@ PreparedReading::PreparedReading(DiskLayout const& layout, ChainGrains& grains,
 
 bool PreparedReading::tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data) {
     bool const isRead = m_reading.useDisk(grainIndex, [&](CVMDKDisk& disk) {
-        if (!m_grains.canBeReadPrepared(disk, grainIndex))
+        std::optional<ChainGrains::Holder> const found = m_grains.findPrepared(disk, grainIndex);
+        if (!found)
             return false;
-        disk.seek(grainIndex * m_layout.getGrainSizeBytes());
-        disk.readPreparedGrainData(data);
+        CVMDKDisk& holder = found->disk ? *found->disk : disk;
+        holder.seek(grainIndex * m_layout.getGrainSizeBytes());
+        holder.readPreparedGrainData(data);
         return true;
     });
     if (isRead)

@@ -11,7 +11,7 @@ public:
     PreparedReading(DiskLayout const& layout, ChainGrains& grains, DiskReading& reading);
 
     /// Fills `data` with a whole grain in prepared form, or returns false where that cannot be, as
-    /// `ChainGrains::canBeReadPrepared` says. Read it in plain form then.
+    /// `ChainGrains::findPrepared` says. Read it in plain form then.
     bool tryRead(__int64 grainIndex, yx::TBuffer<unsigned char>& data);
 
     /// Fills `data` with a whole grain as a file of the chain holds it, enciphered, and returns the

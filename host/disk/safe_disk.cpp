@@ -1,5 +1,7 @@
 #include "host/disk/safe_disk.h"
 
+#include "host/disk/chain_map.h"
+#include "host/disk/chain_members.h"
 #include "host/disk/descriptor_checksum.h"
 #include "host/disk/descriptor_room.h"
 #include "host/disk/disk_opening.h"
@@ -104,6 +106,7 @@ SafeDisk::SafeDisk(yx::P<DiskFileSystem> const& diskFiles, yx::CURI const& uri,
       m_fileSystem(yx::makeObject<SyncWatch>(diskFiles.get())),
       m_disk(openLockedDisk(m_fileSystem.get(), uri, access, password, compressionLevel,
                             readCacheLimit)),
+      m_access(access),
       m_hasParent(!m_disk->getParentDiskMainURI().isEmpty()),
       m_layout(*m_disk),
       m_grains(m_fileSystem.get(), *m_disk, m_layout),
@@ -262,6 +265,19 @@ void SafeDisk::writeEncipheredGrain(__int64 grainIndex, yx::TBuffer<unsigned cha
         // The library refuses it, in its words.
         m_disk->seek(positionBytes);
         m_disk->writeEncipheredGrainData(data);
+    }
+}
+
+void SafeDisk::mergeChain(int maxMapTables) {
+    if (m_access != yx::IIOStream::ReadOnly || !m_hasParent || m_isMerged)
+        return;
+    m_isMerged = true;
+    try {
+        m_grains.useMap(
+            ChainMap::tryMake(m_fileSystem.get(), listChainMembers(*this), maxMapTables));
+    } catch (yx::CError const& error) {
+        // Such as a parent that is in use. Whoever opens it meets that again.
+        error.nop();
     }
 }
 

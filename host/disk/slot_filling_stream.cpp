@@ -81,6 +81,11 @@ SlotFillingStream::SlotFillingStream(yx::P<yx::IIOStream> stream,
     assert(header.isCompressed() && places.slotSizeStrideSectors > 0);
 }
 
+int SlotFillingStream::getFileDescriptor() const {
+    auto const* const native = dynamic_cast<yx::INativeStream const*>(getTarget().get());
+    return native ? native->getFileDescriptor() : -1;
+}
+
 void SlotFillingStream::alter(__int64 positionBytes, unsigned char* target, int sizeBytes) {
     std::vector<Piece> const pieces = findPieces(positionBytes, target, sizeBytes);
     if (pieces.empty())

@@ -6,6 +6,7 @@
 #include "host/disk/regular_places.h"
 #include "kelm/format/sparse_extent_header.h"
 #include "yx/access_stream.h"
+#include "yx/native_stream.h"
 
 namespace kelm::host {
 
@@ -19,7 +20,9 @@ namespace kelm::host {
 /// and only for grains that have a place, the directories and records are looked at. What cannot be
 /// read of them leaves sizes as they are and is no error. Keeps nothing; a read takes at most 160
 /// KiB of memory.
-class SlotFillingStream : public AlteredStream, public virtual yx::IAccessStream {
+class SlotFillingStream : public AlteredStream,
+                          public virtual yx::IAccessStream,
+                          public virtual yx::INativeStream {
 public:
     /// `stream` is open for reading, without demands on alignment. `startBytes` is where the extent
     /// begins in the disk. A stream on a file that has no slot sizes where the library puts them,
@@ -32,6 +35,9 @@ public:
 
     /// It changes nothing.
     yx::IIOStream::Access getAccess() const override { return yx::IIOStream::ReadOnly; }
+
+    /// The file as it is, with slot sizes of 0; all else is in it as this shows it.
+    int getFileDescriptor() const override;
 
 private:
     /// A part of what was read that lies in one table of slot sizes.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <optional>
 
-#include "host/disk/chain_members.h"
 #include "host/system/size_text.h"
 
 namespace kelm::host {
@@ -35,10 +34,11 @@ yx::CIOError makeError(DamagedTablePlace const& place, __int64 tableCount) {
 
 } // namespace
 
-void findDamagedTables(SafeDisk& disk, CancelFlag const* cancel,
+void findDamagedTables(SafeDisk& disk, std::vector<ChainMember> const& members,
+                       CancelFlag const* cancel,
                        std::function<void(DamagedTablePlace const&)> const& report) {
     yx::IFileSystem* const files = disk.getFileSystem();
-    for (ChainMember const& member : listChainMembers(disk)) {
+    for (ChainMember const& member : members) {
         for (DiskExtent const& extent : member.extents) {
             if (!files->fileExists(extent.uri))
                 continue;
@@ -53,9 +53,14 @@ void findDamagedTables(SafeDisk& disk, CancelFlag const* cancel,
 }
 
 void verifyTables(SafeDisk& disk, CancelFlag const* cancel) {
+    verifyTables(disk, listChainMembers(disk), cancel);
+}
+
+void verifyTables(SafeDisk& disk, std::vector<ChainMember> const& members,
+                  CancelFlag const* cancel) {
     std::optional<DamagedTablePlace> first;
     __int64 count = 0;
-    findDamagedTables(disk, cancel, [&](DamagedTablePlace const& place) {
+    findDamagedTables(disk, members, cancel, [&](DamagedTablePlace const& place) {
         if (!first)
             first = place;
         ++count;

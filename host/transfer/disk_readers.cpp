@@ -3,6 +3,7 @@
 #include <cassert>
 #include <utility>
 
+#include "host/transfer/grain_place.h"
 #include "yx/error.h"
 #include "yx/log.h"
 
@@ -18,6 +19,20 @@ DiskReaders::DiskReaders(std::unique_ptr<SafeDisk> first, int maxReaders, Open o
 
 DiskReaders::~DiskReaders() {
     assert(m_idle.size() == static_cast<std::size_t>(m_readerCount));
+}
+
+void DiskReaders::read(__int64 positionBytes, void* buffer, int bytes) {
+    if (m_direct && m_direct->tryRead(positionBytes, buffer, bytes))
+        return;
+    use([=](SafeDisk& disk) { readWithGrainPlace(disk, positionBytes, buffer, bytes); });
+}
+
+bool DiskReaders::isGrainWritten(__int64 grainIndex) {
+    if (m_direct) {
+        if (std::optional<bool> const isWritten = m_direct->isGrainWritten(grainIndex))
+            return *isWritten;
+    }
+    return use([=](SafeDisk& disk) { return disk.isGrainWritten(grainIndex); });
 }
 
 std::unique_ptr<SafeDisk> DiskReaders::take() {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/disk/safe_disk.h"
+#include "host/transfer/direct_reading.h"
 
 namespace kelm::host {
 
@@ -28,6 +29,16 @@ public:
 
     /// Nobody may be reading.
     ~DiskReaders();
+
+    /// From now on `read` and `isGrainWritten` need no object where `direct`, which is on the same
+    /// disk, does it. For who opens the readers, before anybody reads.
+    void useDirectReading(std::unique_ptr<DirectReading> direct) { m_direct = std::move(direct); }
+
+    /// Reads as `readWithGrainPlace`. From any thread.
+    void read(__int64 positionBytes, void* buffer, int bytes);
+
+    /// As `SafeDisk::isGrainWritten`. From any thread.
+    bool isGrainWritten(__int64 grainIndex);
 
     /// Calls `use` with an object that nobody else uses meanwhile, and returns what it returns.
     /// Waits until there is one. From any thread.
@@ -55,6 +66,9 @@ private:
     std::unique_ptr<SafeDisk> take();
     std::unique_ptr<SafeDisk> openAnother(std::unique_lock<std::mutex>& lock);
     void giveBack(std::unique_ptr<SafeDisk> disk);
+
+    /// Null where every read needs an object.
+    std::unique_ptr<DirectReading> m_direct;
 
     Open m_open;
     std::mutex m_mutex;

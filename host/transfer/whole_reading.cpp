@@ -10,8 +10,8 @@ namespace kelm::host {
 
 namespace {
 
-void warnOfDescriptors(SafeDisk& disk) {
-    for (ChainMember const& member : listChainMembers(disk)) {
+void warnOfDescriptors(std::vector<ChainMember> const& members) {
+    for (ChainMember const& member : members) {
         if (getChecksumState(*member.descriptor, member.mainFile) == ChecksumState::Different) {
             yx::logWarning(yx::String::fromUTF8(
                 displayName(member.mainFile) +
@@ -24,8 +24,10 @@ void warnOfDescriptors(SafeDisk& disk) {
 } // namespace
 
 void beginWholeReading(SafeDisk& disk, CancelFlag const* cancel) {
-    warnOfDescriptors(disk);
-    verifyTables(disk, cancel);
+    std::vector<ChainMember> const members = listChainMembers(disk);
+    warnOfDescriptors(members);
+    verifyTables(disk, members, cancel);
+    disk.mergeChain();
 }
 
 } // namespace kelm::host

@@ -13,6 +13,9 @@ namespace kelm::host {
 /// - A descriptor that differs from its checksum is logged as a warning, one for each disk. It may
 ///   be damaged, but other software may also rightly have edited it, so it refuses nothing.
 ///
+/// From then on a disk that is only read looks the holders of its grains up in one table
+/// (`SafeDisk::mergeChain`).
+///
 /// Takes far less than 1 % of the time of an export. `cancel` may be null.
 void beginWholeReading(SafeDisk& disk, CancelFlag const* cancel);
 

@@ -18,14 +18,17 @@ namespace {
 constexpr __int64 kMaxGrainsLookedAt = 16384;
 constexpr int kDefaultCompressionLevel = -1;
 
-std::vector<StoredRun> listRunsOf(host::SafeDisk& disk, __int64 positionBytes, __int64 bytes,
-                                  std::size_t maxRuns) {
-    __int64 const grainSizeBytes = disk.getGrainSizeBytes();
+/// Of 4 KiB, for the map that all requests share.
+constexpr int kDefaultMapTables = 16384;
+
+template <class IsGrainWritten>
+std::vector<StoredRun> listRunsOf(__int64 grainSizeBytes, IsGrainWritten const& isGrainWritten,
+                                  __int64 positionBytes, __int64 bytes, std::size_t maxRuns) {
     __int64 const firstGrain = positionBytes / grainSizeBytes;
     __int64 const endBytes = positionBytes + std::min(bytes, kMaxGrainsLookedAt * grainSizeBytes);
     std::vector<StoredRun> runs;
     for (__int64 grain = firstGrain; positionBytes < endBytes; ++grain) {
-        bool const isStored = disk.isGrainWritten(grain);
+        bool const isStored = isGrainWritten(grain);
         if (runs.empty() || runs.back().isStored != isStored) {
             if (runs.size() == maxRuns)
                 break;
@@ -47,6 +50,12 @@ ServedDisk::ServedDisk(DiskSettings const& settings)
 template <class Use>
 auto ServedDisk::useDisk(Use const& use) {
     std::shared_lock const opening(m_opening);
+    return useOpenDisk(use);
+}
+
+/// The same while `m_opening` is held.
+template <class Use>
+auto ServedDisk::useOpenDisk(Use const& use) {
     if (m_readers)
         return m_readers->use(use);
     if (!m_disk) {
@@ -86,6 +95,7 @@ void ServedDisk::open(yx::IIOStream::Access access) {
                                 host::countThreads({}));
     }
     std::unique_ptr<host::SafeDisk> opened = openOnce(access, 1);
+    m_grainSizeBytes = opened->getGrainSizeBytes();
     m_parents = host::openParents(m_fileSystem.get(), *opened, password);
     host::beginWholeReading(*opened, nullptr);
     if (access == yx::IIOStream::ReadWrite) {
@@ -93,25 +103,32 @@ void ServedDisk::open(yx::IIOStream::Access access) {
         return;
     }
     int const readers = countReaders(*opened);
-    if (readers > 1 && m_settings.maxCachedTables)
-        opened = openOnce(access, readers);
+    // The map that the readers share counts as one of them.
+    int const shares = readers + 1;
+    if (m_settings.maxCachedTables)
+        opened = openOnce(access, shares);
     m_readers.emplace(std::move(opened), readers,
-                      [this, readers] { return openOnce(yx::IIOStream::ReadOnly, readers); });
+                      [this, shares] { return openOnce(yx::IIOStream::ReadOnly, shares); });
+    int const mapTables =
+        m_settings.maxCachedTables ? *m_settings.maxCachedTables / shares : kDefaultMapTables;
+    m_readers->useDirectReading(
+        std::make_unique<host::DirectReading>(openOnce(access, shares), mapTables));
 }
 
-/// As one of so many readers.
+/// As one of so many that share what may be kept of tables.
 std::unique_ptr<host::SafeDisk> ServedDisk::openOnce(yx::IIOStream::Access access,
-                                                     int readers) const {
+                                                     int shares) const {
     host::DiskTrust trust = m_settings.trust;
     // Whoever goes on filling the disk takes what it holds for the image's.
     if (access == yx::IIOStream::ReadWrite)
         trust.unfinished = host::UnfinishedDisks::Refused;
     int tables = CVMDKGrainTableCache::kDefaultLimit;
     if (m_settings.maxCachedTables)
-        tables = std::max(1, *m_settings.maxCachedTables / readers);
+        tables = std::max(1, *m_settings.maxCachedTables / shares);
     auto opened = std::make_unique<host::SafeDisk>(m_fileSystem.get(), m_settings.uri, access,
                                                    m_settings.password.get(),
                                                    kDefaultCompressionLevel, tables, trust);
+    opened->mergeChain(tables);
     // A table that left the cache by itself could come back stale while it has changes.
     if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
         opened->limitTables(*m_settings.maxCachedTables);
@@ -146,7 +163,12 @@ void ServedDisk::closeOpened() {
 }
 
 void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
-    useDisk([=](host::SafeDisk& disk) {
+    std::shared_lock const opening(m_opening);
+    if (m_readers) {
+        m_readers->read(positionBytes, buffer, bytes);
+        return;
+    }
+    useOpenDisk([=](host::SafeDisk& disk) {
         host::readWithGrainPlace(disk, positionBytes, buffer, bytes);
     });
 }
@@ -161,8 +183,17 @@ void ServedDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
 
 std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes,
                                             std::size_t maxRuns) {
-    return useDisk(
-        [=](host::SafeDisk& disk) { return listRunsOf(disk, positionBytes, bytes, maxRuns); });
+    std::shared_lock const opening(m_opening);
+    if (m_readers) {
+        return listRunsOf(
+            m_grainSizeBytes, [this](__int64 grain) { return m_readers->isGrainWritten(grain); },
+            positionBytes, bytes, maxRuns);
+    }
+    return useOpenDisk([=, this](host::SafeDisk& disk) {
+        return listRunsOf(
+            m_grainSizeBytes, [&disk](__int64 grain) { return disk.isGrainWritten(grain); },
+            positionBytes, bytes, maxRuns);
+    });
 }
 
 } // namespace kelm::nbd

@@ -24,8 +24,9 @@ struct DiskSettings {
     /// Where derived keys stay. Never null once a disk is opened.
     host::DerivedKeys* keys = nullptr;
 
-    /// The most grain tables to keep in memory, for all readers together. By default, a disk opened for writing keeps as many
-    /// as `host::SafeDisk` lets it, and one opened for reading as many as the library does.
+    /// The most grain tables to keep in memory, for all readers together. By default, a disk opened
+    /// for writing keeps as many as `host::SafeDisk` lets it, and one opened for reading as many as
+    /// the library does, and beside that 16384 merged ones (`host::ChainMap`).
     std::optional<int> maxCachedTables;
 
     /// How far the descriptors of the disk and its parents are believed. Unfinished disks are only
@@ -43,8 +44,9 @@ struct StoredRun {
 /// so that nobody changes them meanwhile. Errors are those of `host::SafeDisk`; while the disk is
 /// not open, every request is `CIOError` `Closed`.
 ///
-/// Serves any number of threads. Opened for reading, it answers as many requests at once as the
-/// machine has cores; opened for writing, one after the other. Opening and closing wait for requests
+/// Serves any number of threads. Opened for reading, it reads straight from the places of grains
+/// (`host::DirectReading`), as many requests at once as there are, and in the usual way as many as
+/// the machine has cores; opened for writing, it answers one after the other. Opening and closing wait for requests
 /// that are under way.
 class ServedDisk {
 public:
@@ -83,8 +85,10 @@ public:
 private:
     template <class Use>
     auto useDisk(Use const& use);
+    template <class Use>
+    auto useOpenDisk(Use const& use);
     bool isOpen() const { return m_disk || m_readers; }
-    std::unique_ptr<host::SafeDisk> openOnce(yx::IIOStream::Access access, int readers) const;
+    std::unique_ptr<host::SafeDisk> openOnce(yx::IIOStream::Access access, int shares) const;
     int countReaders(host::SafeDisk& disk) const;
     void closeOpened();
 
@@ -93,6 +97,9 @@ private:
 
     /// Held by all requests, and by what opens and closes alone.
     mutable std::shared_mutex m_opening;
+
+    /// Of the disk that was opened last.
+    __int64 m_grainSizeBytes = 0;
 
     /// The disk that is written to, one request at a time.
     std::mutex m_writing;

@@ -35,7 +35,9 @@ protected:
     bool isWrittenHere(__int64 position, __int64 bytes) {
         return m_grains->isWrittenHere(*m_disk, position, bytes);
     }
-    bool canBeReadPrepared(__int64 grain) { return m_grains->canBeReadPrepared(*m_disk, grain); }
+    bool canBeReadPrepared(__int64 grain) {
+        return m_grains->findPrepared(*m_disk, grain).has_value();
+    }
 
     static void expectGrain(FileGrain const& grain, __int64 startSectors, __int64 endSectors,
                             __int64 parentStartSectors, bool isGrainOfDisk) {

@@ -33,11 +33,12 @@ protected:
     std::vector<std::string> listDamage(std::string const& name, char const* password = "") {
         std::unique_ptr<SafeDisk> const disk = openSafe(name, kReadOnly, password);
         std::vector<std::string> found;
-        findDamagedTables(*disk, nullptr, [&](DamagedTablePlace const& place) {
-            found.push_back(place.file.getName().toStdString() + " " +
-                            std::to_string(place.extent.startBytes) + " " +
-                            std::to_string(place.table.tableIndex) + " " + place.table.text);
-        });
+        findDamagedTables(
+            *disk, listChainMembers(*disk), nullptr, [&](DamagedTablePlace const& place) {
+                found.push_back(place.file.getName().toStdString() + " " +
+                                std::to_string(place.extent.startBytes) + " " +
+                                std::to_string(place.table.tableIndex) + " " + place.table.text);
+            });
         return found;
     }
 

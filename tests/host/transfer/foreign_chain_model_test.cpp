@@ -83,6 +83,9 @@ private:
         checkExport(disk, expected);
         checkCompare(disk, expected);
         checkConversion(disk, expected);
+        // By now the tables of the chain are merged, where that can be.
+        checkPieces(disk, expected);
+        checkGrains(disk, expected);
     }
 
     void checkPieces(SafeDisk& disk, Bytes const& expected) {
