@@ -1,4 +1,0 @@
-var searchData=
-[
-  ['logentry_0',['LogEntry',['../structyx_1_1LogEntry.html',1,'yx']]]
-];
