@@ -251,6 +251,14 @@ private:
     std::vector<yx::CURI> m_suspects;
 };
 
+/// Without the extension, so that "day-2.vmdk" comes behind "day.vmdk".
+std::string nameInOrder(BackupDisk const& disk) {
+    std::string name = displayName(disk.mainFile);
+    if (name.ends_with(kDiskExtension))
+        name.resize(name.size() - kDiskExtension.size());
+    return name;
+}
+
 /// Puts disks into the order of the list and counts what hangs together.
 class Arranger {
 public:
@@ -283,7 +291,7 @@ private:
             BackupDisk const& other = m_disks[right];
             if (one.time != other.time)
                 return one.time < other.time;
-            return one.mainFile < other.mainFile;
+            return precedesByNumbers(nameInOrder(one), nameInOrder(other));
         });
     }
 

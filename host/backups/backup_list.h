@@ -72,8 +72,9 @@ struct BackupDisk {
 ///
 /// Disks that hang together follow each other: first the one without a parent, and each child
 /// behind its parent. Otherwise they are in the order of their times, and of their names where
-/// these are the same or not known. Files that are part of a disk are not listed for themselves; a
-/// file whose name ends in ".vmdk", and which neither is nor belongs to a disk, is a damaged one.
+/// these are the same or not known, where numbers count by their value. Files that are part of a
+/// disk are not listed for themselves; a file whose name ends in ".vmdk", and which neither is nor
+/// belongs to a disk, is a damaged one.
 ///
 /// Takes no locks and asks for no password: disks that are being written are listed too.
 /// A folder that cannot be listed is an error, as `listFilesBelow` says.

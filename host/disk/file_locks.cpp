@@ -35,10 +35,10 @@ bool FileLocks::take(yx::CURI const& uri, FileLock::Type type) {
     if (uri.getScheme() != "file")
         return false;
     std::string const path = yx::toNativePath(uri).toStdString();
-    if (std::optional<FileIdentity> const file = identifyFile(path)) {
-        if (find(*file))
-            return true;
-    }
+    std::optional<FileIdentity> const file = identifyFile(path);
+    // Whoever looks after files that were made says what became of a name.
+    if (file ? find(*file) != nullptr : m_made.count(uri.toNormalized()) != 0)
+        return true;
     std::optional<FileLock> lock = FileLock::tryTake(path, type);
     if (!lock)
         throwFileInUse(uri);
@@ -95,7 +95,8 @@ FileIdentity FileLocks::makeFile(yx::CURI const& uri) {
     std::optional<FileLock> lock = FileLock::tryTake(std::move(file), FileLock::Type::Exclusive);
     if (!lock)
         throwFileInUse(uri);
-    keep(std::move(*lock));
+    if (keep(std::move(*lock)))
+        m_made.insert(uri.toNormalized());
     return *made;
 }
 

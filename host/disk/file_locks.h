@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 
 #include "host/system/file_identity.h"
 #include "host/system/file_lock.h"
@@ -25,7 +26,8 @@ public:
     ~FileLocks() override = default;
 
     /// Locks a file, which exists. A lock on it that is here already stays as it is, of whatever
-    /// type. Files of other URIs than "file:" are not locked. Returns whether a lock is held, which
+    /// type, and so does that on a file which `makeFile` has made and which has lost its name since.
+    /// Files of other URIs than "file:" are not locked. Returns whether a lock is held, which
     /// it is not on a file system without locks.
     ///
     /// Another holder in the way is `CLockFileError` `kFileInUseMessage` with "uri"; other errors
@@ -48,6 +50,7 @@ public:
     void endAll() {
         m_sole.reset();
         m_locks.clear();
+        m_made.clear();
     }
 
     /// Refuses, as `take` does, a file that somebody else has locked. A file that is not there, or
@@ -62,6 +65,9 @@ private:
     /// The only lock, as long as nobody has asked which file it is on.
     std::optional<FileLock> m_sole;
     std::map<FileIdentity, FileLock> m_locks;
+
+    /// The names of files that were made, in normal form.
+    std::set<yx::CURI> m_made;
 };
 
 } // namespace kelm::host

@@ -91,7 +91,48 @@ std::string escapeCodePoint(unsigned int codePoint) {
     }
 }
 
+bool isDigit(char character) {
+    return character >= '0' && character <= '9';
+}
+
+/// The digits at the start of a text, as many as there are.
+std::string_view takeDigits(std::string_view& text) {
+    std::size_t const count = static_cast<std::size_t>(
+        std::find_if_not(text.begin(), text.end(), isDigit) - text.begin());
+    std::string_view const digits = text.substr(0, count);
+    text.remove_prefix(count);
+    return digits;
+}
+
+std::size_t countZeros(std::string_view digits) {
+    return std::min(digits.find_first_not_of('0'), digits.size());
+}
+
 } // namespace
+
+bool precedesByNumbers(std::string_view name, std::string_view other) {
+    while (!name.empty() && !other.empty()) {
+        if (!isDigit(name.front()) || !isDigit(other.front())) {
+            if (name.front() != other.front())
+                return static_cast<unsigned char>(name.front()) <
+                       static_cast<unsigned char>(other.front());
+            name.remove_prefix(1);
+            other.remove_prefix(1);
+            continue;
+        }
+        std::string_view const number = takeDigits(name);
+        std::string_view const otherNumber = takeDigits(other);
+        std::string_view const value = number.substr(countZeros(number));
+        std::string_view const otherValue = otherNumber.substr(countZeros(otherNumber));
+        if (value.size() != otherValue.size())
+            return value.size() < otherValue.size();
+        if (value != otherValue)
+            return value < otherValue;
+        if (number.size() != otherNumber.size())
+            return number.size() > otherNumber.size();
+    }
+    return name.empty() && !other.empty();
+}
 
 std::string displayName(yx::CURI const& uri) {
     return uri.getScheme() == "file" ? yx::toNativePath(uri).toStdString()

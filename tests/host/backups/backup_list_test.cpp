@@ -108,6 +108,15 @@ TEST_F(BackupListTest, OrdersChainsByTimeAndChildrenBehindTheirParents) {
     EXPECT_EQ(uri("early.vmdk"), disks[2].parentFile);
 }
 
+/// A list in another order would have the oldest of them kept as the last one.
+TEST_F(BackupListTest, OfOneSecondIsInTheOrderOfTheNumbersInNames) {
+    std::string const time = "2031-05-02T02:00:00Z";
+    for (char const* name : {"web-9Z-10.vmdk", "web-9Z.vmdk", "web-10Z.vmdk", "web-9Z-2.vmdk"})
+        make(name, "", time);
+    EXPECT_THAT(lines(), ElementsAre("web-9Z.vmdk complete 0 0", "web-9Z-2.vmdk complete 0 0",
+                                     "web-9Z-10.vmdk complete 0 0", "web-10Z.vmdk complete 0 0"));
+}
+
 TEST_F(BackupListTest, HasParentsThatLieElsewhere) {
     std::filesystem::create_directory(path("days"));
     make("full.vmdk");

@@ -44,4 +44,16 @@ TEST(FileLocks, ANewFileIsLockedAndKnownFromItsFirstMoment) {
                                     [&] { locks->makeFile(folder.uri("file")); }));
 }
 
+TEST(FileLocks, ANewFileStaysLockedWhereItsNameIsLost) {
+    test_support::TempDirectory const folder;
+    yx::P<FileLocks> const locks = yx::makeObject<FileLocks>();
+    locks->makeFile(folder.uri("file"));
+    std::filesystem::remove(folder.path() / "file");
+    EXPECT_TRUE(locks->take(folder.uri("file"), FileLock::Type::Exclusive));
+    EXPECT_TRUE(test_support::throwsIOError(
+        yx::CIOError::NotFound, "Cannot open the file to lock it: No such file or directory",
+        {{"path", (folder.path() / "another").string()}},
+        [&] { locks->take(folder.uri("another"), FileLock::Type::Exclusive); }));
+}
+
 } // namespace

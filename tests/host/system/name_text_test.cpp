@@ -1,5 +1,8 @@
 #include "host/system/name_text.h"
 
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/temp_directory.h"
@@ -12,6 +15,26 @@ using namespace std::string_literals;
 TEST(NameText, NamesAreShownAsPeopleWriteThem) {
     EXPECT_EQ("/disks/a b%.vmdk", displayName(test_support::toURI("/disks/a b%.vmdk")));
     EXPECT_EQ("mem:///disks/a%20b.vmdk", displayName(yx::CURI("mem:///disks/a b.vmdk")));
+}
+
+TEST(NameText, NumbersInNamesCountByTheirValue) {
+    std::vector<std::string> const ordered{"",
+                                           "a",
+                                           "a-2.vmdk",
+                                           "a-9",
+                                           "a-9b",
+                                           "a-010",
+                                           "a-10",
+                                           "a-10.img",
+                                           "a-11",
+                                           "a-99999999999999999999999",
+                                           "a-100000000000000000000000",
+                                           "b"};
+    for (std::size_t i = 0; i < ordered.size(); ++i) {
+        for (std::size_t j = 0; j < ordered.size(); ++j)
+            EXPECT_EQ(i < j, precedesByNumbers(ordered[i], ordered[j]))
+                << ordered[i] << ", " << ordered[j];
+    }
 }
 
 TEST(NameText, WhatCanBeReadIsPrintedAsItIs) {
