@@ -34,8 +34,10 @@ constexpr char kNbdkit[] = "for word in \"$@\"; do\n"
                            "    esac\n"
                            "done\n";
 
-// It holds what it has inherited, as the real one does.
-constexpr char kNbdfuse[] = "while [ $# -gt 0 ]; do\n"
+// It holds what it has inherited, as the real one does. The pipe for its end is open both ways from
+// the start, so that it misses no word, and whoever sends one waits for nobody.
+constexpr char kNbdfuse[] = "exec 5<> \"$STANDINS/end\"\n"
+                            "while [ $# -gt 0 ]; do\n"
                             "    case $1 in\n"
                             "    -P) ready=$2; shift 2 ;;\n"
                             "    --command) shift; break ;;\n"
@@ -43,11 +45,11 @@ constexpr char kNbdfuse[] = "while [ $# -gt 0 ]; do\n"
                             "    *) point=$1; shift ;;\n"
                             "    esac\n"
                             "done\n"
-                            "\"$@\" || exit 1\n"
-                            "echo disk > \"$point/nbd\"\n"
+                            "\"$@\" 5<&- || exit 1\n"
                             "trap 'rm -f \"$point/nbd\"; exit 0' TERM\n"
+                            "echo disk > \"$point/nbd\"\n"
                             "echo $$ > \"$ready\"\n"
-                            "read word < \"$STANDINS/end\"\n";
+                            "read word <&5\n";
 
 constexpr char kMount[] = "for folder in \"$@\"; do :; done\n"
                           "mv \"$folder\" \"$folder.bare\" && mkdir \"$folder\"\n"
@@ -60,7 +62,7 @@ constexpr char kUmount[] = "case $1 in\n"
                            "        exit 32\n"
                            "    fi\n"
                            "    rm \"$1/nbd\"\n"
-                           "    echo end > \"$STANDINS/end\" ;;\n"
+                           "    echo end 1<> \"$STANDINS/end\" ;;\n"
                            "*)\n"
                            "    case \" $STANDINS_FAIL \" in *\" busy \"*)\n"
                            "        echo \"umount: $1: target is busy.\" >&2\n"
