@@ -37,7 +37,7 @@ class ClusterEnvironment : public testing::Environment {
 public:
     void SetUp() override {
         if (getClusterFolder().empty())
-            GTEST_SKIP() << "There is no cluster; see make cluster-test.";
+            GTEST_SKIP() << "There is no cluster; see make cluster-test, which starts one.";
     }
     void TearDown() override {
         for (auto& client : clients)

@@ -169,7 +169,7 @@ protected:
     void SetUp() override {
         std::filesystem::permissions(folder(), std::filesystem::perms(0755));
         if (::geteuid() != 0 || runAsOther({"--version"}).status != 0)
-            GTEST_SKIP() << "Here the program cannot be run by two users.";
+            GTEST_SKIP() << "this takes root, and a program that others may run";
         m_image = import("a.vmdk", 1);
     }
 

@@ -437,7 +437,7 @@ TEST_F(DiskCompactionTest, AsksForRoomBeforeItBegins) {
     fs::create_directory(path("small"));
     SmallDevice const device(folder.path() / "small");
     if (!device.isMounted())
-        GTEST_SKIP() << "The system mounts nothing for us.";
+        GTEST_SKIP() << "mounting a small file system is not permitted here";
     make("small/disk.vmdk", "", {});
     overwrite("small/disk.vmdk");
     auto const lengthBytes = fs::file_size(path("small/disk.vmdk"));

@@ -196,7 +196,7 @@ TEST_F(DiskCopyTest, AsksForRoomBeforeAnythingIsMade) {
     fs::create_directory(folder.path() / "small");
     SmallDevice const device(folder.path() / "small");
     if (!device.isMounted())
-        GTEST_SKIP() << "The system mounts nothing for us.";
+        GTEST_SKIP() << "mounting a small file system is not permitted here";
     try {
         copy("day.vmdk", "small/new.vmdk");
         FAIL() << "It was copied.";

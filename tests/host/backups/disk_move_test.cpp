@@ -359,7 +359,7 @@ TEST_F(DiskMoveTest, AsksForRoomOnAnotherDeviceBeforeAnythingIsMade) {
     std::vector<std::string> const before = names();
     SmallDevice const device(path("other"));
     if (!device.isMounted())
-        GTEST_SKIP() << "The system mounts nothing for us.";
+        GTEST_SKIP() << "mounting a small file system is not permitted here";
     try {
         move("disk.vmdk", "other/new.vmdk");
         FAIL() << "It was moved.";
