@@ -13,6 +13,7 @@
 
 #include "host/store/local_store.h"
 #include "host/store/store_module.h"
+#include "host/store/watched_store.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
 
@@ -78,7 +79,7 @@ SchemeStore loadFrom(std::filesystem::path const& file, std::string const& schem
     IStore* const store = make(kelm_store_contract, scheme.c_str());
     if (!store)
         return {{}, file.string() + " is of another version."};
-    return {yx::P<IStore>::adopt(store), {}};
+    return {yx::makeObject<WatchedStore>(yx::P<IStore>::adopt(store)), {}};
 }
 
 SchemeStore load(std::string const& scheme) {
@@ -114,7 +115,8 @@ public:
 
     void add(std::string const& scheme, yx::P<IStore> store) {
         std::lock_guard const guard(m_mutex);
-        bool const isNew = m_added.try_emplace(scheme, SchemeStore{std::move(store), {}}).second;
+        yx::P<IStore> const watched = yx::makeObject<WatchedStore>(std::move(store));
+        bool const isNew = m_added.try_emplace(scheme, SchemeStore{watched, {}}).second;
         assert(isNew && "one store for each scheme");
         static_cast<void>(isNew);
     }

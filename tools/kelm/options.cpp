@@ -114,6 +114,15 @@ void addWaitOption(CLI::App& command, int& targetSeconds) {
         ->type_name("SECONDS");
 }
 
+void addStoreTimeoutOption(CLI::App& command, int& targetSeconds) {
+    command
+        .add_option("--store-timeout", targetSeconds,
+                    "Give up a store (a cluster, a bucket) that does not answer for so long; by "
+                    "default never")
+        ->check(CLI::Range(0, kMaxWaitSeconds))
+        ->type_name("SECONDS");
+}
+
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,
                      std::string const& description) {
     addFileOption(command, name, target, description, true);

@@ -63,6 +63,9 @@ void addUnfinishedOption(CLI::App& command, bool& target);
 /// Adds "--wait" for disks that are in use.
 void addWaitOption(CLI::App& command, int& targetSeconds);
 
+/// Adds "--store-timeout" for stores that do not answer.
+void addStoreTimeoutOption(CLI::App& command, int& targetSeconds);
+
 /// Adds a required positional argument that names a file.
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,
                      std::string const& description);
