@@ -1,6 +1,6 @@
 #include "host/store/stores.h"
 
-#include <fstream>
+#include <memory>
 
 #include <gmock/gmock.h>
 
@@ -8,7 +8,6 @@
 #include "host/store/file_moving.h"
 #include "host/store/file_names.h"
 #include "host/store/file_status.h"
-#include "host/store/file_systems.h"
 #include "host/store/folder_access.h"
 #include "host/store/folder_files.h"
 #include "host/store/folder_sync.h"
@@ -16,56 +15,18 @@
 #include "host/store/kept_files.h"
 #include "host/store/sync_watch.h"
 #include "tests/support/expect_error.h"
-#include "tests/support/folder_store.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_directory.h"
-#include "yx/native_file_system.h"
+#include "tests/support/store_fixture.h"
 
 namespace {
 
 using kelm::host::FileKind;
 using kelm::host::FileLock;
 using kelm::host::FileStatus;
-using kelm::host::FileSystems;
 using test_support::throwsIOError;
 using testing::ElementsAre;
 
-/// A store of the scheme `test`, and the folder that it shows.
-class StoresTest : public ::testing::Test {
-protected:
-    StoresTest()
-        : store(yx::makeObject<test_support::FolderStore>(folder.path().string())),
-          added("test", store),
-          files(yx::makeObject<FileSystems>(yx::makeObject<yx::CNativeFileSystem>())) {}
-
-    void put(std::string const& name, std::string const& content) const {
-        std::ofstream(folder.path() / name) << content;
-    }
-
-    std::string contentOf(std::string const& name) const {
-        std::ifstream stream(folder.path() / name);
-        return {std::istreambuf_iterator<char>(stream), {}};
-    }
-
-    bool isThere(std::string const& name) const {
-        return std::filesystem::exists(folder.path() / name);
-    }
-
-    static yx::CURI uri(std::string const& name) {
-        return yx::CURI(yx::String::fromUTF8("test:/" + name)).toNormalized();
-    }
-
-    yx::P<yx::IIOStream> open(std::string const& name,
-                              yx::IIOStream::Access access = yx::IIOStream::ReadWrite) const {
-        unsigned int options = 0;
-        return files->openFile(uri(name), access, &options);
-    }
-
-    test_support::TempDirectory folder;
-    yx::P<test_support::FolderStore> store;
-    kelm::host::AddedStore added;
-    yx::P<FileSystems> files;
-};
+using StoresTest = test_support::StoreTest;
 
 TEST_F(StoresTest, AreFoundBySchemeAndKeptApart) {
     EXPECT_NE(kelm::host::findStore(uri("a")), nullptr);
