@@ -176,6 +176,12 @@ IStore& storeOf(yx::CURI const& uri) {
                        yx::CProps().add("uri", uri.toString(true)), nullptr);
 }
 
+IStoreUpload* findUpload(yx::CURI const& uri) {
+    IStore* const store = findStore(uri);
+    auto* const watched = dynamic_cast<WatchedStore*>(store);
+    return dynamic_cast<IStoreUpload*>(watched ? &watched->getStore() : store);
+}
+
 bool isStoreURI(std::string const& argument) {
     std::size_t const end = argument.find(":/");
     if (end == std::string::npos || end == 0)

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "host/store/store.h"
+#include "host/store/store_upload.h"
 
 namespace kelm::host {
 
@@ -19,6 +20,10 @@ IStore* findStore(yx::CURI const& uri);
 /// "There is no store for '<scheme>:' here.", behind which the reason stands where a library was
 /// found and could not be loaded.
 IStore& storeOf(yx::CURI const& uri);
+
+/// By what the store of a URI takes whole files; null for one that takes them as any other file
+/// system does, and for a URI without a store.
+IStoreUpload* findUpload(yx::CURI const& uri);
 
 /// Whether a name that a user has given is a URI of a store other than the operating system's: it
 /// begins with a scheme and ":/", and the scheme is `ceph`, `s3` or `https`, installed or not, or
