@@ -58,6 +58,9 @@ int CephFile::close() noexcept {
     if (m_descriptor < 0)
         return 0;
     int const descriptor = std::exchange(m_descriptor, -1);
+    // Then the file has ended with the connection, or is another process's to close.
+    if (!m_mount->isUsable())
+        return 0;
     return m_mount->tryCall([descriptor, handle = m_lockHandle](ceph_mount_info* client) {
         if (handle->file)
             ceph_ll_close(client, std::exchange(handle->file, nullptr));

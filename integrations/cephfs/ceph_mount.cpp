@@ -216,6 +216,10 @@ bool CephMount::isOwnProcess() const noexcept {
     return m_process == ::getpid();
 }
 
+bool CephMount::isUsable() const noexcept {
+    return isOwnProcess() && !m_hasLeft;
+}
+
 void CephMount::leave() noexcept {
     if (!isOwnProcess() || m_hasLeft.exchange(true))
         return;
@@ -225,12 +229,12 @@ void CephMount::leave() noexcept {
     });
     // A client that was given up is left alone, since its calls may never return. It lives as long
     // as the process does.
-    if (result != 0) {
-        m_note.keepLocked();
-        return;
-    }
-    m_note.remove();
-    --openMounts;
+    if (result == 0)
+        --openMounts;
+    if (m_note && result == 0)
+        m_note->remove();
+    else if (m_note)
+        m_note->keepLocked();
 }
 
 int CephMount::call(yx::CURI const& uri, Call const& call) const {
@@ -240,7 +244,7 @@ int CephMount::call(yx::CURI const& uri, Call const& call) const {
 }
 
 int CephMount::tryCall(Call const& call) const noexcept {
-    if (!isOwnProcess() || m_hasLeft)
+    if (!isUsable())
         return -ENOTCONN;
     return m_calls->make([client = m_client, call] { return call(client); });
 }
@@ -284,12 +288,12 @@ void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
         ceph_conf_set(m_client, "client_fs", location.fileSystem.c_str());
     if (int const result = call(uri, ceph_init); result != 0)
         throwUnreachable(result, getReasonOfInit(result), uri);
-    ceph_set_uuid(m_client, m_note.getUUID().c_str());
+    m_note.emplace();
     enterFolder(location.path, uri);
     ceph_umask(m_client, readCreationMask());
     m_site.clusterID = getSetting("fsid");
     m_site.fileSystemNumber = ceph_get_fs_cid(m_client);
-    m_note.setSite(m_site);
+    m_note->setSite(m_site);
 }
 
 void CephMount::enterFolder(std::string const& path, yx::CURI const& uri) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -54,6 +55,10 @@ public:
     /// The same for ending something; `-ENOTCONN` in a process that was forked off, and once the
     /// client has taken leave.
     int tryCall(Call const& call) const noexcept;
+
+    /// Whether there is a connection to make calls by: the process is the one that made it, and has
+    /// not taken leave.
+    bool isUsable() const noexcept;
 
     /// What a call returned, and what else it has told.
     template <class Value>
@@ -113,7 +118,9 @@ private:
 
     /// The folder that the session is for, without a separator at its end; empty for the root.
     std::string m_folder;
-    ClientNote m_note;
+
+    /// Absent until the client can be known to the cluster.
+    std::optional<ClientNote> m_note;
     ClientNote::Site m_site;
 
     /// The client does one at a time.
