@@ -148,7 +148,7 @@ struct Setting {
 };
 
 void runRound(Setting const& setting, Figures& figures) {
-    auto const files = yx::makeObject<ceph::CCephFileSystem>();
+    auto const files = yx::makeObject<kelm::ceph::CCephFileSystem>();
     auto const native = yx::makeObject<yx::CNativeFileSystem>(yx::NativeFlush::ToSystem);
     BareClient bare(setting.user);
     std::string const loopPath = setting.folderPath + "/bench_cluster.raw";
@@ -231,7 +231,7 @@ int main(int argc, char** argv) {
         bench::failWith("cannot make " + work);
     Setting setting;
     setting.folder = yx::CURI(yx::String::fromUTF8(folder));
-    ceph::CephLocation const location = ceph::locate(setting.folder);
+    kelm::ceph::CephLocation const location = kelm::ceph::locate(setting.folder);
     setting.user = location.user;
     setting.folderPath = location.path;
     setting.work = work;

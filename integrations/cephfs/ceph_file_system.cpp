@@ -45,6 +45,21 @@ bool isMissingResult(int result) {
     return result == -ENOENT || result == -ENOTDIR || result == -ENAMETOOLONG;
 }
 
+/// What a call on a path means that has returned `result`: the client looks whether it may search a
+/// file before it sees that it is no folder.
+int explain(ceph_mount_info* client, std::string path, int result) {
+    while (result == -EACCES && path.size() > 1) {
+        path.erase(std::max<std::size_t>(path.rfind('/'), 1));
+        struct ceph_statx status {};
+        int const above = ceph_statx(client, path.c_str(), &status, CEPH_STATX_MODE, 0);
+        if (above == 0)
+            return S_ISDIR(status.stx_mode) ? result : -ENOTDIR;
+        if (above != -EACCES)
+            return result;
+    }
+    return result;
+}
+
 host::FileKind toKind(mode_t mode) {
     if (S_ISREG(mode))
         return host::FileKind::File;
@@ -87,7 +102,9 @@ CephMount::Answer<struct ceph_statx> query(CephMount const& mount, std::string c
                                            unsigned int want, int flags, yx::CURI const& uri) {
     return mount.ask<struct ceph_statx>(uri, [=](ceph_mount_info* client,
                                                  struct ceph_statx& status) {
-        return ceph_statx(client, path.c_str(), &status, want, static_cast<unsigned int>(flags));
+        int const result =
+            ceph_statx(client, path.c_str(), &status, want, static_cast<unsigned int>(flags));
+        return explain(client, path, result);
     });
 }
 
@@ -229,7 +246,7 @@ int tryMakingFile(ceph_mount_info* client, std::string const& folder) {
     int const descriptor =
         ceph_open(client, path.c_str(), O_WRONLY | O_CREAT | O_EXCL, kNewFileMode);
     if (descriptor < 0)
-        return descriptor;
+        return explain(client, path, descriptor);
     ceph_close(client, descriptor);
     return ceph_unlink(client, path.c_str());
 }
@@ -321,7 +338,7 @@ void CCephFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
         require(-EISDIR, FileAction::Delete, uri);
     Target const target = reach(location, uri);
     int const result = target.mount->call(uri, [path = target.path](ceph_mount_info* client) {
-        return ceph_unlink(client, path.c_str());
+        return explain(client, path, ceph_unlink(client, path.c_str()));
     });
     if (!ignoreMissing || !isMissingResult(result))
         require(result, FileAction::Delete, uri);

@@ -298,8 +298,11 @@ void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
 
 void CephMount::enterFolder(std::string const& path, yx::CURI const& uri) {
     auto const tryToMount = [this, &uri](std::string const& folder) {
-        return call(
-            uri, [folder](ceph_mount_info* client) { return ceph_mount(client, folder.c_str()); });
+        return call(uri, [folder, uuid = m_note->getUUID()](ceph_mount_info* client) {
+            // A mount that failed may have dropped it.
+            ceph_set_uuid(client, uuid.c_str());
+            return ceph_mount(client, folder.c_str());
+        });
     };
     int const result = tryToMount("/");
     if (result == 0)

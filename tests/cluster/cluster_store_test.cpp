@@ -63,7 +63,7 @@ TEST_F(ClusterStore, ANameIsResolvedToTheOneThatAllSpellingsShare) {
     Administrator administrator;
     administrator.makeLink("a", backend.uri("toFile"));
     administrator.makeLink("d", backend.uri("toFolder"));
-    administrator.makeLink("../" + backend.folder.getName().toStdString() + "/d/", below("d/back"));
+    administrator.makeLink("../d/", below("d/back"));
     administrator.makeLink(Administrator::pathOf(backend.folder), backend.uri("whole"));
     for (char const* spelling :
          {"a", "./a", "d/../a", "toFile", "toFolder/../a", "whole/a", "d//.././/a", "%61",
@@ -139,11 +139,25 @@ TEST_F(ClusterStore, WhatANameStandsForIsToldOrNothing) {
     EXPECT_EQ(files.findStatus(backend.uri("link"), true)->identity, status->identity);
     EXPECT_EQ(files.findStatus(backend.uri("link"), false)->kind, FileKind::Link);
     EXPECT_EQ(files.findStatus(below("d/"), true)->kind, FileKind::Folder);
-    for (std::string const& name : {std::string("absent"), std::string("a/b"), std::string("a/"),
-                                    std::string("link/"), std::string(300, 'x')}) {
+    for (std::string const& name :
+         {std::string("absent"), std::string("a/b"), std::string("a/b/c"), std::string("a/"),
+          std::string("link/"), std::string(300, 'x')}) {
         EXPECT_FALSE(files.findStatus(below(name), true)) << name;
         EXPECT_FALSE(files.findStatus(below(name), false)) << name;
+        EXPECT_FALSE(files.fileExists(below(name))) << name;
     }
+}
+
+TEST_F(ClusterStore, BelowAFileThereIsNothing) {
+    make("a", "content");
+    EXPECT_TRUE(throwsIOError(CIOError::NotFound, "Cannot open the file: Not a directory",
+                              {{"uri", text("a") + "/b"}},
+                              [&] { files.openFile(below("a/b"), IIOStream::ReadOnly, nullptr); }));
+    EXPECT_TRUE(throwsIOError(CIOError::NotFound, "Cannot delete the file: Not a directory",
+                              {{"uri", text("a") + "/b"}},
+                              [&] { files.deleteFile(below("a/b"), false); }));
+    files.deleteFile(below("a/b"), true);
+    files.verifyMayWriteIn(below("a"));
 }
 
 TEST_F(ClusterStore, FilesOfASnapshotAreOthersThanThoseOfToday) {
@@ -254,7 +268,8 @@ TEST_F(ClusterStore, TheRoomIsThatOfTheNearestLimit) {
     Administrator administrator;
     constexpr __int64 kLimitBytes = __int64{64} << 20;
     administrator.setQuota(backend.uri("d"), kLimitBytes);
-    test_support::writeAt(*open("d/a"), 0, test_support::Bytes(1 << 20, 7));
+    test_support::writeAt(*files.openFile(below("d/a"), IIOStream::ReadWrite, nullptr), 0,
+                          test_support::Bytes(1 << 20, 7));
     // The metadata servers count a little later.
     EXPECT_TRUE(comesTrue([&] {
         auto const room = files.findRoom(below("d/inner"));
