@@ -100,12 +100,12 @@ void require(int result, Action action, yx::CURI const& uri) {
 
 CephMount::Answer<struct ceph_statx> query(CephMount const& mount, std::string const& path,
                                            unsigned int want, int flags, yx::CURI const& uri) {
-    return mount.ask<struct ceph_statx>(uri, [=](ceph_mount_info* client,
-                                                 struct ceph_statx& status) {
-        int const result =
-            ceph_statx(client, path.c_str(), &status, want, static_cast<unsigned int>(flags));
-        return explain(client, path, result);
-    });
+    return mount.ask<struct ceph_statx>(
+        uri, [=](ceph_mount_info* client, struct ceph_statx& status) {
+            int const result =
+                ceph_statx(client, path.c_str(), &status, want, static_cast<unsigned int>(flags));
+            return explain(client, path, result);
+        });
 }
 
 /// Closes a folder that was opened for listing.
@@ -162,7 +162,7 @@ struct OpenedFile {
 int openAndQuery(ceph_mount_info* client, std::string const& path, int flags, OpenedFile& file) {
     int const descriptor = ceph_open(client, path.c_str(), flags, kNewFileMode);
     if (descriptor < 0)
-        return descriptor;
+        return explain(client, path, descriptor);
     int result =
         ceph_fstatx(client, descriptor, &file.status, CEPH_STATX_MODE | CEPH_STATX_SIZE, 0);
     if (result == 0)

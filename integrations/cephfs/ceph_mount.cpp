@@ -190,10 +190,6 @@ CephMount::CephMount(CephLocation const& location, yx::CURI const& uri,
     : m_calls(std::move(calls)), m_process(::getpid()) {
     requireUnforked(uri);
     m_site.user = location.user.empty() ? findUserInEnvironment() : location.user;
-    if (int const result =
-            ceph_create(&m_client, m_site.user.empty() ? nullptr : m_site.user.c_str());
-        result != 0)
-        throwUnreachable(result, "its client cannot be made", uri);
     ++openMounts;
     try {
         connect(location, uri);
@@ -223,10 +219,11 @@ bool CephMount::isUsable() const noexcept {
 void CephMount::leave() noexcept {
     if (!isOwnProcess() || m_hasLeft.exchange(true))
         return;
-    int const result = m_calls->make([client = m_client] {
+    int const result = m_client ? m_calls->make([client = m_client] {
         ceph_shutdown(client);
         return 0;
-    });
+    })
+                                : 0;
     // A client that was given up is left alone, since its calls may never return. It lives as long
     // as the process does.
     if (result == 0)
@@ -271,6 +268,20 @@ bool CephMount::clearAwayTheDead() noexcept {
 }
 
 void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
+    m_note.emplace();
+    startClient(location, uri);
+    enterFolder(location, uri);
+    ceph_umask(m_client, readCreationMask());
+    m_site.clusterID = getSetting("fsid");
+    m_site.fileSystemNumber = ceph_get_fs_cid(m_client);
+    m_note->setSite(m_site);
+}
+
+void CephMount::startClient(CephLocation const& location, yx::CURI const& uri) {
+    if (int const result =
+            ceph_create(&m_client, m_site.user.empty() ? nullptr : m_site.user.c_str());
+        result != 0)
+        throwUnreachable(result, "its client cannot be made", uri);
     // Errors are told by exceptions. What the client itself has to say goes to its log.
     ceph_conf_set(m_client, "log_to_stderr", "false");
     ceph_conf_set(m_client, "err_to_stderr", "false");
@@ -288,30 +299,35 @@ void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
         ceph_conf_set(m_client, "client_fs", location.fileSystem.c_str());
     if (int const result = call(uri, ceph_init); result != 0)
         throwUnreachable(result, getReasonOfInit(result), uri);
-    m_note.emplace();
-    enterFolder(location.path, uri);
-    ceph_umask(m_client, readCreationMask());
-    m_site.clusterID = getSetting("fsid");
-    m_site.fileSystemNumber = ceph_get_fs_cid(m_client);
-    m_note->setSite(m_site);
+    ceph_set_uuid(m_client, m_note->getUUID().c_str());
 }
 
-void CephMount::enterFolder(std::string const& path, yx::CURI const& uri) {
+/// A client forgets its UUID when it cannot mount a folder, and does not survive that it is set again.
+void CephMount::restartClient(CephLocation const& location, yx::CURI const& uri) {
+    int const result = call(uri, [](ceph_mount_info* client) {
+        ceph_shutdown(client);
+        return 0;
+    });
+    if (result != 0)
+        throwUnreachable(result, "its client cannot be ended", uri);
+    m_client = nullptr;
+    startClient(location, uri);
+}
+
+void CephMount::enterFolder(CephLocation const& location, yx::CURI const& uri) {
     auto const tryToMount = [this, &uri](std::string const& folder) {
-        return call(uri, [folder, uuid = m_note->getUUID()](ceph_mount_info* client) {
-            // A mount that failed may have dropped it.
-            ceph_set_uuid(client, uuid.c_str());
-            return ceph_mount(client, folder.c_str());
-        });
+        return call(
+            uri, [folder](ceph_mount_info* client) { return ceph_mount(client, folder.c_str()); });
     };
     int const result = tryToMount("/");
     if (result == 0)
         return;
-    std::string const wholePath = normalizePath(path);
+    std::string const wholePath = normalizePath(location.path);
     size_t end = 0;
     while ((result == -EPERM || result == -EACCES) && end < wholePath.size()) {
         end = std::min(wholePath.find('/', end + 1), wholePath.size());
         m_folder = wholePath.substr(0, end);
+        restartClient(location, uri);
         if (tryToMount(m_folder) == 0)
             return;
     }

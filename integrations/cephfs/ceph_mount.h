@@ -105,7 +105,9 @@ public:
 
 private:
     void connect(CephLocation const& location, yx::CURI const& uri);
-    void enterFolder(std::string const& path, yx::CURI const& uri);
+    void startClient(CephLocation const& location, yx::CURI const& uri);
+    void restartClient(CephLocation const& location, yx::CURI const& uri);
+    void enterFolder(CephLocation const& location, yx::CURI const& uri);
     std::string getSetting(char const* name) const;
     bool isOwnProcess() const noexcept;
 
@@ -119,7 +121,7 @@ private:
     /// The folder that the session is for, without a separator at its end; empty for the root.
     std::string m_folder;
 
-    /// Absent until the client can be known to the cluster.
+    /// Absent until the client is made.
     std::optional<ClientNote> m_note;
     ClientNote::Site m_site;
 

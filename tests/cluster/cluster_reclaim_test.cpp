@@ -35,7 +35,7 @@ class ClusterReclaim : public testing::Test {
 protected:
     /// Lets a client lock a file that it has written to and flushed.
     void hold(ClientProcess& client) {
-        EXPECT_EQ(client.tell("open", backend.uri("a")), "done");
+        EXPECT_EQ(client.tell("open", file), "done");
         EXPECT_EQ(client.tell("write first"), "done");
         EXPECT_EQ(client.tell("flush"), "done");
         EXPECT_EQ(client.tell("lock"), "done");
@@ -44,7 +44,7 @@ protected:
     /// Takes the lock and writes, without waiting for the cluster to miss the holder.
     void takeOver(CCephFileSystem& files) {
         auto const begin = std::chrono::steady_clock::now();
-        auto const stream = files.openFile(backend.uri("a"), IIOStream::ReadWrite, nullptr);
+        auto const stream = files.openFile(file, IIOStream::ReadWrite, nullptr);
         auto const lock = stream->lockRange(0, kWholeFile, IStreamBase::Exclusive);
         EXPECT_TRUE(lock);
         test_support::writeAt(*stream, 0, fromText("other"));
@@ -53,6 +53,7 @@ protected:
     }
 
     Cluster backend;
+    yx::CURI file = backend.uri("a");
 };
 
 TEST_F(ClusterReclaim, WhatAKilledProcessHeldIsTakenOverByANewClient) {
@@ -72,6 +73,21 @@ TEST_F(ClusterReclaim, WhatAKilledProcessHeldIsTakenOverByAnOldClient) {
     holder.kill();
     takeOver(getClient(0));
     EXPECT_TRUE(sameBytes(fromText("other"), readFile(getClient(1), backend.uri("a"))));
+}
+
+TEST_F(ClusterReclaim, WhatAKilledProcessOfAUserOfOneFolderHeldIsTakenOver) {
+    try {
+        getClient(0).makeFolder(yx::CURI("ceph://writer@disks/tenant"));
+    } catch (yx::CIOError const& error) {
+        ASSERT_EQ(error.getIOCode(), yx::CIOError::AlreadyExists);
+    }
+    file = yx::CURI("ceph://tenant@disks/tenant/reclaimed");
+    ClientProcess holder;
+    hold(holder);
+    holder.kill();
+    auto const own = yx::makeObject<CCephFileSystem>();
+    takeOver(*own);
+    own->deleteFile(file, false);
 }
 
 TEST_F(ClusterReclaim, WhatALivingProcessHoldsStaysIts) {
