@@ -157,7 +157,9 @@ int CCephFileStream::readAt(__int64 position, void* target, int sizeBytes) const
 /// negative `errno` value.
 int CCephFileStream::readPart(__int64 position, char* target, int sizeBytes) const {
     __int64 const block = position / kBlockBytes;
-    bool const fetchesBlock = sizeBytes < kBlockBytes && !isFetched(block);
+    // The client itself reads ahead of what comes in order, unless blocks disturb the order.
+    bool const isInOrder = position == m_endOfLastRead;
+    bool const fetchesBlock = sizeBytes < kBlockBytes && !isInOrder && !isFetched(block);
     __int64 const begin = fetchesBlock ? block * kBlockBytes : position;
     int const length = fetchesBlock ? kBlockBytes : sizeBytes;
     Buffer const buffer = provideBuffer(length);
@@ -177,6 +179,7 @@ int CCephFileStream::readPart(__int64 position, char* target, int sizeBytes) con
     if (here <= 0)
         return fetchesBlock && count > 0 ? readPart(position, target, sizeBytes) : 0;
     std::memcpy(target, buffer.get() + offset, static_cast<std::size_t>(here));
+    m_endOfLastRead = position + here;
     return here;
 }
 

@@ -65,6 +65,7 @@ private:
     /// The numbers of the blocks that were fetched last, -1 for none. The oldest gives way.
     mutable std::array<__int64, kKnownBlocks> m_fetchedBlocks;
     mutable std::size_t m_nextFetched = 0;
+    mutable __int64 m_endOfLastRead = -1;
 
     /// What calls of the client read to and write from, since a call may outlive the operation that
     /// it was made for. Null until the first one.
