@@ -11,6 +11,10 @@ namespace kelm::host {
 /// What distinguishes a file of the operating system from every other one, the same whatever name
 /// the file was reached by.
 struct FileIdentity {
+    /// Of a file in another store than the operating system's, what tells the store (and what in it
+    /// a number is counted in) from all others; else empty.
+    std::string store;
+
     /// The number of the device that the file lies on.
     unsigned long long device = 0;
 
@@ -27,8 +31,9 @@ struct FileIdentity {
 
     /// Has no meaning beyond sorting.
     bool operator<(FileIdentity const& other) const {
-        return std::tie(device, inode, birthSeconds, birthNanoseconds) <
-               std::tie(other.device, other.inode, other.birthSeconds, other.birthNanoseconds);
+        return std::tie(store, device, inode, birthSeconds, birthNanoseconds) <
+               std::tie(other.store, other.device, other.inode, other.birthSeconds,
+                        other.birthNanoseconds);
     }
 };
 
