@@ -159,7 +159,7 @@ public:
         for (yx::CURI const& file : listFilesBelow(folder)) {
             if (isFileOfChange(file))
                 continue;
-            if (isDiskMainFile(yx::toNativePath(file).toStdString()))
+            if (isDiskMainFile(file))
                 addDisk(file);
             else if (file.getExtension().toStdString() == kDiskExtension)
                 m_suspects.push_back(file);
@@ -234,7 +234,7 @@ private:
     std::optional<std::size_t> findParent(yx::CURI const& file) {
         if (!m_fileSystem->fileExists(file))
             return std::nullopt;
-        return addDisk(uriFromArgument(yx::toNativePath(file).toStdString()));
+        return addDisk(resolveName(file));
     }
 
     /// What is wrong with the disk itself comes first.

@@ -1,15 +1,15 @@
 #include "host/backups/copied_files.h"
 
 #include <cstring>
-#include <filesystem>
 #include <optional>
 #include <string>
 
-#include <sys/stat.h>
 #include <sys/vfs.h>
 
 #include "host/disk/disk_files.h"
+#include "host/store/file_status.h"
 #include "host/store/free_space.h"
+#include "host/store/stores.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
 
@@ -23,6 +23,8 @@ std::string nativeNameOf(yx::CURI const& file) {
 
 /// Whether copies in a folder can share the space of a file.
 bool mayShareSpace(yx::CURI const& file, yx::CURI const& folder) {
+    if (file.getScheme() != "file" || folder.getScheme() != "file")
+        return false;
     constexpr long kBtrfs = 0x9123683E;
     constexpr long kXFS = 0x58465342;
     struct statfs source = {};
@@ -37,14 +39,14 @@ bool mayShareSpace(yx::CURI const& file, yx::CURI const& folder) {
 } // namespace
 
 bool isNameTaken(yx::CURI const& file) {
-    return std::filesystem::exists(std::filesystem::symlink_status(nativeNameOf(file)));
+    IStore* const store = findStore(file);
+    return store && store->findStatus(file, false);
 }
 
 bool areOnOneDevice(yx::CURI const& folder, yx::CURI const& other) {
-    struct stat one = {};
-    struct stat two = {};
-    return ::stat(nativeNameOf(folder).c_str(), &one) == 0 &&
-           ::stat(nativeNameOf(other).c_str(), &two) == 0 && one.st_dev == two.st_dev;
+    std::optional<FileIdentity> const one = identifyFile(folder);
+    std::optional<FileIdentity> const two = identifyFile(other);
+    return one && two && one->store == two->store && one->device == two->device;
 }
 
 void CopiedFiles::plan(yx::CURI const& from, yx::CURI const& to) {

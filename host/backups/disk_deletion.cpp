@@ -4,6 +4,7 @@
 
 #include "host/backups/left_locks.h"
 #include "host/disk/digest_file_name.h"
+#include "host/store/file_status.h"
 #include "host/store/folder_access.h"
 
 namespace kelm::host {

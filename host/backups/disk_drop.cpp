@@ -72,8 +72,7 @@ void DiskDrop::openChain() {
         return;
     CVMDKDisk& disk = m_disk->getDisk();
     m_parent =
-        openDisk(uriFromArgument(yx::toNativePath(disk.getParentDiskMainURI()).toStdString()),
-                 yx::IIOStream::ReadOnly);
+        openDisk(resolveName(disk.getParentDiskMainURI()), yx::IIOStream::ReadOnly);
     verifyIsContentOfParent(m_fileSystem.get(), m_mainFile, *m_parent);
     openParents(m_fileSystem.get(), *m_parent, m_options.password);
 }

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "host/backups/descriptor_file.h"
+#include "host/store/file_status.h"
+#include "host/system/name_text.h"
 
 namespace kelm::host {
 
@@ -46,6 +48,10 @@ yx::CURI readURI(std::istringstream& line) {
     return text.empty() ? yx::CURI() : yx::CURI(yx::String::fromUTF8(text));
 }
 
+yx::String nameForPeople(yx::CURI const& file) {
+    return yx::String::fromUTF8(displayName(file));
+}
+
 /// Whether the text is a whole note.
 bool parseNote(std::string const& text, DiskNote& note) {
     std::istringstream lines(text);
@@ -62,6 +68,8 @@ bool parseNote(std::string const& text, DiskNote& note) {
             FileIdentity& identity = note.mainIdentity;
             words >> identity.device >> identity.inode >> identity.birthSeconds >>
                 identity.birthNanoseconds;
+            // Of files of the operating system there is nothing more.
+            std::getline(words >> std::ws, identity.store);
         } else if (key == "file") {
             yx::CURI const from = readURI(words);
             note.files.emplace_back(from, readURI(words));
@@ -94,7 +102,8 @@ void DiskNote::write(DurableFiles& steps, yx::CURI const& like) const {
     yx::CURI const& mainFile = files.front().first;
     std::ostringstream text;
     text << titleFor(work) << "\nmain " << mainIdentity.device << ' ' << mainIdentity.inode << ' '
-         << mainIdentity.birthSeconds << ' ' << mainIdentity.birthNanoseconds << '\n';
+         << mainIdentity.birthSeconds << ' ' << mainIdentity.birthNanoseconds
+         << (mainIdentity.store.empty() ? "" : " ") << mainIdentity.store << '\n';
     for (auto const& [from, to] : files) {
         text << "file " << from.toString(true).toStdString();
         if (!to.isEmpty())
@@ -118,7 +127,7 @@ void DiskNote::remove(DurableFiles& steps) const {
 
 yx::String DiskNote::describe(yx::IFileSystem* fileSystem, yx::CURI const& mainFile) {
     if (std::optional<DiskNote> const note = tryRead(fileSystem, mainFile, Work::Moving)) {
-        return "The disk is being renamed to '" + yx::toNativePath(note->files.front().second) +
+        return "The disk is being renamed to '" + nameForPeople(note->files.front().second) +
                "'. The same 'kelm rename' goes on with it.";
     }
     if (tryRead(fileSystem, mainFile, Work::Deleting)) {
@@ -126,7 +135,7 @@ yx::String DiskNote::describe(yx::IFileSystem* fileSystem, yx::CURI const& mainF
     }
     if (std::optional<DiskNote> const note = tryRead(fileSystem, mainFile, Work::Copying)) {
         return "The disk is an unfinished copy of '" +
-               yx::toNativePath(note->files.front().second) +
+               nameForPeople(note->files.front().second) +
                "'. The same 'kelm copy' goes on with it.";
     }
     if (fileSystem->fileExists(nameOfDescriptorChange(mainFile)))

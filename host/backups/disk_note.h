@@ -14,7 +14,8 @@ namespace kelm::host {
 /// on. It is a file of text with the main file's name and ".moving", ".deleting" or ".copying" behind it:
 ///
 ///     kelm moving 1
-///     main 2049 131077 1795000000 12345               which file the main file was
+///     main 2049 131077 1795000000 12345               which file the main file was, and of which
+///                                                     store, if not the operating system's
 ///     file file:///a/disk.vmdk file:///b/day.vmdk     for each file, the main file first
 ///     end
 ///

@@ -1,7 +1,6 @@
 #include "host/backups/disk_parts.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <set>
 
 #include "host/disk/digest_file_name.h"
@@ -10,6 +9,7 @@
 #include "host/disk/disk_reach.h"
 #include "host/store/file_names.h"
 #include "host/store/folder_files.h"
+#include "host/store/stores.h"
 #include "kelm/kelm.h"
 
 namespace kelm::host {
@@ -20,11 +20,13 @@ namespace {
 yx::CURI withLinksResolved(yx::IFileSystem* fileSystem, yx::CURI const& file) {
     if (file.isEmpty() || !fileSystem->fileExists(file))
         return file;
-    return uriFromArgument(yx::toNativePath(file).toStdString());
+    return resolveName(file);
 }
 
 bool isLinkToFile(yx::CURI const& file) {
-    return std::filesystem::is_symlink(yx::toNativePath(file).toStdString());
+    IStore* const store = findStore(file);
+    std::optional<FileStatus> const status = store ? store->findStatus(file, false) : std::nullopt;
+    return status && status->kind == FileKind::Link;
 }
 
 bool isExtentOfDisk(yx::IFileSystem* fileSystem, yx::CURI const& file) {
@@ -95,7 +97,7 @@ DiskRelations::DiskRelations(yx::IFileSystem* fileSystem, std::vector<yx::CURI> 
     for (yx::CURI const& folder : folders) {
         for (yx::CURI const& file : listFilesBelow(folder)) {
             if (m_disks.contains(file) || isFileOfChange(file) ||
-                !isDiskMainFile(yx::toNativePath(file).toStdString()))
+                !isDiskMainFile(file))
                 continue;
             try {
                 m_disks.emplace(file, readDiskParts(fileSystem, file));

@@ -2,13 +2,13 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <string>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/backups/durable_store.h"
 #include "host/backups/file_copy.h"
 #include "host/disk/disk_files.h"
 #include "host/store/file_moving.h"
@@ -27,7 +27,12 @@ std::string nativePathOf(yx::CURI const& uri) {
 }
 
 void syncFolderOf(yx::CURI const& uri) {
-    syncFolder(std::filesystem::path(nativePathOf(uri)).parent_path().string());
+    syncFolder(uri.getParent());
+}
+
+/// Whether the operating system has all of it.
+bool areLocal(yx::CURI const& one, yx::CURI const& other) {
+    return one.getScheme() == "file" && other.getScheme() == "file";
 }
 
 void writeAll(int file, std::vector<unsigned char> const& bytes, __int64 positionBytes,
@@ -109,6 +114,10 @@ private:
 
 void writeWhole(yx::CURI const& target, std::vector<unsigned char> const& bytes,
                 yx::CURI const& like, bool mayReplace) {
+    if (!areLocal(target, like)) {
+        DurableStore::writeWhole(target, bytes, like, mayReplace);
+        return;
+    }
     UnfinishedFile file(target);
     writeAll(file.get(), bytes, 0, file.getPath());
     file.takeRightsOf(like);
@@ -132,6 +141,8 @@ yx::CURI unfinishedNameOf(yx::CURI const& file) {
 }
 
 bool DurableFiles::tryLink(yx::CURI const& from, yx::CURI const& to) {
+    if (!areLocal(from, to))
+        return DurableStore::tryLink(from, to);
     std::string const path = nativePathOf(from);
     if (::link(path.c_str(), nativePathOf(to).c_str()) != 0) {
         if (errno == EXDEV || errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS ||
@@ -148,6 +159,10 @@ bool DurableFiles::tryLink(yx::CURI const& from, yx::CURI const& to) {
 }
 
 void DurableFiles::copy(yx::CURI const& from, yx::CURI const& to, CancelFlag const* cancel) {
+    if (!areLocal(from, to)) {
+        DurableStore::copy(from, to, cancel, m_meter);
+        return;
+    }
     std::string const path = nativePathOf(from);
     FileDescriptor const source = openToRead(path);
     UnfinishedFile target(to);
@@ -157,6 +172,8 @@ void DurableFiles::copy(yx::CURI const& from, yx::CURI const& to, CancelFlag con
 }
 
 bool DurableFiles::areAlike(yx::CURI const& one, yx::CURI const& other, CancelFlag const* cancel) {
+    if (!areLocal(one, other))
+        return DurableStore::areAlike(one, other, cancel);
     if (isSameFile(one, other))
         return true;
     std::string const path = nativePathOf(one);
@@ -176,6 +193,10 @@ void DurableFiles::replace(yx::CURI const& file, std::vector<unsigned char> cons
 }
 
 void DurableFiles::remake(yx::CURI const& file, std::function<void(yx::CURI const&)> const& fill) {
+    if (!areLocal(file, file)) {
+        DurableStore::remake(file, fill);
+        return;
+    }
     UnfinishedFile target(file);
     fill(unfinishedNameOf(file));
     target.takeRightsOf(file);
@@ -184,6 +205,10 @@ void DurableFiles::remake(yx::CURI const& file, std::function<void(yx::CURI cons
 
 void DurableFiles::patch(yx::CURI const& file, __int64 positionBytes,
                          std::vector<unsigned char> const& bytes) {
+    if (!areLocal(file, file)) {
+        DurableStore::patch(file, positionBytes, bytes);
+        return;
+    }
     std::string const path = nativePathOf(file);
     FileDescriptor const descriptor =
         FileDescriptor::own(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
@@ -194,6 +219,10 @@ void DurableFiles::patch(yx::CURI const& file, __int64 positionBytes,
 }
 
 void DurableFiles::remove(yx::CURI const& file) {
+    if (!areLocal(file, file)) {
+        DurableStore::remove(file);
+        return;
+    }
     // Before the file, by which the next attempt would find it.
     bool const hadUnfinished = unlinkIfThere(unfinishedNameOf(file));
     if (unlinkIfThere(file) || hadUnfinished)

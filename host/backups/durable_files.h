@@ -10,15 +10,16 @@
 
 namespace kelm::host {
 
-/// What moving and deleting disks does to files of the operating system, in steps. Each is on the
+/// What moving and deleting disks does to files, in steps. Each is on the
 /// device, names included, when it returns, and a power cut in its middle leaves the state before
 /// it or the one behind it, but for `patch`. So work that is a row of such steps can be gone on
-/// with from wherever it ended. All names are `file:` URIs.
+/// with from wherever it ended. Names are URIs of any store; files of the operating system are
+/// copied with what it offers for that.
 ///
 /// A file that is not complete yet has its name and ".kelm-part" behind it (`unfinishedNameOf`). One
 /// that a kill has left there is replaced by the next attempt, or goes with the file.
 ///
-/// Errors are those of `throwSystemError`, and a name that another file has is `yx::CIOError`
+/// Errors are those of `throwSystemError`, or of the store, and a name that another file has is `yx::CIOError`
 /// `AlreadyExists` "The file exists already." with "uri".
 class DurableFiles : public yx::CBase {
 public:

@@ -89,8 +89,7 @@ void DigestFileWriter::finish(DigestHeader header) {
     m_stream->write(bytes.data(), DigestHeader::kSizeBytes, nullptr);
     m_stream->flush();
     m_stream->close();
-    if (m_uri.getScheme() == "file")
-        syncFolder(yx::toNativePath(m_uri.getParent()).toStdString());
+    syncFolder(m_uri.getParent());
 }
 
 } // namespace kelm::host

@@ -12,6 +12,7 @@
 #include "host/disk/slot_filling_stream.h"
 #include "host/disk/unfinished_disk.h"
 #include "host/store/file_names.h"
+#include "host/store/file_status.h"
 #include "host/store/folder_sync.h"
 #include "kelm/disk/disk.h"
 #include "kelm/format/constants.h"
@@ -20,7 +21,6 @@
 #include "kelm/format/sparse_extent_header.h"
 #include "yx/error.h"
 #include "yx/lock_file.h"
-#include "yx/native_stream.h"
 #include "yx/optimizing_io_stream.h"
 
 namespace kelm::host {
@@ -145,9 +145,7 @@ yx::P<yx::IIOStream> DiskFileSystem::openSame(yx::CURI const& uri, yx::CURI cons
     if (m_opened.contains(name))
         options |= DoNotMakeFile;
     yx::P<yx::IIOStream> stream = openBelow(uri, access, options);
-    auto const* const native = dynamic_cast<yx::INativeStream*>(stream.get());
-    std::optional<FileIdentity> const identity =
-        native ? identifyFile(native->getFileDescriptor()) : std::nullopt;
+    std::optional<FileIdentity> const identity = identifyStream(*stream);
     if (isReplaced(name, identity))
         throwReplacedWhileOpen(uri);
     if (identity)
@@ -175,8 +173,10 @@ yx::P<yx::IIOStream> DiskFileSystem::openAndLock(Member const& member, yx::CURI 
 yx::P<yx::IIOStream> DiskFileSystem::openKept(yx::CURI const& uri, yx::CURI const& name) {
     yx::P<KeptFile> const file =
         yx::makeObject<KeptFile>(withoutDemands(openBelow(uri, yx::IIOStream::ReadOnly)));
-    if (uri.getScheme() == "file" && file->getFileDescriptor() >= 0)
+    if (file->getFileDescriptor() >= 0 && uri.getScheme() == "file")
         m_locks->take(uri, file, FileLock::Type::Shared);
+    else if (file->identify())
+        m_locks->take(uri, file->getStream(), FileLock::Type::Shared);
     else
         m_locks->take(uri, FileLock::Type::Shared);
     if (!m_isOpening && !findMain(name))
@@ -201,15 +201,15 @@ yx::P<yx::IIOStream> DiskFileSystem::tryOpenKept(yx::CURI const& uri, yx::CURI c
         file->forgetStart();
     if (file->keepsStart())
         return file->openStream();
-    if (file->getFileDescriptor() < 0)
+    std::optional<FileIdentity> const own = identify(opened);
+    if (!own)
         opened.kept.reset();
-    std::optional<FileIdentity> const named = identifyFile(uri);
-    return named && named == identify(opened) ? file->openStream() : yx::P<yx::IIOStream>();
+    return own && own == identifyFile(uri) ? file->openStream() : yx::P<yx::IIOStream>();
 }
 
 std::optional<FileIdentity> DiskFileSystem::identify(Opened& opened) {
     if (!opened.identity && opened.kept)
-        opened.identity = identifyFile(opened.kept->getFileDescriptor());
+        opened.identity = opened.kept->identify();
     return opened.identity;
 }
 
@@ -279,8 +279,7 @@ void DiskFileSystem::deleteDigests() {
         return;
     voidDigestFile(m_fileSystem.get(), file);
     m_fileSystem->deleteFile(file, true);
-    if (file.getScheme() == "file")
-        syncFolder(yx::toNativePath(file.getParent()).toStdString());
+    syncFolder(file.getParent());
 }
 
 void DiskFileSystem::verifyMayRemove(yx::CURI const& uri) {

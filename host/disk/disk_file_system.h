@@ -28,8 +28,8 @@ namespace kelm::host {
 /// - A file that is opened again is the same file. One that somebody replaced meanwhile is
 ///   `CIOError` `IOFailure` "The file was replaced by another one while the disk was open." with
 ///   "uri", since it would be read and written by the tables of the old one, and is not deleted
-///   either; one that was deleted is not made again. Only for files of the operating system; see
-///   `yx::INativeStream`.
+///   either; one that was deleted is not made again. Only for files that can be told apart; see
+///   `identifyStream`.
 /// - A file of a disk that is only read is opened once for its lock and for all streams on it, and
 ///   the start of a main file is read once for an opening; see `KeptFile`.
 /// - Only files that the descriptors may reach are opened, made or deleted (`DiskReach`), and those
@@ -168,7 +168,7 @@ private:
 
     /// A file that has been opened.
     struct Opened {
-        /// Absent until it is asked for, and of what is no file of the operating system.
+        /// Absent until it is asked for, and of what is no file of a store.
         std::optional<FileIdentity> identity = {};
 
         /// Null of one that is not only read.

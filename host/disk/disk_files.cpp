@@ -7,9 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/store/file_status.h"
+#include "host/store/stores.h"
 #include "host/system/file_descriptor.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/internal/little_endian.h"
+#include "yx/error.h"
 
 namespace kelm::host {
 
@@ -19,9 +22,6 @@ namespace {
 constexpr std::string_view kDescriptorTitle = "# disk descriptorfile";
 constexpr std::string_view kDescriptorKey = "createtype";
 constexpr std::size_t kProbeSizeBytes = 1024;
-
-/// The unit of `st_blocks`, whatever the file system's own block size is.
-constexpr __int64 kStatBlockSizeBytes = 512;
 
 using Probe = std::array<char, kProbeSizeBytes>;
 
@@ -33,6 +33,22 @@ std::string_view readStart(std::string const& path, Probe& probe) {
         return {};
     ssize_t const count = ::pread(file.get(), probe.data(), probe.size(), 0);
     return {probe.data(), static_cast<std::size_t>(count > 0 ? count : 0)};
+}
+
+std::string_view readStart(yx::CURI const& uri, Probe& probe) {
+    std::optional<FileStatus> const status = findStatus(uri);
+    if (!status || status->kind != FileKind::File)
+        return {};
+    try {
+        unsigned int options = 0;
+        yx::P<yx::IIOStream> const stream =
+            storeOf(uri).openFile(uri, yx::IIOStream::ReadOnly, &options);
+        int const count = stream->readLax(probe.data(), static_cast<int>(probe.size()));
+        return {probe.data(), static_cast<std::size_t>(count)};
+    } catch (yx::CIOError const& error) {
+        error.nop();
+        return {};
+    }
 }
 
 bool startsWithHeaderMagic(std::string_view start) {
@@ -65,12 +81,21 @@ bool isDiskMainFile(std::string const& path) {
     return startsWithHeaderMagic(start) || looksLikeDescriptor(start);
 }
 
+bool isDiskMainFile(yx::CURI const& uri) {
+    if (uri.getScheme() == "file")
+        return isDiskMainFile(yx::toNativePath(uri).toStdString());
+    if (uri.getName().toStdString().ends_with(kUnfinishedFileSuffix))
+        return false;
+    Probe probe;
+    std::string_view const start = readStart(uri, probe);
+    return startsWithHeaderMagic(start) || looksLikeDescriptor(start);
+}
+
 FileUse measureFile(yx::CURI const& uri) {
-    struct stat status = {};
-    std::string const path = yx::toNativePath(uri).toStdString();
-    if (::stat(path.c_str(), &status) != 0)
+    std::optional<FileStatus> const status = findStatus(uri);
+    if (!status)
         return {};
-    return {true, status.st_size, status.st_blocks * kStatBlockSizeBytes};
+    return {true, status->lengthBytes, status->allocatedBytes};
 }
 
 } // namespace kelm::host

@@ -14,6 +14,9 @@ inline constexpr char kUnfinishedFileSuffix[] = ".kelm-part";
 /// `kUnfinishedFileSuffix`.
 bool isDiskMainFile(std::string const& path);
 
+/// The same for the file of a URI, in any store; false for a URI without one.
+bool isDiskMainFile(yx::CURI const& uri);
+
 /// What a file takes on its file system, in bytes.
 struct FileUse {
     /// Whether the file is there; if not, the sizes are 0.
@@ -26,7 +29,7 @@ struct FileUse {
     __int64 allocatedBytes = 0;
 };
 
-/// Asks the operating system about a file. What cannot be asked counts as missing.
+/// Asks a file's store about it. What cannot be asked counts as missing.
 FileUse measureFile(yx::CURI const& uri);
 
 } // namespace kelm::host

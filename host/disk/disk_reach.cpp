@@ -12,8 +12,9 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include "host/store/file_status.h"
+#include "host/store/stores.h"
 #include "host/system/file_descriptor.h"
-#include "host/system/file_identity.h"
 #include "kelm/format/constants.h"
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"
@@ -53,11 +54,6 @@ std::string folderOf(std::string const& path) {
     return end == 0 ? "/" : path.substr(0, end);
 }
 
-bool isRegular(std::string const& path) {
-    struct stat status = {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-}
-
 bool isSymbolicLink(std::string const& path) {
     struct stat status = {};
     return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
@@ -88,6 +84,29 @@ bool mayExceedMissingLimit(yx::TArray<yx::P<CVMDKExtentInfo>> const& infos) {
             return true;
     }
     return false;
+}
+
+/// Links followed; nothing for what leads nowhere.
+std::optional<yx::CURI> tryResolveIn(IStore& store, yx::CURI const& uri) {
+    try {
+        return store.resolveName(uri);
+    } catch (yx::CIOError const& error) {
+        if (error.getIOCode() != yx::CIOError::NotFound)
+            throw;
+        return std::nullopt;
+    }
+}
+
+/// The name itself where there is no store that knows of links.
+yx::CURI resolveFolder(yx::CURI const& folder) {
+    IStore* const store = isFileOfSystem(folder) ? nullptr : findStore(folder);
+    return store ? tryResolveIn(*store, folder).value_or(folder) : folder;
+}
+
+/// Whether there is something else than a regular file, links followed.
+bool isOther(yx::CURI const& uri) {
+    std::optional<FileStatus> const status = findStatus(uri);
+    return status && status->kind != FileKind::File;
 }
 
 yx::CProps extentProps(yx::CURI const& uri) {
@@ -191,11 +210,8 @@ bool DiskReach::isInAllowedFolder(std::string const& realPath) const {
 }
 
 bool DiskReach::isAllowed(yx::CURI const& extent, Folders& folders) const {
-    if (!isFileOfSystem(extent) || !isFileOfSystem(m_mainFile)) {
-        return isBelow(m_mainFile.getParent(), extent) ||
-               std::any_of(m_trust.allowedPaths.begin(), m_trust.allowedPaths.end(),
-                           [&](yx::CURI const& folder) { return isBelow(folder, extent); });
-    }
+    if (!isFileOfSystem(extent) || !isFileOfSystem(m_mainFile))
+        return isAllowedInStore(extent);
     std::string const path = pathOfFile(extent);
     if (std::optional<std::string> const real = resolvePath(path))
         return *real == resolve().mainPath || isInAllowedFolder(*real);
@@ -204,6 +220,20 @@ bool DiskReach::isAllowed(yx::CURI const& extent, Folders& folders) const {
         return false;
     std::optional<std::string> const& folder = folders.resolveFolderOf(path);
     return !folder || isInAllowedFolder((std::filesystem::path(*folder) / "file").string());
+}
+
+/// Where not both the disk and the extent are files of the operating system.
+bool DiskReach::isAllowedInStore(yx::CURI const& extent) const {
+    IStore* const store = isFileOfSystem(extent) ? nullptr : findStore(extent);
+    std::optional<yx::CURI> const real = store ? tryResolveIn(*store, extent) : extent;
+    // A link to nowhere: making the file would make the one that it leads to.
+    if (!real && store->findStatus(extent, false))
+        return false;
+    // What lies in a folder that is not there is not there either.
+    yx::CURI const target = real.value_or(extent);
+    return isBelow(resolveFolder(m_mainFile.getParent()), target) ||
+           std::any_of(m_trust.allowedPaths.begin(), m_trust.allowedPaths.end(),
+                       [&](yx::CURI const& folder) { return isBelow(folder, target); });
 }
 
 void DiskReach::verifyExtent(yx::CURI const& extent) const {
@@ -225,20 +255,14 @@ void DiskReach::verifyExtent(yx::CURI const& extent, Folders& folders) const {
             "folder (--allow-path, allow-path=).",
             extentProps(extent).add("folder", m_mainFile.getParent().toString(true)), nullptr);
     }
-    if (!isFileOfSystem(extent) || extent == m_mainFile)
-        return;
-    std::string const path = pathOfFile(extent);
-    if (identifyFile(path) && !isRegular(path)) {
+    if (extent != m_mainFile && isOther(extent)) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "An extent of the disk is no regular file.",
                            extentProps(extent), nullptr);
     }
 }
 
 void DiskReach::verifyParent(yx::CURI const& mainFile) {
-    if (!isFileOfSystem(mainFile))
-        return;
-    std::string const path = pathOfFile(mainFile);
-    if (identifyFile(path) && !isRegular(path)) {
+    if (isOther(mainFile)) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "The parent disk is no regular file.",
                            extentProps(mainFile), nullptr);
     }

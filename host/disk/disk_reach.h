@@ -57,6 +57,7 @@ private:
 
     void verifyExtent(yx::CURI const& extent, Folders& folders) const;
     bool isAllowed(yx::CURI const& extent, Folders& folders) const;
+    bool isAllowedInStore(yx::CURI const& extent) const;
     bool isInAllowedFolder(std::string const& realPath) const;
     RealPaths const& resolve() const;
 

@@ -4,15 +4,28 @@
 #include <cassert>
 #include <utility>
 
+#include "host/store/free_space.h"
 #include "yx/error.h"
 
 namespace kelm::host {
 
 namespace {
 
-/// The largest length of a file that can still get its trail.
-constexpr __int64 kLengthLimitBytes =
-    kMaxExtentFileBytes - __int64{kTrailSectors} * kSectorSizeBytes;
+constexpr __int64 kTrailBytes = __int64{kTrailSectors} * kSectorSizeBytes;
+
+constexpr char kCopyAdvice[] = "Copy the disk to one that is split over several files.";
+
+[[noreturn]] void throwNoRoom(yx::CURI const& uri, __int64 lengthBytes, __int64 limitBytes) {
+    bool const isLimitOfTables = limitBytes + kTrailBytes == kMaxExtentFileBytes;
+    yx::String const limit = isLimitOfTables
+                                 ? yx::String("the 2 TiB that one file of a disk can hold. ")
+                                 : "the " + yx::toString(limitBytes + kTrailBytes) +
+                                       " bytes that a file may have there. ";
+    throw yx::CIOError(
+        yx::CIOError::NoSpace, "The file could grow beyond " + limit + kCopyAdvice,
+        yx::CProps().add("uri", uri.toString(true)).add("length", yx::toString(lengthBytes)),
+        nullptr);
+}
 
 } // namespace
 
@@ -24,6 +37,7 @@ ExtentRoom::ExtentRoom(yx::IFileSystem* fileSystem, DiskLayout const& layout,
       m_grainRoomOf(std::move(grainRoomOf)),
       m_flush(std::move(flush)),
       m_grainRooms(layout.getExtents().size()),
+      m_lengthLimitsBytes(layout.getExtents().size(), -1),
       m_lengthBoundsBytes(layout.getExtents().size(), -1) {}
 
 ExtentRoom::GrainRoom const& ExtentRoom::grainRoomAt(std::size_t index) {
@@ -48,10 +62,21 @@ void ExtentRoom::reserve(__int64 positionBytes, __int64 bytes) {
     }
 }
 
+/// The largest length of a file that can still get its trail.
+__int64 ExtentRoom::lengthLimitAt(std::size_t index) {
+    __int64& limitBytes = m_lengthLimitsBytes[index];
+    if (limitBytes < 0) {
+        __int64 const storeBytes = getMaxFileLengthBytes(m_layout.getExtents()[index].uri);
+        limitBytes = std::min(kMaxExtentFileBytes, storeBytes) - kTrailBytes;
+    }
+    return limitBytes;
+}
+
 void ExtentRoom::reserveInExtent(std::size_t index, __int64 growthBytes) {
     assert(growthBytes > 0);
+    __int64 const limitBytes = lengthLimitAt(index);
     __int64& boundBytes = m_lengthBoundsBytes[index];
-    if (boundBytes >= 0 && boundBytes + growthBytes <= kLengthLimitBytes) {
+    if (boundBytes >= 0 && boundBytes + growthBytes <= limitBytes) {
         boundBytes += growthBytes;
         return;
     }
@@ -66,16 +91,10 @@ void ExtentRoom::reserveInExtent(std::size_t index, __int64 growthBytes) {
     __int64 const lengthBytes =
         m_fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &reserved)->getLength();
     boundBytes = lengthBytes;
-    if (lengthBytes + growthBytes > kLengthLimitBytes) {
-        throw yx::CIOError(
-            yx::CIOError::NoSpace,
-            "The file could grow beyond the 2 TiB that one file of a disk can hold. Copy the disk "
-            "to one that is split over several files.",
-            yx::CProps().add("uri", uri.toString(true)).add("length", yx::toString(lengthBytes)),
-            nullptr);
-    }
+    if (lengthBytes + growthBytes > limitBytes)
+        throwNoRoom(uri, lengthBytes, limitBytes);
     boundBytes += growthBytes;
-    assert(boundBytes >= lengthBytes && boundBytes <= kLengthLimitBytes);
+    assert(boundBytes >= lengthBytes && boundBytes <= limitBytes);
 }
 
 } // namespace kelm::host

@@ -12,7 +12,8 @@ namespace kelm::host {
 /// A file of a disk cannot grow beyond this: tables name sectors in 32 bits.
 constexpr __int64 kMaxExtentFileBytes = 0x20000000000;
 
-/// Keeps the extent files below 2 TiB, where table entries would drop bits without a word.
+/// Keeps the extent files below 2 TiB, where table entries would drop bits without a word, and below
+/// what their store lets a file become.
 ///
 /// It counts every write as new grains of the largest size, and looks at a file itself only where
 /// that count comes near the limit.
@@ -34,12 +35,13 @@ public:
                std::function<GrainRoom(DiskExtent const&)> grainRoomOf,
                std::function<void()> flush);
 
-    /// Comes before each write of such a range. A file that could then outgrow the limit is
+    /// Comes before each write of such a range. A file that could then outgrow its limit is
     /// `CIOError` `NoSpace` with "uri" and "length", and nothing may be written.
     void reserve(__int64 positionBytes, __int64 bytes);
 
 private:
     GrainRoom const& grainRoomAt(std::size_t index);
+    __int64 lengthLimitAt(std::size_t index);
     void reserveInExtent(std::size_t index, __int64 growthBytes);
 
     yx::P<yx::IFileSystem> m_fileSystem;
@@ -49,6 +51,9 @@ private:
 
     /// For each extent, once it is known.
     std::vector<std::optional<GrainRoom>> m_grainRooms;
+
+    /// For each extent, how long its file may become with room for its trail; -1 if not known.
+    std::vector<__int64> m_lengthLimitsBytes;
 
     /// For each extent, no less than the length of its file, with all that is still on its way; -1
     /// if not known.

@@ -5,10 +5,11 @@
 
 #include "host/disk/disk_opening.h"
 #include "host/store/file_names.h"
+#include "host/store/file_status.h"
 #include "host/store/folder_sync.h"
+#include "host/store/stores.h"
 #include "yx/error.h"
 #include "yx/log.h"
-#include "yx/native_stream.h"
 
 namespace kelm::host {
 
@@ -29,10 +30,9 @@ FileGuard::~FileGuard() {
     if (m_kept)
         return;
     for (auto file = m_made.rbegin(); file != m_made.rend(); ++file) {
-        if (isAnother(*file))
-            continue;
         try {
-            m_fileSystem->deleteFile(file->uri, true);
+            if (!isAnother(*file))
+                m_fileSystem->deleteFile(file->uri, true);
         } catch (std::exception const& error) {
             yx::logWarning(
                 error, "Cannot delete the unfinished file '" + file->uri.toString(true) + "'.", "");
@@ -74,9 +74,7 @@ void FileGuard::verifyIsThere(MadeFile const& file) const {
 
 /// Whether the stream is on the file that was made, whatever happened to the name meanwhile.
 void FileGuard::verifyIsOpen(MadeFile const& file, yx::IIOStream& stream) const {
-    auto const* const native = dynamic_cast<yx::INativeStream*>(&stream);
-    std::optional<FileIdentity> const opened =
-        native ? identifyFile(native->getFileDescriptor()) : std::nullopt;
+    std::optional<FileIdentity> const opened = identifyStream(stream);
     if (!opened)
         verifyIsThere(file);
     else if (file.identity && opened != file.identity)
@@ -129,14 +127,14 @@ FileGuard::MadeFile& FileGuard::makeFile(yx::CURI const& uri) {
     if (m_cancel)
         m_cancel->check();
     if (m_overwrite && m_made.size() == 1 && m_made.front().identity)
-        syncFolder(yx::toNativePath(m_made.front().uri.getParent()).toStdString());
+        syncFolder(m_made.front().uri.getParent());
     if (m_fileSystem->fileExists(uri)) {
         verifyMayReplace(uri);
         // Nothing of the old file may shine through behind the end of the new one.
         m_fileSystem->deleteFile(uri, true);
     }
     std::optional<FileIdentity> identity;
-    if (uri.getScheme() == "file")
+    if (findStore(uri))
         identity = m_locks->makeFile(uri);
     return m_made.emplace_back(MadeFile{uri.toNormalized(), identity.has_value(), identity});
 }

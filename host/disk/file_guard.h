@@ -14,7 +14,7 @@ namespace kelm::host {
 /// what was there before, and deletes what it made unless `keep` was called. Do not use it for a
 /// disk that exists and is changed.
 ///
-/// Files of `file:` URIs are made exclusively and locked from their first moment (`FileLocks`), so
+/// Files of URIs with a store (`findStore`) are made exclusively and locked from their first moment (`FileLocks`), so
 /// that of two programs which make a file of one name, one fails; one that somebody has locked is
 /// not replaced but `CLockFileError`. The locks end with the disk that is made, or with the guard.
 ///
@@ -56,7 +56,7 @@ public:
     /// Opening for writing a file that was there before is `CIOError` `AlreadyExists` with "uri".
     /// One that was made here and that somebody has deleted or replaced is neither made again nor
     /// opened: the errors are those of `verifyFilesAreThere`. Which file is open is asked of the
-    /// stream (`yx::INativeStream`), since the name may be another file's at any moment.
+    /// stream (`identifyStream`), since the name may be another file's at any moment.
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* options) override;
 
@@ -75,8 +75,8 @@ private:
         yx::CURI uri;
         bool isThere = false;
 
-        /// Only of a file of the operating system: that of the file as it was made, before it had
-        /// been looked at by its name.
+        /// Only of a file of a store: that of the file as it was made, before it had been looked at
+        /// by its name.
         std::optional<FileIdentity> identity;
     };
 

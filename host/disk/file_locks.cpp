@@ -4,6 +4,9 @@
 
 #include <fcntl.h>
 
+#include "host/store/file_locking.h"
+#include "host/store/file_status.h"
+#include "host/store/stores.h"
 #include "host/system/file_descriptor.h"
 #include "yx/error.h"
 
@@ -29,17 +32,38 @@ FileDescriptor makeNewFile(yx::CURI const& uri, std::string const& path) {
     return file;
 }
 
+/// A file that was made just now. The lock is missing if another program was quicker.
+struct NewFile {
+    FileIdentity identity;
+    std::optional<FileLock> lock;
+};
+
+NewFile makeLockedLocalFile(yx::CURI const& uri) {
+    std::string const path = yx::toNativePath(uri).toStdString();
+    FileDescriptor file = makeNewFile(uri, path);
+    std::optional<FileIdentity> const made = identifyFile(file.get());
+    if (!made)
+        throwSystemError("Cannot look at the file", path);
+    return {*made, FileLock::tryTake(std::move(file), FileLock::Type::Exclusive)};
+}
+
+NewFile makeLockedFile(yx::CURI const& uri) {
+    if (uri.getScheme() == "file")
+        return makeLockedLocalFile(uri);
+    IStore& store = storeOf(uri);
+    yx::P<yx::IIOStream> const stream = store.createFile(uri);
+    return {store.getOpenStatus(*stream).identity,
+            tryLockStream(stream, FileLock::Type::Exclusive)};
+}
+
 } // namespace
 
 bool FileLocks::take(yx::CURI const& uri, FileLock::Type type) {
-    if (uri.getScheme() != "file")
-        return false;
-    std::string const path = yx::toNativePath(uri).toStdString();
-    std::optional<FileIdentity> const file = identifyFile(path);
+    std::optional<FileIdentity> const file = identifyFile(uri);
     // Whoever looks after files that were made says what became of a name.
     if (file ? find(*file) != nullptr : m_made.count(uri.toNormalized()) != 0)
         return true;
-    std::optional<FileLock> lock = FileLock::tryTake(path, type);
+    std::optional<FileLock> lock = tryLockFile(uri, type);
     if (!lock)
         throwFileInUse(uri);
     return keep(std::move(*lock));
@@ -59,6 +83,16 @@ bool FileLocks::take(yx::CURI const& uri, yx::P<SharedOpenFile> const& file, Fil
         return keep(std::move(*lock));
     m_sole = std::move(lock);
     return true;
+}
+
+bool FileLocks::take(yx::CURI const& uri, yx::P<yx::IIOStream> const& stream, FileLock::Type type) {
+    std::optional<FileIdentity> const identity = identifyStream(*stream);
+    if (identity && find(*identity))
+        return true;
+    std::optional<FileLock> lock = tryLockStream(stream, type);
+    if (!lock)
+        throwFileInUse(uri);
+    return keep(std::move(*lock));
 }
 
 bool FileLocks::keep(FileLock lock) {
@@ -87,31 +121,24 @@ void FileLocks::identifySole() {
 }
 
 FileIdentity FileLocks::makeFile(yx::CURI const& uri) {
-    std::string const path = yx::toNativePath(uri).toStdString();
-    FileDescriptor file = makeNewFile(uri, path);
-    std::optional<FileIdentity> const made = identifyFile(file.get());
-    if (!made)
-        throwSystemError("Cannot look at the file", path);
-    std::optional<FileLock> lock = FileLock::tryTake(std::move(file), FileLock::Type::Exclusive);
-    if (!lock)
+    NewFile made = makeLockedFile(uri);
+    if (!made.lock)
         throwFileInUse(uri);
-    if (keep(std::move(*lock)))
+    if (keep(std::move(*made.lock)))
         m_made.insert(uri.toNormalized());
-    return *made;
+    return made.identity;
 }
 
 void FileLocks::verifyIsFree(yx::CURI const& uri) {
-    if (uri.getScheme() != "file")
-        return;
-    std::string const path = yx::toNativePath(uri).toStdString();
-    std::optional<FileIdentity> const file = identifyFile(path);
+    std::optional<FileIdentity> const file = identifyFile(uri);
     if (!file || find(*file))
         return;
     try {
-        if (!FileLock::tryTake(path, FileLock::Type::Exclusive))
+        if (!tryLockFile(uri, FileLock::Type::Exclusive))
             throwFileInUse(uri);
-    } catch (yx::CIOError const&) {
+    } catch (yx::CIOError const& error) {
         // Not to be opened; who deletes it needs rights on the folder alone.
+        error.nop();
     }
 }
 

@@ -4,10 +4,8 @@
 #include <optional>
 #include <set>
 
-#include "host/system/file_identity.h"
 #include "host/system/file_lock.h"
-#include "yx/base.h"
-#include "yx/uri.h"
+#include "yx/stream.h"
 
 namespace kelm::host {
 
@@ -27,15 +25,18 @@ public:
 
     /// Locks a file, which exists. A lock on it that is here already stays as it is, of whatever
     /// type, and so does that on a file which `makeFile` has made and which has lost its name since.
-    /// Files of other URIs than "file:" are not locked. Returns whether a lock is held, which
-    /// it is not on a file system without locks.
+    /// Files of URIs without a store are not locked. Returns whether a lock is held, which it is not
+    /// on a file system without locks.
     ///
     /// Another holder in the way is `CLockFileError` `kFileInUseMessage` with "uri"; other errors
-    /// are those of `FileLock::take`.
+    /// are those of `tryLockFile`.
     bool take(yx::CURI const& uri, FileLock::Type type);
 
     /// The same for the file of a URI, which is open.
     bool take(yx::CURI const& uri, yx::P<SharedOpenFile> const& file, FileLock::Type type);
+
+    /// The same for a stream of another store than the operating system's.
+    bool take(yx::CURI const& uri, yx::P<yx::IIOStream> const& stream, FileLock::Type type);
 
     /// Makes a new, empty file, locks it alone and says which one it is. Of two who make a file of
     /// one name, one fails.
@@ -43,7 +44,7 @@ public:
     /// A file that is there is `yx::CIOError` `AlreadyExists` "The file exists already." with
     /// "uri"; one that another program was quicker to lock is `CLockFileError` as in `take`. That
     /// program may also have taken the file away, so that the name may be another file's by now.
-    /// Other errors are those of `throwSystemError`. For `file:` URIs.
+    /// Other errors are those of the store (`IStore::createFile`). For URIs with a store.
     FileIdentity makeFile(yx::CURI const& uri);
 
     /// Ends all locks.

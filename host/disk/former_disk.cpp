@@ -5,6 +5,8 @@
 
 #include "host/disk/digest_file_name.h"
 #include "host/disk/extent_names.h"
+#include "host/store/file_status.h"
+#include "host/store/stores.h"
 #include "kelm/kelm.h"
 #include "yx/error.h"
 #include "yx/log.h"
@@ -73,7 +75,7 @@ std::vector<yx::CURI> FormerDisk::getFiles() const {
 }
 
 void FormerDisk::keep(FileLocks& locks) {
-    if (m_mainFile.getScheme() != "file" || !m_fileSystem->fileExists(m_mainFile))
+    if (!findStore(m_mainFile) || !m_fileSystem->fileExists(m_mainFile))
         return;
     std::vector<yx::CURI> files{m_mainFile};
     for (OwnFile const& file : m_files)

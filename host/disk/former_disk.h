@@ -26,7 +26,7 @@ public:
     /// The files that may be removed.
     std::vector<yx::CURI> getFiles() const;
 
-    /// Keeps the main file and the others, if they are files of the operating system, as
+    /// Keeps the main file and the others, if they are files of a store, as
     /// `KeptFiles` does: unless `removeFilesBut` is called, they are put back when this ends, which
     /// must be after the files of the new disk are gone. `locks`, those of the new disk, hold them
     /// from now on, so that nobody else uses or replaces them: `CLockFileError` as
@@ -34,7 +34,7 @@ public:
     void keep(FileLocks& locks);
 
     /// Deletes the files but those in `kept`, which are normalised, and those that `keep` has kept:
-    /// the new disk is complete. A file of the system that somebody has put under one of the names
+    /// the new disk is complete. A file of a store that somebody has put under one of the names
     /// meanwhile stays. What cannot be deleted is logged as a warning.
     void removeFilesBut(std::vector<yx::CURI> const& kept);
 

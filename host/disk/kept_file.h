@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "host/store/file_status.h"
 #include "host/system/file_lock.h"
 #include "yx/access_stream.h"
 #include "yx/native_stream.h"
@@ -35,6 +36,12 @@ public:
     void forgetStart();
 
     bool keepsStart() const { return m_keepsStart; } ///< until `forgetStart`
+
+    /// The stream that the file is open with, for its lock.
+    yx::P<yx::IIOStream> const& getStream() const { return m_stream; }
+
+    /// Which file it is; nothing if that cannot be asked.
+    std::optional<FileIdentity> identify() const { return identifyStream(*m_stream); }
 
     /// -1 if the file is none of the operating system.
     int getFileDescriptor() const override;

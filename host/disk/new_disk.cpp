@@ -1,6 +1,7 @@
 #include "host/disk/new_disk.h"
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 #include <string_view>
 
@@ -9,6 +10,7 @@
 #include "host/disk/disk_opening.h"
 #include "host/disk/extent_room.h"
 #include "host/store/file_names.h"
+#include "host/store/free_space.h"
 #include "kelm/disk/disk.h"
 #include "kelm/format/constants.h"
 
@@ -79,27 +81,45 @@ void verifyNamesFit(yx::CURI const& uri, NewDisk const& request) {
         yx::CProps().add("uri", uri.toString(true)));
 }
 
-void verifyFitsOneFile(NewDisk const& request) {
+/// What the files of a disk can have at most.
+__int64 calcMostFileBytes(NewDisk const& request) {
     if (request.fileSizeLimitBytes != -1)
-        return;
+        return request.fileSizeLimitBytes;
     __int64 const sizeBytes = CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(request.sizeBytes);
     __int64 const grainSizeBytes = CVMDKDisk::getGrainSizeSectors() * kSectorSizeBytes;
-    if (sizeBytes / grainSizeBytes <= kMaxExtentFileBytes / grainSizeBytes) {
-        CVMDKDataPreparer const preparer(CVMDKDisk::getGrainSizeSectors(), request.compressed, 1);
-        __int64 const grains = sizeBytes / grainSizeBytes;
-        __int64 const grainBytes =
-            request.compressed ? calcWorstCaseGrainBytes(preparer) : grainSizeBytes;
-        // Tables and directories twice, slot sizes with their markers, and a descriptor's worth.
-        __int64 const tableBytes = (grains / kGrainTableEntryCount + 1) * 16 * kSectorSizeBytes;
-        constexpr __int64 kFixedBytes = 4 << 20;
-        if (grains * grainBytes + tableBytes + kFixedBytes <= kMaxExtentFileBytes)
-            return;
+    if (sizeBytes / grainSizeBytes > kMaxExtentFileBytes / grainSizeBytes)
+        return std::numeric_limits<__int64>::max();
+    CVMDKDataPreparer const preparer(CVMDKDisk::getGrainSizeSectors(), request.compressed, 1);
+    __int64 const grains = sizeBytes / grainSizeBytes;
+    __int64 const grainBytes =
+        request.compressed ? calcWorstCaseGrainBytes(preparer) : grainSizeBytes;
+    // Tables and directories twice, slot sizes with their markers, and a descriptor's worth.
+    __int64 const tableBytes = (grains / kGrainTableEntryCount + 1) * 16 * kSectorSizeBytes;
+    constexpr __int64 kFixedBytes = 4 << 20;
+    return grains * grainBytes + tableBytes + kFixedBytes;
+}
+
+void verifyFitsFiles(yx::CURI const& uri, NewDisk const& request) {
+    __int64 const mostBytes = calcMostFileBytes(request);
+    bool const isSplit = request.fileSizeLimitBytes != -1;
+    __int64 const storeLimitBytes = getMaxFileLengthBytes(uri);
+    if (storeLimitBytes < kMaxExtentFileBytes && mostBytes > storeLimitBytes) {
+        throw yx::CInvalidArgError(
+            kCreateName,
+            "A file of the disk could outgrow the " + yx::toString(storeLimitBytes) +
+                " bytes that a file may have there. Split the disk over " +
+                (isSplit ? "smaller" : "several") + " files.",
+            yx::CProps().add("uri", uri.toString(true)));
     }
+    if (isSplit || mostBytes <= kMaxExtentFileBytes)
+        return;
+    yx::String const sizeBytes =
+        yx::toString(CVMDKDisk::getVirtualDiskSizeBytesFromMinSizeBytes(request.sizeBytes));
     throw yx::CInvalidArgError(
         kCreateName,
-        "A disk of " + yx::toString(sizeBytes) +
+        "A disk of " + sizeBytes +
             " bytes could outgrow the 2 TiB that one file can hold. Split it over several files.",
-        yx::CProps().add("sizeBytes", yx::toString(sizeBytes)));
+        yx::CProps().add("sizeBytes", sizeBytes));
 }
 
 } // namespace
@@ -109,7 +129,7 @@ __int64 calcWorstCaseGrainBytes(CVMDKDataPreparer const& preparer) {
 }
 
 void verifyCanBeMade(yx::CURI const& uri, NewDisk const& request) {
-    verifyFitsOneFile(request);
+    verifyFitsFiles(uri, request);
     verifyName(uri);
     verifyNamesFit(uri, request);
 }

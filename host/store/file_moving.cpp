@@ -2,15 +2,9 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cerrno>
-#include <cstdio>
-#include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "host/system/file_descriptor.h"
+#include "host/store/stores.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
 
@@ -25,22 +19,11 @@ constexpr __int64 kPieceBytes = __int64{1024} * 1024;
                        yx::CProps().add("uri", uri.toString(true)), nullptr);
 }
 
-/// Whether it was done; if not, `errno` says why.
-bool tryRename(std::string const& from, std::string const& to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
-        return true;
-    // Not every file system can do that in one step.
-    bool const mayBeUnknown = errno == EINVAL || errno == ENOSYS;
-    return mayBeUnknown && ::link(from.c_str(), to.c_str()) == 0 && ::unlink(from.c_str()) == 0;
-}
-
-void renameNativeFile(yx::CURI const& from, yx::CURI const& to) {
-    std::string const path = yx::toNativePath(from).toStdString();
-    if (tryRename(path, yx::toNativePath(to).toStdString()))
-        return;
-    if (errno == EEXIST)
-        throwExists(to);
-    throwSystemError("Cannot rename the file", path);
+/// The store that a file system stands for; null for one of a host's own.
+IStore* storeBehind(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
+    if (auto* const store = dynamic_cast<IStore*>(fileSystem))
+        return store;
+    return dynamic_cast<yx::CNativeFileSystem*>(fileSystem) ? findStore(uri) : nullptr;
 }
 
 void copyFile(yx::IFileSystem* fileSystem, yx::CURI const& from, yx::CURI const& to) {
@@ -69,8 +52,8 @@ void moveFile(yx::IFileSystem* fileSystem, yx::CURI const& from, yx::CURI const&
     assert(from.getParent() == to.getParent());
     if (auto* const mover = dynamic_cast<IFileMover*>(fileSystem)) {
         mover->moveFile(from, to);
-    } else if (dynamic_cast<yx::CNativeFileSystem*>(fileSystem)) {
-        renameNativeFile(from, to);
+    } else if (IStore* const store = storeBehind(fileSystem, from)) {
+        store->renameIfAbsent(from, to);
     } else {
         copyFile(fileSystem, from, to);
         fileSystem->deleteFile(from, false);

@@ -16,8 +16,8 @@ public:
 /// `AlreadyExists` with "uri". A missing file is `NotFound`, with "uri" or, if it would have been
 /// renamed, "path".
 ///
-/// Files of the operating system are renamed, and so are those of an `IFileMover`. Others are
-/// copied, brought to their device and only then deleted, so that a failure leaves the old file,
+/// Files of a store (`IStore`, `yx::CNativeFileSystem`) are renamed, and so are those of an
+/// `IFileMover`. Others are copied, brought to their device and only then deleted, so that a failure leaves the old file,
 /// and perhaps a part of the copy.
 void moveFile(yx::IFileSystem* fileSystem, yx::CURI const& from, yx::CURI const& to);
 

@@ -1,54 +1,17 @@
 #include "host/store/file_names.h"
 
-#include <cstdlib>
-#include <memory>
 #include <optional>
 #include <vector>
 
-#include <sys/stat.h>
-
-#include "host/system/file_identity.h"
+#include "host/store/file_status.h"
+#include "host/store/local_names.h"
+#include "host/store/stores.h"
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"
 
 namespace kelm::host {
 
 namespace {
-
-using Path = yx::TPathImpl<yx::CUnixPathTraits>;
-
-yx::CURI uriOfPath(yx::String const& path) {
-    return yx::CURI(Path(path, true, false), false);
-}
-
-/// Refuses bytes that would come out as the name of another file.
-yx::String decodeName(char const* name, char const* message) {
-    std::optional<yx::String> const text = yx::String::tryFromUTF8(name);
-    if (!text) {
-        throw yx::CIOError(yx::CIOError::NotSupported, message,
-                           yx::CProps().add("name", yx::String::fromUTF8(name)), nullptr);
-    }
-    return *text;
-}
-
-/// The real path, empty if there is none.
-yx::String realPath(yx::String const& path) {
-    std::unique_ptr<char, decltype(&std::free)> const resolved(
-        ::realpath(path.toStdString().c_str(), nullptr), &std::free);
-    if (!resolved)
-        return {};
-    return decodeName(resolved.get(), "The name of a folder or file is not valid UTF-8.");
-}
-
-[[noreturn]] void throwNotFound(yx::String const& path) {
-    throw yx::CIOError(yx::CIOError::NotFound, "No such file or directory",
-                       yx::CProps().add("uri", uriOfPath(path).toString(true)), nullptr);
-}
-
-bool isLink(yx::String const& path) {
-    struct stat status = {};
-    return ::lstat(path.toStdString().c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-}
 
 bool isFileURI(std::string const& argument) {
     return argument.rfind("file:", 0) == 0;
@@ -100,25 +63,17 @@ std::optional<yx::String> relativePath(std::vector<wxString> const& from,
 } // namespace
 
 yx::CURI uriFromArgument(std::string const& argument) {
-    yx::String const text = decodeName(argument.c_str(), "A file name is not valid UTF-8.");
-    yx::String const path = isFileURI(argument) ? yx::toNativePath(yx::CURI(text)) : text;
-    yx::String const real = realPath(path);
-    if (!real.isEmpty())
-        return uriOfPath(real).toNormalized();
+    yx::String const text = decodeLocalName(argument.c_str(), "A file name is not valid UTF-8.");
+    if (isStoreURI(argument)) {
+        yx::CURI const uri(text);
+        return storeOf(uri).resolveName(uri);
+    }
+    return resolveLocalName(isFileURI(argument) ? yx::toNativePath(yx::CURI(text)) : text);
+}
 
-    // A link that leads nowhere would give a file two names, the link's and its own.
-    if (isLink(path))
-        throwNotFound(path);
-    // The file is still to be made: what must exist is its folder. The name is split off as it
-    // stands, since ".." behind a link means the link's target.
-    wxString const& characters = path.wx();
-    size_t const sep = characters.rfind('/');
-    yx::String const folder = sep == wxString::npos ? "." : yx::String(characters.Left(sep + 1));
-    yx::String const name = sep == wxString::npos ? path : yx::String(characters.Mid(sep + 1));
-    yx::String const realFolder = realPath(folder);
-    if (realFolder.isEmpty() || name.isEmpty() || name == "." || name == "..")
-        throwNotFound(path);
-    return (uriOfPath(realFolder) << name).toNormalized();
+yx::CURI resolveName(yx::CURI const& uri) {
+    IStore* const store = findStore(uri);
+    return store ? store->resolveName(uri) : uri.toNormalized();
 }
 
 bool isSameFile(yx::CURI const& left, yx::CURI const& right) {
@@ -129,11 +84,8 @@ bool isSameFile(yx::CURI const& left, yx::CURI const& right) {
 }
 
 bool isOtherThanFile(yx::CURI const& uri) {
-    if (uri.getScheme() != "file")
-        return false;
-    struct stat status = {};
-    return ::stat(yx::toNativePath(uri).toStdString().c_str(), &status) == 0 &&
-           !S_ISREG(status.st_mode);
+    std::optional<FileStatus> const status = findStatus(uri);
+    return status && status->kind != FileKind::File;
 }
 
 bool isReferenceTo(yx::CURI const& folder, yx::String const& reference, yx::CURI const& file) {

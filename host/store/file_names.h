@@ -6,7 +6,8 @@
 
 namespace kelm::host {
 
-/// The URI of a file that a user names: a path of the operating system or a `file:` URI. Links and
+/// The URI of a file that a user names: a path of the operating system, a `file:` URI, or one of
+/// another store (`isStoreURI`), with the errors of `storeOf`, then. Links and
 /// ".." are resolved, in the folder alone for a file that does not exist yet, so that every
 /// spelling of one file gives one URI, and with it one lock file. A folder that does not exist, and
 /// a link to a file that does not exist, is `CIOError` `NotFound` with "uri"; a name that is no
@@ -14,13 +15,16 @@ namespace kelm::host {
 /// escapes are no UTF-8 is `NotSupported` with "uri".
 yx::CURI uriFromArgument(std::string const& argument);
 
+/// The same for a file that is named by a URI: `IStore::resolveName`; only normalised where the URI
+/// has no store.
+yx::CURI resolveName(yx::CURI const& uri);
+
 /// Whether two names mean one file: they are equal once normalised, or lead to the same file of the
 /// operating system, by whatever links.
 bool isSameFile(yx::CURI const& left, yx::CURI const& right);
 
 /// Whether a name is that of something else than a regular file, links followed: a device, a pipe,
-/// a folder. What does not exist is nothing else, and neither is a file of another URI than
-/// "file:".
+/// a folder. What does not exist is nothing else, and neither is a file of a URI without a store.
 bool isOtherThanFile(yx::CURI const& uri);
 
 /// Whether a descriptor in `folder` that says `reference` means `file`.

@@ -1,15 +1,13 @@
 #pragma once
 
-#include <string>
-
 #include "yx/uri.h"
 
 namespace kelm::host {
 
-/// Refuses a file that is to be made in a folder in which this process may not make files: what
-/// `throwSystemError` makes of it, "Cannot write to the folder: Permission denied" with "path", or
-/// "Read-only file system". A folder that does not exist passes, as do files of other URIs than
-/// "file:".
+/// Refuses a file that is to be made in a folder in which this process may not make files: for files
+/// of the operating system what `throwSystemError` makes of it, "Cannot write to the folder:
+/// Permission denied" with "path", or "Read-only file system"; for others what their store says. A
+/// folder that does not exist passes, as do URIs without a store.
 void verifyMayWriteInFolderOf(yx::CURI const& file);
 
 } // namespace kelm::host

@@ -1,17 +1,12 @@
 #include "host/store/folder_sync.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "host/system/file_descriptor.h"
+#include "host/store/stores.h"
 
 namespace kelm::host {
 
-void syncFolder(std::string const& path) {
-    FileDescriptor const descriptor =
-        FileDescriptor::own(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (descriptor.isOpen() && ::fsync(descriptor.get()) != 0)
-        throwSystemError("Cannot sync the folder", path);
+void syncFolder(yx::CURI const& folder) {
+    if (IStore* const store = findStore(folder))
+        store->syncFolder(folder);
 }
 
 } // namespace kelm::host

@@ -1,12 +1,13 @@
 #pragma once
 
-#include <string>
+#include "yx/uri.h"
 
 namespace kelm::host {
 
-/// Brings the names of the files in a folder of the operating system to the device: those that were
-/// made stay, and those that were deleted do not come back. A folder that may be written to but not
-/// read cannot be synced, and passes. A failure is what `throwSystemError` makes of it.
-void syncFolder(std::string const& path);
+/// Brings the names of the files in a folder to the device: those that were made stay, and those
+/// that were deleted do not come back. A folder that may be written to but not read cannot be
+/// synced, and passes, as does a URI without a store. A failure is what the store says; for folders
+/// of the operating system, what `throwSystemError` makes of it.
+void syncFolder(yx::CURI const& folder);
 
 } // namespace kelm::host

@@ -12,6 +12,9 @@ public:
     /// Passes on to `stream`, which must not be null.
     explicit ForwardingStream(yx::P<yx::IIOStream> stream);
 
+    /// The stream that everything is passed to.
+    yx::P<yx::IIOStream> const& getForwarded() const { return m_stream; }
+
     __int64 getLength() const override { return m_stream->getLength(); }
     __int64 getPosition() const override { return m_stream->getPosition(); }
     yx::CURI getURI() override { return m_stream->getURI(); }
@@ -46,7 +49,7 @@ public:
     void setLength(__int64 length) override { m_stream->setLength(length); }
 
 protected:
-    /// The stream that everything is passed to.
+    /// The same, for those that override.
     yx::P<yx::IIOStream> const& getTarget() const { return m_stream; }
 
 private:

@@ -1,20 +1,20 @@
 #include "host/store/free_space.h"
 
-#include <sys/statvfs.h>
-#include <unistd.h>
+#include <limits>
 
-#include "yx/native_file_system.h"
+#include "host/store/stores.h"
 
 namespace kelm::host {
 
 std::optional<__int64> getFreeBytes(yx::CURI const& folder) {
-    struct statvfs status = {};
-    if (folder.getScheme() != "file" ||
-        ::statvfs(yx::toNativePath(folder).toStdString().c_str(), &status) != 0)
-        return std::nullopt;
-    // The system's administrator may use up what is kept back from others.
-    auto const blocks = ::geteuid() == 0 ? status.f_bfree : status.f_bavail;
-    return static_cast<__int64>(blocks) * static_cast<__int64>(status.f_frsize);
+    IStore* const store = findStore(folder);
+    std::optional<StoreRoom> const room = store ? store->findRoom(folder) : std::nullopt;
+    return room ? std::optional<__int64>(room->freeBytes) : std::nullopt;
+}
+
+__int64 getMaxFileLengthBytes(yx::CURI const& uri) {
+    IStore* const store = findStore(uri);
+    return store ? store->getMaxFileLengthBytes(uri) : std::numeric_limits<__int64>::max();
 }
 
 } // namespace kelm::host

@@ -2,77 +2,71 @@
 
 #include <algorithm>
 #include <cassert>
-#include <cerrno>
-#include <cstdio>
-#include <filesystem>
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "host/store/folder_sync.h"
-#include "host/system/file_descriptor.h"
-#include "host/system/file_identity.h"
+#include "host/store/file_status.h"
+#include "host/store/stores.h"
+#include "host/system/name_text.h"
+#include "yx/error.h"
 #include "yx/log.h"
 
 namespace kelm::host {
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr char kFormerSuffix[] = ".former";
 
 /// So many programs can be killed one after the other over one disk.
 constexpr int kMaxFormerFolders = 16;
 
-std::string pathOfURI(yx::CURI const& uri) {
-    return yx::toNativePath(uri).toStdString();
+yx::CURI formerFolderOf(yx::CURI const& file, int number) {
+    yx::String const suffix =
+        number == 1 ? yx::String(kFormerSuffix) : kFormerSuffix + ("." + yx::toString(number));
+    return (file.getParent() << (file.getName() + suffix)).toNormalized();
 }
 
-std::string formerFolderPath(std::string const& file, int number) {
-    return file + kFormerSuffix + (number == 1 ? "" : "." + std::to_string(number));
+/// The same error, that says what was to be done.
+[[noreturn]] void throwForKeeping(yx::CIOError const& error, yx::String const& what) {
+    yx::String const reason(error.getMessage().wx().AfterFirst(':'));
+    throw yx::CIOError(error.getIOCode(),
+                       what + ":" + (reason.isEmpty() ? " " + error.getMessage() : reason),
+                       error.getParams(), nullptr);
 }
 
-std::string makeFormerFolder(std::string const& file) {
-    constexpr mode_t kMode = 0777;
-    for (int number = 1; number <= kMaxFormerFolders; ++number) {
-        std::string folder = formerFolderPath(file, number);
-        if (::mkdir(folder.c_str(), kMode) == 0)
+yx::CURI makeFormerFolder(IStore& store, yx::CURI const& file) {
+    for (int number = 1;; ++number) {
+        yx::CURI folder = formerFolderOf(file, number);
+        try {
+            store.makeFolder(folder);
             return folder;
-        if (errno != EEXIST)
-            break;
+        } catch (yx::CIOError const& error) {
+            if (error.getIOCode() != yx::CIOError::AlreadyExists || number == kMaxFormerFolders)
+                throwForKeeping(error, "Cannot make a folder to keep the former disk in");
+        }
     }
-    throwSystemError("Cannot make a folder to keep the former disk in", file + kFormerSuffix);
 }
 
-bool haveOneFile(std::string const& left, std::string const& right) {
-    std::optional<FileIdentity> const identity = identifyFile(left);
-    return identity && identity == identifyFile(right);
+bool isThere(IStore& store, yx::CURI const& uri) {
+    return store.findStatus(uri, false).has_value();
 }
 
 /// Gives a file another name, and lets it keep its present one if that can be.
-bool tryName(std::string const& from, std::string const& to) {
-    return ::link(from.c_str(), to.c_str()) == 0 ||
-           // Without hard links, or for somebody else's file.
-           (errno != EEXIST && ::rename(from.c_str(), to.c_str()) == 0);
+void addName(IStore& store, yx::CURI const& from, yx::CURI const& to) {
+    // Without hard links, or for somebody else's file.
+    if (!store.tryAddName(from, to))
+        store.renameIfAbsent(from, to);
 }
 
 } // namespace
 
-KeptFiles::KeptFiles(std::vector<yx::CURI> const& files) {
-    assert(!files.empty());
-    std::string const main = pathOfURI(files.front());
-    m_folder = makeFormerFolder(main);
+KeptFiles::KeptFiles(std::vector<yx::CURI> const& files)
+    : m_store(&storeOf(files.front())),
+      m_parent(files.front().getParent()),
+      m_folder(makeFormerFolder(*m_store, files.front())) {
     try {
-        for (yx::CURI const& file : files) {
-            std::string const first = pathOfURI(file);
-            std::string const second = (fs::path(m_folder) / fs::path(first).filename()).string();
-            if (!tryName(first, second))
-                throwSystemError("Cannot keep the file of the former disk", first);
-            m_files.push_back({first, second});
-        }
-        syncFolder(m_folder);
-        syncFolder(fs::path(m_folder).parent_path().string());
+        for (yx::CURI const& file : files)
+            keep(file);
+        m_store->syncFolder(m_folder);
+        m_store->syncFolder(m_parent);
     } catch (...) {
         if (tryRestoreAll())
             removeSecondNames();
@@ -80,12 +74,22 @@ KeptFiles::KeptFiles(std::vector<yx::CURI> const& files) {
     }
 }
 
+void KeptFiles::keep(yx::CURI const& file) {
+    yx::CURI const second = (yx::CURI(m_folder) << file.getName()).toNormalized();
+    try {
+        addName(*m_store, file, second);
+    } catch (yx::CIOError const& error) {
+        throwForKeeping(error, "Cannot keep the file of the former disk");
+    }
+    m_files.push_back({file, second});
+}
+
 KeptFiles::~KeptFiles() {
     if (m_isDropped)
         return;
     if (!tryRestoreAll()) {
         yx::logWarning("The former disk could not be put back, and is kept in '" +
-                       yx::String::fromUTF8(m_folder) + "'.");
+                       yx::String::fromUTF8(displayName(m_folder)) + "'.");
         return;
     }
     removeSecondNames();
@@ -93,34 +97,45 @@ KeptFiles::~KeptFiles() {
 
 /// Whether the file has its first name now.
 bool KeptFiles::tryRestore(File const& file) const {
-    if (haveOneFile(file.first, file.second))
+    if (isSameFileOf(file))
         return true;
-    struct stat status = {};
-    bool const isTaken = ::lstat(file.first.c_str(), &status) == 0;
-    bool const isGone = ::lstat(file.second.c_str(), &status) != 0;
+    bool const isTaken = isThere(*m_store, file.first);
     // The file that never got its second name has its first one.
-    return isGone ? isTaken : !isTaken && tryName(file.second, file.first);
+    if (!isThere(*m_store, file.second))
+        return isTaken;
+    if (!isTaken)
+        addName(*m_store, file.second, file.first);
+    return !isTaken;
+}
+
+bool KeptFiles::isSameFileOf(File const& file) const {
+    std::optional<FileIdentity> const identity = identifyFile(file.first);
+    return identity && identity == identifyFile(file.second);
 }
 
 bool KeptFiles::tryRestoreAll() const {
-    bool const areRestored = std::all_of(m_files.rbegin(), m_files.rend(),
-                                         [this](File const& file) { return tryRestore(file); });
-    if (!areRestored)
-        return false;
     try {
-        syncFolder(fs::path(m_folder).parent_path().string());
-    } catch (yx::CError const&) {
+        bool const areRestored = std::all_of(m_files.rbegin(), m_files.rend(),
+                                             [this](File const& each) { return tryRestore(each); });
+        if (areRestored)
+            m_store->syncFolder(m_parent);
+        return areRestored;
+    } catch (yx::CError const& error) {
+        error.nop();
         return false;
     }
-    return true;
 }
 
 void KeptFiles::removeSecondNames() const {
-    for (File const& file : m_files)
-        ::unlink(file.second.c_str());
-    if (::rmdir(m_folder.c_str()) != 0)
-        yx::logWarning("Cannot delete the folder '" + yx::String::fromUTF8(m_folder) +
+    try {
+        for (File const& file : m_files)
+            m_store->deleteFile(file.second, true);
+        m_store->removeFolder(m_folder);
+    } catch (yx::CError const& error) {
+        error.nop();
+        yx::logWarning("Cannot delete the folder '" + yx::String::fromUTF8(displayName(m_folder)) +
                        "' of the former disk.");
+    }
 }
 
 void KeptFiles::drop() {
@@ -128,10 +143,9 @@ void KeptFiles::drop() {
     // Once these are gone, nothing would tell of files of the former disk that a power cut brings
     // back.
     try {
-        syncFolder(fs::path(m_folder).parent_path().string());
+        m_store->syncFolder(m_parent);
     } catch (yx::CError const& error) {
-        yx::logWarning(error,
-                       "The former disk is kept in '" + yx::String::fromUTF8(m_folder) + "'.", "");
+        yx::logWarning(error, "The former disk is kept in '" + yx::String::fromUTF8(displayName(m_folder)) + "'.", "");
         return;
     }
     removeSecondNames();
@@ -139,17 +153,12 @@ void KeptFiles::drop() {
 
 std::vector<yx::CURI> KeptFiles::findFoldersOf(yx::CURI const& file) {
     std::vector<yx::CURI> folders;
-    if (file.getScheme() != "file")
-        return folders;
-    std::string const path = pathOfURI(file);
-    for (int number = 1; number <= kMaxFormerFolders; ++number) {
-        std::string const folder = formerFolderPath(path, number);
-        struct stat status = {};
-        if (::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-            folders.push_back(yx::CURI(
-                yx::TPathImpl<yx::CUnixPathTraits>(yx::String::fromUTF8(folder), true, false),
-                false));
-        }
+    IStore* const store = findStore(file);
+    for (int number = 1; store && number <= kMaxFormerFolders; ++number) {
+        yx::CURI const folder = formerFolderOf(file, number);
+        std::optional<FileStatus> const status = store->findStatus(folder, true);
+        if (status && status->kind == FileKind::Folder)
+            folders.push_back(folder);
     }
     return folders;
 }

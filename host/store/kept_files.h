@@ -1,13 +1,12 @@
 #pragma once
 
-#include <string>
 #include <vector>
 
-#include "yx/uri.h"
+#include "host/store/store.h"
 
 namespace kelm::host {
 
-/// Files of the operating system that are about to be replaced, kept under second names in a folder
+/// Files of a store that are about to be replaced, kept under second names in a folder
 /// of their own until what replaces them is complete. Whoever fails meanwhile puts them back, and
 /// whoever is killed leaves them there whole.
 ///
@@ -18,7 +17,7 @@ public:
     /// Gives each file, all of one folder, its second name, and brings these to the device. The
     /// first names stay where the file system has hard links, and go where it has none.
     ///
-    /// Throws what `throwSystemError` makes of a failure, and leaves the files under their first
+    /// Throws what the store makes of a failure, and leaves the files under their first
     /// names.
     explicit KeptFiles(std::vector<yx::CURI> const& files);
     KeptFiles(KeptFiles const&) = delete;
@@ -39,15 +38,19 @@ public:
 
 private:
     struct File {
-        std::string first;
-        std::string second;
+        yx::CURI first;
+        yx::CURI second;
     };
 
+    void keep(yx::CURI const& file);
+    bool isSameFileOf(File const& file) const;
     bool tryRestore(File const& file) const;
     bool tryRestoreAll() const;
     void removeSecondNames() const;
 
-    std::string m_folder;
+    yx::P<IStore> m_store;
+    yx::CURI m_parent;
+    yx::CURI m_folder;
     std::vector<File> m_files;
     bool m_isDropped = false;
 };

@@ -95,6 +95,13 @@ public:
     /// file, or not in that folder; a name that is taken is `AlreadyExists` as for `createFile`.
     virtual bool tryAddName(yx::CURI const& from, yx::CURI const& to) = 0;
 
+    /// Gives a file the owner, the group and the mode of another one of the store, as far as this
+    /// process may. Does nothing where files have none.
+    virtual void copyRights(yx::CURI const& from, yx::CURI const& to) {
+        static_cast<void>(from);
+        static_cast<void>(to);
+    }
+
     /// Returns when what was made, renamed and deleted in the folder outlives a loss of this
     /// machine. A folder that may not be read passes.
     virtual void syncFolder(yx::CURI const& folder) = 0;

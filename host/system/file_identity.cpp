@@ -10,16 +10,9 @@ namespace {
 
 std::optional<FileIdentity> identifyAt(int fileDescriptor, char const* path, int flags) {
     struct statx status = {};
-    if (::statx(fileDescriptor, path, flags, STATX_INO | STATX_BTIME, &status) != 0)
+    if (::statx(fileDescriptor, path, flags, getIdentityMask(), &status) != 0)
         return std::nullopt;
-    FileIdentity identity;
-    identity.device = ::makedev(status.stx_dev_major, status.stx_dev_minor);
-    identity.inode = status.stx_ino;
-    if ((status.stx_mask & STATX_BTIME) != 0) {
-        identity.birthSeconds = status.stx_btime.tv_sec;
-        identity.birthNanoseconds = status.stx_btime.tv_nsec;
-    }
-    return identity;
+    return toIdentity(status);
 }
 
 } // namespace
@@ -28,14 +21,23 @@ std::optional<FileIdentity> identifyFile(std::string const& path) {
     return identifyAt(AT_FDCWD, path.c_str(), 0);
 }
 
-std::optional<FileIdentity> identifyFile(yx::CURI const& uri) {
-    if (uri.getScheme() != "file")
-        return std::nullopt;
-    return identifyFile(yx::toNativePath(uri).toStdString());
-}
-
 std::optional<FileIdentity> identifyFile(int fileDescriptor) {
     return identifyAt(fileDescriptor, "", AT_EMPTY_PATH);
+}
+
+unsigned int getIdentityMask() {
+    return STATX_INO | STATX_BTIME;
+}
+
+FileIdentity toIdentity(struct statx const& status) {
+    FileIdentity identity;
+    identity.device = ::makedev(status.stx_dev_major, status.stx_dev_minor);
+    identity.inode = status.stx_ino;
+    if ((status.stx_mask & STATX_BTIME) != 0) {
+        identity.birthSeconds = status.stx_btime.tv_sec;
+        identity.birthNanoseconds = status.stx_btime.tv_nsec;
+    }
+    return identity;
 }
 
 } // namespace kelm::host

@@ -4,12 +4,13 @@
 #include <string>
 #include <tuple>
 
-#include "yx/uri.h"
+#include "yx/base.h"
+
+struct statx;
 
 namespace kelm::host {
 
-/// What distinguishes a file of the operating system from every other one, the same whatever name
-/// the file was reached by.
+/// What distinguishes a file from every other one, the same whatever name the file was reached by.
 struct FileIdentity {
     /// Of a file in another store than the operating system's, what tells the store (and what in it
     /// a number is counted in) from all others; else empty.
@@ -32,8 +33,7 @@ struct FileIdentity {
     /// Has no meaning beyond sorting.
     bool operator<(FileIdentity const& other) const {
         return std::tie(store, device, inode, birthSeconds, birthNanoseconds) <
-               std::tie(other.store, other.device, other.inode, other.birthSeconds,
-                        other.birthNanoseconds);
+               std::tie(other.store, other.device, other.inode, other.birthSeconds, other.birthNanoseconds);
     }
 };
 
@@ -41,10 +41,13 @@ struct FileIdentity {
 /// can be asked about.
 std::optional<FileIdentity> identifyFile(std::string const& path);
 
-/// The same of the file that a URI names; nothing if that is no file of the operating system.
-std::optional<FileIdentity> identifyFile(yx::CURI const& uri);
-
 /// That of an open file; nothing if it cannot be asked about.
 std::optional<FileIdentity> identifyFile(int fileDescriptor);
+
+/// What `statx` is to be asked for (its mask) for `toIdentity`.
+unsigned int getIdentityMask();
+
+/// That of a file which `statx` has told of.
+FileIdentity toIdentity(struct statx const& status);
 
 } // namespace kelm::host

@@ -77,6 +77,13 @@ std::optional<FileLock> FileLock::tryTake(yx::P<SharedOpenFile> const& file, Typ
     return error == 0 && isRegular ? FileLock(file) : FileLock();
 }
 
+FileLock FileLock::hold(yx::P<yx::IBase> holder, FileIdentity file) {
+    FileLock lock;
+    lock.m_holder = std::move(holder);
+    lock.m_heldFile = std::move(file);
+    return lock;
+}
+
 FileLock::~FileLock() {
     if (m_shared && m_shared->isInUse())
         setLock(m_shared->getFileDescriptor(), F_UNLCK);

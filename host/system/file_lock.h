@@ -27,8 +27,8 @@ public:
 /// with it, also when the process is killed; two objects of one process conflict as two processes
 /// do.
 ///
-/// Only those who ask for such a lock notice it. Not for files that are named by a URI of another
-/// kind than "file".
+/// Only those who ask for such a lock notice it. A lock on a file of another store is made of what
+/// holds it there; see `tryLockFile` (host/store/file_locking.h).
 class FileLock {
 public:
     /// Who may hold a lock on the same file at the same time.
@@ -58,20 +58,25 @@ public:
     /// same. It is one lock with any other that was taken by that descriptor.
     static std::optional<FileLock> tryTake(yx::P<SharedOpenFile> const& file, Type type);
 
+    /// The lock on `file` that somebody else has taken, and that lasts as long as `holder`.
+    static FileLock hold(yx::P<yx::IBase> holder, FileIdentity file);
+
     /// A move leaves no lock in the source; move assignment swaps the two.
     FileLock(FileLock&& other) noexcept { *this = std::move(other); }
     FileLock& operator=(FileLock&& other) noexcept {
         std::swap(m_file, other.m_file);
         std::swap(m_shared, other.m_shared);
+        std::swap(m_holder, other.m_holder);
+        std::swap(m_heldFile, other.m_heldFile);
         return *this;
     }
     ~FileLock();
 
     /// Whether a lock is held.
-    bool isHeld() const { return getDescriptor() >= 0; }
+    bool isHeld() const { return m_holder || getDescriptor() >= 0; }
 
     /// Which file is locked; only if a lock is held.
-    FileIdentity getFile() const { return *identifyFile(getDescriptor()); }
+    FileIdentity getFile() const { return m_holder ? m_heldFile : *identifyFile(getDescriptor()); }
 
 private:
     explicit FileLock(FileDescriptor file) : m_file(std::move(file)) {}
@@ -81,8 +86,11 @@ private:
 
     FileDescriptor m_file;
 
-    /// The other of the two; both are empty if no lock is held.
+    /// Another of the three; all are empty if no lock is held.
     yx::P<SharedOpenFile> m_shared;
+
+    yx::P<yx::IBase> m_holder;
+    FileIdentity m_heldFile;
 };
 
 } // namespace kelm::host

@@ -7,9 +7,8 @@
 #include <utility>
 #include <vector>
 
-#include <sys/stat.h>
-
 #include "host/disk/chain_members.h"
+#include "host/store/file_status.h"
 #include "host/store/free_space.h"
 #include "kelm/kelm.h"
 
@@ -23,21 +22,18 @@ constexpr __int64 kCancelInterval = 4096;
 /// The run of tables that is read in one go.
 constexpr int kParentTablesInMemory = 64;
 
-/// A file system of the machine that has files of the disk.
+/// What has files of the disk, and how much is to go there.
 struct FileStore {
     yx::CURI folder;
     __int64 neededBytes = 0;
 };
 
-std::string folderPathOf(yx::CURI const& file) {
-    return yx::toNativePath(file.getParent()).toStdString();
-}
+/// A store, and a device in it.
+using StoreDevice = std::pair<std::string, unsigned long long>;
 
-std::optional<dev_t> deviceOf(yx::CURI const& file) {
-    struct stat status = {};
-    if (file.getScheme() != "file" || ::stat(folderPathOf(file).c_str(), &status) != 0)
-        return std::nullopt;
-    return status.st_dev;
+std::optional<StoreDevice> deviceOf(yx::CURI const& file) {
+    std::optional<FileIdentity> const folder = identifyFile(file.getParent());
+    return folder ? std::optional<StoreDevice>({folder->store, folder->device}) : std::nullopt;
 }
 
 /// The tables of one file of a parent.
@@ -154,7 +150,7 @@ private:
 /// By the devices that they are on.
 class ParentsRoom::Stores {
 public:
-    std::map<dev_t, FileStore> byDevice;
+    std::map<StoreDevice, FileStore> byDevice;
 };
 
 ParentsRoom::ParentsRoom() : m_stores(std::make_unique<Stores>()) {}
@@ -165,7 +161,7 @@ void ParentsRoom::add(SafeDisk& disk, GrainSet const& grains, CancelFlag const* 
     CopySizes sizes(disk, CopySizes::Holders::Parents, disk.getDisk().getCompressed());
     std::vector<DiskExtent> const& extents = disk.listExtents();
     std::size_t extent = 0;
-    std::optional<dev_t> device = deviceOf(extents.front().uri);
+    std::optional<StoreDevice> device = deviceOf(extents.front().uri);
     CancelSometimes sometimes(cancel);
     for (__int64 grain = grains.findNext(0); grain < grains.getGrainCount();
          grain = grains.findNext(grain + 1)) {
@@ -181,7 +177,7 @@ void ParentsRoom::add(SafeDisk& disk, GrainSet const& grains, CancelFlag const* 
 
 void ParentsRoom::addNewDisk(SafeDisk& source, GrainSet const& grains, NewDiskPlace const& place,
                              CancelFlag const* cancel) {
-    std::optional<dev_t> const device = deviceOf(place.mainFile);
+    std::optional<StoreDevice> const device = deviceOf(place.mainFile);
     if (!device)
         return;
     CopySizes sizes(source, CopySizes::Holders::All, place.isCompressed);

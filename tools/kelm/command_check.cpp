@@ -77,7 +77,7 @@ host::CheckResult checkWith(Invocation& invocation, yx::CURI const& uri,
 /// Asks for the password only if the disk turns out to need one.
 host::CheckResult checkAskingForPassword(Invocation& invocation, CheckArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
-    warnOfEndedWork(uri);
+    warnOfEndedWork(invocation, uri);
     try {
         return checkWith(invocation, uri, arguments, usedPassword(invocation, arguments.passwords));
     } catch (yx::CError const& error) {
@@ -89,7 +89,7 @@ host::CheckResult checkAskingForPassword(Invocation& invocation, CheckArguments&
 }
 
 void warnOfOldDigests(yx::CURI const& disk) {
-    yx::logWarning("The digests of '" + yx::toNativePath(disk) +
+    yx::logWarning("The digests of '" + yx::String::fromUTF8(host::displayName(disk)) +
                    "' are out of date, since it was changed after they were made. Nothing was "
                    "compared with them; 'kelm digest' makes new ones.");
 }

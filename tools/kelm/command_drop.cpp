@@ -47,7 +47,7 @@ host::DiskDropResult runDrop(Invocation& invocation, DropArguments& arguments,
 ExitStatus dropDisk(Invocation& invocation, DropArguments& arguments) {
     arguments.transfer.takeEffect(invocation);
     yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
-    warnOfEndedWork(mainFile);
+    warnOfEndedWork(invocation, mainFile);
     host::DiskDropResult const result =
         withPassword(invocation, arguments.disk, arguments.passwords,
                      [&] { return runDrop(invocation, arguments, mainFile); });

@@ -52,7 +52,7 @@ void warnOfParents(Invocation& invocation, yx::CURI const& mainFile) {
 
 ExitStatus changePassword(Invocation& invocation, PasswordArguments& arguments) {
     yx::CURI const uri = host::uriFromArgument(arguments.disk);
-    warnOfEndedWork(uri);
+    warnOfEndedWork(invocation, uri);
     host::CancelFlag const& cancel = invocation.getCancel();
     host::PasswordChange change;
     change.before.ofDisk =

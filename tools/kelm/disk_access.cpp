@@ -66,7 +66,7 @@ std::unique_ptr<host::SafeDisk> openWith(Invocation& invocation, yx::CURI const&
 bool hasUnfinishedFile(yx::IFileSystem* files, yx::CURI const& mainFile) {
     if (files->fileExists(host::unfinishedNameOf(mainFile)))
         return true;
-    if (!host::isDiskMainFile(yx::toNativePath(mainFile).toStdString()))
+    if (!host::isDiskMainFile(mainFile))
         return false;
     try {
         std::vector<yx::CURI> const extents = host::readDiskParts(files, mainFile).extentFiles;
@@ -87,20 +87,20 @@ std::vector<yx::CURI> listFilesWithDigests(host::SafeDisk& disk) {
 
 } // namespace
 
-void warnOfEndedWork(yx::CURI const& uri) {
+void warnOfEndedWork(Invocation& invocation, yx::CURI const& uri) {
     for (yx::CURI const& folder : host::KeptFiles::findFoldersOf(uri)) {
         yx::logWarning("The disk that was to be replaced is still kept in '" +
-                       yx::toNativePath(folder) + "'. Move its files back, or delete the folder.");
+                       yx::String::fromUTF8(host::displayName(folder)) + "'. Move its files back, or delete the folder.");
     }
-    yx::P<yx::CNativeFileSystem> const files = yx::makeObject<yx::CNativeFileSystem>();
-    yx::String const note = host::DiskNote::describe(files.get(), uri);
+    yx::IFileSystem* const files = invocation.getFiles();
+    yx::String const note = host::DiskNote::describe(files, uri);
     if (!note.isEmpty())
         yx::logWarning(note);
     if (files->fileExists(host::UndoFile::nameAtWork(uri))) {
         yx::logWarning("A repair of the disk did not come to its end. 'kelm repair' begins it "
                        "anew, and with --undo takes it back.");
     }
-    if (hasUnfinishedFile(files.get(), uri)) {
+    if (hasUnfinishedFile(files, uri)) {
         yx::logWarning("A file of the disk was to be replaced by a new one, which is not complete. "
                        "'kelm compact' goes on with that, or takes it away.");
     }
@@ -118,7 +118,7 @@ std::unique_ptr<host::SafeDisk> openDisk(Invocation& invocation, std::string con
                                          yx::IIOStream::Access access, PasswordOptions& passwords,
                                          int compressionLevel) {
     yx::CURI const uri = host::uriFromArgument(file);
-    warnOfEndedWork(uri);
+    warnOfEndedWork(invocation, uri);
     try {
         return openWith(invocation, uri, access, usedPassword(invocation, passwords),
                         compressionLevel);
@@ -200,7 +200,7 @@ NewDiskInProgress::NewDiskInProgress(Invocation& invocation, yx::CURI const& uri
                                      host::NewDisk const& request, bool force,
                                      std::vector<yx::CURI> const& protectedFiles)
     : m_invocation(invocation) {
-    warnOfEndedWork(uri);
+    warnOfEndedWork(invocation, uri);
     invocation.getWait().retry([&] {
         // What an attempt has made goes before the next one.
         m_guard.reset();

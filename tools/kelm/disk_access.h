@@ -19,7 +19,7 @@ namespace kelm::tool {
 
 /// Tells the user of a disk that a program was replacing, renaming, deleting or repairing when it was
 /// killed.
-void warnOfEndedWork(yx::CURI const& uri);
+void warnOfEndedWork(Invocation& invocation, yx::CURI const& uri);
 
 /// Derives the keys of a disk and of its parents, those of another password included, before they
 /// are opened; see `host::deriveKeysOfChain`. Nothing without a password.

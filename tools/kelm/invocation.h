@@ -5,6 +5,7 @@
 
 #include "host/disk/busy_wait.h"
 #include "host/disk/disk_trust.h"
+#include "host/store/file_systems.h"
 #include "host/system/cancel.h"
 #include "host/system/derived_keys.h"
 #include "host/system/key_derivation.h"
@@ -25,7 +26,7 @@ enum class ProgressKind {
     None
 };
 
-/// What every command works with: the files of this machine, and the flag that a signal sets.
+/// What every command works with: the files of this machine and of other stores, and the flag that a signal sets.
 class Invocation {
 public:
     /// `result` must outlive the object.
@@ -93,7 +94,7 @@ private:
     ProgressKind m_progressKind = ProgressKind::Bar;
     bool m_isLong = false;
     int m_maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
-    yx::P<yx::CNativeFileSystem> m_files;
+    yx::P<host::FileSystems> m_files;
     host::DerivedKeys m_derivedKeys;
     std::shared_ptr<PasswordOptions> m_parentPasswords;
     host::DiskTrust m_trust;

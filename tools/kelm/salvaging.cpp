@@ -46,7 +46,7 @@ std::unique_ptr<host::SalvagedDisk> openToSalvage(Invocation& invocation, std::s
                                                   SalvageFlags const& flags,
                                                   PasswordOptions& passwords) {
     yx::CURI const uri = host::uriFromArgument(file);
-    warnOfEndedWork(uri);
+    warnOfEndedWork(invocation, uri);
     try {
         return openSalvagedWith(invocation, uri, flags, usedPassword(invocation, passwords));
     } catch (yx::CError const& error) {
