@@ -20,9 +20,11 @@ bool isHostName(std::string_view name) {
                                 std::string_view::npos;
 }
 
+/// Of version 6.
 bool isAddress(std::string_view name) {
-    return name.find(':') != std::string_view::npos &&
-           name.find_first_not_of("0123456789abcdef:.") == std::string_view::npos;
+    return name.size() > 2 && name.front() == '[' && name.back() == ']' &&
+           name.substr(1, name.size() - 2).find_first_not_of("0123456789abcdef:.") ==
+               std::string_view::npos;
 }
 
 std::string unescapePath(yx::CURI const& uri, std::string const& escapedPath) {
@@ -60,10 +62,10 @@ ObjectLocation locate(yx::CURI const& uri) {
         location.key = path.substr(1);
         return location;
     }
-    location.host = isAddress(name) ? "[" + name + "]" : name;
+    location.host = name;
     if (normal.getPort() != -1)
         location.host += ":" + std::to_string(normal.getPort());
-    location.escapedPath = escape(path, true);
+    location.escapedPath = escapedPath;
     return location;
 }
 

@@ -12,10 +12,11 @@ namespace kelm::s3 {
 
 bool ObjectVersion::differsFrom(HTTPAnswer const& answer) const {
     std::string const& tag = answer.header("etag");
-    if (!tag.empty() && !entityTag.empty())
-        return tag != entityTag;
+    if (!tag.empty() && !entityTag.empty() && tag != entityTag)
+        return true;
     std::string const& date = answer.header("last-modified");
-    return !date.empty() && !lastModified.empty() && date != lastModified;
+    bool const isTold = hasStrongTag() && !tag.empty();
+    return !isTold && !date.empty() && !lastModified.empty() && date != lastModified;
 }
 
 __int64 ObjectVersion::getModifiedNanoseconds() const {

@@ -75,7 +75,7 @@ yx::CURI FakeBucket::uri(std::string const& key) {
 void FakeBucket::put(std::string const& key, std::string const& content) {
     std::lock_guard const guard(m_mutex);
     m_objects[key] = content;
-    m_tags.erase(key);
+    m_tags[key] = makeTag(content);
 }
 
 void FakeBucket::remove(std::string const& key) {
@@ -138,20 +138,15 @@ Reply FakeBucket::answerObject(Request const& request, std::string const& key) {
         if (hasCondition && isThere)
             return refuse(412, "PreconditionFailed");
         m_objects[key] = request.body;
-        m_tags.erase(key);
-        return {.headers = {{"ETag", makeTag(request.body)}}};
+        m_tags[key] = makeTag(request.body);
+        return {.headers = {{"ETag", m_tags[key]}}};
     }
     return isThere ? giveObject(request, key) : refuse(404, "NoSuchKey");
 }
 
-std::string FakeBucket::getTag(std::string const& key) const {
-    auto const found = m_tags.find(key);
-    return found == m_tags.end() ? makeTag(m_objects.at(key)) : found->second;
-}
-
 Reply FakeBucket::giveObject(Request const& request, std::string const& key) {
     std::string const& content = m_objects.at(key);
-    std::string const tag = getTag(key);
+    std::string const tag = m_tags.at(key);
     std::string const wanted = request.header("if-match");
     if (!wanted.empty() && wanted != tag)
         return refuse(412, "PreconditionFailed");

@@ -54,7 +54,6 @@ public:
 private:
     Reply answerObject(Request const& request, std::string const& key);
     Reply giveObject(Request const& request, std::string const& key);
-    std::string getTag(std::string const& key) const;
     Reply giveList(std::map<std::string, std::string> const& query);
     Reply takePart(Request const& request, std::string const& key,
                    std::map<std::string, std::string> const& query);
@@ -67,7 +66,6 @@ private:
     std::mutex m_mutex;
     std::map<std::string, std::string> m_objects;
 
-    /// Of objects that were uploaded in parts.
     std::map<std::string, std::string> m_tags;
     std::map<std::string, UploadParts> m_uploads;
     int m_lastUpload = 0;

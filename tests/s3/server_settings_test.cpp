@@ -14,7 +14,7 @@ namespace {
 using kelm::s3::readServerSettings;
 using kelm::s3::ServerSettings;
 
-class ServerSettingsTest : public testing::Test {
+class ServerSettingsReading : public testing::Test {
 protected:
     ServerSettings read() const {
         return readServerSettings([this](char const* name) -> char const* {
@@ -39,9 +39,7 @@ protected:
     std::map<std::string, std::string> variables;
 };
 
-using ServerSettingsText = ServerSettingsTest;
-
-TEST_F(ServerSettingsText, WithoutAnyRequestsAreNotSigned) {
+TEST_F(ServerSettingsReading, WithoutAnyRequestsAreNotSigned) {
     ServerSettings const settings = read();
     EXPECT_FALSE(settings.keys);
     EXPECT_EQ(settings.region, "us-east-1");
@@ -49,7 +47,7 @@ TEST_F(ServerSettingsText, WithoutAnyRequestsAreNotSigned) {
     EXPECT_EQ(settings.certificatesFile, "");
 }
 
-TEST_F(ServerSettingsText, OfTheEnvironmentComeFirst) {
+TEST_F(ServerSettingsReading, OfTheEnvironmentComeFirst) {
     variables = {{"AWS_ACCESS_KEY_ID", "id"},
                  {"AWS_SECRET_ACCESS_KEY", "secret\n"},
                  {"AWS_SESSION_TOKEN", "token"},
@@ -71,7 +69,7 @@ TEST_F(ServerSettingsText, OfTheEnvironmentComeFirst) {
     EXPECT_EQ(settings.certificatesFile, "/ca.pem");
 }
 
-TEST_F(ServerSettingsText, AProfileIsInBothFiles) {
+TEST_F(ServerSettingsReading, AProfileIsInBothFiles) {
     variables = {{"HOME", folder.path().string()}, {"AWS_PROFILE", "backup"}};
     write(".aws/credentials", "# keys\n[default]\naws_access_key_id=wrong\n"
                               "[backup]\n aws_nested = x\naws_access_key_id = id \n"
@@ -87,7 +85,7 @@ TEST_F(ServerSettingsText, AProfileIsInBothFiles) {
     EXPECT_EQ(settings.endpointHost, "host.example");
 }
 
-TEST_F(ServerSettingsText, FilesCanLieElsewhere) {
+TEST_F(ServerSettingsReading, FilesCanLieElsewhere) {
     variables = {{"HOME", "/nowhere"},
                  {"AWS_SHARED_CREDENTIALS_FILE",
                   write("keys", "[default]\naws_access_key_id=a\naws_secret_access_key=b\n")},
@@ -96,7 +94,7 @@ TEST_F(ServerSettingsText, FilesCanLieElsewhere) {
     EXPECT_EQ(read().region, "x-1");
 }
 
-TEST_F(ServerSettingsText, WhatIsWrongIsSaidWithoutValues) {
+TEST_F(ServerSettingsReading, WhatIsWrongIsSaidWithoutValues) {
     variables = {{"AWS_PROFILE", "none"}};
     EXPECT_TRUE(refuses("there is no profile 'none'."));
     variables = {{"AWS_SECRET_ACCESS_KEY", "hush"}};
