@@ -108,14 +108,37 @@ HTTPAnswer CBucketStore::head(ObjectLocation const& location, char const* beginn
 /// Nothing if there is no such object, or the server does not say that there is one.
 std::optional<ObjectVersion> CBucketStore::findVersion(ObjectLocation const& location,
                                                        char const* beginning, yx::CURI const& uri) {
+    StoreCore& core = *connect(uri).core;
+    RetryPolicy::Milliseconds const now = core.getServer().now();
+    std::optional<RecentVersions::Known> const known = core.getRecentVersions().find(location, now);
+    if (known && !core.getServer().isAbandoned())
+        return *known;
     HTTPAnswer const answer = head(location, beginning, uri);
     bool const mayBeMissing =
         answer.status == kForbidden && findErrorCode(answer) == "AccessDenied";
-    if (answer.status == kNotFound || mayBeMissing)
-        return std::nullopt;
+    RecentVersions::Known found;
+    if (answer.status != kNotFound && !mayBeMissing) {
+        if (!isSuccess(answer.status))
+            throw makeAnswerError(beginning, answer, uri);
+        found = readVersion(answer, beginning, uri);
+    }
+    core.getRecentVersions().add(location, found, now);
+    return found;
+}
+
+/// For opening: a missing object is an error.
+ObjectVersion CBucketStore::getVersion(ObjectLocation const& location, yx::CURI const& uri) {
+    StoreCore& core = *connect(uri).core;
+    RetryPolicy::Milliseconds const now = core.getServer().now();
+    std::optional<RecentVersions::Known> const known = core.getRecentVersions().find(location, now);
+    if (known && *known && !core.getServer().isAbandoned())
+        return **known;
+    HTTPAnswer const answer = head(location, kCannotOpen, uri);
     if (!isSuccess(answer.status))
-        throw makeAnswerError(beginning, answer, uri);
-    return readVersion(answer, beginning, uri);
+        throw makeAnswerError(kCannotOpen, answer, uri);
+    ObjectVersion version = readVersion(answer, kCannotOpen, uri);
+    core.getRecentVersions().add(location, version, now);
+    return version;
 }
 
 host::FileStatus CBucketStore::makeStatus(ObjectServer const& server,
@@ -156,11 +179,7 @@ yx::P<yx::IIOStream> CBucketStore::openFile(yx::CURI const& uri, yx::IIOStream::
         throwStoreIsReadOnly(uri);
     if (location.endsInSeparator)
         throw yx::detail::makeFileError(FileAction::Open, EISDIR, makeUriProps(uri));
-    HTTPAnswer const answer = head(location, kCannotOpen, uri);
-    if (!isSuccess(answer.status))
-        throw makeAnswerError(kCannotOpen, answer, uri);
-    return yx::makeObject<CObjectStream>(
-        share(location, readVersion(answer, kCannotOpen, uri), uri), uri);
+    return yx::makeObject<CObjectStream>(share(location, getVersion(location, uri), uri), uri);
 }
 
 bool CBucketStore::fileExists(yx::CURI const& uri) {
@@ -258,9 +277,12 @@ void CBucketStore::uploadFile(yx::CURI const& uri, host::Upload const& upload) {
         throwStoreIsReadOnly(uri);
     if (location.key.empty() || location.endsInSeparator)
         throw yx::detail::makeFileError(FileAction::Open, EISDIR, makeUriProps(uri));
+    StoreCore& core = *connect(uri).core;
+    core.getRecentVersions().remove(location);
     if (!upload.replacesExisting && findVersion(location, kCannotUpload, uri))
         throwObjectExists(uri);
-    BucketUpload(connect(uri).core->getServer(), location, uri, upload).run();
+    core.getRecentVersions().remove(location);
+    BucketUpload(core.getServer(), location, uri, upload).run();
 }
 
 } // namespace kelm::s3

@@ -24,6 +24,7 @@ namespace kelm::s3 {
 /// - An object that the server refuses to those who may not list the bucket, as it does where there
 ///   is none, is opened with `AccessDenied`, and there is none for `fileExists` and `findStatus`.
 ///   What it says of wrong keys is `AccessDenied` there too.
+/// - What the server says of a name counts for two seconds (`RecentVersions`).
 /// - A process that was forked off connects anew. Streams that it was given are of no use to it:
 ///   `NotSupported`.
 class CBucketStore : public yx::CBase, public virtual host::IStore, public host::IStoreUpload {
@@ -79,6 +80,7 @@ private:
     Connection& connect(yx::CURI const& uri);
     std::optional<ObjectVersion> findVersion(ObjectLocation const& location, char const* beginning,
                                              yx::CURI const& uri);
+    ObjectVersion getVersion(ObjectLocation const& location, yx::CURI const& uri);
     HTTPAnswer head(ObjectLocation const& location, char const* beginning, yx::CURI const& uri);
     std::shared_ptr<ObjectContent> share(ObjectLocation const& location,
                                          ObjectVersion const& version, yx::CURI const& uri);

@@ -129,8 +129,11 @@ std::string ObjectContent::request(__int64 begin, __int64 end, yx::CURI const& u
         request.headers["if-range"] = m_version.lastModified;
     HTTPAnswer answer = m_core->getServer().send(request, uri);
     if (answer.status == kPreconditionFailed || answer.status == kRangeNotSatisfiable ||
-        (isSuccess(answer.status) && m_version.differsFrom(answer)))
+        (isSuccess(answer.status) && m_version.differsFrom(answer))) {
+        // Who opens it again gets the new one.
+        m_core->getRecentVersions().remove(m_location);
         throwReplaced(uri);
+    }
     if (!isSuccess(answer.status))
         throw makeAnswerError(kCannotRead, answer, uri);
     verifyPart(answer, begin, end, uri);

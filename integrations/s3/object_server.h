@@ -52,6 +52,11 @@ public:
     /// What tells the place of an object from all others: scheme, server and bucket.
     std::string describePlace(ObjectLocation const& location) const;
 
+    /// The time that `RetryPolicy` counts.
+    RetryPolicy::Milliseconds now() const;
+
+    bool isAbandoned() const { return m_abandonment->isSet(); }
+
 private:
     struct Address {
         std::string scheme;
@@ -66,7 +71,6 @@ private:
                                                                  Address const& address) const;
     Address makeAddress(ObjectLocation const& location);
     bool learnRegion(ObjectRequest const& request, HTTPAnswer const& answer);
-    RetryPolicy::Milliseconds now() const;
     RetryPolicy::Milliseconds chooseDelay(int attempt);
     void wait(RetryPolicy::Milliseconds duration);
 

@@ -4,6 +4,7 @@
 
 #include "integrations/s3/block_cache.h"
 #include "integrations/s3/object_server.h"
+#include "integrations/s3/recent_versions.h"
 
 namespace kelm::s3 {
 
@@ -16,6 +17,7 @@ public:
 
     ObjectServer& getServer() { return m_server; }
     BlockCache& getCache() { return m_cache; }
+    RecentVersions& getRecentVersions() { return m_recentVersions; }
 
     /// Whether this process made it.
     bool isOfThisProcess() const;
@@ -30,6 +32,7 @@ private:
     pid_t m_process;
     ObjectServer m_server;
     BlockCache m_cache;
+    RecentVersions m_recentVersions;
 };
 
 } // namespace kelm::s3

@@ -83,7 +83,33 @@ TEST_F(BucketStore, AnotherVersionIsAnotherFile) {
     EXPECT_EQ(identify("a.vmdk"), before);
     EXPECT_NE(identify("b.vmdk"), before);
     bucket.put("a.vmdk", "changed");
+    bucket.passTime();
     EXPECT_NE(identify("a.vmdk"), before);
+}
+
+TEST_F(BucketStore, WhatIsKnownOfANameCountsForAMoment) {
+    bucket.put("a.vmdk", "content");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(store->fileExists(uri));
+        EXPECT_FALSE(store->fileExists(FakeBucket::uri("b")));
+        EXPECT_EQ(open(uri)->getLength(), 7);
+    }
+    EXPECT_EQ(bucket.getServer().getRequests().size(), 2U);
+    bucket.passTime();
+    bucket.put("b", "new");
+    bucket.put("a.vmdk", "changed now");
+    EXPECT_TRUE(store->fileExists(FakeBucket::uri("b")));
+    EXPECT_EQ(open(uri)->getLength(), 11);
+    EXPECT_EQ(bucket.getServer().getRequests().size(), 4U);
+}
+
+TEST_F(BucketStore, AFileThatAppearsCanBeOpenedAtOnce) {
+    EXPECT_FALSE(store->fileExists(uri));
+    bucket.put("a.vmdk", "content");
+    EXPECT_EQ(open(uri)->getLength(), 7);
+    bucket.put("a.vmdk", "another one");
+    EXPECT_THROW(test_support::readAt(*open(uri), 0, 1), yx::CIOError);
+    EXPECT_EQ(open(uri)->getLength(), 11);
 }
 
 TEST_F(BucketStore, StreamsOfOthersHaveNoStatusHere) {

@@ -57,15 +57,20 @@ FakeBucket::FakeBucket(TestServer::Protocol protocol)
     settings.endpointHost = m_server.getAddress();
     if (protocol == TestServer::Protocol::Encrypted)
         settings.certificatesFile = m_server.getCertificateFile();
-    policy.now = [this] { return m_time; };
+    policy.now = [this] { return m_time.load(); };
     policy.wait = [this](std::chrono::milliseconds duration) {
-        m_time += duration;
+        m_time = m_time.load() + duration;
+        std::lock_guard const guard(m_mutex);
         waits.push_back(duration);
     };
 }
 
 yx::P<kelm::s3::CBucketStore> FakeBucket::makeStore() {
     return yx::makeObject<kelm::s3::CBucketStore>([this] { return settings; }, policy);
+}
+
+void FakeBucket::passTime() {
+    m_time = m_time.load() + kelm::s3::RecentVersions::kLifetime + std::chrono::milliseconds(1);
 }
 
 yx::CURI FakeBucket::uri(std::string const& key) {

@@ -41,6 +41,9 @@ public:
 
     std::vector<std::chrono::milliseconds> waits;
 
+    /// Lets so much time pass that stores ask anew for what they know.
+    void passTime();
+
     /// Made for `makeStore`; a test may change them first.
     kelm::s3::ServerSettings settings;
     kelm::s3::RetryPolicy policy;
@@ -69,7 +72,7 @@ private:
     std::map<std::string, std::string> m_tags;
     std::map<std::string, UploadParts> m_uploads;
     int m_lastUpload = 0;
-    std::chrono::milliseconds m_time{0};
+    std::atomic<std::chrono::milliseconds> m_time{std::chrono::milliseconds(0)};
     TestServer m_server;
 };
 

@@ -124,6 +124,7 @@ TEST_F(ObjectStream, StreamsOnOneVersionShareItsBlocks) {
     test_support::readAt(*second, 0, 10);
     EXPECT_EQ(getRanges().size(), 1U);
     bucket.put("a.vmdk", "another one");
+    bucket.passTime();
     EXPECT_EQ(test_support::toText(test_support::readAt(*open(), 0, 20)), "another one");
     EXPECT_EQ(getRanges().size(), 2U);
 }
