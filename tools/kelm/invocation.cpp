@@ -20,9 +20,7 @@ void writeToStandardError(std::string const& text) {
 } // namespace
 
 Invocation::Invocation(CommandResult& result)
-    : m_result(result),
-      m_files(yx::makeObject<host::FileSystems>(yx::makeObject<yx::CNativeFileSystem>())),
-      m_signals(m_cancel) {
+    : m_result(result), m_files(yx::makeObject<host::FileSystems>()), m_signals(m_cancel) {
     // A reader that goes away must show as an error of writing, so that the work is cleaned up.
     std::signal(SIGPIPE, SIG_IGN);
     // So must a file that the limit of the process lets grow no more.
