@@ -1,7 +1,7 @@
 #include "integrations/nbdkit/store_use.h"
 
 #include "host/backups/descriptor_file.h"
-#include "host/disk/disk_reach.h"
+#include "host/disk/safe_disk.h"
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
