@@ -21,9 +21,9 @@ bool isFileURI(std::string const& argument) {
 /// The scheme of a name that could be a URI of a store; empty for any other.
 std::string schemeOf(std::string const& argument) {
     std::string scheme = argument.substr(0, std::min(argument.find(":/"), argument.size()));
-    bool const isScheme = scheme.size() < argument.size() && scheme.size() > 1 &&
-                          scheme.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+-.") ==
-                              std::string::npos;
+    bool const isScheme =
+        scheme.size() < argument.size() && scheme.size() > 1 &&
+        scheme.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+-.") == std::string::npos;
     return isScheme ? scheme : std::string();
 }
 

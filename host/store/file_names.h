@@ -7,10 +7,10 @@
 namespace kelm::host {
 
 /// The URI of a file that a user names: a path of the operating system, a `file:` URI, or one of
-/// another store (`isStoreURI`), with the errors of `storeOf`, then. Links and
-/// ".." are resolved, in the folder alone for a file that does not exist yet, so that every
-/// spelling of one file gives one URI, and with it one lock file. A folder that does not exist, and
-/// a link to a file that does not exist, is `CIOError` `NotFound` with "uri"; a name that is no
+/// another store (`isStoreURI`), with the errors of `storeOf`, then. Links and ".." are resolved,
+/// in the folder alone for a file that does not exist yet, so that every spelling of one file gives
+/// one URI, and with it one lock file. A folder that does not exist, and a link to nowhere, is
+/// `CIOError` `NotFound` with "uri" (in words of its own for an unknown scheme); a name that is no
 /// UTF-8 is `NotSupported` with "name", and so is one whose real path is no UTF-8; a URI whose
 /// escapes are no UTF-8 is `NotSupported` with "uri".
 yx::CURI uriFromArgument(std::string const& argument);
