@@ -19,8 +19,8 @@ yx::CURI uriFromArgument(std::string const& argument);
 /// has no store.
 yx::CURI resolveName(yx::CURI const& uri);
 
-/// Whether two names mean one file: they are equal once normalised, or lead to the same file of the
-/// operating system, by whatever links.
+/// Whether two names mean one file: they are equal once normalised, or lead to the same file of a
+/// store, by whatever links.
 bool isSameFile(yx::CURI const& left, yx::CURI const& right);
 
 /// Whether a name is that of something else than a regular file, links followed: a device, a pipe,
