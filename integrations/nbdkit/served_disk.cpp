@@ -6,10 +6,10 @@
 
 #include "host/disk/chain_keys.h"
 #include "host/disk/parent_chain.h"
+#include "host/store/file_systems.h"
 #include "host/system/work_options.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/whole_reading.h"
-#include "yx/native_file_system.h"
 
 namespace kelm::nbd {
 
@@ -48,7 +48,7 @@ std::vector<StoredRun> listRunsOf(__int64 grainSizeBytes, IsGrainWritten const& 
 } // namespace
 
 ServedDisk::ServedDisk(DiskSettings const& settings)
-    : m_settings(settings), m_fileSystem(yx::makeObject<yx::CNativeFileSystem>()) {}
+    : m_settings(settings), m_fileSystem(yx::makeObject<host::FileSystems>()) {}
 
 /// Calls `use` with the disk, or one of its readers, and returns what it returns.
 template <class Use>

@@ -3,6 +3,8 @@
 #include <limits>
 #include <thread>
 
+#include <unistd.h>
+
 #include "yx/error.h"
 #include "yx/native_file_system.h"
 
@@ -102,6 +104,12 @@ yx::P<yx::IIOStream> FolderStore::wrap(yx::P<yx::IIOStream> stream, yx::CURI con
 }
 
 void FolderStore::step(yx::CURI const& uri) const {
+    pid_t first = 0;
+    bool const isFirst = m_process.compare_exchange_strong(first, ::getpid());
+    if (m_isOfOneProcess && !isFirst && first != ::getpid()) {
+        throw yx::CIOError(yx::CIOError::IOFailure, "The store was used before the process forked.",
+                           yx::CProps().add("uri", uri.toString(true)), nullptr);
+    }
     while (m_isWaiting && !m_isAbandoned)
         std::this_thread::yield();
     if (m_isAbandoned) {
@@ -110,21 +118,45 @@ void FolderStore::step(yx::CURI const& uri) const {
     }
 }
 
+template <class Action>
+auto FolderStore::translated(Action const& action) const {
+    try {
+        return action();
+    } catch (yx::CIOError const& error) {
+        yx::CProps props;
+        for (int i = 0; i < error.getParams().getCount(); ++i)
+            addTranslated(props, error.getParams().getName(i), error.getParams().getValue(i));
+        throw yx::CIOError(error.getIOCode(), error.getMessage(), props, nullptr);
+    }
+}
+
+void FolderStore::addTranslated(yx::CProps& props, yx::String const& name,
+                                yx::String const& value) const {
+    std::string const uri = "file://" + m_folder;
+    std::string const text = value.toStdString();
+    if (name == "path" && text.rfind(m_folder, 0) == 0)
+        props.add("uri", "test:" + yx::String::fromUTF8(text.substr(m_folder.size())));
+    else if (text.rfind(uri, 0) == 0)
+        props.add(name, "test:" + yx::String::fromUTF8(text.substr(uri.size())));
+    else
+        props.add(name, value);
+}
+
 yx::P<yx::IIOStream> FolderStore::openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                            unsigned int* options) {
-    return wrap(m_local->openFile(toLocal(uri), access, options), uri);
+    return wrap(translated([&] { return m_local->openFile(toLocal(uri), access, options); }), uri);
 }
 
 bool FolderStore::fileExists(yx::CURI const& uri) {
-    return m_local->fileExists(toLocal(uri));
+    return translated([&] { return m_local->fileExists(toLocal(uri)); });
 }
 
 void FolderStore::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
-    m_local->deleteFile(toLocal(uri), ignoreMissing);
+    translated([&] { m_local->deleteFile(toLocal(uri), ignoreMissing); });
 }
 
 yx::CURI FolderStore::resolveName(yx::CURI const& uri) {
-    return fromLocal(m_local->resolveName(toLocal(uri)));
+    return translated([&] { return fromLocal(m_local->resolveName(toLocal(uri))); });
 }
 
 std::optional<FileStatus> FolderStore::findStatus(yx::CURI const& uri, bool followLinks) {
@@ -141,47 +173,48 @@ FileStatus FolderStore::getOpenStatus(yx::IStreamBase& stream) {
 }
 
 std::vector<kelm::host::FolderEntry> FolderStore::listFolder(yx::CURI const& folder) {
-    return m_local->listFolder(toLocal(folder));
+    return translated([&] { return m_local->listFolder(toLocal(folder)); });
 }
 
 yx::P<yx::IIOStream> FolderStore::createFile(yx::CURI const& uri) {
-    return wrap(m_local->createFile(toLocal(uri)), uri);
+    return wrap(translated([&] { return m_local->createFile(toLocal(uri)); }), uri);
 }
 
 void FolderStore::makeFolder(yx::CURI const& folder) {
-    m_local->makeFolder(toLocal(folder));
+    translated([&] { m_local->makeFolder(toLocal(folder)); });
 }
 
 void FolderStore::removeFolder(yx::CURI const& folder) {
-    m_local->removeFolder(toLocal(folder));
+    translated([&] { m_local->removeFolder(toLocal(folder)); });
 }
 
 void FolderStore::rename(yx::CURI const& from, yx::CURI const& to) {
-    m_local->rename(toLocal(from), toLocal(to));
+    translated([&] { m_local->rename(toLocal(from), toLocal(to)); });
 }
 
 void FolderStore::renameIfAbsent(yx::CURI const& from, yx::CURI const& to) {
-    m_local->renameIfAbsent(toLocal(from), toLocal(to));
+    translated([&] { m_local->renameIfAbsent(toLocal(from), toLocal(to)); });
 }
 
 bool FolderStore::tryAddName(yx::CURI const& from, yx::CURI const& to) {
-    return m_hasLinks && m_local->tryAddName(toLocal(from), toLocal(to));
+    return m_hasLinks &&
+           translated([&] { return m_local->tryAddName(toLocal(from), toLocal(to)); });
 }
 
 void FolderStore::copyRights(yx::CURI const& from, yx::CURI const& to) {
-    m_local->copyRights(toLocal(from), toLocal(to));
+    translated([&] { m_local->copyRights(toLocal(from), toLocal(to)); });
 }
 
 void FolderStore::syncFolder(yx::CURI const& folder) {
-    m_local->syncFolder(toLocal(folder));
+    translated([&] { m_local->syncFolder(toLocal(folder)); });
 }
 
 void FolderStore::verifyMayWriteIn(yx::CURI const& folder) {
-    m_local->verifyMayWriteIn(toLocal(folder));
+    translated([&] { m_local->verifyMayWriteIn(toLocal(folder)); });
 }
 
 std::optional<kelm::host::StoreRoom> FolderStore::findRoom(yx::CURI const& folder) {
-    return m_local->findRoom(toLocal(folder));
+    return translated([&] { return m_local->findRoom(toLocal(folder)); });
 }
 
 __int64 FolderStore::getMaxFileLengthBytes(yx::CURI const&) {

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <string>
 
+#include <sys/types.h>
+
 #include "host/store/local_store.h"
 
 namespace test_support {
@@ -50,6 +52,10 @@ public:
     /// As long as it is on, reading and writing waits until `abandon`.
     void setWaiting(bool isOn) { m_isWaiting = isOn; }
 
+    /// From now on, whoever comes with another process than the first one, which has forked, is
+    /// refused with `IOFailure`: so it is with a client that has threads.
+    void keepToOneProcess() { m_isOfOneProcess = true; }
+
     /// For streams: throws or waits.
     void step(yx::CURI const& uri) const;
 
@@ -57,6 +63,10 @@ private:
     yx::CURI toLocal(yx::CURI const& uri) const;
     yx::CURI fromLocal(yx::CURI const& local) const;
     kelm::host::FileStatus own(kelm::host::FileStatus status) const;
+    /// Does something, and has errors name the store's files.
+    template <class Action>
+    auto translated(Action const& action) const;
+    void addTranslated(yx::CProps& props, yx::String const& name, yx::String const& value) const;
     yx::P<yx::IIOStream> wrap(yx::P<yx::IIOStream> stream, yx::CURI const& uri);
 
     std::string m_folder;
@@ -65,6 +75,8 @@ private:
     std::atomic<bool> m_hasLinks = true;
     std::atomic<bool> m_isWaiting = false;
     std::atomic<bool> m_isAbandoned = false;
+    std::atomic<bool> m_isOfOneProcess = false;
+    mutable std::atomic<pid_t> m_process = 0;
 };
 
 } // namespace test_support

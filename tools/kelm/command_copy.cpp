@@ -23,7 +23,7 @@ struct CopyArguments {
 ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
     arguments.transfer.takeEffect(invocation);
     yx::CURI const from = host::uriFromArgument(arguments.from);
-    yx::CURI const to = host::uriFromArgument(nameIn(arguments.to, arguments.from));
+    yx::CURI const to = nameIn(arguments.to, arguments.from);
     warnOfEndedWork(invocation, from);
     LongWork const work(invocation, "copy");
     host::DiskCopyOptions options;

@@ -21,7 +21,7 @@ void writeToStandardError(std::string const& text) {
 
 Invocation::Invocation(CommandResult& result)
     : m_result(result),
-      m_files(yx::makeObject<host::FileSystems>(yx::makeObject<yx::CNativeFileSystem>())),
+      m_files(yx::makeObject<host::FileSystems>()),
       m_signals(m_cancel),
       m_storeWatch(m_cancel, [this](std::chrono::seconds waited) { tellWaiting(waited); }) {
     // A reader that goes away must show as an error of writing, so that the work is cleaned up.

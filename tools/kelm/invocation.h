@@ -17,7 +17,6 @@
 #include "host/transfer/transfer.h"
 #include "tools/kelm/command_result.h"
 #include "tools/kelm/password_options.h"
-#include "yx/native_file_system.h"
 
 namespace kelm::tool {
 

@@ -48,8 +48,9 @@ void addLookOption(CLI::App& command, std::vector<std::string>& target);
 std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
                                       yx::CURI const& mainFile);
 
-/// The new name that a user gives a file: that file's own name in a folder, if it is one.
-std::string nameIn(std::string const& target, std::string const& file);
+/// The new name that a user gives a file: that file's own name in a folder, if it is one. Either
+/// may be of any store.
+yx::CURI nameIn(std::string const& target, std::string const& file);
 
 /// Adds "--threads".
 void addThreadsOption(CLI::App& command, int& target);

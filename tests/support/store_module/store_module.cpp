@@ -13,5 +13,7 @@ extern "C" __attribute__((visibility("default"))) kelm::host::IStore* kelm_make_
     char const* const folder = std::getenv("KELM_TEST_STORE");
     if (contract != kelm_store_contract || std::string_view(scheme) != "test" || !folder)
         return nullptr;
-    return new (yx::CBase::RawNew{}) test_support::FolderStore(folder);
+    auto* const store = new (yx::CBase::RawNew{}) test_support::FolderStore(folder);
+    store->keepToOneProcess();
+    return store;
 }
