@@ -13,6 +13,12 @@ namespace kelm::host {
 /// The export of a disk whose grains are compressed or enciphered, with the work on them and the
 /// writing on several threads. Writing takes about half as long as decoding, and one thread could
 /// not keep up with it. For `exportRaw`.
+///
+/// Grains are written by calls, not decoded into a mapping of the image: a device that fails, or is
+/// full, would be a signal in the middle of a decoder there. Pages that were made ready before
+/// (`MADV_POPULATE_WRITE` tells such failures as errors) can be written back and taken away again
+/// before they are filled, on all file systems but those in memory; and there a mapping is slower
+/// than the calls, since each page is zeroed before it is filled, and mapped and unmapped besides.
 class CodedExport {
 public:
     /// Starts the workers; see `OrderedWorkers` for what that may throw. What is given must outlive

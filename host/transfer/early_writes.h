@@ -20,6 +20,7 @@ public:
     /// How many runs a worker leaves.
     static constexpr std::size_t kMaxLeft = 2;
 
+    /// For so many workers, which are counted from 0; at least one.
     EarlyWrites(int workerCount, Write write);
 
     /// On the thread of a worker: writes the runs that it has left and this one, or leaves this

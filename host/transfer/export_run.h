@@ -16,11 +16,14 @@ struct ExportRun {
     /// back to its host comes into use, and is slow.
     static constexpr __int64 kUnitBytes = 256 << 10;
 
-    /// No more than one system call can take, and few enough that many workers get some.
+    /// How many grains a run has at most: no more than one system call takes, and few enough that
+    /// memory stays small.
     static constexpr __int64 kMaxGrains = 64;
 
-    /// All items of the run; the first `count` are in use.
+    /// Items with room for the grains of a whole unit.
     std::vector<GrainItem> items;
+
+    /// How many of them, from the first on, have a grain.
     std::size_t count = 0;
 
     /// How many grains have been decoded; the next one is that which failed, if one did.

@@ -69,7 +69,8 @@ TEST_F(CodedExport, SmallAndLargeGrainsAreWrittenToTheirPlaces) {
     static_assert(ExportRun::kUnitBytes == 256 << 10 && ExportRun::kMaxGrains == 64);
     for (__int64 const grainSectors : {1, 8, 24, 1024, 2048}) {
         SCOPED_TRACE(grainSectors);
-        auto const grainBytes = static_cast<std::size_t>(grainSectors * 512);
+        __int64 const grainSizeBytes = grainSectors * 512;
+        auto const grainBytes = static_cast<std::size_t>(grainSizeBytes);
         ForeignDisk foreign;
         foreign.extents = {{.sizeSectors = kSmallestDiskBytes / 512,
                             .grainSizeSectors = grainSectors,
