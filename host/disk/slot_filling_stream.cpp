@@ -1,6 +1,7 @@
 #include "host/disk/slot_filling_stream.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstring>
 #include <optional>
@@ -9,6 +10,7 @@
 #include "host/disk/header_finding.h"
 #include "host/disk/readable_sectors.h"
 #include "host/disk/record_size.h"
+#include "kelm/format/constants.h"
 #include "kelm/format/internal/little_endian.h"
 #include "kelm/format/marker.h"
 #include "yx/data_in_stream.h"
@@ -24,9 +26,24 @@ constexpr std::size_t kTablesPassedAtOnce = 64;
 constexpr int kSlotEntryBytes = kSlotSizeTableSizeBytes / kGrainTableEntryCount;
 constexpr int kPlacesInSector = kSectorSizeBytes / kDirectoryEntrySizeBytes;
 
+/// Whether the file may begin as a compressed extent, by the first fields of its header. Most
+/// extents are plain, and are spared the rest of it.
+bool mayBeCompressedExtent(yx::IIOStream& stream) {
+    constexpr int kFlagsPosition = 8;
+    std::array<unsigned char, kFlagsPosition + sizeof(unsigned int)> start{};
+    stream.seek(0);
+    int const count = stream.readLax(start.data(), static_cast<int>(start.size()));
+    if (count < static_cast<int>(start.size()))
+        return false;
+    auto const magic = loadLittleEndian<unsigned int>(start.data());
+    auto const flags = loadLittleEndian<unsigned int>(start.data() + kFlagsPosition);
+    return (magic == kHeaderMagic || magic == kEncryptionExtensionHeaderMagic) &&
+           (flags & kFlagCompressed) != 0;
+}
+
 /// Nothing if the file does not begin as an extent that can be read.
 std::optional<CVMDKSparseExtentHeader> tryReadExtentHeader(yx::P<yx::IIOStream> const& stream) {
-    if (stream->getLength() < kSectorSizeBytes)
+    if (stream->getLength() < kSectorSizeBytes || !mayBeCompressedExtent(*stream))
         return std::nullopt;
     try {
         return tryReadHeader(*yx::makeObject<yx::COptimizingIOStream>(stream.get()));
