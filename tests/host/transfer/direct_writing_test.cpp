@@ -84,8 +84,9 @@ protected:
                     << "seed " << seed << ", step " << step;
                 break;
             default:
-                Bytes const bytes =
-                    random() % 8 == 0 ? zeros(size) : pattern(size, seed + random() % 1000);
+                Bytes const bytes = random() % 8 == 0
+                                        ? zeros(size)
+                                        : pattern(size, static_cast<unsigned int>(random()));
                 write(writing, range.positionBytes, bytes);
                 std::copy(bytes.begin(), bytes.end(), place);
             }
@@ -143,8 +144,9 @@ TEST_F(DirectWritingTest, TouchesOnlyTheBytesAskedFor) {
     __int64 const lengths[] = {kPieceBytes, kPieceBytes, 20};
     std::size_t next = 0;
     for (RecordingFileSystem::Entry const& entry : recording->entries()) {
-        if (entry.operation.kind == Kind::Read || entry.operation.kind == Kind::Write)
+        if (entry.operation.kind == Kind::Read || entry.operation.kind == Kind::Write) {
             EXPECT_EQ(lengths[next++], entry.operation.length);
+        }
     }
     // Zeros where there are some already change nothing.
     writing.writeZeros(5 * kGrainBytes, 512);
