@@ -150,6 +150,8 @@ void DirectWriting::readTables(Extent& extent) {
     header.load(in);
     bool const isPlain =
         !header.isCompressed() && !header.isEncrypted() &&
+        header.getCapacitySectors() >=
+            static_cast<unsigned long long>(extent.described.getSizeSectors()) &&
         header.getGrainSizeSectors() ==
             static_cast<unsigned long long>(m_disk.getGrainSizeBytes() / kSectorSizeBytes);
     if (!isPlain) {

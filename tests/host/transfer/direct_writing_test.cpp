@@ -84,8 +84,9 @@ protected:
                     << "seed " << seed << ", step " << step;
                 break;
             default:
-                Bytes const bytes =
-                    random() % 8 == 0 ? zeros(size) : pattern(size, seed + random() % 1000);
+                Bytes const bytes = random() % 8 == 0
+                                        ? zeros(size)
+                                        : pattern(size, static_cast<unsigned int>(random()));
                 write(writing, range.positionBytes, bytes);
                 std::copy(bytes.begin(), bytes.end(), place);
             }
@@ -143,8 +144,9 @@ TEST_F(DirectWritingTest, TouchesOnlyTheBytesAskedFor) {
     __int64 const lengths[] = {kPieceBytes, kPieceBytes, 20};
     std::size_t next = 0;
     for (RecordingFileSystem::Entry const& entry : recording->entries()) {
-        if (entry.operation.kind == Kind::Read || entry.operation.kind == Kind::Write)
+        if (entry.operation.kind == Kind::Read || entry.operation.kind == Kind::Write) {
             EXPECT_EQ(lengths[next++], entry.operation.length);
+        }
     }
     // Zeros where there are some already change nothing.
     writing.writeZeros(5 * kGrainBytes, 512);
@@ -161,8 +163,6 @@ TEST_F(DirectWritingTest, TouchesOnlyTheBytesAskedFor) {
 TEST_F(DirectWritingTest, TakesWhatHasGotItsPlaceSinceTheLastFlush) {
     createSafe(kindNamed("plain"));
     auto const recording = yx::makeObject<RecordingFileSystem>(files.get());
-    SafeDisk disk(recording.get(), uriOf("disk.vmdk"), kReadWrite, "");
-    DirectWriting writing(disk, kTables);
     auto const countWhole = [&] {
         std::size_t count = 0;
         for (RecordingFileSystem::Entry const& entry : recording->entries()) {
@@ -171,17 +171,21 @@ TEST_F(DirectWritingTest, TakesWhatHasGotItsPlaceSinceTheLastFlush) {
         }
         return count;
     };
-    for (int grain : {7, 8})
-        write(writing, grain * kGrainBytes, pattern(kPieceBytes, 1));
-    write(writing, 7 * kGrainBytes + 9000, pattern(kPieceBytes, 2));
-    writing.flush();
-    EXPECT_GT(countWhole(), 0U);
-    recording->clear();
-    write(writing, 7 * kGrainBytes + 20000, pattern(kPieceBytes, 3));
-    write(writing, 8 * kGrainBytes + 20000, pattern(kPieceBytes, 4));
-    EXPECT_EQ(0U, countWhole());
-    EXPECT_EQ(pattern(kPieceBytes, 2), read(writing, 7 * kGrainBytes + 9000, kPieceBytes));
-    writing.flush();
+    {
+        SafeDisk disk(recording.get(), uriOf("disk.vmdk"), kReadWrite, "");
+        DirectWriting writing(disk, kTables);
+        for (int grain : {7, 8})
+            write(writing, grain * kGrainBytes, pattern(kPieceBytes, 1));
+        write(writing, 7 * kGrainBytes + 9000, pattern(kPieceBytes, 2));
+        writing.flush();
+        EXPECT_GT(countWhole(), 0U);
+        recording->clear();
+        write(writing, 7 * kGrainBytes + 20000, pattern(kPieceBytes, 3));
+        write(writing, 8 * kGrainBytes + 20000, pattern(kPieceBytes, 4));
+        EXPECT_EQ(0U, countWhole());
+        EXPECT_EQ(pattern(kPieceBytes, 2), read(writing, 7 * kGrainBytes + 9000, kPieceBytes));
+        writing.flush();
+    }
     Bytes const content = contentAfterReopening();
     EXPECT_EQ(pattern(kPieceBytes, 3), slice(content, 7 * kGrainBytes + 20000, kPieceBytes));
     EXPECT_EQ(pattern(kPieceBytes, 4), slice(content, 8 * kGrainBytes + 20000, kPieceBytes));

@@ -11,6 +11,7 @@
 #include "host/transfer/disk_flattening.h"
 #include "host/transfer/disk_map.h"
 #include "host/transfer/grain_set.h"
+#include "host/transfer/held_grains.h"
 #include "host/transfer/parent_swap.h"
 #include "host/transfer/raw_content_reader.h"
 #include "tests/host/host_fixture.h"
