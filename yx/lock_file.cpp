@@ -38,6 +38,19 @@ void tryTo(Action const& action) {
     }
 }
 
+/// As `OpenLockFile::tryEnter`. Where nobody can lock, a file that was made for this would only keep
+/// readers from going on without one, and is removed.
+bool tryEnter(detail::OpenLockFile& file, CLockFile::LockType type, bool existed) {
+    try {
+        return file.tryEnter(type == CLockFile::Exclusive ? IStreamBase::Exclusive
+                                                          : IStreamBase::Shared);
+    } catch (CError const& error) {
+        if (!existed && isLockingUnsupported(error))
+            tryTo([&file] { file.removeUnlocked(); });
+        throw;
+    }
+}
+
 } // namespace
 
 CLockFile::CLockFile(IFileSystem* fileSystem, CURI const& uri, LockType type, bool keepFile,
@@ -64,10 +77,21 @@ CLockFile::~CLockFile() {
 }
 
 void CLockFile::take(IFileSystem* fileSystem, LockType type, bool createFile) {
-    bool const existed = fileSystem->fileExists(m_uri);
-    if (!existed && !createFile)
-        throw CLockFileError("The lock file does not exist.", detail::makeUriProps(m_uri), nullptr);
-    m_file = enter(fileSystem, type, existed);
+    if (createFile) {
+        if (P<IIOStream> const made = detail::OpenLockFile::tryMake(*fileSystem, m_uri)) {
+            auto file = std::make_unique<detail::OpenLockFile>(fileSystem, m_uri, made);
+            if (tryEnter(*file, type, false))
+                m_file = std::move(file);
+        }
+    }
+    if (!m_file) {
+        bool const existed = fileSystem->fileExists(m_uri);
+        if (!existed && !createFile) {
+            throw CLockFileError("The lock file does not exist.", detail::makeUriProps(m_uri),
+                                 nullptr);
+        }
+        m_file = enter(fileSystem, type, existed);
+    }
     try {
         m_file->lock();
     } catch (CError const& error) {
@@ -85,17 +109,10 @@ std::unique_ptr<detail::OpenLockFile> CLockFile::enter(IFileSystem* fileSystem, 
                                                        bool existed) const {
     auto const end = std::chrono::steady_clock::now() + kMaxRemovalTime;
     for (int looks = 0; looks < kLeastLooks || std::chrono::steady_clock::now() < end; ++looks) {
-        auto file = std::make_unique<detail::OpenLockFile>(fileSystem, m_uri);
-        try {
-            if (file->tryEnter(type == Exclusive ? IStreamBase::Exclusive : IStreamBase::Shared)) {
-                assert(file->isPresent());
-                return file;
-            }
-        } catch (CError const& error) {
-            // Where nobody can lock, the file would only keep readers from going on without one.
-            if (!existed && isLockingUnsupported(error))
-                tryTo([&] { file->removeUnlocked(); });
-            throw;
+        auto file = std::make_unique<detail::OpenLockFile>(fileSystem, m_uri, nullptr);
+        if (tryEnter(*file, type, existed)) {
+            assert(file->isPresent());
+            return file;
         }
         std::this_thread::yield();
     }

@@ -36,7 +36,8 @@ public:
     COptimizingInStream& operator=(COptimizingInStream const&) = default;
     ~COptimizingInStream() override;
 
-    /// That of the stream under it, with what is still held back here.
+    /// That of the stream under it, with what is still held back here. The first answer for a file
+    /// of the operating system that was just opened for reading is its length at that time.
     __int64 getLength() const override;
 
     /// This layer's own position.

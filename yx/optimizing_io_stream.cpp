@@ -8,6 +8,10 @@ namespace yx {
 COptimizingIOStream::COptimizingIOStream(IIOStream* stream)
     : COptimizingInStream(std::make_unique<detail::StreamBuffering>(stream, stream)) {}
 
+COptimizingIOStream::COptimizingIOStream(IIOStream* stream, int firstFetchBytes)
+    : COptimizingInStream(
+          std::make_unique<detail::StreamBuffering>(stream, stream, firstFetchBytes)) {}
+
 COptimizingIOStream& COptimizingIOStream::operator=(COptimizingIOStream const& other) {
     if (m_buffering != other.m_buffering)
         m_buffering->writeBack();

@@ -34,6 +34,10 @@ public:
     /// with all bytes kept if it cannot.
     explicit COptimizingIOStream(IIOStream* stream);
 
+    /// The same, for one who knows that he will go on reading where he begins: a first small read
+    /// fetches `firstFetchBytes`, at least 4 KiB, instead of 4 KiB.
+    COptimizingIOStream(IIOStream* stream, int firstFetchBytes);
+
     /// Copies share all, as for `COptimizingInStream`. An assignment first writes back what is held
     /// here; a failure to do so passes, and nothing is assigned.
     COptimizingIOStream(COptimizingIOStream const&) = default;

@@ -7,38 +7,30 @@
 #include <memory>
 #include <new>
 #include <ostream>
+#include <utility>
 
+#include "yx/internal/ascii.h"
 #include "yx/memory.h"
 
 namespace yx {
 
 namespace {
 
+using detail::isAscii;
+
 /// Stands for what is no Unicode character.
 constexpr char32_t kReplacement = 0xfffd;
-
-bool isAscii(std::string_view bytes) {
-    return std::all_of(bytes.begin(), bytes.end(),
-                       [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
-}
 
 /// One wide character for each byte, as ASCII and Latin-1 have it.
 ///
 /// The conversions of wxWidgets are not used in this file: where memory runs out, some of them end
 /// the program, and others give an empty text.
 wxString widenBytes(std::string_view bytes) {
-    constexpr std::size_t kShort = 128;
-    auto const widen = [](char byte) {
-        return static_cast<wchar_t>(static_cast<unsigned char>(byte));
-    };
-    if (bytes.size() > kShort) {
-        std::wstring characters(bytes.size(), L'\0');
-        std::transform(bytes.begin(), bytes.end(), characters.begin(), widen);
-        return wxString(characters);
-    }
-    std::array<wchar_t, kShort> characters;
-    std::transform(bytes.begin(), bytes.end(), characters.begin(), widen);
-    return wxString(characters.data(), bytes.size());
+    auto const* const begin = reinterpret_cast<unsigned char const*>(bytes.data());
+    wxString text;
+    // Given to the text without the copy that its constructors make.
+    const_cast<std::wstring&>(text.ToStdWstring()) = std::wstring(begin, begin + bytes.size());
+    return text;
 }
 
 /// The form of UTF-8 sequences that begin with a certain byte.
@@ -101,6 +93,9 @@ std::optional<wxString> tryDecode(std::string_view utf8) {
 }
 
 wxString decode(std::string_view utf8) {
+    // Mostly.
+    if (isAscii(utf8))
+        return widenBytes(utf8);
     std::optional<wxString> const text = tryDecode(utf8);
     return text ? *text : widenBytes(utf8);
 }
@@ -131,8 +126,7 @@ void appendUTF8(std::string& target, char32_t codePoint) {
 
 std::string encode(wxString const& text) {
     std::wstring_view const characters(text.wc_str(), text.length());
-    if (std::all_of(characters.begin(), characters.end(),
-                    [](wchar_t character) { return static_cast<char32_t>(character) < 0x80; })) {
+    if (isAscii(characters)) {
         std::string ascii(characters.size(), '\0');
         std::transform(characters.begin(), characters.end(), ascii.begin(),
                        [](wchar_t character) { return static_cast<char>(character); });
@@ -174,8 +168,8 @@ String String::fromUTF8(std::string_view utf8) {
 }
 
 std::optional<String> String::tryFromUTF8(std::string_view utf8) {
-    std::optional<wxString> const text = tryDecode(utf8);
-    return text ? std::optional<String>(*text) : std::nullopt;
+    std::optional<wxString> text = tryDecode(utf8);
+    return text ? std::optional<String>(std::move(*text)) : std::nullopt;
 }
 
 String& String::operator=(char const* text) {

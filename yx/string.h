@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 #include <wx/buffer.h>
 #include <wx/string.h>
@@ -26,6 +28,10 @@ public:
     String(wxString const& text);
     String(String const&) = default;
 
+    /// Take the text over; what it is taken from is empty then.
+    String(wxString&& text) noexcept { take(text); }
+    String(String&& other) noexcept { take(other.m_text); }
+
     /// Text from UTF-8 bytes; bytes that are no UTF-8 are taken as Latin-1.
     static String fromUTF8(std::string_view utf8);
 
@@ -37,6 +43,13 @@ public:
     String& operator=(char const* text);
     String& operator=(wxString const& text);
     String& operator=(String const&) = default;
+
+    /// Takes the text over.
+    String& operator=(String&& other) noexcept {
+        if (this != &other)
+            take(other.m_text);
+        return *this;
+    }
 
     /// Appends.
     String& operator+=(String const& text);
@@ -77,6 +90,17 @@ public:
     wxString& wx() { return m_text; }
 
 private:
+    /// What a `wxString` keeps its characters in. It has no move of its own.
+    static std::wstring& charactersOf(wxString& text) {
+        static_assert(std::is_same_v<decltype(text.ToStdWstring()), std::wstring const&>);
+        return const_cast<std::wstring&>(text.ToStdWstring());
+    }
+
+    void take(wxString& text) noexcept {
+        charactersOf(m_text) = std::move(charactersOf(text));
+        charactersOf(text).clear();
+    }
+
     wxString m_text;
 };
 

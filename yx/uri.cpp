@@ -6,6 +6,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "yx/error.h"
 #include "yx/internal/stream_error.h"
@@ -87,7 +88,8 @@ bool isLowerCase(wxString const& text) {
 bool isUnreservedText(wxString const& text) {
     std::wstring_view const characters(text.wc_str(), text.length());
     return std::all_of(characters.begin(), characters.end(), [](wchar_t character) {
-        return character < 0x80 && isUnreserved(static_cast<char>(character));
+        return (character >= 'a' && character <= 'z') || (character >= '0' && character <= '9') ||
+               (character < 0x80 && isUnreserved(static_cast<char>(character)));
     });
 }
 
@@ -95,17 +97,27 @@ bool isUnreservedText(wxString const& text) {
 /// escapes, no repeated separators, and no names that begin with a dot.
 bool isPlainPath(wxString const& text) {
     std::wstring_view const path(text.wc_str(), text.length());
-    if (path.empty() || path.front() != '/')
+    if (path.empty() || path.front() != '/' || path.find(L'%') != std::wstring_view::npos)
         return false;
-    wchar_t before = 0;
-    for (wchar_t const character : path) {
-        bool const isOdd =
-            character == '%' || (before == '/' && (character == '/' || character == '.'));
-        if (isOdd)
+    for (size_t name = 1; name < path.size();) {
+        if (path[name] == '/' || path[name] == '.')
             return false;
-        before = character;
+        size_t const end = path.find(L'/', name);
+        if (end == std::wstring_view::npos)
+            break;
+        name = end + 1;
     }
     return true;
+}
+
+/// Where the last name in an escaped path starts; 0 if the path has no root, no name at its end, or
+/// one with escapes or with a dot in front.
+size_t getPlainNameStart(wxString const& text) {
+    std::wstring_view const path(text.wc_str(), text.length());
+    size_t const start = path.rfind(L'/') + 1;
+    bool const isPlain = path.starts_with(L'/') && start < path.size() && path[start] != L'.' &&
+                         path.find(L'%', start) == std::wstring_view::npos;
+    return isPlain ? start : 0;
 }
 
 /// Where the extension of a name starts; its end if there is none.
@@ -191,7 +203,8 @@ bool CURI::operator<(CURI const& other) const {
 }
 
 bool CURI::isEmpty() const {
-    return *this == CURI();
+    return m_scheme.isEmpty() && m_path.isEmpty() && !m_userName && !m_userAuthInfo && !m_host &&
+           m_port == kNoPort && !m_query && !m_fragment;
 }
 
 String CURI::toString(bool escaped) const {
@@ -227,9 +240,15 @@ String CURI::toString(bool escaped) const {
 
 CURI CURI::toNormalized() const {
     CURI result = *this;
+    result.normalize();
+    return result;
+}
+
+void CURI::normalize() {
     bool const isOfThisSystem = m_host && m_host->isEmpty();
     if (isOfThisSystem && !m_query && isLowerCase(m_scheme.wx()) && isPlainPath(m_path.wx()))
-        return result;
+        return;
+    CURI result = *this;
     result.m_scheme = String::fromUTF8(toLowerAscii(m_scheme.toStdString()));
     if (m_host)
         result.m_host = String::fromUTF8(toLowerAscii(m_host->toStdString()));
@@ -244,18 +263,27 @@ CURI CURI::toNormalized() const {
         (!result.m_host || *result.m_host == kThisHost))
         result.m_host = String();
     result.setPath(path);
-    return result;
+    *this = std::move(result);
 }
 
 CURI CURI::getParent() const {
-    CURI result = *this;
-    result.m_query.reset();
-    result.m_fragment.reset();
+    CURI result;
+    result.m_scheme = m_scheme;
+    result.m_userName = m_userName;
+    result.m_userAuthInfo = m_userAuthInfo;
+    result.m_host = m_host;
+    result.m_port = m_port;
+    if (size_t const start = m_host ? getPlainNameStart(m_path.wx()) : 0; start > 0) {
+        result.m_path.wx().assign(m_path.wx(), 0, start);
+        return result;
+    }
     result.setPath(getParentPath(m_path.toStdString(), !isAbsolute()));
     return result;
 }
 
 String CURI::getName() const {
+    if (size_t const start = getPlainNameStart(m_path.wx()); start > 0)
+        return m_path.wx().substr(start);
     std::string const path = m_path.toStdString();
     std::string_view const trimmed = withoutTrailingSeps(path);
     std::optional<String> const name =
@@ -298,13 +326,20 @@ TConstOptRef<String> CURI::getFragmentOptRef() const {
 }
 
 CURI CURI::operator<<(String const& component) const {
-    CURI result = *this;
-    result.m_query.reset();
-    result.m_fragment.reset();
+    CURI result;
+    result.m_scheme = m_scheme;
+    result.m_userName = m_userName;
+    result.m_userAuthInfo = m_userAuthInfo;
+    result.m_host = m_host;
+    result.m_port = m_port;
     // Nothing to escape, and a path that stays as it is.
-    if (m_host && m_path.wx().StartsWith(L"/") && m_path.wx().EndsWith(L"/") &&
+    std::wstring_view const path(m_path.wx().wc_str(), m_path.wx().length());
+    if (m_host && path.starts_with(L'/') && path.ends_with(L'/') &&
         isUnreservedText(component.wx())) {
-        result.m_path += component;
+        wxString& joined = result.m_path.wx();
+        joined.reserve(path.size() + component.wx().length());
+        joined.append(m_path.wx());
+        joined.append(component.wx());
         return result;
     }
     result.setPath(getFolderPath() + escape(component.toStdString(), isSegmentChar));

@@ -78,6 +78,9 @@ public:
     /// system.
     CURI toNormalized() const;
 
+    /// Becomes what `toNormalized` returns, without a copy.
+    void normalize();
+
     /// The folder that contains this: the path without its last component (a separator at its end
     /// does not count as one), ending in "/" unless that leaves it empty; no query, no fragment. A
     /// root is its own parent.

@@ -61,13 +61,17 @@ void BareCodec::compressAllOnAllCores() const {
     });
 }
 
-void BareCodec::decompressAllOnAllCores() const {
-    onAllCores([this](std::size_t first, std::size_t step) {
+void BareCodec::decompressAllOnAllCores(
+    std::function<void(std::size_t index, unsigned char const*)> const& use) const {
+    onAllCores([this, &use](std::size_t first, std::size_t step) {
         mzu::CMiniZCompressor coder(1);
         Buffer target(kGrainBytes, -1);
-        for (std::size_t i = first; i < m_records.size(); i += step)
+        for (std::size_t i = first; i < m_records.size(); i += step) {
             coder.decompressSingleStep(m_records[i]->getData(), m_records[i]->getUsed(),
                                        target.getData(), kGrainBytes);
+            if (use)
+                use(i, target.getData());
+        }
     });
 }
 

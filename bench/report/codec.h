@@ -20,7 +20,11 @@ public:
     /// The same, a part of the grains on each core at once. Cores share caches and more, so
     /// together they need longer than one alone would need for its part.
     void compressAllOnAllCores() const;
-    void decompressAllOnAllCores() const;
+    void decompressAllOnAllCores() const { decompressAllOnAllCores({}); }
+
+    /// Calls `use`, if given, with the index of each grain and the grain, on all these threads.
+    void decompressAllOnAllCores(
+        std::function<void(std::size_t index, unsigned char const*)> const& use) const;
 
     /// Calls `use`, if given, with each grain.
     void decompressAll(std::function<void(unsigned char const*)> const& use = {});

@@ -12,6 +12,7 @@ namespace bench {
 namespace {
 
 constexpr double kMaxMemoryBytes = 128.0 * kMiB;
+constexpr char kDeviceDecides[] = "the device decides; its speed varies from second to second";
 
 /// One thing that is timed in each round: what it leaves is removed first.
 struct Step {
@@ -41,8 +42,10 @@ public:
             m_times.time("decompress on all cores", [this] { m_codec.decompressAllOnAllCores(); });
             m_times.time("encipher", [this] { encipherAll(); });
             writeCompressedBytes();
-            if (!m_context.memoryFolder.empty())
+            if (!m_context.memoryFolder.empty()) {
                 decompressToMemory();
+                decompressToMemoryOnAllCores();
+            }
         }
         addFigures();
         for (Step const& step : steps)
@@ -65,6 +68,9 @@ private:
         std::string const compressedMade = m_context.folder / "compressed2.vmdk";
         std::vector<Step> steps = {
             {"copy", {"cp", "--sparse=always", m_image, copy}, copy, true},
+            {"copy by dd",
+             {"dd", "if=" + m_image, "of=" + copy, "bs=1M", "conv=fdatasync", "status=none"},
+             copy},
             {"import", {tool, "import", m_image, plainMade}, plainMade},
             {"export", {tool, "export", plain, copy}, copy},
             {"encrypted import",
@@ -142,10 +148,22 @@ private:
         std::filesystem::remove(path);
     }
 
+    /// The same by all cores to one file, which takes one write at a time.
+    void decompressToMemoryOnAllCores() {
+        std::string const path = m_context.memoryFolder / "bare.raw";
+        removeAndSettle(path);
+        m_times.time("decompress and write on all cores", [&] {
+            BareFile const file(path, BareFile::Mode::New);
+            m_codec.decompressAllOnAllCores([&](std::size_t index, unsigned char const* grain) {
+                file.write(grain, kGrainBytes, static_cast<long long>(index) * kGrainBytes);
+            });
+        });
+        std::filesystem::remove(path);
+    }
+
     /// A time that should not exceed that of a copy.
     void addCopyFigure(char const* name, char const* step) {
-        add(name, step, "copy", m_times.ratio(step, "copy"), Aim::atMost(1.05),
-            "the device decides; its speed varies from second to second");
+        add(name, step, "copy", m_times.ratio(step, "copy"), Aim::atMost(1.05), kDeviceDecides);
     }
 
     /// The same without a device.
@@ -187,6 +205,12 @@ private:
                    formatBytes(m_codec.getCompressedBytes()).c_str()));
         addCopyFigure("plain import, time of a copy", "import");
         addCopyFigure("plain export, time of a copy", "export");
+        addCopyFigure("compressed export, time of a copy", "compressed export");
+        add("plain export, speed of `dd bs=1M conv=fdatasync`", "export", "copy by dd",
+            m_times.ratio("copy by dd", "export"), Aim::atLeast(1.0), kDeviceDecides);
+        add("compressed export, speed of `dd bs=1M conv=fdatasync`", "compressed export",
+            "copy by dd", m_times.ratio("copy by dd", "compressed export"), Aim::atLeast(1.0),
+            kDeviceDecides);
         bool const copyIsSlower = m_times.median("copy") > m_times.median("encipher");
         char const* const slower = copyIsSlower ? "copy" : "encipher";
         add(std::string("encrypted plain import, speed of the slower of cipher and copy (here: ") +
@@ -217,6 +241,9 @@ private:
             addCodecFigure("compressed export to memory, cores × (codec and `pwrite`)",
                            "compressed export in memory", "decompress and write",
                            "see docs/performance.md, compressed transfers");
+            addAllCoresFigure("compressed export to memory, and codec and `pwrite` on all cores at "
+                              "once to one file",
+                              "compressed export in memory", "decompress and write on all cores");
         }
         add("compressed import, speed of writing and syncing the compressed bytes alone",
             "compressed import", "write compressed",

@@ -10,12 +10,14 @@
 #include "host/disk/disk_files.h"
 #include "host/disk/disk_layout.h"
 #include "host/disk/disk_record.h"
+#include "host/disk/kept_file.h"
 #include "host/store/file_names.h"
 #include "host/store/folder_files.h"
 #include "host/system/error_text.h"
 #include "host/system/name_text.h"
 #include "kelm/format/internal/little_endian.h"
 #include "kelm/kelm.h"
+#include "yx/optimizing_io_stream.h"
 
 namespace kelm::host {
 
@@ -59,13 +61,13 @@ std::vector<DiskExtent> listExtents(CVMDKDescriptor const& descriptor, yx::CURI 
 /// Reads one disk.
 class DiskReader {
 public:
-    DiskReader(yx::IFileSystem* fileSystem, BackupDisk& disk, Link& link)
-        : m_fileSystem(fileSystem), m_disk(disk), m_link(link) {}
+    /// `mainFile` is the disk's main file, open.
+    DiskReader(yx::IFileSystem* fileSystem, KeptFile& mainFile, BackupDisk& disk, Link& link)
+        : m_fileSystem(fileSystem), m_mainFile(mainFile), m_disk(disk), m_link(link) {}
 
     /// False for a file that is a part of some disk, not one of its own.
     bool read() {
-        yx::P<yx::IIOStream> const stream =
-            openVMDKFileStream(m_fileSystem, m_disk.mainFile, yx::IIOStream::ReadOnly);
+        yx::P<yx::IIOStream> const stream = openMainFile();
         if (isBareExtent(stream.get()))
             return false;
         CVMDKDescriptorAccessor const accessor(stream.get(), yx::IIOStream::ReadOnly);
@@ -78,6 +80,10 @@ public:
     }
 
 private:
+    yx::P<yx::IIOStream> openMainFile() {
+        return yx::makeObject<yx::COptimizingIOStream>(m_mainFile.openStream().get());
+    }
+
     bool isBareExtent(yx::IIOStream* stream) {
         unsigned char start[4] = {};
         if (stream->readLax(start, sizeof start) < static_cast<int>(sizeof start))
@@ -137,15 +143,19 @@ private:
     }
 
     void readCompression(std::vector<DiskExtent> const& extents) {
-        if (extents.empty() || !m_fileSystem->fileExists(extents.front().uri))
+        if (extents.empty())
             return;
-        m_disk.isCompressed = readHeader(openVMDKFileStream(m_fileSystem, extents.front().uri,
-                                                            yx::IIOStream::ReadOnly)
-                                             .get())
-                                  .isCompressed();
+        yx::CURI const& first = extents.front().uri;
+        if (first == m_disk.mainFile)
+            m_disk.isCompressed = readHeader(openMainFile().get()).isCompressed();
+        else if (m_fileSystem->fileExists(first))
+            m_disk.isCompressed =
+                readHeader(openVMDKFileStream(m_fileSystem, first, yx::IIOStream::ReadOnly).get())
+                    .isCompressed();
     }
 
     yx::IFileSystem* m_fileSystem;
+    KeptFile& m_mainFile;
     BackupDisk& m_disk;
     Link& m_link;
 };
@@ -159,8 +169,9 @@ public:
         for (yx::CURI const& file : listFilesBelow(folder)) {
             if (isFileOfChange(file))
                 continue;
-            if (isDiskMainFile(file))
-                addDisk(file);
+            yx::P<KeptFile> const opened = tryOpen(file);
+            if (opened && isDiskMainFile(*opened->openStream()))
+                addDisk(file, opened);
             else if (file.getExtension().toStdString() == kDiskExtension)
                 m_suspects.push_back(file);
         }
@@ -176,14 +187,32 @@ public:
     }
 
 private:
-    std::optional<std::size_t> addDisk(yx::CURI const& file) {
+    yx::P<KeptFile> openOnce(yx::CURI const& file) const {
+        unsigned int options = 0;
+        return yx::makeObject<KeptFile>(
+            m_fileSystem->openFile(file, yx::IIOStream::ReadOnly, &options));
+    }
+
+    /// Null for what cannot be opened.
+    yx::P<KeptFile> tryOpen(yx::CURI const& file) const {
+        try {
+            return openOnce(file);
+        } catch (yx::CIOError const& error) {
+            error.nop();
+            return {};
+        }
+    }
+
+    /// `opened` is null for a file that is not open yet.
+    std::optional<std::size_t> addDisk(yx::CURI const& file, yx::P<KeptFile> const& opened) {
         if (auto const found = m_indexes.find(file); found != m_indexes.end())
             return found->second;
         BackupDisk disk;
         disk.mainFile = file;
         Link link;
         try {
-            if (!DiskReader(m_fileSystem, disk, link).read())
+            yx::P<KeptFile> const mainFile = opened ? opened : openOnce(file);
+            if (!DiskReader(m_fileSystem, *mainFile, disk, link).read())
                 return std::nullopt;
         } catch (yx::CError const& error) {
             failWith(disk, BackupState::Damaged, describeError(error));
@@ -232,9 +261,12 @@ private:
     }
 
     std::optional<std::size_t> findParent(yx::CURI const& file) {
+        // Its own name, or one by which a link leads to it.
+        if (auto const found = m_indexes.find(file); found != m_indexes.end())
+            return found->second;
         if (!m_fileSystem->fileExists(file))
             return std::nullopt;
-        return addDisk(resolveName(file));
+        return addDisk(resolveName(file), {});
     }
 
     /// What is wrong with the disk itself comes first.

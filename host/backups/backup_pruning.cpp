@@ -14,7 +14,9 @@ namespace {
 bool liesBelow(yx::CURI const& file, std::vector<yx::CURI> const& folders) {
     std::string const path = file.toNormalized().toString(true).toStdString();
     return std::any_of(folders.begin(), folders.end(), [&](yx::CURI const& folder) {
-        return path.starts_with(folder.toNormalized().toString(true).toStdString() + "/");
+        std::string const prefix = folder.toNormalized().toString(true).toStdString();
+        // The name of a root has its separator.
+        return path.starts_with(prefix.ends_with('/') ? prefix : prefix + '/');
     });
 }
 

@@ -70,7 +70,7 @@ struct CompactedFile {
 /// `writeCompacted`, of `verifyCompacted` and of the files, and leave each file as it was or done.
 class DiskCompaction {
 public:
-    /// `fileSystem` is the operating system's, `mainFile` is a name that `uriFromArgument` made.
+    /// `fileSystem` is a `FileSystems`, `mainFile` is a name that `uriFromArgument` made.
     DiskCompaction(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& mainFile,
                    DiskCompactionOptions const& options);
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "host/backups/moved_names.h"
-#include "host/store/file_status.h"
 #include "host/store/file_names.h"
+#include "host/store/file_status.h"
 #include "host/store/folder_access.h"
 
 namespace kelm::host {

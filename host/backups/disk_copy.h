@@ -42,7 +42,7 @@ struct DiskCopyOptions {
 /// `yx::CLockFileError`; those of `verifyOwnsFiles`.
 class DiskCopy {
 public:
-    /// `fileSystem` is the operating system's, `from` and `to` are names that `uriFromArgument`
+    /// `fileSystem` is a `FileSystems`, `from` and `to` are names that `uriFromArgument`
     /// made.
     DiskCopy(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& from,
              yx::CURI const& to, DiskCopyOptions const& options);

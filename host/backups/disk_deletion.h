@@ -48,7 +48,7 @@ struct DiskDeletionOptions {
 /// of `verifyOwnsFiles` and `verifyHasFilesAlone`. All of these leave every file.
 class DiskDeletion {
 public:
-    /// `fileSystem` is the operating system's, `mainFile` is a name that `uriFromArgument` made.
+    /// `fileSystem` is a `FileSystems`, `mainFile` is a name that `uriFromArgument` made.
     DiskDeletion(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& mainFile,
                  DiskDeletionOptions const& options);
 

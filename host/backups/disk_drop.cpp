@@ -71,8 +71,7 @@ void DiskDrop::openChain() {
     if (!m_disk->hasParent())
         return;
     CVMDKDisk& disk = m_disk->getDisk();
-    m_parent =
-        openDisk(resolveName(disk.getParentDiskMainURI()), yx::IIOStream::ReadOnly);
+    m_parent = openDisk(resolveName(disk.getParentDiskMainURI()), yx::IIOStream::ReadOnly);
     verifyIsContentOfParent(m_fileSystem.get(), m_mainFile, *m_parent);
     openParents(m_fileSystem.get(), *m_parent, m_options.password);
 }

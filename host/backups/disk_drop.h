@@ -62,7 +62,7 @@ struct DiskDropResult {
 /// the disk, for the disk. A disk or child in use is `yx::CLockFileError`.
 class DiskDrop {
 public:
-    /// `fileSystem` is the operating system's, `mainFile` is a name that `uriFromArgument` made.
+    /// `fileSystem` is a `FileSystems`, `mainFile` is a name that `uriFromArgument` made.
     DiskDrop(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& mainFile,
              DiskDropOptions const& options);
 

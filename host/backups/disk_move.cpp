@@ -5,8 +5,8 @@
 #include "host/backups/left_locks.h"
 #include "host/backups/moved_names.h"
 #include "host/disk/digest_file_name.h"
-#include "host/store/file_status.h"
 #include "host/store/file_names.h"
+#include "host/store/file_status.h"
 #include "host/store/folder_access.h"
 
 namespace kelm::host {

@@ -66,7 +66,7 @@ struct DiskMoveResult {
 /// `verifyHasFilesAlone`.
 class DiskMove {
 public:
-    /// `fileSystem` is the operating system's, `from` and `to` are names that `uriFromArgument`
+    /// `fileSystem` is a `FileSystems`, `from` and `to` are names that `uriFromArgument`
     /// made.
     DiskMove(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& from,
              yx::CURI const& to, DiskMoveOptions const& options);

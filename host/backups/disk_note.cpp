@@ -134,8 +134,7 @@ yx::String DiskNote::describe(yx::IFileSystem* fileSystem, yx::CURI const& mainF
         return "The disk is being deleted. 'kelm delete' goes on with it.";
     }
     if (std::optional<DiskNote> const note = tryRead(fileSystem, mainFile, Work::Copying)) {
-        return "The disk is an unfinished copy of '" +
-               nameForPeople(note->files.front().second) +
+        return "The disk is an unfinished copy of '" + nameForPeople(note->files.front().second) +
                "'. The same 'kelm copy' goes on with it.";
     }
     if (fileSystem->fileExists(nameOfDescriptorChange(mainFile)))

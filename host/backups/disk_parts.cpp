@@ -96,8 +96,7 @@ void verifyIsBareExtent(yx::IFileSystem* fileSystem, yx::CURI const& file) {
 DiskRelations::DiskRelations(yx::IFileSystem* fileSystem, std::vector<yx::CURI> const& folders) {
     for (yx::CURI const& folder : folders) {
         for (yx::CURI const& file : listFilesBelow(folder)) {
-            if (m_disks.contains(file) || isFileOfChange(file) ||
-                !isDiskMainFile(file))
+            if (m_disks.contains(file) || isFileOfChange(file) || !isDiskMainFile(file))
                 continue;
             try {
                 m_disks.emplace(file, readDiskParts(fileSystem, file));

@@ -35,8 +35,8 @@ public:
             m_stream.reset();
             m_store.deleteFile(m_uri, true);
         } catch (std::exception const& error) {
-            yx::logWarning(error, "Cannot delete the unfinished file '" + m_uri.toString(true) + "'.",
-                           "");
+            yx::logWarning(error,
+                           "Cannot delete the unfinished file '" + m_uri.toString(true) + "'.", "");
         }
     }
 
@@ -102,8 +102,7 @@ void DurableStore::writeWhole(yx::CURI const& file, std::vector<unsigned char> c
     target.giveName(mayReplace);
 }
 
-void DurableStore::remake(yx::CURI const& file,
-                          std::function<void(yx::CURI const&)> const& fill) {
+void DurableStore::remake(yx::CURI const& file, std::function<void(yx::CURI const&)> const& fill) {
     UnfinishedStoreFile target(file);
     fill(target.getURI());
     target.takeRightsOf(file);

@@ -30,7 +30,7 @@ public:
                        std::function<void(yx::CURI const&)> const& fill); ///< the step
     static void patch(yx::CURI const& file, __int64 positionBytes,
                       std::vector<unsigned char> const& bytes); ///< the step
-    static void remove(yx::CURI const& file);                    ///< the step
+    static void remove(yx::CURI const& file);                   ///< the step
 };
 
 } // namespace kelm::host

@@ -80,11 +80,10 @@ bool areStreamsAlike(yx::IIOStream& one, yx::IIOStream& other, CancelFlag const*
     std::vector<unsigned char> others(static_cast<std::size_t>(kStreamPieceBytes));
     bool isSame = true;
     other.seek(0);
-    forEachPieceOf(one, cancel, meter,
-                   [&](__int64, unsigned char const* bytes, std::size_t count) {
-                       other.read(others.data(), static_cast<int>(count));
-                       isSame = isSame && std::memcmp(bytes, others.data(), count) == 0;
-                   });
+    forEachPieceOf(one, cancel, meter, [&](__int64, unsigned char const* bytes, std::size_t count) {
+        other.read(others.data(), static_cast<int>(count));
+        isSame = isSame && std::memcmp(bytes, others.data(), count) == 0;
+    });
     return isSame;
 }
 

@@ -79,6 +79,24 @@ ChainDigests::Grain const& ChainDigests::find(__int64 grainIndex) {
     return m_section[static_cast<std::size_t>(grainIndex % DigestHeader::kSectionGrains)];
 }
 
+__int64 ChainDigests::countAbsent(__int64 grainIndex, __int64 maxGrains) {
+    if (!m_isWhole)
+        return 0;
+    __int64 end = grainIndex + maxGrains;
+    try {
+        for (Member const& member : m_members) {
+            __int64 const next = member.digests->findNext(grainIndex);
+            if (next >= 0)
+                end = std::min(end, next);
+        }
+    } catch (yx::CIOError const& error) {
+        // Who looks the grains up hears of it.
+        error.nop();
+        return 0;
+    }
+    return end - grainIndex;
+}
+
 std::optional<Digest> ChainDigests::findPlain(__int64 grainIndex) {
     Grain const& grain = find(grainIndex);
     if (!grain.isKnown || grain.holder < 0 || !arePlain(grain.holder))

@@ -138,17 +138,21 @@ bool ChainGrains::isWrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 posi
     return false;
 }
 
-__int64 ChainGrains::countUnwrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes,
-                                        __int64 maxBytes) {
-    ExtentGrains& grains = levelOf(level, disk);
-    // A child may be larger than its parent.
-    if (positionBytes >= grains.getLayout().getSizeBytes())
-        return maxBytes;
+__int64 ChainGrains::countBytesNotIn(std::size_t level, CVMDKDisk& disk, __int64 positionBytes,
+                                     __int64 maxBytes) {
     // Where it is one, so are those behind it in its extent: each has the same place in the parent.
-    if (!grains.at(positionBytes).isGrainOfDisk)
+    if (!levelOf(level, disk).at(positionBytes).isGrainOfDisk)
         return 0;
     disk.seek(positionBytes);
-    __int64 const bytes = disk.countBytesWithoutData(maxBytes);
+    return disk.countBytesWithoutData(maxBytes);
+}
+
+__int64 ChainGrains::countUnwrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes,
+                                        __int64 maxBytes) {
+    // A child may be larger than its parent.
+    if (positionBytes >= levelOf(level, disk).getLayout().getSizeBytes())
+        return maxBytes;
+    __int64 const bytes = countBytesNotIn(level, disk, positionBytes, maxBytes);
     yx::P<CVMDKDisk> const parent = bytes > 0 ? disk.getParentDisk() : nullptr;
     return parent ? countUnwrittenFrom(level + 1, *parent, positionBytes, bytes) : bytes;
 }

@@ -74,6 +74,13 @@ public:
         return countUnwrittenFrom(0, disk, positionBytes, maxBytes);
     }
 
+    /// How many of the bytes from the start of a grain on, at most `maxBytes`, are known to lie in
+    /// grains of which the disk's own files hold nothing: neither `isWrittenHere` nor anything but
+    /// `isPassedOn`. 0 says nothing.
+    __int64 countBytesNotHere(CVMDKDisk& disk, __int64 positionBytes, __int64 maxBytes) {
+        return countBytesNotIn(0, disk, positionBytes, maxBytes);
+    }
+
     /// Whether the disk's own files hold every grain of which a byte is in the range.
     bool isWrittenHere(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);
 
@@ -99,6 +106,8 @@ public:
     }
 
 private:
+    __int64 countBytesNotIn(std::size_t level, CVMDKDisk& disk, __int64 positionBytes,
+                            __int64 maxBytes);
     __int64 countUnwrittenFrom(std::size_t level, CVMDKDisk& disk, __int64 positionBytes,
                                __int64 maxBytes);
     std::optional<bool> tryIsWrittenByMap(CVMDKDisk& disk, __int64 positionBytes, __int64 bytes);

@@ -28,8 +28,9 @@ static_assert(kMaxChainLength < kPastEnd);
 /// Tables of two runs of the library, since an extent may begin within a run of the disk's.
 constexpr int kTablesWhileMerging = 64;
 
-/// At least one for each disk of the longest chain.
-constexpr std::size_t kMaxDirectories = kMaxChainLength + 1;
+/// And at least one for each disk of the chain. Each has a stream with windows of its own, up to
+/// 1 MiB.
+constexpr std::size_t kLeastDirectories = 16;
 
 constexpr unsigned long long kFooterHasDirectory = 0xFFFFFFFFFFFFFFFF;
 
@@ -277,7 +278,7 @@ void ChainMap::openFile(Level const& level, Extent& extent) {
 void ChainMap::keepDirectory(Extent& extent) {
     m_directories.remove(&extent);
     m_directories.push_front(&extent);
-    if (m_directories.size() <= kMaxDirectories)
+    if (m_directories.size() <= std::max(kLeastDirectories, m_levels.size()))
         return;
     m_directories.back()->directory.reset();
     m_directories.pop_back();

@@ -60,7 +60,7 @@ struct MappedGrain {
 ///
 /// Takes 8 bytes for each grain of those tables of 512 that hold anything, up to a limit; above it,
 /// what was not used for longest goes, and is merged again when it is needed. Beside that, the
-/// directories of at most 256 extent files.
+/// directories of at most 16 extent files, or of one for each disk of a longer chain.
 ///
 /// For chains in which every grain of the disk is one whole grain of each file: one grain size, and
 /// extents that are whole numbers of grains. What cannot be read, what the library would refuse, and

@@ -66,15 +66,16 @@ yx::P<yx::IIOStream> withoutDemands(yx::P<yx::IIOStream> const& stream) {
 
 /// The extents of a descriptor, whose files are `files`.
 std::vector<DiskExtent> describeExtents(CVMDKDescriptor const& descriptor, yx::CURI const& mainFile,
-                                        std::vector<yx::CURI> const& files) {
+                                        std::vector<yx::CURI> files) {
     try {
-        return listDescribedExtents(descriptor, mainFile, kSectorSizeBytes, false);
+        return listDescribedExtents(descriptor, mainFile, std::move(files), kSectorSizeBytes,
+                                    false);
     } catch (yx::CIOError const& error) {
         error.nop();
         // The library refuses such a disk in its own words, before it reads where extents begin.
         std::vector<DiskExtent> extents(files.size());
         for (std::size_t i = 0; i < files.size(); ++i)
-            extents[i].uri = files[i];
+            extents[i].uri = std::move(files[i]);
         return extents;
     }
 }
@@ -399,12 +400,15 @@ void DiskFileSystem::verifyIsFinished(Member const& member, CVMDKDescriptor& des
 
 /// Notes what the descriptor says. The members move.
 void DiskFileSystem::learn(Member& member, yx::IIOStream* stream) {
-    Plan const plan = readPlan(member, stream);
+    Plan plan = readPlan(member, stream);
     std::size_t const index = static_cast<std::size_t>(&member - m_members.data());
-    for (DiskExtent const& extent : plan.extents)
-        m_extents.try_emplace(extent.uri, Extent{index, extent.startBytes});
     if (member.access == yx::IIOStream::ReadOnly)
         m_unfinished.addDisk(*plan.descriptor, member.mainFile, plan.extents);
+    // Extents of many files mostly have names in order.
+    for (DiskExtent& extent : plan.extents) {
+        m_extents.try_emplace(m_extents.end(), std::move(extent.uri),
+                              Extent{index, extent.startBytes});
+    }
     member.overlay = plan.overlay;
     member.isKnown = true;
     if (plan.parent && !findMain(*plan.parent))

@@ -81,6 +81,13 @@ bool isDiskMainFile(std::string const& path) {
     return startsWithHeaderMagic(start) || looksLikeDescriptor(start);
 }
 
+bool isDiskMainFile(yx::IInStream& stream) {
+    Probe probe;
+    int const count = stream.readLax(probe.data(), static_cast<int>(probe.size()));
+    std::string_view const start(probe.data(), static_cast<std::size_t>(count));
+    return startsWithHeaderMagic(start) || looksLikeDescriptor(start);
+}
+
 bool isDiskMainFile(yx::CURI const& uri) {
     if (uri.getScheme() == "file")
         return isDiskMainFile(yx::toNativePath(uri).toStdString());

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "yx/uri.h"
+#include "yx/stream.h"
 
 namespace kelm::host {
 
@@ -16,6 +16,9 @@ bool isDiskMainFile(std::string const& path);
 
 /// The same for the file of a URI, in any store; false for a URI without one.
 bool isDiskMainFile(yx::CURI const& uri);
+
+/// The same for an open file, whatever its name. The position moves.
+bool isDiskMainFile(yx::IInStream& stream);
 
 /// What a file takes on its file system, in bytes.
 struct FileUse {

@@ -2,17 +2,19 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 #include "kelm/kelm.h"
 
 namespace kelm::host {
 
-std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
-                                             yx::CURI const& mainFile, __int64 grainSizeBytes,
-                                             bool isCompressed) {
-    yx::TArray<yx::P<CVMDKExtentInfo>> infos;
-    descriptor.getExtentEntries(infos);
-    yx::CURI const folder = mainFile.getParent();
+namespace {
+
+using ExtentInfos = yx::TArray<yx::P<CVMDKExtentInfo>>;
+
+/// All but the names.
+std::vector<DiskExtent> listStretches(ExtentInfos const& infos, yx::CURI const& mainFile,
+                                      __int64 grainSizeBytes, bool isCompressed) {
     std::vector<DiskExtent> extents;
     extents.reserve(static_cast<std::size_t>(infos.getSize()));
     __int64 startBytes = 0;
@@ -25,10 +27,38 @@ std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
                                yx::CProps().add("uri", mainFile.toString(true)), nullptr);
         }
         __int64 const endBytes = startBytes + sizeSectors * kSectorSizeBytes;
-        extents.push_back({vmdkFileReferenceToURI(folder, info->getFilename()), startBytes,
-                           endBytes, grainSizeBytes, isCompressed});
+        extents.push_back({yx::CURI(), startBytes, endBytes, grainSizeBytes, isCompressed});
         startBytes = endBytes;
     }
+    return extents;
+}
+
+} // namespace
+
+std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
+                                             yx::CURI const& mainFile, __int64 grainSizeBytes,
+                                             bool isCompressed) {
+    ExtentInfos infos;
+    descriptor.getExtentEntries(infos);
+    std::vector<DiskExtent> extents = listStretches(infos, mainFile, grainSizeBytes, isCompressed);
+    yx::CURI const folder = mainFile.getParent();
+    for (int i = 0; i < infos.getSize(); ++i) {
+        extents[static_cast<std::size_t>(i)].uri =
+            vmdkFileReferenceToURI(folder, infos[i]->getFilename());
+    }
+    return extents;
+}
+
+std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
+                                             yx::CURI const& mainFile,
+                                             std::vector<yx::CURI>&& files, __int64 grainSizeBytes,
+                                             bool isCompressed) {
+    ExtentInfos infos;
+    descriptor.getExtentEntries(infos);
+    assert(files.size() == static_cast<std::size_t>(infos.getSize()));
+    std::vector<DiskExtent> extents = listStretches(infos, mainFile, grainSizeBytes, isCompressed);
+    for (std::size_t i = 0; i < extents.size(); ++i)
+        extents[i].uri = std::move(files[i]);
     return extents;
 }
 

@@ -19,6 +19,13 @@ std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
                                              yx::CURI const& mainFile, __int64 grainSizeBytes,
                                              bool isCompressed);
 
+/// The same for one who knows the names already: `files` are the normalised ones of all extents, and
+/// are taken over. They stay as they are if this throws.
+std::vector<DiskExtent> listDescribedExtents(CVMDKDescriptor const& descriptor,
+                                             yx::CURI const& mainFile,
+                                             std::vector<yx::CURI>&& files, __int64 grainSizeBytes,
+                                             bool isCompressed);
+
 /// How a disk as a whole is cut into extents and grains: the one place for arithmetic with either.
 /// Knows nothing of the files, which may be cut into other grains: see `ExtentGrains`.
 class DiskLayout {

@@ -7,7 +7,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <unordered_set>
+#include <utility>
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -45,13 +47,17 @@ std::optional<std::string> resolvePath(std::string const& path) {
     return std::nullopt;
 }
 
-std::string folderOf(std::string const& path) {
+std::string_view folderPartOf(std::string_view path) {
     std::size_t end = path.rfind('/');
-    if (end == std::string::npos)
+    if (end == std::string_view::npos)
         return {};
     while (end > 0 && path[end - 1] == '/')
         --end;
-    return end == 0 ? "/" : path.substr(0, end);
+    return path.substr(0, std::max<std::size_t>(end, 1));
+}
+
+std::string folderOf(std::string const& path) {
+    return std::string(folderPartOf(path));
 }
 
 bool isSymbolicLink(std::string const& path) {
@@ -137,6 +143,15 @@ public:
         return folder.plainFiles.contains(nameOf(path)) || isPlain(path);
     }
 
+    /// What `isAllowed` says of the folder of a file, which is there; it is asked once.
+    template <class IsAllowed>
+    bool isAllowedFolderOf(std::string const& path, IsAllowed const& isAllowed) {
+        Folder& folder = find(path);
+        if (!folder.isAllowed)
+            folder.isAllowed = isAllowed(*folder.real);
+        return *folder.isAllowed;
+    }
+
 private:
     static constexpr int kMinFilesToList = 16;
 
@@ -147,13 +162,21 @@ private:
         void operator()(DIR* folder) const { ::closedir(folder); }
     };
 
-    struct Folder {
-        std::optional<std::string> real;
-        bool isListed = false;
-        std::unordered_set<std::string> plainFiles;
+    /// Names are looked up without a copy.
+    struct HashOfName : std::hash<std::string_view> {
+        using is_transparent = void;
     };
 
-    static std::string nameOf(std::string const& path) { return path.substr(path.rfind('/') + 1); }
+    struct Folder {
+        std::optional<std::string> real;
+        std::optional<bool> isAllowed;
+        bool isListed = false;
+        std::unordered_set<std::string, HashOfName, std::equal_to<>> plainFiles;
+    };
+
+    static std::string_view nameOf(std::string_view path) {
+        return path.substr(path.rfind('/') + 1);
+    }
 
     static bool isPlain(std::string const& path) {
         struct stat status = {};
@@ -161,15 +184,19 @@ private:
     }
 
     Folder& find(std::string const& path) {
-        std::string const name = folderOf(path);
-        auto const [folder, isNew] = m_folders.try_emplace(name);
+        std::string_view const name = folderPartOf(path);
+        if (m_last && m_last->first == name)
+            return m_last->second;
+        auto const [folder, isNew] = m_folders.try_emplace(std::string(name));
         if (isNew)
-            folder->second.real = resolvePath(name);
+            folder->second.real = resolvePath(folder->first);
+        m_last = &*folder;
         return folder->second;
     }
 
     void list(Folder& folder, std::string const& path) const {
         folder.isListed = true;
+        folder.plainFiles.reserve(static_cast<std::size_t>(m_fileCount));
         std::unique_ptr<DIR, CloseFolder> const stream(::opendir(path.c_str()));
         for (int left = m_fileCount * kMaxFilesPerFile; stream && left > 0; --left) {
             dirent const* const entry = ::readdir(stream.get());
@@ -182,6 +209,9 @@ private:
 
     int m_fileCount;
     std::map<std::string, Folder> m_folders;
+
+    /// The one that was asked for last; null at first. Mostly it is the next one, too.
+    std::pair<std::string const, Folder>* m_last = nullptr;
 };
 
 DiskReach::DiskReach(yx::CURI const& mainFile, DiskTrust const& trust)
@@ -244,8 +274,11 @@ void DiskReach::verifyExtent(yx::CURI const& extent) const {
 void DiskReach::verifyExtent(yx::CURI const& extent, Folders& folders) const {
     if (isFileOfSystem(extent) && isFileOfSystem(m_mainFile)) {
         std::string const path = pathOfFile(extent);
-        std::optional<std::string> const& folder = folders.resolveFolderOf(path);
-        if (folder && folders.isPlainFile(path) && isInAllowedFolder(*folder + "/file"))
+        auto const isAllowed = [this](std::string const& folder) {
+            return isInAllowedFolder(folder + "/file");
+        };
+        if (folders.resolveFolderOf(path) && folders.isPlainFile(path) &&
+            folders.isAllowedFolderOf(path, isAllowed))
             return;
     }
     if (!isAllowed(extent, folders)) {

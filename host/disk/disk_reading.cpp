@@ -70,6 +70,13 @@ __int64 DiskReading::countUnwrittenBytes(__int64 positionBytes, __int64 maxBytes
     });
 }
 
+__int64 DiskReading::countBytesNotHere(__int64 positionBytes, __int64 maxBytes) {
+    return useDisk(positionBytes / m_layout.getGrainSizeBytes(), [&](CVMDKDisk& disk) {
+        // Each grain has a disk of its own to ask then.
+        return isStuck() ? 0 : m_grains.countBytesNotHere(disk, positionBytes, maxBytes);
+    });
+}
+
 bool DiskReading::isWrittenHere(__int64 positionBytes, __int64 bytes) {
     bool isWrittenHere = true;
     m_layout.forEachGrainPart(positionBytes, bytes, [&](__int64 partBytes, int size) {

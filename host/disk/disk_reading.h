@@ -40,6 +40,11 @@ public:
     /// See `ChainGrains::countUnwrittenBytes`.
     __int64 countUnwrittenBytes(__int64 positionBytes, __int64 maxBytes);
 
+    /// How many bytes from the start of a grain on, at most `maxBytes`, are known to lie in grains
+    /// of the disk of which its own files hold nothing, and which it reads from the same place of
+    /// its parent. See `ChainGrains::countBytesNotHere`.
+    __int64 countBytesNotHere(__int64 positionBytes, __int64 maxBytes);
+
     /// Whether this very disk holds all of a range, or of a grain. See
     /// `ChainGrains::isWrittenHere`.
     bool isWrittenHere(__int64 positionBytes, __int64 bytes);

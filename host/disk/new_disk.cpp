@@ -104,12 +104,12 @@ void verifyFitsFiles(yx::CURI const& uri, NewDisk const& request) {
     bool const isSplit = request.fileSizeLimitBytes != -1;
     __int64 const storeLimitBytes = getMaxFileLengthBytes(uri);
     if (storeLimitBytes < kMaxExtentFileBytes && mostBytes > storeLimitBytes) {
-        throw yx::CInvalidArgError(
-            kCreateName,
-            "A file of the disk could outgrow the " + yx::toString(storeLimitBytes) +
-                " bytes that a file may have there. Split the disk over " +
-                (isSplit ? "smaller" : "several") + " files.",
-            yx::CProps().add("uri", uri.toString(true)));
+        throw yx::CInvalidArgError(kCreateName,
+                                   "A file of the disk could outgrow the " +
+                                       yx::toString(storeLimitBytes) +
+                                       " bytes that a file may have there. Split the disk over " +
+                                       (isSplit ? "smaller" : "several") + " files.",
+                                   yx::CProps().add("uri", uri.toString(true)));
     }
     if (isSplit || mostBytes <= kMaxExtentFileBytes)
         return;

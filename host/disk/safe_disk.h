@@ -147,8 +147,16 @@ public:
     bool isPassedOn(__int64 positionBytes, __int64 bytes) {
         return m_reading.isPassedOn(positionBytes, bytes);
     }
+    __int64 countBytesNotHere(__int64 positionBytes, __int64 maxBytes) {
+        return m_reading.countBytesNotHere(positionBytes, maxBytes);
+    }
     bool isGrainWritten(__int64 grainIndex) { return m_reading.isGrainWritten(grainIndex); }
     bool isGrainWrittenHere(__int64 grainIndex) { return m_reading.isGrainWrittenHere(grainIndex); }
+
+    /// Comes before each change of what grains hold that is made past this object, straight in the
+    /// disk's files: gives the disk its new content ID, as `write` does. For a disk opened for
+    /// writing. See `DirectWriting`.
+    void beginDirectChange() { m_contentIDChange.ensureDone(); }
 
     /// See `ParentIndependence`. Does nothing on a disk without a parent.
     void makeGrainIndependentOfParent(__int64 grainIndex);

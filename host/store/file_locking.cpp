@@ -31,8 +31,8 @@ std::optional<FileLock> tryLockFile(yx::CURI const& uri, FileLock::Type type) {
     if (!store)
         return FileLock();
     unsigned int options = yx::IFileSystem::DoNotMakeFile;
-    auto const access = type == FileLock::Type::Exclusive ? yx::IIOStream::ReadWrite
-                                                          : yx::IIOStream::ReadOnly;
+    auto const access =
+        type == FileLock::Type::Exclusive ? yx::IIOStream::ReadWrite : yx::IIOStream::ReadOnly;
     return tryLockStream(store->openFile(uri, access, &options), type);
 }
 

@@ -1,5 +1,6 @@
 #include "host/store/file_names.h"
 
+#include <algorithm>
 #include <optional>
 #include <vector>
 
@@ -15,6 +16,15 @@ namespace {
 
 bool isFileURI(std::string const& argument) {
     return argument.rfind("file:", 0) == 0;
+}
+
+/// The scheme of a name that could be a URI of a store; empty for any other.
+std::string schemeOf(std::string const& argument) {
+    std::string scheme = argument.substr(0, std::min(argument.find(":/"), argument.size()));
+    bool const isScheme =
+        scheme.size() < argument.size() && scheme.size() > 1 &&
+        scheme.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+-.") == std::string::npos;
+    return isScheme ? scheme : std::string();
 }
 
 /// The components of a normalised, absolute URI's path, still escaped.
@@ -68,7 +78,19 @@ yx::CURI uriFromArgument(std::string const& argument) {
         yx::CURI const uri(text);
         return storeOf(uri).resolveName(uri);
     }
-    return resolveLocalName(isFileURI(argument) ? yx::toNativePath(yx::CURI(text)) : text);
+    if (isFileURI(argument))
+        return resolveLocalName(yx::toNativePath(yx::CURI(text)));
+    try {
+        return resolveLocalName(text);
+    } catch (yx::CIOError const& error) {
+        std::string const scheme = schemeOf(argument);
+        if (error.getIOCode() != yx::CIOError::NotFound || scheme.empty())
+            throw;
+        throw yx::CIOError(yx::CIOError::NotFound,
+                           yx::String::fromUTF8("There is no store for '" + scheme +
+                                                ":' here, and no such file or directory."),
+                           yx::CProps().add("uri", text), nullptr);
+    }
 }
 
 yx::CURI resolveName(yx::CURI const& uri) {

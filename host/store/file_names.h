@@ -7,10 +7,10 @@
 namespace kelm::host {
 
 /// The URI of a file that a user names: a path of the operating system, a `file:` URI, or one of
-/// another store (`isStoreURI`), with the errors of `storeOf`, then. Links and
-/// ".." are resolved, in the folder alone for a file that does not exist yet, so that every
-/// spelling of one file gives one URI, and with it one lock file. A folder that does not exist, and
-/// a link to a file that does not exist, is `CIOError` `NotFound` with "uri"; a name that is no
+/// another store (`isStoreURI`), with the errors of `storeOf`, then. Links and ".." are resolved,
+/// in the folder alone for a file that does not exist yet, so that every spelling of one file gives
+/// one URI, and with it one lock file. A folder that does not exist, and a link to nowhere, is
+/// `CIOError` `NotFound` with "uri" (in words of its own for an unknown scheme); a name that is no
 /// UTF-8 is `NotSupported` with "name", and so is one whose real path is no UTF-8; a URI whose
 /// escapes are no UTF-8 is `NotSupported` with "uri".
 yx::CURI uriFromArgument(std::string const& argument);
@@ -19,8 +19,8 @@ yx::CURI uriFromArgument(std::string const& argument);
 /// has no store.
 yx::CURI resolveName(yx::CURI const& uri);
 
-/// Whether two names mean one file: they are equal once normalised, or lead to the same file of the
-/// operating system, by whatever links.
+/// Whether two names mean one file: they are equal once normalised, or lead to the same file of a
+/// store, by whatever links.
 bool isSameFile(yx::CURI const& left, yx::CURI const& right);
 
 /// Whether a name is that of something else than a regular file, links followed: a device, a pipe,

@@ -3,8 +3,11 @@
 #include <cassert>
 
 #include "host/store/stores.h"
+#include "yx/native_file_system.h"
 
 namespace kelm::host {
+
+FileSystems::FileSystems() : FileSystems(yx::makeObject<yx::CNativeFileSystem>()) {}
 
 FileSystems::FileSystems(yx::P<yx::IFileSystem> local) : m_local(std::move(local)) {
     assert(m_local);

@@ -9,6 +9,9 @@ namespace kelm::host {
 /// flushes; any other scheme goes to `storeOf`, with its errors.
 class FileSystems : public yx::CBase, public virtual yx::IFileSystem, public virtual IFileMover {
 public:
+    /// Files of the operating system are those of a `yx::CNativeFileSystem`.
+    FileSystems();
+
     /// `local` opens `file:` URIs and must not be null.
     explicit FileSystems(yx::P<yx::IFileSystem> local);
 

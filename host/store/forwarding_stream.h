@@ -52,6 +52,9 @@ protected:
     /// The same, for those that override.
     yx::P<yx::IIOStream> const& getTarget() const { return m_stream; }
 
+    /// Lets the other stream go, in the destructor of one that overrides.
+    void dropTarget() { m_stream.reset(); }
+
 private:
     yx::P<yx::IIOStream> m_stream;
 };

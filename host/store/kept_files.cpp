@@ -145,7 +145,10 @@ void KeptFiles::drop() {
     try {
         m_store->syncFolder(m_parent);
     } catch (yx::CError const& error) {
-        yx::logWarning(error, "The former disk is kept in '" + yx::String::fromUTF8(displayName(m_folder)) + "'.", "");
+        yx::logWarning(error,
+                       "The former disk is kept in '" +
+                           yx::String::fromUTF8(displayName(m_folder)) + "'.",
+                       "");
         return;
     }
     removeSecondNames();

@@ -141,8 +141,8 @@ std::vector<FolderEntry> LocalStore::listFolder(yx::CURI const& folder) {
         if (error)
             break;
         std::error_code ignored;
-        entries.push_back({entry->path().filename().string(),
-                           toFileKind(entry->symlink_status(ignored).type())});
+        entries.push_back(
+            {entry->path().filename().string(), toFileKind(entry->symlink_status(ignored).type())});
     }
     if (error) {
         errno = error.value();
@@ -209,6 +209,18 @@ bool LocalStore::tryAddName(yx::CURI const& from, yx::CURI const& to) {
     if (errno == EEXIST)
         throwFileExists(to);
     throwSystemError("Cannot give the file another name", path);
+}
+
+void LocalStore::copyRights(yx::CURI const& from, yx::CURI const& to) {
+    std::string const path = localPathOf(to);
+    struct stat status = {};
+    if (::stat(localPathOf(from).c_str(), &status) != 0)
+        throwSystemError("Cannot look at the file", localPathOf(from));
+    constexpr mode_t kRights = 07777;
+    if (::chown(path.c_str(), status.st_uid, status.st_gid) != 0 && errno != EPERM)
+        throwSystemError("Cannot change the owner of the file", path);
+    if (::chmod(path.c_str(), status.st_mode & kRights) != 0)
+        throwSystemError("Cannot change the rights of the file", path);
 }
 
 void LocalStore::syncFolder(yx::CURI const& folder) {

@@ -26,6 +26,7 @@ public:
     void rename(yx::CURI const& from, yx::CURI const& to) override;
     void renameIfAbsent(yx::CURI const& from, yx::CURI const& to) override;
     bool tryAddName(yx::CURI const& from, yx::CURI const& to) override;
+    void copyRights(yx::CURI const& from, yx::CURI const& to) override;
     void syncFolder(yx::CURI const& folder) override;
     void verifyMayWriteIn(yx::CURI const& folder) override;
     std::optional<StoreRoom> findRoom(yx::CURI const& folder) override;

@@ -119,8 +119,8 @@ public:
     virtual __int64 getMaxFileLengthBytes(yx::CURI const& uri) = 0;
 
     /// Makes all calls that wait for the store fail in bounded time with `IOFailure`, and all later
-    /// ones at once. For another thread than those that wait. Does nothing where calls cannot be
-    /// ended.
+    /// ones at once; does not wait for that. For another thread than those that wait. Does nothing
+    /// where calls cannot be ended.
     virtual void abandon() noexcept = 0;
 };
 

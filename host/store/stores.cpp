@@ -13,6 +13,7 @@
 
 #include "host/store/local_store.h"
 #include "host/store/store_module.h"
+#include "host/store/watched_store.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
 
@@ -72,14 +73,13 @@ SchemeStore loadFrom(std::filesystem::path const& file, std::string const& schem
     void* const library = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (!library)
         return {{}, lastLoadError()};
-    auto const make =
-        reinterpret_cast<kelm_make_store_function>(::dlsym(library, kMakeStoreName));
+    auto const make = reinterpret_cast<kelm_make_store_function>(::dlsym(library, kMakeStoreName));
     if (!make)
         return {{}, lastLoadError()};
     IStore* const store = make(kelm_store_contract, scheme.c_str());
     if (!store)
         return {{}, file.string() + " is of another version."};
-    return {yx::P<IStore>::adopt(store), {}};
+    return {yx::makeObject<WatchedStore>(yx::P<IStore>::adopt(store)), {}};
 }
 
 SchemeStore load(std::string const& scheme) {
@@ -113,14 +113,10 @@ public:
 
     IStore* getLocal() const { return m_local.get(); }
 
-    bool hasAdded(std::string const& scheme) {
-        std::lock_guard const guard(m_mutex);
-        return m_added.contains(scheme);
-    }
-
     void add(std::string const& scheme, yx::P<IStore> store) {
         std::lock_guard const guard(m_mutex);
-        bool const isNew = m_added.try_emplace(scheme, SchemeStore{std::move(store), {}}).second;
+        yx::P<IStore> const watched = yx::makeObject<WatchedStore>(std::move(store));
+        bool const isNew = m_added.try_emplace(scheme, SchemeStore{watched, {}}).second;
         assert(isNew && "one store for each scheme");
         static_cast<void>(isNew);
     }
@@ -147,9 +143,17 @@ std::string toLowerCase(std::string text) {
     return text;
 }
 
-bool isKnownScheme(std::string const& scheme) {
+/// Whether a URI can have it; then it can also be a part of a library's name.
+bool isScheme(std::string const& text) {
+    return !text.empty() && text.front() >= 'a' && text.front() <= 'z' &&
+           text.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+-.") == std::string::npos;
+}
+
+bool isSchemeOfStore(std::string const& scheme) {
+    if (!isScheme(scheme) || scheme == kLocalScheme)
+        return false;
     return std::find(kKnownSchemes.begin(), kKnownSchemes.end(), scheme) != kKnownSchemes.end() ||
-           StoreTable::get().hasAdded(scheme);
+           StoreTable::get().find(scheme).store;
 }
 
 } // namespace
@@ -158,25 +162,31 @@ IStore* findStore(yx::CURI const& uri) {
     if (uri.getScheme() == kLocalScheme)
         return StoreTable::get().getLocal();
     std::string const scheme = toLowerCase(uri.getScheme().toStdString());
-    return scheme.empty() ? nullptr : StoreTable::get().find(scheme).store.get();
+    return isScheme(scheme) ? StoreTable::get().find(scheme).store.get() : nullptr;
 }
 
 IStore& storeOf(yx::CURI const& uri) {
     if (IStore* const store = findStore(uri))
         return *store;
     std::string const scheme = toLowerCase(uri.getScheme().toStdString());
-    std::string const problem = scheme.empty() ? "" : StoreTable::get().find(scheme).problem;
+    std::string const problem = !isScheme(scheme) ? "" : StoreTable::get().find(scheme).problem;
     throw yx::CIOError(yx::CIOError::NotSupported,
                        yx::String::fromUTF8("There is no store for '" + scheme + ":' here." +
                                             (problem.empty() ? "" : " " + problem)),
                        yx::CProps().add("uri", uri.toString(true)), nullptr);
 }
 
+IStoreUpload* findUpload(yx::CURI const& uri) {
+    IStore* const store = findStore(uri);
+    auto* const watched = dynamic_cast<WatchedStore*>(store);
+    return dynamic_cast<IStoreUpload*>(watched ? &watched->getStore() : store);
+}
+
 bool isStoreURI(std::string const& argument) {
     std::size_t const end = argument.find(":/");
     if (end == std::string::npos || end == 0)
         return false;
-    return isKnownScheme(toLowerCase(argument.substr(0, end)));
+    return isSchemeOfStore(toLowerCase(argument.substr(0, end)));
 }
 
 AddedStore::AddedStore(std::string scheme, yx::P<IStore> store) : m_scheme(std::move(scheme)) {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "host/store/store.h"
+#include "host/store/store_upload.h"
 
 namespace kelm::host {
 
@@ -20,9 +21,14 @@ IStore* findStore(yx::CURI const& uri);
 /// found and could not be loaded.
 IStore& storeOf(yx::CURI const& uri);
 
+/// By what the store of a URI takes whole files; null for one that takes them as any other file
+/// system does, and for a URI without a store.
+IStoreUpload* findUpload(yx::CURI const& uri);
+
 /// Whether a name that a user has given is a URI of a store other than the operating system's: it
-/// begins with a scheme and ":/", and the scheme is `ceph`, `s3`, `https` or one that was added. A
-/// file of the operating system of such a name is reached by "./" before it.
+/// begins with a scheme and ":/", and the scheme is `ceph`, `s3` or `https`, installed or not, or
+/// another one that has a store here. A file of the operating system of such a name is reached by
+/// "./" before it.
 bool isStoreURI(std::string const& argument);
 
 /// A store that is found by its scheme as long as this lives, before any library. For hosts with a

@@ -33,7 +33,8 @@ struct FileIdentity {
     /// Has no meaning beyond sorting.
     bool operator<(FileIdentity const& other) const {
         return std::tie(store, device, inode, birthSeconds, birthNanoseconds) <
-               std::tie(other.store, other.device, other.inode, other.birthSeconds, other.birthNanoseconds);
+               std::tie(other.store, other.device, other.inode, other.birthSeconds,
+                        other.birthNanoseconds);
     }
 };
 

@@ -22,31 +22,68 @@ bool passAllOn(std::vector<SafeDisk*> const& links, SafeDisk& base, __int64 posi
     });
 }
 
+__int64 countBytesPassedOn(std::vector<SafeDisk*> const& links, __int64 positionBytes,
+                           __int64 maxBytes) {
+    __int64 bytes = maxBytes;
+    for (SafeDisk* const link : links) {
+        bytes = std::min(bytes, link->getSizeBytes() - positionBytes);
+        if (bytes < 1)
+            return 0;
+        bytes = link->countBytesNotHere(positionBytes, bytes);
+    }
+    return bytes;
+}
+
+__int64 countUnwrittenInside(SafeDisk& disk, __int64 positionBytes, __int64 maxBytes) {
+    __int64 const leftBytes = disk.getSizeBytes() - positionBytes;
+    if (leftBytes <= 0 || maxBytes < 1)
+        return maxBytes;
+    __int64 const bytes = disk.countUnwrittenBytes(positionBytes, std::min(leftBytes, maxBytes));
+    return bytes == leftBytes ? maxBytes : bytes;
+}
+
 GrainSet findGrainsOfLinks(SafeDisk& disk, std::vector<SafeDisk*> const& links, SafeDisk* base,
                            CancelFlag const* cancel) {
-    return chooseGrains(disk, cancel, [&](__int64 grain) {
-        return base ? !passAllOn(links, *base, grain * disk.getGrainSizeBytes(),
-                                 bytesInDisk(disk, grain))
-                    : disk.isGrainWritten(grain);
-    });
+    __int64 const grainSizeBytes = disk.getGrainSizeBytes();
+    return chooseGrains(
+        disk, cancel,
+        [&](__int64 grain) {
+            return base ? !passAllOn(links, *base, grain * grainSizeBytes, bytesInDisk(disk, grain))
+                        : disk.isGrainWritten(grain);
+        },
+        [&](__int64 grain, __int64 maxGrains) {
+            if (!base)
+                return countUnwrittenGrains(disk, grain, maxGrains);
+            __int64 const grains = std::min(maxGrains, kMaxCountedBytes / grainSizeBytes);
+            return countBytesPassedOn(links, grain * grainSizeBytes, grains * grainSizeBytes) /
+                   grainSizeBytes;
+        });
 }
 
 GrainSet findDifferences(SafeDisk& disk, SafeDisk& base, WorkOptions const& options) {
     TransferProgress progress(options, disk.getSizeBytes());
     std::vector<unsigned char> own;
     std::vector<unsigned char> other;
-    GrainSet differences = chooseGrains(disk, nullptr, [&](__int64 grain) {
-        __int64 const positionBytes = grain * disk.getGrainSizeBytes();
-        int const bytes = bytesInDisk(disk, grain);
-        progress.advanceTo(positionBytes);
-        if (!disk.isGrainWritten(grain) && !isWrittenInside(base, positionBytes, bytes))
-            return false;
-        own.resize(static_cast<std::size_t>(bytes));
-        other.resize(static_cast<std::size_t>(bytes));
-        readWithGrainPlace(disk, positionBytes, own.data(), bytes);
-        readAsParent(base, positionBytes, other);
-        return own != other;
-    });
+    __int64 const grainSizeBytes = disk.getGrainSizeBytes();
+    GrainSet differences = chooseGrains(
+        disk, nullptr,
+        [&](__int64 grain) {
+            __int64 const positionBytes = grain * grainSizeBytes;
+            int const bytes = bytesInDisk(disk, grain);
+            progress.advanceTo(positionBytes);
+            if (!disk.isGrainWritten(grain) && !isWrittenInside(base, positionBytes, bytes))
+                return false;
+            own.resize(static_cast<std::size_t>(bytes));
+            other.resize(static_cast<std::size_t>(bytes));
+            readWithGrainPlace(disk, positionBytes, own.data(), bytes);
+            readAsParent(base, positionBytes, other);
+            return own != other;
+        },
+        [&](__int64 grain, __int64 maxGrains) {
+            __int64 const grains = countUnwrittenGrains(disk, grain, maxGrains);
+            return countUnwrittenInside(base, grain * grainSizeBytes, grains * grainSizeBytes) /
+                   grainSizeBytes;
+        });
     progress.finish(disk.getSizeBytes());
     return differences;
 }

@@ -14,6 +14,16 @@ namespace kelm::host {
 bool passAllOn(std::vector<SafeDisk*> const& links, SafeDisk& base, __int64 positionBytes,
                __int64 bytes);
 
+/// How many bytes from a position on, at most `maxBytes`, are known to lie inside of all of `links`,
+/// none of which holds anything of them; each looks them up at the same place of the next. 0 says
+/// nothing.
+__int64 countBytesPassedOn(std::vector<SafeDisk*> const& links, __int64 positionBytes,
+                           __int64 maxBytes);
+
+/// How many bytes from a position on, at most `maxBytes`, are known not to be `isWrittenInside`; 0
+/// says nothing.
+__int64 countUnwrittenInside(SafeDisk& disk, __int64 positionBytes, __int64 maxBytes);
+
 /// The grains of a disk of which one of `links` holds something: the disk itself and parents of it,
 /// the nearest first, without a gap. `base` is the parent of the last of them; null for none.
 GrainSet findGrainsOfLinks(SafeDisk& disk, std::vector<SafeDisk*> const& links, SafeDisk* base,

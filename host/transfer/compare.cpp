@@ -12,6 +12,9 @@ namespace {
 
 constexpr int kChunkBytes = 65536;
 
+/// In one step, whatever holes are known.
+constexpr __int64 kMaxPassedBytes = __int64{1} << 40;
+
 /// One side's present chunk, filled up with zeros behind its end.
 class Side {
 public:
@@ -33,6 +36,22 @@ public:
         return count > 0;
     }
 
+    /// As `ContentReader`; behind the end there are zeros.
+    __int64 countZeros(__int64 maxBytes) {
+        return m_atEnd ? maxBytes : m_reader.countZeros(maxBytes);
+    }
+
+    /// Whole chunks only.
+    void skipZeros(__int64 bytes) {
+        assert(bytes % kChunkBytes == 0);
+        if (m_atEnd)
+            return;
+        m_reader.skipZeros(bytes);
+        m_doneBytes += bytes;
+    }
+
+    bool isAtEnd() const { return m_atEnd; }
+
     /// Null for a chunk of zeros.
     unsigned char const* getData() const { return m_isZero ? nullptr : m_chunk.getData(); }
     __int64 getDoneBytes() const { return m_doneBytes; }
@@ -44,6 +63,14 @@ private:
     bool m_atEnd = false;
     __int64 m_doneBytes = 0;
 };
+
+/// How many bytes, in whole chunks, are known to be zeros on both sides.
+__int64 countEqualZeros(Side& left, Side& right) {
+    if (left.isAtEnd() && right.isAtEnd())
+        return 0;
+    __int64 const bytes = right.countZeros(left.countZeros(kMaxPassedBytes));
+    return bytes - bytes % kChunkBytes;
+}
 
 bool isEqualChunk(unsigned char const* left, unsigned char const* right) {
     if (left && right)
@@ -83,6 +110,14 @@ Comparison compareContent(ContentReader& left, ContentReader& right, WorkOptions
         if (options.cancel)
             options.cancel->check();
         throttle.report(chunkStartBytes, totalBytes);
+        // Where there are zeros, there are often more.
+        if (leftSide.getData() || rightSide.getData())
+            continue;
+        if (__int64 const zeros = countEqualZeros(leftSide, rightSide); zeros > 0) {
+            leftSide.skipZeros(zeros);
+            rightSide.skipZeros(zeros);
+            chunkStartBytes += zeros;
+        }
     }
     result.leftBytes = leftSide.getDoneBytes();
     result.rightBytes = rightSide.getDoneBytes();

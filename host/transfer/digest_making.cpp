@@ -1,5 +1,6 @@
 #include "host/transfer/digest_making.h"
 
+#include <algorithm>
 #include <cassert>
 #include <memory>
 #include <vector>
@@ -51,7 +52,8 @@ void DigestMaking::addRest(WorkOptions const& options) {
         [&](GrainItem& item) {
             while (next < m_disk.getGrainCount() && !m_disk.isGrainWrittenHere(next)) {
                 progress.advanceTo(next * m_disk.getGrainSizeBytes());
-                ++next;
+                next += std::max<__int64>(
+                    countGrainsNotHere(m_disk, next, m_disk.getGrainCount() - next), 1);
             }
             if (next == m_disk.getGrainCount())
                 return false;

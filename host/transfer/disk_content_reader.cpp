@@ -6,6 +6,7 @@
 #include "host/system/work_options.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/grain_place.h"
+#include "host/transfer/plain_grains.h"
 #include "host/transfer/whole_reading.h"
 
 namespace kelm::host {
@@ -49,6 +50,18 @@ int DiskContentReader::readNext(unsigned char* buffer, int bytes, bool& isZero) 
         readWithGrainPlace(m_disk, m_positionBytes, buffer, count);
     m_positionBytes += count;
     return count;
+}
+
+__int64 DiskContentReader::countZeros(__int64 maxBytes) {
+    if (m_positionBytes % m_disk.getGrainSizeBytes() != 0)
+        return 0;
+    __int64 const bytes = std::min({maxBytes, m_lengthBytes - m_positionBytes, kMaxCountedBytes});
+    return bytes > 0 ? m_disk.countUnwrittenBytes(m_positionBytes, bytes) : 0;
+}
+
+void DiskContentReader::skipZeros(__int64 bytes) {
+    assert(bytes >= 0 && bytes <= m_lengthBytes - m_positionBytes);
+    m_positionBytes += bytes;
 }
 
 } // namespace kelm::host

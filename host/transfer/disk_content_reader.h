@@ -19,6 +19,8 @@ public:
 
     __int64 getLength() const override { return m_lengthBytes; }
     int readNext(unsigned char* buffer, int bytes, bool& isZero) override;
+    __int64 countZeros(__int64 maxBytes) override;
+    void skipZeros(__int64 bytes) override;
 
 private:
     void readAhead(unsigned char* buffer, int bytes);

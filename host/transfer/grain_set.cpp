@@ -1,22 +1,60 @@
 #include "host/transfer/grain_set.h"
 
+#include <algorithm>
+#include <bit>
+
 namespace kelm::host {
 
 namespace {
 
-/// How often a signal is looked for, in grains.
+/// How often a signal is looked for, in grains that are looked at.
 constexpr __int64 kChoiceCancelInterval = 4096;
 
 } // namespace
 
+void GrainSet::add(__int64 grainIndex) {
+    Piece& piece = m_pieces[pieceOf(grainIndex)];
+    if (piece.empty())
+        piece.resize(static_cast<std::size_t>(kPieceGrains / kWordGrains));
+    piece[wordOf(grainIndex)] |= bitOf(grainIndex);
+    assert(contains(grainIndex));
+}
+
+__int64 GrainSet::findNext(__int64 grainIndex) const {
+    assert(grainIndex >= 0);
+    while (grainIndex < m_grainCount) {
+        Piece const& piece = m_pieces[pieceOf(grainIndex)];
+        if (piece.empty()) {
+            grainIndex = (grainIndex / kPieceGrains + 1) * kPieceGrains;
+            continue;
+        }
+        // The grain, and those behind it in its word.
+        Word const word = piece[wordOf(grainIndex)] & ~(bitOf(grainIndex) - 1);
+        if (word != 0)
+            return grainIndex / kWordGrains * kWordGrains + std::countr_zero(word);
+        grainIndex = (grainIndex / kWordGrains + 1) * kWordGrains;
+    }
+    return m_grainCount;
+}
+
+void GrainSet::clear() {
+    std::fill(m_pieces.begin(), m_pieces.end(), Piece());
+}
+
 GrainSet chooseGrains(SafeDisk& disk, CancelFlag const* cancel,
-                      std::function<bool(__int64 grainIndex)> const& isChosen) {
+                      std::function<bool(__int64 grainIndex)> const& isChosen,
+                      CountGrains const& countOthers) {
     GrainSet grains(disk.getGrainCount());
-    for (__int64 grain = 0; grain < grains.getGrainCount(); ++grain) {
-        if (cancel && grain % kChoiceCancelInterval == 0)
+    __int64 looks = 0;
+    for (__int64 grain = 0; grain < grains.getGrainCount();) {
+        if (cancel && looks++ % kChoiceCancelInterval == 0)
             cancel->check();
-        if (isChosen(grain))
-            grains.add(grain);
+        if (isChosen(grain)) {
+            grains.add(grain++);
+            continue;
+        }
+        __int64 const others = countOthers ? countOthers(grain, grains.getGrainCount() - grain) : 0;
+        grain += std::max<__int64>(others, 1);
     }
     return grains;
 }

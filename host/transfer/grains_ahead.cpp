@@ -5,6 +5,7 @@
 
 #include "host/transfer/grain_pipeline.h"
 #include "host/transfer/grain_place.h"
+#include "host/transfer/plain_grains.h"
 
 namespace kelm::host {
 
@@ -16,15 +17,20 @@ GrainsAhead::GrainsAhead(SafeDisk& disk, int threadCount)
                      item.result = m_unpreparer.getPlain(item, worker);
                  }) {}
 
-/// Returns false where there is no more to read: no free item, or a grain that cannot be read.
-bool GrainsAhead::submitNext() {
+/// Returns false where there is no more to read: no free item, or a grain that cannot be read. Looks
+/// at no grain from `endGrainIndex` on.
+bool GrainsAhead::submitNext(__int64 endGrainIndex) {
     GrainItem* const free = m_pipeline.getFree();
     if (!free || m_failure)
         return false;
     free->grainIndex = m_nextGrainIndex++;
     try {
-        if (!m_disk.isGrainWritten(free->grainIndex))
+        if (!m_disk.isGrainWritten(free->grainIndex)) {
+            if (m_nextGrainIndex < endGrainIndex)
+                m_nextGrainIndex += countUnwrittenGrains(m_disk, m_nextGrainIndex,
+                                                         endGrainIndex - m_nextGrainIndex);
             return true;
+        }
         m_unpreparer.read(*free);
     } catch (yx::CError const&) {
         m_failure = std::current_exception();
@@ -37,7 +43,7 @@ bool GrainsAhead::submitNext() {
 /// Not further, since looking for grains that are held may take long in a disk that holds few.
 void GrainsAhead::fillUpTo(__int64 endGrainIndex) {
     __int64 const end = std::min(endGrainIndex, m_disk.getGrainCount());
-    while (m_nextGrainIndex < end && submitNext()) {
+    while (m_nextGrainIndex < end && submitNext(end)) {
     }
 }
 

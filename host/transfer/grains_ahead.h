@@ -27,7 +27,7 @@ private:
     using Pipeline = WorkerPipeline<GrainItem>;
 
     void fillUpTo(__int64 endGrainIndex);
-    bool submitNext();
+    bool submitNext(__int64 endGrainIndex);
     GrainItem& takeOldest();
 
     SafeDisk& m_disk;

@@ -5,6 +5,7 @@
 #include <cassert>
 
 #include "host/transfer/grain_place.h"
+#include "host/transfer/plain_grains.h"
 #include "host/transfer/transfer_progress.h"
 
 namespace kelm::host {
@@ -31,14 +32,20 @@ void ImageHasher::addFromDisk(SafeDisk& disk, __int64 endBytes, WorkOptions cons
     TransferProgress progress(options, endBytes);
     __int64 const grainSizeBytes = disk.getGrainSizeBytes();
     yx::TBuffer<unsigned char> buffer;
+    // Grains before this one are known to be zeros.
+    __int64 unwrittenEnd = 0;
     while (m_bytes < endBytes) {
-        __int64 const grainEnd = (m_bytes / grainSizeBytes + 1) * grainSizeBytes;
+        __int64 const grain = m_bytes / grainSizeBytes;
+        __int64 const grainEnd = (grain + 1) * grainSizeBytes;
         auto const bytes = static_cast<int>(std::min(grainEnd, endBytes) - m_bytes);
-        if (disk.isGrainWritten(m_bytes / grainSizeBytes)) {
+        if (grain >= unwrittenEnd && disk.isGrainWritten(grain)) {
             buffer.setUsed(bytes);
             readWithGrainPlace(disk, m_bytes, buffer.getData(), bytes);
             add(buffer.getData(), bytes);
         } else {
+            if (grain >= unwrittenEnd)
+                unwrittenEnd =
+                    grain + countUnwrittenGrains(disk, grain, disk.getGrainCount() - grain);
             addZeros(bytes);
         }
         progress.advanceTo(m_bytes);

@@ -65,9 +65,11 @@ void ImageReader::passHole() {
         if (hole == 0)
             return;
         __int64 const beforeLast = (m_source.getLength() - 1) / m_grainSizeBytes - m_nextGrainIndex;
-        __int64 const grains =
-            countUnwrittenGrains(m_disk, m_nextGrainIndex, std::min(hole, beforeLast));
-        if (grains == 0)
+        __int64 const maxGrains = std::min(hole, beforeLast);
+        __int64 const grains = m_countAbsent
+                                   ? m_countAbsent(m_nextGrainIndex, maxGrains)
+                                   : countUnwrittenGrains(m_disk, m_nextGrainIndex, maxGrains);
+        if (grains <= 0)
             return;
         m_nextGrainIndex += grains;
         m_doneBytes += grains * m_grainSizeBytes;

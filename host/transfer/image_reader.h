@@ -1,7 +1,10 @@
 #pragma once
 
+#include <utility>
+
 #include "host/disk/safe_disk.h"
 #include "host/transfer/changed_grains.h"
+#include "host/transfer/grain_set.h"
 #include "host/transfer/image_length.h"
 #include "host/transfer/raw_source.h"
 #include "host/transfer/transfer_progress.h"
@@ -29,9 +32,13 @@ public:
     bool readNext(yx::TBuffer<unsigned char>& grain, __int64& grainIndex);
 
     /// From now on, grains that lie in holes of the image and that the disk has nothing of, its
-    /// parents included, are passed over: there is nothing to do about them. The last grain is
-    /// read in any case. Not for a reader with `changes`.
-    void skipHoles() { m_skipsHoles = true; }
+    /// parents included, are passed over: there is nothing to do about them. Those are the ones that
+    /// `countAbsent` counts, or, if that is empty, `countUnwrittenGrains`. The last grain is read in
+    /// any case. Not for a reader with `changes`.
+    void skipHoles(CountGrains countAbsent = {}) {
+        m_skipsHoles = true;
+        m_countAbsent = std::move(countAbsent);
+    }
 
     /// Whether `skipHoles` was called, so that what is passed over is zeros.
     bool doesSkipHoles() const { return m_skipsHoles; }
@@ -56,6 +63,7 @@ private:
     __int64 m_doneBytes = 0;
     bool m_isAtEnd = false;
     bool m_skipsHoles = false;
+    CountGrains m_countAbsent;
 };
 
 } // namespace kelm::host

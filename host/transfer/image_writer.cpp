@@ -1,7 +1,12 @@
 #include "host/transfer/image_writer.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
+
+#include <sys/uio.h>
+
+#include "host/transfer/export_run.h"
 
 namespace kelm::host {
 
@@ -23,10 +28,19 @@ void ImageWriter::beginEarly() {
     m_hasBegun = true;
 }
 
-void ImageWriter::writeEarly(__int64 grainIndex, yx::TBuffer<unsigned char> const& grain) const {
-    assert(m_hasBegun && grain.getUsed() >= bytesOf(grainIndex));
-    if (m_canWriteEarly)
-        m_target.writeAt(startOf(grainIndex), grain.getData(), bytesOf(grainIndex));
+void ImageWriter::writeEarly(__int64 firstGrainIndex, std::span<Grain const> grains) const {
+    assert(m_hasBegun && !grains.empty() && grains.size() <= ExportRun::kMaxGrains);
+    if (!m_canWriteEarly)
+        return;
+    std::array<iovec, ExportRun::kMaxGrains> parts{};
+    __int64 grainIndex = firstGrainIndex;
+    for (std::size_t i = 0; i < grains.size(); ++i, ++grainIndex) {
+        assert(grains[i]->getUsed() >= bytesOf(grainIndex));
+        // Nothing is read into it.
+        parts[i].iov_base = const_cast<unsigned char*>(grains[i]->getData());
+        parts[i].iov_len = static_cast<std::size_t>(bytesOf(grainIndex));
+    }
+    m_target.writeAt(startOf(firstGrainIndex), std::span(parts.data(), grains.size()));
 }
 
 void ImageWriter::skipTo(__int64 grainIndex) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <span>
+
 #include "host/disk/safe_disk.h"
 #include "host/transfer/raw_target.h"
 
@@ -12,6 +14,9 @@ namespace kelm::host {
 /// these threads before their turn.
 class ImageWriter {
 public:
+    /// A plain grain.
+    using Grain = yx::TBuffer<unsigned char> const*;
+
     /// `target` must outlive the writer, the disk need not. The image gets `imageBytes` bytes, no
     /// more than the disk has.
     ImageWriter(SafeDisk const& disk, RawTarget& target, __int64 imageBytes);
@@ -22,9 +27,13 @@ public:
     /// Must come before the first `writeEarly`. Further calls do nothing.
     void beginEarly();
 
-    /// Writes a grain at its place before its turn, or does nothing if the image is a pipe. May be
-    /// called on several threads at once.
-    void writeEarly(__int64 grainIndex, yx::TBuffer<unsigned char> const& grain) const;
+    /// Whether `writeEarly` would let all but one thread wait in the system; see
+    /// `RawTarget::takesOneWriteAtATime`.
+    bool takesOneWriteAtATime() const { return m_target.takesOneWriteAtATime(); }
+
+    /// Writes grains that follow each other at their place before their turn, or does nothing if the
+    /// image is a pipe. At most `ExportRun::kMaxGrains`. May be called on several threads at once.
+    void writeEarly(__int64 firstGrainIndex, std::span<Grain const> grains) const;
 
     /// Writes a grain in its turn. Null is a grain of zeros.
     void write(__int64 grainIndex, yx::TBuffer<unsigned char> const* grain);

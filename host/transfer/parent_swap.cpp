@@ -6,6 +6,7 @@
 
 #include "host/transfer/chain_difference.h"
 #include "host/transfer/grain_place.h"
+#include "host/transfer/plain_grains.h"
 #include "host/transfer/transfer_progress.h"
 
 namespace kelm::host {
@@ -89,21 +90,63 @@ void ParentSwap::throwAt(yx::CIOError::Code code, char const* message, Part cons
                        nullptr);
 }
 
+/// How many grains from one on are known to be read from the same place of the parent, whichever
+/// that is.
+__int64 ParentSwap::countNotHere(__int64 grainIndex, __int64 maxGrains) {
+    return countGrainsNotHere(m_child, grainIndex, maxGrains);
+}
+
+/// How many grains from one on, of so many that `countNotHere` has counted, are known not to be
+/// `mayDiffer`.
+__int64 ParentSwap::countPassedOn(__int64 grainIndex, __int64 maxGrains) {
+    if (!m_parents.newParent)
+        return countUnwrittenGrains(m_child, grainIndex, maxGrains);
+    __int64 const grainSizeBytes = m_child.getGrainSizeBytes();
+    __int64 const positionBytes = grainIndex * grainSizeBytes;
+    __int64 const bytes =
+        countBytesPassedOn(m_parents.left, positionBytes, maxGrains * grainSizeBytes);
+    return countBytesPassedOn(m_parents.joined, positionBytes, bytes) / grainSizeBytes;
+}
+
+/// The same for grains that neither the child's old parents hold nor the new ones.
+__int64 ParentSwap::countUnwritten(__int64 grainIndex, __int64 maxGrains) {
+    __int64 const grains = countUnwrittenGrains(m_child, grainIndex, maxGrains);
+    if (!m_parents.newParent)
+        return grains;
+    __int64 const grainSizeBytes = m_child.getGrainSizeBytes();
+    return countUnwrittenInside(*m_parents.newParent, grainIndex * grainSizeBytes,
+                                grains * grainSizeBytes) /
+           grainSizeBytes;
+}
+
 GrainSet ParentSwap::findByTables(CancelFlag const* cancel) {
-    return chooseGrains(m_child, cancel, [&](__int64 grain) {
-        // Most grains of a link are not there, so one look into tables does for them.
-        return anyPart(grain, [&](Part const& part) { return mayDiffer(part) && !isHeld(part); });
-    });
+    return chooseGrains(
+        m_child, cancel,
+        [&](__int64 grain) {
+            // Most grains of a link are not there, so one look into tables does for them.
+            return anyPart(grain,
+                           [&](Part const& part) { return mayDiffer(part) && !isHeld(part); });
+        },
+        [&](__int64 grain, __int64 maxGrains) {
+            return countPassedOn(grain, countNotHere(grain, maxGrains));
+        });
 }
 
 GrainSet ParentSwap::findByContent(WorkOptions const& options) {
     TransferProgress progress(options, m_child.getSizeBytes());
-    GrainSet found = chooseGrains(m_child, nullptr, [&](__int64 grain) {
-        progress.advanceTo(grain * m_child.getGrainSizeBytes());
-        return anyPart(grain, [&](Part const& part) {
-            return mayDiffer(part) && !isHeld(part) && differs(part);
+    GrainSet found = chooseGrains(
+        m_child, nullptr,
+        [&](__int64 grain) {
+            progress.advanceTo(grain * m_child.getGrainSizeBytes());
+            return anyPart(grain, [&](Part const& part) {
+                return mayDiffer(part) && !isHeld(part) && differs(part);
+            });
+        },
+        [&](__int64 grain, __int64 maxGrains) {
+            __int64 const grains = countNotHere(grain, maxGrains);
+            __int64 const passedOn = countPassedOn(grain, grains);
+            return passedOn > 0 ? passedOn : countUnwritten(grain, grains);
         });
-    });
     progress.finish(m_child.getSizeBytes());
     return found;
 }
@@ -123,9 +166,14 @@ void ParentSwap::verifyCanHold(GrainSet const& grains) {
 
 void ParentSwap::verifyReadsAsBefore(GrainSet const& heldBefore, WorkOptions const& options) {
     TransferProgress progress(options, m_child.getSizeBytes());
-    for (__int64 grain = 0; grain < m_child.getGrainCount(); ++grain) {
+    __int64 const grainCount = m_child.getGrainCount();
+    __int64 emptyEnd = 0;
+    for (__int64 grain = 0; grain < grainCount; grain = std::max(grain + 1, emptyEnd)) {
         progress.advanceTo(grain * m_child.getGrainSizeBytes());
         if (heldBefore.contains(grain))
+            continue;
+        emptyEnd = grain + countUnwritten(grain, countNotHere(grain, grainCount - grain));
+        if (emptyEnd > grain)
             continue;
         forEachPart(grain, [&](Part const& part) {
             if (isHeld(part) ? isCopyWrong(part) : differs(part))
@@ -152,8 +200,11 @@ bool ParentSwap::isCopyWrong(Part const& part) {
 }
 
 GrainSet findOwnGrains(SafeDisk& disk, CancelFlag const* cancel) {
-    return chooseGrains(disk, cancel,
-                        [&](__int64 grain) { return disk.isGrainWrittenHere(grain); });
+    return chooseGrains(
+        disk, cancel, [&](__int64 grain) { return disk.isGrainWrittenHere(grain); },
+        [&](__int64 grain, __int64 maxGrains) {
+            return countGrainsNotHere(disk, grain, maxGrains);
+        });
 }
 
 } // namespace kelm::host

@@ -65,6 +65,9 @@ private:
     bool isCopyWrong(Part const& part);
     bool mayDiffer(Part const& part);
     bool isNewWritten(Part const& part);
+    __int64 countNotHere(__int64 grainIndex, __int64 maxGrains);
+    __int64 countPassedOn(__int64 grainIndex, __int64 maxGrains);
+    __int64 countUnwritten(__int64 grainIndex, __int64 maxGrains);
     bool differs(Part const& part);
     void readNew(Part const& part);
     [[noreturn]] void throwAt(yx::CIOError::Code code, char const* message, Part const& part);

@@ -12,14 +12,23 @@ int bytesInDisk(SafeDisk const& disk, __int64 grainIndex) {
 }
 
 __int64 countUnwrittenGrains(SafeDisk& disk, __int64 grainIndex, __int64 maxGrains) {
-    constexpr __int64 kMaxBytes = __int64{1} << 30;
     assert(grainIndex >= 0 && grainIndex < disk.getGrainCount());
     __int64 const grainSizeBytes = disk.getGrainSizeBytes();
-    __int64 const grains = std::min(maxGrains, kMaxBytes / grainSizeBytes);
+    __int64 const grains = std::min(maxGrains, kMaxCountedBytes / grainSizeBytes);
     if (grains < 1)
         return 0;
     // The end of an extent may lie within a grain.
     return disk.countUnwrittenBytes(grainIndex * grainSizeBytes, grains * grainSizeBytes) /
+           grainSizeBytes;
+}
+
+__int64 countGrainsNotHere(SafeDisk& disk, __int64 grainIndex, __int64 maxGrains) {
+    assert(grainIndex >= 0 && grainIndex < disk.getGrainCount());
+    __int64 const grainSizeBytes = disk.getGrainSizeBytes();
+    __int64 const grains = std::min(maxGrains, kMaxCountedBytes / grainSizeBytes);
+    if (grains < 1)
+        return 0;
+    return disk.countBytesNotHere(grainIndex * grainSizeBytes, grains * grainSizeBytes) /
            grainSizeBytes;
 }
 

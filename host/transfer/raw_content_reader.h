@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+
 #include "host/transfer/content_reader.h"
 #include "host/transfer/raw_source.h"
 
@@ -15,6 +17,10 @@ public:
     int readNext(unsigned char* buffer, int bytes, bool& isZero) override {
         return m_source.readNext(buffer, bytes, isZero);
     }
+    __int64 countZeros(__int64 maxBytes) override {
+        return std::min(m_source.findHoleBytes(), maxBytes);
+    }
+    void skipZeros(__int64 bytes) override { m_source.skipTo(m_source.getPosition() + bytes); }
 
 private:
     RawSource& m_source;

@@ -1,13 +1,9 @@
 #include "host/transfer/raw_export.h"
 
-#include <cassert>
-
+#include "host/transfer/coded_export.h"
 #include "host/transfer/exact_size.h"
-#include "host/transfer/grain_pipeline.h"
-#include "host/transfer/grain_place.h"
 #include "host/transfer/image_writer.h"
 #include "host/transfer/plain_grains.h"
-#include "host/transfer/unpreparer.h"
 #include "host/transfer/whole_reading.h"
 #include "host/transfer/written_grain_reader.h"
 
@@ -29,37 +25,6 @@ void exportPlain(SafeDisk& disk, ImageWriter& writer, TransferProgress& progress
     }
 }
 
-/// With the decoding and deciphering on several threads.
-void exportCoded(SafeDisk& disk, ImageWriter& writer, int threads, TransferProgress& progress) {
-    assert(threads > 0);
-    Unpreparer unpreparer(disk, threads);
-    GrainPipeline pipeline(threads, disk.getGrainSizeBytes(), [&](GrainItem& item, int worker) {
-        yx::P<GrainItem::Buffer> const plain = unpreparer.getPlain(item, worker);
-        if (isZeroGrain(*plain))
-            return;
-        // Writing takes about as long as decoding, so the workers do that too.
-        writer.writeEarly(item.grainIndex, *plain);
-        item.result = plain;
-    });
-    WrittenGrainReader reader(disk, progress, writer.getImageBytes());
-    pipeline.run(
-        [&](GrainItem& item) {
-            if (!reader.findNext(item.grainIndex))
-                return false;
-            unpreparer.read(item);
-            progress.addRead(item.input->getUsed());
-            writer.beginEarly();
-            return true;
-        },
-        [&](GrainItem& item) {
-            writer.writeLate(item.grainIndex, item.result.get());
-            if (item.result)
-                progress.addStored(item.result->getUsed());
-            progress.advanceTo(item.grainIndex * disk.getGrainSizeBytes());
-        },
-        grainPlaceOf(disk));
-}
-
 } // namespace
 
 void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options) {
@@ -69,7 +34,7 @@ void exportRaw(SafeDisk& disk, RawTarget& target, WorkOptions const& options) {
     ImageWriter writer(disk, target, imageBytes);
     target.verifyHasRoomFor(imageBytes);
     if (disk.getDisk().getCompressed() || disk.getDisk().isEncrypted())
-        exportCoded(disk, writer, countThreads(options), progress);
+        CodedExport(disk, writer, countThreads(options), progress).run();
     else
         exportPlain(disk, writer, progress);
     writer.finish();

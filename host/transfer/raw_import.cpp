@@ -319,8 +319,13 @@ void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
     PeriodicFlush flush(disk, options.flushIntervalBytes);
     int const threads = countThreads(options);
     // Where the parents have digests, these tell of grains that a parent has lost too.
-    if (!parents && !changes)
+    if (parents && !changes && present == PresentContent::OfParent) {
+        reader.skipHoles([parents](__int64 grainIndex, __int64 maxGrains) {
+            return parents->countAbsent(grainIndex, maxGrains);
+        });
+    } else if (!parents && !changes) {
         reader.skipHoles();
+    }
     if (isPreparedByWorkers(disk) && !isCompared)
         importCoded(reader, disk, digests, threads, flush, progress);
     else if ((parents || changes || isPreparedByWorkers(disk)) &&

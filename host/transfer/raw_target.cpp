@@ -74,6 +74,19 @@ FileDescriptor openDeviceAlone(std::string const& path) {
     return device;
 }
 
+/// What is left of the parts behind so many bytes.
+std::span<iovec> skipBytes(std::span<iovec> parts, std::size_t bytes) {
+    while (!parts.empty() && bytes >= parts.front().iov_len) {
+        bytes -= parts.front().iov_len;
+        parts = parts.subspan(1);
+    }
+    if (!parts.empty()) {
+        parts.front().iov_base = static_cast<unsigned char*>(parts.front().iov_base) + bytes;
+        parts.front().iov_len -= bytes;
+    }
+    return parts;
+}
+
 } // namespace
 
 RawTarget::RawTarget(std::string const& path, bool overwrite, CancelFlag const* cancel,
@@ -212,18 +225,23 @@ bool RawTarget::beginWritingAnywhere() {
 }
 
 void RawTarget::writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const {
+    // Nothing is read into it.
+    iovec part = {const_cast<unsigned char*>(data), static_cast<std::size_t>(bytes)};
+    writeAt(positionBytes, std::span(&part, 1));
+}
+
+void RawTarget::writeAt(__int64 positionBytes, std::span<iovec> parts) const {
     assert(m_kind == Kind::Device || (m_kind == Kind::File && m_isOurs));
     assert(positionBytes >= 0);
-    while (bytes > 0) {
+    while (!parts.empty()) {
         ssize_t const count =
-            ::pwrite(m_file.get(), data, static_cast<std::size_t>(bytes), positionBytes);
+            ::pwritev(m_file.get(), parts.data(), static_cast<int>(parts.size()), positionBytes);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0)
             throwSystemError("Cannot write the image", m_path);
         positionBytes += count;
-        data += count;
-        bytes -= static_cast<int>(count);
+        parts = skipBytes(parts, static_cast<std::size_t>(count));
     }
 }
 

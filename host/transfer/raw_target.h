@@ -1,7 +1,10 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
+
+#include <sys/uio.h>
 
 #include "host/system/cancel.h"
 #include "host/system/file_descriptor.h"
@@ -56,6 +59,13 @@ public:
     /// Writes at the given place, once `beginWritingAnywhere` has returned true. Several threads
     /// may do so at once, each at another place, also while any other function of the object runs.
     void writeAt(__int64 positionBytes, unsigned char const* data, int bytes) const;
+
+    /// The same for parts that follow each other, at most 1,024 (IOV_MAX). `parts` are used up.
+    void writeAt(__int64 positionBytes, std::span<iovec> parts) const;
+
+    /// Whether threads that call `writeAt` at once wait for each other in the system, as they do for
+    /// a file.
+    bool takesOneWriteAtATime() const { return m_kind == Kind::File; }
 
     /// Counts as the next bytes what `writeAt` has written behind the current position.
     void passWritten(__int64 bytes);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <utility>
 
 #include <cephfs/libcephfs.h>
 
@@ -29,54 +30,60 @@ unsigned long long makeLockOwner() {
 
 } // namespace
 
-int CephFile::query(ceph_mount_info* client, struct ceph_statx& status, unsigned int want) const {
-    return ceph_fstatx(client, m_descriptor, &status, want, 0);
-}
+CephFile::CephFile(std::shared_ptr<CephMount> mount, int descriptor, bool isWritable)
+    : m_mount(std::move(mount)),
+      m_descriptor(descriptor),
+      m_isWritable(isWritable),
+      m_lockHandle(std::make_shared<LockHandle>()) {}
 
 int CephFile::setLock(short type, __int64 begin, __int64 end) noexcept {
-    ceph_mount_info* const client = m_mount->tryUse();
-    if (!client)
-        return -ENOTCONN;
-    if (!m_lockHandle) {
-        if (int const result = openLockHandle(client); result != 0)
-            return result;
-    }
-    struct flock range {};
-    range.l_type = type;
-    range.l_whence = SEEK_SET;
-    range.l_start = begin;
-    range.l_len = end - begin;
-    return ceph_ll_setlk(client, m_lockHandle, &range, m_lockOwner, 0);
+    int const openMode = m_isWritable ? O_RDWR : O_RDONLY;
+    return m_mount->tryCall(
+        [=, descriptor = m_descriptor, handle = m_lockHandle](ceph_mount_info* client) {
+            if (!handle->file) {
+                if (int const result = openLockHandle(client, descriptor, openMode, *handle);
+                    result != 0)
+                    return result;
+            }
+            struct flock range {};
+            range.l_type = type;
+            range.l_whence = SEEK_SET;
+            range.l_start = begin;
+            range.l_len = end - begin;
+            return ceph_ll_setlk(client, handle->file, &range, handle->owner, 0);
+        });
 }
 
 int CephFile::close() noexcept {
-    ceph_mount_info* const client = m_mount->tryUse();
-    int result = 0;
-    if (client && m_lockHandle)
-        ceph_ll_close(client, m_lockHandle);
-    if (client && m_inode)
-        ceph_ll_put(client, m_inode);
-    if (client && m_descriptor >= 0)
-        result = ceph_close(client, m_descriptor);
-    m_lockHandle = nullptr;
-    m_inode = nullptr;
-    m_descriptor = -1;
-    return result;
+    if (m_descriptor < 0)
+        return 0;
+    int const descriptor = std::exchange(m_descriptor, -1);
+    // Then the file has ended with the connection, or is another process's to close.
+    if (!m_mount->isUsable())
+        return 0;
+    return m_mount->tryCall([descriptor, handle = m_lockHandle](ceph_mount_info* client) {
+        if (handle->file)
+            ceph_ll_close(client, std::exchange(handle->file, nullptr));
+        if (handle->inode)
+            ceph_ll_put(client, std::exchange(handle->inode, nullptr));
+        return ceph_close(client, descriptor);
+    });
 }
 
-int CephFile::openLockHandle(ceph_mount_info* client) {
-    if (!m_inode) {
+int CephFile::openLockHandle(ceph_mount_info* client, int descriptor, int openMode,
+                             LockHandle& handle) {
+    if (!handle.inode) {
         struct ceph_statx status {};
-        if (int const result = query(client, status, CEPH_STATX_INO); result != 0)
+        if (int const result = ceph_fstatx(client, descriptor, &status, CEPH_STATX_INO, 0);
+            result != 0)
             return result;
         // The name may be another file's by now; the open file's number is not.
-        m_inode = ceph_ll_get_inode(client, {{status.stx_ino}, {status.stx_dev}});
-        if (!m_inode)
+        handle.inode = ceph_ll_get_inode(client, {{status.stx_ino}, {status.stx_dev}});
+        if (!handle.inode)
             return -ESTALE;
     }
-    m_lockOwner = makeLockOwner();
-    return ceph_ll_open(client, m_inode, m_isWritable ? O_RDWR : O_RDONLY, &m_lockHandle,
-                        ceph_mount_perms(client));
+    handle.owner = makeLockOwner();
+    return ceph_ll_open(client, handle.inode, openMode, &handle.file, ceph_mount_perms(client));
 }
 
 } // namespace kelm::ceph

@@ -6,7 +6,6 @@
 
 struct Inode;
 class Fh;
-struct ceph_statx;
 
 namespace kelm::ceph {
 
@@ -17,8 +16,7 @@ namespace kelm::ceph {
 class CephFile {
 public:
     /// Takes over `descriptor`, which the mount's client has opened; `isWritable` says how.
-    CephFile(std::shared_ptr<CephMount> mount, int descriptor, bool isWritable)
-        : m_mount(std::move(mount)), m_descriptor(descriptor), m_isWritable(isWritable) {}
+    CephFile(std::shared_ptr<CephMount> mount, int descriptor, bool isWritable);
     CephFile(CephFile const&) = delete;
     CephFile& operator=(CephFile const&) = delete;
 
@@ -27,10 +25,6 @@ public:
 
     CephMount& getMount() const { return *m_mount; }
     int getDescriptor() const { return m_descriptor; }
-
-    /// Fills in what `want` (a sum of CEPH_STATX_ values) asks for. Returns 0 or a negative `errno`
-    /// value.
-    int query(ceph_mount_info* client, struct ceph_statx& status, unsigned int want) const;
 
     /// Sets (F_RDLCK, F_WRLCK) or frees (F_UNLCK) a lock from `begin` to before `end`, without
     /// waiting. All locks of one file object have one owner; those of others, in whatever process,
@@ -42,16 +36,20 @@ public:
     int close() noexcept;
 
 private:
-    int openLockHandle(ceph_mount_info* client);
+    /// What locks are set through. A call that was left alone may still use it.
+    struct LockHandle {
+        Inode* inode = nullptr; ///< null until the first lock
+        Fh* file = nullptr;     ///< as well
+        unsigned long long owner = 0;
+    };
+
+    static int openLockHandle(ceph_mount_info* client, int descriptor, int openMode,
+                              LockHandle& handle);
 
     std::shared_ptr<CephMount> m_mount;
     int m_descriptor;
     bool m_isWritable;
-
-    /// Both null until the first lock.
-    Inode* m_inode = nullptr;
-    Fh* m_lockHandle = nullptr;
-    unsigned long long m_lockOwner = 0;
+    std::shared_ptr<LockHandle> m_lockHandle;
 };
 
 } // namespace kelm::ceph

@@ -31,19 +31,29 @@ public:
     void setLength(__int64 length) override;
 
     /// Null once closed.
-    CephFile* getFile() const { return m_file.get(); }
+    CephFile const* getFile() const { return m_file.get(); }
 
 private:
     /// A part of a file whose start has been read, so that it may be in the client's cache.
     static constexpr int kBlockBytes = 256 * 1024;
     static constexpr std::size_t kKnownBlocks = 16;
 
+    /// The most that one call of the client reads or writes.
+    static constexpr int kTransferBytes = 1024 * 1024;
+
+    using Buffer = std::shared_ptr<char[]>;
+
     bool isOpen() const override { return static_cast<bool>(m_file); }
     int readAt(__int64 position, void* target, int sizeBytes) const override;
     void writeAt(__int64 position, Piece const* pieces, int count, __int64 sizeBytes) override;
     yx::P<yx::IStreamLock> lockAt(__int64 position, __int64 length, bool exclusive) override;
 
-    void fetchBlock(ceph_mount_info* client, __int64 block) const;
+    int call(CephMount::Call const& call) const { return m_file->getMount().call(uri(), call); }
+    Buffer const& provideBuffer(int sizeBytes) const;
+    void dropBuffer() const;
+    bool isFetched(__int64 block) const;
+    int readPart(__int64 position, char* target, int sizeBytes) const;
+    int writePart(__int64 position, int sizeBytes);
     [[noreturn]] void throwSyncError() const;
 
     /// Null once closed. Tokens of locks keep it.
@@ -55,7 +65,12 @@ private:
     /// The numbers of the blocks that were fetched last, -1 for none. The oldest gives way.
     mutable std::array<__int64, kKnownBlocks> m_fetchedBlocks;
     mutable std::size_t m_nextFetched = 0;
-    mutable std::unique_ptr<char[]> m_blockBuffer;
+    mutable __int64 m_endOfLastRead = -1;
+
+    /// What calls of the client read to and write from, since a call may outlive the operation that
+    /// it was made for. Null until the first one.
+    mutable Buffer m_buffer;
+    mutable int m_bufferBytes = 0;
 
     bool m_needsSync;
 

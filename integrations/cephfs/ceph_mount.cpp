@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <set>
 #include <sstream>
 #include <system_error>
 
@@ -30,6 +31,8 @@ constexpr char kMaxDirtySize[] = "16777216";
 
 [[noreturn]] void throwUnreachable(int result, char const* words, yx::CURI const& uri) {
     int const errorNumber = -result;
+    if (result == -ECANCELED)
+        throw makeClusterError("", result, yx::detail::makeUriProps(uri));
     std::string const message = std::string("Cannot reach the cluster: ") + words + " (" +
                                 std::generic_category().message(errorNumber) + ").";
     throw yx::CIOError(yx::getSystemErrorCode(errorNumber), yx::String::fromUTF8(message),
@@ -111,6 +114,65 @@ void requireUnforked(yx::CURI const& uri) {
     processOfMounts = ::getpid();
 }
 
+/// The longest that a file may become; 0 or a negative `errno` value.
+int findMaxFileLength(ceph_mount_info* client, __int64& lengthBytes) {
+    int const root = ceph_open(client, "/", O_RDONLY | O_DIRECTORY, 0);
+    if (root < 0)
+        return root;
+    // The client has no question for it. But before it refuses to write to what is open for reading
+    // it refuses to write past the longest length, by what it was told when it was mounted; so
+    // nothing is sent and nothing can be written.
+    __int64 fits = 0;
+    __int64 isTooLong = std::numeric_limits<__int64>::max();
+    while (isTooLong - fits > 1) {
+        __int64 const length = fits + (isTooLong - fits) / 2;
+        char const byte = 0;
+        bool const isRefused = ceph_write(client, root, &byte, 1, length - 1) == -EFBIG;
+        (isRefused ? isTooLong : fits) = length;
+    }
+    lengthBytes = fits;
+    return ceph_close(client, root);
+}
+
+/// The connections that a process takes leave of when it ends, if their owners have not: a client
+/// that ends without would be missed by the cluster, and might not have written all.
+class LivingMounts {
+public:
+    /// Lives as long as the process: owners may take leave later than this does.
+    static LivingMounts& get() {
+        static LivingMounts* const mounts = new LivingMounts;
+        // Made after the first client, whose library ends what it needs later then.
+        static LeaveAtExit const atExit;
+        return *mounts;
+    }
+
+    void add(CephMount& mount) {
+        std::lock_guard const guard(m_mutex);
+        m_mounts.insert(&mount);
+    }
+    void remove(CephMount& mount) {
+        std::lock_guard const guard(m_mutex);
+        m_mounts.erase(&mount);
+    }
+
+private:
+    struct LeaveAtExit {
+        LeaveAtExit() = default;
+        LeaveAtExit(LeaveAtExit const&) = delete;
+        LeaveAtExit& operator=(LeaveAtExit const&) = delete;
+        ~LeaveAtExit() { get().leaveAll(); }
+    };
+
+    void leaveAll() {
+        std::lock_guard const guard(m_mutex);
+        for (CephMount* const mount : m_mounts)
+            mount->leave();
+    }
+
+    std::mutex m_mutex;
+    std::set<CephMount*> m_mounts;
+};
+
 /// The mask for the modes of new files. Asking the system for it would change it for a moment.
 mode_t readCreationMask() {
     std::ifstream status("/proc/self/status");
@@ -123,40 +185,103 @@ mode_t readCreationMask() {
 
 } // namespace
 
-CephMount::CephMount(CephLocation const& location, yx::CURI const& uri) : m_process(::getpid()) {
+CephMount::CephMount(CephLocation const& location, yx::CURI const& uri,
+                     std::shared_ptr<CephCalls> calls)
+    : m_calls(std::move(calls)), m_process(::getpid()) {
     requireUnforked(uri);
-    std::string const name = location.user.empty() ? findUserInEnvironment() : location.user;
-    if (int const result = ceph_create(&m_client, name.empty() ? nullptr : name.c_str());
-        result != 0)
-        throwUnreachable(result, "its client cannot be made", uri);
+    m_site.user = location.user.empty() ? findUserInEnvironment() : location.user;
+    ++openMounts;
     try {
         connect(location, uri);
+        LivingMounts::get().add(*this);
     } catch (...) {
-        ceph_shutdown(m_client);
+        leave();
         throw;
     }
-    ++openMounts;
+    clearAwayTheDead();
 }
 
 CephMount::~CephMount() {
-    ceph_mount_info* const client = tryUse();
-    if (!client)
+    if (!isOwnProcess())
         return;
-    ceph_shutdown(client);
-    --openMounts;
+    LivingMounts::get().remove(*this);
+    leave();
 }
 
-ceph_mount_info* CephMount::use(yx::CURI const& uri) const {
-    if (ceph_mount_info* const client = tryUse())
-        return client;
-    throwForked(uri);
+bool CephMount::isOwnProcess() const noexcept {
+    return m_process == ::getpid();
 }
 
-ceph_mount_info* CephMount::tryUse() const noexcept {
-    return m_process == ::getpid() ? m_client : nullptr;
+bool CephMount::isUsable() const noexcept {
+    return isOwnProcess() && !m_hasLeft;
+}
+
+void CephMount::leave() noexcept {
+    if (!isOwnProcess() || m_hasLeft.exchange(true))
+        return;
+    int const result = m_client ? m_calls->make([client = m_client] {
+        ceph_shutdown(client);
+        return 0;
+    })
+                                : 0;
+    // A client that was given up is left alone, since its calls may never return. It lives as long
+    // as the process does.
+    if (result == 0)
+        --openMounts;
+    if (m_note && result == 0)
+        m_note->remove();
+    else if (m_note)
+        m_note->keepLocked();
+}
+
+int CephMount::call(yx::CURI const& uri, Call const& call) const {
+    if (!isOwnProcess())
+        throwForked(uri);
+    return tryCall(call);
+}
+
+int CephMount::tryCall(Call const& call) const noexcept {
+    if (!isUsable())
+        return -ENOTCONN;
+    return m_calls->make([client = m_client, call] { return call(client); });
+}
+
+bool CephMount::clearAwayTheDead() noexcept {
+    try {
+        std::lock_guard const guard(m_clearingMutex);
+        bool hasCleared = false;
+        for (ClientNote& note : ClientNote::takeThoseOfTheDead(m_site)) {
+            int const result = tryCall([uuid = note.getUUID()](ceph_mount_info* client) {
+                int const started = ceph_start_reclaim(client, uuid.c_str(), CEPH_RECLAIM_RESET);
+                ceph_finish_reclaim(client);
+                return started;
+            });
+            hasCleared = hasCleared || result == 0;
+            // That the cluster does not know the client is as good.
+            if (result == 0 || result == -ENOENT)
+                note.remove();
+        }
+        return hasCleared;
+    } catch (std::exception const&) {
+        return false;
+    }
 }
 
 void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
+    m_note.emplace();
+    startClient(location, uri);
+    enterFolder(location, uri);
+    ceph_umask(m_client, readCreationMask());
+    m_site.clusterID = getSetting("fsid");
+    m_site.fileSystemNumber = ceph_get_fs_cid(m_client);
+    m_note->setSite(m_site);
+}
+
+void CephMount::startClient(CephLocation const& location, yx::CURI const& uri) {
+    if (int const result =
+            ceph_create(&m_client, m_site.user.empty() ? nullptr : m_site.user.c_str());
+        result != 0)
+        throwUnreachable(result, "its client cannot be made", uri);
     // Errors are told by exceptions. What the client itself has to say goes to its log.
     ceph_conf_set(m_client, "log_to_stderr", "false");
     ceph_conf_set(m_client, "err_to_stderr", "false");
@@ -172,24 +297,38 @@ void CephMount::connect(CephLocation const& location, yx::CURI const& uri) {
     }
     if (!location.fileSystem.empty())
         ceph_conf_set(m_client, "client_fs", location.fileSystem.c_str());
-    if (int const result = ceph_init(m_client); result != 0)
+    if (int const result = call(uri, ceph_init); result != 0)
         throwUnreachable(result, getReasonOfInit(result), uri);
-    enterFolder(location.path, uri);
-    ceph_umask(m_client, readCreationMask());
-    m_clusterID = getSetting("fsid");
-    m_fileSystemNumber = ceph_get_fs_cid(m_client);
+    ceph_set_uuid(m_client, m_note->getUUID().c_str());
 }
 
-void CephMount::enterFolder(std::string const& path, yx::CURI const& uri) {
-    int const result = ceph_mount(m_client, "/");
+/// A client forgets its UUID when it cannot mount a folder, and does not survive that it is set again.
+void CephMount::restartClient(CephLocation const& location, yx::CURI const& uri) {
+    int const result = call(uri, [](ceph_mount_info* client) {
+        ceph_shutdown(client);
+        return 0;
+    });
+    if (result != 0)
+        throwUnreachable(result, "its client cannot be ended", uri);
+    m_client = nullptr;
+    startClient(location, uri);
+}
+
+void CephMount::enterFolder(CephLocation const& location, yx::CURI const& uri) {
+    auto const tryToMount = [this, &uri](std::string const& folder) {
+        return call(
+            uri, [folder](ceph_mount_info* client) { return ceph_mount(client, folder.c_str()); });
+    };
+    int const result = tryToMount("/");
     if (result == 0)
         return;
-    std::string const wholePath = normalizePath(path);
+    std::string const wholePath = normalizePath(location.path);
     size_t end = 0;
     while ((result == -EPERM || result == -EACCES) && end < wholePath.size()) {
         end = std::min(wholePath.find('/', end + 1), wholePath.size());
         m_folder = wholePath.substr(0, end);
-        if (ceph_mount(m_client, m_folder.c_str()) == 0)
+        restartClient(location, uri);
+        if (tryToMount(m_folder) == 0)
             return;
     }
     throwUnreachable(result, getReasonOfMount(result), uri);
@@ -210,30 +349,23 @@ std::string CephMount::toClientPath(std::string const& path, yx::CURI const& uri
                        yx::detail::makeUriProps(uri), nullptr);
 }
 
+std::string CephMount::fromClientPath(std::string const& path) const {
+    if (m_folder.empty())
+        return path;
+    return path == "/" ? m_folder : m_folder + path;
+}
+
 std::string CephMount::getSetting(char const* name) const {
     std::array<char, 256> value{};
     return ceph_conf_get(m_client, name, value.data(), value.size()) == 0 ? value.data() : "";
 }
 
 __int64 CephMount::getMaxFileLengthBytes(yx::CURI const& uri) const {
-    using yx::detail::FileAction;
-    ceph_mount_info* const client = use(uri);
-    int const root = ceph_open(client, "/", O_RDONLY | O_DIRECTORY, 0);
-    if (root < 0)
-        throw makeClusterError(FileAction::Query, root, yx::detail::makeUriProps(uri));
-    // The client has no question for it. But before it refuses to write to what is open for reading
-    // it refuses to write past the longest length, by what it was told when it was mounted; so
-    // nothing is sent and nothing can be written.
-    __int64 fits = 0;
-    __int64 isTooLong = std::numeric_limits<__int64>::max();
-    while (isTooLong - fits > 1) {
-        __int64 const length = fits + (isTooLong - fits) / 2;
-        char const byte = 0;
-        bool const isRefused = ceph_write(client, root, &byte, 1, length - 1) == -EFBIG;
-        (isRefused ? isTooLong : fits) = length;
-    }
-    ceph_close(client, root);
-    return fits;
+    Answer<__int64> const answer = ask<__int64>(uri, findMaxFileLength);
+    if (answer.result < 0)
+        throw makeClusterError(yx::detail::FileAction::Query, answer.result,
+                               yx::detail::makeUriProps(uri));
+    return answer.value;
 }
 
 } // namespace kelm::ceph

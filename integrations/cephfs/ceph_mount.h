@@ -1,10 +1,19 @@
 #pragma once
 
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include <sys/types.h>
 
+#include "integrations/cephfs/ceph_calls.h"
 #include "integrations/cephfs/ceph_location.h"
+#include "integrations/cephfs/client_note.h"
 
 struct ceph_mount_info;
 
@@ -20,50 +29,104 @@ namespace kelm::ceph {
 /// Serves any number of threads, of the process that made it.
 class CephMount {
 public:
-    /// Connects. `uri` is for errors, which are `yx::CIOError` with "uri". A process that was forked
-    /// off while there was a connection cannot make one: `NotSupported`.
+    /// Connects, by `calls`. `uri` is for errors, which are `yx::CIOError` with "uri". A process that
+    /// was forked off while there was a connection cannot make one: `NotSupported`.
     ///
     /// The session is for all of the file system; for a user who has rights to a part of it alone, it
     /// is for the first folder on the way to the location's path that the user may enter.
-    CephMount(CephLocation const& location, yx::CURI const& uri);
+    ///
+    /// What clients of this machine and user have left that ended without taking leave is cleared
+    /// away, see `clearAwayTheDead`.
+    CephMount(CephLocation const& location, yx::CURI const& uri, std::shared_ptr<CephCalls> calls);
     CephMount(CephMount const&) = delete;
     CephMount& operator=(CephMount const&) = delete;
 
     /// Takes leave of the cluster, so that it does not wait for this client.
     ~CephMount();
 
-    /// The client's own handle. A process that was forked off has no threads of the client, and
-    /// would wait for them without end: there it is `NotSupported` with "uri".
-    ceph_mount_info* use(yx::CURI const& uri) const;
+    /// A call of the client, which returns 0 or more, or a negative `errno` value. It may go on when
+    /// nobody waits for it any more, so it owns what it touches.
+    using Call = std::function<int(ceph_mount_info*)>;
 
-    /// The same for ending something; null in a process that was forked off.
-    ceph_mount_info* tryUse() const noexcept;
+    /// Makes a call as `CephCalls::make` does. The client has no threads in a process that was forked
+    /// off, and would wait for them without end: there it is `NotSupported` with "uri".
+    int call(yx::CURI const& uri, Call const& call) const;
+
+    /// The same for ending something; `-ENOTCONN` in a process that was forked off, and once the
+    /// client has taken leave.
+    int tryCall(Call const& call) const noexcept;
+
+    /// Whether there is a connection to make calls by: the process is the one that made it, and has
+    /// not taken leave.
+    bool isUsable() const noexcept;
+
+    /// What a call returned, and what else it has told.
+    template <class Value>
+    struct Answer {
+        int result = 0;
+        Value value{};
+    };
+
+    /// Makes a call that fills in a value, which is its second argument.
+    template <class Value, class Question>
+    Answer<Value> ask(yx::CURI const& uri, Question const& question) const {
+        auto const value = std::make_shared<Value>();
+        int const result = call(
+            uri, [value, question](ceph_mount_info* client) { return question(client, *value); });
+        // A call that was left alone may write to it.
+        if (result == -ECANCELED)
+            return {result, Value{}};
+        return {result, std::move(*value)};
+    }
 
     /// What the client calls a path of the file system. One outside the folder that the session is
     /// for is `AccessDenied` with "uri".
     std::string toClientPath(std::string const& path, yx::CURI const& uri) const;
 
-    /// The identity of the cluster, a UUID.
-    std::string const& getClusterID() const { return m_clusterID; }
+    /// The path of the file system that the client calls so.
+    std::string fromClientPath(std::string const& path) const;
 
-    /// The number of the file system in the cluster.
-    __int64 getFileSystemNumber() const { return m_fileSystemNumber; }
+    /// What tells this file system from all others: the identity of the cluster, a UUID, then a
+    /// separator and the number of the file system in the cluster.
+    std::string getStoreID() const {
+        return m_site.clusterID + "/" + std::to_string(m_site.fileSystemNumber);
+    }
 
     /// The longest that a file may become.
     __int64 getMaxFileLengthBytes(yx::CURI const& uri) const;
 
+    /// Has the cluster forget clients of this machine and user that were ended without taking leave,
+    /// with their locks and what they kept of files, for which it would wait. Returns whether there
+    /// were any. What fails is left to time.
+    bool clearAwayTheDead() noexcept;
+
+    /// Takes leave; nothing can be done from then on. Does nothing the second time.
+    void leave() noexcept;
+
 private:
     void connect(CephLocation const& location, yx::CURI const& uri);
-    void enterFolder(std::string const& path, yx::CURI const& uri);
+    void startClient(CephLocation const& location, yx::CURI const& uri);
+    void restartClient(CephLocation const& location, yx::CURI const& uri);
+    void enterFolder(CephLocation const& location, yx::CURI const& uri);
     std::string getSetting(char const* name) const;
+    bool isOwnProcess() const noexcept;
 
+    std::shared_ptr<CephCalls> m_calls;
     ceph_mount_info* m_client = nullptr;
     pid_t m_process;
 
+    /// Whether leave was taken.
+    std::atomic<bool> m_hasLeft = false;
+
     /// The folder that the session is for, without a separator at its end; empty for the root.
     std::string m_folder;
-    std::string m_clusterID;
-    __int64 m_fileSystemNumber = -1;
+
+    /// Absent until the client is made.
+    std::optional<ClientNote> m_note;
+    ClientNote::Site m_site;
+
+    /// The client does one at a time.
+    std::mutex m_clearingMutex;
 };
 
 } // namespace kelm::ceph

@@ -10,6 +10,9 @@ namespace kelm::ceph {
 
 namespace {
 
+/// Not said of an action: nothing was done, or nobody knows what.
+constexpr char kGivenUp[] = "The connection to the cluster was given up.";
+
 std::string getWords(int errorNumber) {
     switch (errorNumber) {
     case ESHUTDOWN:
@@ -29,6 +32,8 @@ std::string getWords(int errorNumber) {
 
 yx::CIOError makeClusterError(yx::detail::FileAction action, int result, yx::CProps const& props) {
     int const errorNumber = -result;
+    if (errorNumber == ECANCELED)
+        return makeClusterError("", result, props);
     std::string const message =
         yx::detail::makeFileError(action, errorNumber, props).getMessage().toStdString();
     std::size_t const systemWords = std::generic_category().message(errorNumber).size();
@@ -36,6 +41,8 @@ yx::CIOError makeClusterError(yx::detail::FileAction action, int result, yx::CPr
 }
 
 yx::CIOError makeClusterError(char const* beginning, int result, yx::CProps const& props) {
+    if (result == -ECANCELED)
+        return yx::CIOError(yx::CIOError::IOFailure, kGivenUp, props, nullptr);
     return yx::CIOError(yx::getSystemErrorCode(-result),
                         yx::String::fromUTF8(beginning + getWords(-result)), props, nullptr);
 }

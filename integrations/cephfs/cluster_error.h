@@ -16,6 +16,8 @@ namespace kelm::ceph {
 /// | `ESTALE`                         | "The cluster no longer knows the file or this session." |
 /// | `ENOTCONN`                       | "There is no connection to the cluster."                |
 /// | `ETIMEDOUT`                      | "The cluster does not answer."                          |
+///
+/// `ECANCELED` is the whole message "The connection to the cluster was given up."
 yx::CIOError makeClusterError(yx::detail::FileAction action, int result, yx::CProps const& props);
 
 /// The same with a beginning of its own, such as "Cannot rename the file: ".

@@ -4,6 +4,9 @@
 // nbdkit may fork after `get_ready`, and whichever process goes on must be the one that holds the
 // disk. So the disk is only tried out in `get_ready`, where errors still reach the user's terminal,
 // and opened for good in `after_fork` or for the first client; all connections share it.
+//
+// A store's client may have threads, which no fork takes along. So a disk with a file in another
+// store than the operating system is only looked at in `after_fork`.
 
 #include <chrono>
 #include <cstdio>
@@ -20,6 +23,7 @@
 #include "host/disk/busy_wait.h"
 #include "host/disk/unfinished_disk.h"
 #include "host/store/file_names.h"
+#include "host/store/stores.h"
 #include "host/system/cancel.h"
 #include "host/system/derived_keys.h"
 #include "host/system/error_text.h"
@@ -29,6 +33,7 @@
 #include "integrations/nbdkit/command_line.h"
 #include "integrations/nbdkit/errno_of.h"
 #include "integrations/nbdkit/served_disk.h"
+#include "integrations/nbdkit/store_use.h"
 #include "yx/log.h"
 
 // The most that this plugin can do; see `chooseThreadModel`.
@@ -59,6 +64,9 @@ std::optional<host::KeyDerivationWatch> keyDerivationWatch;
 /// From the first opening to the last, so that a client that connects waits for no derivation.
 std::optional<host::DerivedKeys> derivedKeys;
 std::unique_ptr<ServedDisk> servedDisk;
+
+/// Whether the disk is first looked at after the fork.
+bool isInStores = false;
 
 /// The parameter that lets a disk be served all the same; "" if there is none.
 char const* wayOutOf(std::exception const& error) {
@@ -179,10 +187,25 @@ bool configureWait(char const* value) {
     return true;
 }
 
+/// The name of a file as `settings` has it until the fork: one of a store is not resolved yet. A
+/// scheme without a store is refused at once.
+yx::CURI nameFile(char const* value) {
+    if (!host::isStoreURI(value))
+        return host::uriFromArgument(value);
+    yx::CURI const uri{yx::String::fromUTF8(value)};
+    host::storeOf(uri);
+    return uri;
+}
+
+void resolveNameInStore(yx::CURI& uri) {
+    if (uri.getScheme() != "file")
+        uri = host::resolveName(uri);
+}
+
 bool configureParameter(std::string_view key, char const* value) {
     if (key == "file") {
         // At once, since nbdkit may change its working directory later.
-        settings.uri = host::uriFromArgument(value);
+        settings.uri = nameFile(value);
         return true;
     }
     if (key == "password")
@@ -194,7 +217,7 @@ bool configureParameter(std::string_view key, char const* value) {
     if (key == "max-rounds")
         return configureMaxRounds(value);
     if (key == "allow-path") {
-        settings.trust.allowedPaths.push_back(host::uriFromArgument(value));
+        settings.trust.allowedPaths.push_back(nameFile(value));
         return true;
     }
     if (key == "allow-oversize")
@@ -231,6 +254,9 @@ int chooseThreadModel() {
 
 int getReady() {
     return guarded([] {
+        isInStores = usesStores(settings.uri);
+        if (isInStores)
+            return;
         // A signal ends nbdkit here, which does not handle them yet.
         busyWait.retry([] {
             ServedDisk(settings).open(isServedForWriting() ? yx::IIOStream::ReadWrite
@@ -252,9 +278,17 @@ void openServedDisk(yx::IIOStream::Access access) {
 
 int afterFork() {
     return guarded([] {
+        resolveNameInStore(settings.uri);
+        for (yx::CURI& path : settings.trust.allowedPaths)
+            resolveNameInStore(path);
         servedDisk = std::make_unique<ServedDisk>(settings);
-        if (isServedForWriting())
+        if (isServedForWriting()) {
             openServedDisk(yx::IIOStream::ReadWrite);
+        } else if (isInStores) {
+            // Only to see that it can be.
+            openServedDisk(yx::IIOStream::ReadOnly);
+            servedDisk->close();
+        }
     });
 }
 

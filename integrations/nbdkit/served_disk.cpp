@@ -6,10 +6,10 @@
 
 #include "host/disk/chain_keys.h"
 #include "host/disk/parent_chain.h"
+#include "host/store/file_systems.h"
 #include "host/system/work_options.h"
 #include "host/transfer/grain_place.h"
 #include "host/transfer/whole_reading.h"
-#include "yx/native_file_system.h"
 
 namespace kelm::nbd {
 
@@ -20,6 +20,10 @@ constexpr int kDefaultCompressionLevel = -1;
 
 /// Of 4 KiB, for the map that all requests share.
 constexpr int kDefaultMapTables = 16384;
+
+/// Of 2 KiB, for the road straight to the grains of a disk that is written to.
+constexpr int kDefaultWritingTables = 8192;
+constexpr int kWritingShares = 2;
 
 template <class IsGrainWritten>
 std::vector<StoredRun> listRunsOf(__int64 grainSizeBytes, IsGrainWritten const& isGrainWritten,
@@ -44,7 +48,7 @@ std::vector<StoredRun> listRunsOf(__int64 grainSizeBytes, IsGrainWritten const& 
 } // namespace
 
 ServedDisk::ServedDisk(DiskSettings const& settings)
-    : m_settings(settings), m_fileSystem(yx::makeObject<yx::CNativeFileSystem>()) {}
+    : m_settings(settings), m_fileSystem(yx::makeObject<host::FileSystems>()) {}
 
 /// Calls `use` with the disk, or one of its readers, and returns what it returns.
 template <class Use>
@@ -58,12 +62,29 @@ template <class Use>
 auto ServedDisk::useOpenDisk(Use const& use) {
     if (m_readers)
         return m_readers->use(use);
-    if (!m_disk) {
-        throw yx::CIOError(yx::CIOError::Closed, "The disk is not open.",
-                           yx::CProps().add("uri", m_settings.uri.toString(true)), nullptr);
-    }
+    verifyIsOpen();
     std::lock_guard const writing(m_writing);
     return use(*m_disk);
+}
+
+void ServedDisk::verifyIsOpen() const {
+    if (isOpen())
+        return;
+    throw yx::CIOError(yx::CIOError::Closed, "The disk is not open.",
+                       yx::CProps().add("uri", m_settings.uri.toString(true)), nullptr);
+}
+
+/// Calls `use` with the road of a disk that is open for writing; one that is open for reading
+/// refuses to be changed in its own words.
+template <class Use>
+void ServedDisk::useWriting(Use const& use) {
+    std::shared_lock const opening(m_opening);
+    if (!m_direct) {
+        useOpenDisk(use);
+        return;
+    }
+    std::lock_guard const writing(m_writing);
+    use(*m_direct);
 }
 
 bool ServedDisk::isWritable() const {
@@ -80,7 +101,7 @@ __int64 ServedDisk::getGrainSizeBytes() {
 }
 
 void ServedDisk::flush() {
-    useDisk([](host::SafeDisk& disk) { disk.flush(); });
+    useWriting([](auto& disk) { disk.flush(); });
 }
 
 void ServedDisk::open(yx::IIOStream::Access access) {
@@ -94,12 +115,17 @@ void ServedDisk::open(yx::IIOStream::Access access) {
                                 {password, m_settings.parentPassword.get()}, *m_settings.keys,
                                 host::countThreads({}));
     }
-    std::unique_ptr<host::SafeDisk> opened = openOnce(access, 1);
+    // Each road of a disk that is written to has tables of its own.
+    std::unique_ptr<host::SafeDisk> opened =
+        openOnce(access, access == yx::IIOStream::ReadWrite ? kWritingShares : 1);
     m_grainSizeBytes = opened->getGrainSizeBytes();
     m_parents = host::openParents(m_fileSystem.get(), *opened, password);
     host::beginWholeReading(*opened, nullptr);
     if (access == yx::IIOStream::ReadWrite) {
         m_disk = std::move(opened);
+        int const tables = m_settings.maxCachedTables ? *m_settings.maxCachedTables / kWritingShares
+                                                      : kDefaultWritingTables;
+        m_direct = std::make_unique<host::DirectWriting>(*m_disk, tables);
         return;
     }
     int const readers = countReaders(*opened);
@@ -131,7 +157,7 @@ std::unique_ptr<host::SafeDisk> ServedDisk::openOnce(yx::IIOStream::Access acces
     opened->mergeChain(tables);
     // A table that left the cache by itself could come back stale while it has changes.
     if (access == yx::IIOStream::ReadWrite && m_settings.maxCachedTables)
-        opened->limitTables(*m_settings.maxCachedTables);
+        opened->limitTables(tables);
     return opened;
 }
 
@@ -156,10 +182,11 @@ void ServedDisk::close() {
 
 void ServedDisk::closeOpened() {
     std::unique_ptr<host::SafeDisk> const closing = std::move(m_disk);
+    std::unique_ptr<host::DirectWriting> const writing = std::move(m_direct);
     m_readers.reset();
     m_parents.clear();
-    if (closing)
-        closing->flush();
+    if (writing)
+        writing->flush();
 }
 
 void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
@@ -168,17 +195,17 @@ void ServedDisk::read(__int64 positionBytes, void* buffer, int bytes) {
         m_readers->read(positionBytes, buffer, bytes);
         return;
     }
-    useOpenDisk([=](host::SafeDisk& disk) {
-        host::readWithGrainPlace(disk, positionBytes, buffer, bytes);
-    });
+    verifyIsOpen();
+    std::lock_guard const writing(m_writing);
+    m_direct->read(positionBytes, buffer, bytes);
 }
 
 void ServedDisk::write(__int64 positionBytes, void const* buffer, int bytes) {
-    useDisk([=](host::SafeDisk& disk) { disk.write(positionBytes, buffer, bytes); });
+    useWriting([=](auto& disk) { disk.write(positionBytes, buffer, bytes); });
 }
 
 void ServedDisk::writeZeros(__int64 positionBytes, __int64 bytes) {
-    useDisk([=](host::SafeDisk& disk) { disk.writeZeros(positionBytes, bytes); });
+    useWriting([=](auto& disk) { disk.writeZeros(positionBytes, bytes); });
 }
 
 std::vector<StoredRun> ServedDisk::listRuns(__int64 positionBytes, __int64 bytes,

@@ -9,6 +9,7 @@
 #include "host/disk/safe_disk.h"
 #include "host/system/derived_keys.h"
 #include "host/system/password.h"
+#include "host/transfer/direct_writing.h"
 #include "host/transfer/disk_readers.h"
 
 namespace kelm::nbd {
@@ -25,8 +26,9 @@ struct DiskSettings {
     host::DerivedKeys* keys = nullptr;
 
     /// The most grain tables to keep in memory, for all readers together. By default, a disk opened
-    /// for writing keeps as many as `host::SafeDisk` lets it, and one opened for reading as many as
-    /// the library does, and beside that 16384 merged ones (`host::ChainMap`).
+    /// for writing keeps as many as `host::SafeDisk` lets it, and beside that 8192 for
+    /// `host::DirectWriting`, and one opened for reading as many as the library does, and beside that
+    /// 16384 merged ones (`host::ChainMap`).
     std::optional<int> maxCachedTables;
 
     /// How far the descriptors of the disk and its parents are believed. Unfinished disks are only
@@ -46,8 +48,9 @@ struct StoredRun {
 ///
 /// Serves any number of threads. Opened for reading, it reads straight from the places of grains
 /// (`host::DirectReading`), as many requests at once as there are, and in the usual way as many as
-/// the machine has cores; opened for writing, it answers one after the other. Opening and closing wait for requests
-/// that are under way.
+/// the machine has cores; opened for writing, it answers one after the other, what is stored plain
+/// straight at its place too (`host::DirectWriting`). Opening and closing wait for requests that are
+/// under way.
 class ServedDisk {
 public:
     explicit ServedDisk(DiskSettings const& settings);
@@ -87,6 +90,9 @@ private:
     auto useDisk(Use const& use);
     template <class Use>
     auto useOpenDisk(Use const& use);
+    template <class Use>
+    void useWriting(Use const& use);
+    void verifyIsOpen() const;
     bool isOpen() const { return m_disk || m_readers; }
     std::unique_ptr<host::SafeDisk> openOnce(yx::IIOStream::Access access, int shares) const;
     int countReaders(host::SafeDisk& disk) const;
@@ -104,6 +110,9 @@ private:
     /// The disk that is written to, one request at a time.
     std::mutex m_writing;
     std::unique_ptr<host::SafeDisk> m_disk;
+
+    /// The road to it; null together with it.
+    std::unique_ptr<host::DirectWriting> m_direct;
 
     /// The disk that is read only.
     std::optional<host::DiskReaders> m_readers;

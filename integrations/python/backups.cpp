@@ -56,7 +56,7 @@ py::dict describeBackup(std::vector<host::BackupDisk> const& disks, host::Backup
 py::list listBackups(Paths const& folders) {
     std::vector<host::BackupDisk> disks;
     runWork(py::none(), 0, [&](host::WorkOptions const&) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         disks = host::listBackups(files.get(), toURIs(folders));
     });
     py::list backups;
@@ -92,7 +92,7 @@ py::list prune(Paths const& folders, std::vector<int> const& keep, std::string c
     options.drop.verify = true;
     std::vector<host::PruneVerdict> verdicts;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         std::vector<yx::CURI> const uris = toURIs(folders);
         options.drop.work = work;
         verdicts = isDryRun ? host::judgeBackups(files.get(), uris, options)
@@ -113,7 +113,7 @@ py::tuple drop(std::string const& path, Paths const& lookIn, bool verify,
     KeyScope const keys;
     host::DiskDropResult result;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         yx::CURI const uri = host::uriFromArgument(path);
         host::DiskDropOptions options;
         options.lookIn = foldersToLookIn(lookIn, uri);
@@ -132,7 +132,7 @@ py::tuple rename(std::string const& from, std::string const& to, Paths const& lo
     Access const access = Access::make(py::none(), allowPaths);
     host::DiskMoveResult result;
     runWork(progress, 0, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         yx::CURI const uri = host::uriFromArgument(from);
         host::DiskMoveOptions options;
         options.lookIn = foldersToLookIn(lookIn, uri);
@@ -185,7 +185,7 @@ MergedLinks openLinks(yx::IFileSystem* files, std::string const& first, std::str
 
 MadeDisk mergeLinks(MergedLinks const& links, std::string const& target, NewDiskOptions options,
                     Access const& access, host::WorkOptions const& work) {
-    auto const files = yx::makeObject<yx::CNativeFileSystem>();
+    auto const files = yx::makeObject<host::FileSystems>();
     host::SafeDisk& last = *links.last;
     yx::CURI const uri = host::uriFromArgument(target);
     std::vector<yx::CURI> const sourceFiles =
@@ -228,7 +228,7 @@ py::dict merge(std::string const& first, std::string const& last, std::string co
     KeyScope const keys;
     MadeDisk made;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         MergedLinks const links = openLinks(files.get(), first, last, access);
         made = mergeLinks(links, target, wanted, access, work);
     });

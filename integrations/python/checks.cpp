@@ -7,6 +7,7 @@
 #include "host/digest/disk_digests.h"
 #include "host/disk/file_guard.h"
 #include "host/store/file_names.h"
+#include "host/store/file_systems.h"
 #include "host/transfer/digest_making.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/whole_reading.h"
@@ -15,7 +16,6 @@
 #include "integrations/python/key_scope.h"
 #include "integrations/python/work.h"
 #include "yx/mt_rand.h"
-#include "yx/native_file_system.h"
 
 namespace kelm::python {
 
@@ -62,7 +62,7 @@ py::dict check(std::string const& path, bool own, bool needsDigests, double samp
     Findings findings;
     host::CheckResult result;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         result = host::checkDisk(
             files.get(), host::uriFromArgument(path), access.password.get(), work,
             [&](yx::CURI const& file, std::string const& text) {
@@ -115,7 +115,7 @@ py::bytes digest(std::string const& path, bool keep, bool overwrite, py::object 
     KeyScope const keys;
     host::Digest digest{};
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         std::unique_ptr<host::SafeDisk> const disk = openToRead(files.get(), path, access);
         __int64 const imageBytes = host::getExactSizeBytes(*disk);
         if (keep) {
@@ -135,7 +135,7 @@ py::list repair(std::string const& path, bool isDryRun, py::object const& passwo
     KeyScope const keys;
     host::RepairReport report;
     runWork(py::none(), 0, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         report = host::repairDisk(files.get(), host::uriFromArgument(path), access.password.get(),
                                   {isDryRun, access.trust, work.cancel});
     });
@@ -156,7 +156,7 @@ __int64 undoRepair(std::string const& path, Paths const& allowPaths) {
     Access const access = Access::make(py::none(), allowPaths);
     __int64 sectors = 0;
     runWork(py::none(), 0, [&](host::WorkOptions const&) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         sectors = host::undoRepair(files.get(), host::uriFromArgument(path), access.trust);
     });
     return sectors;

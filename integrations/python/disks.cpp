@@ -38,7 +38,7 @@ void createDisk(std::string const& path, GivenOptions const& options, py::object
     KeyScope const keys;
     NewDiskOptions const& wanted = getHeld(options);
     runWork(py::none(), 0, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         host::NewDisk const request = wanted.makeRequest(files.get(), access);
         verifyUsesPassword(request, access);
         bool const keepsSize = keepsSizeOfParent(files.get(), request, wanted, access);

@@ -10,6 +10,7 @@
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
 #include "host/store/folder_access.h"
+#include "host/store/stores.h"
 #include "host/system/key_rounds.h"
 #include "host/system/name_text.h"
 #include "host/transfer/exact_size.h"
@@ -161,6 +162,14 @@ void inheritRecord(host::SafeDisk& from, host::NewDisk& request) {
     request.host = record.getHost();
     if (request.label.empty())
         request.label = record.getLabel();
+}
+
+void verifyIsLocalImage(std::string const& path) {
+    if (!host::isStoreURI(path))
+        return;
+    throw yx::CInvalidArgError("verifyIsLocalImage",
+                               "An image must be a file, a device or a pipe of this machine.",
+                               yx::CProps().add("uri", yx::String::fromUTF8(path)));
 }
 
 std::optional<yx::CURI> tryNameRegularFile(std::string const& path) {

@@ -7,10 +7,10 @@
 
 #include "host/disk/file_guard.h"
 #include "host/disk/safe_disk.h"
+#include "host/store/file_systems.h"
 #include "host/transfer/digest_making.h"
 #include "host/transfer/disk_conversion.h"
 #include "integrations/python/conversions.h"
-#include "yx/native_file_system.h"
 
 namespace kelm::python {
 
@@ -91,6 +91,9 @@ struct MadeDisk {
 /// Gives the request for a copy of a disk the facts about its image: time, source, host, and the
 /// label unless the request has one.
 void inheritRecord(host::SafeDisk& from, host::NewDisk& request);
+
+/// Refuses, with `yx::CInvalidArgError`, a URI of a store for an image: only disks lie there.
+void verifyIsLocalImage(std::string const& path);
 
 /// The file that a user names for an image, if it could belong to a disk. None for "-" and for
 /// anything but a regular file.

@@ -10,9 +10,9 @@
 #include <pybind11/pybind11.h>
 
 #include "host/disk/safe_disk.h"
+#include "host/store/file_systems.h"
 #include "integrations/python/conversions.h"
 #include "integrations/python/key_scope.h"
-#include "yx/native_file_system.h"
 
 namespace kelm::python {
 
@@ -71,7 +71,7 @@ private:
     host::SafeDisk& getDisk() const;
 
     std::optional<KeyScope> m_keys{std::in_place};
-    yx::P<yx::CNativeFileSystem> m_fileSystem = yx::makeObject<yx::CNativeFileSystem>();
+    yx::P<host::FileSystems> m_fileSystem = yx::makeObject<host::FileSystems>();
     Access m_access;
     bool m_isWritable;
     __int64 m_sizeBytes = 0;

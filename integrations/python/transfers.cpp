@@ -7,6 +7,7 @@
 #include "host/disk/disk_files.h"
 #include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
+#include "host/store/stores.h"
 #include "host/system/machine_name.h"
 #include "host/system/time_text.h"
 #include "host/transfer/chain_difference.h"
@@ -42,7 +43,8 @@ std::string nameOfImage(std::string const& image, host::RawSource const& source)
 
 MadeDisk importRawImage(std::string const& image, std::string const& path, NewDiskOptions options,
                         Access const& access, bool pad, host::WorkOptions const& work) {
-    auto const files = yx::makeObject<yx::CNativeFileSystem>();
+    auto const files = yx::makeObject<host::FileSystems>();
+    verifyIsLocalImage(image);
     yx::CURI const uri = host::uriFromArgument(path);
     host::RawSource source(image, work.cancel);
     std::vector<yx::CURI> sourceFiles;
@@ -99,7 +101,8 @@ py::dict exportImage(std::string const& path, std::string const& image, bool ove
     __int64 imageBytes = 0;
     host::TargetZeros done;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
+        verifyIsLocalImage(image);
         std::unique_ptr<host::SafeDisk> const disk = openToRead(files.get(), path, access);
         if (std::optional<yx::CURI> const file = tryNameRegularFile(image))
             verifyIsNoneOf(listChainFiles(files.get(), *disk, access.password.get()), *file);
@@ -134,7 +137,7 @@ void copyGrains(yx::IFileSystem* files, host::SafeDisk& from, host::SafeDisk& to
 MadeDisk convertOpenDisk(host::SafeDisk& from, std::string const& target, NewDiskOptions options,
                          Access const& fromAccess, Access const& access,
                          host::WorkOptions const& work) {
-    auto const files = yx::makeObject<yx::CNativeFileSystem>();
+    auto const files = yx::makeObject<host::FileSystems>();
     yx::CURI const uri = host::uriFromArgument(target);
     std::vector<yx::CURI> const sourceFiles =
         listChainFiles(files.get(), from, fromAccess.password.get());
@@ -176,7 +179,7 @@ py::dict convert(std::string const& source, std::string const& target, GivenOpti
     KeyScope const keys;
     MadeDisk made;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        auto const files = yx::makeObject<yx::CNativeFileSystem>();
+        auto const files = yx::makeObject<host::FileSystems>();
         std::unique_ptr<host::SafeDisk> const from = openToRead(files.get(), source, fromAccess);
         made = convertOpenDisk(*from, target, wanted, fromAccess, access, work);
     });
@@ -187,11 +190,12 @@ py::dict convert(std::string const& source, std::string const& target, GivenOpti
 class ComparedSide {
 public:
     ComparedSide(std::string const& path, Access const& access, host::CancelFlag const* cancel)
-        : m_files(yx::makeObject<yx::CNativeFileSystem>()) {
-        if (path != "-" && host::isDiskMainFile(path)) {
+        : m_files(yx::makeObject<host::FileSystems>()) {
+        if (isDisk(path)) {
             m_disk = openToRead(m_files.get(), path, access);
             m_reader = std::make_unique<host::DiskContentReader>(*m_disk, cancel);
         } else {
+            verifyIsLocalImage(path);
             m_source = std::make_unique<host::RawSource>(path, cancel);
             m_reader = std::make_unique<host::RawContentReader>(*m_source);
         }
@@ -200,7 +204,15 @@ public:
     host::ContentReader& getReader() { return *m_reader; }
 
 private:
-    yx::P<yx::CNativeFileSystem> m_files;
+    /// A file that is not there is one too if it would lie in a store.
+    bool isDisk(std::string const& path) const {
+        if (!host::isStoreURI(path))
+            return path != "-" && host::isDiskMainFile(path);
+        yx::CURI const uri = host::uriFromArgument(path);
+        return host::isDiskMainFile(uri) || !m_files->fileExists(uri);
+    }
+
+    yx::P<host::FileSystems> m_files;
     std::unique_ptr<host::SafeDisk> m_disk;
     std::unique_ptr<host::RawSource> m_source;
     std::unique_ptr<host::ContentReader> m_reader;

@@ -1,6 +1,7 @@
 #include "kelm/disk/disk.h"
 
 #include <cassert>
+#include <typeinfo>
 #include <utility>
 
 #include "kelm/extent/internal/grain_position.h"
@@ -12,6 +13,8 @@
 #include "kelm/format/file_reference.h"
 #include "yx/error.h"
 #include "yx/log.h"
+#include "yx/native_file_system.h"
+#include "yx/optimizing_io_stream.h"
 
 namespace kelm {
 
@@ -27,6 +30,19 @@ template <class Extents>
         endSector += key.m_sizeSectors;
     }
     return endSector == sizeSectors;
+}
+
+/// As `openVMDKFileStream`, and of a file of the operating system the header and the descriptor are
+/// read at once, where the descriptor has the usual place and size. Elsewhere a host may have them
+/// in memory.
+yx::P<yx::IIOStream> openDescriptorStream(yx::IFileSystem& fileSystem, yx::CURI const& uri,
+                                          yx::IIOStream::Access access) {
+    constexpr int kUsualDescriptorEndBytes = 36 * 1024;
+    if (typeid(fileSystem) != typeid(yx::CNativeFileSystem))
+        return openVMDKFileStream(&fileSystem, uri, access);
+    unsigned int reserved = 0;
+    return yx::makeObject<yx::COptimizingIOStream>(
+        fileSystem.openFile(uri, access, &reserved).get(), kUsualDescriptorEndBytes);
 }
 
 } // namespace
@@ -187,7 +203,7 @@ yx::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
             stream = extent->getStream();
     }
     if (!stream)
-        stream = openVMDKFileStream(m_fileSystem.get(), m_mainFileURI, m_access);
+        stream = openDescriptorStream(*m_fileSystem, m_mainFileURI, m_access);
     return yx::makeObject<CVMDKDescriptorAccessor>(stream.get(), m_access);
 }
 

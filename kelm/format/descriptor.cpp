@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "kelm/format/internal/descriptor_text.h"
+#include "kelm/format/internal/entry_cast.h"
 #include "kelm/format/marker.h"
 #include "yx/error.h"
 
@@ -11,6 +12,8 @@ namespace kelm {
 
 namespace {
 
+using detail::castToExtent;
+using detail::castToNameValue;
 using detail::forEachLine;
 using detail::isComment;
 using detail::isSameKey;
@@ -63,7 +66,10 @@ yx::P<CVMDKDescriptorEntry> CVMDKDescriptor::CNameValueEntry::cloneDescriptorEnt
 }
 
 CVMDKDescriptor::CVMDKDescriptor(yx::TBuffer<unsigned char> const& text) {
-    parseLines(detail::decodeDescriptor(text));
+    if (auto const ascii = detail::tryGetAsciiDescriptor(text))
+        addLines(*ascii);
+    else
+        parseLines(detail::decodeDescriptor(text));
     findHeaderEnd();
 }
 
@@ -81,11 +87,15 @@ CVMDKDescriptor& CVMDKDescriptor::operator=(CVMDKDescriptor const& other) {
 }
 
 void CVMDKDescriptor::parseLines(wxString const& text) {
+    addLines(std::wstring_view(text.ToStdWstring()));
+}
+
+template <class Char>
+void CVMDKDescriptor::addLines(std::basic_string_view<Char> text) {
     // One object for all empty lines: a line's object is a hundred times as large as an empty line,
     // and generic lines never change.
     yx::P<CVMDKDescriptorEntry> const emptyLine = yx::makeObject<CGenericEntry>("");
-    std::wstring const& characters = text.ToStdWstring();
-    forEachLine(std::wstring_view(characters), [&](std::wstring_view line) {
+    forEachLine(text, [&](std::basic_string_view<Char> line) {
         m_entries.add(line.empty() ? emptyLine : parseLine(line));
         return true;
     });
@@ -95,13 +105,22 @@ void CVMDKDescriptor::parseLines(wxString const& text) {
 }
 
 yx::P<CVMDKDescriptorEntry> CVMDKDescriptor::parseLine(std::wstring_view line) {
+    return makeEntry(line);
+}
+
+yx::P<CVMDKDescriptorEntry> CVMDKDescriptor::parseLine(std::string_view line) {
+    return makeEntry(line);
+}
+
+template <class Char>
+yx::P<CVMDKDescriptorEntry> CVMDKDescriptor::makeEntry(std::basic_string_view<Char> line) {
     if (isComment(line))
         return yx::makeObject<CGenericEntry>(detail::toString(line));
     if (auto const parsed = tryParseNameValue(line)) {
         return yx::makeObject<CNameValueEntry>(detail::toString(parsed->name),
                                                detail::toString(parsed->value), parsed->quoted);
     }
-    if (auto const extent = CVMDKExtentInfo::tryParse(line))
+    if (auto extent = CVMDKExtentInfo::tryMake(line))
         return extent;
     return yx::makeObject<CGenericEntry>(detail::toString(line));
 }
@@ -109,9 +128,9 @@ yx::P<CVMDKDescriptorEntry> CVMDKDescriptor::parseLine(std::wstring_view line) {
 void CVMDKDescriptor::findHeaderEnd() {
     m_headerEndIndex = 0;
     for (int i = 0; i < m_entries.getSize(); ++i) {
-        if (yx::cast<CVMDKExtentInfo>(m_entries[i]))
+        if (castToExtent(m_entries[i]))
             return;
-        if (yx::cast<CNameValueEntry>(m_entries[i]))
+        if (castToNameValue(m_entries[i]))
             m_headerEndIndex = i + 1;
     }
     assert(isHeaderEndPlausible());
@@ -120,13 +139,13 @@ void CVMDKDescriptor::findHeaderEnd() {
 bool CVMDKDescriptor::isHeaderEndPlausible() const {
     if (m_headerEndIndex < 0 || m_headerEndIndex > m_entries.getSize())
         return false;
-    return m_headerEndIndex == 0 || !yx::cast<CVMDKExtentInfo>(m_entries[m_headerEndIndex - 1]);
+    return m_headerEndIndex == 0 || !castToExtent(m_entries[m_headerEndIndex - 1]);
 }
 
 yx::P<CVMDKDescriptor::CNameValueEntry> CVMDKDescriptor::findValueEntry(
     yx::String const& key) const {
     for (auto const& line : m_entries) {
-        auto entry = yx::cast<CNameValueEntry>(line);
+        auto* const entry = castToNameValue(line);
         if (entry && isSameKey(entry->getName().wx(), key.wx()))
             return entry;
     }
@@ -165,7 +184,7 @@ bool CVMDKDescriptor::removeValue(yx::String const& key) {
         return false;
     yx::TArray<yx::P<CVMDKDescriptorEntry>> kept;
     for (auto const& line : m_entries) {
-        auto const entry = yx::cast<CNameValueEntry>(line);
+        auto const* const entry = castToNameValue(line);
         if (!entry || !isSameKey(entry->getName().wx(), key.wx()))
             kept.add(line);
     }
@@ -202,7 +221,7 @@ void CVMDKDescriptor::addExtentEntry(CVMDKExtentInfo* entry) {
 void CVMDKDescriptor::getExtentEntries(yx::TArray<yx::P<CVMDKExtentInfo>>& target) const {
     yx::TArray<yx::P<CVMDKExtentInfo>> extended(target);
     for (auto const& line : m_entries) {
-        if (auto const extent = yx::cast<CVMDKExtentInfo>(line))
+        if (auto* const extent = castToExtent(line))
             extended.add(extent);
     }
     target = std::move(extended);

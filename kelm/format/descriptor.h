@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string_view>
+#include <utility>
 
 #include "kelm/format/descriptor_entry.h"
 #include "kelm/format/extent_info.h"
@@ -28,6 +29,9 @@ public:
         /// `text` is the line without its line end.
         explicit CGenericEntry(yx::String const& text);
 
+        /// The same, and takes the text over.
+        explicit CGenericEntry(yx::String&& text) noexcept : m_text(std::move(text)) {}
+
         yx::String toString() override;
         yx::P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
 
@@ -40,6 +44,10 @@ public:
     public:
         /// `value` is without quotes; `quoted` says whether the line has them.
         CNameValueEntry(yx::String const& name, yx::String const& value, bool quoted);
+
+        /// The same, and takes the texts over.
+        CNameValueEntry(yx::String&& name, yx::String&& value, bool quoted) noexcept
+            : m_name(std::move(name)), m_value(std::move(value)), m_quoted(quoted) {}
 
         /// In the case in which the text has it.
         yx::String const& getName() const { return m_name; }
@@ -194,7 +202,14 @@ protected:
 
 private:
     static yx::P<CVMDKDescriptorEntry> parseLine(std::wstring_view line);
+    static yx::P<CVMDKDescriptorEntry> parseLine(std::string_view line);
     void parseLines(wxString const& text);
+
+    // Of either kind of character.
+    template <class Char>
+    static yx::P<CVMDKDescriptorEntry> makeEntry(std::basic_string_view<Char> line);
+    template <class Char>
+    void addLines(std::basic_string_view<Char> text);
     void findHeaderEnd();
     void addLine(yx::P<CVMDKDescriptorEntry> const& entry, bool inHeader);
 

@@ -72,7 +72,8 @@ void CVMDKDescriptorAccessor::readDescriptor() {
         throwCorrupt(*m_stream, "VMDK descriptor is too big (" +
                                     yx::toString(m_descriptorSizeBytes) + " bytes).");
     }
-    if (m_descriptorOffsetBytes > m_stream->getLength() - m_descriptorSizeBytes) {
+    if (m_embeddedInSparseExtentFile &&
+        m_descriptorOffsetBytes > m_stream->getLength() - m_descriptorSizeBytes) {
         throwCorrupt(*m_stream, "VMDK descriptor lies beyond the end of the file (offset: " +
                                     yx::toString(m_descriptorOffsetBytes) + " bytes, size: " +
                                     yx::toString(m_descriptorSizeBytes) + " bytes).");

@@ -1,68 +1,8 @@
 #include "kelm/format/extent_info.h"
 
-#include "kelm/format/internal/text_view.h"
-#include "yx/error.h"
-#include "yx/number.h"
+#include "kelm/format/internal/extent_line.h"
 
 namespace kelm {
-
-// RW 4192256 SPARSE "disk-s001.vmdk"
-// RW 4192256 FLAT "disk-flat.vmdk" 128
-//
-// access, size in sectors, type, file name in double quotes, offset if there is one. Only a blank
-// separates.
-
-namespace {
-
-using detail::trimmed;
-using detail::trimmedLeft;
-
-constexpr __int64 kNoOffset = -1;
-
-/// Cuts `text` at the first `separator`: returns what stands before it and leaves what stands
-/// behind it, without the white space at its left end. False if there is no separator.
-bool cutAt(wchar_t separator, std::wstring_view& text, std::wstring_view& head) {
-    size_t const end = text.find(separator);
-    if (end == std::wstring_view::npos)
-        return false;
-    head = text.substr(0, end);
-    text = trimmedLeft(text.substr(end + 1));
-    return true;
-}
-
-/// A sign, if there is one, and digits.
-bool isNumber(std::wstring_view text) {
-    if (text.starts_with(L'+') || text.starts_with(L'-'))
-        text.remove_prefix(1);
-    return !text.empty() && text.find_first_not_of(L"0123456789") == std::wstring_view::npos;
-}
-
-/// So many digits are a number of 64 bits, whatever they are.
-constexpr std::size_t kMaxShortDigits = 18;
-
-/// False if `text` is no number of 64 bits.
-bool tryParseNumber(std::wstring_view text, __int64& number) {
-    // Words are separated from numbers before they cost an exception each: a text may hold hundreds
-    // of thousands of lines.
-    if (!isNumber(text))
-        return false;
-    bool const hasSign = text.front() == '+' || text.front() == '-';
-    if (!hasSign && text.size() <= kMaxShortDigits) {
-        number = 0;
-        for (wchar_t const digit : text)
-            number = 10 * number + (digit - '0');
-        return true;
-    }
-    try {
-        number = yx::parseInt64(detail::toString(text), false);
-        return true;
-    } catch (yx::CError const& error) {
-        error.nop();
-        return false;
-    }
-}
-
-} // namespace
 
 CVMDKExtentInfo::CVMDKExtentInfo(yx::String const& access, __int64 sizeSectors,
                                  yx::String const& type, yx::String const& filename, __int64 offset)
@@ -77,29 +17,21 @@ yx::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(yx::String const&
 }
 
 yx::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParse(std::wstring_view line) {
-    std::wstring_view access;
-    std::wstring_view size;
-    std::wstring_view type;
-    std::wstring_view filename;
-    if (!cutAt(L' ', line, access) || !cutAt(L' ', line, size) || !cutAt(L' ', line, type))
-        return {};
-    if (!line.starts_with(L'"'))
-        return {};
-    line.remove_prefix(1);
-    if (!cutAt(L'"', line, filename))
-        return {};
-
-    __int64 sizeSectors = 0;
-    __int64 offset = kNoOffset;
-    std::wstring_view const offsetText = trimmed(line);
-    if (!tryParseNumber(size, sizeSectors))
-        return {};
-    if (!offsetText.empty() && !tryParseNumber(offsetText, offset))
-        return {};
-    return yx::makeObject<CVMDKExtentInfo>(detail::toString(access), sizeSectors,
-                                           detail::toString(type), detail::toString(filename),
-                                           offset);
+    return tryMake(line);
 }
+
+template <class Char>
+yx::P<CVMDKExtentInfo> CVMDKExtentInfo::tryMake(std::basic_string_view<Char> line) {
+    auto const parsed = detail::tryParseExtentLine(line);
+    if (!parsed)
+        return {};
+    return yx::makeObject<CVMDKExtentInfo>(detail::toString(parsed->access), parsed->sizeSectors,
+                                           detail::toString(parsed->type),
+                                           detail::toString(parsed->filename), parsed->offset);
+}
+
+template yx::P<CVMDKExtentInfo> CVMDKExtentInfo::tryMake(std::string_view line);
+template yx::P<CVMDKExtentInfo> CVMDKExtentInfo::tryMake(std::wstring_view line);
 
 yx::String CVMDKExtentInfo::toString() {
     yx::String text = m_access;
@@ -111,7 +43,7 @@ yx::String CVMDKExtentInfo::toString() {
     text += L'"';
     text += m_filename;
     text += L'"';
-    if (m_offset != kNoOffset) {
+    if (m_offset != detail::kNoOffset) {
         text += L' ';
         text += yx::toString(m_offset);
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string_view>
+#include <utility>
 
 #include "kelm/format/descriptor_entry.h"
 
@@ -14,14 +15,23 @@ public:
     CVMDKExtentInfo(yx::String const& access, __int64 sizeSectors, yx::String const& type,
                     yx::String const& filename, __int64 offset);
 
+    /// The same, and takes the texts over.
+    CVMDKExtentInfo(yx::String&& access, __int64 sizeSectors, yx::String&& type,
+                    yx::String&& filename, __int64 offset) noexcept
+        : m_access(std::move(access)),
+          m_sizeSectors(sizeSectors),
+          m_type(std::move(type)),
+          m_filename(std::move(filename)),
+          m_offset(offset) {}
+
     /// The fields of the line: an access word such as "RW", the size, and a type word such as
     /// "SPARSE".
-    yx::String getAccess() const { return m_access; }
+    yx::String const& getAccess() const { return m_access; }
     __int64 getSizeSectors() const { return m_sizeSectors; }
-    yx::String getType() const { return m_type; }
+    yx::String const& getType() const { return m_type; }
 
     /// The text between the quotes, as it stands.
-    yx::String getFilename() const { return m_filename; }
+    yx::String const& getFilename() const { return m_filename; }
 
     /// The number behind the file name, which opening a disk ignores; -1 if the line has none.
     __int64 getOffset() const { return m_offset; }
@@ -39,6 +49,10 @@ private:
 
     /// As `tryParseDescriptorLine`, for a line within a larger text.
     static yx::P<CVMDKExtentInfo> tryParse(std::wstring_view line);
+
+    /// The same, for ASCII too.
+    template <class Char>
+    static yx::P<CVMDKExtentInfo> tryMake(std::basic_string_view<Char> line);
 
     yx::String m_access;
     __int64 m_sizeSectors;

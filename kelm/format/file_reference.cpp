@@ -62,8 +62,10 @@ bool isPlainName(wxString const& reference) {
     std::wstring_view const name(reference.wc_str(), reference.length());
     return !name.empty() && name.front() != '.' &&
            std::all_of(name.begin(), name.end(), [](wchar_t character) {
-               return isLetter(character) || (character >= '0' && character <= '9') ||
-                      character == '-' || character == '_' || character == '.';
+               return (character >= 'a' && character <= 'z') ||
+                      (character >= '0' && character <= '9') ||
+                      (character >= 'A' && character <= 'Z') || character == '-' ||
+                      character == '_' || character == '.';
            });
 }
 
@@ -79,8 +81,11 @@ yx::CURI toURI(yx::String const& reference) {
 
 yx::CURI vmdkFileReferenceToURI(yx::CURI const& baseFolder, yx::String const& reference) {
     // What most descriptors name, and some a thousand times.
-    if (isPlainName(reference.wx()))
-        return (baseFolder << reference).toNormalized();
+    if (isPlainName(reference.wx())) {
+        yx::CURI uri = baseFolder << reference;
+        uri.normalize();
+        return uri;
+    }
     yx::CURI const uri = toURI(reference);
     return (uri.isAbsolute() ? uri : baseFolder << uri).toNormalized();
 }

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/cluster/administrator.h"
 #include "tests/cluster/cluster_backends.h"
 #include "tests/disk/disk_history.h"
+#include "tests/support/safe_disks.h"
 
 namespace test_support {
 namespace {
@@ -43,6 +45,30 @@ INSTANTIATE_TEST_SUITE_P(EveryKind, ClusterDisk, testing::ValuesIn(allDiskKinds(
                          [](testing::TestParamInfo<DiskKind> const& parameter) {
                              return std::string(parameter.param.name);
                          });
+
+TEST(ClusterDiskSnapshot, ADiskInASnapshotIsReadAsItWas) {
+    Cluster const backend;
+    yx::CURI const uri = backend.uri("disk.vmdk");
+    createDisk(&getClient(0), uri, DiskKind(), yx::CURI());
+    History history(&getClient(0), uri, DiskKind(), nullptr, 44);
+    ASSERT_NO_FATAL_FAILURE(history.run(20));
+    Bytes const former = history.model().content();
+    cluster_shell::Administrator administrator;
+    administrator.makeSnapshot(backend.folder, "one");
+    ASSERT_NO_FATAL_FAILURE(history.run(20));
+    {
+        SafeDisk disk(&getClient(1),
+                      backend.folder << ".snap"
+                                     << "one"
+                                     << "disk.vmdk",
+                      kReadOnly, "");
+        Bytes content(former.size());
+        disk.read(0, content.data(), static_cast<int>(content.size()));
+        EXPECT_TRUE(sameBytes(former, content));
+    }
+    EXPECT_TRUE(readsAs(getClient(1), uri, DiskKind(), history.model().content()));
+    administrator.removeSnapshot(backend.folder, "one");
+}
 
 TEST(ClusterDiskLock, AWriterIsAloneAndReadersShareAmongClients) {
     Cluster const backend;

@@ -14,7 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "integrations/cephfs/file_system_module.h"
+#include "host/store/store_module.h"
 #include "tests/cluster/cluster_backends.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child_process.h"
@@ -29,7 +29,7 @@ using file_system_backends::Cluster;
 using file_system_backends::getClient;
 using file_system_backends::getClusterFolder;
 using kelm::ceph::CCephFileSystem;
-using kelm::ceph::IClusterFiles;
+using kelm::host::FileKind;
 using test_support::fromText;
 using test_support::readFile;
 using test_support::sameBytes;
@@ -132,7 +132,7 @@ TEST_F(ClusterFiles, AFolderIsNoFile) {
     }
     EXPECT_FALSE(files.fileExists(backend.uri("d")));
     EXPECT_THROW(files.deleteFile(backend.uri("d"), true), CIOError);
-    EXPECT_EQ(files.getStatus(backend.uri("d"), true).kind, IClusterFiles::FileKind::Folder);
+    EXPECT_EQ(files.findStatus(backend.uri("d"), true)->kind, FileKind::Folder);
 }
 
 TEST_F(ClusterFiles, SmallReadsAtAllEdgesOfBlocksReadWhatWasWritten) {
@@ -296,7 +296,7 @@ TEST_F(ClusterFiles, AFolderIsListedInOrder) {
     backend.makeFolder("c");
     std::vector<std::string> names;
     for (auto const& entry : getClient(1).listFolder(backend.uri("")))
-        names.push_back(entry.name + (entry.kind == IClusterFiles::FileKind::Folder ? "/" : ""));
+        names.push_back(entry.name + (entry.kind == FileKind::Folder ? "/" : ""));
     EXPECT_THAT(names, testing::ElementsAre("a b", "b", "c/"));
     EXPECT_TRUE(throwsIOError(CIOError::NotFound, "Cannot query the file: Not a directory",
                               {{"uri", text("b")}}, [&] { files.listFolder(backend.uri("b")); }));
@@ -307,16 +307,16 @@ TEST_F(ClusterFiles, AnIdentityBelongsToTheFileAndNotToItsName) {
     make("b", "other");
     auto const stream = open(backend.uri("a"), IIOStream::ReadOnly);
     auto const identity = files.getOpenStatus(*stream).identity;
-    EXPECT_EQ(identity.cluster.size(), 36U);
-    EXPECT_EQ(getClient(1).getStatus(backend.uri("a"), true).identity, identity);
-    EXPECT_NE(files.getStatus(backend.uri("b"), true).identity, identity);
+    EXPECT_THAT(identity.store, testing::MatchesRegex("[0-9a-f-]+/[0-9]+"));
+    EXPECT_EQ(getClient(1).findStatus(backend.uri("a"), true)->identity, identity);
+    EXPECT_NE(files.findStatus(backend.uri("b"), true)->identity, identity);
     files.rename(backend.uri("a"), backend.uri("c"));
-    EXPECT_EQ(files.getStatus(backend.uri("c"), true).identity, identity);
+    EXPECT_EQ(files.findStatus(backend.uri("c"), true)->identity, identity);
     files.deleteFile(backend.uri("c"), false);
     make("a", "new");
     EXPECT_EQ(files.getOpenStatus(*stream).identity, identity);
     EXPECT_EQ(files.getOpenStatus(*stream).lengthBytes, 3);
-    EXPECT_NE(files.getStatus(backend.uri("a"), true).identity, identity);
+    EXPECT_NE(files.findStatus(backend.uri("a"), true)->identity, identity);
     stream->close();
     EXPECT_TRUE(throwsIOError(CIOError::Closed, "The stream is closed.", {{"uri", text("a")}},
                               [&] { files.getOpenStatus(*stream); }));
@@ -350,12 +350,6 @@ TEST_F(ClusterFiles, FoldersAreMadeAndRemoved) {
     EXPECT_TRUE(files.listFolder(backend.uri("")).empty());
 }
 
-TEST_F(ClusterFiles, TellsHowMuchRoomThereIs) {
-    auto const room = files.getRoom(backend.uri(""));
-    EXPECT_GT(room.freeBytes, 1LL << 30);
-    EXPECT_LE(room.freeBytes, room.totalBytes);
-}
-
 TEST_F(ClusterFiles, AForkedProcessIsToldThatTheConnectionIsNotIts) {
     make("a", "content");
     auto const stream = open(backend.uri("a"), IIOStream::ReadWrite);
@@ -385,23 +379,21 @@ TEST_F(ClusterFiles, AForkedProcessIsToldThatTheConnectionIsNotIts) {
                  CIOError);
 }
 
-TEST(ClusterModule, MakesAFileSystemForItsSchemeAlone) {
+TEST(ClusterModule, MakesAStoreForItsSchemeAlone) {
     void* const module = ::dlopen(KELM_CEPH_MODULE, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(module, nullptr) << ::dlerror();
     auto const make =
-        reinterpret_cast<kelm_make_file_system_function>(::dlsym(module, "kelm_make_file_system"));
+        reinterpret_cast<kelm_make_store_function>(::dlsym(module, "kelm_make_store"));
     ASSERT_NE(make, nullptr);
-    EXPECT_EQ(make(kelm_file_system_contract + 1, "ceph"), nullptr);
-    EXPECT_EQ(make(kelm_file_system_contract, "s3"), nullptr);
-    EXPECT_EQ(make(kelm_file_system_contract, nullptr), nullptr);
-    auto const files = yx::P<yx::IFileSystem>::adopt(make(kelm_file_system_contract, "ceph"));
+    EXPECT_EQ(make(kelm_store_contract + 1, "ceph"), nullptr);
+    EXPECT_EQ(make(kelm_store_contract, "s3"), nullptr);
+    EXPECT_EQ(make(kelm_store_contract, nullptr), nullptr);
+    auto const files = yx::P<kelm::host::IStore>::adopt(make(kelm_store_contract, "ceph"));
     ASSERT_TRUE(files);
     Cluster const backend;
     writeAt(*files->openFile(backend.uri("a"), IIOStream::ReadWrite, nullptr), 0, fromText("x"));
     EXPECT_TRUE(sameBytes(fromText("x"), readFile(getClient(0), backend.uri("a"))));
-    auto* const more = dynamic_cast<IClusterFiles*>(files.get());
-    ASSERT_NE(more, nullptr);
-    EXPECT_EQ(more->listFolder(backend.uri("")).size(), 1U);
+    EXPECT_EQ(files->listFolder(backend.uri("")).size(), 1U);
 }
 
 } // namespace

@@ -47,6 +47,13 @@ TEST_F(Device, AFullOneGivesOneMessage) {
     }
 }
 
+TEST_F(Device, AFullOneGivesOneMessageToTheManyThreadsOfAnExport) {
+    runWell({"import", "image", "coded.vmdk", "--compressed"});
+    EXPECT_NE(runBadly(9, {"export", "coded.vmdk", "small/new"}).find("No space left on device"),
+              std::string::npos);
+    EXPECT_TRUE(isSmallEmpty());
+}
+
 TEST_F(Device, AFullOneGivesOneMessageAlsoWhereADiskWasToBeReplaced) {
     writeFile("first", makeImage(std::size_t{1} << 20, 72));
     runWell({"import", "first", "small/old.vmdk", "--split", "2M"});

@@ -492,6 +492,36 @@ TEST(DescriptorEncoding, AnUnknownNameIsLoggedAndReadAsLatin1) {
     EXPECT_EQ(log.entries()[0].error, "");
 }
 
+TEST(DescriptorEncoding, AnUnknownNameIsLoggedForASCIITooAndChangesNothing) {
+    LogCapture log;
+    EXPECT_EQ(rewritten("encoding=KOI8-R\nRW 7 SPARSE \"a b\"\nk=v\n"),
+              "encoding=KOI8-R\nRW 7 SPARSE \"a b\"\nk=v\n");
+    ASSERT_EQ(log.entries().size(), 1u);
+    EXPECT_EQ(log.entries()[0].message,
+              "Unknown VMDK descriptor encoding 'KOI8-R'. Using Latin-1 instead.");
+}
+
+/// What lines become must not depend on whether another line has a character beyond ASCII.
+TEST(DescriptorEncoding, LinesOfASCIIAreTheSameBesideOthers) {
+    constexpr std::string_view kOther = "# \xC3\xA4\n";
+    for (std::string_view const line :
+         {"RW 4192256 SPARSE \"disk-s001.vmdk\"", "RW +7 FLAT \"a=b\" -128 \r", "RW 7 SPARSE \"a",
+          "RW 7x SPARSE \"a\"", "RW 9223372036854775808 SPARSE \"a\"", "RW  7  ZERO", " k = \"v\" ",
+          "k=\"", "=v", "a b=c", "", "\t", "#k=v", "RW - SPARSE \"a\"", "RW 7 SPARSE \"a\" x"}) {
+        std::string const source = std::string(line) + "\n";
+        CVMDKDescriptor const plain = parse(source);
+        CVMDKDescriptor const beside = parse(std::string(kOther) + source);
+        EXPECT_EQ(std::string(kOther) + text(plain), text(beside)) << line;
+        ASSERT_EQ(extentsOf(plain).getSize(), extentsOf(beside).getSize()) << line;
+        for (int i = 0; i < extentsOf(plain).getSize(); ++i) {
+            EXPECT_EQ(extentsOf(plain)[i]->getSizeSectors(),
+                      extentsOf(beside)[i]->getSizeSectors());
+            EXPECT_EQ(extentsOf(plain)[i]->getFilename(), extentsOf(beside)[i]->getFilename());
+        }
+        EXPECT_EQ(plain.hasValue("K"), beside.hasValue("K")) << line;
+    }
+}
+
 TEST(DescriptorEncoding, ExceptionWhileDecodingIsLoggedAndReadAsLatin1) {
     // The first warning makes the decoding of this text fail.
     std::vector<std::string> warnings;

@@ -111,6 +111,47 @@ TEST_F(Plugin, SharesItsDiskAmongConnections) {
     EXPECT_EQ(reader.read(123456, 6), "shared");
 }
 
+/// Each has pieces of every grain for itself, where there were data, and where there were none.
+TEST_F(Plugin, TakesSmallWritesOfManyConnectionsAtOnce) {
+    constexpr std::size_t kWriters = 4;
+    constexpr std::size_t kPieceBytes = 4096;
+    constexpr std::size_t kTurnBytes = kWriters * kPieceBytes;
+    for (DiskKind const& kind : {kPlain, DiskKind{"Split", {"--split", "4M", "--on-demand"}}}) {
+        SCOPED_TRACE(kind.name);
+        std::string image = makeImage(kDiskBytes / 2, 8) + std::string(kDiskBytes / 2, '\0');
+        makeDisk(kind, "", image);
+        std::unique_ptr<Server> const server = serve();
+        std::vector<std::string> images(kWriters, image);
+        std::atomic<int> failures = 0;
+        std::vector<std::thread> threads;
+        for (std::size_t writer = 0; writer < kWriters; ++writer) {
+            threads.emplace_back([&, writer] {
+                Client const client(server->socketPath());
+                std::mt19937 random(static_cast<unsigned int>(writer));
+                std::string& own = images[writer];
+                for (int turn = 0; turn < 300; ++turn) {
+                    std::size_t const position =
+                        random() % (kDiskBytes / kTurnBytes) * kTurnBytes + writer * kPieceBytes;
+                    std::string const piece(kPieceBytes, static_cast<char>(random() % 255 + 1));
+                    std::uint32_t const flags = turn % 50 == 0 ? LIBNBD_CMD_FLAG_FUA : 0;
+                    failures += client.write(position, piece, flags) != 0 ? 1 : 0;
+                    own.replace(position, kPieceBytes, piece);
+                    failures += client.read(position, kPieceBytes) != piece ? 1 : 0;
+                    failures += turn % 20 == 0 && client.flush() != 0 ? 1 : 0;
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(failures, 0);
+        for (std::size_t at = 0; at < kDiskBytes; at += kPieceBytes)
+            image.replace(at, kPieceBytes, images[at / kPieceBytes % kWriters], at, kPieceBytes);
+        stopWell(*server);
+        expectContent(image);
+        std::filesystem::remove(folder() / "disk.vmdk");
+    }
+}
+
 TEST_F(Plugin, RefusesWrongParameters) {
     makeDisk(kPlain);
     EXPECT_EQ(refusalOf({}), "nbdkit: error: the parameter file=<FILENAME> is missing\n");

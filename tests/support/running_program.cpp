@@ -140,9 +140,13 @@ Outcome RunningProgram::finish() {
     ::waitpid(m_id, &status, 0);
     m_id = -1;
     outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream stream(m_errorFile, std::ios::binary);
-    outcome.err.assign(std::istreambuf_iterator<char>(stream), {});
+    outcome.err = readErrors();
     return outcome;
+}
+
+std::string RunningProgram::readErrors() const {
+    std::ifstream stream(m_errorFile, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 int openProcess(pid_t id) {

@@ -47,6 +47,9 @@ public:
     /// Reads that many bytes of the program's standard output, fewer at its end.
     std::string readOutput(std::size_t bytes);
 
+    /// What the program has written to its standard error so far.
+    std::string readErrors() const;
+
     /// Does nothing once `finish` was called.
     void signal(int number);
 

@@ -19,6 +19,7 @@
 #include "tests/yx/native_file_system_fixture.h"
 #include "tests/yx/system_call_faults.h"
 #include "yx/native_stream.h"
+#include "yx/optimizing_io_stream.h"
 
 namespace {
 
@@ -245,6 +246,35 @@ TEST_F(NativeFileSystem, AFileWithoutWriteAccessOpensForReading) {
     EXPECT_TRUE(sameBytes(fromText("abc"), readFile(*files, directory.uri("a"))));
     EXPECT_TRUE(throwsIOError(CIOError::AccessDenied, "Cannot open the file: Permission denied",
                               {{"uri", text("a")}}, [&] { open("a"); }));
+}
+
+TEST_F(NativeFileSystem, ABufferedReaderAsksForTheLengthAgainFromTheSecondTimeOn) {
+    open("a")->write("abc", 3, nullptr);
+    auto const reader =
+        yx::makeObject<yx::COptimizingIOStream>(open("a", yx::IIOStream::ReadOnly).get());
+    EXPECT_EQ(reader->getLength(), 3);
+    auto const writer = open("a");
+    writer->seek(3);
+    writer->write("def", 3, nullptr);
+    EXPECT_EQ(reader->getLength(), 6);
+}
+
+TEST_F(NativeFileSystem, ABufferedReaderSeesTheLengthOfAFileThatGrewBeforeItsLock) {
+    open("a")->write("abc", 3, nullptr);
+    auto const reader =
+        yx::makeObject<yx::COptimizingIOStream>(open("a", yx::IIOStream::ReadOnly).get());
+    open("a")->write("abcdef", 6, nullptr);
+    auto const lock = reader->lockRange(0, 1, yx::IStreamBase::Shared);
+    EXPECT_EQ(reader->getLength(), 6);
+}
+
+TEST_F(NativeFileSystem, ABufferedReaderOfAStreamInUseAsksForTheLength) {
+    open("a")->write("abc", 3, nullptr);
+    auto const stream = open("a", yx::IIOStream::ReadOnly);
+    char byte = 0;
+    stream->read(&byte, 1);
+    open("a")->write("abcdef", 6, nullptr);
+    EXPECT_EQ(yx::makeObject<yx::COptimizingIOStream>(stream.get())->getLength(), 6);
 }
 
 TEST_F(NativeFileSystem, FollowsLinks) {

@@ -10,6 +10,7 @@
 #include "tests/support/bytes.h"
 #include "tests/support/expect_error.h"
 #include "tests/support/scripted_stream.h"
+#include "yx/optimizing_io_stream.h"
 
 namespace optimizing_in_stream_test {
 
@@ -88,6 +89,24 @@ TEST_F(OptimizingInStream, NothingIsReadBeforeItIsAskedFor) {
 TEST_F(OptimizingInStream, FirstSmallReadFetchesOnePage) {
     expectContent(1000, 16);
     EXPECT_THAT(inner->operations(), ElementsAre(readOf(1000, 4096)));
+}
+
+TEST_F(OptimizingInStream, TheVeryFirstSmallReadFetchesAsMuchAsWasSaid) {
+    auto const longer = yx::makeObject<yx::COptimizingIOStream>(inner.get(), 40 * kKiB);
+    for (int const position : {0, 1000, 40 * kKiB - 10, 3 * kMiB}) {
+        EXPECT_EQ(readAt(*longer, position, 10), part(content, position, 10));
+    }
+    EXPECT_THAT(inner->operations(), ElementsAre(readOf(0, 40 * kKiB), readOf(3 * kMiB, 4096)));
+}
+
+TEST_F(OptimizingInStream, TheVeryFirstFetchKeepsToTheLimitsOfAll) {
+    for (auto const& [wanted, fetched] :
+         {std::pair(-1, 4096), std::pair(1, 4096), std::pair(4 * kMiB, 256 * kKiB)}) {
+        inner->operations().clear();
+        auto const limited = yx::makeObject<yx::COptimizingIOStream>(inner.get(), wanted);
+        EXPECT_EQ(readAt(*limited, 7, 10), part(content, 7, 10));
+        EXPECT_THAT(inner->operations(), ElementsAre(readOf(7, fetched)));
+    }
 }
 
 TEST_F(OptimizingInStream, ScatteredSmallReadsFetchOnePageEach) {

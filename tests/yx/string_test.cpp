@@ -44,6 +44,44 @@ TEST(String, CopyIsIndependent) {
     EXPECT_EQ("abcd", copy.toStdString());
 }
 
+TEST(String, TakesTextsOver) {
+    for (char const* text : {"", "abc", "a text that is longer than what fits into the object"}) {
+        String source = text;
+        String taken = std::move(source);
+        EXPECT_EQ(text, taken.toStdString());
+        EXPECT_TRUE(source.isEmpty());
+
+        String assigned = "old text, and not a short one either";
+        assigned = std::move(taken);
+        EXPECT_EQ(text, assigned.toStdString());
+        EXPECT_TRUE(taken.isEmpty());
+        String& same = assigned;
+        assigned = std::move(same);
+        EXPECT_EQ(text, assigned.toStdString());
+
+        wxString characters = assigned.wx();
+        EXPECT_EQ(text, String(std::move(characters)).toStdString());
+        EXPECT_TRUE(characters.empty());
+        taken += "again";
+        EXPECT_EQ("again", taken.toStdString());
+    }
+}
+
+TEST(String, LongTextsAreReadAsShortOnesAre) {
+    std::string text;
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(text, String::fromUTF8(text).toStdString());
+        EXPECT_EQ(i, String::fromUTF8(text).getLength());
+        // One byte of Latin-1 anywhere makes all of it Latin-1.
+        std::string latin1 = text + "y";
+        latin1[static_cast<std::size_t>(i / 2)] = '\xE4';
+        String const decoded = String::fromUTF8(latin1);
+        EXPECT_EQ(i + 1, decoded.getLength());
+        EXPECT_EQ(0xE4u, decoded.wx()[static_cast<std::size_t>(i / 2)].GetValue());
+        text += static_cast<char>('a' + i % 26);
+    }
+}
+
 TEST(String, Appends) {
     String text = "a";
     text += String("b");

@@ -413,6 +413,9 @@ TEST(URI, HasANormalForm) {
         CURI const normalized = CURI(c.uri).toNormalized();
         EXPECT_EQ(c.normalized, text(normalized)) << c.uri;
         EXPECT_TRUE(normalized.toNormalized() == normalized) << c.uri;
+        CURI changed = CURI(c.uri);
+        changed.normalize();
+        EXPECT_TRUE(changed == normalized) << c.uri;
         EXPECT_TRUE(CURI(normalized.toString(true)) == normalized) << c.uri;
     }
 }

@@ -11,6 +11,7 @@
 #include "host/system/name_text.h"
 #include "host/transfer/raw_source.h"
 #include "tools/kelm/errors.h"
+#include "tools/kelm/local_file.h"
 
 namespace kelm::tool {
 
@@ -22,6 +23,7 @@ constexpr std::size_t kMaxListBytes = std::size_t{1} << 30;
 constexpr char kBlanks[] = " \t\r\n\f\v";
 
 std::string readText(std::string const& file, host::CancelFlag const& cancel) {
+    verifyIsOnThisMachine("The list of changes", file);
     host::RawSource source(file, &cancel);
     std::string text;
     std::vector<unsigned char> buffer(std::size_t{1} << 16);

@@ -1,12 +1,15 @@
 #include <memory>
 
 #include "host/disk/disk_files.h"
+#include "host/store/file_names.h"
+#include "host/store/stores.h"
 #include "host/transfer/compare.h"
 #include "host/transfer/disk_content_reader.h"
 #include "host/transfer/raw_content_reader.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
+#include "tools/kelm/local_file.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/two_disk_passwords.h"
 
@@ -25,10 +28,11 @@ struct CompareArguments {
 class Side {
 public:
     Side(Invocation& invocation, std::string const& file, PasswordOptions& passwords) {
-        if (file != "-" && host::isDiskMainFile(file)) {
+        if (isDisk(invocation, file)) {
             m_disk = openDisk(invocation, file, yx::IIOStream::ReadOnly, passwords);
             m_reader = std::make_unique<host::DiskContentReader>(*m_disk, &invocation.getCancel());
         } else {
+            verifyIsOnThisMachine("A raw image", file);
             m_source = std::make_unique<host::RawSource>(file, &invocation.getCancel());
             m_reader = std::make_unique<host::RawContentReader>(*m_source);
         }
@@ -37,6 +41,14 @@ public:
     host::ContentReader& getReader() { return *m_reader; }
 
 private:
+    /// What is missing in a store is taken for a disk: there are no images.
+    static bool isDisk(Invocation& invocation, std::string const& file) {
+        if (!host::isStoreURI(file))
+            return file != "-" && host::isDiskMainFile(file);
+        yx::CURI const uri = host::uriFromArgument(file);
+        return host::isDiskMainFile(uri) || !invocation.getFiles()->fileExists(uri);
+    }
+
     std::unique_ptr<host::SafeDisk> m_disk;
     std::unique_ptr<host::RawSource> m_source;
     std::unique_ptr<host::ContentReader> m_reader;

@@ -1,7 +1,9 @@
 #include <memory>
 
 #include "host/backups/disk_copy.h"
+#include "host/backups/disk_upload.h"
 #include "host/store/file_names.h"
+#include "host/store/stores.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
@@ -21,7 +23,7 @@ struct CopyArguments {
 ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
     arguments.transfer.takeEffect(invocation);
     yx::CURI const from = host::uriFromArgument(arguments.from);
-    yx::CURI const to = host::uriFromArgument(nameIn(arguments.to, arguments.from));
+    yx::CURI const to = nameIn(arguments.to, arguments.from);
     warnOfEndedWork(invocation, from);
     LongWork const work(invocation, "copy");
     host::DiskCopyOptions options;
@@ -29,8 +31,11 @@ ExitStatus copyDisk(Invocation& invocation, CopyArguments const& arguments) {
     options.work = work.getOptions();
     host::DurableFiles steps;
     steps.setMeter(&invocation.getMeter());
-    std::vector<yx::CURI> const files = invocation.getWait().retry(
-        [&] { return host::DiskCopy(invocation.getFiles(), steps, from, to, options).run(); });
+    std::vector<yx::CURI> const files = invocation.getWait().retry([&] {
+        if (host::findUpload(to))
+            return host::DiskUpload(invocation.getFiles(), from, to, options).run();
+        return host::DiskCopy(invocation.getFiles(), steps, from, to, options).run();
+    });
     invocation.getResult().add({{"files", listNames(files)}});
     invocation.getResult().print(formatNames(files));
     return ExitStatus::Done;

@@ -7,6 +7,7 @@
 #include "host/transfer/exact_size.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
+#include "tools/kelm/local_file.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/salvaging.h"
 #include "tools/kelm/transfer_options.h"
@@ -59,6 +60,7 @@ ExitStatus salvageImage(Invocation& invocation, ExportArguments& arguments) {
 
 ExitStatus exportImage(Invocation& invocation, ExportArguments& arguments) {
     arguments.transfer.takeEffect(invocation);
+    verifyIsOnThisMachine("The image", arguments.image);
     if (arguments.image == "-")
         invocation.getResult().leaveStandardOutput();
     if (arguments.unfinished)

@@ -22,6 +22,7 @@
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/errors.h"
+#include "tools/kelm/local_file.h"
 #include "tools/kelm/new_disk_options.h"
 #include "tools/kelm/options.h"
 #include "tools/kelm/transfer_options.h"
@@ -221,6 +222,7 @@ void explainComparison(Invocation& invocation, host::SafeDisk& disk,
 
 ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     arguments.transfer.takeEffect(invocation);
+    verifyIsOnThisMachine("The image", arguments.image);
     if (arguments.imageDigest && arguments.newDisk.noDigests)
         throw UsageError("The digest of the image is one of the digests; leave out --no-digests.");
     if (arguments.resume && !arguments.changed.empty())

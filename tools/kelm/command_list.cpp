@@ -24,6 +24,7 @@ struct ListArguments {
     std::vector<std::string> folders;
     std::string picture;
     bool force = false;
+    int storeTimeoutSeconds = 0;
 };
 
 void addText(Json& report, char const* name, std::string const& text) {
@@ -150,13 +151,17 @@ void addListCommand(CLI::App& program, Run& run) {
         program, run, "list", "List the disks below folders, and how they hang together",
         "kelm list /backup/\n"
         "  kelm list /backup/ --svg backup.svg",
-        [arguments](Invocation& invocation) { return list(invocation, *arguments); });
+        [arguments](Invocation& invocation) {
+            invocation.setStoreTimeout(std::chrono::seconds(arguments->storeTimeoutSeconds));
+            return list(invocation, *arguments);
+        });
     command.add_option("FOLDER", arguments->folders, "A folder; those below it are listed too")
         ->required()
         ->type_name("");
     addFileOption(command, "--svg", arguments->picture, "Draw the chains over time into this file",
                   false);
     addForceOption(command, arguments->force);
+    addStoreTimeoutOption(command, arguments->storeTimeoutSeconds);
 }
 
 } // namespace kelm::tool

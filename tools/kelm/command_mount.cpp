@@ -23,6 +23,7 @@
 #include "tools/kelm/disk_access.h"
 #include "tools/kelm/disk_report.h"
 #include "tools/kelm/errors.h"
+#include "tools/kelm/local_file.h"
 #include "tools/kelm/mount_record.h"
 #include "tools/kelm/options.h"
 #include "yx/log.h"
@@ -313,6 +314,7 @@ private:
 
 ExitStatus mountDisk(Invocation& invocation, MountArguments& arguments) {
     verifyOptions(arguments.options);
+    verifyIsOnThisMachine("The folder", arguments.folder);
     std::string const folder = resolveFolder(arguments.folder);
     verifyPrograms();
     if (arguments.unfinished)

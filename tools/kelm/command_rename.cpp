@@ -27,7 +27,7 @@ std::string formatRenaming(host::DiskMoveResult const& result) {
 
 ExitStatus renameDisk(Invocation& invocation, RenameArguments const& arguments) {
     yx::CURI const from = host::uriFromArgument(arguments.from);
-    yx::CURI const to = host::uriFromArgument(nameIn(arguments.to, arguments.from));
+    yx::CURI const to = nameIn(arguments.to, arguments.from);
     host::DiskMoveOptions options;
     options.trust = invocation.getTrust();
     LongWork const work(invocation, "rename");

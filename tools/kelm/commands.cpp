@@ -66,10 +66,12 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
     auto const parentPasswords = std::make_shared<PasswordOptions>();
     auto const trust = std::make_shared<TrustOptions>();
     auto const waitSeconds = std::make_shared<int>(0);
+    auto const storeTimeoutSeconds = std::make_shared<int>(0);
     Run const actionWithOptions = [=, action = std::move(action)](Invocation& invocation) {
         host::KeyDerivationWatch const watch(&invocation.getCancel(), *maxRounds);
         invocation.setMaxRounds(*maxRounds);
         invocation.setParentPasswords(parentPasswords);
+        invocation.setStoreTimeout(std::chrono::seconds(*storeTimeoutSeconds));
         invocation.setTrust(trust->make());
         invocation.setWait(std::chrono::seconds(*waitSeconds));
         return action(invocation);
@@ -84,6 +86,7 @@ CLI::App& addCommand(CLI::App& program, Run& run, std::string const& name,
     parentPasswords->addTo(command, "parent-", "of parents that have another one");
     trust->addTo(command);
     addWaitOption(command, *waitSeconds);
+    addStoreTimeoutOption(command, *storeTimeoutSeconds);
     return command;
 }
 

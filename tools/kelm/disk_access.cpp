@@ -90,7 +90,8 @@ std::vector<yx::CURI> listFilesWithDigests(host::SafeDisk& disk) {
 void warnOfEndedWork(Invocation& invocation, yx::CURI const& uri) {
     for (yx::CURI const& folder : host::KeptFiles::findFoldersOf(uri)) {
         yx::logWarning("The disk that was to be replaced is still kept in '" +
-                       yx::String::fromUTF8(host::displayName(folder)) + "'. Move its files back, or delete the folder.");
+                       yx::String::fromUTF8(host::displayName(folder)) +
+                       "'. Move its files back, or delete the folder.");
     }
     yx::IFileSystem* const files = invocation.getFiles();
     yx::String const note = host::DiskNote::describe(files, uri);

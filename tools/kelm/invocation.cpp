@@ -20,7 +20,10 @@ void writeToStandardError(std::string const& text) {
 } // namespace
 
 Invocation::Invocation(CommandResult& result)
-    : m_result(result), m_files(yx::makeObject<host::FileSystems>(yx::makeObject<yx::CNativeFileSystem>())), m_signals(m_cancel) {
+    : m_result(result),
+      m_files(yx::makeObject<host::FileSystems>()),
+      m_signals(m_cancel),
+      m_storeWatch(m_cancel, [this](std::chrono::seconds waited) { tellWaiting(waited); }) {
     // A reader that goes away must show as an error of writing, so that the work is cleaned up.
     std::signal(SIGPIPE, SIG_IGN);
     // So must a file that the limit of the process lets grow no more.
@@ -41,6 +44,15 @@ yx::String Invocation::readParentPassword() const {
     return m_parentPasswords && m_parentPasswords->isGiven()
                ? m_parentPasswords->read(m_cancel).get()
                : yx::String();
+}
+
+/// By another thread, while the one that shows progress waits.
+void Invocation::tellWaiting(std::chrono::seconds waited) const {
+    std::string const seconds = std::to_string(waited.count());
+    if (m_progressKind == ProgressKind::Lines)
+        writeToStandardError("{\"waiting\":\"store\",\"seconds\":" + seconds + "}\n");
+    else if (m_progressKind == ProgressKind::Bar && ::isatty(STDERR_FILENO) != 0)
+        writeToStandardError("\r\033[Kkelm: waiting for the store, " + seconds + " s\n");
 }
 
 void Invocation::tellMeter() {

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 
 #include "host/disk/busy_wait.h"
 #include "host/disk/disk_trust.h"
 #include "host/store/file_systems.h"
+#include "host/store/store_watch.h"
 #include "host/system/cancel.h"
 #include "host/system/derived_keys.h"
 #include "host/system/key_derivation.h"
@@ -15,7 +17,6 @@
 #include "host/transfer/transfer.h"
 #include "tools/kelm/command_result.h"
 #include "tools/kelm/password_options.h"
-#include "yx/native_file_system.h"
 
 namespace kelm::tool {
 
@@ -74,6 +75,12 @@ public:
     host::BusyWait& getWait() { return m_wait; }
     void setWait(std::chrono::seconds limit) { m_wait = host::BusyWait(limit, &m_cancel); }
 
+    /// What takes longer to be answered by a store is given up; 0 for never.
+    void setStoreTimeout(std::chrono::seconds limit) {
+        if (limit.count() > 0)
+            m_storeWatch.setTimeout(limit);
+    }
+
     /// The most rounds of key derivation that the user allows.
     int getMaxRounds() const { return m_maxRounds; }
     void setMaxRounds(int maxRounds) { m_maxRounds = maxRounds; }
@@ -89,9 +96,11 @@ public:
     host::DerivedKeys& getDerivedKeys() { return m_derivedKeys; }
 
 private:
+    void tellWaiting(std::chrono::seconds waited) const;
+
     CommandResult& m_result;
     host::TransferMeter m_meter;
-    ProgressKind m_progressKind = ProgressKind::Bar;
+    std::atomic<ProgressKind> m_progressKind = ProgressKind::Bar;
     bool m_isLong = false;
     int m_maxRounds = host::KeyDerivationWatch::kDefaultMaxRounds;
     yx::P<host::FileSystems> m_files;
@@ -101,6 +110,7 @@ private:
     host::CancelFlag m_cancel;
     host::BusyWait m_wait;
     host::SignalCancellation m_signals;
+    host::StoreWatch m_storeWatch;
 };
 
 /// The options of long work that shows its progress on standard error as the user wants it, is

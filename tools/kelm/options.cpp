@@ -1,10 +1,13 @@
 #include "tools/kelm/options.h"
 
 #include <filesystem>
+#include <optional>
 
 #include <CLI/CLI.hpp>
 
 #include "host/store/file_names.h"
+#include "host/store/file_status.h"
+#include "host/store/stores.h"
 #include "host/system/size_text.h"
 #include "yx/error.h"
 
@@ -16,6 +19,14 @@ constexpr int kMaxThreads = 1024;
 
 /// A year.
 constexpr int kMaxWaitSeconds = 365 * 24 * 60 * 60;
+
+/// The name of a file as the user gives it, that of a link too.
+yx::String lastNameOf(std::string const& file) {
+    yx::String const text = yx::String::fromUTF8(file);
+    if (host::isStoreURI(file) || file.starts_with("file:"))
+        return yx::CURI(text).getName();
+    return yx::String::fromUTF8(std::filesystem::path(file).filename().string());
+}
 
 } // namespace
 
@@ -85,11 +96,12 @@ std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
     return folders;
 }
 
-std::string nameIn(std::string const& target, std::string const& file) {
-    std::filesystem::path const folder = target;
-    return std::filesystem::is_directory(folder)
-               ? (folder / std::filesystem::path(file).filename()).string()
-               : target;
+yx::CURI nameIn(std::string const& target, std::string const& file) {
+    yx::CURI const uri = host::uriFromArgument(target);
+    std::optional<host::FileStatus> const status = host::findStatus(uri);
+    if (!status || status->kind != host::FileKind::Folder)
+        return uri;
+    return host::resolveName((yx::CURI(uri) << lastNameOf(file)).toNormalized());
 }
 
 void addThreadsOption(CLI::App& command, int& target) {
@@ -110,6 +122,15 @@ void addWaitOption(CLI::App& command, int& targetSeconds) {
     command
         .add_option("--wait", targetSeconds,
                     "Wait so long, in all, for disks that are in use; by default not at all")
+        ->check(CLI::Range(0, kMaxWaitSeconds))
+        ->type_name("SECONDS");
+}
+
+void addStoreTimeoutOption(CLI::App& command, int& targetSeconds) {
+    command
+        .add_option("--store-timeout", targetSeconds,
+                    "Give up a store (a cluster, a bucket) that does not answer for so long; by "
+                    "default never")
         ->check(CLI::Range(0, kMaxWaitSeconds))
         ->type_name("SECONDS");
 }

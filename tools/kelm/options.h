@@ -48,8 +48,9 @@ void addLookOption(CLI::App& command, std::vector<std::string>& target);
 std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
                                       yx::CURI const& mainFile);
 
-/// The new name that a user gives a file: that file's own name in a folder, if it is one.
-std::string nameIn(std::string const& target, std::string const& file);
+/// The new name that a user gives a file: that file's own name in a folder, if it is one. Either
+/// may be of any store.
+yx::CURI nameIn(std::string const& target, std::string const& file);
 
 /// Adds "--threads".
 void addThreadsOption(CLI::App& command, int& target);
@@ -62,6 +63,9 @@ void addUnfinishedOption(CLI::App& command, bool& target);
 
 /// Adds "--wait" for disks that are in use.
 void addWaitOption(CLI::App& command, int& targetSeconds);
+
+/// Adds "--store-timeout" for stores that do not answer.
+void addStoreTimeoutOption(CLI::App& command, int& targetSeconds);
 
 /// Adds a required positional argument that names a file.
 void addFileArgument(CLI::App& command, std::string const& name, std::string& target,

@@ -6,6 +6,7 @@
 
 #include "host/system/key_rounds.h"
 #include "tools/kelm/errors.h"
+#include "tools/kelm/local_file.h"
 
 namespace kelm::tool {
 
@@ -69,6 +70,7 @@ void PasswordOptions::addTo(CLI::App& command, std::string const& prefix,
 }
 
 host::Password PasswordOptions::readFromOptions(host::CancelFlag const& cancel) const {
+    verifyIsOnThisMachine("The file with a password", m_file);
     if (!m_file.empty())
         return host::readPasswordFile(m_file, cancel);
     if (m_fileDescriptor >= 0)

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <limits>
 #include <system_error>
+#include <typeinfo>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -81,6 +82,15 @@ bool isSyncUnsupported(int errorNumber) {
 
 } // namespace
 
+CNativeFileStream* detail::asNativeFileStream(IStreamBase* stream) {
+    if (!stream)
+        return nullptr;
+    IStreamBase const& object = *stream;
+    return &typeid(object) == &typeid(CNativeFileStream)
+               ? static_cast<CNativeFileStream*>(dynamic_cast<void*>(stream))
+               : nullptr;
+}
+
 CNativeFileStream::CNativeFileStream(std::shared_ptr<detail::FileDescriptor> descriptor,
                                      struct stat const& status, CURI const& uri, std::string path,
                                      Access access, NativeFlush flush)
@@ -92,6 +102,8 @@ CNativeFileStream::CNativeFileStream(std::shared_ptr<detail::FileDescriptor> des
     m_folderNeedsSync = isFile;
     // An empty file may be a new one, whose entry is to become durable without any write.
     m_contentNeedsSync = access == ReadWrite && isFile && status.st_size == 0;
+    if (access == ReadOnly && isFile)
+        m_openingLength = status.st_size;
 }
 
 CNativeFileStream::~CNativeFileStream() {
@@ -104,6 +116,7 @@ CNativeFileStream::~CNativeFileStream() {
 
 __int64 CNativeFileStream::getLength() const {
     requireOpen();
+    m_openingLength.reset();
     struct stat const status = queryFile(m_descriptor->get(), uri());
     if (!S_ISBLK(status.st_mode))
         return status.st_size;
@@ -114,6 +127,8 @@ __int64 CNativeFileStream::getLength() const {
 }
 
 P<IStreamLock> CNativeFileStream::lockAt(__int64 position, __int64 length, bool exclusive) {
+    // Who held the range before may have changed the file.
+    m_openingLength.reset();
     if (!m_locks)
         m_locks = std::make_shared<detail::NativeRangeLocks>(m_descriptor);
     detail::NativeRangeLocks::Result const lock =
@@ -194,6 +209,7 @@ void CNativeFileStream::writeAt(__int64 position, Piece const* pieces, int count
 }
 
 int CNativeFileStream::readAt(__int64 position, void* target, int sizeBytes) const {
+    m_openingLength.reset();
     // No file reaches up to the largest number, and the system refuses ranges that pass it.
     auto const wanted =
         static_cast<int>(std::min<__int64>(sizeBytes, kMaxFileLengthBytes - position));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <sys/stat.h>
@@ -37,6 +38,10 @@ public:
     void setLength(__int64 length) override;
     int getFileDescriptor() const override { return m_descriptor ? m_descriptor->get() : -1; }
 
+    /// The length that the file had when it was opened. Absent if it was not opened only for
+    /// reading, is no regular file, or has been used since.
+    std::optional<__int64> getOpeningLength() const { return m_openingLength; }
+
 private:
     bool isOpen() const override { return static_cast<bool>(m_descriptor); }
     int readAt(__int64 position, void* target, int sizeBytes) const override;
@@ -54,6 +59,9 @@ private:
     std::shared_ptr<detail::NativeRangeLocks> m_locks;
     std::string m_path;
 
+    /// Until the file is used.
+    mutable std::optional<__int64> m_openingLength;
+
     bool m_contentNeedsSync = false;
 
     detail::EarlyWriteBack m_earlyWriteBack;
@@ -68,5 +76,13 @@ private:
     /// The `errno` value of the sync that failed, 0 if none has.
     int m_syncError = 0;
 };
+
+namespace detail {
+
+/// The stream, which may be null, if it is on a file of the operating system; costs less than a
+/// `dynamic_cast`.
+CNativeFileStream* asNativeFileStream(IStreamBase* stream);
+
+} // namespace detail
 
 } // namespace yx

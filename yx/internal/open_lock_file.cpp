@@ -2,13 +2,18 @@
 
 #include <cassert>
 #include <string_view>
+#include <typeinfo>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "yx/error.h"
+#include "yx/internal/file_descriptor.h"
+#include "yx/internal/native_file_stream.h"
 #include "yx/internal/native_range_locks.h"
 #include "yx/internal/stream_error.h"
 #include "yx/mt_rand.h"
+#include "yx/native_file_system.h"
 #include "yx/native_stream.h"
 #include "yx/number.h"
 
@@ -84,8 +89,22 @@ P<IIOStream> openOrMake(IFileSystem& fileSystem, CURI const& uri) {
 
 } // namespace
 
-OpenLockFile::OpenLockFile(IFileSystem* fileSystem, CURI const& uri)
-    : m_fileSystem(fileSystem), m_uri(uri), m_stream(openOrMake(*fileSystem, uri)) {}
+P<IIOStream> OpenLockFile::tryMake(IFileSystem& fileSystem, CURI const& uri) {
+    if (typeid(fileSystem) != typeid(CNativeFileSystem))
+        return {};
+    std::string const path = toNativePath(uri).toStdString();
+    auto descriptor = std::make_shared<FileDescriptor>(
+        openDescriptor(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW));
+    if (descriptor->get() < 0)
+        return {};
+    struct stat status {};
+    status.st_mode = S_IFREG;
+    return makeObject<CNativeFileStream>(std::move(descriptor), status, uri, path,
+                                         IIOStream::ReadWrite, NativeFlush::ToSystem);
+}
+
+OpenLockFile::OpenLockFile(IFileSystem* fileSystem, CURI const& uri, P<IIOStream> const& made)
+    : m_fileSystem(fileSystem), m_uri(uri), m_stream(made ? made : openOrMake(*fileSystem, uri)) {}
 
 bool OpenLockFile::tryEnter(IStreamBase::LockType type) {
     assert(!m_presence && !m_lock);
@@ -151,7 +170,9 @@ OpenLockFile::State OpenLockFile::readState() {
 
 /// One question for both, where the stream is on a file of the operating system.
 __int64 OpenLockFile::getLengthAndIdentity() {
-    auto const* const native = dynamic_cast<INativeStream const*>(m_stream.get());
+    INativeStream const* native = asNativeFileStream(m_stream.get());
+    if (!native)
+        native = dynamic_cast<INativeStream const*>(m_stream.get());
     struct stat opened {};
     if (!native || ::fstat(native->getFileDescriptor(), &opened) != 0)
         return m_stream->getLength();

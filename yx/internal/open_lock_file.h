@@ -42,9 +42,14 @@ namespace yx::detail {
 /// others are present.
 class OpenLockFile {
 public:
-    /// Opens the file, and makes it if there is none. A symbolic link at the name is
-    /// `CLockFileError`. Other errors are those of the file system.
-    OpenLockFile(IFileSystem* fileSystem, CURI const& uri);
+    /// Makes the file if there is none, and says so by a stream on it; null in every other case,
+    /// and for file systems that cannot do both at once.
+    static P<IIOStream> tryMake(IFileSystem& fileSystem, CURI const& uri);
+
+    /// Opens the file, and makes it if there is none, unless `made` is the stream of one who has
+    /// just made it. A symbolic link at the name is `CLockFileError`. Other errors are those of the
+    /// file system.
+    OpenLockFile(IFileSystem* fileSystem, CURI const& uri, P<IIOStream> const& made);
     OpenLockFile(OpenLockFile const&) = delete;
     OpenLockFile& operator=(OpenLockFile const&) = delete;
 

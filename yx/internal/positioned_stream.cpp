@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cstdint>
 
+#include "yx/internal/native_file_stream.h"
 #include "yx/memory.h"
 
 namespace yx::detail {
@@ -15,15 +16,20 @@ constexpr int kDefaultBestPerformanceAlign = 4096;
 
 } // namespace
 
-PositionedStream::PositionedStream(IInStream* in, IIOStream* out)
-    : m_in(in), m_out(out), m_gather(dynamic_cast<IGatherOutStream*>(out)) {
-    queryAlignment();
+PositionedStream::PositionedStream(IInStream* in, IIOStream* out, IIOStream::Access access)
+    : m_in(in), m_out(out), m_bestPerformancePositionAlign(kDefaultBestPerformanceAlign) {
+    if (auto* const file = asNativeFileStream(in)) {
+        m_gather = out ? file : nullptr;
+    } else {
+        if (access != IIOStream::ReadOnly)
+            m_gather = dynamic_cast<IGatherOutStream*>(out);
+        queryAlignment();
+    }
     assert(m_bestPerformancePositionAlign >= m_positionAlign &&
            m_bounceSizeBytes % m_positionAlign == 0);
 }
 
 void PositionedStream::queryAlignment() {
-    m_bestPerformancePositionAlign = kDefaultBestPerformanceAlign;
     auto* const aligned = dynamic_cast<IAlignedStreamBase*>(m_in.get());
     if (!aligned)
         return;

@@ -18,7 +18,8 @@ namespace yx::detail {
 class PositionedStream {
 public:
     /// `out` is null for a stream that is only read; otherwise it is the same object as `in`.
-    PositionedStream(IInStream* in, IIOStream* out);
+    /// `access` is what that was opened for.
+    PositionedStream(IInStream* in, IIOStream* out, IIOStream::Access access);
 
     IInStream& get() const { return *m_in; }
     bool isAligned() const { return m_positionAlign > 1 || m_bufferAlign > 1; }

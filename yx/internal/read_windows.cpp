@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 namespace yx::detail {
 
@@ -23,7 +24,7 @@ ReadWindow& ReadWindows::prepare(__int64 position) {
         window->restart(std::min(window->getFetchSizeBytes() * kFetchGrowth, kMaxFetchBytes));
     } else {
         window = &*std::ranges::min_element(m_windows, {}, &ReadWindow::getLastUse);
-        window->restart(kFirstFetchBytes);
+        window->restart(std::exchange(m_firstFetchBytes, kFirstFetchBytes));
     }
     window->setLastUse(++m_useCount);
     assert(window->getFetchSizeBytes() >= kFirstFetchBytes &&

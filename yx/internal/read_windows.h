@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 
 #include "yx/internal/read_window.h"
@@ -24,6 +25,10 @@ public:
     static_assert(kCount * kMaxFetchBytes <= 1024 * 1024,
                   "the windows of a stream hold 1 MiB together at most");
 
+    /// `firstFetchBytes` is what the first sequence of all begins with, within the limits above.
+    explicit ReadWindows(int firstFetchBytes)
+        : m_firstFetchBytes(std::clamp(firstFetchBytes, kFirstFetchBytes, kMaxFetchBytes)) {}
+
     /// The window that holds `position`, null if none; it counts as used.
     ReadWindow* find(__int64 position);
 
@@ -40,6 +45,9 @@ private:
 
     std::array<ReadWindow, kCount> m_windows;
     unsigned long long m_useCount = 0;
+
+    /// Of the next sequence.
+    int m_firstFetchBytes;
 };
 
 } // namespace yx::detail

@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cassert>
 #include <limits>
+#include <utility>
 
 #include "yx/access_stream.h"
 #include "yx/internal/file_error.h"
+#include "yx/internal/native_file_stream.h"
 #include "yx/internal/stream_error.h"
 #include "yx/memory.h"
 
@@ -16,15 +18,26 @@ namespace {
 /// Positions from here on hold nothing: the sum of a position and a size must not overflow.
 constexpr __int64 kMaxStreamLengthBytes = std::numeric_limits<__int64>::max() / 2;
 
+IIOStream::Access getAccessOf(IInStream* in, IIOStream* out) {
+    if (auto const* const file = asNativeFileStream(in))
+        return file->getAccess();
+    auto const* const stream = dynamic_cast<IAccessStream const*>(out);
+    return stream ? stream->getAccess() : IIOStream::ReadWrite;
+}
+
 } // namespace
 
-StreamBuffering::StreamBuffering(IInStream* in, IIOStream* out) : m_stream(in, out) {
-    if (auto const* const stream = dynamic_cast<IAccessStream const*>(out))
-        m_access = stream->getAccess();
+StreamBuffering::StreamBuffering(IInStream* in, IIOStream* out, int firstFetchBytes)
+    : m_access(getAccessOf(in, out)), m_stream(in, out, m_access), m_windows(firstFetchBytes) {
+    if (auto const* const file = asNativeFileStream(in))
+        m_openingLength = file->getOpeningLength();
 }
 
 __int64 StreamBuffering::getLength() const {
     requireOpen();
+    // Once alone: who asks again may expect that the file has grown.
+    if (std::optional<__int64> const length = std::exchange(m_openingLength, std::nullopt))
+        return *length;
     return std::max(m_stream.getLength(), m_pending.getEnd());
 }
 
@@ -33,6 +46,7 @@ P<IStreamLock> StreamBuffering::lockRange(__int64 position, __int64 length,
     requireOpen();
     P<IStreamLock> lock = m_stream.get().lockRange(position, length, type);
     // Another holder may have written while this one waited for its turn.
+    m_openingLength.reset();
     leaveWindow(getPosition());
     m_windows.clear();
     return lock;

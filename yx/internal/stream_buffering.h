@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstring>
+#include <optional>
 
 #include "yx/internal/pending_writes.h"
 #include "yx/internal/positioned_stream.h"
@@ -23,7 +24,9 @@ public:
     static constexpr int kKeepBufferBytes = 16 * 1024;
 
     /// `out` is null for a stream that is only read; otherwise it is the same object as `in`.
-    StreamBuffering(IInStream* in, IIOStream* out);
+    /// `firstFetchBytes` is as for `ReadWindows`.
+    StreamBuffering(IInStream* in, IIOStream* out,
+                    int firstFetchBytes = ReadWindows::kFirstFetchBytes);
 
     /// Also of a closed stream.
     __int64 getPosition() const { return m_cursorEndPosition - (m_cursorEnd - m_cursor); }
@@ -129,12 +132,15 @@ private:
     unsigned char const* m_windowBegin = &kNoWindow;
     __int64 m_cursorEndPosition = 0;
 
-    PositionedStream m_stream;
-
-    /// What the stream under it was opened for; assumed where it does not implement
+    /// What the stream under it was opened for; `ReadWrite` where it does not implement
     /// `IAccessStream`.
-    IIOStream::Access m_access = IIOStream::ReadWrite;
+    IIOStream::Access m_access;
+
+    PositionedStream m_stream;
     bool m_isClosed = false;
+
+    /// Until the length is asked for.
+    mutable std::optional<__int64> m_openingLength;
     ReadWindows m_windows;
     PendingWrites m_pending;
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "yx/error.h"
+#include "yx/internal/ascii.h"
 #include "yx/log.h"
 
 namespace kelm::detail {
@@ -38,13 +39,22 @@ yx::String findEncoding(std::string_view bytes) {
     return encoding;
 }
 
-wxString decodeAs(yx::String const& encoding, std::string_view bytes) {
+enum class Encoding { UTF8, Latin1, Unknown };
+
+Encoding recognize(yx::String const& encoding) {
     wxString reduced = encoding.wx().Lower();
     reduced.Replace(L"_", L"");
     reduced.Replace(L"-", L"");
     if (reduced.empty() || reduced == L"utf8")
+        return Encoding::UTF8;
+    return reduced == L"latin1" || reduced == L"iso88591" ? Encoding::Latin1 : Encoding::Unknown;
+}
+
+wxString decodeAs(yx::String const& encoding, std::string_view bytes) {
+    Encoding const known = recognize(encoding);
+    if (known == Encoding::UTF8)
         return yx::String::tryFromUTF8(bytes).value_or(yx::String()).wx();
-    if (reduced != L"latin1" && reduced != L"iso88591") {
+    if (known == Encoding::Unknown) {
         yx::logWarning("Unknown VMDK descriptor encoding '" + encoding +
                        "'. Using Latin-1 instead.");
     }
@@ -80,6 +90,13 @@ std::string_view textOf(yx::TBuffer<unsigned char> const& buffer) {
 
 wxString decodeDescriptor(yx::TBuffer<unsigned char> const& bytes) {
     return decodeText(textOf(bytes));
+}
+
+std::optional<std::string_view> tryGetAsciiDescriptor(yx::TBuffer<unsigned char> const& bytes) {
+    std::string_view const text = textOf(bytes);
+    if (!yx::detail::isAscii(text) || recognize(findEncoding(text)) == Encoding::Unknown)
+        return std::nullopt;
+    return text;
 }
 
 } // namespace kelm::detail

@@ -21,10 +21,24 @@ namespace kelm::detail {
 
 constexpr char kEncodingKey[] = "encoding";
 
-/// Compares as if both were put in lower case. Asking for the length first spares the comparison
-/// for most keys of a long text.
+/// Compares as if both were put in lower case. Looking at the length and at the letters of ASCII
+/// first spares the comparison for nearly all keys.
 inline bool isSameKey(wxString const& left, wxString const& right) {
-    return left.length() == right.length() && left.IsSameAs(right, false);
+    constexpr wchar_t kBitOfCase = 0x20;
+    std::wstring_view const leftKey(left.wc_str(), left.length());
+    std::wstring_view const rightKey(right.wc_str(), right.length());
+    if (leftKey.size() != rightKey.size())
+        return false;
+    bool isEqual = true;
+    for (size_t i = 0; i < leftKey.size(); ++i) {
+        if (leftKey[i] == rightKey[i])
+            continue;
+        bool const isAscii = leftKey[i] < 0x80 && rightKey[i] < 0x80;
+        if (isAscii && (leftKey[i] | kBitOfCase) != (rightKey[i] | kBitOfCase))
+            return false;
+        isEqual = false;
+    }
+    return isEqual || left.IsSameAs(right, false);
 }
 
 template <class Char>
@@ -73,5 +87,9 @@ bool isComment(View<Char> line) {
 /// The characters of a descriptor's bytes, up to the first zero. They are in the encoding that the
 /// text itself names, which is UTF-8 if it names none; what is no UTF-8 then makes an empty text.
 wxString decodeDescriptor(yx::TBuffer<unsigned char> const& bytes);
+
+/// The same where every byte is the character, as it is for ASCII in all encodings that are known;
+/// absent otherwise.
+std::optional<std::string_view> tryGetAsciiDescriptor(yx::TBuffer<unsigned char> const& bytes);
 
 } // namespace kelm::detail

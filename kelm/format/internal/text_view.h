@@ -34,4 +34,9 @@ inline yx::String toString(std::wstring_view text) {
     return wxString(text.data(), text.size());
 }
 
+/// Of ASCII.
+inline yx::String toString(std::string_view text) {
+    return yx::String::fromUTF8(text);
+}
+
 } // namespace kelm::detail
