@@ -117,8 +117,8 @@ cluster-packages:
 
 cluster-test: install-packages cluster-packages
 	cmake --preset release
-	cmake --build --preset release -j $(JOBS) --target test_cluster
-	tests/cluster/cluster run ctest --preset release -R '^test_cluster$$' || test $$? = 77
+	cmake --build --preset release -j $(JOBS) --target test_cluster test_s3
+	tests/cluster/cluster run ctest --preset release -R '^test_(cluster|s3)$$' || test $$? = 77
 
 format: install-packages
 	$(OWN_FILES) | xargs clang-format -i

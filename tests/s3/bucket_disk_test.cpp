@@ -11,6 +11,7 @@
 #include "tests/s3/fake_bucket.h"
 #include "tests/s3/local_disks.h"
 #include "tests/support/expect_error.h"
+#include "tests/support/log_capture.h"
 
 namespace s3_test {
 namespace {
@@ -58,6 +59,7 @@ TEST_P(BucketDisk, IsSound) {
 }
 
 TEST_P(BucketDisk, WithoutItsParentIsNotRead) {
+    test_support::LogCapture const quiet;
     putFiles();
     bucket.remove("backups/full.vmdk");
     EXPECT_THROW(exportDisk("child.vmdk"), yx::CError);

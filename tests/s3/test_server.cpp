@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
@@ -234,6 +235,8 @@ void TestServer::accept() {
         if (socket < 0)
             return;
         ++m_connections;
+        int const isOn = 1;
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &isOn, sizeof isOn);
         std::lock_guard const guard(m_connectionsMutex);
         m_open.push_back(std::make_unique<Connection>(*this, socket));
     }
