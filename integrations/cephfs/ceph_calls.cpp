@@ -1,6 +1,8 @@
 #include "integrations/cephfs/ceph_calls.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <deque>
@@ -20,7 +22,7 @@ struct CephCalls::Task {
 
     Call call;
     int result = 0;
-    bool hasReturned = false;
+    std::atomic<bool> hasReturned = false;
 
     /// That the call has returned, or that nobody is to wait for it.
     std::condition_variable isOver;
@@ -33,11 +35,12 @@ struct CephCalls::State {
 
     /// Those that no thread has taken yet.
     std::deque<std::shared_ptr<Task>> tasks;
+    std::atomic<std::size_t> taskCount = 0;
 
     /// Those that somebody waits for.
     std::set<Task*> awaited;
 
-    std::size_t idleThreads = 0;
+    std::atomic<std::size_t> idleThreads = 0;
     std::size_t threads = 0;
     bool isAbandoned = false;
     bool isEnding = false;
@@ -51,6 +54,16 @@ int makeGuarded(CephCalls::Call const& call) noexcept {
     } catch (std::exception const&) {
         return -ENOMEM;
     }
+}
+
+/// Looks a short while whether it is so, and lets others run meanwhile: what the client has in its
+/// cache comes sooner than a thread falls asleep and wakes up again.
+template <class Condition>
+void lookAWhile(Condition const& isSo) {
+    constexpr std::chrono::microseconds kWhile(50);
+    auto const end = std::chrono::steady_clock::now() + kWhile;
+    while (!isSo() && std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
 }
 
 /// Signals are for the threads of the program.
@@ -100,10 +113,14 @@ int CephCalls::make(Call call) noexcept {
             state.awaited.erase(awaited);
             throw;
         }
+        state.taskCount = state.tasks.size();
         state.hasWork.notify_one();
-        task->isOver.wait(guard, [&] { return task->hasReturned || state.isAbandoned; });
+        guard.unlock();
+        lookAWhile([&] { return task->hasReturned.load(); });
+        guard.lock();
+        task->isOver.wait(guard, [&] { return task->hasReturned.load() || state.isAbandoned; });
         state.awaited.erase(awaited);
-        return task->hasReturned ? task->result : -ECANCELED;
+        return task->hasReturned.load() ? task->result : -ECANCELED;
     } catch (std::exception const&) {
         return -ENOMEM;
     }
@@ -141,14 +158,18 @@ void CephCalls::work(State& state) {
             break;
         std::shared_ptr<Task> const task = std::move(state.tasks.front());
         state.tasks.pop_front();
+        state.taskCount = state.tasks.size();
         --state.idleThreads;
         guard.unlock();
-        int const result = makeGuarded(task->call);
-        guard.lock();
+        task->result = makeGuarded(task->call);
+        // Before the caller can make its next call, for which no thread more is needed.
         ++state.idleThreads;
-        task->result = result;
         task->hasReturned = true;
+        guard.lock();
         task->isOver.notify_all();
+        guard.unlock();
+        lookAWhile([&state] { return state.taskCount > 0; });
+        guard.lock();
     }
     --state.threads;
     --state.idleThreads;
