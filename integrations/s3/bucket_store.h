@@ -24,7 +24,8 @@ namespace kelm::s3 {
 /// - An object that the server refuses to those who may not list the bucket, as it does where there
 ///   is none, is opened with `AccessDenied`, and there is none for `fileExists` and `findStatus`.
 ///   What it says of wrong keys is `AccessDenied` there too.
-/// - What the server says of a name counts for two seconds (`RecentVersions`).
+/// - What the server says of a name counts for two seconds (`RecentVersions`). Where a name in a
+///   bucket is missing, its folder is listed, so that the next missing one is known to be missing.
 /// - A process that was forked off connects anew. Streams that it was given are of no use to it:
 ///   `NotSupported`.
 class CBucketStore : public yx::CBase, public virtual host::IStore, public host::IStoreUpload {
@@ -80,6 +81,9 @@ private:
     Connection& connect(yx::CURI const& uri);
     std::optional<ObjectVersion> findVersion(ObjectLocation const& location, char const* beginning,
                                              yx::CURI const& uri);
+    std::optional<host::FileKind> findKnownKind(ObjectLocation const& location,
+                                                yx::CURI const& uri);
+    void learnFolder(ObjectLocation const& location, yx::CURI const& uri);
     ObjectVersion getVersion(ObjectLocation const& location, yx::CURI const& uri);
     HTTPAnswer head(ObjectLocation const& location, char const* beginning, yx::CURI const& uri);
     std::shared_ptr<ObjectContent> share(ObjectLocation const& location,
