@@ -71,8 +71,8 @@ CBucketStore::Connection& CBucketStore::connect(yx::CURI const& uri) {
     try {
         auto made = std::make_unique<Connection>(
             std::make_shared<StoreCore>(m_readSettings(), m_policy, m_abandonment));
-        // Another thread may have been quicker. What is of another process stays: to end it would be
-        // to end its connections.
+        // Another thread may have been quicker. What is of another process stays: to end it would
+        // be to end its connections.
         if (!m_connection.compare_exchange_strong(before, made.get()))
             return *before;
         return *made.release();

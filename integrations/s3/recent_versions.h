@@ -11,9 +11,9 @@
 
 namespace kelm::s3 {
 
-/// What the server has said a moment ago of names, since who opens a disk looks at the same ones again
-/// and again, and of folders, since he looks for many names there that are missing. Safe for several
-/// threads.
+/// What the server has said a moment ago of names, since who opens a disk looks at the same ones
+/// again and again, and of folders, since he looks for many names there that are missing. Safe for
+/// several threads.
 class RecentVersions {
 public:
     using Milliseconds = std::chrono::milliseconds;
