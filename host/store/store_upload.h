@@ -34,12 +34,12 @@ class IStoreUpload {
 public:
     virtual ~IStoreUpload() = default;
 
-    /// Makes a file of what `upload` delivers. It is there as a whole or not at all, whatever fails;
-    /// what was sent by then is taken away again, as far as the store can be reached.
+    /// Makes a file of what `upload` delivers. It is there as a whole or not at all, whatever
+    /// fails; what was sent by then is taken away again, as far as the store can be reached.
     ///
-    /// Unless it is to be replaced, a file that is there, also one that somebody else has made in the
-    /// meantime, stays and is `yx::CIOError` `AlreadyExists` "The file exists already." Other errors
-    /// are those of the store, with "uri".
+    /// Unless it is to be replaced, a file that is there, also one that somebody else has made in
+    /// the meantime, stays and is `yx::CIOError` `AlreadyExists` "The file exists already." Other
+    /// errors are those of the store, with "uri".
     virtual void uploadFile(yx::CURI const& uri, Upload const& upload) = 0;
 
 protected:

@@ -71,8 +71,8 @@ CBucketStore::Connection& CBucketStore::connect(yx::CURI const& uri) {
     try {
         auto made = std::make_unique<Connection>(
             std::make_shared<StoreCore>(m_readSettings(), m_policy, m_abandonment));
-        // Another thread may have been quicker. What is of another process stays: to end it would be
-        // to end its connections.
+        // Another thread may have been quicker. What is of another process stays: to end it would
+        // be to end its connections.
         if (!m_connection.compare_exchange_strong(before, made.get()))
             return *before;
         return *made.release();
@@ -113,7 +113,12 @@ std::optional<ObjectVersion> CBucketStore::findVersion(ObjectLocation const& loc
     std::optional<RecentVersions::Known> const known = core.getRecentVersions().find(location, now);
     if (known && !core.getServer().isAbandoned())
         return *known;
+    std::optional<host::FileKind> const kind = findKnownKind(location, uri);
+    if (kind && *kind != host::FileKind::File)
+        return std::nullopt;
     HTTPAnswer const answer = head(location, beginning, uri);
+    if (answer.status == kNotFound && location.isInBucket)
+        learnFolder(location, uri);
     bool const mayBeMissing =
         answer.status == kForbidden && findErrorCode(answer) == "AccessDenied";
     RecentVersions::Known found;
@@ -124,6 +129,40 @@ std::optional<ObjectVersion> CBucketStore::findVersion(ObjectLocation const& loc
     }
     core.getRecentVersions().add(location, found, now);
     return found;
+}
+
+/// What the list of the folder, if it is known, says of a name in it: `Other` if there is none.
+std::optional<host::FileKind> CBucketStore::findKnownKind(ObjectLocation const& location,
+                                                          yx::CURI const& uri) {
+    StoreCore& core = *connect(uri).core;
+    if (!location.isInBucket || location.endsInSeparator || core.getServer().isAbandoned())
+        return std::nullopt;
+    ObjectLocation folder = location;
+    folder.key.erase(location.key.rfind('/') + 1);
+    auto const known = core.getRecentVersions().findFolder(folder, core.getServer().now());
+    if (!known || !*known)
+        return std::nullopt;
+    auto const name = (*known)->find(location.key.substr(folder.key.size()));
+    if (name == (*known)->end())
+        return host::FileKind::Other;
+    return name->second ? host::FileKind::Folder : host::FileKind::File;
+}
+
+/// Lists the folder of a name, unless that was just done.
+void CBucketStore::learnFolder(ObjectLocation const& location, yx::CURI const& uri) {
+    StoreCore& core = *connect(uri).core;
+    RetryPolicy::Milliseconds const now = core.getServer().now();
+    ObjectLocation folder = location;
+    folder.key.erase(location.key.rfind('/') + 1);
+    if (core.getRecentVersions().findFolder(folder, now))
+        return;
+    RecentVersions::KnownFolder known;
+    if (auto const entries = tryListFolder(core.getServer(), folder, uri)) {
+        known.emplace();
+        for (host::FolderEntry const& entry : *entries)
+            known->emplace(entry.name, entry.kind == host::FileKind::Folder);
+    }
+    core.getRecentVersions().addFolder(folder, std::move(known), now);
 }
 
 /// For opening: a missing object is an error.
@@ -203,7 +242,10 @@ std::optional<host::FileStatus> CBucketStore::findStatus(yx::CURI const& uri, bo
         if (std::optional<ObjectVersion> const version = findVersion(location, kCannotQuery, uri))
             return makeStatus(server, location, *version);
     }
-    if (location.isInBucket && isFolder(server, location, uri))
+    std::optional<host::FileKind> const kind = findKnownKind(location, uri);
+    bool const hasFolder = kind ? *kind == host::FileKind::Folder
+                                : location.isInBucket && isFolder(server, location, uri);
+    if (hasFolder)
         return makeFolderStatus(server.describePlace(location), location.key);
     return std::nullopt;
 }

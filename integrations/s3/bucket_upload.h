@@ -15,10 +15,10 @@ namespace kelm::s3 {
 
 /// The upload of one file to a bucket, to be run once.
 ///
-/// A file of more than `kMinPartBytes` goes up in parts, several at once, each with its digest; they
-/// become an object only when all are there. If that fails, the bucket is told to forget them. Where
-/// it cannot be told (it does not answer, or the store was abandoned), parts stay that are no object
-/// but take room, until a rule of the bucket removes them.
+/// A file of more than `kMinPartBytes` goes up in parts, several at once, each with its digest;
+/// they become an object only when all are there. If that fails, the bucket is told to forget them.
+/// Where it cannot be told (it does not answer, or the store was abandoned), parts stay that are no
+/// object but take room, until a rule of the bucket removes them.
 ///
 /// Nothing is replaced unless that is wanted: the bucket is asked before the upload and before its
 /// end, and servers that know conditions ("If-None-Match") refuse it by themselves.

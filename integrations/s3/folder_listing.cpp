@@ -112,6 +112,20 @@ std::vector<host::FolderEntry> listFolder(ObjectServer& server, ObjectLocation c
     return names.getEntries();
 }
 
+std::optional<std::vector<host::FolderEntry>> tryListFolder(ObjectServer& server,
+                                                            ObjectLocation const& folder,
+                                                            yx::CURI const& uri) {
+    HTTPAnswer const answer = askForPage(server, folder, {}, kCannotQuery, uri);
+    bool const isWhole = isSuccess(answer.status) && !answer.isTooLong &&
+                         !findElements(answer.body, "ListBucketResult").empty() &&
+                         findText(answer.body, "IsTruncated") == "false";
+    if (!isWhole)
+        return std::nullopt;
+    NameCollector names(makePrefix(folder));
+    names.addPage(answer.body);
+    return names.getEntries();
+}
+
 bool isFolder(ObjectServer& server, ObjectLocation const& location, yx::CURI const& uri) {
     HTTPAnswer const answer = askForPage(server, location, {{"max-keys", "1"}}, kCannotQuery, uri);
     if (answer.status == kNotFound ||

@@ -54,15 +54,15 @@ struct HTTPAnswer {
 /// to nothing by itself.
 class HTTPConnections {
 public:
-    /// `certificatesFile` as in `ServerSettings`. The flag ends all transfers once it is set, within
-    /// about a second, and must outlive this object.
+    /// `certificatesFile` as in `ServerSettings`. The flag ends all transfers once it is set,
+    /// within about a second, and must outlive this object.
     HTTPConnections(std::string certificatesFile, std::atomic<bool> const& isAbandoned);
     HTTPConnections(HTTPConnections const&) = delete;
     HTTPConnections& operator=(HTTPConnections const&) = delete;
     ~HTTPConnections();
 
-    /// Sends a request once, and follows nothing. A transfer of which nothing comes or goes for half
-    /// a minute fails.
+    /// Sends a request once, and follows nothing. A transfer of which nothing comes or goes for
+    /// half a minute fails.
     HTTPAnswer send(HTTPRequest const& request);
 
 private:

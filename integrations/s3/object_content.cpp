@@ -9,8 +9,8 @@
 
 namespace kelm::s3 {
 
-/// Marks blocks as being fetched for as long as it lives. The mutex is held when it is made, and not
-/// when it ends.
+/// Marks blocks as being fetched for as long as it lives. The mutex is held when it is made, and
+/// not when it ends.
 class ObjectContent::Fetch {
 public:
     Fetch(ObjectContent& content, Range range) : m_content(content), m_range(range) {

@@ -11,13 +11,13 @@
 
 namespace kelm::s3 {
 
-/// The bytes of one version of an object, as far as somebody asks for them. Shared by all streams on
-/// it.
+/// The bytes of one version of an object, as far as somebody asks for them. Shared by all streams
+/// on it.
 ///
-/// Asks for whole blocks of `kBlockBytes`, and where reading goes on behind what was asked for last,
-/// for more at once: up to `kMaxRequestBytes`. A block is asked for once, however many threads wait
-/// for it. Serves any number of threads, of the process that made it; in another one reading is
-/// `yx::CIOError` `NotSupported`.
+/// Asks for whole blocks of `kBlockBytes`, and where reading goes on behind what was asked for
+/// last, for more at once: up to `kMaxRequestBytes`. A block is asked for once, however many
+/// threads wait for it. Serves any number of threads, of the process that made it; in another one
+/// reading is `yx::CIOError` `NotSupported`.
 class ObjectContent {
 public:
     static constexpr int kMaxRequestBytes = 4 * 1024 * 1024;
@@ -31,10 +31,11 @@ public:
     ObjectVersion const& getVersion() const { return m_version; }
     StoreCore& getCore() const { return *m_core; }
 
-    /// Reads up to `sizeBytes` bytes; fewer only at the end. Returns the count. Errors have `uri` as
-    /// "uri":
+    /// Reads up to `sizeBytes` bytes; fewer only at the end. Returns the count. Errors have `uri`
+    /// as "uri":
     ///
-    /// - An object that was replaced since: `IOFailure`, "The object was replaced while it was read."
+    /// - An object that was replaced since: `IOFailure`, "The object was replaced while it was
+    ///   read."
     /// - A server that gives the whole object where a part was asked for: `NotSupported`.
     /// - Another part than was asked for: `IOFailure`.
     /// - What `makeAnswerError` and `ObjectServer` say.

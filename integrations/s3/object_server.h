@@ -33,8 +33,8 @@ struct ObjectRequest {
     char const* beginning = "";
 };
 
-/// Sends requests, signs them, follows where the server leads, and tries again what may succeed then.
-/// Serves any number of threads, of the process that made it.
+/// Sends requests, signs them, follows where the server leads, and tries again what may succeed
+/// then. Serves any number of threads, of the process that made it.
 class ObjectServer {
 public:
     ObjectServer(ServerSettings settings, RetryPolicy policy,
@@ -42,8 +42,8 @@ public:
 
     /// The last answer, whatever its status. Tried again, as `RetryPolicy` says, are 429, 500, 502,
     /// 503, 504 and what broke off; with a "Retry-After" not earlier than that. No whole answer at
-    /// all is `yx::CIOError` `IOFailure` with "uri", and so is the end of everything (`Abandonment`)
-    /// or of this request (`isCancelled`).
+    /// all is `yx::CIOError` `IOFailure` with "uri", and so is the end of everything
+    /// (`Abandonment`) or of this request (`isCancelled`).
     ///
     /// With `https`, up to five times another `https` address is asked that the server names. The
     /// usual server of buckets is asked again in the region that it names.

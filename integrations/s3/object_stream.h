@@ -7,7 +7,8 @@
 
 namespace kelm::s3 {
 
-/// A stream on an object, for reading. Ranges of it cannot be locked: `lockRange` is `NotSupported`.
+/// A stream on an object, for reading. Ranges of it cannot be locked: `lockRange` is
+/// `NotSupported`.
 class CObjectStream : public yx::CFileStream {
 public:
     CObjectStream(std::shared_ptr<ObjectContent> content, yx::CURI const& uri);

@@ -19,8 +19,8 @@ struct ObjectVersion {
 
     bool operator==(ObjectVersion const&) const = default;
 
-    /// Whether a server can be asked to go on only with what has this tag. A weak one says too little
-    /// for that.
+    /// Whether a server can be asked to go on only with what has this tag. A weak one says too
+    /// little for that.
     bool hasStrongTag() const { return !entityTag.empty() && !entityTag.starts_with("W/"); }
 
     /// Whether an answer is about another object than this, as far as it says.
@@ -30,8 +30,8 @@ struct ObjectVersion {
     __int64 getModifiedNanoseconds() const;
 };
 
-/// That of the object which an answer to "HEAD" is about. `beginning` is how errors begin, which are
-/// `yx::CIOError` `NotSupported` with "uri": no length, and neither a tag nor a date.
+/// That of the object which an answer to "HEAD" is about. `beginning` is how errors begin, which
+/// are `yx::CIOError` `NotSupported` with "uri": no length, and neither a tag nor a date.
 ObjectVersion readVersion(HTTPAnswer const& answer, char const* beginning, yx::CURI const& uri);
 
 } // namespace kelm::s3

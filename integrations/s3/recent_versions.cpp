@@ -6,6 +6,9 @@ namespace {
 
 constexpr std::size_t kMaxEntries = 4096;
 
+/// Each may have a thousand names.
+constexpr std::size_t kMaxFolders = 16;
+
 std::string makeName(ObjectLocation const& location) {
     return location.bucket + location.host + '\0' + location.key + location.escapedPath;
 }
@@ -33,9 +36,27 @@ void RecentVersions::add(ObjectLocation const& location, Known known, Millisecon
     m_entries.insert_or_assign(makeName(location), Entry{std::move(known), asked});
 }
 
+std::optional<RecentVersions::KnownFolder> RecentVersions::findFolder(ObjectLocation const& folder,
+                                                                      Milliseconds now) {
+    std::lock_guard const guard(m_mutex);
+    auto const found = m_folders.find(makeName(folder));
+    if (found == m_folders.end() || now - found->second.asked > kLifetime)
+        return std::nullopt;
+    return found->second.known;
+}
+
+void RecentVersions::addFolder(ObjectLocation const& folder, KnownFolder known,
+                               Milliseconds asked) {
+    std::lock_guard const guard(m_mutex);
+    if (m_folders.size() >= kMaxFolders)
+        m_folders.clear();
+    m_folders.insert_or_assign(makeName(folder), FolderEntry{std::move(known), asked});
+}
+
 void RecentVersions::remove(ObjectLocation const& location) {
     std::lock_guard const guard(m_mutex);
     m_entries.erase(makeName(location));
+    m_folders.clear();
 }
 
 } // namespace kelm::s3

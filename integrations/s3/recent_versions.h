@@ -11,8 +11,9 @@
 
 namespace kelm::s3 {
 
-/// What the server has said a moment ago of names, since who opens a disk looks at the same ones again
-/// and again. Safe for several threads.
+/// What the server has said a moment ago of names, since who opens a disk looks at the same ones
+/// again and again, and of folders, since he looks for many names there that are missing. Safe for
+/// several threads.
 class RecentVersions {
 public:
     using Milliseconds = std::chrono::milliseconds;
@@ -29,7 +30,15 @@ public:
     /// Keeps an answer to what was asked at `asked`.
     void add(ObjectLocation const& location, Known known, Milliseconds asked);
 
-    /// Forgets a name that is to be changed.
+    /// The names in a folder, and whether each is a folder's alone; nothing inside for a folder of
+    /// which that is not known as a whole.
+    using KnownFolder = std::optional<std::map<std::string, bool>>;
+
+    /// As for names. The key of `folder` is empty or ends in a separator.
+    std::optional<KnownFolder> findFolder(ObjectLocation const& folder, Milliseconds now);
+    void addFolder(ObjectLocation const& folder, KnownFolder known, Milliseconds asked);
+
+    /// Forgets a name that is to be changed, and the folders.
     void remove(ObjectLocation const& location);
 
 private:
@@ -38,8 +47,14 @@ private:
         Milliseconds asked;
     };
 
+    struct FolderEntry {
+        KnownFolder known;
+        Milliseconds asked;
+    };
+
     std::mutex m_mutex;
     std::map<std::string, Entry> m_entries;
+    std::map<std::string, FolderEntry> m_folders;
 };
 
 } // namespace kelm::s3

@@ -15,8 +15,8 @@ inline constexpr char kCannotRead[] = "Cannot read from the file: ";
 inline constexpr char kCannotList[] = "Cannot list the folder: ";
 inline constexpr char kCannotUpload[] = "Cannot upload the file: ";
 
-/// The code that the body of an answer names, such as "SlowDown"; empty if there is none. Letters and
-/// digits only, whatever the server sends.
+/// The code that the body of an answer names, such as "SlowDown"; empty if there is none. Letters
+/// and digits only, whatever the server sends.
 std::string findErrorCode(HTTPAnswer const& answer);
 
 /// The error for an answer that is no success, with "uri". What the server says beyond its code is

@@ -35,8 +35,8 @@ std::string getProfileOfSection(std::string const& line) {
     return name;
 }
 
-/// Adds what a file says of a profile. What is there already stays. Returns false if the file cannot
-/// be read.
+/// Adds what a file says of a profile. What is there already stays. Returns false if the file
+/// cannot be read.
 bool addFile(std::string const& path, std::string const& name, Profile& profile) {
     std::ifstream file(path);
     if (!file)

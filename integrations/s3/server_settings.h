@@ -40,8 +40,9 @@ using GetVariable = std::function<char const*(char const*)>;
 /// - AWS_CA_BUNDLE, else `ca_bundle` of the profile.
 ///
 /// A variable that is empty counts as not set. Throws `yx::CError` with a message that says what is
-/// wrong, but never a value: a profile that was named and is nowhere, a key without the other one, a
-/// file that was named and cannot be read, an endpoint that is no "http://HOST" or "https://HOST".
+/// wrong, but never a value: a profile that was named and is nowhere, a key without the other one,
+/// a file that was named and cannot be read, an endpoint that is no "http://HOST" or
+/// "https://HOST".
 ServerSettings readServerSettings(GetVariable const& getVariable);
 
 } // namespace kelm::s3

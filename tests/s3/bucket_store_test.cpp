@@ -1,3 +1,5 @@
+#include <cstring>
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,13 +96,47 @@ TEST_F(BucketStore, WhatIsKnownOfANameCountsForAMoment) {
         EXPECT_FALSE(store->fileExists(FakeBucket::uri("b")));
         EXPECT_EQ(open(uri)->getLength(), 7);
     }
-    EXPECT_EQ(bucket.getServer().getRequests().size(), 2U);
+    // The third is for the folder of the missing one.
+    EXPECT_EQ(bucket.getServer().getRequests().size(), 3U);
     bucket.passTime();
     bucket.put("b", "new");
     bucket.put("a.vmdk", "changed now");
     EXPECT_TRUE(store->fileExists(FakeBucket::uri("b")));
     EXPECT_EQ(open(uri)->getLength(), 11);
-    EXPECT_EQ(bucket.getServer().getRequests().size(), 4U);
+    EXPECT_EQ(bucket.getServer().getRequests().size(), 5U);
+}
+
+TEST_F(BucketStore, AFolderIsListedForAllThatIsMissingThere) {
+    bucket.put("f/a.vmdk", "content");
+    bucket.put("f/g/a", "content");
+    EXPECT_FALSE(store->fileExists(FakeBucket::uri("f/missing")));
+    bucket.getServer().forgetRequests();
+    for (char const* const name : {"f/1", "f/2", "f/%C3%A4", "f/a", "f/g"})
+        EXPECT_FALSE(store->fileExists(FakeBucket::uri(name))) << name;
+    EXPECT_FALSE(store->findStatus(FakeBucket::uri("f/1"), true));
+    EXPECT_EQ(store->findStatus(FakeBucket::uri("f/g"), true)->kind, FileKind::Folder);
+    EXPECT_TRUE(bucket.getServer().getRequests().empty());
+    EXPECT_TRUE(store->fileExists(FakeBucket::uri("f/a.vmdk")));
+    EXPECT_FALSE(store->fileExists(FakeBucket::uri("f/g/1")));
+    EXPECT_EQ(bucket.getServer().getRequests().size(), 3U);
+}
+
+TEST_F(BucketStore, AFolderThatCannotBeListedAtOnceIsAskedNameByName) {
+    for (char const* const key : {"a", "b", "c"})
+        bucket.put(key, "content");
+    for (char const* const name : {"1", "2", "3"})
+        EXPECT_FALSE(store->fileExists(FakeBucket::uri(name))) << name;
+    EXPECT_EQ(bucket.getServer().count("HEAD"), 3);
+    EXPECT_EQ(bucket.getServer().count("GET"), 1);
+}
+
+TEST_F(BucketStore, AnUploadIsKnownAtOnce) {
+    EXPECT_FALSE(store->fileExists(uri));
+    kelm::host::Upload upload;
+    upload.lengthBytes = 7;
+    upload.read = [](__int64, void* target, int) { std::memcpy(target, "content", 7); };
+    store->uploadFile(uri, upload);
+    EXPECT_TRUE(store->fileExists(uri));
 }
 
 TEST_F(BucketStore, AFileThatAppearsCanBeOpenedAtOnce) {
