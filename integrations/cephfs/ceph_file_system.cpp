@@ -238,6 +238,22 @@ int syncOpened(ceph_mount_info* client, std::string const& path) {
     return result;
 }
 
+/// Gives a file the owner, if this user may, and the mode of another one; 0 or a negative `errno`
+/// value.
+int giveRights(ceph_mount_info* client, std::string const& from, std::string const& to) {
+    constexpr mode_t kRights = 07777;
+    struct ceph_statx status {};
+    int const result = ceph_statx(client, from.c_str(), &status,
+                                  CEPH_STATX_MODE | CEPH_STATX_UID | CEPH_STATX_GID, 0);
+    if (result < 0)
+        return result;
+    int const owned = ceph_chown(client, to.c_str(), static_cast<int>(status.stx_uid),
+                                 static_cast<int>(status.stx_gid));
+    if (owned < 0 && owned != -EPERM && owned != -EACCES)
+        return owned;
+    return ceph_chmod(client, to.c_str(), status.stx_mode & kRights);
+}
+
 /// Whether files can be made in a folder; 0 or a negative `errno` value.
 int tryMakingFile(ceph_mount_info* client, std::string const& folder) {
     static std::atomic<unsigned int> number{0};
@@ -453,6 +469,15 @@ bool CCephFileSystem::tryAddName(yx::CURI const& from, yx::CURI const& to) {
         return false;
     require(result, "Cannot give the file a second name: ", from);
     return true;
+}
+
+void CCephFileSystem::copyRights(yx::CURI const& from, yx::CURI const& to) {
+    TwoTargets const both = reachBoth(from, to);
+    int const result = both.from.mount->call(
+        from, [old = both.from.path, renamed = both.to.path](ceph_mount_info* client) {
+            return giveRights(client, old, renamed);
+        });
+    require(result, "Cannot change the rights of the file: ", to);
 }
 
 void CCephFileSystem::syncFolder(yx::CURI const& folder) {

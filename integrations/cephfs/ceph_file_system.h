@@ -54,6 +54,7 @@ public:
     void renameIfAbsent(yx::CURI const& from, yx::CURI const& to) override;
 
     bool tryAddName(yx::CURI const& from, yx::CURI const& to) override;
+    void copyRights(yx::CURI const& from, yx::CURI const& to) override;
     void syncFolder(yx::CURI const& folder) override;
 
     /// Makes a file of a name that nobody else has, and takes it away.

@@ -29,6 +29,17 @@ void Administrator::makeLink(std::string const& content, yx::CURI const& uri) {
     EXPECT_EQ(ceph_symlink(m_client, content.c_str(), pathOf(uri).c_str()), 0);
 }
 
+void Administrator::setMode(yx::CURI const& uri, unsigned int mode) {
+    EXPECT_EQ(ceph_chmod(m_client, pathOf(uri).c_str(), mode), 0);
+}
+
+unsigned int Administrator::getMode(yx::CURI const& uri) {
+    constexpr unsigned int kRights = 07777;
+    struct ceph_statx status {};
+    EXPECT_EQ(ceph_statx(m_client, pathOf(uri).c_str(), &status, CEPH_STATX_MODE, 0), 0);
+    return status.stx_mode & kRights;
+}
+
 void Administrator::setQuota(yx::CURI const& folder, __int64 bytes) {
     std::string const text = std::to_string(bytes);
     EXPECT_EQ(ceph_setxattr(m_client, pathOf(folder).c_str(), "ceph.quota.max_bytes", text.c_str(),

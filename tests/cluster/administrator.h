@@ -18,6 +18,8 @@ public:
     ~Administrator();
 
     void makeLink(std::string const& content, yx::CURI const& uri);
+    void setMode(yx::CURI const& uri, unsigned int mode);
+    unsigned int getMode(yx::CURI const& uri); ///< the rights alone
     void setQuota(yx::CURI const& folder, __int64 bytes);
     void makeSnapshot(yx::CURI const& folder, std::string const& name);
     void removeSnapshot(yx::CURI const& folder, std::string const& name);

@@ -247,6 +247,20 @@ TEST_F(ClusterStore, ASecondNameIsOneOfTheSameFile) {
                               [&] { files.tryAddName(backend.uri("absent"), backend.uri("c")); }));
 }
 
+TEST_F(ClusterStore, RightsAreThoseOfAnotherFile) {
+    constexpr unsigned int kOwnerAlone = 0600;
+    make("a", "content");
+    make("b", "content");
+    Administrator administrator;
+    administrator.setMode(backend.uri("a"), kOwnerAlone);
+    files.copyRights(backend.uri("a"), backend.uri("b"));
+    EXPECT_EQ(administrator.getMode(backend.uri("b")), kOwnerAlone);
+    EXPECT_TRUE(throwsIOError(CIOError::NotFound,
+                              "Cannot change the rights of the file: No such file or directory",
+                              {{"uri", text("absent")}},
+                              [&] { files.copyRights(backend.uri("a"), backend.uri("absent")); }));
+}
+
 TEST_F(ClusterStore, AFolderThatMayNotBeWrittenToIsRefused) {
     files.verifyMayWriteIn(backend.folder);
     files.verifyMayWriteIn(backend.uri("absent"));
