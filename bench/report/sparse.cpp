@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "bench/report/bench_context.h"
 #include "bench/report/image.h"
 #include "bench/report/machine.h"
@@ -13,6 +15,12 @@ namespace {
 
 constexpr long long kDistanceBytes = 64 * kMiB;
 constexpr double kMaxSparseMemoryBytes = 64.0 * kMiB;
+
+/// An empty disk in so many files, none of which is there but the first.
+constexpr long long kEmptyFileBytes = 2 * kGiB;
+constexpr long long kEmptyFiles = 31'750;
+constexpr double kMaxSecondsOfEmptyCheck = 5.0;
+constexpr double kMaxSecondsOfEmptyMap = 3.0;
 
 class SparseBench {
 public:
@@ -36,6 +44,7 @@ public:
         measure("check", {"check", path("disk.vmdk")});
         measure("export", {"export", path("disk.vmdk"), path("copy.raw")});
         addFigures();
+        measureEmpty();
     }
 
 private:
@@ -76,6 +85,28 @@ private:
         std::filesystem::remove(path("copy.raw"));
         std::filesystem::remove(path("dense.vmdk"));
         std::filesystem::remove(path("dense.vmdk.digests"));
+    }
+
+    /// Of extents, and nothing in them.
+    void measureEmpty() {
+        std::string const disk = path("empty.vmdk");
+        long long const files = std::max(kEmptyFiles / m_context.shrink, 1LL);
+        runProgram({m_context.tool, "create", disk, "--size",
+                    std::to_string(files * kEmptyFileBytes), "--split", "2G", "--on-demand",
+                    "--allow-oversize"});
+        measure("empty check", {"check", disk});
+        measure("empty map", {"map", disk});
+        addEmptyFigure("check", kMaxSecondsOfEmptyCheck, files);
+        addEmptyFigure("map", kMaxSecondsOfEmptyMap, files);
+    }
+
+    void addEmptyFigure(char const* command, double limitSeconds, long long files) {
+        double const seconds = m_times.median(std::string("empty ") + command);
+        m_context.report.addFigure(
+            {format("`kelm %s` of an empty disk in %lld files, and the time that it may take",
+                    command, files),
+             formatSeconds(seconds), formatSeconds(limitSeconds), seconds / limitSeconds,
+             Aim::atMost(1.0), ""});
     }
 
     void measureTool(std::string const& name, std::vector<std::string> command) {
