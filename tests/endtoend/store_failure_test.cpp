@@ -147,6 +147,7 @@ TEST_F(StoreFailure, WhatIsMissingIsNamed) {
 }
 
 TEST_F(StoreFailure, SchemesWithoutAStoreAreToldClearly) {
+    test_support::HiddenStores const hidden(path("libraries"));
     for (std::string const disk : {"ceph:/disk.vmdk", "CEPH:/disk.vmdk", "s3://bucket/disk.vmdk",
                                    "https://host/disk.vmdk"}) {
         SCOPED_TRACE(disk);

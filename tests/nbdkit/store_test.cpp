@@ -117,6 +117,7 @@ TEST_F(StorePlugin, UsesItOnlyBehindTheFork) {
 }
 
 TEST_F(StorePlugin, RefusesToStartWithWords) {
+    test_support::HiddenStores const hidden(path("libraries"));
     for (char const* const option : {"-f", "-r"}) {
         EXPECT_EQ(refusalOf({option, "test:/missing.vmdk"}),
                   "nbdkit: error: The disk does not exist. (uri: test:/missing.vmdk)\n");

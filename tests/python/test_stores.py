@@ -90,12 +90,14 @@ def test_a_disk_is_renamed_into_a_store_and_out_of_it(store, whole_store, chain)
     assert content("back.vmdk") == chain
 
 
-def test_what_is_missing_has_the_name_of_the_store(store):
+def test_what_is_missing_has_the_name_of_the_store(store, tmp_path, monkeypatch):
     with pytest.raises(kelm.NotFound) as error:
         kelm.open(store + "/none.vmdk")
     assert error.value.filename == store + "/none.vmdk"
     with pytest.raises(kelm.NotFound):
         kelm.compare(store + "/none.vmdk", store + "/none.vmdk")
+    (tmp_path / "kelm-files-ceph.so").write_text("no library")
+    monkeypatch.setenv("KELM_STORES", str(tmp_path))
     with pytest.raises(kelm.IOFailure, match="There is no store for 'ceph:' here."):
         kelm.open("ceph:/disk.vmdk")
 
