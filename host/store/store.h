@@ -19,7 +19,7 @@ enum class FileKind {
 
 /// What is known of a file.
 struct FileStatus {
-    FileKind kind = FileKind::Other;
+    FileKind kind = FileKind::Other; ///< what the name stands for
 
     /// With the holes. Of a folder, whatever the store says.
     __int64 lengthBytes = 0;
@@ -30,19 +30,19 @@ struct FileStatus {
     /// When the file was last written, in nanoseconds since 1970; 0 where the store does not say.
     __int64 modifiedNanoseconds = 0;
 
-    FileIdentity identity;
+    FileIdentity identity; ///< which file it is
 };
 
 /// An entry of a folder.
 struct FolderEntry {
-    std::string name; ///< not escaped; bytes that are no UTF-8 are as they are
-    FileKind kind = FileKind::Other;
+    std::string name;                ///< not escaped; bytes that are no UTF-8 are as they are
+    FileKind kind = FileKind::Other; ///< links are not followed
 };
 
 /// How much room there is, in bytes.
 struct StoreRoom {
-    __int64 totalBytes = 0;
-    __int64 freeBytes = 0; ///< for this process
+    __int64 totalBytes = 0; ///< used or not
+    __int64 freeBytes = 0;  ///< for this process
 };
 
 /// A place that files lie in, with what a host needs of it beside the three operations of

@@ -15,7 +15,7 @@ namespace kelm::host {
 /// Serves any number of threads.
 class StoreCalls {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = std::chrono::steady_clock; ///< by which it is seen how long
 
     /// Why calls were ended.
     enum class End {
