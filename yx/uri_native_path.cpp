@@ -134,7 +134,7 @@ void CURI::setNativePath(std::string path, bool asFolder) {
 String toUnixPath(CURI const& uri) {
     if (namesItsPath(uri))
         return uri.getPath();
-    String const path = String::fromUTF8(toPathBytes(uri, "/"));
+    String path = String::fromUTF8(toPathBytes(uri, "/"));
     if (!getForeignHost(uri).empty())
         throwNoNativePath(uri, "its host is another system.");
     return path;

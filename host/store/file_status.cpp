@@ -11,10 +11,8 @@ namespace {
 
 /// What all the streams that pass on lead to.
 yx::IStreamBase& innermost(yx::IStreamBase& stream) {
-    yx::IStreamBase* last = &stream;
-    while (auto* const forwarding = dynamic_cast<ForwardingStream*>(last))
-        last = forwarding->getForwarded().get();
-    return *last;
+    auto* const forwarding = dynamic_cast<ForwardingStream*>(&stream);
+    return forwarding ? innermost(*forwarding->getForwarded()) : stream;
 }
 
 } // namespace

@@ -1,7 +1,8 @@
 #include "host/store/store_watch.h"
 
+#include <csignal>
+
 #include <pthread.h>
-#include <signal.h>
 
 #include "host/store/store_calls.h"
 

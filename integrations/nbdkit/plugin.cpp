@@ -192,7 +192,7 @@ bool configureWait(char const* value) {
 yx::CURI nameFile(char const* value) {
     if (!host::isStoreURI(value))
         return host::uriFromArgument(value);
-    yx::CURI const uri{yx::String::fromUTF8(value)};
+    yx::CURI uri{yx::String::fromUTF8(value)};
     host::storeOf(uri);
     return uri;
 }

@@ -138,8 +138,10 @@ HeaderList makeHeaders(HTTPRequest const& request) {
         static_cast<void>(list.release());
         list.reset(longer);
     };
-    for (auto const& [name, value] : request.headers)
-        add(name + ": " + value);
+    for (auto const& [name, value] : request.headers) {
+        std::string line = name;
+        add(line.append(": ").append(value));
+    }
     // The body follows at once, without a journey to ask for it.
     add("Expect:");
     return list;

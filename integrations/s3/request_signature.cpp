@@ -40,8 +40,10 @@ std::string toQueryText(QueryParameters query) {
     }
     std::ranges::sort(query);
     std::string text;
-    for (auto const& [name, value] : query)
-        text += (text.empty() ? "" : "&") + name + "=" + value;
+    for (auto const& [name, value] : query) {
+        text += text.empty() ? "" : "&";
+        text.append(name).append("=").append(value);
+    }
     return text;
 }
 

@@ -97,7 +97,7 @@ std::vector<yx::CURI> foldersToLookIn(std::vector<std::string> const& lookIn,
 }
 
 yx::CURI nameIn(std::string const& target, std::string const& file) {
-    yx::CURI const uri = host::uriFromArgument(target);
+    yx::CURI uri = host::uriFromArgument(target);
     std::optional<host::FileStatus> const status = host::findStatus(uri);
     if (!status || status->kind != host::FileKind::Folder)
         return uri;
