@@ -3,20 +3,14 @@
 #include <algorithm>
 
 #include "host/backups/moved_names.h"
+#include "host/store/file_exists.h"
 #include "host/store/file_names.h"
 #include "host/store/file_status.h"
 #include "host/store/folder_access.h"
 
 namespace kelm::host {
 
-namespace {
-
-[[noreturn]] void throwTaken(yx::CURI const& file) {
-    throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
-                       yx::CProps().add("uri", file.toString(true)), nullptr);
-}
-
-} // namespace
+namespace {} // namespace
 
 DiskCopy::DiskCopy(yx::IFileSystem* fileSystem, DurableFiles& steps, yx::CURI const& from,
                    yx::CURI const& to, DiskCopyOptions const& options)
@@ -72,7 +66,7 @@ void DiskCopy::planFiles() {
     m_note.mainIdentity = identifyFile(m_from).value_or(FileIdentity());
     for (auto const& [from, to] : listMovedNames(*m_disk, m_to)) {
         if (isNameTaken(to) && !m_goesOn)
-            throwTaken(to);
+            throwFileExists(to);
         m_note.files.emplace_back(to, from);
         m_copied.plan(from, to);
     }
@@ -89,7 +83,7 @@ void DiskCopy::copyFile(yx::CURI const& to, yx::CURI const& from) {
         return;
     if (isNameTaken(to)) {
         if (!DurableFiles::areAlike(from, to, m_options.work.cancel))
-            throwTaken(to);
+            throwFileExists(to);
     } else {
         m_steps.copy(from, to, m_options.work.cancel);
         m_made.push_back(to);
@@ -107,7 +101,7 @@ void DiskCopy::makeMainFile() {
         DescriptorFile const present = readDescriptorFile(m_fileSystem.get(), m_to);
         if (present.isEmbedded != moved.isEmbedded ||
             present.parse().getContentID() != moved.parse().getContentID())
-            throwTaken(m_to);
+            throwFileExists(m_to);
     } else if (moved.isEmbedded) {
         m_steps.copy(m_from, m_to, m_options.work.cancel);
         m_made.push_back(m_to);

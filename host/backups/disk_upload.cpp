@@ -8,6 +8,7 @@
 #include "host/disk/disk_files.h"
 #include "host/disk/disk_record.h"
 #include "host/disk/unfinished_disk.h"
+#include "host/store/file_exists.h"
 #include "host/store/file_names.h"
 #include "host/store/stores.h"
 #include "kelm/format/constants.h"
@@ -16,11 +17,6 @@
 namespace kelm::host {
 
 namespace {
-
-[[noreturn]] void throwTakenInStore(yx::CURI const& file) {
-    throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
-                       yx::CProps().add("uri", file.toString(true)), nullptr);
-}
 
 /// Puts the part of an area that lies in a range of a file over the bytes of that range.
 void overlay(DescriptorFile const& descriptor, __int64 positionBytes, unsigned char* target,
@@ -67,7 +63,7 @@ void DiskUpload::planFiles() {
     verifyOwnsFiles(m_fileSystem.get(), *m_disk, m_options.trust);
     verifyIsFinished();
     if (m_fileSystem->fileExists(m_to))
-        throwTakenInStore(m_to);
+        throwFileExists(m_to);
     for (auto const& names : listMovedNames(*m_disk, m_to)) {
         FileUse const use = measureFile(names.first);
         m_totalBytes += use.lengthBytes;
@@ -109,7 +105,7 @@ bool DiskUpload::isThereAlready(yx::CURI const& from, yx::CURI const& to) const 
     if (!m_fileSystem->fileExists(to))
         return false;
     if (!DurableFiles::areAlike(from, to, m_options.work.cancel))
-        throwTakenInStore(to);
+        throwFileExists(to);
     return true;
 }
 

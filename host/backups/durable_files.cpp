@@ -141,21 +141,7 @@ yx::CURI unfinishedNameOf(yx::CURI const& file) {
 }
 
 bool DurableFiles::tryLink(yx::CURI const& from, yx::CURI const& to) {
-    if (!areLocal(from, to))
-        return DurableStore::tryLink(from, to);
-    std::string const path = nativePathOf(from);
-    if (::link(path.c_str(), nativePathOf(to).c_str()) != 0) {
-        if (errno == EXDEV || errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS ||
-            errno == EMLINK)
-            return false;
-        if (errno == EEXIST) {
-            throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
-                               yx::CProps().add("uri", to.toString(true)), nullptr);
-        }
-        throwSystemError("Cannot give the file another name", path);
-    }
-    syncFolderOf(to);
-    return true;
+    return DurableStore::tryLink(from, to);
 }
 
 void DurableFiles::copy(yx::CURI const& from, yx::CURI const& to, CancelFlag const* cancel) {

@@ -14,7 +14,7 @@ namespace kelm::host {
 /// with its promises; errors are those of the stores.
 class DurableStore {
 public:
-    /// Only for two names of one store; otherwise false.
+    /// For files of the operating system too. False for names of two stores.
     static bool tryLink(yx::CURI const& from, yx::CURI const& to);
 
     static void copy(yx::CURI const& from, yx::CURI const& to, CancelFlag const* cancel,

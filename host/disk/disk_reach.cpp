@@ -14,6 +14,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include "host/store/file_names.h"
 #include "host/store/file_status.h"
 #include "host/store/stores.h"
 #include "host/system/file_descriptor.h"
@@ -107,12 +108,6 @@ std::optional<yx::CURI> tryResolveIn(IStore& store, yx::CURI const& uri) {
 yx::CURI resolveFolder(yx::CURI const& folder) {
     IStore* const store = isFileOfSystem(folder) ? nullptr : findStore(folder);
     return store ? tryResolveIn(*store, folder).value_or(folder) : folder;
-}
-
-/// Whether there is something else than a regular file, links followed.
-bool isOther(yx::CURI const& uri) {
-    std::optional<FileStatus> const status = findStatus(uri);
-    return status && status->kind != FileKind::File;
 }
 
 yx::CProps extentProps(yx::CURI const& uri) {
@@ -288,14 +283,14 @@ void DiskReach::verifyExtent(yx::CURI const& extent, Folders& folders) const {
             "folder (--allow-path, allow-path=).",
             extentProps(extent).add("folder", m_mainFile.getParent().toString(true)), nullptr);
     }
-    if (extent != m_mainFile && isOther(extent)) {
+    if (extent != m_mainFile && isOtherThanFile(extent)) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "An extent of the disk is no regular file.",
                            extentProps(extent), nullptr);
     }
 }
 
 void DiskReach::verifyParent(yx::CURI const& mainFile) {
-    if (isOther(mainFile)) {
+    if (isOtherThanFile(mainFile)) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "The parent disk is no regular file.",
                            extentProps(mainFile), nullptr);
     }

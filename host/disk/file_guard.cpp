@@ -4,6 +4,7 @@
 #include <cassert>
 
 #include "host/disk/disk_opening.h"
+#include "host/store/file_exists.h"
 #include "host/store/file_names.h"
 #include "host/store/file_status.h"
 #include "host/store/folder_sync.h"
@@ -87,10 +88,8 @@ void FileGuard::protect(std::vector<yx::CURI> const& files) {
 }
 
 void FileGuard::verifyMayReplace(yx::CURI const& uri) const {
-    if (!m_overwrite) {
-        throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
-                           yx::CProps().add("uri", uri.toString(true)), nullptr);
-    }
+    if (!m_overwrite)
+        throwFileExists(uri);
     if (std::any_of(m_protected.begin(), m_protected.end(),
                     [&](yx::CURI const& each) { return isSameFile(each, uri); })) {
         throw yx::CIOError(yx::CIOError::NotAllowed, "The file is being read.",

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 
+#include "host/store/file_exists.h"
 #include "host/store/file_locking.h"
 #include "host/store/file_status.h"
 #include "host/store/stores.h"
@@ -23,10 +24,8 @@ FileDescriptor makeNewFile(yx::CURI const& uri, std::string const& path) {
     constexpr mode_t kMode = 0666;
     FileDescriptor file =
         FileDescriptor::own(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
-    if (!file.isOpen() && errno == EEXIST) {
-        throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
-                           yx::CProps().add("uri", uri.toString(true)), nullptr);
-    }
+    if (!file.isOpen() && errno == EEXIST)
+        throwFileExists(uri);
     if (!file.isOpen())
         throwSystemError("Cannot make the file", path);
     return file;

@@ -4,6 +4,7 @@
 #include <cassert>
 #include <vector>
 
+#include "host/store/file_exists.h"
 #include "host/store/stores.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
@@ -13,11 +14,6 @@ namespace kelm::host {
 namespace {
 
 constexpr __int64 kPieceBytes = __int64{1024} * 1024;
-
-[[noreturn]] void throwExists(yx::CURI const& uri) {
-    throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
-                       yx::CProps().add("uri", uri.toString(true)), nullptr);
-}
 
 /// The store that a file system stands for; null for one of a host's own.
 IStore* storeBehind(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
@@ -31,7 +27,7 @@ void copyFile(yx::IFileSystem* fileSystem, yx::CURI const& from, yx::CURI const&
     yx::P<yx::IIOStream> const source =
         fileSystem->openFile(from, yx::IIOStream::ReadOnly, &reserved);
     if (fileSystem->fileExists(to))
-        throwExists(to);
+        throwFileExists(to);
     yx::P<yx::IIOStream> const target =
         fileSystem->openFile(to, yx::IIOStream::ReadWrite, &reserved);
     std::vector<unsigned char> piece(

@@ -13,6 +13,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "host/store/file_exists.h"
 #include "host/store/local_names.h"
 #include "host/system/file_descriptor.h"
 #include "yx/error.h"
@@ -34,11 +35,6 @@ std::string localFolderPathOf(yx::CURI const& folder) {
     while (path.size() > 1 && path.back() == '/')
         path.pop_back();
     return path;
-}
-
-[[noreturn]] void throwFileExists(yx::CURI const& uri) {
-    throw yx::CIOError(yx::CIOError::AlreadyExists, "The file exists already.",
-                       yx::CProps().add("uri", uri.toString(true)), nullptr);
 }
 
 FileKind toFileKind(unsigned int mode) {

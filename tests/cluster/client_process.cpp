@@ -6,8 +6,6 @@
 #include <limits>
 #include <memory>
 
-#include <gtest/gtest.h>
-
 #include "host/disk/safe_disk.h"
 #include "tests/cluster/cluster_backends.h"
 #include "tests/support/bytes.h"
@@ -16,9 +14,6 @@
 namespace cluster_client {
 
 namespace {
-
-/// Lines between the processes begin with it, lines of GoogleTest do not.
-constexpr char kAnswerMark = '@';
 
 /// What a client process has.
 class Client {
@@ -61,8 +56,9 @@ private:
     std::unique_ptr<test_support::SafeDisk> m_disk;
 };
 
-/// Run by `ClientProcess` alone.
-TEST(ClusterClient, DISABLED_DoesWhatItIsTold) {
+} // namespace
+
+void obey() {
     Client client;
     for (std::string line; std::getline(std::cin, line);) {
         std::size_t const blank = line.find(' ');
@@ -73,30 +69,23 @@ TEST(ClusterClient, DISABLED_DoesWhatItIsTold) {
         } catch (std::exception const& error) {
             answer = error.what();
         }
-        std::cout << kAnswerMark << answer << std::endl;
+        std::cout << answer << std::endl;
     }
 }
 
-} // namespace
-
 ClientProcess::ClientProcess()
     : m_program(std::filesystem::current_path(),
-                {std::filesystem::read_symlink("/proc/self/exe").string(),
-                 "--gtest_filter=ClusterClient.*", "--gtest_also_run_disabled_tests"}) {}
+                {std::filesystem::read_symlink("/proc/self/exe").string(), kClientOption}) {}
 
 std::string ClientProcess::tell(std::string const& what) {
     m_program.feed(what + "\n");
     std::string line;
-    do {
-        line.clear();
-        for (std::string next = m_program.readOutput(1); next != "\n";
-             next = m_program.readOutput(1)) {
-            if (next.empty())
-                return "The process has ended.";
-            line += next;
-        }
-    } while (!line.starts_with(kAnswerMark));
-    return line.substr(1);
+    for (std::string next = m_program.readOutput(1); next != "\n"; next = m_program.readOutput(1)) {
+        if (next.empty())
+            return "The process has ended.";
+        line += next;
+    }
+    return line;
 }
 
 void ClientProcess::kill() {

@@ -7,6 +7,12 @@
 
 namespace cluster_client {
 
+/// The argument with which this program is such a process, and no test.
+inline constexpr char kClientOption[] = "--client";
+
+/// Does what standard input tells, a thing a line, until it ends, and answers with a line each.
+void obey();
+
 /// A process with a client of its own, which does what it is told, one thing after the other. It is
 /// this program again, since a process that is connected cannot fork another client.
 ///
