@@ -25,8 +25,8 @@
 #include "bench/content_files.h"
 #include "bench/interleaved.h"
 #include "host/check/disk_check.h"
+#include "host/store/file_systems.h"
 #include "host/transfer/transfer.h"
-#include "integrations/cephfs/ceph_file_system.h"
 #include "integrations/cephfs/ceph_location.h"
 #include "yx/native_file_system.h"
 
@@ -148,7 +148,9 @@ struct Setting {
 };
 
 void runRound(Setting const& setting, Figures& figures) {
-    auto const files = yx::makeObject<kelm::ceph::CCephFileSystem>();
+    // The store that host code asks about names too: a client of its own would share the files with
+    // that one, and the cluster would let neither cache what it writes.
+    auto const files = yx::makeObject<host::FileSystems>();
     auto const native = yx::makeObject<yx::CNativeFileSystem>(yx::NativeFlush::ToSystem);
     BareClient bare(setting.user);
     std::string const loopPath = setting.folderPath + "/bench_cluster.raw";

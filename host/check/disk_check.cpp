@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "host/check/check_errors.h"
-#include "host/check/extent_check.h"
 #include "host/check/grain_check.h"
 #include "host/digest/disk_digests.h"
 #include "host/disk/descriptor_checksum.h"
@@ -83,21 +82,28 @@ private:
         if (DiskRecord(*disk->getDisk().getDescriptor()).getState() == DiskState::Unfinished)
             find(uri, "the disk is unfinished: it has not been filled to its end");
         checkContentID(*disk);
-        m_known = KnownGrains();
-        checkExtents(*disk);
-        std::unique_ptr<DigestFile> const digests = openDigests(*disk);
-        GrainCounts const counts =
-            checkGrains(*disk, m_options,
-                        [&](yx::CURI const& file, std::string const& text) { find(file, text); },
-                        {m_known, m_scope.sample, digests.get()});
-        m_result.heldGrainCount += counts.held;
-        m_result.readGrainCount += counts.read;
+        checkContent(*disk);
         return disk->hasParent() ? disk->getDisk().getParentDiskMainURI().toNormalized()
                                  : yx::CURI();
     }
 
+    void checkContent(SafeDisk& disk) {
+        StructureCheck structure(
+            m_fileSystem.get(), disk, m_options.cancel,
+            [&](yx::CURI const& file, std::string const& text) { find(file, text); });
+        auto const findBehindStructure = [&](yx::CURI const& file, std::string const& text) {
+            structure.finish();
+            find(file, text);
+        };
+        std::unique_ptr<DigestFile> const digests = openDigests(disk, findBehindStructure);
+        GrainCounts const counts = checkGrains(disk, m_options, findBehindStructure,
+                                               {structure, m_scope.sample, digests.get()});
+        m_result.heldGrainCount += counts.held;
+        m_result.readGrainCount += counts.read;
+    }
+
     /// Null if there are none to compare with.
-    std::unique_ptr<DigestFile> openDigests(SafeDisk& disk) {
+    std::unique_ptr<DigestFile> openDigests(SafeDisk& disk, FindingCallback const& find) {
         yx::CURI const uri = disk.getDisk().getMainFileURI();
         DiskDigests digests;
         auto const failure =
@@ -112,7 +118,7 @@ private:
             m_result.outOfDate.push_back(uri);
         if (!digests.areUpToDate())
             return nullptr;
-        checkImageSize(disk, *digests.file);
+        checkImageSize(disk, *digests.file, find);
         return std::move(digests.file);
     }
 
@@ -134,7 +140,8 @@ private:
     }
 
     /// What the descriptor says of it, nobody has signed.
-    void checkImageSize(SafeDisk& disk, DigestFile const& digests) {
+    static void checkImageSize(SafeDisk& disk, DigestFile const& digests,
+                               FindingCallback const& find) {
         __int64 const sizeBytes = digests.getHeader().imageSizeBytes;
         std::optional<__int64> recorded;
         auto const failure = findingOf([&] {
@@ -175,33 +182,6 @@ private:
         m_expectedContentID = descriptor->getParentContentID();
     }
 
-    void checkExtents(SafeDisk& disk) {
-        for (DiskExtent const& extent : disk.listExtents()) {
-            assert(extent.startBytes <= extent.endBytes);
-            if (m_fileSystem->fileExists(extent.uri)) {
-                checkExtentFile(extent);
-            } else if (!disk.createsExtentFilesOnDemand()) {
-                find(extent.uri, "the file is missing");
-            }
-        }
-    }
-
-    void checkExtentFile(DiskExtent const& extent) {
-        yx::CURI const& uri = extent.uri;
-        yx::P<yx::IIOStream> stream;
-        auto const failure = findingOf([&] {
-            unsigned int reserved = 0;
-            stream = m_fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &reserved);
-        });
-        if (failure) {
-            find(uri, *failure);
-            return;
-        }
-        checkExtent(
-            *stream, extent, m_options.cancel, [&](std::string const& text) { find(uri, text); },
-            m_known);
-    }
-
     CheckScope const& m_scope;
     yx::P<yx::IFileSystem> m_fileSystem;
     yx::String const& m_password;
@@ -209,9 +189,6 @@ private:
     FindingCallback const& m_report;
     DiskTrust m_trust;
     CheckResult m_result;
-
-    /// Of the disk that is being checked.
-    KnownGrains m_known;
 
     /// The content ID that the last disk expects of its parent.
     std::optional<unsigned int> m_expectedContentID;

@@ -57,7 +57,7 @@ public:
           m_reportTo(report),
           m_report([this, &report](std::string const& text) { report(m_reported->uri, text); }),
           m_fold(m_report),
-          m_known(knowledge.damaged),
+          m_structure(knowledge.structure),
           m_sample(knowledge.sample),
           m_digests(knowledge.digests),
           m_ciphers(disk, countThreads(options)) {
@@ -88,6 +88,9 @@ private:
     };
 
     void checkAllGrains() {
+        // What is said of a grain beside the grain itself lies in records alone.
+        if (!m_disk.getDisk().getCompressed())
+            m_structure.finish();
         std::vector<DiskExtent> const& extents = m_disk.listExtents();
         m_numbersAreUnique =
             std::all_of(extents.begin(), extents.end(), [this](DiskExtent const& extent) {
@@ -105,6 +108,7 @@ private:
                            grainSizeBytes);
             }
         }
+        m_structure.finish();
         drainAll();
         reportUnreachable();
         compareOddGrains();
@@ -258,6 +262,7 @@ private:
     void reportBadDigests() {
         if (!m_badDigests)
             return;
+        m_structure.finish();
         m_fold.flush();
         m_reportTo(m_badFile, "the digests cannot be used: " + *m_badDigests);
     }
@@ -270,6 +275,7 @@ private:
         if (!m_sample.contains(grain.thing.number))
             return;
         ++m_counts.read;
+        m_structure.runTo(*grain.extent, grain.thing.number);
         if (m_decoders && !m_decoders->getFree())
             drainOne();
         bool isForWorkers = false;
@@ -433,6 +439,7 @@ private:
             return;
         Unreachable const run = *m_unreachable;
         m_unreachable.reset();
+        m_structure.finish();
         beginReportOn(*run.extent);
         std::string const first = std::to_string(run.firstIndex);
         m_fold.add((run.endIndex == run.firstIndex + 1
@@ -444,7 +451,8 @@ private:
 
     void reportGrain(GrainInExtent const& grain, std::string const& failure) {
         reportUnreachable();
-        if (m_numbersAreUnique && m_known.contains(grain.thing.number))
+        m_structure.finish();
+        if (m_numbersAreUnique && m_structure.getDamaged().contains(grain.thing.number))
             return;
         beginReportOn(*grain.extent);
         m_fold.addOfThing(grain.thing, grain.thing.getName() + ": " + failure);
@@ -459,7 +467,7 @@ private:
     FindingCallback const& m_reportTo;
     FindingFold::Report m_report;
     FindingFold m_fold;
-    KnownGrains const& m_known;
+    StructureCheck& m_structure;
     GrainSample m_sample;
     GrainCounts m_counts;
 

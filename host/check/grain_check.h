@@ -1,7 +1,7 @@
 #pragma once
 
 #include "host/check/disk_check.h"
-#include "host/check/known_grains.h"
+#include "host/check/structure_check.h"
 #include "host/digest/digest_file.h"
 #include "host/digest/grain_sample.h"
 #include "host/disk/safe_disk.h"
@@ -11,8 +11,9 @@ namespace kelm::host {
 
 /// What is known of the grains of a disk before they are read.
 struct GrainKnowledge {
-    /// Damaged ones.
-    KnownGrains const& damaged;
+    /// Finds damaged ones. It goes ahead of the reading, and is finished before the first finding
+    /// about a grain, and at the end.
+    StructureCheck& structure;
 
     /// Which of them are to be read.
     GrainSample sample;

@@ -14,6 +14,9 @@ void SlotCheck::run(__int64 grain, int entry, GrainTables const& tables, SectorM
     __int64 const position = tables.getPosition(entry);
     if (position == 0)
         return;
+    // All else was found the first time, and the record need not be read again.
+    if (m_findings.isRepeating() && !taken.reaches(position, m_largestSlotSectors))
+        return;
     CheckedThing const thing = m_shape.grainAt(grain);
     std::string const name = thing.getName();
     if (grain >= m_shape.grainCount) {
@@ -31,6 +34,7 @@ void SlotCheck::run(__int64 grain, int entry, GrainTables const& tables, SectorM
     }
     __int64 const size = checkSize(thing, entry, tables);
     assert(size >= 0);
+    m_largestSlotSectors = std::max(m_largestSlotSectors, size);
     if (!m_reader.contains(position, size * kSectorSizeBytes))
         m_findings.addBehindEnd(thing, name + " reaches behind the end of the file");
     __int64 const shared = taken.take(position, size);

@@ -32,6 +32,7 @@ private:
     ExtentShape const& m_shape;
     ExtentFindings& m_findings;
     __int64 m_dataEndSectors = 0;
+    __int64 m_largestSlotSectors = 0;
 };
 
 } // namespace kelm::host

@@ -7,8 +7,10 @@
 
 namespace kelm::host {
 
-void TableCheck::run(__int64 table, SectorMap& taken) {
+void TableCheck::beginTable(__int64 table, SectorMap& taken) {
     assert(table >= 0 && table < m_shape.tableCount);
+    m_tables.reset();
+    m_firstGrain = table * kGrainTableEntryCount;
     CheckedThing const thing = m_shape.tableAt(table);
     std::string const name = thing.getName();
     TablePlaces const places = m_directories.readPlaces(table);
@@ -30,9 +32,12 @@ void TableCheck::run(__int64 table, SectorMap& taken) {
     ExtentReader::Bytes slotSizes;
     if (m_directories.hasSlotSizes())
         slotSizes = readSlotSizes(thing, places);
-    GrainTables const tables(std::move(*entries), std::move(slotSizes));
-    for (int index = 0; index < kGrainTableEntryCount; ++index)
-        m_slots.run(table * kGrainTableEntryCount + index, index, tables, taken);
+    m_tables.emplace(std::move(*entries), std::move(slotSizes));
+}
+
+void TableCheck::checkSlot(int entry, SectorMap& taken) {
+    if (m_tables)
+        m_slots.run(m_firstGrain + entry, entry, *m_tables, taken);
 }
 
 void TableCheck::checkRedundantTable(CheckedThing const& table, ExtentReader::Bytes const& entries,

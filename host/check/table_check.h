@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "host/check/slot_check.h"
@@ -21,8 +22,12 @@ public:
     /// Must come first. False, with a finding, if there are no tables to be checked.
     bool findDirectories() { return m_directories.find(); }
 
-    /// Checks a table and the slots of its grains. Takes the sectors of both in `taken`.
-    void run(__int64 table, SectorMap& taken);
+    /// Checks a table, and takes its sectors in `taken`. Then come the slots of its grains.
+    void beginTable(__int64 table, SectorMap& taken);
+
+    /// Checks the slot of the grain `entry` of the table that was begun, and takes its sectors in
+    /// `taken`. Does nothing for a table whose slots are not to be found.
+    void checkSlot(int entry, SectorMap& taken);
 
     /// Where the data of the grains ends, as far as their tables have been checked.
     __int64 getDataEndSectors() const { return m_slots.getDataEndSectors(); }
@@ -37,6 +42,10 @@ private:
     ExtentFindings const& m_findings;
     TableDirectories m_directories;
     SlotCheck m_slots;
+
+    /// The table that was begun; nothing if it cannot be used.
+    std::optional<GrainTables> m_tables;
+    __int64 m_firstGrain = 0;
 };
 
 } // namespace kelm::host

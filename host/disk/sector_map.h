@@ -16,6 +16,12 @@ public:
     /// before, -1 if none was.
     __int64 take(__int64 startSectors, __int64 sizeSectors);
 
+    /// Whether a part of a range lies in the stretch.
+    bool reaches(__int64 startSectors, __int64 sizeSectors) const {
+        return startSectors < m_startSectors + m_sizeSectors &&
+               startSectors + sizeSectors > m_startSectors;
+    }
+
     /// The first sector of a range that is taken; -1 if none is, or none in the stretch.
     __int64 findTaken(__int64 startSectors, __int64 endSectors) const;
 

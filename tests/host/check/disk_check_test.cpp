@@ -4,6 +4,7 @@
 
 #include "tests/host/host_fixture.h"
 #include "tests/support/foreign_chain.h"
+#include "tests/support/recording_file_system.h"
 #include "tests/support/slot_sizes.h"
 
 using kelm::host::CancelFlag;
@@ -397,6 +398,34 @@ TEST_F(DiskCheckTest, StopsWhenItIsCancelled) {
     EXPECT_THROW(checkDisk(files.get(), uriOf("disk.vmdk"), "", options,
                            [](yx::CURI const&, std::string const&) {}),
                  CancelledError);
+}
+
+TEST_F(DiskCheckTest, GoesThroughTheRecordsOfAFileOnce) {
+    constexpr __int64 kSizeBytes = 8 << 20;
+    constexpr __int64 kNear = 2 << 20;
+    {
+        std::unique_ptr<SafeDisk> const disk =
+            createSafe({.compressed = true}, "disk.vmdk", "", kSizeBytes);
+        writeTo(*disk, 0, pattern(kSizeBytes, 5));
+    }
+    auto const metadataEnd = static_cast<__int64>(grain("disk.vmdk", 0));
+    auto const watched = yx::makeObject<RecordingFileSystem>(files.get());
+    WorkOptions options;
+    options.threads = 2;
+    EXPECT_EQ(0, checkDisk(watched.get(), uriOf("disk.vmdk"), "", options,
+                           [](yx::CURI const&, std::string const&) {}));
+    __int64 farthest = 0;
+    for (RecordingFileSystem::Entry const& entry : watched->entries()) {
+        if (entry.operation.kind != FileOperation::Kind::Read ||
+            entry.operation.position < metadataEnd)
+            continue;
+        // The trail is looked for at once.
+        if (entry.operation.position > kSizeBytes)
+            continue;
+        EXPECT_GE(entry.operation.position, farthest - kNear) << entry.operation;
+        farthest = std::max(farthest, entry.operation.position);
+    }
+    EXPECT_GT(farthest, kSizeBytes - kNear);
 }
 
 TEST_F(DiskCheckTest, PassesOnWhatTheReportThrows) {
