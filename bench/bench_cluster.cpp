@@ -14,7 +14,9 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <cephfs/libcephfs.h>
@@ -24,6 +26,7 @@
 #include "bench/arguments.h"
 #include "bench/content_files.h"
 #include "bench/interleaved.h"
+#include "bench/served_requests.h"
 #include "host/check/disk_check.h"
 #include "host/store/file_systems.h"
 #include "host/transfer/transfer.h"
@@ -35,7 +38,11 @@ namespace {
 using namespace kelm;
 
 constexpr std::size_t kPieceBytes = std::size_t{4} << 20;
+constexpr std::size_t kRequestBytes = 4096;
+constexpr int kRequestsUnderWay = 16;
+constexpr int kRequests = 4000;
 constexpr double kTransferAim = 0.9;
+constexpr double kRandomAim = 0.8;
 constexpr double kCheckAim = 1.3;
 constexpr double kBytesOfMegabyte = 1e6;
 
@@ -100,6 +107,29 @@ public:
         ceph_close(m_client, file);
     }
 
+    /// How many requests of 4 KiB at random places of a file are answered in a second, where so
+    /// many threads each have one under way.
+    double readAtRandom(std::string const& path, std::size_t sizeBytes, int threads, int requests) {
+        int const file = require(ceph_open(m_client, path.c_str(), O_RDONLY, 0), "ceph_open");
+        double const seconds = timeOf([&] {
+            std::vector<std::jthread> readers;
+            for (int i = 0; i < threads; ++i) {
+                readers.emplace_back([=, this] {
+                    std::mt19937_64 random(static_cast<unsigned>(i));
+                    std::vector<char> block(kRequestBytes);
+                    for (int done = 0; done < requests / threads; ++done) {
+                        auto const index = random() % (sizeBytes / kRequestBytes);
+                        require(ceph_read(m_client, file, block.data(), kRequestBytes,
+                                          static_cast<std::int64_t>(index * kRequestBytes)),
+                                "ceph_read");
+                    }
+                });
+            }
+        });
+        ceph_close(m_client, file);
+        return requests / seconds;
+    }
+
 private:
     ceph_mount_info* m_client = nullptr;
 };
@@ -135,6 +165,7 @@ void check(yx::IFileSystem* files, yx::CURI const& uri) {
 struct Figures {
     std::vector<double> imports, exports, compressedImports, compressedExports, checks,
         compressedChecks;
+    std::vector<double> randomReads, requests, loopRequests;
     std::vector<double> loopWriteSeconds, loopReadSeconds, importSeconds, exportSeconds;
 };
 
@@ -145,7 +176,27 @@ struct Setting {
     std::string folderPath;
     std::string image;
     std::string work;
+
+    /// The plugin for nbdkit; empty where it was not built.
+    std::string plugin;
 };
+
+/// Of a whole disk, many times the cache of the client.
+void readAtRandom(Setting const& setting, BareClient& bare, std::string const& path,
+                  yx::CURI const& disk, Figures& figures) {
+    auto const sizeBytes = static_cast<std::size_t>(std::filesystem::file_size(setting.image));
+    bench::AskedRequests const asked = {
+        "--rw=randread --iodepth=" + std::to_string(kRequestsUnderWay) + " --io_size=" +
+            std::to_string(kRequests * kRequestBytes) + " --size=" + std::to_string(sizeBytes),
+        bench::kReadsField, "nbdkit -r"};
+    double const own =
+        bench::requestsPerSecond(asked, bench::quoted(setting.plugin) + " " +
+                                            bench::quoted(disk.toString(true).toStdString()));
+    double const loop = bare.readAtRandom(path, sizeBytes, kRequestsUnderWay, kRequests);
+    figures.loopRequests.push_back(loop);
+    figures.requests.push_back(own);
+    figures.randomReads.push_back(own / loop);
+}
 
 void runRound(Setting const& setting, Figures& figures) {
     // The store that host code asks about names too: a client of its own would share the files with
@@ -167,6 +218,9 @@ void runRound(Setting const& setting, Figures& figures) {
     double const got = timeOf([&] { bare.get(loopPath, copy); });
     double const exported = timeOf([&] { exportTo(files.get(), plain, copy); });
     double const checked = timeOf([&] { check(files.get(), plain); });
+
+    if (!setting.plugin.empty())
+        readAtRandom(setting, bare, loopPath, plain, figures);
 
     double const coded = timeOf([&] { importTo(native.get(), local, setting.image, true); });
     std::size_t const codedBytes =
@@ -210,6 +264,13 @@ void reportAll(Figures const& figures, std::size_t sizeBytes) {
     bench::reportAtMost("check beside the export", bench::median(figures.checks), kCheckAim);
     bench::reportAtMost("check beside the export, compressed",
                         bench::median(figures.compressedChecks), kCheckAim);
+    if (figures.randomReads.empty())
+        return;
+    bench::note("random reads of 4 KiB, 16 threads of a loop", bench::median(figures.loopRequests),
+                "/s");
+    bench::note("the same through nbdkit", bench::median(figures.requests), "/s");
+    bench::report("random reads beside the loop", bench::median(figures.randomReads), kRandomAim,
+                  "x");
 }
 
 } // namespace
@@ -237,6 +298,9 @@ int main(int argc, char** argv) {
     setting.user = location.user;
     setting.folderPath = location.path;
     setting.work = work;
+#ifdef KELM_NBDKIT_PLUGIN
+    setting.plugin = KELM_NBDKIT_PLUGIN;
+#endif
     setting.image = work + "/image.raw";
     std::size_t const sizeBytes = sizeMiB << 20;
     std::vector<unsigned char> const bytes = bench::readFiles(content, sizeBytes, bench::isElf);

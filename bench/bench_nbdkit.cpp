@@ -10,12 +10,9 @@
 // what else the machine does hits them alike; each figure is the median of the rounds.
 
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -25,6 +22,7 @@
 #include "bench/arguments.h"
 #include "bench/content_files.h"
 #include "bench/interleaved.h"
+#include "bench/served_requests.h"
 #include "host/transfer/transfer.h"
 #include "yx/native_file_system.h"
 
@@ -33,6 +31,12 @@ namespace {
 using namespace kelm;
 
 constexpr long long kMinImageBytes = 100'000'000;
+const bench::AskedRequests kRandomReads = {"--rw=randread --iodepth=16 --io_size=200m --size=100m",
+                                           bench::kReadsField, "nbdkit -r"};
+const bench::AskedRequests kReadsInOrder = {"--rw=read --iodepth=16 --io_size=100m --size=100m",
+                                            bench::kReadsField, "nbdkit -r"};
+const bench::AskedRequests kRandomWrites = {"--rw=randwrite --iodepth=16 --io_size=50m --size=100m",
+                                            bench::kWritesField, "nbdkit"};
 constexpr char kRawImage[] = "raw image, file plugin";
 
 struct Kind {
@@ -86,52 +90,20 @@ double copySeconds(std::string const& server) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// What `fio` does, and the field in which it counts that.
-struct Asked {
-    char const* options;
-    int field;
-    char const* server;
-};
-
-constexpr Asked kRandomReads = {"--rw=randread --iodepth=16 --io_size=200m", 7, "nbdkit -r"};
-constexpr Asked kReadsInOrder = {"--rw=read --iodepth=16 --io_size=100m", 7, "nbdkit -r"};
-constexpr Asked kRandomWrites = {"--rw=randwrite --iodepth=16 --io_size=50m", 48, "nbdkit"};
-
-/// Requests of 4 KiB.
-double requestsPerSecond(Asked const& what, std::string const& server) {
-    std::string const asked = std::string("fio --name=requests --ioengine=nbd --uri=\"$uri\" ") +
-                              what.options + " --bs=4k --size=100m --minimal";
-    std::string const command =
-        std::string(what.server) + " -U - " + server + " --run " + bench::quoted(asked);
-    FILE* const output = ::popen(command.c_str(), "r");
-    if (!output)
-        bench::failWith("failed: " + command);
-    std::string text;
-    for (int letter = std::fgetc(output); letter != EOF; letter = std::fgetc(output))
-        text += static_cast<char>(letter);
-    std::istringstream fields(text);
-    std::string field;
-    for (int i = 0; i <= what.field; ++i)
-        std::getline(fields, field, ';');
-    double const requests = std::atof(field.c_str());
-    if (::pclose(output) != 0 || requests <= 0)
-        bench::failWith("failed: " + command);
-    return requests;
-}
-
 std::string pluginOn(std::string const& disk, Kind const& kind) {
     std::string const command = bench::quoted(KELM_NBDKIT_PLUGIN) + " " + bench::quoted(disk);
     return *kind.password == '\0' ? command : command + " password=" + kind.password;
 }
 
-void measureRequests(std::string const& what, Asked const& asked,
+void measureRequests(std::string const& what, bench::AskedRequests const& asked,
                      std::filesystem::path const& folder, std::string const& image, int rounds) {
     std::map<std::string, std::vector<double>> counts;
     for (int i = 0; i < rounds; ++i) {
-        counts[kRawImage].push_back(requestsPerSecond(asked, "file " + bench::quoted(image)));
+        counts[kRawImage].push_back(
+            bench::requestsPerSecond(asked, "file " + bench::quoted(image)));
         for (Kind const& kind : kKinds) {
             counts[kind.name].push_back(
-                requestsPerSecond(asked, pluginOn(folder / kind.name, kind)));
+                bench::requestsPerSecond(asked, pluginOn(folder / kind.name, kind)));
         }
     }
     double const countOfFile = bench::median(counts.at(kRawImage));

@@ -271,6 +271,8 @@ void ChainMap::openFile(Level const& level, Extent& extent) {
     bool const demandsAlignment = dynamic_cast<yx::IAlignedStreamBase*>(file.get()) != nullptr;
     if (native && !demandsAlignment)
         extent.fileDescriptor = native->getFileDescriptor();
+    if (extent.fileDescriptor < 0)
+        extent.placeReader = findPlaceReader(*file);
     extent.file = file;
 }
 

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "host/store/place_reader.h"
 #include "kelm/metadata/grain_directory.h"
 #include "yx/file_system.h"
 
@@ -31,6 +32,12 @@ struct MappedExtent {
     /// The open file, for reading at places, as long as the map lives; -1 if it is no file of the
     /// operating system, or one that demands alignment.
     int fileDescriptor = -1;
+
+    /// The same for a file of a store; null if that does not offer it.
+    IPlaceReader const* placeReader = nullptr;
+
+    /// Whether there is one of both.
+    bool canReadPlaces() const { return fileDescriptor >= 0 || placeReader; }
 
     /// How long the file was when it was opened.
     __int64 fileBytes = 0;

@@ -25,7 +25,8 @@ yx::CProps propsOfTransfer(yx::CURI const& uri, __int64 positionBytes, int sizeB
 class KeptFile::Stream : public yx::CBase,
                          public virtual yx::IIOStream,
                          public virtual yx::IAccessStream,
-                         public virtual yx::INativeStream {
+                         public virtual yx::INativeStream,
+                         public IPlaceReader {
 public:
     explicit Stream(KeptFile* file) : m_file(file), m_uri(file->m_stream->getURI()) {
         ++m_file->m_streamCount;
@@ -85,6 +86,10 @@ public:
 
     Access getAccess() const override { return ReadOnly; }
     int getFileDescriptor() const override { return m_file ? m_file->getFileDescriptor() : -1; }
+    bool canReadPlaces() const override { return m_file && m_file->m_places; }
+    int readPlace(__int64 positionBytes, void* target, int sizeBytes) const override {
+        return file().m_places->readPlace(positionBytes, target, sizeBytes);
+    }
 
 private:
     KeptFile& file() const {
@@ -110,7 +115,9 @@ private:
 };
 
 KeptFile::KeptFile(yx::P<yx::IIOStream> stream)
-    : m_stream(std::move(stream)), m_native(dynamic_cast<yx::INativeStream*>(m_stream.get())) {}
+    : m_stream(std::move(stream)),
+      m_native(dynamic_cast<yx::INativeStream*>(m_stream.get())),
+      m_places(findPlaceReader(*m_stream)) {}
 
 yx::P<yx::IIOStream> KeptFile::openStream() {
     return yx::makeObject<Stream>(this);

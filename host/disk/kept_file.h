@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "host/store/file_status.h"
+#include "host/store/place_reader.h"
 #include "host/system/file_lock.h"
 #include "yx/access_stream.h"
 #include "yx/native_stream.h"
@@ -56,7 +57,10 @@ private:
     int copyStart(__int64 positionBytes, void* target, int sizeBytes);
 
     yx::P<yx::IIOStream> m_stream;
+
+    /// The same object, or null.
     yx::INativeStream const* m_native;
+    IPlaceReader const* m_places;
     int m_streamCount = 0;
     bool m_keepsStart = true;
 

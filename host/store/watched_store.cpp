@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "host/store/forwarding_stream.h"
+#include "host/store/place_reader.h"
 #include "yx/access_stream.h"
 #include "yx/error.h"
 #include "yx/gather_out_stream.h"
@@ -26,13 +27,13 @@ auto callStore(IStore& store, yx::CURI const& uri, Operation const& operation) {
 
 /// What asks the store, or may have to wait for it, is noted.
 class WatchedStoreStream : public ForwardingStream,
-                           public virtual yx::IAlignedStreamBase,
-                           public virtual yx::IAccessStream {
+                           public virtual yx::IAccessStream,
+                           public IPlaceReader {
 public:
     WatchedStoreStream(yx::P<yx::IIOStream> const& stream, Access access, yx::P<IStore> store)
         : ForwardingStream(stream),
           m_uri(stream->getURI()),
-          m_aligned(dynamic_cast<yx::IAlignedStreamBase*>(stream.get())),
+          m_places(findPlaceReader(*stream)),
           m_access(access),
           m_store(std::move(store)) {}
 
@@ -87,18 +88,18 @@ public:
         call([&] { getTarget()->setLength(length); });
     }
 
-    Access getAccess() const override { return m_access; }
-    int getPositionAlign() override { return m_aligned ? m_aligned->getPositionAlign() : 1; }
-    int getBufferAlign() override { return m_aligned ? m_aligned->getBufferAlign() : 1; }
-    int getBestPerformancePositionAlign() override {
-        return m_aligned ? m_aligned->getBestPerformancePositionAlign() : 1;
+    bool canReadPlaces() const override { return m_places != nullptr; }
+    int readPlace(__int64 positionBytes, void* target, int sizeBytes) const override {
+        return call([&] { return m_places->readPlace(positionBytes, target, sizeBytes); });
     }
+
+    Access getAccess() const override { return m_access; }
 
 private:
     yx::CURI m_uri;
 
-    /// The same object as the target; null if it demands nothing.
-    yx::IAlignedStreamBase* m_aligned;
+    /// The same object as the target; null if it cannot.
+    IPlaceReader const* m_places;
     Access m_access;
     yx::P<IStore> m_store;
 };
@@ -115,9 +116,35 @@ public:
     }
 };
 
+/// Either of them over a stream that demands alignment, or is better at some.
+template <class Base>
+class WatchedAlignedStream : public Base, public virtual yx::IAlignedStreamBase {
+public:
+    using Base::Base;
+
+    int getPositionAlign() override { return target().getPositionAlign(); }
+    int getBufferAlign() override { return target().getBufferAlign(); }
+    int getBestPerformancePositionAlign() override {
+        return target().getBestPerformancePositionAlign();
+    }
+
+private:
+    yx::IAlignedStreamBase& target() {
+        return dynamic_cast<yx::IAlignedStreamBase&>(*this->getTarget());
+    }
+};
+
+/// What a stream does not do, the one that watches it does not do either.
 yx::P<yx::IIOStream> watch(yx::P<yx::IIOStream> const& stream, yx::IIOStream::Access access,
                            yx::P<IStore> const& store) {
-    if (dynamic_cast<yx::IGatherOutStream*>(stream.get()))
+    bool const isAligned = dynamic_cast<yx::IAlignedStreamBase*>(stream.get()) != nullptr;
+    bool const gathers = dynamic_cast<yx::IGatherOutStream*>(stream.get()) != nullptr;
+    if (isAligned && gathers)
+        return yx::makeObject<WatchedAlignedStream<WatchedStoreGatherStream>>(stream, access,
+                                                                              store);
+    if (isAligned)
+        return yx::makeObject<WatchedAlignedStream<WatchedStoreStream>>(stream, access, store);
+    if (gathers)
         return yx::makeObject<WatchedStoreGatherStream>(stream, access, store);
     return yx::makeObject<WatchedStoreStream>(stream, access, store);
 }

@@ -23,8 +23,13 @@ constexpr __int64 kMaxCodedGrainBytes = kSlotsBytes / 8;
 /// As the library: more is treated as damage.
 constexpr __int64 kMaxRecordGrains = 2;
 
-/// The number of bytes read, fewer than `bytes` only at the end of the file; -1 for an error.
-__int64 readFileAt(int file, __int64 positionBytes, unsigned char* target, __int64 bytes) {
+/// The number of bytes read, fewer than `bytes` only at the end of the file; -1 for an error of the
+/// operating system. Those of a store are thrown.
+__int64 readFileAt(MappedExtent const& extent, __int64 positionBytes, unsigned char* target,
+                   __int64 bytes) {
+    if (extent.placeReader)
+        return extent.placeReader->readPlace(positionBytes, target, static_cast<int>(bytes));
+    int const file = extent.fileDescriptor;
     __int64 done = 0;
     while (done < bytes) {
         ssize_t const count = ::pread(file, target + done, static_cast<std::size_t>(bytes - done),
@@ -109,7 +114,7 @@ bool DirectReading::tryReadInMap(__int64 positionBytes, unsigned char* target, _
     __int64 const grainSizeBytes = m_map->getGrainSizeBytes();
     while (bytes > 0) {
         std::optional<MappedGrain> const grain = m_map->find(positionBytes / grainSizeBytes);
-        if (!grain || (grain->isHeld() && grain->extent->fileDescriptor < 0))
+        if (!grain || (grain->isHeld() && !grain->extent->canReadPlaces()))
             return false;
         __int64 partBytes = std::min(bytes, grainSizeBytes - positionBytes % grainSizeBytes);
         if (!grain->isHeld()) {
@@ -148,8 +153,7 @@ __int64 DirectReading::readPlain(MappedGrain const& grain, __int64 positionBytes
     if (endBytes > grain.extent->fileBytes)
         return 0;
     __int64 const partBytes = std::min(bytes, endBytes - startBytes - inGrain);
-    __int64 const count =
-        readFileAt(grain.extent->fileDescriptor, startBytes + inGrain, target, partBytes);
+    __int64 const count = readFileAt(*grain.extent, startBytes + inGrain, target, partBytes);
     return count == partBytes ? partBytes : 0;
 }
 
@@ -208,8 +212,7 @@ bool DirectReading::decodeWith(Coder& coder, MappedGrain const& grain, __int64 g
         return false;
     coder.stored.setUsed(static_cast<int>(slotBytes));
     __int64 const storedBytes =
-        readFileAt(extent.fileDescriptor, grain.posSectors * kSectorSizeBytes,
-                   coder.stored.getData(), slotBytes);
+        readFileAt(extent, grain.posSectors * kSectorSizeBytes, coder.stored.getData(), slotBytes);
     if (!extent.isCompressed) {
         if (storedBytes != grainSizeBytes)
             return false;

@@ -11,7 +11,8 @@
 namespace kelm::host {
 
 /// Reads a disk that is open for reading, for any number of threads at once, straight from the
-/// places of its grains in the files of the operating system:
+/// places of its grains in the files of the operating system, or of a store that offers it
+/// (`IPlaceReader`):
 ///
 /// - Of a grain that is stored plain, just the bytes that are asked for are read, into the caller's
 ///   memory.

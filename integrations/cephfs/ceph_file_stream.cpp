@@ -183,6 +183,27 @@ int CCephFileStream::readPart(__int64 position, char* target, int sizeBytes) con
     return here;
 }
 
+int CCephFileStream::readPlace(__int64 positionBytes, void* target, int sizeBytes) const {
+    requireOpen();
+    // The call may outlive the operation, and others may be under way.
+    Buffer const buffer(new char[static_cast<std::size_t>(sizeBytes)]);
+    int const count = call([=, descriptor = m_file->getDescriptor()](ceph_mount_info* client) {
+        for (int done = 0; done < sizeBytes;) {
+            int const part = ceph_read(client, descriptor, buffer.get() + done, sizeBytes - done,
+                                       positionBytes + done);
+            if (part <= 0)
+                return part == 0 ? done : part;
+            done += part;
+        }
+        return sizeBytes;
+    });
+    if (count < 0)
+        throw makeClusterError(FileAction::Read, count,
+                               makeRangeProps(uri(), positionBytes, "bytesToRead", sizeBytes));
+    std::memcpy(target, buffer.get(), static_cast<std::size_t>(count));
+    return count;
+}
+
 /// Whether a block was read a short while ago, so that it may be in the client's cache.
 bool CCephFileStream::isFetched(__int64 block) const {
     return std::ranges::find(m_fetchedBlocks, block) != m_fetchedBlocks.end();

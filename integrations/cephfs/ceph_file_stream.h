@@ -3,6 +3,7 @@
 #include <array>
 #include <memory>
 
+#include "host/store/place_reader.h"
 #include "integrations/cephfs/ceph_file.h"
 #include "integrations/cephfs/ceph_range_locks.h"
 #include "yx/internal/file_stream.h"
@@ -14,7 +15,7 @@ namespace kelm::ceph {
 /// Nothing is kept here: the client merges small writes, and caches what it read as long as no
 /// other client writes to the file, so streams see each other's writes at once. But small reads
 /// fetch a whole block into the client's cache, since most of the time of a read is the journey.
-class CCephFileStream : public yx::CFileStream {
+class CCephFileStream : public yx::CFileStream, public host::IPlaceReader {
 public:
     /// Takes the open file over. `isEmpty` says that it may be a new one.
     CCephFileStream(std::shared_ptr<CephFile> file, yx::CURI const& uri, Access access,
@@ -29,6 +30,8 @@ public:
     /// final for the stream, since the client may have dropped what it could not write.
     void flush() override;
     void setLength(__int64 length) override;
+
+    int readPlace(__int64 positionBytes, void* target, int sizeBytes) const override;
 
     /// Null once closed.
     CephFile const* getFile() const { return m_file.get(); }

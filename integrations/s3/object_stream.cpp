@@ -29,6 +29,11 @@ int CObjectStream::readAt(__int64 position, void* target, int sizeBytes) const {
     return m_content->read(position, target, sizeBytes, uri());
 }
 
+int CObjectStream::readPlace(__int64 positionBytes, void* target, int sizeBytes) const {
+    requireOpen();
+    return readAt(positionBytes, target, sizeBytes);
+}
+
 void CObjectStream::writeAt(__int64, Piece const*, int, __int64) {
     // Never reached: no stream of this class is writable.
     throwStoreIsReadOnly(uri());

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "host/store/place_reader.h"
 #include "integrations/s3/object_content.h"
 #include "yx/internal/file_stream.h"
 
@@ -9,7 +10,7 @@ namespace kelm::s3 {
 
 /// A stream on an object, for reading. Ranges of it cannot be locked: `lockRange` is
 /// `NotSupported`.
-class CObjectStream : public yx::CFileStream {
+class CObjectStream : public yx::CFileStream, public host::IPlaceReader {
 public:
     CObjectStream(std::shared_ptr<ObjectContent> content, yx::CURI const& uri);
 
@@ -18,6 +19,9 @@ public:
     void close() override;
     void flush() override;
     void setLength(__int64 length) override;
+
+    /// By whole blocks, which stay for a while.
+    int readPlace(__int64 positionBytes, void* target, int sizeBytes) const override;
 
     /// Null once closed.
     ObjectContent const* getContent() const { return m_content.get(); }

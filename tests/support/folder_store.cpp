@@ -5,8 +5,10 @@
 
 #include <unistd.h>
 
+#include "host/store/place_reader.h"
 #include "yx/error.h"
 #include "yx/native_file_system.h"
+#include "yx/native_stream.h"
 
 namespace test_support {
 
@@ -15,7 +17,9 @@ namespace {
 using kelm::host::FileStatus;
 
 /// Shows nothing of the operating system's, and has the store's name.
-class FolderStream : public yx::CBase, public virtual yx::IIOStream {
+class FolderStream : public yx::CBase,
+                     public virtual yx::IIOStream,
+                     public kelm::host::IPlaceReader {
 public:
     FolderStream(yx::P<yx::IIOStream> stream, yx::CURI uri, yx::P<FolderStore> store)
         : m_stream(std::move(stream)), m_uri(std::move(uri)), m_store(std::move(store)) {}
@@ -50,6 +54,11 @@ public:
     }
     void flush() override { target().flush(); }
     void setLength(__int64 length) override { target().setLength(length); }
+    int readPlace(__int64 positionBytes, void* bytes, int sizeBytes) const override {
+        int const file = dynamic_cast<yx::INativeStream&>(target()).getFileDescriptor();
+        return static_cast<int>(
+            ::pread(file, bytes, static_cast<std::size_t>(sizeBytes), positionBytes));
+    }
 
 private:
     yx::IIOStream& target() const {

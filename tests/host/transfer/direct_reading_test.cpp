@@ -5,10 +5,13 @@
 #include <thread>
 
 #include "host/disk/chain_members.h"
+#include "host/store/file_systems.h"
+#include "host/store/stores.h"
 #include "host/transfer/disk_readers.h"
 #include "host/transfer/grain_place.h"
 #include "tests/host/host_fixture.h"
 #include "tests/support/filled_foreign_chain.h"
+#include "tests/support/folder_store.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/model_rounds.h"
 #include "yx/native_file_system.h"
@@ -24,7 +27,7 @@ constexpr unsigned int kUsualChains = 8;
 constexpr int kReads = 300;
 constexpr int kMapTables = 64;
 
-/// On files of the operating system, since no others are read directly.
+/// On files of the operating system.
 class DirectReadingTest : public testing::Test {
 protected:
     /// Makes a disk with these grains, and returns what it reads as.
@@ -274,6 +277,30 @@ TEST_F(DirectReadingTest, LeavesFilesInMemoryToTheDisk) {
     EXPECT_EQ(tryRead(direct, 0, 10), zeros(10));
     EXPECT_EQ(direct.isGrainWritten(1), true);
     EXPECT_EQ(direct.isGrainWritten(0), false);
+}
+
+TEST_F(DirectReadingTest, ReadsFilesOfAStoreThatOffersIt) {
+    auto const store = yx::makeObject<FolderStore>(folder.path().string());
+    kelm::host::AddedStore const added("test", store);
+    auto const stores = yx::makeObject<kelm::host::FileSystems>();
+    for (char const* const kind : {"plain", "compressedSplit", "encryptedCompressed"}) {
+        SCOPED_TRACE(kind);
+        char const* const password = kindNamed(kind).password;
+        std::string const name = std::string(kind) + ".vmdk";
+        Bytes const content = putDisk(kindNamed(kind), name, "", {0, 1, 2, 40, 64, 65, 66, 127});
+        auto const open = [&] {
+            return std::make_unique<SafeDisk>(stores.get(), yx::CURI(("test:/" + name).c_str()),
+                                              kReadOnly, password);
+        };
+        DirectReading direct(open(), kMapTables);
+        std::atomic<int> count = 0;
+        std::vector<std::thread> threads;
+        for (unsigned int i = 0; i < 4; ++i)
+            threads.emplace_back([&, i] { count += checkReads(direct, content, 20 + i); });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(count, 4 * kReads);
+    }
 }
 
 TEST_F(DirectReadingTest, FailsInTheWordsOfTheDiskWhereAGrainWasCutOff) {
