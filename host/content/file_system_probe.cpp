@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "host/content/boot_sector.h"
+#include "host/content/hfs_catalog.h"
 #include "host/content/little_endian.h"
 #include "host/system/file_descriptor.h"
 #include "yx/memory.h"
@@ -119,7 +120,26 @@ void copyRootFolder(PartialCopy& copy, BootSector const& boot) {
     }
 }
 
+/// The label of HFS+ is the name of the root folder, in the first leaf of the catalog.
+void copyCatalogStart(PartialCopy& copy) {
+    std::array<unsigned char, kHFSHeaderBytes> sector{};
+    if (!copy.tryRead(kHFSHeaderStartBytes, sector.data(), kHFSHeaderBytes))
+        return;
+    std::optional<HFSCatalog> const catalog = readHFSCatalog(sector.data());
+    std::optional<__int64> const header =
+        catalog ? catalog->findPlace(0, kHFSHeaderBytes) : std::nullopt;
+    if (!header || !copy.tryRead(*header, sector.data(), kHFSHeaderBytes))
+        return;
+    copy.copyFar(*header, kBlockBytes);
+    std::optional<HFSNode> const leaf = readFirstLeaf(sector.data());
+    std::optional<__int64> const place =
+        leaf ? catalog->findPlace(leaf->offsetBytes, leaf->sizeBytes) : std::nullopt;
+    if (place)
+        copy.copyFar(*place, leaf->sizeBytes);
+}
+
 void copyWhatIsFar(PartialCopy& copy) {
+    copyCatalogStart(copy);
     std::array<unsigned char, kSectorBytesOfProbe> sector{};
     if (!copy.tryRead(0, sector.data(), kSectorBytesOfProbe))
         return;

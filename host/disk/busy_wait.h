@@ -25,6 +25,11 @@ public:
     /// Whether there is time left.
     bool isOn() const { return m_left.count() > 0; }
 
+    /// The time left in whole seconds, what has begun included, for another program that waits too.
+    std::chrono::seconds getLeftSeconds() const {
+        return std::chrono::ceil<std::chrono::seconds>(m_left);
+    }
+
     /// Runs `open`, and again every tenth of a second as long as it fails with an error that
     /// `isInUse` knows, until the time is over; the last such error passes through, as do all
     /// others. What `open` did before it failed must be done anew or undone.

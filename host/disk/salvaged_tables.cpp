@@ -56,6 +56,17 @@ SalvagedTables::SalvagedTables(yx::IIOStream& stream, CVMDKSparseExtentHeader co
         doubtShared();
 }
 
+__int64 SalvagedTables::countAbsent(__int64 grain, __int64 maxGrains) const {
+    assert(grain >= 0 && maxGrains >= 0 && grain <= m_grainCount - maxGrains);
+    auto const isAbsent = [this](__int64 index) {
+        return getState(index) == State::Known && getSector(index) == 0;
+    };
+    __int64 count = 0;
+    while (count < maxGrains && isAbsent(grain + count))
+        ++count;
+    return count;
+}
+
 void SalvagedTables::takeDirectories(CVMDKSparseExtentHeader const& header) {
     m_main.directorySector = static_cast<__int64>(header.getGrainDirectoryOffsetSectors());
     m_copies.directorySector =

@@ -52,6 +52,9 @@ public:
     /// The sector at which it lies; 0 for a grain without a place.
     __int64 getSector(__int64 grain) const { return m_sectors[static_cast<std::size_t>(grain)]; }
 
+    /// How many grains from one on, at most so many, are known to have no place.
+    __int64 countAbsent(__int64 grain, __int64 maxGrains) const;
+
     /// Where the tables lie, main and redundant, in sectors; -1 for one whose place is not known.
     std::vector<__int64> const& getTableSectors() const { return m_main.tables; }
     std::vector<__int64> const& getRedundantTableSectors() const { return m_copies.tables; }

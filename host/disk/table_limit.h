@@ -10,6 +10,10 @@ namespace kelm::host {
 /// GiB of disk with grains of 64 KiB.
 constexpr int kMaxTablesInMemory = 16384;
 
+/// As many are enough for work that goes through a disk from its start to its end, and needs no table
+/// again that it has passed: up to 7 MiB, for 64 GiB of disk with grains of 64 KiB.
+constexpr int kMaxTablesOfOnePass = 2048;
+
 /// Bounds the grain tables of a disk whose cache has no limit of its own.
 ///
 /// A disk that is written to has such a cache: with a limit, the cache may replace a changed table

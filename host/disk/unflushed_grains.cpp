@@ -6,23 +6,21 @@ namespace kelm::host {
 
 namespace {
 
-constexpr __int64 kGrainsInPiece = 65536;
+int inPiece(__int64 grainIndex) {
+    return static_cast<int>(grainIndex % GrainPiece::kGrains);
+}
 
 } // namespace
 
 void UnflushedGrains::add(__int64 grainIndex) {
     assert(grainIndex >= 0);
-    std::vector<bool>& piece = m_pieces[grainIndex / kGrainsInPiece];
-    if (piece.empty())
-        piece.resize(kGrainsInPiece);
-    piece[static_cast<std::size_t>(grainIndex % kGrainsInPiece)] = true;
+    m_pieces[grainIndex / GrainPiece::kGrains].add(inPiece(grainIndex));
     assert(contains(grainIndex));
 }
 
 bool UnflushedGrains::contains(__int64 grainIndex) const {
-    auto const piece = m_pieces.find(grainIndex / kGrainsInPiece);
-    return piece != m_pieces.end() &&
-           piece->second[static_cast<std::size_t>(grainIndex % kGrainsInPiece)];
+    auto const piece = m_pieces.find(grainIndex / GrainPiece::kGrains);
+    return piece != m_pieces.end() && piece->second.contains(inPiece(grainIndex));
 }
 
 void UnflushedGrains::clear() {

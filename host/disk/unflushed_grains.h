@@ -1,14 +1,14 @@
 #pragma once
 
 #include <map>
-#include <vector>
 
+#include "host/disk/grain_piece.h"
 #include "yx/base.h"
 
 namespace kelm::host {
 
-/// Which grains of a disk were changed since all changes were last brought to the device. Takes a
-/// bit for each grain, in pieces of 8 KiB, where something was changed.
+/// Which grains of a disk were changed since all changes were last brought to the device. Takes
+/// memory by those, at most a bit for each grain of the disk.
 class UnflushedGrains {
 public:
     /// Comes before the change.
@@ -30,7 +30,7 @@ public:
     void clear();
 
 private:
-    std::map<__int64, std::vector<bool>> m_pieces;
+    std::map<__int64, GrainPiece> m_pieces;
     bool m_hasFailure = false;
 };
 

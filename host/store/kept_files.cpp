@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 #include "host/store/file_status.h"
 #include "host/store/stores.h"
@@ -18,11 +19,24 @@ constexpr char kFormerSuffix[] = ".former";
 /// So many programs can be killed one after the other over one disk.
 constexpr int kMaxFormerFolders = 16;
 
-yx::CURI formerFolderOf(yx::CURI const& file, int number) {
-    yx::String const suffix =
-        number == 1 ? yx::String(kFormerSuffix) : kFormerSuffix + ("." + yx::toString(number));
-    return (file.getParent() << (file.getName() + suffix)).toNormalized();
-}
+/// The names of the folders beside a file, in normal form. Every command asks for all of them, so
+/// what they share is made once.
+class FormerFolderNames {
+public:
+    explicit FormerFolderNames(yx::CURI const& file)
+        : m_parent(file.getParent().toNormalized()),
+          m_first(file.getName() + kFormerSuffix),
+          m_others(m_first + ".") {}
+
+    yx::CURI at(int number) const {
+        return m_parent << (number == 1 ? m_first : m_others + yx::toString(number));
+    }
+
+private:
+    yx::CURI m_parent;
+    yx::String m_first;
+    yx::String m_others;
+};
 
 /// The same error, that says what was to be done.
 [[noreturn]] void throwForKeeping(yx::CIOError const& error, yx::String const& what) {
@@ -33,8 +47,9 @@ yx::CURI formerFolderOf(yx::CURI const& file, int number) {
 }
 
 yx::CURI makeFormerFolder(IStore& store, yx::CURI const& file) {
+    FormerFolderNames const names(file);
     for (int number = 1;; ++number) {
-        yx::CURI folder = formerFolderOf(file, number);
+        yx::CURI folder = names.at(number);
         try {
             store.makeFolder(folder);
             return folder;
@@ -157,11 +172,14 @@ void KeptFiles::drop() {
 std::vector<yx::CURI> KeptFiles::findFoldersOf(yx::CURI const& file) {
     std::vector<yx::CURI> folders;
     IStore* const store = findStore(file);
-    for (int number = 1; store && number <= kMaxFormerFolders; ++number) {
-        yx::CURI const folder = formerFolderOf(file, number);
+    if (!store)
+        return folders;
+    FormerFolderNames const names(file);
+    for (int number = 1; number <= kMaxFormerFolders; ++number) {
+        yx::CURI folder = names.at(number);
         std::optional<FileStatus> const status = store->findStatus(folder, true);
         if (status && status->kind == FileKind::Folder)
-            folders.push_back(folder);
+            folders.push_back(std::move(folder));
     }
     return folders;
 }

@@ -233,6 +233,7 @@ void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options, Recor
                  ConversionDigests const& digests) {
     verifyHasRoomFor(from, to);
     beginWholeReading(from, options.cancel);
+    to.limitTables(kMaxTablesOfOnePass);
     TransferProgress progress(options, from.getSizeBytes());
     WrittenGrainReader reader(from, progress);
     convertBy(reader, from, to, options, {check, digests}, progress);
@@ -246,6 +247,7 @@ void convertGrainsOf(SafeDisk& from, SafeDisk& to, GrainSet const& grains,
     verifyHasRoomFor(from, to);
     beginWholeReading(from, options.cancel);
     beginWholeReading(to, options.cancel);
+    to.limitTables(kMaxTablesOfOnePass);
     TransferProgress progress(options, from.getSizeBytes());
     ChosenGrainReader reader(from, grains, progress);
     convertBy(reader, from, to, options, {check, digests}, progress);

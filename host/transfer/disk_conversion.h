@@ -27,8 +27,8 @@ struct ConversionDigests {
 ///
 /// A smaller target is `CIOError` `NotAllowed`. A grain that cannot be read or decoded, or whose
 /// record fails the check, ends the conversion; the error has the grain's place, as `addGrainPlace`
-/// says. `beginWholeReading` comes before all else.
-///
+/// says. `beginWholeReading` comes before all else. The target keeps few tables from then on
+/// (`kMaxTablesOfOnePass`).
 void convertDisk(SafeDisk& from, SafeDisk& to, WorkOptions const& options,
                  RecordCheck check = RecordCheck::Decode, ConversionDigests const& digests = {});
 

@@ -1,7 +1,6 @@
 #include "host/transfer/grain_set.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace kelm::host {
 
@@ -13,32 +12,24 @@ constexpr __int64 kChoiceCancelInterval = 4096;
 } // namespace
 
 void GrainSet::add(__int64 grainIndex) {
-    Piece& piece = m_pieces[pieceOf(grainIndex)];
-    if (piece.empty())
-        piece.resize(static_cast<std::size_t>(kPieceGrains / kWordGrains));
-    piece[wordOf(grainIndex)] |= bitOf(grainIndex);
+    m_pieces[pieceOf(grainIndex)].add(inPiece(grainIndex));
     assert(contains(grainIndex));
 }
 
 __int64 GrainSet::findNext(__int64 grainIndex) const {
     assert(grainIndex >= 0);
     while (grainIndex < m_grainCount) {
-        Piece const& piece = m_pieces[pieceOf(grainIndex)];
-        if (piece.empty()) {
-            grainIndex = (grainIndex / kPieceGrains + 1) * kPieceGrains;
-            continue;
-        }
-        // The grain, and those behind it in its word.
-        Word const word = piece[wordOf(grainIndex)] & ~(bitOf(grainIndex) - 1);
-        if (word != 0)
-            return grainIndex / kWordGrains * kWordGrains + std::countr_zero(word);
-        grainIndex = (grainIndex / kWordGrains + 1) * kWordGrains;
+        __int64 const pieceStart = grainIndex - inPiece(grainIndex);
+        int const found = m_pieces[pieceOf(grainIndex)].findNext(inPiece(grainIndex));
+        if (found < GrainPiece::kGrains)
+            return pieceStart + found;
+        grainIndex = pieceStart + GrainPiece::kGrains;
     }
     return m_grainCount;
 }
 
 void GrainSet::clear() {
-    std::fill(m_pieces.begin(), m_pieces.end(), Piece());
+    std::fill(m_pieces.begin(), m_pieces.end(), GrainPiece());
 }
 
 GrainSet chooseGrains(SafeDisk& disk, CancelFlag const* cancel,

@@ -4,27 +4,28 @@
 #include <functional>
 #include <vector>
 
+#include "host/disk/grain_piece.h"
 #include "host/disk/safe_disk.h"
 #include "host/system/cancel.h"
 
 namespace kelm::host {
 
-/// Some of the grains of a disk. Takes a bit for each grain, in pieces of 4 KiB, where some are in,
-/// and 24 bytes for each other piece.
+/// Some of the grains of a disk. Takes memory by those that are in, at most a bit for each grain of
+/// the disk, and 48 bytes for each `GrainPiece::kGrains` grains of it.
 class GrainSet {
 public:
     /// None of `grainCount` grains.
     explicit GrainSet(__int64 grainCount)
         : m_grainCount(grainCount),
-          m_pieces(static_cast<std::size_t>((grainCount + kPieceGrains - 1) / kPieceGrains)) {}
+          m_pieces(static_cast<std::size_t>((grainCount + GrainPiece::kGrains - 1) /
+                                            GrainPiece::kGrains)) {}
 
     /// Puts a grain in.
     void add(__int64 grainIndex);
 
     /// Whether a grain is in.
     bool contains(__int64 grainIndex) const {
-        Piece const& piece = m_pieces[pieceOf(grainIndex)];
-        return !piece.empty() && (piece[wordOf(grainIndex)] & bitOf(grainIndex)) != 0;
+        return m_pieces[pieceOf(grainIndex)].contains(inPiece(grainIndex));
     }
 
     /// How many grains the disk has.
@@ -40,26 +41,17 @@ public:
     void clear();
 
 private:
-    using Word = unsigned long long;
-    using Piece = std::vector<Word>;
-
-    static constexpr __int64 kPieceGrains = 32768;
-    static constexpr __int64 kWordGrains = 64;
-
-    static std::size_t wordOf(__int64 grainIndex) {
-        return static_cast<std::size_t>(grainIndex % kPieceGrains / kWordGrains);
+    static int inPiece(__int64 grainIndex) {
+        return static_cast<int>(grainIndex % GrainPiece::kGrains);
     }
-    static Word bitOf(__int64 grainIndex) { return Word{1} << (grainIndex % kWordGrains); }
 
     std::size_t pieceOf(__int64 grainIndex) const {
         assert(grainIndex >= 0 && grainIndex < getGrainCount());
-        return static_cast<std::size_t>(grainIndex / kPieceGrains);
+        return static_cast<std::size_t>(grainIndex / GrainPiece::kGrains);
     }
 
     __int64 m_grainCount;
-
-    /// Empty where no grain is in.
-    std::vector<Piece> m_pieces;
+    std::vector<GrainPiece> m_pieces;
 };
 
 /// How many grains from one on, at most so many, are known to have something in common; 0 says

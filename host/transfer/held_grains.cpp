@@ -139,6 +139,7 @@ void copyCoded(SafeDisk& disk, GrainSet const& grains, int threads, TransferProg
 } // namespace
 
 void holdGrains(SafeDisk& disk, GrainSet const& grains, WorkOptions const& options) {
+    disk.limitTables(kMaxTablesOfOnePass);
     TransferProgress progress(options, disk.getSizeBytes());
     if (disk.getDisk().getCompressed() || disk.getDisk().isEncrypted())
         copyCoded(disk, grains, countThreads(options), progress);

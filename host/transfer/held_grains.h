@@ -15,7 +15,8 @@ namespace kelm::host {
 /// the work can be done again. The disk needs its parent then as before.
 ///
 /// The disk is flushed every 64 MiB, so that a kill or a power cut leaves no more than that as dead
-/// space; `dropDeadTails` takes it away before the work is done again.
+/// space; `dropDeadTails` takes it away before the work is done again. It keeps few tables from then
+/// on (`kMaxTablesOfOnePass`).
 void holdGrains(SafeDisk& disk, GrainSet const& grains, WorkOptions const& options);
 
 } // namespace kelm::host

@@ -313,6 +313,7 @@ void importRaw(RawSource& source, SafeDisk& disk, WorkOptions const& options,
     bool const isCompared = disk.hasParent() || present == PresentContent::Any;
     if (disk.hasParent())
         beginWholeReading(disk, options.cancel);
+    disk.limitTables(kMaxTablesOfOnePass);
     TransferProgress progress(options, source.getLength());
     assert(!changes || (disk.hasParent() && present == PresentContent::OfParent));
     ImageReader reader(source, disk, length, progress, changes);

@@ -22,7 +22,8 @@ enum class PresentContent {
 /// An image longer than the disk, or than `length`, is `CIOError` `NotAllowed`, for a pipe once it
 /// has delivered too much. A shorter one than `length` admits is `CIOError` `NotAllowed`, once
 /// what has come is in the disk. Give a length for every pipe: one whose writer fails just ends. On
-/// a child disk `beginWholeReading` comes first.
+/// a child disk `beginWholeReading` comes first. The disk keeps few tables from then on
+/// (`kMaxTablesOfOnePass`).
 ///
 /// `present` says what the disk holds. `digests`, which may be null, gets the digest of every grain
 /// that the disk then holds, made by the workers, and the bytes of the image if it asks for them;

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "host/disk/disk_record.h"
+#include "host/transfer/plain_grains.h"
 #include "host/transfer/transfer_progress.h"
 #include "yx/memory.h"
 
@@ -16,12 +17,22 @@ namespace {
 constexpr int kSalvagedChunkBytes = kNewDiskGrainSizeSectors * kSectorSizeBytes;
 
 /// Receives a stretch of the disk; null for zeros.
-using UseChunk = std::function<void(__int64 positionBytes, unsigned char const* data, int bytes)>;
+using UseChunk =
+    std::function<void(__int64 positionBytes, unsigned char const* data, __int64 bytes)>;
+
+/// How many bytes of whole chunks no file holds, as far as that is known without reading.
+__int64 countAbsentChunks(SalvagedDisk& disk, __int64 positionBytes, __int64 endBytes) {
+    __int64 const maxBytes = std::min(endBytes - positionBytes, kMaxCountedBytes);
+    if (maxBytes <= 0)
+        return 0;
+    return disk.countAbsentBytes(positionBytes, maxBytes) / kSalvagedChunkBytes *
+           kSalvagedChunkBytes;
+}
 
 void forEachChunk(SalvagedDisk& disk, __int64 startBytes, __int64 endBytes,
                   TransferProgress& progress, UseChunk const& use) {
     yx::TBuffer<unsigned char> chunk(kSalvagedChunkBytes, -1);
-    for (__int64 position = startBytes; position < endBytes; position += kSalvagedChunkBytes) {
+    for (__int64 position = startBytes; position < endBytes;) {
         int const bytes =
             static_cast<int>(std::min<__int64>(kSalvagedChunkBytes, endBytes - position));
         bool const isStored = disk.read(position, chunk.getData(), bytes);
@@ -33,6 +44,11 @@ void forEachChunk(SalvagedDisk& disk, __int64 startBytes, __int64 endBytes,
             progress.addStored(bytes);
         use(position, isZero ? nullptr : chunk.getData(), bytes);
         progress.advanceTo(position);
+        position += bytes;
+        __int64 const absentBytes = isStored ? 0 : countAbsentChunks(disk, position, endBytes);
+        if (absentBytes > 0)
+            use(position, nullptr, absentBytes);
+        position += absentBytes;
     }
 }
 
@@ -58,7 +74,7 @@ __int64 getSalvagedSizeBytes(SalvagedDisk& disk, CancelFlag const* cancel) {
     TransferProgress progress(work, sizeBytes);
     bool isLonger = false;
     forEachChunk(disk, imageBytes, sizeBytes, progress,
-                 [&](__int64, unsigned char const* data, int) { isLonger = isLonger || data; });
+                 [&](__int64, unsigned char const* data, __int64) { isLonger = isLonger || data; });
     disk.forgetDamage();
     return isLonger ? sizeBytes : imageBytes;
 }
@@ -68,12 +84,13 @@ void exportSalvaged(SalvagedDisk& disk, RawTarget& target, __int64 imageBytes,
     assert(imageBytes >= 0 && imageBytes <= disk.getSizeBytes());
     target.verifyHasRoomFor(imageBytes);
     TransferProgress progress(options, imageBytes);
-    forEachChunk(disk, 0, imageBytes, progress, [&](__int64, unsigned char const* data, int bytes) {
-        if (data)
-            target.write(data, bytes);
-        else
-            target.writeZeros(bytes);
-    });
+    forEachChunk(disk, 0, imageBytes, progress,
+                 [&](__int64, unsigned char const* data, __int64 bytes) {
+                     if (data)
+                         target.write(data, static_cast<int>(bytes));
+                     else
+                         target.writeZeros(bytes);
+                 });
     target.finish();
     progress.finish(imageBytes);
 }
@@ -82,11 +99,12 @@ void convertSalvaged(SalvagedDisk& disk, SafeDisk& to, __int64 imageBytes,
                      WorkOptions const& options) {
     assert(imageBytes >= 0 && imageBytes <= disk.getSizeBytes());
     assert(imageBytes <= to.getSizeBytes());
+    to.limitTables(kMaxTablesOfOnePass);
     TransferProgress progress(options, imageBytes);
     forEachChunk(disk, 0, imageBytes, progress,
-                 [&](__int64 position, unsigned char const* data, int bytes) {
+                 [&](__int64 position, unsigned char const* data, __int64 bytes) {
                      if (data)
-                         to.write(position, data, bytes);
+                         to.write(position, data, static_cast<int>(bytes));
                  });
     to.flush();
     progress.finish(imageBytes);

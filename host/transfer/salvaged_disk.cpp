@@ -130,6 +130,27 @@ public:
         return part;
     }
 
+    /// How many bytes from a position on, at most `maxBytes`, are in no file, which is no damage,
+    /// and are looked for at the same place of the parent.
+    __int64 countAbsentBytes(__int64 positionBytes, __int64 maxBytes) {
+        std::size_t const index = findExtent(positionBytes);
+        OpenExtent& open = ensureOpen(index);
+        DiskExtent const& extent = m_extents[index];
+        bool const areElsewhereInParent =
+            grainPositionBytes(open.startGrainIndex, open.grainSizeBytes) != extent.startBytes;
+        if (!open.lossReason.empty() || areElsewhereInParent)
+            return 0;
+        __int64 const bytes = std::min(maxBytes, extent.endBytes - positionBytes);
+        if (open.isStillToBeMade)
+            return bytes;
+        __int64 const inExtent = positionBytes - extent.startBytes;
+        __int64 const grain = inExtent / open.grainSizeBytes;
+        __int64 const grains = (inExtent + bytes - 1) / open.grainSizeBytes - grain + 1;
+        __int64 const absent = open.tables->countAbsent(grain, grains);
+        return std::min(bytes,
+                        std::max<__int64>(0, (grain + absent) * open.grainSizeBytes - inExtent));
+    }
+
 private:
     std::size_t findExtent(__int64 positionBytes) const {
         auto const found = std::upper_bound(
@@ -317,6 +338,25 @@ std::vector<yx::CURI> SalvagedDisk::listFiles() const {
 bool SalvagedDisk::read(__int64 positionBytes, unsigned char* buffer, int bytes) {
     assert(positionBytes >= 0 && bytes >= 0 && positionBytes <= getSizeBytes() - bytes);
     return readFrom(0, {positionBytes, positionBytes, true}, buffer, bytes);
+}
+
+__int64 SalvagedDisk::countAbsentBytes(__int64 positionBytes, __int64 maxBytes) {
+    assert(positionBytes >= 0 && maxBytes > 0 && positionBytes <= getSizeBytes() - maxBytes);
+    bool const mayMissParent =
+        !m_missingParent.isEmpty() ||
+        std::any_of(m_levels.begin(), m_levels.end(),
+                    [](std::unique_ptr<Level> const& level) { return level->isChanged(); });
+    // What should come from such a one is damage.
+    if (mayMissParent)
+        return 0;
+    __int64 bytes = maxBytes;
+    for (std::unique_ptr<Level> const& level : m_levels) {
+        // A child may be larger than its parent.
+        if (bytes == 0 || positionBytes >= level->getSizeBytes())
+            break;
+        bytes = level->countAbsentBytes(positionBytes, bytes);
+    }
+    return bytes;
 }
 
 void SalvagedDisk::note(Place const& place, int startBytes, int endBytes, yx::CURI const& file,

@@ -70,6 +70,11 @@ public:
     /// `buffer` then has zeros. Positions must rise from call to call.
     bool read(__int64 positionBytes, unsigned char* buffer, int bytes);
 
+    /// How many bytes from a position on, at most `maxBytes`, `read` is known to return false for
+    /// without finding damage; 0 says nothing. The range lies in the disk. Positions rise from call
+    /// to call, together with those of `read`.
+    __int64 countAbsentBytes(__int64 positionBytes, __int64 maxBytes);
+
     /// What has turned out to be damaged in what was read so far.
     DamageList const& getDamage() const { return m_damage; }
 

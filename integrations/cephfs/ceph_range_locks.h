@@ -1,24 +1,19 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
 #include "integrations/cephfs/ceph_file.h"
-#include "yx/internal/range_locks.h"
+#include "yx/internal/counted_range_locks.h"
 #include "yx/stream.h"
 
 namespace kelm::ceph {
 
-/// The ranges that one stream has locked.
-///
-/// The cluster keeps one lock per byte and owner, and does not count how often it was asked for.
-/// This table does, and passes on only what changes when a range comes or goes. It keeps the file
-/// open, since its locks end with it. Safe for several threads.
-class CephRangeLocks : public std::enable_shared_from_this<CephRangeLocks> {
+/// The ranges that one stream has locked. It keeps the file open, since its locks end with it. Safe
+/// for several threads.
+class CephRangeLocks final : public yx::detail::CountedRangeLocks,
+                             public std::enable_shared_from_this<CephRangeLocks> {
 public:
     explicit CephRangeLocks(std::shared_ptr<CephFile> file) : m_file(std::move(file)) {}
-    CephRangeLocks(CephRangeLocks const&) = delete;
-    CephRangeLocks& operator=(CephRangeLocks const&) = delete;
     ~CephRangeLocks() = default;
 
     struct Result {
@@ -33,13 +28,12 @@ private:
     class Lock;
     using RangeLocks = yx::detail::RangeLocks;
 
-    int take(RangeLocks::Token token);
-    void giveBack(RangeLocks::Token token) noexcept;
-    int updateCluster(__int64 begin, __int64 end) noexcept;
+    /// A journey to the metadata server; 0 or the negative `errno` value.
+    int setLock(short type, __int64 begin, __int64 end) noexcept override {
+        return m_file->setLock(type, begin, end);
+    }
 
     std::shared_ptr<CephFile> m_file;
-    std::mutex m_mutex;
-    RangeLocks m_ranges;
 };
 
 } // namespace kelm::ceph

@@ -6,6 +6,7 @@
 
 #include "host/disk/digest_file_name.h"
 #include "host/disk/digest_removal.h"
+#include "host/disk/disk_opening.h"
 #include "host/disk/disk_record.h"
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
@@ -109,12 +110,15 @@ void verifyUsesPassword(host::NewDisk const& request, Access const& access) {
 
 DiskMaking::DiskMaking(yx::IFileSystem* fileSystem, yx::CURI const& uri,
                        host::NewDisk const& request, host::CancelFlag const& cancel,
-                       std::vector<yx::CURI> const& protectedFiles)
-    : m_cancel(cancel), m_guard(yx::makeObject<host::FileGuard>(fileSystem, false, &cancel)) {
+                       std::vector<yx::CURI> const& protectedFiles, Present present)
+    : m_cancel(cancel),
+      m_guard(yx::makeObject<host::FileGuard>(fileSystem, present == Present::Replaced, &cancel)) {
     m_guard->protect(protectedFiles);
     host::verifyCanBeMade(uri, request);
     host::verifyMayWriteInFolderOf(uri);
     host::deleteLeftDigests(fileSystem, uri);
+    if (present == Present::Replaced && fileSystem->fileExists(uri))
+        keepFormerDisk(fileSystem, uri);
     try {
         m_disk = host::SafeDisk::create(m_guard.get(), uri, request);
     } catch (yx::CError const& error) {
@@ -122,6 +126,12 @@ DiskMaking::DiskMaking(yx::IFileSystem* fileSystem, yx::CURI const& uri,
             throw;
         refuse("Files of this size have no room for a grain.");
     }
+}
+
+void DiskMaking::keepFormerDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
+    host::verifyIsNotInUse(fileSystem, uri);
+    m_formerDisk.emplace(fileSystem, uri);
+    m_formerDisk->keep(*m_guard->getLocks());
 }
 
 host::DigestMaking& DiskMaking::addDigests() {
@@ -140,10 +150,19 @@ void DiskMaking::finish(__int64 imageSizeBytes, host::WorkOptions const& options
         m_digests->finish(imageSizeBytes, options);
     m_cancel.check();
     m_disk->markComplete();
+    std::vector<yx::CURI> files = m_disk->listFiles();
+    if (m_digests)
+        files.push_back(host::digestFileOf(files.front()));
     m_digests.reset();
     m_disk.reset();
     m_guard->verifyFilesAreThere();
     m_guard->keep();
+    if (!m_formerDisk)
+        return;
+    // A copied descriptor can make a file part of two disks.
+    std::vector<yx::CURI> const& sources = m_guard->getProtectedFiles();
+    files.insert(files.end(), sources.begin(), sources.end());
+    m_formerDisk->removeFilesBut(files);
 }
 
 py::dict MadeDisk::describe() const {

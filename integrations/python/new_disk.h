@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/disk/file_guard.h"
+#include "host/disk/former_disk.h"
 #include "host/disk/safe_disk.h"
 #include "host/store/file_systems.h"
 #include "host/transfer/digest_making.h"
@@ -44,11 +45,17 @@ void verifyUsesPassword(host::NewDisk const& request, Access const& access);
 /// A disk that is being made. Unless it is finished, its files are removed again.
 class DiskMaking {
 public:
-    /// A file that exists is `CIOError` `AlreadyExists`. A request that makes no sense is
-    /// `yx::CInvalidArgError`. `protectedFiles` are never replaced. `cancel` must outlive the
-    /// object.
+    /// What becomes of files that exist.
+    enum class Present {
+        Refused,  ///< `CIOError` `AlreadyExists`
+        Replaced, ///< the disk that is there stays until the new one is finished
+    };
+
+    /// A request that makes no sense is `yx::CInvalidArgError`. `protectedFiles` are never replaced.
+    /// `cancel` must outlive the object.
     DiskMaking(yx::IFileSystem* fileSystem, yx::CURI const& uri, host::NewDisk const& request,
-               host::CancelFlag const& cancel, std::vector<yx::CURI> const& protectedFiles = {});
+               host::CancelFlag const& cancel, std::vector<yx::CURI> const& protectedFiles = {},
+               Present present = Present::Refused);
     DiskMaking(DiskMaking const&) = delete;
     DiskMaking& operator=(DiskMaking const&) = delete;
     ~DiskMaking() = default;
@@ -69,9 +76,13 @@ public:
     void finish(__int64 imageSizeBytes, host::WorkOptions const& options);
 
 private:
+    void keepFormerDisk(yx::IFileSystem* fileSystem, yx::CURI const& uri);
+
     host::CancelFlag const& m_cancel;
 
-    // The disk goes before the guard, which deletes its files.
+    // The disk goes before the guard, which deletes its files, and that before the former disk,
+    // which is then put back.
+    std::optional<host::FormerDisk> m_formerDisk;
     yx::P<host::FileGuard> m_guard;
     std::unique_ptr<host::SafeDisk> m_disk;
     std::optional<host::DigestMaking> m_digests;
@@ -84,6 +95,9 @@ struct MadeDisk {
     __int64 sizeBytes = 0;
     __int64 imageBytes = 0;
     bool hasDigests = false;
+
+    /// Of an image whose free blocks were left out; not described.
+    std::optional<__int64> freeBytes = {};
 
     pybind11::dict describe() const;
 };

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
 
+#include "host/content/free_space.h"
+#include "host/disk/dead_tails.h"
 #include "host/disk/disk_files.h"
-#include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
 #include "host/store/stores.h"
 #include "host/system/machine_name.h"
@@ -14,12 +14,14 @@
 #include "host/transfer/compare.h"
 #include "host/transfer/disk_content_reader.h"
 #include "host/transfer/raw_content_reader.h"
+#include "host/transfer/resumed_import.h"
 #include "host/transfer/transfer.h"
 #include "integrations/python/bindings.h"
 #include "integrations/python/disk_opening.h"
 #include "integrations/python/key_scope.h"
 #include "integrations/python/new_disk.h"
 #include "integrations/python/work.h"
+#include "yx/log.h"
 
 namespace kelm::python {
 
@@ -32,21 +34,105 @@ yx::CInvalidArgError argumentError(char const* function, char const* message) {
     return yx::CInvalidArgError(function, message, yx::CProps());
 }
 
-/// Which image a disk was made of, for its record; "" for a pipe, and for a name that is too long.
-std::string nameOfImage(std::string const& image, host::RawSource const& source) {
-    if (source.getLength() == -1 || image == "-")
-        return "";
-    // As stored, a byte takes up to three.
-    std::string const name = std::filesystem::absolute(image).lexically_normal().string();
-    return name.size() > host::DiskRecord::kMaxTextBytes / 3 ? "" : name;
+/// How an image becomes a disk.
+struct ImportWays {
+    bool pad = false;
+    bool overwrite = false;
+    bool resume = false;
+    bool excludeFree = false;
+};
+
+/// Bytes of the image that nobody uses, for as long as it is read.
+class FreeExclusion {
+public:
+    /// Lets the source read them as zeros, if that is wanted.
+    FreeExclusion(std::string const& image, bool isWanted, host::RawSource& source)
+        : m_source(source) {
+        if (!isWanted)
+            return;
+        if (source.getLength() == -1 || image == "-") {
+            throw argumentError("import_image",
+                                "exclude_free needs an image that can be read at any "
+                                "place: a file or a block device that is named.");
+        }
+        m_found = host::findFreeSpace(image);
+        for (std::string const& refusal : m_found->refusals)
+            yx::logWarning(yx::String::fromUTF8(refusal));
+        if (m_found->space)
+            source.excludeFree(*m_found->space);
+    }
+
+    /// Nothing where it was not wanted.
+    std::optional<__int64> getBytes() const {
+        return m_found ? std::optional(m_source.getExcludedBytes()) : std::nullopt;
+    }
+
+private:
+    host::RawSource& m_source;
+    std::optional<host::FoundFreeSpace> m_found;
+};
+
+/// The writer of a pipe may have failed half-way, and nothing but the count would show it.
+host::ImageLength lengthOf(host::RawSource const& source, __int64 sizeBytes, bool pad) {
+    return source.getLength() == -1 ? host::ImageLength{sizeBytes, pad} : host::ImageLength{};
+}
+
+/// Goes on where an import was killed. The disk stays, unfinished, if this fails too.
+MadeDisk resumeImport(std::string const& image, std::string const& path,
+                      NewDiskOptions const& options, Access access, ImportWays const& ways,
+                      host::WorkOptions const& work) {
+    if (options.compressed || options.encrypt || options.onDemand || options.splitBytes != -1 ||
+        ways.overwrite) {
+        throw argumentError("import_image", "A disk is resumed as it is; leave out compressed, "
+                                            "encrypt, on_demand, split and overwrite.");
+    }
+    auto const files = yx::makeObject<host::FileSystems>();
+    host::RawSource source(image, work.cancel);
+    FreeExclusion const exclusion(image, ways.excludeFree, source);
+    host::ResumedImport wanted{image, options.sizeBytes};
+    if (!options.parent.empty())
+        wanted.parent = host::uriFromArgument(options.parent);
+    yx::CURI const uri = host::uriFromArgument(path);
+    access.trust.unfinished = host::UnfinishedDisks::Itself;
+    auto const open = [&] {
+        auto opened = std::make_unique<host::SafeDisk>(
+            files.get(), uri, yx::IIOStream::ReadWrite, access.password.get(), options.level,
+            CVMDKGrainTableCache::kDefaultLimit, access.trust);
+        wanted.verifyIsOf(*opened, source);
+        return opened;
+    };
+    std::unique_ptr<host::SafeDisk> disk = open();
+    if (host::dropDeadTails(*disk, work.cancel)) {
+        disk.reset();
+        disk = open();
+    }
+    __int64 const sizeBytes = host::getRecordedImageBytes(*disk);
+    // What the killed import has made of them is of no use.
+    std::optional<host::DigestMaking> digests;
+    if (options.digests) {
+        digests.emplace(files.get(), *disk);
+        digests->addImage();
+    }
+    host::importRaw(source, *disk, work, lengthOf(source, sizeBytes, ways.pad),
+                    host::PresentContent::Any, digests ? &*digests : nullptr);
+    __int64 const imageBytes = std::max(sizeBytes, source.getPosition());
+    host::setExactSizeBytes(*disk, imageBytes);
+    if (digests)
+        digests->finish(imageBytes, withoutProgress(work));
+    disk->markComplete();
+    return {uri, disk->getSizeBytes(), imageBytes, options.digests, exclusion.getBytes()};
 }
 
 MadeDisk importRawImage(std::string const& image, std::string const& path, NewDiskOptions options,
-                        Access const& access, bool pad, host::WorkOptions const& work) {
+                        Access const& access, ImportWays const& ways,
+                        host::WorkOptions const& work) {
     auto const files = yx::makeObject<host::FileSystems>();
     verifyIsLocalImage(image);
+    if (ways.resume)
+        return resumeImport(image, path, options, access, ways, work);
     yx::CURI const uri = host::uriFromArgument(path);
     host::RawSource source(image, work.cancel);
+    FreeExclusion const exclusion(image, ways.excludeFree, source);
     std::vector<yx::CURI> sourceFiles;
     if (std::optional<yx::CURI> const file = tryNameRegularFile(image))
         sourceFiles.push_back(*file);
@@ -59,38 +145,40 @@ MadeDisk importRawImage(std::string const& image, std::string const& path, NewDi
     request.isToBeFilled = true;
     request.imageBytes = request.sizeBytes;
     request.time = host::formatTime(std::time(nullptr));
-    request.source = nameOfImage(image, source);
+    request.source = host::nameOfImage(image, source);
     request.host = host::getMachineName();
-    DiskMaking making(files.get(), uri, request, *work.cancel, sourceFiles);
+    DiskMaking making(files.get(), uri, request, *work.cancel, sourceFiles,
+                      ways.overwrite ? DiskMaking::Present::Replaced
+                                     : DiskMaking::Present::Refused);
     host::SafeDisk& disk = making.getDisk();
     host::DigestMaking* const digests = options.digests ? &making.addDigests() : nullptr;
     if (digests)
         digests->addImage();
     std::unique_ptr<host::ChainDigests> const parents =
         host::ChainDigests::open(files.get(), disk, request.password);
-    // The writer of a pipe may have failed half-way, and nothing but the count would show it.
-    host::ImageLength const length =
-        source.getLength() == -1 ? host::ImageLength{request.sizeBytes, pad} : host::ImageLength{};
-    host::importRaw(source, disk, work, length, host::PresentContent::OfParent, digests,
-                    parents.get());
+    host::importRaw(source, disk, work, lengthOf(source, request.sizeBytes, ways.pad),
+                    host::PresentContent::OfParent, digests, parents.get());
     __int64 const imageBytes = std::max(request.sizeBytes, source.getPosition());
     host::setExactSizeBytes(disk, imageBytes);
-    MadeDisk made{uri, disk.getSizeBytes(), imageBytes, options.digests};
+    MadeDisk made{uri, disk.getSizeBytes(), imageBytes, options.digests, exclusion.getBytes()};
     making.finish(imageBytes, withoutProgress(work));
     return made;
 }
 
 py::dict importImage(std::string const& image, std::string const& path, GivenOptions const& options,
-                     py::object const& password, Paths const& allowPaths, bool pad, int threads,
-                     py::object const& progress) {
+                     py::object const& password, Paths const& allowPaths, bool pad, bool overwrite,
+                     bool resume, bool excludeFree, int threads, py::object const& progress) {
     Access const access = Access::make(password, allowPaths);
     NewDiskOptions const& wanted = getHeld(options);
     KeyScope const keys;
     MadeDisk made;
     runWork(progress, threads, [&](host::WorkOptions const& work) {
-        made = importRawImage(image, path, wanted, access, pad, work);
+        made = importRawImage(image, path, wanted, access, {pad, overwrite, resume, excludeFree},
+                              work);
     });
-    return made.describe();
+    py::dict described = made.describe();
+    described["free_bytes"] = made.freeBytes;
+    return described;
 }
 
 py::dict exportImage(std::string const& path, std::string const& image, bool overwrite,
@@ -164,7 +252,7 @@ MadeDisk convertOpenDisk(host::SafeDisk& from, std::string const& target, NewDis
         host::setExactSizeBytes(to, imageBytes);
     else
         imageBytes = to.getSizeBytes();
-    MadeDisk made{uri, to.getSizeBytes(), imageBytes, options.digests};
+    MadeDisk made{uri, to.getSizeBytes(), imageBytes, options.digests, {}};
     making.finish(imageBytes, withoutProgress(work));
     return made;
 }

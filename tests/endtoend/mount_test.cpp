@@ -75,6 +75,16 @@ TEST_F(MountCommand, StartsAndEndsAllInOrder) {
     expectNothingLeft();
 }
 
+TEST_F(MountCommand, LetsTheServerWaitToo) {
+    runWell({"mount", "disk.vmdk", "mnt", "--wait", "500"});
+    EXPECT_EQ(m_standIns.takeCalls(), serverCalls(m_rounds + " wait=500") + mountCall());
+    runWell({"umount", "mnt"});
+    m_standIns.takeCalls();
+    runWell({"mount", "disk.vmdk", "mnt", "--wait", "0"});
+    EXPECT_EQ(m_standIns.takeCalls(), serverCalls(m_rounds) + mountCall());
+    runWell({"umount", "mnt"});
+}
+
 TEST_F(MountCommand, TellsProgramsWhatItDid) {
     auto told = nlohmann::json::parse(runWell({"mount", "disk.vmdk", "mnt", "--json"}));
     EXPECT_EQ(told["file"], path("disk.vmdk"));

@@ -4,6 +4,10 @@ import dataclasses
 import hashlib
 import os
 import pathlib
+import shutil
+import signal
+import subprocess
+import sys
 import threading
 
 import pytest
@@ -42,7 +46,7 @@ def feed(path, data):
 def test_an_image_comes_back(image):
     progress = Progress()
     made = kelm.import_image("image", "disk.vmdk", compressed=True, progress=progress)
-    assert made == kelm.Made(os.path.abspath("disk.vmdk"), DISK_BYTES, DISK_BYTES, True)
+    assert made == kelm.Made(os.path.abspath("disk.vmdk"), DISK_BYTES, DISK_BYTES, True, None)
     progress.verify_rises_to(DISK_BYTES)
     assert files() == ["disk.vmdk", "disk.vmdk.digests", "image"]
 
@@ -282,3 +286,90 @@ def test_repair_mends_and_takes_back(image):
     assert pathlib.Path("disk.vmdk").read_bytes() == damaged
     with pytest.raises(kelm.NotFound, match="No repair of the disk can be undone"):
         kelm.undo_repair("disk.vmdk")
+
+
+def test_a_disk_is_replaced_once_the_new_one_is_complete(image):
+    kelm.import_image("image", "disk.vmdk", split=2 << 20, label="old")
+    former = {name: pathlib.Path(name).read_bytes() for name in files()}
+    assert len(former) > 4
+    pathlib.Path("new").write_bytes(image[::-1])
+
+    def stop(done, total):
+        raise KeyboardInterrupt
+
+    with pytest.raises(KeyboardInterrupt):
+        kelm.import_image("new", "disk.vmdk", overwrite=True, progress=stop)
+    pathlib.Path("new").unlink()
+    assert {name: pathlib.Path(name).read_bytes() for name in files()} == former
+    pathlib.Path("new").write_bytes(image[::-1])
+    with kelm.open("disk.vmdk"), pytest.raises(kelm.InUse):
+        kelm.import_image("new", "disk.vmdk", overwrite=True)
+    kelm.import_image("new", "disk.vmdk", overwrite=True, compressed=True)
+    assert files() == ["disk.vmdk", "disk.vmdk.digests", "image", "new"]
+    assert content("disk.vmdk") == image[::-1]
+    assert kelm.check("disk.vmdk", needs_digests=True).is_sound
+    kelm.import_image("image", "other.vmdk", overwrite=True)
+    assert content("other.vmdk") == image
+
+
+def import_and_be_killed(**options):
+    """Kills the process of an import as soon as that reports progress."""
+    code = ("import kelm, os, signal\n"
+            f"kelm.import_image('image', 'disk.vmdk', **{options!r},\n"
+            "    progress=lambda done, total: os.kill(os.getpid(), signal.SIGKILL))\n")
+    assert subprocess.run([sys.executable, "-c", code]).returncode == -signal.SIGKILL
+
+
+@pytest.mark.parametrize("options", [{}, {"compressed": True, "split": 4 << 20}])
+def test_an_import_that_was_killed_is_resumed(options, image):
+    import_and_be_killed(**options)
+    with pytest.raises(kelm.Unfinished):
+        kelm.open("disk.vmdk")
+    made = kelm.import_image("image", "disk.vmdk", resume=True)
+    assert made == kelm.Made(os.path.abspath("disk.vmdk"), DISK_BYTES, DISK_BYTES, True, None)
+    assert content("disk.vmdk") == image
+    assert kelm.check("disk.vmdk", needs_digests=True).is_sound
+    digest = kelm.digest("disk.vmdk")
+    assert digest.sha256 == hashlib.sha256(image).hexdigest()
+    with pytest.raises(kelm.InvalidArgument, match="complete; there is nothing to resume"):
+        kelm.import_image("image", "disk.vmdk", resume=True)
+
+
+def test_an_import_is_resumed_as_it_is_and_of_the_same_image(image):
+    import_and_be_killed()
+    pathlib.Path("other").write_bytes(image)
+    kelm.create("parent.vmdk", DISK_BYTES).close()
+    for options in ({"compressed": True}, {"encrypt": True, "password": "secret"},
+                    {"split": 2 << 20}, {"on_demand": True}, {"overwrite": True}):
+        with pytest.raises(kelm.InvalidArgument, match="resumed as it is"):
+            kelm.import_image("image", "disk.vmdk", resume=True, **options)
+    with pytest.raises(kelm.InvalidArgument, match="made of another image: .*/image"):
+        kelm.import_image("other", "disk.vmdk", resume=True)
+    with pytest.raises(kelm.InvalidArgument, match="for 8388608 bytes, not for 4194304"):
+        kelm.import_image("image", "disk.vmdk", resume=True, size=4 << 20)
+    with pytest.raises(kelm.InvalidArgument, match="without this parent"):
+        kelm.import_image("image", "disk.vmdk", resume=True, parent="parent.vmdk")
+    with pytest.raises(kelm.NotFound):
+        kelm.import_image("image", "missing.vmdk", resume=True)
+    kelm.import_image("image", "disk.vmdk", resume=True)
+    assert content("disk.vmdk") == image
+
+
+def test_free_blocks_are_left_out():
+    search = os.environ["PATH"] + ":/usr/sbin:/sbin"
+    mke2fs = shutil.which("mke2fs", path=search)
+    if mke2fs is None:
+        pytest.skip("mke2fs is missing")
+    pathlib.Path("image").write_bytes(b"x" * DISK_BYTES)
+    subprocess.run([mke2fs, "-q", "-F", "-t", "ext2", "-E", "nodiscard", "image"], check=True)
+    try:
+        made = kelm.import_image("image", "disk.vmdk", exclude_free=True)
+    except kelm.Error as error:
+        if "without libext2fs" in str(error):
+            pytest.skip(str(error))
+        raise
+    assert made.free_bytes is not None and 4 << 20 < made.free_bytes < DISK_BYTES
+    assert b"x" * 1024 in pathlib.Path("image").read_bytes()
+    assert b"x" * 1024 not in content("disk.vmdk")
+    with pytest.raises(kelm.InvalidArgument, match="can be read at any place"):
+        kelm.import_image("-", "other.vmdk", size=DISK_BYTES, exclude_free=True)

@@ -18,6 +18,11 @@ def back_up(image: Path, disk: Path, password: bytearray) -> int:
     return made.image_size
 
 
+def go_on(image: Path, disk: Path) -> int:
+    made = kelm.import_image(image, disk, resume=True, exclude_free=True)
+    return (made.free_bytes or 0) + kelm.import_image(image, disk, overwrite=True).size
+
+
 def read(path: Path) -> list[int]:
     with kelm.open(path, allow_paths=[path.parent]) as disk:
         reader: io.BufferedReader = io.BufferedReader(disk)

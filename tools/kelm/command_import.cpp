@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,13 +10,13 @@
 #include "host/backups/backup_list.h"
 #include "host/content/free_space.h"
 #include "host/disk/chain_members.h"
-#include "host/disk/disk_record.h"
 #include "host/store/file_names.h"
 #include "host/system/machine_name.h"
 #include "host/system/name_text.h"
 #include "host/system/time_text.h"
 #include "host/transfer/exact_size.h"
 #include "host/transfer/raw_import.h"
+#include "host/transfer/resumed_import.h"
 #include "tools/kelm/changed_list.h"
 #include "tools/kelm/commands.h"
 #include "tools/kelm/disk_access.h"
@@ -77,15 +76,6 @@ private:
     std::optional<host::FoundFreeSpace> m_found;
 };
 
-/// Which image a disk was made of, for its record; "" for a pipe, and for a name that is too long.
-std::string nameOfImage(std::string const& image, host::RawSource const& source) {
-    if (source.getLength() == -1 || image == "-")
-        return "";
-    // As stored, a byte takes up to three.
-    std::string const name = std::filesystem::absolute(image).lexically_normal().string();
-    return name.size() > host::DiskRecord::kMaxTextBytes / 3 ? "" : name;
-}
-
 /// How many bytes must come. The writer of a pipe may have failed half-way, and nothing but the
 /// count would show it.
 host::ImageLength lengthOf(host::RawSource const& source, __int64 sizeBytes, bool mayBeShorter) {
@@ -93,28 +83,17 @@ host::ImageLength lengthOf(host::RawSource const& source, __int64 sizeBytes, boo
                                     : host::ImageLength{};
 }
 
-/// Refuses to mix two images in one disk, as far as its record tells them apart.
+/// Refuses to mix two images in one disk.
 void verifyResumes(ImportArguments const& arguments, host::RawSource const& source,
                    host::SafeDisk& disk) {
-    host::DiskRecord const record(*disk.getDisk().getDescriptor());
-    if (record.getState() == host::DiskState::Complete)
-        throw UsageError("The disk is complete; there is nothing to resume.");
-    std::string const image = nameOfImage(arguments.image, source);
-    if (!image.empty() && !record.getSource().empty() && image != record.getSource())
-        throw UsageError("The disk was being made of another image: " + record.getSource());
-    __int64 const sizeBytes =
-        arguments.sizeBytes != -1 ? arguments.sizeBytes : source.getLength() - source.getPosition();
-    bool const isKnown = arguments.sizeBytes != -1 || source.getLength() != -1;
-    std::optional<__int64> const recorded = record.getImageBytes(disk.getSizeBytes());
-    if (isKnown && recorded && sizeBytes != *recorded) {
-        throw UsageError("The disk was being made for " + std::to_string(*recorded) +
-                         " bytes, not for " + std::to_string(sizeBytes) + ".");
+    host::ResumedImport wanted{arguments.image, arguments.sizeBytes};
+    if (!arguments.newDisk.parent.empty())
+        wanted.parent = host::uriFromArgument(arguments.newDisk.parent);
+    try {
+        wanted.verifyIsOf(disk, source);
+    } catch (yx::CInvalidArgError const& error) {
+        throw UsageError(error.what());
     }
-    if (arguments.newDisk.parent.empty())
-        return;
-    yx::CURI const parent = host::uriFromArgument(arguments.newDisk.parent);
-    if (!disk.hasParent() || !host::isSameFile(parent, disk.getDisk().getParentDiskMainURI()))
-        throw UsageError("The disk was being made without this parent.");
 }
 
 /// Goes on where an import was killed. The disk stays, unfinished, if this fails too.
@@ -135,9 +114,7 @@ ExitStatus resumeImport(Invocation& invocation, ImportArguments& arguments) {
         verifyResumes(arguments, source, *opened);
         return opened;
     });
-    __int64 const sizeBytes = host::DiskRecord(*disk->getDisk().getDescriptor())
-                                  .getImageBytes(disk->getSizeBytes())
-                                  .value_or(disk->getSizeBytes());
+    __int64 const sizeBytes = host::getRecordedImageBytes(*disk);
     // What the killed import has made of them is of no use.
     std::optional<host::DigestMaking> digests;
     if (!options.noDigests)
@@ -245,7 +222,7 @@ ExitStatus importImage(Invocation& invocation, ImportArguments& arguments) {
     request.isToBeFilled = true;
     request.imageBytes = request.sizeBytes;
     request.time = host::formatTime(std::time(nullptr));
-    request.source = nameOfImage(arguments.image, source);
+    request.source = host::nameOfImage(arguments.image, source);
     request.host = host::getMachineName();
     NewDiskInProgress disk(invocation, uri, request, arguments.newDisk.force, sourceFiles);
     warnOfLongChain(disk.getDisk());

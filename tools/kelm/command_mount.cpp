@@ -276,6 +276,10 @@ private:
             words.push_back("parent-password=-" + std::to_string(kParentPasswordDescriptor));
         }
         addTrust(words);
+        // What is left: the disk may come into use again before the server takes it.
+        host::BusyWait const& wait = m_invocation.getWait();
+        if (wait.isOn())
+            words.push_back("wait=" + std::to_string(wait.getLeftSeconds().count()));
         m_servers.emplace(words, m_record.pathOf("log"), descriptors);
     }
 

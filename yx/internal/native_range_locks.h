@@ -1,10 +1,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
+#include "yx/internal/counted_range_locks.h"
 #include "yx/internal/file_descriptor.h"
-#include "yx/internal/range_locks.h"
 #include "yx/stream.h"
 
 namespace yx::detail {
@@ -17,17 +16,13 @@ public:
     virtual void leaveToEndOfFile() = 0;
 };
 
-/// The ranges that one open file of the operating system has locked. Internal.
-///
-/// The system keeps one lock per byte and open file, and does not count how often it was asked for.
-/// This table does, and passes on only what changes when a range comes or goes. It keeps the file
-/// open, since its locks end with it. Safe for several threads.
-class NativeRangeLocks : public std::enable_shared_from_this<NativeRangeLocks> {
+/// The ranges that one open file of the operating system has locked. It keeps the file open, since
+/// its locks end with it. Safe for several threads. Internal.
+class NativeRangeLocks final : public CountedRangeLocks,
+                               public std::enable_shared_from_this<NativeRangeLocks> {
 public:
     explicit NativeRangeLocks(std::shared_ptr<FileDescriptor> descriptor)
         : m_descriptor(std::move(descriptor)) {}
-    NativeRangeLocks(NativeRangeLocks const&) = delete;
-    NativeRangeLocks& operator=(NativeRangeLocks const&) = delete;
 
     /// All ranges have gone: each token keeps the table.
     ~NativeRangeLocks();
@@ -44,14 +39,9 @@ public:
 private:
     class Lock;
 
-    int take(RangeLocks::Token token);
-    void giveBack(RangeLocks::Token token) noexcept;
-    void forget(RangeLocks::Token token) noexcept;
-    int updateSystem(__int64 begin, __int64 end) const noexcept;
+    int setLock(short type, __int64 begin, __int64 end) noexcept override;
 
     std::shared_ptr<FileDescriptor> m_descriptor;
-    std::mutex m_mutex;
-    RangeLocks m_ranges;
 };
 
 } // namespace yx::detail

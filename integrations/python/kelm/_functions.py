@@ -32,7 +32,8 @@ Zeros = Literal["punch", "write", "skip"]
 def import_image(image: Path, disk: Path, *, size: Optional[int] = None, compressed: bool = False,
                  level: int = -1, split: Optional[int] = None, encrypt: bool = False,
                  parent: Optional[Path] = None, on_demand: bool = False, label: str = "",
-                 digests: bool = True, pad: bool = False, rounds: Optional[int] = None,
+                 digests: bool = True, pad: bool = False, overwrite: bool = False,
+                 resume: bool = False, exclude_free: bool = False, rounds: Optional[int] = None,
                  password: Optional[Password] = None, allow_paths: Iterable[Path] = (),
                  threads: int = 0, progress: Optional[Progress] = None) -> Made:
     """Makes a disk of a raw image: a file, a block device, a pipe, or standard input for "-".
@@ -40,6 +41,11 @@ def import_image(image: Path, disk: Path, *, size: Optional[int] = None, compres
     The options of the new disk are those of `create`. `size` is that of the image by default; it
     must be given for a pipe, which may end before it with `pad` only. `digests` makes the file
     beside the disk by which `check` finds every change of the content.
+
+    A disk that exists is `Exists`. With `overwrite` it stays until the new one is complete, and is
+    then replaced. With `resume` the disk is one whose import was killed: what it holds already
+    stays, its options too, and what goes wrong leaves it unfinished. `exclude_free` leaves out what
+    ext2, ext3 and ext4 on the image say is free; it reads as zeros.
 
     >>> made = kelm.import_image("disk.img", "full.vmdk", compressed=True)
     >>> made.size, made.has_digests
@@ -49,7 +55,8 @@ def import_image(image: Path, disk: Path, *, size: Optional[int] = None, compres
                                encrypt=encrypt, rounds=rounds, parent=parent, on_demand=on_demand,
                                label=label, digests=digests)
     fields: dict[str, Any] = _kelm.import_image(encode(image), encode(disk), options, password,
-                                                encode_all(allow_paths), pad, threads, progress)
+                                                encode_all(allow_paths), pad, overwrite, resume,
+                                                exclude_free, threads, progress)
     return Made(**fields)
 
 

@@ -40,7 +40,8 @@ class OpenDisk:
 def create(path: bytes, options: NewDiskOptions, password: _Password,
            allow_paths: _Paths) -> None: ...
 def import_image(image: bytes, disk: bytes, options: NewDiskOptions, password: _Password,
-                 allow_paths: _Paths, pad: bool, threads: int,
+                 allow_paths: _Paths, pad: bool, overwrite: bool, resume: bool,
+                 exclude_free: bool, threads: int,
                  progress: Optional[Progress]) -> dict[str, Any]: ...
 class ZeroPolicy:
     punch: ZeroPolicy

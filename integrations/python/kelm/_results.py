@@ -85,6 +85,9 @@ class Made:
     has_digests: bool
     """Whether a file of digests lies beside it, by which `check` finds every change."""
 
+    free_bytes: Optional[int] = None
+    """How many bytes of the image `exclude_free` left out; None without it."""
+
 
 @dataclass(frozen=True)
 class Exported:

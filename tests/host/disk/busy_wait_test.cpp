@@ -58,6 +58,14 @@ TEST(BusyWait, EndsWithTheTimeWhichIsForAllDisksTogether) {
     EXPECT_EQ(1, attempts);
 }
 
+TEST(BusyWait, TellsWhatIsLeftInWholeSeconds) {
+    using std::chrono::milliseconds;
+    EXPECT_EQ(0, BusyWait().getLeftSeconds().count());
+    EXPECT_EQ(1, BusyWait(milliseconds(1), nullptr).getLeftSeconds().count());
+    EXPECT_EQ(2, BusyWait(milliseconds(2000), nullptr).getLeftSeconds().count());
+    EXPECT_EQ(3, BusyWait(milliseconds(2001), nullptr).getLeftSeconds().count());
+}
+
 TEST(BusyWait, DoesNotWaitWithoutTimeOrForOtherErrors) {
     int attempts = 0;
     BusyWait none;

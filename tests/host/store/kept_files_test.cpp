@@ -100,6 +100,16 @@ TEST_F(KeptFilesTest, NeverShareAFolderWithEarlierOnes) {
     EXPECT_THAT(KeptFiles::findFoldersOf(uriOf("disk")), IsEmpty());
 }
 
+TEST_F(KeptFilesTest, AreFoundBesideNamesThatAreEscaped) {
+    std::string const name = "50% of \u00fc: #1?";
+    std::filesystem::create_directory(pathOf(name + ".former"));
+    std::filesystem::create_directory(pathOf(name + ".former.16"));
+    std::filesystem::create_directory(pathOf(name + ".former.17"));
+    put(name + ".former.2", "a file");
+    EXPECT_THAT(KeptFiles::findFoldersOf(folder.uri("sub/../" + name)),
+                ElementsAre(folder.uri(name + ".former"), folder.uri(name + ".former.16")));
+}
+
 TEST_F(KeptFilesTest, StayUnderTheirNamesIfOneCannotBeKept) {
     put("disk", "main");
     EXPECT_TRUE(throwsIOError(yx::CIOError::NotFound,

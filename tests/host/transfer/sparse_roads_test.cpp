@@ -262,6 +262,64 @@ TEST_F(SparseChain, AnInterruptionEndsEveryRoad) {
         EXPECT_THROW(run(), CancelledError) << road++;
 }
 
+/// Disks whose one file has more tables than work of one pass keeps, each of a run of 32 touched.
+class WideDisk : public HostTest {
+protected:
+    static constexpr __int64 kTables = kelm::host::kMaxTablesOfOnePass + 1024;
+    static constexpr __int64 kTableBytes = 512 * kGrainBytes;
+    static constexpr __int64 kRunBytes = 32 * kTableBytes;
+    static constexpr __int64 kBytes = kTables * kTableBytes;
+
+    std::unique_ptr<SafeDisk> make(std::string const& name, std::string const& parent = "") {
+        return createSafe({}, name, parent, kBytes);
+    }
+
+    static void expectFewTablesAndTheGrains(SafeDisk& disk) {
+        EXPECT_LE(disk.getDisk().getGrainTableCache()->getCachedTableCount(),
+                  kelm::host::kMaxTablesOfOnePass);
+        for (__int64 position = 0; position < kBytes; position += kRunBytes)
+            ASSERT_TRUE(sameBytes(pattern(50, 1), readFrom(disk, position + 100, 50))) << position;
+    }
+
+    WorkOptions options;
+};
+
+TEST_F(WideDisk, KeepsFewTablesWhileItIsFilled) {
+    std::unique_ptr<SafeDisk> from = make("from.vmdk");
+    GrainSet grains(from->getGrainCount());
+    for (__int64 position = 0; position < kBytes; position += kRunBytes) {
+        writeTo(*from, position + 100, pattern(50, 1));
+        grains.add(position / kGrainBytes);
+    }
+    from->flush();
+    EXPECT_EQ(kTables, from->getDisk().getGrainTableCache()->getCachedTableCount());
+    from.reset();
+    from = openSafe("from.vmdk", kReadOnly);
+
+    std::unique_ptr<SafeDisk> const converted = make("converted.vmdk");
+    convertDisk(*from, *converted, options);
+    expectFewTablesAndTheGrains(*converted);
+
+    std::unique_ptr<SafeDisk> const merged = make("merged.vmdk");
+    convertGrainsOf(*from, *merged, grains, options);
+    expectFewTablesAndTheGrains(*merged);
+
+    std::unique_ptr<SafeDisk> const child = make("child.vmdk", "from.vmdk");
+    holdGrains(*child, grains, options);
+    expectFewTablesAndTheGrains(*child);
+
+    std::string const path = pathOf("image.raw");
+    std::ofstream image(path, std::ios::binary);
+    Bytes const content = pattern(50, 1);
+    for (__int64 position = 0; position < kBytes; position += kRunBytes)
+        image.seekp(position + 100).write(reinterpret_cast<char const*>(content.data()), 50);
+    image.close();
+    RawSource source(path);
+    std::unique_ptr<SafeDisk> const imported = make("imported.vmdk");
+    importRaw(source, *imported, options);
+    expectFewTablesAndTheGrains(*imported);
+}
+
 TEST(GrainSet, FindsItsGrainsFromAnyOneOn) {
     constexpr __int64 kCount = 300001;
     GrainSet grains(kCount);
