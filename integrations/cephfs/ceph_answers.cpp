@@ -44,7 +44,7 @@ CephClient parseClient(Json const& entry) {
     CephClient client;
     client.number = entry.at("id").get<__int64>();
     // One without has neither told its name nor anything else.
-    Json const metadata = entry.value("client_metadata", Json::object());
+    Json const metadata = entry.value("client_metadata", Json::object_t());
     client.host = readText(metadata, "hostname");
     client.user = readText(metadata, "entity_id");
     client.process = readText(metadata, "pid");
