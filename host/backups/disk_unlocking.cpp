@@ -8,6 +8,8 @@
 #include "host/disk/busy_wait.h"
 #include "host/disk/error_kind.h"
 #include "host/disk/extent_names.h"
+#include "host/store/file_names.h"
+#include "host/store/stores.h"
 #include "kelm/kelm.h"
 
 namespace kelm::host {
@@ -24,18 +26,22 @@ class DiskUnlocking {
 public:
     DiskUnlocking(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
                   DiskUnlockOptions const& options)
-        : m_fileSystem(fileSystem),
-          m_lockFile(CVMDKDisk::getLockFileURI(mainFile)),
-          m_options(options) {
-        m_result.mainFile = mainFile;
+        : m_fileSystem(fileSystem), m_options(options) {
+        setMainFile(mainFile);
         m_result.areHoldersKnown = knowsHolders(mainFile);
     }
 
     DiskUnlockResult run() {
-        // Whoever has the disk open has these.
-        std::vector<yx::CURI> files{m_lockFile, m_result.mainFile};
-        if (!freeOf(files, isSurelyHeld()))
+        if (!freeOf(listFirstFiles(), isSurelyHeld()))
             return refuse();
+        // Only now: it may have to wait for whoever has the file.
+        yx::CURI const resolved = resolveName(m_result.mainFile);
+        if (resolved != m_result.mainFile) {
+            setMainFile(resolved);
+            if (!freeOf(listFirstFiles(), isSurelyHeld()))
+                return refuse();
+        }
+        std::vector<yx::CURI> files = listFirstFiles();
         std::optional<DiskParts> const disk = readParts();
         if (disk && !freeExtents(*disk))
             return refuse();
@@ -51,6 +57,14 @@ public:
     }
 
 private:
+    void setMainFile(yx::CURI const& mainFile) {
+        m_result.mainFile = mainFile;
+        m_lockFile = CVMDKDisk::getLockFileURI(mainFile);
+    }
+
+    /// What everybody has who has the disk open.
+    std::vector<yx::CURI> listFirstFiles() const { return {m_lockFile, m_result.mainFile}; }
+
     /// Whether a client holds the disk, as far as can be told without trying: a lock is not told of,
     /// but whoever has the lock file open has it locked. Somebody may read another file of the disk
     /// without a lock. What is not open is given back by those who live, and not by the dead.
@@ -176,6 +190,15 @@ private:
 };
 
 } // namespace
+
+yx::CURI nameToUnlock(std::string const& argument) {
+    if (!isStoreURI(argument))
+        return uriFromArgument(argument);
+    yx::CURI const uri(yx::String::fromUTF8(argument));
+    if (!knowsHolders(uri))
+        return uriFromArgument(argument);
+    return resolveName(uri.getParent()) << uri.getName();
+}
 
 DiskUnlockResult unlockDisk(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
                             DiskUnlockOptions const& options) {

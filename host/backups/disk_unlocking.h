@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "host/disk/disk_trust.h"
@@ -25,7 +26,7 @@ struct DiskUnlockOptions {
 
 /// What has become of a disk that was to be unlocked.
 struct DiskUnlockResult {
-    yx::CURI mainFile;
+    yx::CURI mainFile; ///< the disk's
 
     /// Clients that the store has shut out: those of processes of this machine that have ended, and
     /// with `DiskUnlockOptions::force` those of other machines.
@@ -45,6 +46,10 @@ struct DiskUnlockResult {
     std::shared_ptr<yx::CLockFileError const> refusal;
 };
 
+/// `uriFromArgument` for a disk that is to be unlocked: in a store that knows who holds a file, only the
+/// folder is looked at, since to look at a file that a dead client has may have to wait for that.
+yx::CURI nameToUnlock(std::string const& argument);
+
 /// Finds out who holds a disk, frees it of those who have died, and proves that it is free by
 /// taking its locks for a moment.
 ///
@@ -52,6 +57,9 @@ struct DiskUnlockResult {
 /// process of this machine keeps what it holds, and so, unless there is force, do those of others.
 /// Where the store knows who holds a file (`IStoreHolders`), it is asked before any file is opened,
 /// since opening one may wait for a dead client.
+///
+/// `mainFile` is that of `nameToUnlock`; that of the result has its links resolved, unless the disk was
+/// found held before. A name that is a link may have to wait for whoever holds the disk.
 ///
 /// A disk that does not exist is `yx::CIOError` `NotFound`. With force, a user who may not ask the
 /// store who holds files is `AccessDenied`. A descriptor that names files which are not the disk's is

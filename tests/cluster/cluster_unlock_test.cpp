@@ -124,6 +124,13 @@ protected:
                ", user writer, connected for ";
     }
 
+    /// By another client, which begins where the one has stopped.
+    void finishFilling(std::string const& name) const {
+        ToolOutcome const outcome = run(
+            {"import", "image", disk(name, "writer"), "--resume", "--store-timeout", kPatience});
+        EXPECT_EQ(outcome.status, 0) << outcome.err;
+    }
+
     void expectHolds(std::string const& name) const {
         EXPECT_EQ(runWell({"compare", disk(name, "writer"), "image"}), "equal\n");
         EXPECT_EQ(runWell({"check", disk(name, "writer")}), "");
@@ -196,8 +203,7 @@ TEST_F(ClusterUnlock, AProcessOfThisMachineThatHasEndedIsShutOutWithoutForce) {
     EXPECT_EQ(outcome.status, 0) << outcome.err;
     EXPECT_TRUE(outcome.out.starts_with("shut out: client ")) << outcome.out;
     EXPECT_TRUE(outcome.out.ends_with(", which has ended on this machine\nfree\n")) << outcome.out;
-    runWell(
-        {"import", "image", disk("a.vmdk", "writer"), "--resume", "--store-timeout", kPatience});
+    finishFilling("a.vmdk");
     expectHolds("a.vmdk");
 }
 
@@ -229,20 +235,20 @@ TEST_F(ClusterUnlockFarAway, ADeadMachineIsNamedAndByForceShutOutAtOnce) {
         std::string const name = "a" + std::to_string(++number) + ".vmdk";
         SCOPED_TRACE(name);
         auto const writer = beginToWriteFarAway(name, kind);
+        std::string const described = describe(*writer, kOtherHost);
         writer->signal(SIGKILL);
         writer->finish();
         ToolOutcome const held = unlock(name, "admin");
         EXPECT_EQ(held.status, 6);
         EXPECT_TRUE(held.out.starts_with("held by: client ")) << held.out;
-        EXPECT_NE(held.out.find(describe(*writer, kOtherHost)), std::string::npos) << held.out;
+        EXPECT_NE(held.out.find(described), std::string::npos) << held.out;
         EXPECT_NE(held.err.find("--force"), std::string::npos) << held.err;
         ToolOutcome const freed = unlock(name, "admin", {"--force"});
         EXPECT_EQ(freed.status, 0) << freed.err;
         EXPECT_TRUE(freed.out.starts_with("shut out: client ")) << freed.out;
-        EXPECT_NE(freed.out.find(describe(*writer, kOtherHost)), std::string::npos) << freed.out;
+        EXPECT_NE(freed.out.find(described), std::string::npos) << freed.out;
         EXPECT_TRUE(freed.out.ends_with("\nfree\n")) << freed.out;
-        runWell(
-            {"import", "image", disk(name, "writer"), "--resume", "--store-timeout", kPatience});
+        finishFilling(name);
         expectHolds(name);
     }
 }
@@ -253,8 +259,7 @@ TEST_F(ClusterUnlockFarAway, AHolderThatStoodStillAndWasShutOutWritesNothingMore
     ToolOutcome const freed = unlock("a.vmdk", "admin", {"--force"});
     EXPECT_EQ(freed.status, 0) << freed.err;
     EXPECT_TRUE(freed.out.starts_with("shut out: client ")) << freed.out;
-    runWell(
-        {"import", "image", disk("a.vmdk", "writer"), "--resume", "--store-timeout", kPatience});
+    finishFilling("a.vmdk");
     writer->resume();
     writer->feed(std::string(kImageBytes / 2, 'x'));
     ToolOutcome const outcome = writer->finish();
@@ -299,15 +304,15 @@ protected:
 
 TEST_F(ClusterUnlockOfTwoServers, BothKnowTheirHolders) {
     auto const writer = beginToWriteFarAway("a.vmdk");
+    std::string const described = describe(*writer, kOtherHost);
     writer->signal(SIGKILL);
     writer->finish();
     ToolOutcome const held = unlock("a.vmdk", "admin");
     EXPECT_EQ(held.status, 6);
-    EXPECT_NE(held.out.find(describe(*writer, kOtherHost)), std::string::npos) << held.out;
+    EXPECT_NE(held.out.find(described), std::string::npos) << held.out;
     ToolOutcome const freed = unlock("a.vmdk", "admin", {"--force"});
     EXPECT_EQ(freed.status, 0) << freed.err;
-    runWell(
-        {"import", "image", disk("a.vmdk", "writer"), "--resume", "--store-timeout", kPatience});
+    finishFilling("a.vmdk");
     expectHolds("a.vmdk");
 }
 

@@ -118,7 +118,7 @@ host::DiskUnlockResult unlockPatiently(Invocation& invocation, yx::CURI const& m
 }
 
 ExitStatus unlock(Invocation& invocation, UnlockArguments const& arguments) {
-    yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
+    yx::CURI const mainFile = host::nameToUnlock(arguments.disk);
     host::DiskUnlockOptions options;
     options.force = arguments.force;
     options.trust = invocation.getTrust();
