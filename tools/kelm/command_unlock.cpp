@@ -149,7 +149,7 @@ void addUnlockCommand(CLI::App& program, Run& run) {
     auto const arguments = std::make_shared<UnlockArguments>();
     CLI::App& command = addCommand(
         program, run, "unlock", "Say who holds a disk, and free it of those who have died",
-        "kelm unlock ceph:/backup/full.vmdk",
+        "kelm unlock backup.vmdk",
         [arguments](Invocation& invocation) { return unlock(invocation, *arguments); });
     addFileArgument(command, "DISK", arguments->disk, "The main file of the disk");
     addFlag(command, "--force", arguments->force,

@@ -11,6 +11,7 @@
 #include "host/disk/error_kind.h"
 #include "host/disk/unfinished_disk.h"
 #include "host/store/store_holders.h"
+#include "host/store/stores.h"
 #include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
 #include "yx/log.h"
@@ -110,7 +111,7 @@ bool isHeldInStore(std::exception const& error) {
     if (!refusal || !host::isInUse(*refusal))
         return false;
     yx::String const* const uri = refusal->getParams().find("uri");
-    return uri && host::knowsHolders(yx::CURI(*uri));
+    return uri && host::isStoreURI(uri->toStdString()) && host::knowsHolders(yx::CURI(*uri));
 }
 
 } // namespace
