@@ -535,16 +535,18 @@ std::vector<host::StoreHolder> CCephFileSystem::findHolders(std::vector<yx::CURI
                     {file, use.isOpen, use.isOpenForWriting, use.mayHaveChanges});
         }
     }
-    if (held.empty())
-        return {};
     // One that is not listed has gone in the meantime.
     std::vector<host::StoreHolder> holders;
     for (CephClient const& client : servers.listClients()) {
+        host::StoreHolder::Life const life = findLifeOf(client);
         auto const found = held.find(client.number);
         if (found != held.end())
             holders.push_back({std::to_string(client.number), client.host, client.user,
-                               client.process, client.connectedSeconds, client.isMissed,
-                               findLifeOf(client), std::move(found->second)});
+                               client.process, client.connectedSeconds, client.isMissed, life,
+                               std::move(found->second)});
+        else if (life == host::StoreHolder::Life::DiedHere)
+            // It may have died while it waited for a file, and would get it yet.
+            servers.shutOut(client.number);
     }
     return holders;
 }

@@ -269,6 +269,25 @@ TEST_F(ClusterUnlockFarAway, AHolderThatStoodStillAndWasShutOutWritesNothingMore
     expectHolds("a.vmdk");
 }
 
+TEST_F(ClusterUnlockFarAway, ThoseWhoWereKilledWhileTheyWaitedAreInNobodysWay) {
+    auto const writer = beginToWriteFarAway("a.vmdk");
+    writer->signal(SIGKILL);
+    writer->finish();
+    for (char const* const user : {"writer", "admin"}) {
+        RunningTool waiting(folder(), {"info", disk("a.vmdk", user), "--progress=json"});
+        EXPECT_TRUE(comesTrue([&] {
+            return waiting.readErrors().find("{\"waiting\":\"store\"") != std::string::npos;
+        }));
+        waiting.signal(SIGKILL);
+        waiting.finish();
+    }
+    ToolOutcome const freed = unlock("a.vmdk", "admin", {"--force"});
+    EXPECT_EQ(freed.status, 0) << freed.err;
+    EXPECT_EQ(freed.err, "");
+    finishFilling("a.vmdk");
+    expectHolds("a.vmdk");
+}
+
 TEST_F(ClusterUnlockFarAway, WhoHoldsAnotherDiskStays) {
     auto const dead = beginToWriteFarAway("a.vmdk");
     auto const living = beginToWriteFarAway("b.vmdk");
