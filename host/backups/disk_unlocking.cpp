@@ -19,8 +19,8 @@ namespace {
 /// Two that take a lock file in one moment can both be told that it is being removed.
 constexpr int kMaxClaims = 5;
 
-/// Whether a client is taken for one of those who hold the disk.
-using IsHolder = std::function<bool(HeldFile const&)>;
+/// Whether a client is taken for one of those who hold the disk, by what it has of a file.
+using IsHolder = std::function<bool(StoreHolder const&, HeldFile const&)>;
 
 class DiskUnlocking {
 public:
@@ -50,7 +50,8 @@ public:
         if (tryClaim(disk))
             return m_result;
         // Who has locked a file has it open, if only for reading.
-        bool const isLeftToNobody = freeOf(files, [](HeldFile const& file) { return file.isOpen; });
+        bool const isLeftToNobody =
+            freeOf(files, [](StoreHolder const&, HeldFile const& file) { return file.isOpen; });
         if (isLeftToNobody && !m_result.shutOut.empty())
             tryClaim(disk);
         return m_result;
@@ -69,9 +70,10 @@ private:
     /// but whoever has the lock file open has it locked. Somebody may read another file of the disk
     /// without a lock. What is not open is given back by those who live, and not by the dead.
     IsHolder isSurelyHeld() const {
-        return [this](HeldFile const& file) {
+        return [this](StoreHolder const& holder, HeldFile const& file) {
+            bool const mayBeDead = m_options.force && holder.life == StoreHolder::Life::Unknown;
             return (file.isOpen && file.uri == m_lockFile) || file.isOpenForWriting ||
-                   (m_options.force && file.mayHaveChanges);
+                   (mayBeDead && file.mayHaveChanges);
         };
     }
 
@@ -92,7 +94,11 @@ private:
     bool freeOf(std::vector<yx::CURI> const& files, IsHolder const& isHolder) {
         m_result.holders.clear();
         for (StoreHolder& holder : ask(files)) {
-            if (std::none_of(holder.files.begin(), holder.files.end(), isHolder))
+            bool const isHeld =
+                std::any_of(holder.files.begin(), holder.files.end(),
+                            [&](HeldFile const& file) { return isHolder(holder, file); });
+            // Whatever the dead have of a file may be waited for.
+            if (!isHeld && holder.life != StoreHolder::Life::DiedHere)
                 continue;
             if (m_options.cancel)
                 m_options.cancel->check();

@@ -46,8 +46,8 @@ struct DiskUnlockResult {
     std::shared_ptr<yx::CLockFileError const> refusal;
 };
 
-/// `uriFromArgument` for a disk that is to be unlocked: in a store that knows who holds a file, only the
-/// folder is looked at, since to look at a file that a dead client has may have to wait for that.
+/// `uriFromArgument` for a disk that is to be unlocked: in a store that knows who holds a file, only
+/// the folder is looked at, since to look at a file that a dead client has may have to wait for that.
 yx::CURI nameToUnlock(std::string const& argument);
 
 /// Finds out who holds a disk, frees it of those who have died, and proves that it is free by
@@ -58,13 +58,13 @@ yx::CURI nameToUnlock(std::string const& argument);
 /// Where the store knows who holds a file (`IStoreHolders`), it is asked before any file is opened,
 /// since opening one may wait for a dead client.
 ///
-/// `mainFile` is that of `nameToUnlock`; that of the result has its links resolved, unless the disk was
-/// found held before. A name that is a link may have to wait for whoever holds the disk.
+/// `mainFile` is that of `nameToUnlock`; that of the result has its links resolved, unless the disk
+/// was found held before. A name that is a link may have to wait for whoever holds the disk.
 ///
 /// A disk that does not exist is `yx::CIOError` `NotFound`. With force, a user who may not ask the
-/// store who holds files is `AccessDenied`. A descriptor that names files which are not the disk's is
-/// refused as by `verifyOwnsFiles`. Other errors are those of the store; what was shut out
-/// by then stays so.
+/// store who holds files is `AccessDenied`. A descriptor that names files which are not the disk's
+/// is refused as by `verifyOwnsFiles`. Other errors are those of the store; what was shut out by
+/// then stays so.
 DiskUnlockResult unlockDisk(yx::IFileSystem* fileSystem, yx::CURI const& mainFile,
                             DiskUnlockOptions const& options);
 

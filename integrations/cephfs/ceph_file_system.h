@@ -75,7 +75,8 @@ public:
 
     /// The URIs are those of `resolveName`, all of one user and file system. Clients of processes of
     /// this machine that have ended without taking leave are forgotten by the cluster, of whatever
-    /// cluster user they were, but for those of other users that have some of the files. The errors are those of `CephMetadataServers`.
+    /// cluster user they were, but for those of other users that have some of the files. The errors
+    /// are those of `CephMetadataServers`.
     std::vector<host::StoreHolder> findHolders(std::vector<yx::CURI> const& files) override;
 
     void shutOut(yx::CURI const& uri, std::string const& number) override;

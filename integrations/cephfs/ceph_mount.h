@@ -92,7 +92,7 @@ public:
         return m_site.clusterID + "/" + std::to_string(m_site.fileSystemNumber);
     }
 
-    /// The name of the file system, as far as URI or settings give it; empty for the cluster's default.
+    /// The name of the file system, as far as URI or settings give it; else the default is meant.
     std::string getFileSystemName() const { return getSetting("client_fs"); }
 
     /// The number by which the cluster knows this client.

@@ -146,6 +146,19 @@ TEST_F(Unlock, WhoHasAnExtentCountsAndWhoOnlyReadsWithoutALockDoesNot) {
     EXPECT_EQ(readFile("holders"), "5 c u 0 unknown split.vmdk open\n");
 }
 
+TEST_F(Unlock, WhoLivesGivesBackWhatItHasNotOpenAndTheDeadDoNot) {
+    std::string const living =
+        "3 a u 0 lives disk.vmdk changes\n4 b u 0 unknown disk.vmdk changes\n";
+    writeFile("holders", living + "5 c u 0 died disk.vmdk nothing\n");
+    EXPECT_EQ(runWell({"unlock", "test:/disk.vmdk"}),
+              "shut out: client 5 on the host c, process 0, user u, which has ended on this "
+              "machine\nfree\n");
+    EXPECT_EQ(readFile("holders"), living);
+    EXPECT_EQ(runWell({"unlock", "test:/disk.vmdk", "--force"}),
+              "shut out: client 4 on the host b, process 0, user u\nfree\n");
+    EXPECT_EQ(readFile("holders"), "3 a u 0 lives disk.vmdk changes\n");
+}
+
 TEST_F(Unlock, AHolderThatHasAFileOpenForReadingIsFoundWhereTheDiskIsLocked) {
     beginToWrite();
     std::string const line = "9 far user " + writerNumber() + " unknown busy.vmdk open\n";

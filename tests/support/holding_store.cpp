@@ -36,7 +36,7 @@ HolderLine parseLine(std::string const& text) {
         life >> line.name;
     line.holder.life = toLife(life);
     for (std::string what; words >> what;) {
-        line.file.isOpen = line.file.isOpen || what != "changes";
+        line.file.isOpen = line.file.isOpen || what == "open" || what == "write";
         line.file.isOpenForWriting = line.file.isOpenForWriting || what == "write";
         line.file.mayHaveChanges = line.file.mayHaveChanges || what == "changes";
     }

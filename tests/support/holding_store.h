@@ -15,8 +15,9 @@ namespace test_support {
 ///     NUMBER HOST USER PROCESS LIFE NAME WHAT...
 ///
 /// LIFE is "unknown", "lives" or "died", NAME the file's in the folder, WHAT some of "open",
-/// "write" and "changes". To shut a client out ends its process, unless that is 0, and takes its
-/// lines away. A line "denied" alone refuses all questions. Without the file nobody holds anything.
+/// "write" and "changes", or else "nothing". To shut a client out ends its process, unless that is
+/// 0, and takes its lines away. A line "denied" refuses all questions. Without the file nobody holds
+/// anything.
 class HoldingStore : public FolderStore, public kelm::host::IStoreHolders {
 public:
     /// `folder` as for `FolderStore`; `list` is the file with the lines.

@@ -1,6 +1,6 @@
 /// The library of a store for tests of programs: `test:` is the folder that the environment variable
-/// KELM_TEST_STORE names. Where KELM_TEST_HOLDERS names a file too, the store knows who holds files, see
-/// `HoldingStore`.
+/// KELM_TEST_STORE names. Where KELM_TEST_HOLDERS names a file too, the store knows who holds files,
+/// see `HoldingStore`.
 
 #include "host/store/store_module.h"
 
