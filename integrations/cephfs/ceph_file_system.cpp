@@ -4,6 +4,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -14,7 +15,9 @@
 #include <sys/stat.h>
 
 #include "integrations/cephfs/ceph_file_stream.h"
+#include "integrations/cephfs/ceph_metadata_servers.h"
 #include "integrations/cephfs/ceph_path.h"
+#include "integrations/cephfs/client_life.h"
 #include "integrations/cephfs/cluster_error.h"
 #include "yx/error.h"
 #include "yx/internal/stream_error.h"
@@ -516,6 +519,55 @@ __int64 CCephFileSystem::getMaxFileLengthBytes(yx::CURI const& uri) {
 
 void CCephFileSystem::abandon() noexcept {
     m_calls->abandon();
+}
+
+std::vector<host::StoreHolder> CCephFileSystem::findHolders(std::vector<yx::CURI> const& files) {
+    if (files.empty())
+        return {};
+    std::shared_ptr<CephMount> const mount = mountOf(locate(files.front()), files.front());
+    mount->clearAwayTheDead();
+    CephMetadataServers const servers(*mount, files.front());
+    std::map<__int64, std::vector<host::HeldFile>> held;
+    for (yx::CURI const& file : files) {
+        for (CephFileUse const& use : servers.listFileUses(locate(file).path)) {
+            if (!isOwnClient(use.client))
+                held[use.client].push_back(
+                    {file, use.isOpen, use.isOpenForWriting, use.mayHaveChanges});
+        }
+    }
+    // One that is not listed has gone in the meantime.
+    std::vector<host::StoreHolder> holders;
+    for (CephClient const& client : servers.listClients()) {
+        host::StoreHolder::Life const life = findLifeOf(client);
+        auto const found = held.find(client.number);
+        if (found != held.end())
+            holders.push_back({std::to_string(client.number), client.host, client.user,
+                               client.process, client.connectedSeconds, client.isMissed, life,
+                               std::move(found->second)});
+        else if (life == host::StoreHolder::Life::DiedHere)
+            // It may have died while it waited for a file, and would get it yet.
+            servers.shutOut(client.number);
+    }
+    return holders;
+}
+
+void CCephFileSystem::shutOut(yx::CURI const& uri, std::string const& number) {
+    __int64 client = 0;
+    auto const parsed = std::from_chars(number.data(), number.data() + number.size(), client);
+    bool const isNumber = parsed.ec == std::errc() && parsed.ptr == number.data() + number.size();
+    if (!isNumber || client <= 0 || isOwnClient(client)) {
+        throw yx::CIOError(yx::CIOError::NotAllowed, "This client is not to be shut out.",
+                           makeUriProps(uri), nullptr);
+    }
+    std::shared_ptr<CephMount> const mount = mountOf(locate(uri), uri);
+    CephMetadataServers(*mount, uri).shutOut(client);
+}
+
+bool CCephFileSystem::isOwnClient(__int64 number) {
+    std::lock_guard const guard(m_mutex);
+    return std::any_of(m_mounts.begin(), m_mounts.end(), [number](auto const& entry) {
+        return entry.second && entry.second->getNumber() == number;
+    });
 }
 
 CCephFileSystem::Target CCephFileSystem::reach(yx::CURI const& uri) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "host/store/store.h"
+#include "host/store/store_holders.h"
 #include "integrations/cephfs/ceph_mount.h"
 
 namespace kelm::ceph {
@@ -25,7 +26,7 @@ namespace kelm::ceph {
 /// Its streams behave as those of `yx::CNativeFileSystem`, and so do its errors, with words of their
 /// own where the cluster has lost the client. A name that ends in a separator is no file. Locked
 /// ranges keep out all other streams, of whatever process and machine. Serves any number of threads.
-class CCephFileSystem : public yx::CBase, public virtual host::IStore {
+class CCephFileSystem : public yx::CBase, public virtual host::IStore, public host::IStoreHolders {
 public:
     CCephFileSystem() = default;
 
@@ -72,6 +73,14 @@ public:
     /// taken of it, so locks stay until the process has ended and is missed.
     void abandon() noexcept override;
 
+    /// The URIs are those of `resolveName`, all of one user and file system. Clients of processes of
+    /// this machine that have ended without taking leave are forgotten by the cluster, of whatever
+    /// cluster user they were, but for those of other users that have some of the files. The errors
+    /// are those of `CephMetadataServers`.
+    std::vector<host::StoreHolder> findHolders(std::vector<yx::CURI> const& files) override;
+
+    void shutOut(yx::CURI const& uri, std::string const& number) override;
+
 private:
     using User = std::pair<std::string, std::string>; ///< and the file system's name
 
@@ -92,6 +101,7 @@ private:
     TwoTargets reachBoth(yx::CURI const& from, yx::CURI const& to);
     std::shared_ptr<CephMount> mountOf(CephLocation const& location, yx::CURI const& uri);
     yx::P<yx::IIOStream> open(yx::CURI const& uri, yx::IIOStream::Access access, int flags);
+    bool isOwnClient(__int64 number);
 
     std::shared_ptr<CephCalls> m_calls = std::make_shared<CephCalls>();
     std::mutex m_mutex;

@@ -134,6 +134,23 @@ int findMaxFileLength(ceph_mount_info* client, __int64& lengthBytes) {
     return ceph_close(client, root);
 }
 
+/// Has a metadata server obey a command; what the call returns.
+int tellServer(ceph_mount_info* client, std::string const& server, std::string const& command,
+               std::string& answer) {
+    std::array<char const*, 1> commands{command.c_str()};
+    char* output = nullptr;
+    char* words = nullptr;
+    size_t outputBytes = 0;
+    size_t wordsBytes = 0;
+    int const result = ceph_mds_command(client, server.c_str(), commands.data(), commands.size(),
+                                        nullptr, 0, &output, &outputBytes, &words, &wordsBytes);
+    if (output)
+        answer.assign(output, outputBytes);
+    ceph_buffer_free(output);
+    ceph_buffer_free(words);
+    return result;
+}
+
 /// The connections that a process takes leave of when it ends, if their owners have not: a client
 /// that ends without would be missed by the cluster, and might not have written all.
 class LivingMounts {
@@ -358,6 +375,18 @@ std::string CephMount::fromClientPath(std::string const& path) const {
 std::string CephMount::getSetting(char const* name) const {
     std::array<char, 256> value{};
     return ceph_conf_get(m_client, name, value.data(), value.size()) == 0 ? value.data() : "";
+}
+
+__int64 CephMount::getNumber() const {
+    return static_cast<__int64>(ceph_get_instance_id(m_client));
+}
+
+CephMount::Answer<std::string> CephMount::tellMetadataServer(std::string const& server,
+                                                             std::string const& command,
+                                                             yx::CURI const& uri) const {
+    return ask<std::string>(uri, [=](ceph_mount_info* client, std::string& answer) {
+        return tellServer(client, server, command, answer);
+    });
 }
 
 __int64 CephMount::getMaxFileLengthBytes(yx::CURI const& uri) const {

@@ -92,6 +92,17 @@ public:
         return m_site.clusterID + "/" + std::to_string(m_site.fileSystemNumber);
     }
 
+    /// The name of the file system, as far as URI or settings give it; else the default is meant.
+    std::string getFileSystemName() const { return getSetting("client_fs"); }
+
+    /// The number by which the cluster knows this client.
+    __int64 getNumber() const;
+
+    /// Has a metadata server do something: `server` is how the cluster's own programs name one,
+    /// `command` is JSON. The answer is what it says.
+    Answer<std::string> tellMetadataServer(std::string const& server, std::string const& command,
+                                           yx::CURI const& uri) const;
+
     /// The longest that a file may become.
     __int64 getMaxFileLengthBytes(yx::CURI const& uri) const;
 

@@ -64,8 +64,9 @@ private:
         }
         std::string const path = m_path + "/" + name;
         struct ceph_statx status {};
-        int const result =
-            ceph_statx(m_client, path.c_str(), &status, CEPH_STATX_MODE, AT_SYMLINK_NOFOLLOW);
+        // What kind of file it is never changes, so no other client need be waited for.
+        int const result = ceph_statx(m_client, path.c_str(), &status, CEPH_STATX_MODE,
+                                      AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC);
         // That of a file which is yet to be made.
         bool const mayBeMissing = m_names.empty() && m_links == m_linksBeforeLastName;
         if (result == -ENOENT && mayBeMissing) {

@@ -89,6 +89,10 @@ bool isNoteName(std::string const& name) {
     return name.starts_with(kNamePrefix) && name.size() == sizeof(kNamePrefix) - 1 + kUUIDLength;
 }
 
+int openNote(std::string const& path) {
+    return ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+}
+
 } // namespace
 
 ClientNote::ClientNote() {
@@ -166,8 +170,7 @@ std::vector<ClientNote> ClientNote::takeThoseOfTheDead(Site const& site) {
             std::string const name = entry->path().filename().string();
             if (!isNoteName(name))
                 continue;
-            int const descriptor =
-                ::open(entry->path().c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+            int const descriptor = openNote(entry->path().string());
             if (descriptor < 0)
                 continue;
             ClientNote note(folder, name.substr(sizeof(kNamePrefix) - 1), descriptor);
@@ -182,6 +185,28 @@ std::vector<ClientNote> ClientNote::takeThoseOfTheDead(Site const& site) {
         }
     }
     return notes;
+}
+
+std::optional<bool> ClientNote::findWhetherLives(std::string const& uuid) {
+    // It comes from the cluster, to which anybody may have told it.
+    bool const isUUID = uuid.size() == kUUIDLength &&
+                        uuid.find_first_not_of("0123456789abcdef-") == std::string::npos;
+    if (!isUUID)
+        return std::nullopt;
+    for (std::string const& folder : listFolders()) {
+        if (!isSafeFolder(folder))
+            continue;
+        int const descriptor = openNote(folder + "/" + kNamePrefix + uuid);
+        if (descriptor < 0)
+            continue;
+        ClientNote const note(folder, uuid, descriptor);
+        if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0)
+            return true;
+        // A note of a time before the machine was started says nothing of a machine of that name.
+        if (readNote(descriptor).starts_with(describeSystem() + "\n"))
+            return false;
+    }
+    return std::nullopt;
 }
 
 } // namespace kelm::ceph

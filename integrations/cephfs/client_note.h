@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,10 @@ public:
     /// The notes of the clients of a site that were ended without taking leave, each locked. Only
     /// those of processes that ran on this machine since it was started, as this user.
     static std::vector<ClientNote> takeThoseOfTheDead(Site const& site);
+
+    /// Whether the process lives that a client of this UUID was in; nothing unless it ran on this
+    /// machine since it was started, as this user.
+    static std::optional<bool> findWhetherLives(std::string const& uuid);
 
 private:
     ClientNote(std::string folder, std::string uuid, int descriptor);

@@ -5,6 +5,7 @@
 
 #include "host/backups/backup_pruning.h"
 #include "host/backups/disk_move.h"
+#include "host/backups/disk_unlocking.h"
 #include "host/disk/parent_chain.h"
 #include "host/store/file_names.h"
 #include "host/transfer/chain_difference.h"
@@ -235,6 +236,40 @@ py::dict merge(std::string const& first, std::string const& last, std::string co
     return made.describe();
 }
 
+/// The fields of `kelm.Holder`.
+py::list describeHolders(std::vector<host::StoreHolder> const& holders) {
+    py::list list;
+    for (host::StoreHolder const& holder : holders) {
+        py::dict one;
+        one["client"] = toText(holder.number);
+        one["host"] = toTextOrNone(holder.host);
+        one["user"] = toTextOrNone(holder.user);
+        one["process"] = toTextOrNone(holder.process);
+        one["lives_here"] = holder.life == host::StoreHolder::Life::LivesHere;
+        list.append(one);
+    }
+    return list;
+}
+
+py::dict unlock(std::string const& path, bool force, Paths const& allowPaths) {
+    Access const access = Access::make(py::none(), allowPaths);
+    host::DiskUnlockResult result;
+    runWork(py::none(), 0, [&](host::WorkOptions const& work) {
+        auto const files = yx::makeObject<host::FileSystems>();
+        host::DiskUnlockOptions options;
+        options.force = force;
+        options.trust = access.trust;
+        options.cancel = work.cancel;
+        result = host::unlockDisk(files.get(), host::nameToUnlock(path), options);
+    });
+    py::dict unlocked;
+    unlocked["is_free"] = !result.refusal;
+    unlocked["are_holders_known"] = result.areHoldersKnown;
+    unlocked["holders"] = describeHolders(result.holders);
+    unlocked["shut_out"] = describeHolders(result.shutOut);
+    return unlocked;
+}
+
 } // namespace
 
 void addBackups(py::module_& module) {
@@ -243,6 +278,7 @@ void addBackups(py::module_& module) {
     module.def("drop", &drop);
     module.def("rename", &rename);
     module.def("merge", &merge);
+    module.def("unlock", &unlock);
 }
 
 } // namespace kelm::python

@@ -47,6 +47,13 @@ void Administrator::setQuota(yx::CURI const& folder, __int64 bytes) {
               0);
 }
 
+void Administrator::pinFolder(yx::CURI const& folder, int rank) {
+    std::string const text = std::to_string(rank);
+    EXPECT_EQ(ceph_setxattr(m_client, pathOf(folder).c_str(), "ceph.dir.pin", text.c_str(),
+                            text.size(), 0),
+              0);
+}
+
 void Administrator::makeSnapshot(yx::CURI const& folder, std::string const& name) {
     EXPECT_EQ(ceph_mkdir(m_client, snapshotPath(folder, name).c_str(), kFolderMode), 0);
 }

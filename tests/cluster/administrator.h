@@ -21,6 +21,7 @@ public:
     void setMode(yx::CURI const& uri, unsigned int mode);
     unsigned int getMode(yx::CURI const& uri); ///< the rights alone
     void setQuota(yx::CURI const& folder, __int64 bytes);
+    void pinFolder(yx::CURI const& folder, int rank); ///< to the metadata server of that rank
     void makeSnapshot(yx::CURI const& folder, std::string const& name);
     void removeSnapshot(yx::CURI const& folder, std::string const& name);
 

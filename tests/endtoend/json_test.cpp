@@ -87,6 +87,7 @@ protected:
             {"delete", "spare.vmdk"},
             {"prune", ".", "--keep-last", "1", "--dry-run"},
             {"prune", ".", "--keep-last", "100"},
+            {"unlock", "mon.vmdk"},
             {"help", "disks"},
         };
         return kCommands;

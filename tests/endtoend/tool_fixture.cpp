@@ -86,7 +86,7 @@ std::vector<std::string> const& allCommands() {
         "create",  "info",     "import", "export",  "convert", "compare", "check",
         "map",     "list",     "child",  "flatten", "rebase",  "rename",  "copy",
         "delete",  "password", "digest", "repair",  "drop",    "merge",   "prune",
-        "compact", "files",    "mount",  "umount",  "help"};
+        "compact", "files",    "mount",  "umount",  "unlock",  "help"};
     return kCommands;
 }
 

@@ -21,6 +21,7 @@ def whole_store(tmp_path_factory):
     folder = tmp_path_factory.mktemp("store").resolve()
     os.environ["KELM_STORES"] = modules
     os.environ["KELM_TEST_STORE"] = str(folder)
+    os.environ["KELM_TEST_HOLDERS"] = str(folder.parent / "holders")
     return folder
 
 
@@ -79,6 +80,28 @@ def test_chains_go_across_stores(store, chain, image):
     listed = {found.path: found.parent_count for found in kelm.list_backups(store)}
     assert listed == {os.path.abspath("full.vmdk"): 0, store + "/full.vmdk": 0,
                       store + "/there.vmdk": 1}
+
+
+def test_who_holds_a_disk_is_told_and_shut_out_by_force(store, whole_store, image):
+    disk = store + "/disk.vmdk"
+    kelm.import_image("image", disk)
+    assert kelm.unlock(disk) == kelm.Unlocked(True, True, (), ())
+    name = disk.removeprefix("test:/")
+    list_of_holders = pathlib.Path(os.environ["KELM_TEST_HOLDERS"])
+    list_of_holders.write_text(f"7 backup-2 writer 0 unknown {name} write\n")
+    holder = kelm.Holder("7", "backup-2", "writer", "0", False)
+    assert kelm.unlock(disk) == kelm.Unlocked(False, True, (holder,), ())
+    assert kelm.unlock(disk, force=True) == kelm.Unlocked(True, True, (), (holder,))
+    assert list_of_holders.read_text() == ""
+    assert content(disk) == image
+
+
+def test_a_disk_of_the_machine_is_free_or_held_by_a_process_that_lives(image):
+    with kelm.create("disk.vmdk", DISK_BYTES):
+        assert kelm.unlock("disk.vmdk", force=True) == kelm.Unlocked(False, False, (), ())
+    assert kelm.unlock("disk.vmdk") == kelm.Unlocked(True, False, (), ())
+    with pytest.raises(kelm.NotFound):
+        kelm.unlock("none.vmdk")
 
 
 def test_a_disk_is_renamed_into_a_store_and_out_of_it(store, whole_store, chain):

@@ -54,6 +54,7 @@ void addDeleteCommand(CLI::App& program, Run& run);
 void addDropCommand(CLI::App& program, Run& run);
 void addMergeCommand(CLI::App& program, Run& run);
 void addPruneCommand(CLI::App& program, Run& run);
+void addUnlockCommand(CLI::App& program, Run& run);
 void addHelpCommand(CLI::App& program, Run& run);
 
 } // namespace kelm::tool

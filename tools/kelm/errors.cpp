@@ -7,8 +7,11 @@
 
 #include "host/backups/disk_deletion.h"
 #include "host/backups/disk_rebase.h"
+#include "host/disk/busy_wait.h"
 #include "host/disk/error_kind.h"
 #include "host/disk/unfinished_disk.h"
+#include "host/store/store_holders.h"
+#include "host/store/stores.h"
 #include "host/system/key_derivation.h"
 #include "host/system/name_text.h"
 #include "yx/log.h"
@@ -102,6 +105,15 @@ std::vector<IgnoredError>& ignoredErrors() {
     return errors;
 }
 
+/// Whether a disk is in use in a store that knows by whom.
+bool isHeldInStore(std::exception const& error) {
+    auto const* const refusal = dynamic_cast<yx::CLockFileError const*>(&error);
+    if (!refusal || !host::isInUse(*refusal))
+        return false;
+    yx::String const* const uri = refusal->getParams().find("uri");
+    return uri && host::isStoreURI(uri->toStdString()) && host::knowsHolders(yx::CURI(*uri));
+}
+
 } // namespace
 
 std::string describeError(std::exception const& error) {
@@ -117,7 +129,12 @@ std::string describeError(std::exception const& error) {
     if (dynamic_cast<host::OldParentError const*>(&error))
         return text + " If the new parent is the old one, and has only moved, --trust skips the "
                       "comparison.";
-    return text;
+    if (auto const* const held = dynamic_cast<DiskHeldError const*>(&error)) {
+        return held->isForceOfUse() ? text + " If the holders on other machines are dead, --force "
+                                             "has the store shut them out."
+                                    : text;
+    }
+    return isHeldInStore(error) ? text + " 'kelm unlock' says by whom." : text;
 }
 
 ExitStatus exitStatusOf(std::exception const& error) {

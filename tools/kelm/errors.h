@@ -29,6 +29,22 @@ public:
     }
 };
 
+/// `unlock` has found the disk in use, as `refusal` says.
+class DiskHeldError : public yx::CLockFileError {
+public:
+    /// `isForceOfUse` says that the store could shut the holders out.
+    DiskHeldError(yx::CLockFileError const& refusal, bool isForceOfUse)
+        : CLockFileError(refusal.getMessage(), refusal.getParams(), refusal.getCause()),
+          m_isForceOfUse(isForceOfUse) {}
+    std::shared_ptr<yx::CError const> clone() const override {
+        return std::make_shared<DiskHeldError>(*this);
+    }
+    bool isForceOfUse() const { return m_isForceOfUse; }
+
+private:
+    bool m_isForceOfUse;
+};
+
 using host::isPasswordMissing;
 
 /// Describes an error in one line. Where an option of this program helps, the line names it.

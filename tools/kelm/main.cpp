@@ -51,6 +51,7 @@ void addCommands(CLI::App& program, Run& run) {
     kelm::tool::addDropCommand(program, run);
     kelm::tool::addMergeCommand(program, run);
     kelm::tool::addPruneCommand(program, run);
+    kelm::tool::addUnlockCommand(program, run);
     kelm::tool::addHelpCommand(program, run);
     program.footer("'kelm COMMAND --help' describes a command and has an example.\n"
                    "Sizes are bytes, or numbers with one of the letters K, M, G, T.");

@@ -23,7 +23,7 @@ from . import _kelm
 from ._arguments import (Password, Path, Progress, decode, encode, encode_all, new_disk_options,
                          wipes_passwords)
 from ._results import (Backup, Check, Comparison, Digest, Dropped, Exported, FileRepair, Finding,
-                       Made, Pruned, Renamed, Repair, Verdict)
+                       Holder, Made, Pruned, Renamed, Repair, Unlocked, Verdict)
 
 Zeros = Literal["punch", "write", "skip"]
 
@@ -278,3 +278,16 @@ def undo_repair(disk: Path, *, allow_paths: Iterable[Path] = ()) -> int:
     """Takes the last repair of a disk back, and returns how many sectors that brought back. Without
     one it is `NotFound`."""
     return _kelm.undo_repair(encode(disk), encode_all(allow_paths))
+
+
+def unlock(disk: Path, *, force: bool = False, allow_paths: Iterable[Path] = ()) -> Unlocked:
+    """Says who holds a disk, and frees it of processes of this machine that have ended. With `force`,
+    its store shuts out the clients of other machines, at your word that they are dead.
+
+    >>> kelm.unlock("tuesday.vmdk").is_free
+    True
+    """
+    fields: dict[str, Any] = _kelm.unlock(encode(disk), force, encode_all(allow_paths))
+    for name in "holders", "shut_out":
+        fields[name] = tuple(Holder(**holder) for holder in fields[name])
+    return Unlocked(**fields)

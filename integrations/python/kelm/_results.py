@@ -259,3 +259,33 @@ class Repair:
     def has_left(self) -> bool:
         """Whether anything was found that cannot be mended."""
         return any(file.left for file in self.files)
+
+
+@dataclass(frozen=True)
+class Holder:
+    """A client of a store that holds a disk. What the store does not tell is None."""
+
+    client: str
+    """The number by which the store knows it."""
+    host: Optional[str]
+    """The name of its machine."""
+    user: Optional[str]
+    """Of the store."""
+    process: Optional[str]
+    """Its number on that machine."""
+    lives_here: bool
+    """Whether it is a process of this machine that lives; such a one is not shut out."""
+
+
+@dataclass(frozen=True)
+class Unlocked:
+    """What came of a disk that was to be unlocked."""
+
+    is_free: bool
+    """Whether nobody holds it."""
+    are_holders_known: bool
+    """Whether the store tells who holds it; folders of the machine do not."""
+    holders: tuple[Holder, ...]
+    """Who holds it still."""
+    shut_out: tuple[Holder, ...]
+    """Whom the store has shut out."""
