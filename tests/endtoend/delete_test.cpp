@@ -87,6 +87,46 @@ TEST_F(Delete, KilledAtItsVeryEndLeavesNoLockFileToTheNextAttempt) {
     }
 }
 
+TEST_F(Delete, TakesWhatAKilledImportHasLeftWhetherItIsADiskOrNot) {
+    std::set<std::string> const before = listFiles();
+    for (Arguments const& kind :
+         {Arguments{}, Arguments{"--split", "4M"}, Arguments{"--parent", "mon.vmdk"}}) {
+        SCOPED_TRACE(kind.empty() ? "plain" : kind.front());
+        Arguments const import = joined(
+            {{"import", "image", "new.vmdk", "--compressed", "--password-file", "password"}, kind});
+        int remains = 0;
+        int disks = 0;
+        for (int operations = 1; runAndKillBehind(operations, import); ++operations) {
+            SCOPED_TRACE(operations);
+            bool const isDisk = run({"delete", "new.vmdk", "--remains"}).status != 0;
+            if (isDisk)
+                runWell({"delete", "new.vmdk"});
+            EXPECT_EQ(before, listFiles());
+            // What has become a disk stays one.
+            EXPECT_TRUE(isDisk || disks == 0);
+            ++(isDisk ? disks : remains);
+        }
+        EXPECT_GE(remains, 5);
+        EXPECT_GE(disks, 5);
+        runWell({"delete", "new.vmdk"});
+    }
+}
+
+TEST_F(Delete, TakesRemainsAndNoDisk) {
+    std::set<std::string> const before = listFiles();
+    EXPECT_EQ("kelm: The file is no remains of a disk that was being made. (uri: " +
+                  path("mon.vmdk") + ")\n",
+              runBadly(3, {"delete", "mon.vmdk", "--remains"}));
+    runBadly(8, {"delete", "none.vmdk", "--remains"});
+    runBadly(2, {"delete", "mon.vmdk", "--remains", "--with-children"});
+    runBadly(2, {"delete", "mon.vmdk", "--remains", "--keep-children"});
+    EXPECT_EQ(before, listFiles());
+    writeFile("new.vmdk", "");
+    json const result = json::parse(runWell({"delete", "new.vmdk", "--remains", "--json"}));
+    EXPECT_EQ(json({path("new.vmdk")}), result["files"]);
+    EXPECT_EQ(before, listFiles());
+}
+
 TEST_F(Delete, KilledSaysSoAndGoesOn) {
     runWell({"create", "disk.vmdk", "--size", "8M", "--split", "5M"});
     // What a kill leaves once the main file is gone.
