@@ -116,6 +116,7 @@ def test_what_a_killed_service_has_begun_in_a_store_is_remembered_on_the_machine
     add_drop_in(site.folder / "etc/systemd/system", site)
     site.kill_kelm("import", 4)
     assert not manager.start(SERVICE)
+    assert not entries(manager, PRIORITY="4")
     assert [disk["state"] for disk in site.list()] == ["damaged"]
     assert len(site.begun()) == 1
     assert sorted(file.name for file in (site.folder / "run").glob("kelm*")) == [
@@ -125,6 +126,14 @@ def test_what_a_killed_service_has_begun_in_a_store_is_remembered_on_the_machine
     assert manager.start(SERVICE)
     assert [disk["state"] for disk in site.list()] == ["complete"]
     assert site.begun() == []
+
+
+@pytest.mark.parametrize("is_in_store", [True])
+def test_a_unit_that_was_not_told_of_a_store_is_pointed_to_its_drop_in(manager, site):
+    site.source.unlink()
+    assert not manager.start(SERVICE)
+    assert any("'kelm-backup drop-in' prints what it has to be told." in entry["MESSAGE"]
+               for entry in entries(manager, PRIORITY="4"))
 
 
 def test_the_status_of_kelm_is_that_of_the_service(manager, site, hooks):
