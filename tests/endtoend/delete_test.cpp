@@ -103,7 +103,10 @@ TEST_F(Delete, TakesWhatAKilledImportHasLeftWhetherItIsADiskOrNot) {
         for (int operations = 1; disks < 5; ++operations) {
             SCOPED_TRACE(operations);
             ASSERT_TRUE(runAndKillBehind(operations, import));
-            bool const isDisk = run({"delete", "new.vmdk", "--remains"}).status != 0;
+            // The first operations may be those of locking the parents.
+            if (listLeftFiles().empty())
+                continue;
+            bool const isDisk = run({"delete", "new.vmdk", "--remains"}).status == 3;
             if (isDisk)
                 runWell({"delete", "new.vmdk"});
             EXPECT_EQ(std::set<std::string>(), listLeftFiles());
