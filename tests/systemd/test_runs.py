@@ -149,6 +149,23 @@ def test_newest_is_found_or_not(site):
     assert site.call("newest").stdout.strip() == site.list()[-1]["file"]
 
 
+def test_a_link_to_the_destination_is_as_good(site):
+    (site.place.parent / "link").symlink_to("backup")
+    site.run()
+    destination = "test:/link/" if site.is_in_store else site.folder / "link"
+    site.configure(destination=destination)
+    site.change(1)
+    assert f"a child of {site.disk('web-')}" in site.run()
+    site.kill_kelm("import", 4)
+    site.run(status=3)
+    site.mend_kelm()
+    site.configure(destination=str(destination).rstrip("/"), keep_last=2)
+    site.run()
+    assert parents(site) == [None, 0]
+    assert site.begun() == []
+    site.expect_newest_is_source()
+
+
 def test_what_waits_for_a_store_is_given_up_as_the_settings_say(site):
     site.configure(store_timeout=30, check="yes", keep_last=1)
     site.use_kelm(f'echo "$@" >> {site.folder}/log\nexec "{TOOL}" "$@"')
