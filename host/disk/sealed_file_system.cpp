@@ -4,8 +4,10 @@
 #include <array>
 #include <cstring>
 
+#include "host/store/file_names.h"
 #include "host/store/forwarding_stream.h"
 #include "kelm/format/constants.h"
+#include "yx/memory.h"
 
 namespace kelm::host {
 
@@ -119,6 +121,17 @@ void SealedFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
     m_fileSystem->deleteFile(uri, ignoreMissing);
     if (uri.toNormalized() == m_uri)
         m_seal->sector.fill(0);
+}
+
+bool isSealedFile(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
+    if (!fileSystem->fileExists(uri) || isOtherThanFile(uri))
+        return false;
+    unsigned int options = yx::IFileSystem::DoNotFollowLink;
+    yx::P<yx::IIOStream> const stream =
+        fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &options);
+    std::array<unsigned char, kSectorSizeBytes> sector{};
+    int const count = stream->readLax(sector.data(), kSectorSizeBytes);
+    return yx::isAllZero(sector.data(), static_cast<std::size_t>(count));
 }
 
 } // namespace kelm::host

@@ -87,6 +87,52 @@ TEST_F(Delete, KilledAtItsVeryEndLeavesNoLockFileToTheNextAttempt) {
     }
 }
 
+TEST_F(Delete, TakesWhatAKilledImportHasLeftWhetherItIsADiskOrNot) {
+    auto const listLeftFiles = [this] {
+        std::set<std::string> names = listFiles();
+        std::erase_if(names, [](std::string const& name) { return name.rfind("new", 0) != 0; });
+        return names;
+    };
+    for (Arguments const& kind :
+         {Arguments{}, Arguments{"--split", "4M"}, Arguments{"--parent", "mon.vmdk"}}) {
+        SCOPED_TRACE(kind.empty() ? "plain" : kind.front());
+        Arguments const import = joined(
+            {{"import", "image", "new.vmdk", "--compressed", "--password-file", "password"}, kind});
+        int remains = 0;
+        int disks = 0;
+        for (int operations = 1; disks < 5; ++operations) {
+            SCOPED_TRACE(operations);
+            ASSERT_TRUE(runAndKillBehind(operations, import));
+            // The first operations may be those of locking the parents.
+            if (listLeftFiles().empty())
+                continue;
+            bool const isDisk = run({"delete", "new.vmdk", "--remains"}).status == 3;
+            if (isDisk)
+                runWell({"delete", "new.vmdk"});
+            EXPECT_EQ(std::set<std::string>(), listLeftFiles());
+            // What has become a disk stays one.
+            EXPECT_TRUE(isDisk || disks == 0);
+            ++(isDisk ? disks : remains);
+        }
+        EXPECT_GE(remains, 5);
+    }
+}
+
+TEST_F(Delete, TakesRemainsAndNoDisk) {
+    std::set<std::string> const before = listFiles();
+    EXPECT_EQ("kelm: The file is no remains of a disk that was being made. (uri: " +
+                  path("mon.vmdk") + ")\n",
+              runBadly(3, {"delete", "mon.vmdk", "--remains"}));
+    runBadly(8, {"delete", "none.vmdk", "--remains"});
+    runBadly(2, {"delete", "mon.vmdk", "--remains", "--with-children"});
+    runBadly(2, {"delete", "mon.vmdk", "--remains", "--keep-children"});
+    EXPECT_EQ(before, listFiles());
+    writeFile("new.vmdk", "");
+    json const result = json::parse(runWell({"delete", "new.vmdk", "--remains", "--json"}));
+    EXPECT_EQ(json({path("new.vmdk")}), result["files"]);
+    EXPECT_EQ(before, listFiles());
+}
+
 TEST_F(Delete, KilledSaysSoAndGoesOn) {
     runWell({"create", "disk.vmdk", "--size", "8M", "--split", "5M"});
     // What a kill leaves once the main file is gone.

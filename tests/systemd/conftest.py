@@ -19,6 +19,7 @@ SOURCES = ROOT / "integrations/systemd"
 PROGRAM = SOURCES / "kelm-backup"
 TOOL = os.environ["KELM_TOOL"]
 FILE_LOG_LIBRARY = os.environ["KELM_FILE_LOG_LIBRARY"]
+TEST_STORES = os.environ["KELM_TEST_STORES"]
 
 SOURCE_BYTES = 2 << 20
 GRAIN_BYTES = 65536
@@ -33,20 +34,27 @@ def load_program():
 
 
 class Site:
-    """A machine below a folder: the source is its file "disk", the backups go to "backup"."""
+    """A machine below a folder: the source is its file "disk", the backups go to "backup"; or to
+    "test:/backup", whose store is the folder "store"."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, is_in_store=False):
         self.folder = folder
         self.source = folder / "disk"
-        self.destination = folder / "backup"
+        # What the settings say, and where its files are.
+        self.destination = "test:/backup" if is_in_store else folder / "backup"
+        self.place = folder / ("store/backup" if is_in_store else "backup")
+        self.is_in_store = is_in_store
+        self.state = folder / "var/lib/kelm-backup"
         self.programs = folder / "bin"
-        for name in ("backup", "bin", "run/kelm-backup", "etc/kelm/backups"):
+        self.place.mkdir(parents=True)
+        for name in ("bin", "run/kelm-backup", "etc/kelm/backups"):
             (folder / name).mkdir(parents=True)
         self.use_kelm(f'exec "{TOOL}" "$@"')
         (self.programs / "kelm-backup").symlink_to(PROGRAM)
         self.environment = dict(
             os.environ, PATH=f"{self.programs}:{os.environ['PATH']}",
-            RUNTIME_DIRECTORY=str(folder / "run/kelm-backup"),
+            KELM_STORES=TEST_STORES, KELM_TEST_STORE=str(folder / "store"),
+            RUNTIME_DIRECTORY=str(folder / "run/kelm-backup"), STATE_DIRECTORY=str(self.state),
             CONFIGURATION_DIRECTORY=str(folder / "etc/kelm/backups"))
         for name in ("INVOCATION_ID", "CREDENTIALS_DIRECTORY", "SERVICE_RESULT"):
             self.environment.pop(name, None)
@@ -95,8 +103,8 @@ class Site:
             file.write(random.Random(grain + 1000).randbytes(GRAIN_BYTES))
 
     def kelm(self, *arguments, status=0):
-        result = subprocess.run([TOOL, *arguments, "--json"], stdin=subprocess.DEVNULL, check=False,
-                                capture_output=True, text=True)
+        result = subprocess.run([TOOL, *arguments, "--json"], env=self.environment, check=False,
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True)
         assert result.returncode == status, result.stdout + result.stderr
         return json.loads(result.stdout)
 
@@ -106,14 +114,28 @@ class Site:
                       key=lambda disk: disk["file"].replace("Z.vmdk", "Z-1.vmdk"))
 
     def newest(self):
-        return pathlib.Path(self.call("newest").stdout.strip())
+        return self.call("newest").stdout.strip()
 
     def expect_newest_is_source(self, *password):
-        self.kelm("compare", str(self.newest()), str(self.source), *password)
-        self.kelm("check", str(self.newest()), *password)
+        self.kelm("compare", self.newest(), str(self.source), *password)
+        self.kelm("check", self.newest(), *password)
+
+    def disk(self, name):
+        """What a file of the destination is called."""
+        return f"{self.destination}/{name}"
+
+    def local(self, disk):
+        """Where such a file is."""
+        return self.place / pathlib.PurePath(disk).name
 
     def files(self):
-        return sorted(os.listdir(self.destination))
+        return sorted(os.listdir(self.place))
+
+    def begun(self):
+        """The names of what remembers which disk is being made."""
+        if not self.is_in_store:
+            return sorted(file.name for file in self.place.glob(".*"))
+        return sorted(os.listdir(self.state)) if self.state.exists() else []
 
     def log(self):
         """What hooks have written into the file "log"."""
@@ -122,10 +144,16 @@ class Site:
 
 
 @pytest.fixture
-def site(tmp_path):
+def is_in_store():
+    """Whether the site's backups go to a store. Tests for both kinds have it as a parameter."""
+    return False
+
+
+@pytest.fixture
+def site(tmp_path, is_in_store):
     # A program that waits for ever would hang the tests for good.
     faulthandler.dump_traceback_later(600, exit=True)
-    yield Site(tmp_path)
+    yield Site(tmp_path, is_in_store)
     faulthandler.cancel_dump_traceback_later()
 
 
@@ -144,17 +172,22 @@ def manager(site, monkeypatch):
     for name in ("kelm-backup@.service", "kelm-backup@.timer"):
         (units / name).write_bytes((SOURCES / name).read_bytes())
     monkeypatch.setenv("PATH", site.environment["PATH"])
+    folder = site.folder / "etc/systemd/system/kelm-backup@.service.d"
+    folder.mkdir(parents=True)
+    (folder / "stores.conf").write_text(
+        f"[Service]\nEnvironment=KELM_STORES={TEST_STORES}\n"
+        f"Environment=KELM_TEST_STORE={site.folder}/store\n", encoding="utf-8")
     return Manager(site.folder)
 
 
 @pytest.fixture
 def small_destination(site):
     """The destination has 4 MiB."""
-    command = ["mount", "-t", "tmpfs", "-o", "size=4m", "small", str(site.destination)]
+    command = ["mount", "-t", "tmpfs", "-o", "size=4m", "small", str(site.place)]
     if os.geteuid() != 0 or subprocess.run(command, check=False).returncode != 0:
         pytest.skip("a small file system cannot be mounted here")
-    yield site.destination
-    subprocess.run(["umount", str(site.destination)], check=True)
+    yield site.place
+    subprocess.run(["umount", str(site.place)], check=True)
 
 
 def end_by(process, signal_number=signal.SIGTERM):

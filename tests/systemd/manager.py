@@ -28,7 +28,8 @@ import threading
 UNIT_FOLDERS = ["etc/systemd/system", "usr/local/lib/systemd/system", "usr/lib/systemd/system"]
 # Settings whose lines add up; of all others the last line counts.
 LISTS = {"ExecStartPre", "ExecStart", "ExecStopPost", "Environment", "LoadCredentialEncrypted",
-         "ReadWritePaths", "OnFailure", "RequiresMountsFor", "WantedBy"}
+         "ReadWritePaths", "OnFailure", "RequiresMountsFor", "WantedBy", "RuntimeDirectory",
+         "StateDirectory", "ConfigurationDirectory"}
 
 
 class Journal:
@@ -153,12 +154,16 @@ class Manager:
             name, _, value = word.partition("=")
             environment[name] = value
         for setting, variable, folder in (("RuntimeDirectory", "RUNTIME_DIRECTORY", "run"),
+                                          ("StateDirectory", "STATE_DIRECTORY", "var/lib"),
                                           ("ConfigurationDirectory", "CONFIGURATION_DIRECTORY",
                                            "etc")):
-            if setting in settings:
-                path = self.root / folder / settings[setting]
-                path.mkdir(parents=True, exist_ok=True)
-                environment[variable] = str(path)
+            # In the order of their names, as systemd has them.
+            paths = sorted(str(self.root / folder / name)
+                           for name in " ".join(settings[setting]).split())
+            for path in paths:
+                os.makedirs(path, exist_ok=True)
+            if paths:
+                environment[variable] = ":".join(paths)
         if settings["LoadCredentialEncrypted"]:
             environment["CREDENTIALS_DIRECTORY"] = credentials
         return environment

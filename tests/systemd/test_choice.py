@@ -35,7 +35,8 @@ NEWER = "20310228T030000Z"
 
 def choose(entries, **settings):
     chosen = backup(**settings)
-    parent, reason = program.choose_parent(chosen, program.disks_of(chosen, entries), NOW)
+    found = program.entries_in_folder({"folders": ["/backup"], "disks": entries})
+    parent, reason = program.choose_parent(chosen, program.disks_of(chosen, found), NOW)
     return parent.file if parent else None, reason
 
 
@@ -111,3 +112,27 @@ def test_disks_of_others_do_not_count(other):
 def test_a_disk_of_the_past_is_found_though_the_clock_was_wrong():
     future = disk("20350101T000000Z")
     assert choose([FULL, future])[0] == future["file"]
+
+
+@pytest.mark.parametrize("folder", ["test:/", "test:/a%20b", "ceph://writer@disks/backup", "/",
+                                    "/backup"])
+def test_disks_are_found_in_any_kind_of_folder(folder):
+    root = folder.rstrip("/")
+    name = "web-20310201T023000Z.vmdk"
+    entries = [dict(FULL, file=f"{root}/{name}"), dict(CHILD, file=f"{root}/below/{name}"),
+               dict(CHILD, file=f"{root}s/{name}")]
+    found = program.entries_in_folder({"folders": [folder], "disks": entries})
+    assert found == {name: entries[0]}
+
+
+@pytest.mark.parametrize("there, names", [
+    ([], ["", "-2"]),
+    (["web-20310301T022959Z.vmdk", "mail-20310301T023000Z.vmdk"], ["", "-2"]),
+    (["web-20310301T023000Z.vmdk"], ["-2", "-3"]),
+    (["web-20310301T023000Z-s00001.vmdk"], ["-2", "-3"]),
+    # The order of the names is that of the disks, so no gap is filled.
+    (["web-20310301T023000Z.vmdk", "web-20310301T023000Z-12-s00001.vmdk"], ["-13", "-14"]),
+])
+def test_a_name_stands_behind_all_of_its_second(there, names):
+    found = program.new_disk_names(backup(), NOW, dict.fromkeys(there, {}))
+    assert [next(found), next(found)] == [f"web-20310301T023000Z{name}.vmdk" for name in names]

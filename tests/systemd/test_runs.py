@@ -1,4 +1,7 @@
-"""Whole runs of kelm-backup: what is there afterwards, and what trouble leads to."""
+"""Whole runs of kelm-backup: what is there afterwards, and what trouble leads to.
+
+All of it holds for backups into a folder and into a store.
+"""
 
 import fcntl
 import os
@@ -9,6 +12,11 @@ import subprocess
 import pytest
 
 from conftest import GRAIN_BYTES, PROGRAM, SOURCE_BYTES, TOOL, end_by
+
+
+@pytest.fixture(params=[False, True], ids=["folder", "store"])
+def is_in_store(request):
+    return request.param
 
 
 def parents(site):
@@ -52,7 +60,7 @@ def test_kinds_of_disks(site, settings, facts):
             assert site.list()[-1][name] == value
         site.change(5)
     assert parents(site) == [None, 0]
-    site.kelm("check", str(site.newest()), "--password-file", str(password))
+    site.kelm("check", site.newest(), "--password-file", str(password))
 
 
 def test_digests_as_they_are_wanted(site):
@@ -63,7 +71,7 @@ def test_digests_as_they_are_wanted(site):
     site.run()
     digest = subprocess.run(["sha256sum", str(site.source)], check=True, capture_output=True,
                             text=True).stdout[:64]
-    assert site.kelm("digest", "--print", str(site.newest()))["imageDigest"] == digest
+    assert site.kelm("digest", "--print", site.newest())["imageDigest"] == digest
 
 
 def test_checks_as_wanted(site):
@@ -141,6 +149,32 @@ def test_newest_is_found_or_not(site):
     assert site.call("newest").stdout.strip() == site.list()[-1]["file"]
 
 
+def test_a_link_to_the_destination_is_as_good(site):
+    (site.place.parent / "link").symlink_to("backup")
+    site.run()
+    destination = "test:/link/" if site.is_in_store else site.folder / "link"
+    site.configure(destination=destination)
+    site.change(1)
+    assert f"a child of {site.disk('web-')}" in site.run()
+    site.kill_kelm("import", 4)
+    site.run(status=3)
+    site.mend_kelm()
+    site.configure(destination=str(destination).rstrip("/"), keep_last=2)
+    site.run()
+    assert parents(site) == [None, 0]
+    assert site.begun() == []
+    site.expect_newest_is_source()
+
+
+def test_what_waits_for_a_store_is_given_up_as_the_settings_say(site):
+    site.configure(store_timeout=30, check="yes", keep_last=1)
+    site.use_kelm(f'echo "$@" >> {site.folder}/log\nexec "{TOOL}" "$@"')
+    for _ in range(3):
+        site.run()
+    assert {line.split()[0] for line in site.log()} == {"list", "import", "check", "prune"}
+    assert all(" --store-timeout 30 " in line for line in site.log())
+
+
 # ---- Hooks ---------------------------------------------------------------------------------------
 
 
@@ -204,18 +238,17 @@ def test_a_hook_that_is_killed_is_told(site, hooks):
 
 def operations_of_import(site):
     """How many operations on files an import takes."""
-    log = site.folder / "operations"
-    environment = dict(os.environ, KELM_FILE_LOG_KILL_AFTER="1000000", KELM_FILE_LOG_NO_SYNC="1",
+    environment = dict(site.environment, KELM_FILE_LOG_NO_SYNC="1",
                        LD_PRELOAD=os.environ["KELM_FILE_LOG_LIBRARY"])
     low, high = 1, 4096
     # The first number of operations behind which nothing is left to be killed.
     while low < high:
         middle = (low + high) // 2
         environment["KELM_FILE_LOG_KILL_AFTER"] = str(middle)
-        target = log.with_suffix(".vmdk")
-        status = subprocess.run([TOOL, "import", str(site.source), str(target)], check=False,
+        target = site.disk("operations.vmdk")
+        status = subprocess.run([TOOL, "import", str(site.source), target], check=False,
                                 env=environment).returncode
-        for file in site.folder.glob("operations.vmdk*"):
+        for file in site.place.glob("operations.vmdk*"):
             file.unlink()
         if status == -signal.SIGKILL:
             low = middle + 1
@@ -244,6 +277,7 @@ def test_the_run_after_a_kill_goes_right_wherever_it_was(site, settings):
         site.expect_newest_is_source()
         stems = [pathlib.Path(disk["file"]).stem for disk in site.list()]
         assert all(any(name.startswith(stem) for stem in stems) for name in site.files()), after
+        assert site.begun() == [], after
     assert parents(site)[0] is None and None not in parents(site)[1:]
 
 
@@ -370,13 +404,100 @@ def test_two_runs_at_once_are_one(site):
     site.run()
 
 
+# ---- Other machines ------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("resume", ["no", "yes"])
+def test_a_run_of_another_machine_of_the_same_name_is_left_alone(site, resume):
+    site.configure(resume=resume, compress="no")
+    site.run()
+    # No lock of this machine is in its way. Its image comes slowly.
+    unfinished = site.disk("web-20990101T000000Z.vmdk")
+    with subprocess.Popen([TOOL, "import", "-", unfinished, "--size", "2M", "--parent",
+                           site.newest()], env=site.environment, stdin=subprocess.PIPE,
+                          stderr=subprocess.DEVNULL) as other:
+        other.stdin.write(site.source.read_bytes()[:SOURCE_BYTES // 2])
+        other.stdin.flush()
+        # More than a pipe holds: once it is taken, the disk is there.
+        assert "in use" in site.run(status=6)
+        assert [disk["state"] for disk in site.list()] == ["complete", "unfinished"]
+        other.stdin.write(site.source.read_bytes()[SOURCE_BYTES // 2:])
+        other.stdin.close()
+        assert other.wait() == 0
+    assert [disk["state"] for disk in site.list()] == ["complete", "complete"]
+    site.kelm("compare", unfinished, str(site.source))
+
+
+def test_another_machine_may_have_been_quicker_to_take_the_name(site):
+    site.use_kelm(f'[ "$1" != import ] || [ -e {site.folder}/taken ] || '
+                  f'{{ touch {site.folder}/taken; "{TOOL}" import "$2" "$3" --quiet; }}\n'
+                  f'exec "{TOOL}" "$@"')
+    site.run()
+    site.expect_newest_is_source()
+    first, second = [disk["file"] for disk in site.list()]
+    assert second == first.replace("Z.vmdk", "Z-2.vmdk")
+    assert [disk["state"] for disk in site.list()] == ["complete", "complete"]
+    assert site.begun() == []
+
+
+def test_what_the_other_machine_makes_under_the_name_stays(site):
+    # The run is killed when it has met it, so the name is still written down as its own.
+    site.use_kelm(f'[ "$1" != import ] || {{ "{TOOL}" import "$2" "$3" --quiet; kill -KILL $$; }}\n'
+                  f'exec "{TOOL}" "$@"')
+    site.run(status=3)
+    assert len(site.begun()) == 1
+    site.mend_kelm()
+    site.run()
+    assert [disk["state"] for disk in site.list()] == ["complete", "complete"]
+    assert site.begun() == []
+
+
+def test_what_is_left_in_one_destination_waits_until_it_is_one_again(site):
+    other = site.place.parent / "other"
+    other.mkdir()
+    site.kill_kelm("import", 4)
+    site.run(status=3)
+    assert [disk["state"] for disk in site.list()] == ["damaged"]
+    site.mend_kelm()
+    site.configure(destination="test:/other" if site.is_in_store else other)
+    site.run()
+    assert len(os.listdir(other)) == 2
+    assert [disk["state"] for disk in site.list()] == ["damaged"]
+    site.configure()
+    assert "was left unfinished; it is deleted." in site.run()
+    assert [disk["state"] for disk in site.list()] == ["complete"]
+    assert site.begun() == []
+    assert len(site.files()) == 2
+
+
+def test_a_disk_that_was_damaged_since_is_not_taken_for_what_a_kill_has_left(site):
+    site.kill_kelm("import", 30)
+    site.run(status=3)
+    assert [disk["state"] for disk in site.list()] == ["unfinished"]
+    site.mend_kelm()
+    broken = site.list()[0]["file"]
+    with open(site.local(broken), "r+b") as file:
+        file.write(b"oops" * 128)
+    assert f"{broken} (damaged)" in site.run(status=7)
+    assert sorted(disk["state"] for disk in site.list()) == ["complete", "damaged"]
+    assert site.begun() == []
+
+
 # ---- Other trouble -------------------------------------------------------------------------------
 
 
 def test_without_the_destination_there_is_no_backup(site):
     site.configure(destination=site.folder / "unmounted")
-    assert "There is no folder" in site.run(status=8)
+    assert f"There is no folder {site.folder}/unmounted. It is not made here. It may be that its " \
+           "file system is not mounted." in site.run(status=8)
     assert not (site.folder / "unmounted").exists()
+    (site.folder / "store").mkdir(exist_ok=True)
+    site.configure(destination="test:/unknown")
+    assert "There is no folder test:/unknown. It is not made here. Cannot list the folder: " \
+        "No such file or directory" in site.run(status=8)
+    assert not (site.folder / "store/unknown").exists()
+    site.configure(destination="other:/backup")
+    assert "There is no store for 'other:' here" in site.run(status=8)
 
 
 def test_a_source_that_is_none_is_refused(site):
@@ -408,9 +529,11 @@ def test_a_wrong_password_makes_no_disk(site):
     files = site.files()
     password.write_text("wrong horse\n", encoding="utf-8")
     assert "kelm import: " in site.run(status=4)
-    assert set(site.files()) - set(files) == {f".web@{os.uname().nodename}.begun"}
+    assert set(site.files()) - set(files) == ({*site.begun()} if not site.is_in_store else set())
+    assert len(site.begun()) == 1 and site.begun()[0].strip(".").startswith("web@")
     password.write_text("correct horse\n", encoding="utf-8")
     site.run()
+    assert site.begun() == []
     assert parents(site) == [None, 0]
     site.expect_newest_is_source("--password-file", str(password))
 
@@ -420,7 +543,7 @@ def test_a_damaged_disk_gets_no_child_and_is_told_of(site, hooks):
     site.change(1)
     site.run()
     broken = site.newest()
-    with open(broken, "r+b") as file:
+    with open(site.local(broken), "r+b") as file:
         file.truncate(1000)
     site.configure(keep_last=1, **hooks)
     site.change(2)
@@ -435,7 +558,7 @@ def test_a_damaged_disk_gets_no_child_and_is_told_of(site, hooks):
     assert f"{broken} (damaged)" in site.run(status=7)
     assert [disk["parents"] for disk in site.list() if disk["state"] == "complete"] == [0, 0, 1]
     # Until somebody has looked.
-    broken.unlink()
+    site.local(broken).unlink()
     site.run()
     assert len(site.list()) == 1
     site.expect_newest_is_source()
@@ -446,7 +569,7 @@ def test_a_changed_parent_gets_no_grandchild(site):
     site.change(1)
     site.run()
     full = site.list()[0]["file"]
-    subprocess.run([TOOL, "import", str(site.source), full, "--force"], check=True)
+    site.kelm("import", str(site.source), full, "--force")
     assert "parent changed" in site.run(status=7)
     site.expect_newest_is_source()
     assert site.list()[-1]["parents"] == 0
@@ -455,7 +578,7 @@ def test_a_changed_parent_gets_no_grandchild(site):
 def test_damage_in_the_data_ends_the_run_before_anything_goes(site):
     site.configure(check="yes", keep_last=1, compress="no")
     site.run()
-    with open(site.newest(), "r+b") as file:
+    with open(site.local(site.newest()), "r+b") as file:
         file.seek(-1000, os.SEEK_END)
         file.write(b"oops")
     site.change(1)
@@ -465,11 +588,10 @@ def test_damage_in_the_data_ends_the_run_before_anything_goes(site):
 
 def test_a_clock_that_was_wrong_is_told_of(site):
     site.run()
-    newest = site.newest()
-    future = newest.with_name("web-20990101T000000Z.vmdk")
-    site.kelm("rename", str(newest), str(future))
+    future = site.disk("web-20990101T000000Z.vmdk")
+    site.kelm("rename", site.newest(), future)
     assert f"{future} is of the future" in site.run()
-    assert site.kelm("list", str(site.destination))["disks"][1]["parent"] == str(future)
+    assert site.kelm("list", str(site.destination))["disks"][1]["parent"] == future
 
 
 # ---- A full destination --------------------------------------------------------------------------

@@ -44,6 +44,7 @@ def test_comments_empty_lines_and_space_do_not_count():
     ("compress = 6", "'compress': 6 is neither yes nor no"),
     ("source = disk.img", "'source' is in line 1 already"),
     ("password-file = secret", "'password-file': secret is no absolute path"),
+    ("store-timeout = 0", "'store-timeout': 0 is no whole number from 1 to 31536000"),
     ("level = 10", "'level': 10 is no whole number from 0 to 9"),
     ("level = -1", "'level': -1 is no whole number from 0 to 9"),
     ("split = 2GB", "'split': 2GB is no size: a number, or one with K, M, G or T behind it"),
@@ -58,6 +59,35 @@ def test_comments_empty_lines_and_space_do_not_count():
 ])
 def test_a_wrong_line_is_named(line, problem):
     assert problems_of(NEEDED + line + "\n") == ["web.conf:3: " + problem]
+
+
+@pytest.mark.parametrize("text, destination", [
+    ("/backup/web", "/backup/web"),
+    ("/backup/../srv//web/", "/srv/web"),
+    ("file:///backup/of%20web", "/backup/of web"),
+    ("file:/backup/web", "/backup/web"),
+    ("ceph://writer@disks/backup/server-1", "ceph://writer@disks/backup/server-1"),
+    ("ceph:/backup of/web/", "ceph:/backup of/web/"),
+    ("test:/", "test:/"),
+])
+def test_a_destination_is_a_folder_here_or_in_a_store(text, destination):
+    parsed = parse(f"source = /dev/sda\ndestination = {text}\n")
+    assert parsed["destination"] == destination
+
+
+@pytest.mark.parametrize("text, problem", [
+    ("backup", "is neither an absolute path nor the URI of a folder in a store"),
+    ("c:/backup", "is neither an absolute path nor the URI of a folder in a store"),
+    ("file:backup", "is neither an absolute path nor the URI of a folder in a store"),
+    ("file://server/backup", "names a file of another machine"),
+    ("s3://bucket/web", "is for reading only: no disks can be made by 's3:'"),
+    ("S3://bucket/web", "is for reading only: no disks can be made by 's3:'"),
+    ("https://server/web", "is for reading only: no disks can be made by 'https:'"),
+    ("http://server/web", "is for reading only: no disks can be made by 'http:'"),
+])
+def test_a_destination_in_which_no_disk_can_be_made_is_refused(text, problem):
+    assert problems_of(f"source = /dev/sda\ndestination = {text}\n") == [
+        f"web.conf:2: 'destination': {text} {problem}"]
 
 
 def test_all_wrong_lines_are_named_at_once():

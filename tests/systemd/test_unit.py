@@ -41,6 +41,13 @@ def analyze(*arguments):
     return result.returncode, result.stdout, result.stderr
 
 
+def add_drop_in(folder, site):
+    """Adds what kelm-backup says that the unit has to be told."""
+    drop_ins = folder / "kelm-backup@.service.d"
+    drop_ins.mkdir(exist_ok=True)
+    (drop_ins / "site.conf").write_text(site.call("drop-in").stdout, encoding="utf-8")
+
+
 @pytest.mark.parametrize("name", ["kelm-backup@.service", "kelm-backup@.timer"])
 def test_systemd_finds_nothing_wrong(units, name):
     # What it does not know it names and ignores.
@@ -48,19 +55,23 @@ def test_systemd_finds_nothing_wrong(units, name):
     assert (status, errors) == (0, "")
 
 
-def test_the_drop_in_is_right(units, site):
-    site.configure(destination='/backup of/the "web" 100%', before="true")
-    folder = units / "kelm-backup@.service.d"
-    folder.mkdir()
-    (folder / "site.conf").write_text(site.call("drop-in").stdout, encoding="utf-8")
+@pytest.mark.parametrize("destination", ['/backup of/the "web" 100%', "ceph://writer@disks/web"])
+def test_the_drop_in_is_right(units, site, destination):
+    site.configure(destination=destination, before="true")
+    add_drop_in(units, site)
     status, _, errors = analyze("verify", "--man=no", str(units / "kelm-backup@.service"))
     assert (status, errors) == (0, "")
 
 
-def test_the_sandbox_is_tight(units):
-    # In tenths; systemd calls up to 4 OK.
-    status, output, errors = analyze("security", "--offline=true", "--threshold=15",
-                                     str(units / "kelm-backup@.service"))
+# In tenths; systemd calls up to 4 OK.
+@pytest.mark.parametrize("destination, most", [("/backup", 15), ("ceph://writer@disks/web", 23)])
+def test_the_sandbox_is_tight(units, site, destination, most):
+    site.configure(destination=destination)
+    # What is looked at offline is one file, without its drop-ins; settings add up in it alike.
+    unit = units / "kelm-backup@.service"
+    unit.write_text(unit.read_text(encoding="utf-8") + site.call("drop-in").stdout,
+                    encoding="utf-8")
+    status, output, errors = analyze("security", "--offline=true", f"--threshold={most}", str(unit))
     assert status == 0, output + errors
 
 
@@ -76,8 +87,10 @@ def test_the_timer_is_due_once_a_day(units):
 # ---- Runs ----------------------------------------------------------------------------------------
 
 
+@pytest.mark.parametrize("is_in_store", [False, True], ids=["folder", "store"])
 def test_a_service_runs_the_steps_and_tells_the_journal(manager, site, hooks):
     site.configure(keep_last=5, check="yes", **hooks)
+    add_drop_in(site.folder / "etc/systemd/system", site)
     assert manager.start(SERVICE)
     site.change(4)
     assert manager.start(SERVICE)
@@ -95,6 +108,32 @@ def test_a_service_runs_the_steps_and_tells_the_journal(manager, site, hooks):
     assert len(entries(manager, KELM_COMMAND="check")) == 2
     assert len(entries(manager, KELM_COMMAND="prune")) == 2
     assert not entries(manager, PRIORITY="3")
+
+
+@pytest.mark.parametrize("is_in_store", [True])
+def test_what_a_killed_service_has_begun_in_a_store_is_remembered_on_the_machine(manager, site):
+    site.configure()
+    add_drop_in(site.folder / "etc/systemd/system", site)
+    site.kill_kelm("import", 4)
+    assert not manager.start(SERVICE)
+    assert not entries(manager, PRIORITY="4")
+    assert [disk["state"] for disk in site.list()] == ["damaged"]
+    assert len(site.begun()) == 1
+    assert sorted(file.name for file in (site.folder / "run").glob("kelm*")) == [
+        "kelm", "kelm-backup"]
+    assert (site.folder / "run/kelm-backup/web.lock").exists()
+    site.mend_kelm()
+    assert manager.start(SERVICE)
+    assert [disk["state"] for disk in site.list()] == ["complete"]
+    assert site.begun() == []
+
+
+@pytest.mark.parametrize("is_in_store", [True])
+def test_a_unit_that_was_not_told_of_a_store_is_pointed_to_its_drop_in(manager, site):
+    site.source.unlink()
+    assert not manager.start(SERVICE)
+    assert any("'kelm-backup drop-in' prints what it has to be told." in entry["MESSAGE"]
+               for entry in entries(manager, PRIORITY="4"))
 
 
 def test_the_status_of_kelm_is_that_of_the_service(manager, site, hooks):
@@ -119,7 +158,6 @@ def test_an_error_of_kelm_has_its_fields(manager, site):
 
 def test_a_failure_starts_what_is_named_for_it(manager, site):
     folder = site.folder / "etc/systemd/system/kelm-backup@.service.d"
-    folder.mkdir(parents=True)
     (folder / "failure.conf").write_text("[Unit]\nOnFailure=tell@%i.service\n", encoding="utf-8")
     (folder.parent / "tell@.service").write_text(
         f"[Service]\nType=oneshot\nExecStart=/bin/sh -c 'echo %i >> {site.folder}/log'\n",
@@ -166,8 +204,11 @@ def test_the_password_is_a_credential(manager, site):
     site.expect_newest_is_source("--password-file", str(password))
 
 
+@pytest.mark.parametrize("is_in_store", [False, True], ids=["folder", "store"])
 @pytest.mark.parametrize("killed", ["before", "import", "after", "tend"])
 def test_the_hook_after_runs_whichever_step_is_killed(manager, site, hooks, killed):
+    site.configure()
+    add_drop_in(site.folder / "etc/systemd/system", site)
     kill = "[ -e {0}/killed ] || {{ touch {0}/killed; kill -KILL $PPID; }}".format(site.folder)
     if killed in hooks:
         site.configure(**dict(hooks, **{killed: f"{hooks[killed]}; {kill}"}))

@@ -1,6 +1,7 @@
 #include <memory>
 
 #include "host/backups/disk_deletion.h"
+#include "host/backups/disk_remains.h"
 #include "host/store/file_names.h"
 #include "host/system/name_text.h"
 #include "tools/kelm/commands.h"
@@ -18,6 +19,7 @@ struct DeleteArguments {
     std::vector<std::string> lookIn;
     bool withChildren = false;
     bool keepChildren = false;
+    bool remains = false;
     PasswordOptions passwords;
 };
 
@@ -38,7 +40,28 @@ std::string formatDeletion(std::vector<yx::CURI> const& files, std::vector<yx::C
     return text + formatNames(files);
 }
 
+void tell(Invocation& invocation, std::vector<yx::CURI> const& files,
+          std::vector<yx::CURI> const& kept) {
+    invocation.getResult().add({{"files", listNames(files)}, {"madeIndependent", listNames(kept)}});
+    invocation.getResult().print(formatDeletion(files, kept));
+}
+
+ExitStatus deleteRemains(Invocation& invocation, DeleteArguments& arguments) {
+    if (arguments.withChildren || arguments.keepChildren)
+        throw UsageError("What is no disk yet has no children; leave out --with-children and "
+                         "--keep-children.");
+    yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
+    host::DurableFiles steps;
+    tell(invocation, invocation.getWait().retry([&] {
+        return host::deleteDiskRemains(invocation.getFiles(), steps, mainFile);
+    }),
+         {});
+    return ExitStatus::Done;
+}
+
 ExitStatus deleteDisk(Invocation& invocation, DeleteArguments& arguments) {
+    if (arguments.remains)
+        return deleteRemains(invocation, arguments);
     if (arguments.withChildren && arguments.keepChildren)
         throw UsageError("Give --with-children or --keep-children, not both.");
     yx::CURI const mainFile = host::uriFromArgument(arguments.disk);
@@ -52,8 +75,7 @@ ExitStatus deleteDisk(Invocation& invocation, DeleteArguments& arguments) {
     host::DurableFiles steps;
     std::vector<yx::CURI> const files = invocation.getWait().retry(
         [&] { return host::DiskDeletion(invocation.getFiles(), steps, mainFile, options).run(); });
-    invocation.getResult().add({{"files", listNames(files)}, {"madeIndependent", listNames(kept)}});
-    invocation.getResult().print(formatDeletion(files, kept));
+    tell(invocation, files, kept);
     return ExitStatus::Done;
 }
 
@@ -70,6 +92,8 @@ void addDeleteCommand(CLI::App& program, Run& run) {
             "Delete the children too, and theirs");
     addFlag(command, "--keep-children", arguments->keepChildren,
             "Make the children independent of the disk first");
+    addFlag(command, "--remains", arguments->remains,
+            "Delete, and no disk, what a command that was killed while it made this one has left");
     arguments->passwords.addTo(command, "", "of the children");
 }
 

@@ -135,7 +135,7 @@ ExitStatus list(Invocation& invocation, ListArguments& arguments) {
     for (std::string const& folder : arguments.folders)
         folders.push_back(host::uriFromArgument(folder));
     std::vector<BackupDisk> const disks = host::listBackups(invocation.getFiles(), folders);
-    invocation.getResult().add({{"disks", reportAll(disks)}});
+    invocation.getResult().add({{"folders", listNames(folders)}, {"disks", reportAll(disks)}});
     if (arguments.picture.empty())
         invocation.getResult().print(formatAll(disks));
     else

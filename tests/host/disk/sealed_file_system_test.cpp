@@ -189,9 +189,27 @@ TEST_F(SealedFileSystemTest, ADiskThatIsSealedIsNoDiskToAnybodyElse) {
         EXPECT_THROW(
             kelm::CVMDKDisk(files.get(), uri, yx::IIOStream::ReadOnly, "", -1, nullptr, nullptr),
             yx::CError);
+        EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri));
         sealed->unseal();
+        EXPECT_FALSE(kelm::host::isSealedFile(files.get(), uri));
         kelm::CVMDKDisk disk(files.get(), uri, yx::IIOStream::ReadOnly, "", -1, nullptr, nullptr);
         EXPECT_EQ(8 << 20, disk.getSizeBytes());
+    }
+}
+
+TEST_F(SealedFileSystemTest, AFileThatWasNotUnsealedIsKnownByItsFirstSector) {
+    EXPECT_FALSE(kelm::host::isSealedFile(files.get(), uri));
+    write(*open(), 0, {});
+    EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri));
+    write(*open(), 0, pattern(1500));
+    EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri));
+    for (int const zeros : {1, 511, 512}) {
+        Bytes content(static_cast<std::size_t>(zeros), 0);
+        files->putFile(uri, test_support::toBuffer(content));
+        EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri)) << zeros;
+        content.push_back(1);
+        files->putFile(uri, test_support::toBuffer(content));
+        EXPECT_EQ(zeros == 512, kelm::host::isSealedFile(files.get(), uri)) << zeros;
     }
 }
 

@@ -458,6 +458,7 @@ complete -c kelm -n '__fish_seen_subcommand_from delete' -l store-timeout -x -d 
 complete -c kelm -n '__fish_seen_subcommand_from delete' -l look -r -F -d 'A folder in which children of the disk are looked for, by default the disk\'s own; may be given several times'
 complete -c kelm -n '__fish_seen_subcommand_from delete' -l with-children -d 'Delete the children too, and theirs'
 complete -c kelm -n '__fish_seen_subcommand_from delete' -l keep-children -d 'Make the children independent of the disk first'
+complete -c kelm -n '__fish_seen_subcommand_from delete' -l remains -d 'Delete, and no disk, what a command that was killed while it made this one has left'
 complete -c kelm -n '__fish_seen_subcommand_from delete' -l max-rounds -x -d 'The most rounds of key derivation that a disk may ask for; 10000000 by default'
 complete -c kelm -n '__fish_seen_subcommand_from delete' -l parent-password-file -r -F -d 'Read the password of parents that have another one from a file'
 complete -c kelm -n '__fish_seen_subcommand_from delete' -l parent-password-fd -x -d 'Read the password of parents that have another one from an open file descriptor'
