@@ -99,16 +99,15 @@ struct Work {
     std::function<void(yx::IFileSystem*)> run;
 };
 
-/// A line of the table: the time and the requests of some work.
-double measure(yx::IFileSystem* native, Work const& work, Kind const& kind, int delayMs) {
-    yx::P<bench::DelayedFiles> const files =
-        yx::makeObject<bench::DelayedFiles>(native, std::chrono::milliseconds(delayMs));
+/// A line of the table: the time and the requests of some work, which are forgotten.
+double measure(bench::DelayedFiles& files, Work const& work, Kind const& kind, int delayMs) {
     Clock::time_point const start = Clock::now();
-    work.run(files.get());
+    work.run(&files);
     double const seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::printf("| %s | %s | %d ms | %.4f s | %s |\n", work.name, kind.name, delayMs, seconds,
-                files->getMeter().describe().c_str());
+                files.getMeter().describe().c_str());
     std::fflush(stdout);
+    files.getMeter().forget();
     return seconds;
 }
 
@@ -120,9 +119,11 @@ void measureKind(std::filesystem::path const& folder, std::string const& image, 
     auto const with = [&](std::function<void(host::SafeDisk&)> const& use) {
         return [&kind, disk, use](yx::IFileSystem* files) { use(*openDisk(files, disk, kind)); };
     };
+    std::unique_ptr<host::SafeDisk> kept;
     Work const works[] = {
         {"import", [&](yx::IFileSystem* files) { import(files, disk, image, kind); }},
-        {"open", with([](host::SafeDisk&) {})},
+        {"open", [&](yx::IFileSystem* files) { kept = openDisk(files, disk, kind); }},
+        {"close", [&](yx::IFileSystem*) { kept.reset(); }},
         {"info with space", with([](host::SafeDisk& opened) { host::gatherSpace(opened, {}); })},
         {"random reads", with(readAtRandom)},
         {"export", with([&](host::SafeDisk& opened) {
@@ -137,8 +138,10 @@ void measureKind(std::filesystem::path const& folder, std::string const& image, 
                  bench::failWith("the disk is not sound");
          }}};
     double exportSeconds = 0;
+    yx::P<bench::DelayedFiles> const files =
+        yx::makeObject<bench::DelayedFiles>(native.get(), std::chrono::milliseconds(delayMs));
     for (Work const& work : works) {
-        double const seconds = measure(native.get(), work, kind, delayMs);
+        double const seconds = measure(*files, work, kind, delayMs);
         if (std::string(work.name) == "export")
             exportSeconds = seconds;
         if (std::string(work.name) == "check")

@@ -37,6 +37,9 @@ public:
         return count;
     }
 
+    /// Begins to count anew.
+    void forget() { m_counts.fill(0); }
+
     /// "12: open 3, read 5, ...".
     std::string describe() const {
         std::string text = std::to_string(getCount());
@@ -127,7 +130,7 @@ public:
     DelayedFiles(yx::IFileSystem* fileSystem, std::chrono::microseconds delay)
         : m_fileSystem(fileSystem), m_meter(yx::makeObject<RequestMeter>(delay)) {}
 
-    RequestMeter const& getMeter() const { return *m_meter; }
+    RequestMeter& getMeter() const { return *m_meter; }
 
     yx::P<yx::IIOStream> openFile(yx::CURI const& uri, yx::IIOStream::Access access,
                                   unsigned int* options) override {
