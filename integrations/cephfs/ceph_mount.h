@@ -13,6 +13,7 @@
 
 #include "integrations/cephfs/ceph_calls.h"
 #include "integrations/cephfs/ceph_location.h"
+#include "integrations/cephfs/ceph_pools.h"
 #include "integrations/cephfs/client_note.h"
 
 struct ceph_mount_info;
@@ -92,6 +93,9 @@ public:
         return m_site.clusterID + "/" + std::to_string(m_site.fileSystemNumber);
     }
 
+    /// The pools that this client's files lie in, for calls that use them.
+    std::shared_ptr<CephPools> const& getPools() const { return m_pools; }
+
     /// The longest that a file may become.
     __int64 getMaxFileLengthBytes(yx::CURI const& uri) const;
 
@@ -112,6 +116,7 @@ private:
     bool isOwnProcess() const noexcept;
 
     std::shared_ptr<CephCalls> m_calls;
+    std::shared_ptr<CephPools> m_pools = std::make_shared<CephPools>();
     ceph_mount_info* m_client = nullptr;
     pid_t m_process;
 

@@ -18,6 +18,7 @@
 #include "tests/cluster/client_process.h"
 #include "tests/cluster/cluster_backends.h"
 #include "tests/cluster/cluster_shell.h"
+#include "tests/cluster/full_pool.h"
 #include "tests/disk/disk_history.h"
 #include "tests/support/hooked_file_system.h"
 #include "tests/support/ignored_exception_capture.h"
@@ -30,8 +31,8 @@ namespace {
 
 using cluster_shell::comesTrue;
 using cluster_shell::evictLastClient;
+using cluster_shell::FullPool;
 using cluster_shell::isClusterWhole;
-using cluster_shell::runInShell;
 using cluster_shell::runScript;
 using file_system_backends::Cluster;
 using file_system_backends::getClient;
@@ -216,25 +217,26 @@ TEST_F(ClusterLoss, AFullPoolFailsAnImportAndHarmsNothingElse) {
     IgnoredExceptionCapture const ignored;
     LogCapture const quiet;
     importImage(&getClient(0), backend.uri("whole.vmdk"));
-    auto const isFull = [] {
-        return runInShell("ceph osd dump 2>/dev/null").find("full_quota") != std::string::npos;
-    };
+    std::unique_ptr<FullPool> full;
     auto const files = yx::makeObject<StepFiles>(
-        &getClient(0), StepFiles::Steps{{10, [&] {
-                                             runInShell("ceph osd pool set-quota disks.data "
-                                                        "max_bytes 1048576 2>/dev/null");
-                                             EXPECT_TRUE(comesTrue(isFull));
-                                         }}});
+        &getClient(0), StepFiles::Steps{{10, [&] { full = std::make_unique<FullPool>(); }}});
     yx::CURI const uri = backend.uri("disk.vmdk");
     EXPECT_EQ(codeOf([&] { importImage(files.get(), uri); }, "No space left on device"),
               CIOError::NoSpace);
     EXPECT_THROW(SafeDisk(&getClient(1), uri, IIOStream::ReadOnly, ""),
                  kelm::host::UnfinishedDiskError);
     EXPECT_TRUE(holdsImage(&getClient(1), backend.uri("whole.vmdk")));
-    runInShell("ceph osd pool set-quota disks.data max_bytes 0 2>/dev/null");
-    EXPECT_TRUE(comesTrue([&] { return !isFull(); }));
+    full.reset();
     importImage(&getClient(0), uri);
     EXPECT_TRUE(holdsImage(&getClient(1), uri));
+}
+
+TEST_F(ClusterLoss, AClientThatComesToAFullPoolReads) {
+    yx::CURI const uri = backend.uri("whole.vmdk");
+    importImage(&getClient(0), uri);
+    FullPool const full;
+    auto const own = yx::makeObject<CCephFileSystem>();
+    EXPECT_TRUE(holdsImage(own.get(), uri));
 }
 
 TEST_F(ClusterLoss, WhatAKilledClientFlushedIsThere) {
