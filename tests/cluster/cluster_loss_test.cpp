@@ -1,5 +1,6 @@
 // Clients that the cluster shuts out, and servers that die.
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +24,7 @@
 #include "tests/support/hooked_file_system.h"
 #include "tests/support/ignored_exception_capture.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/model_rounds.h"
 #include "tests/support/safe_disks.h"
 #include "tests/support/temp_directory.h"
 
@@ -287,7 +289,9 @@ private:
 
 TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     constexpr int kWriters = 3;
-    constexpr int kRounds = 5;
+    // A grain counts them in its bytes.
+    constexpr unsigned int kMostRounds = 200;
+    auto const rounds = static_cast<int>(std::min(5 * modelRounds(), kMostRounds));
     Cluster const backend;
     yx::CURI const uri = backend.uri("disk.vmdk");
     createDisk(&getClient(0), uri, DiskKind(), yx::CURI());
@@ -298,7 +302,7 @@ TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     for (int writer = 0; writer < kWriters; ++writer) {
         threads.emplace_back([&, writer] {
             Contender contender(uri, IIOStream::ReadWrite);
-            for (int round = 1; round <= kRounds; ++round) {
+            for (int round = 1; round <= rounds; ++round) {
                 contender.work([&](SafeDisk& disk) {
                     Bytes grain = readGrain(disk, writer);
                     EXPECT_TRUE(isEven(grain));
@@ -311,7 +315,7 @@ TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     }
     threads.emplace_back([&] {
         Contender contender(uri, IIOStream::ReadOnly);
-        for (int round = 0; round < kRounds; ++round) {
+        for (int round = 0; round < rounds; ++round) {
             contender.work([&](SafeDisk& disk) {
                 for (int writer = 0; writer < kWriters; ++writer)
                     EXPECT_TRUE(isEven(readGrain(disk, writer)));
@@ -320,9 +324,10 @@ TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     });
     for (std::thread& thread : threads)
         thread.join();
+    EXPECT_FALSE(getClient(1).fileExists(backend.uri("disk.vmdk.lock")));
     SafeDisk disk(&getClient(0), uri, IIOStream::ReadOnly, "");
     for (int writer = 0; writer < kWriters; ++writer)
-        EXPECT_EQ(readGrain(disk, writer)[0], kRounds);
+        EXPECT_EQ(readGrain(disk, writer)[0], rounds);
 }
 
 } // namespace
