@@ -162,7 +162,8 @@ struct OpenedFile {
 };
 
 /// Opens what can be a stream; 0 or a negative `errno` value.
-int openAndQuery(ceph_mount_info* client, std::string const& path, int flags, OpenedFile& file) {
+int openAndQuery(ceph_mount_info* client, CephPools& pools, std::string const& path, int flags,
+                 OpenedFile& file) {
     int const descriptor = ceph_open(client, path.c_str(), flags, kNewFileMode);
     if (descriptor < 0)
         return explain(client, path, descriptor);
@@ -170,10 +171,12 @@ int openAndQuery(ceph_mount_info* client, std::string const& path, int flags, Op
         ceph_fstatx(client, descriptor, &file.status, CEPH_STATX_MODE | CEPH_STATX_SIZE, 0);
     if (result == 0)
         result = getRefusalOf(file.status.stx_mode);
-    if (result == 0)
+    if (result == 0) {
+        pools.enter(client, path, descriptor, (flags & O_ACCMODE) != O_RDONLY);
         file.descriptor = descriptor;
-    else
+    } else {
         ceph_close(client, descriptor);
+    }
     return result;
 }
 
@@ -330,8 +333,9 @@ yx::P<yx::IIOStream> CCephFileSystem::open(yx::CURI const& uri, yx::IIOStream::A
     // The client would wait for those of them that have the file.
     target.mount->clearAwayTheDead();
     auto const answer = target.mount->ask<OpenedFile>(
-        uri, [path = target.path, flags](ceph_mount_info* client, OpenedFile& file) {
-            return openAndQuery(client, path, flags, file);
+        uri, [path = target.path, flags, pools = target.mount->getPools()](ceph_mount_info* client,
+                                                                           OpenedFile& file) {
+            return openAndQuery(client, *pools, path, flags, file);
         });
     if (answer.result == -EEXIST && (flags & O_EXCL) != 0)
         throwExists(uri);

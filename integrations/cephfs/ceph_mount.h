@@ -13,6 +13,7 @@
 
 #include "integrations/cephfs/ceph_calls.h"
 #include "integrations/cephfs/ceph_location.h"
+#include "integrations/cephfs/ceph_pools.h"
 #include "integrations/cephfs/client_note.h"
 
 struct ceph_mount_info;
@@ -103,6 +104,9 @@ public:
     Answer<std::string> tellMetadataServer(std::string const& server, std::string const& command,
                                            yx::CURI const& uri) const;
 
+    /// The pools that this client's files lie in, for calls that use them.
+    std::shared_ptr<CephPools> const& getPools() const { return m_pools; }
+
     /// The longest that a file may become.
     __int64 getMaxFileLengthBytes(yx::CURI const& uri) const;
 
@@ -123,6 +127,7 @@ private:
     bool isOwnProcess() const noexcept;
 
     std::shared_ptr<CephCalls> m_calls;
+    std::shared_ptr<CephPools> m_pools = std::make_shared<CephPools>();
     ceph_mount_info* m_client = nullptr;
     pid_t m_process;
 

@@ -1,5 +1,6 @@
 // Clients that the cluster shuts out, and servers that die.
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -18,10 +19,12 @@
 #include "tests/cluster/client_process.h"
 #include "tests/cluster/cluster_backends.h"
 #include "tests/cluster/cluster_shell.h"
+#include "tests/cluster/full_pool.h"
 #include "tests/disk/disk_history.h"
 #include "tests/support/hooked_file_system.h"
 #include "tests/support/ignored_exception_capture.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/model_rounds.h"
 #include "tests/support/safe_disks.h"
 #include "tests/support/temp_directory.h"
 
@@ -30,8 +33,8 @@ namespace {
 
 using cluster_shell::comesTrue;
 using cluster_shell::evictLastClient;
+using cluster_shell::FullPool;
 using cluster_shell::isClusterWhole;
-using cluster_shell::runInShell;
 using cluster_shell::runScript;
 using file_system_backends::Cluster;
 using file_system_backends::getClient;
@@ -216,25 +219,26 @@ TEST_F(ClusterLoss, AFullPoolFailsAnImportAndHarmsNothingElse) {
     IgnoredExceptionCapture const ignored;
     LogCapture const quiet;
     importImage(&getClient(0), backend.uri("whole.vmdk"));
-    auto const isFull = [] {
-        return runInShell("ceph osd dump 2>/dev/null").find("full_quota") != std::string::npos;
-    };
+    std::unique_ptr<FullPool> full;
     auto const files = yx::makeObject<StepFiles>(
-        &getClient(0), StepFiles::Steps{{10, [&] {
-                                             runInShell("ceph osd pool set-quota disks.data "
-                                                        "max_bytes 1048576 2>/dev/null");
-                                             EXPECT_TRUE(comesTrue(isFull));
-                                         }}});
+        &getClient(0), StepFiles::Steps{{10, [&] { full = std::make_unique<FullPool>(); }}});
     yx::CURI const uri = backend.uri("disk.vmdk");
     EXPECT_EQ(codeOf([&] { importImage(files.get(), uri); }, "No space left on device"),
               CIOError::NoSpace);
     EXPECT_THROW(SafeDisk(&getClient(1), uri, IIOStream::ReadOnly, ""),
                  kelm::host::UnfinishedDiskError);
     EXPECT_TRUE(holdsImage(&getClient(1), backend.uri("whole.vmdk")));
-    runInShell("ceph osd pool set-quota disks.data max_bytes 0 2>/dev/null");
-    EXPECT_TRUE(comesTrue([&] { return !isFull(); }));
+    full.reset();
     importImage(&getClient(0), uri);
     EXPECT_TRUE(holdsImage(&getClient(1), uri));
+}
+
+TEST_F(ClusterLoss, AClientThatComesToAFullPoolReads) {
+    yx::CURI const uri = backend.uri("whole.vmdk");
+    importImage(&getClient(0), uri);
+    FullPool const full;
+    auto const own = yx::makeObject<CCephFileSystem>();
+    EXPECT_TRUE(holdsImage(own.get(), uri));
 }
 
 TEST_F(ClusterLoss, WhatAKilledClientFlushedIsThere) {
@@ -285,7 +289,9 @@ private:
 
 TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     constexpr int kWriters = 3;
-    constexpr int kRounds = 5;
+    // A grain counts them in its bytes.
+    constexpr unsigned int kMostRounds = 200;
+    auto const rounds = static_cast<int>(std::min(5 * modelRounds(), kMostRounds));
     Cluster const backend;
     yx::CURI const uri = backend.uri("disk.vmdk");
     createDisk(&getClient(0), uri, DiskKind(), yx::CURI());
@@ -296,7 +302,7 @@ TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     for (int writer = 0; writer < kWriters; ++writer) {
         threads.emplace_back([&, writer] {
             Contender contender(uri, IIOStream::ReadWrite);
-            for (int round = 1; round <= kRounds; ++round) {
+            for (int round = 1; round <= rounds; ++round) {
                 contender.work([&](SafeDisk& disk) {
                     Bytes grain = readGrain(disk, writer);
                     EXPECT_TRUE(isEven(grain));
@@ -309,7 +315,7 @@ TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     }
     threads.emplace_back([&] {
         Contender contender(uri, IIOStream::ReadOnly);
-        for (int round = 0; round < kRounds; ++round) {
+        for (int round = 0; round < rounds; ++round) {
             contender.work([&](SafeDisk& disk) {
                 for (int writer = 0; writer < kWriters; ++writer)
                     EXPECT_TRUE(isEven(readGrain(disk, writer)));
@@ -318,9 +324,10 @@ TEST(ClusterContention, ThreeWritersAndAReaderOfOneDiskAllSucceed) {
     });
     for (std::thread& thread : threads)
         thread.join();
+    EXPECT_FALSE(getClient(1).fileExists(backend.uri("disk.vmdk.lock")));
     SafeDisk disk(&getClient(0), uri, IIOStream::ReadOnly, "");
     for (int writer = 0; writer < kWriters; ++writer)
-        EXPECT_EQ(readGrain(disk, writer)[0], kRounds);
+        EXPECT_EQ(readGrain(disk, writer)[0], rounds);
 }
 
 } // namespace
