@@ -29,7 +29,8 @@ bool canProbeFileSystems();
 
 /// Finds out what a range of a disk holds; nothing if that is not known. What is read is the first
 /// 8 MiB, the last 2, and what lies elsewhere of the root folder of FAT, of the first files of NTFS
-/// and of the name of an HFS+ volume: never more than 28 MiB, which are held in memory as far as they are no zeros.
+/// and of the name of an HFS+ volume: never more than 28 MiB, which are held in memory as far as
+/// they are no zeros.
 ///
 /// `CIOError` `NotSupported` "This build of kelm cannot tell file systems: it was made without
 /// libblkid." where `canProbeFileSystems` is false. Other errors are those of reading, and those of

@@ -12,8 +12,8 @@ namespace kelm::host {
 struct HFSCatalog {
     /// A run of blocks of the volume.
     struct Extent {
-        __int64 startBlock = 0;
-        __int64 blockCount = 0;
+        __int64 startBlock = 0; ///< counted from the start of the volume
+        __int64 blockCount = 0; ///< 0 for a run that is not there
     };
 
     /// The unit in which extents count.

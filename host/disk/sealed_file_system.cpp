@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <vector>
 
 #include "host/store/file_names.h"
 #include "host/store/forwarding_stream.h"
@@ -123,15 +124,43 @@ void SealedFileSystem::deleteFile(yx::CURI const& uri, bool ignoreMissing) {
         m_seal->sector.fill(0);
 }
 
+namespace {
+
+/// Where the directories of a file with a description in it begin, behind the header and that, and
+/// where they have begun in any case.
+constexpr std::size_t kDirectoriesBytes = std::size_t{66} * kSectorSizeBytes;
+constexpr std::size_t kDirectoriesEndBytes = 65536;
+constexpr int kLookedAtBytes = 131072;
+
+bool isText(unsigned char byte) {
+    return byte >= ' ' || byte == '\n' || byte == '\r' || byte == '\t';
+}
+
+/// By the start of a file.
+bool mayBeSealed(std::vector<unsigned char> const& start) {
+    auto const isSet = [](unsigned char byte) { return byte != 0; };
+    auto const first = std::find_if(start.begin(), start.end(), isSet);
+    auto const place = static_cast<std::size_t>(first - start.begin());
+    if (first == start.end() || (place >= kDirectoriesBytes && place < kDirectoriesEndBytes))
+        return true;
+    // The description, or its rest.
+    auto const end = std::min<std::size_t>(start.size(), std::size_t{2} * kSectorSizeBytes);
+    return place == kSectorSizeBytes &&
+           std::all_of(first, start.begin() + static_cast<std::ptrdiff_t>(end),
+                       [](unsigned char byte) { return byte == 0 || isText(byte); });
+}
+
+} // namespace
+
 bool isSealedFile(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     if (!fileSystem->fileExists(uri) || isOtherThanFile(uri))
         return false;
     unsigned int options = yx::IFileSystem::DoNotFollowLink;
     yx::P<yx::IIOStream> const stream =
         fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &options);
-    std::array<unsigned char, kSectorSizeBytes> sector{};
-    int const count = stream->readLax(sector.data(), kSectorSizeBytes);
-    return yx::isAllZero(sector.data(), static_cast<std::size_t>(count));
+    std::vector<unsigned char> start(kLookedAtBytes);
+    start.resize(static_cast<std::size_t>(stream->readLax(start.data(), kLookedAtBytes)));
+    return mayBeSealed(start);
 }
 
 } // namespace kelm::host

@@ -40,9 +40,11 @@ private:
     std::shared_ptr<Seal> m_seal;
 };
 
-/// Whether a file is what is there of a main file before it is unsealed: it is empty, or its first
-/// sector, as far as it has one, is zeros. So is many a raw image. False for what is not there and
-/// for what is no regular file; errors are those of reading.
+/// Whether a file is what is there of a main file before it is unsealed: zeros, or zeros in its
+/// first sector, as far as it has one, and then what a main file has there, text of a description or
+/// directories of tables. A raw image that begins with zeros has something else behind them, or
+/// nothing but zeros for 128 KiB. False for what is not there and for what is no regular file; errors
+/// are those of reading.
 bool isSealedFile(yx::IFileSystem* fileSystem, yx::CURI const& uri);
 
 } // namespace kelm::host

@@ -14,8 +14,9 @@ public:
     /// Whether it is so; a stream that passes everything on to another one finds that out late.
     virtual bool canReadPlaces() const { return true; }
 
-    /// Reads up to `sizeBytes` bytes from `positionBytes` on; fewer only at the end of the file. Returns the count. Errors are those of reading the stream.
-    /// From any thread, as long as nobody closes the stream.
+    /// Reads up to `sizeBytes` bytes from `positionBytes` on; fewer only at the end of the file.
+    /// Returns the count. Errors are those of reading the stream. From any thread, as long as nobody
+    /// closes the stream.
     virtual int readPlace(__int64 positionBytes, void* target, int sizeBytes) const = 0;
 };
 

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "host/store/store.h"
+#include "yx/error.h"
 
 namespace kelm::host {
 
@@ -71,5 +72,18 @@ private:
     End m_end = End::None;
     std::chrono::seconds m_waited{0};
 };
+
+/// Makes a call of a store, which is noted as under way. Where it fails since calls were ended,
+/// `verifyNotEnded` says so.
+template <class Operation>
+auto callStore(IStore& store, yx::CURI const& uri, Operation const& operation) {
+    StoreCalls::Call const call(store);
+    try {
+        return operation();
+    } catch (yx::CIOError const&) {
+        StoreCalls::get().verifyNotEnded(uri);
+        throw;
+    }
+}
 
 } // namespace kelm::host

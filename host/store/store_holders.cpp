@@ -21,17 +21,6 @@ HoldersOfStore lookForHolders(yx::CURI const& uri) {
     return {store, dynamic_cast<IStoreHolders*>(store)};
 }
 
-template <class Operation>
-auto askHolders(IStore& store, yx::CURI const& uri, Operation const& operation) {
-    StoreCalls::Call const call(store);
-    try {
-        return operation();
-    } catch (yx::CIOError const&) {
-        StoreCalls::get().verifyNotEnded(uri);
-        throw;
-    }
-}
-
 } // namespace
 
 bool knowsHolders(yx::CURI const& uri) {
@@ -44,8 +33,8 @@ std::vector<StoreHolder> findHolders(std::vector<yx::CURI> const& files) {
     HoldersOfStore const found = lookForHolders(files.front());
     if (!found.holders)
         return {};
-    return askHolders(*found.store, files.front(),
-                      [&] { return found.holders->findHolders(files); });
+    return callStore(*found.store, files.front(),
+                     [&] { return found.holders->findHolders(files); });
 }
 
 void shutOutHolder(yx::CURI const& uri, std::string const& number) {
@@ -54,7 +43,7 @@ void shutOutHolder(yx::CURI const& uri, std::string const& number) {
         throw yx::CIOError(yx::CIOError::NotSupported, "The store shuts nobody out.",
                            yx::CProps().add("uri", uri.toString(true)), nullptr);
     }
-    askHolders(*found.store, uri, [&] { found.holders->shutOut(uri, number); });
+    callStore(*found.store, uri, [&] { found.holders->shutOut(uri, number); });
 }
 
 } // namespace kelm::host

@@ -13,18 +13,6 @@ namespace kelm::host {
 
 namespace {
 
-/// Runs a call of a store.
-template <class Operation>
-auto callStore(IStore& store, yx::CURI const& uri, Operation const& operation) {
-    StoreCalls::Call const call(store);
-    try {
-        return operation();
-    } catch (yx::CIOError const&) {
-        StoreCalls::get().verifyNotEnded(uri);
-        throw;
-    }
-}
-
 /// What asks the store, or may have to wait for it, is noted.
 class WatchedStoreStream : public ForwardingStream,
                            public virtual yx::IAccessStream,

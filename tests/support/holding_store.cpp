@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -43,17 +45,23 @@ HolderLine parseLine(std::string const& text) {
     return line;
 }
 
+/// Whether it has ended, but for being waited for: its first thread is a zombie and the others, which
+/// share its files, are gone.
+bool holdsNothing(std::string const& process) {
+    std::ifstream status(process + "/stat");
+    std::string line;
+    if (!std::getline(status, line))
+        return true;
+    std::error_code gone;
+    std::filesystem::directory_iterator const threads(process + "/task", gone);
+    return line.find(") Z ") != std::string::npos && (gone || std::distance(threads, {}) <= 1);
+}
+
 /// Ends a process by SIGKILL, and waits until it holds nothing.
 void endProcess(pid_t process) {
     ::kill(process, SIGKILL);
-    while (true) {
-        std::ifstream status("/proc/" + std::to_string(process) + "/stat");
-        std::string line;
-        // What has ended and was not waited for is a zombie.
-        if (!std::getline(status, line) || line.find(") Z ") != std::string::npos)
-            return;
+    while (!holdsNothing("/proc/" + std::to_string(process)))
         std::this_thread::yield();
-    }
 }
 
 } // namespace

@@ -6,9 +6,8 @@
 #include <string>
 #include <vector>
 
-#include <malloc.h>
-
 #include <CLI/CLI.hpp>
+#include <malloc.h>
 #include <nlohmann/json.hpp>
 
 #include "host/store/stores.h"

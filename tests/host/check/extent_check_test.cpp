@@ -1,5 +1,6 @@
 #include "host/check/extent_check.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -72,8 +73,8 @@ protected:
         directory->flushChangesToStream();
     }
 
-    /// Checks it up to each of these grains and then the rest.
-    std::vector<std::string> check(std::vector<__int64> const& stops = {}) {
+    /// Calls `use` with a check, and returns what that has found by the end.
+    std::vector<std::string> check(std::function<void(ExtentCheck&)> const& use) {
         std::vector<std::string> findings;
         kelm::host::DiskExtent extent;
         extent.endBytes = kGrainCount * kGrainSizeSectors * kSectorSizeBytes;
@@ -84,10 +85,13 @@ protected:
         ExtentCheck check(
             *stream, extent, nullptr,
             [&findings](std::string const& text) { findings.push_back(text); }, known);
-        for (__int64 const stop : stops)
-            check.runTo(stop);
+        use(check);
         check.finish();
         return findings;
+    }
+
+    std::vector<std::string> check() {
+        return check([](ExtentCheck&) {});
     }
 
     /// How often what lies at a sector was read.
@@ -142,26 +146,21 @@ TEST_F(ExtentCheckTest, PieceByPieceItReadsNoFurtherThanIsAskedFor) {
     put({{3, 1000000, 9}, {599, 2000000, 20}}, 3000000);
     std::vector<std::string> const whole = check();
     m_watched->clear();
-    kelm::host::DiskExtent extent;
-    extent.endBytes = kGrainCount * kGrainSizeSectors * kSectorSizeBytes;
-    extent.isCompressed = true;
-    {
-        yx::P<yx::IIOStream> const stream =
-            kelm::openVMDKFileStream(m_watched.get(), m_uri, yx::IIOStream::ReadOnly);
-        KnownGrains known;
-        ExtentCheck check(
-            *stream, extent, nullptr, [](std::string const&) {}, known);
-        EXPECT_THAT(m_watched->lines({FileOperation::Kind::Read}), IsEmpty());
-        check.runTo(2);
-        EXPECT_EQ(0, countReadsOf(1000000));
-        check.runTo(598);
-        EXPECT_EQ(1, countReadsOf(1000000));
-        EXPECT_EQ(0, countReadsOf(2000000));
-        check.runTo(0);
-        check.runTo(599);
-        EXPECT_EQ(1, countReadsOf(2000000));
-    }
-    EXPECT_EQ(whole, check({0, 3, 3, 512, 599, 700}));
+    EXPECT_EQ(whole, check([this](ExtentCheck& check) {
+                  EXPECT_THAT(m_watched->lines({FileOperation::Kind::Read}), IsEmpty());
+                  check.runTo(2);
+                  EXPECT_EQ(0, countReadsOf(1000000));
+                  check.runTo(598);
+                  EXPECT_EQ(1, countReadsOf(1000000));
+                  EXPECT_EQ(0, countReadsOf(2000000));
+                  check.runTo(0);
+                  check.runTo(599);
+                  EXPECT_EQ(1, countReadsOf(2000000));
+              }));
+    EXPECT_EQ(whole, check([](ExtentCheck& check) {
+                  for (__int64 const stop : {0, 3, 3, 512, 599, 700})
+                      check.runTo(stop);
+              }));
 }
 
 } // namespace

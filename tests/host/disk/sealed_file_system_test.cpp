@@ -201,16 +201,36 @@ TEST_F(SealedFileSystemTest, AFileThatWasNotUnsealedIsKnownByItsFirstSector) {
     EXPECT_FALSE(kelm::host::isSealedFile(files.get(), uri));
     write(*open(), 0, {});
     EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri));
-    write(*open(), 0, pattern(1500));
+    write(*open(), 0, Bytes(1500, 'x'));
     EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri));
     for (int const zeros : {1, 511, 512}) {
         Bytes content(static_cast<std::size_t>(zeros), 0);
         files->putFile(uri, test_support::toBuffer(content));
         EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri)) << zeros;
-        content.push_back(1);
+        content.push_back('x');
         files->putFile(uri, test_support::toBuffer(content));
         EXPECT_EQ(zeros == 512, kelm::host::isSealedFile(files.get(), uri)) << zeros;
     }
+}
+
+TEST_F(SealedFileSystemTest, ARawImageThatBeginsWithZerosIsNoSealedFile) {
+    // Where file systems and volumes that leave the first sector free begin to say what they are, and
+    // where the directories of a disk are.
+    for (int const place : {1024, 4086, 32768, 65536, 131071}) {
+        Bytes content(200000, 0);
+        content[static_cast<std::size_t>(place)] = 'x';
+        files->putFile(uri, test_support::toBuffer(content));
+        EXPECT_FALSE(kelm::host::isSealedFile(files.get(), uri)) << place;
+    }
+    Bytes volume(200000, 0);
+    volume[512] = 'L';
+    volume[540] = 1;
+    files->putFile(uri, test_support::toBuffer(volume));
+    EXPECT_FALSE(kelm::host::isSealedFile(files.get(), uri));
+    Bytes directories(200000, 0);
+    directories[std::size_t{66} * 512] = 1;
+    files->putFile(uri, test_support::toBuffer(directories));
+    EXPECT_TRUE(kelm::host::isSealedFile(files.get(), uri));
 }
 
 } // namespace
