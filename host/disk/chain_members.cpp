@@ -6,12 +6,6 @@ namespace kelm::host {
 
 namespace {
 
-yx::P<CVMDKDescriptor> readDescriptor(yx::IFileSystem* fileSystem, yx::CURI const& mainFile) {
-    yx::P<yx::IIOStream> const stream =
-        openVMDKFileStream(fileSystem, mainFile, yx::IIOStream::ReadOnly);
-    return CVMDKDescriptorAccessor(stream.get(), yx::IIOStream::ReadOnly).getDescriptor();
-}
-
 CVMDKSparseExtentHeader readHeader(yx::IFileSystem* fileSystem, yx::CURI const& extentFile) {
     yx::P<yx::IIOStream> const stream =
         openVMDKFileStream(fileSystem, extentFile, yx::IIOStream::ReadOnly);
@@ -63,6 +57,12 @@ yx::CURI findParent(ChainMember const& child) {
 }
 
 } // namespace
+
+yx::P<CVMDKDescriptor> readDescriptor(yx::IFileSystem* fileSystem, yx::CURI const& mainFile) {
+    yx::P<yx::IIOStream> const stream =
+        openVMDKFileStream(fileSystem, mainFile, yx::IIOStream::ReadOnly);
+    return CVMDKDescriptorAccessor(stream.get(), yx::IIOStream::ReadOnly).getDescriptor();
+}
 
 std::vector<ChainMember> listChainMembers(SafeDisk& disk) {
     CVMDKDisk& first = disk.getDisk();

@@ -18,6 +18,9 @@ struct ChainMember {
     std::vector<DiskExtent> extents;
 };
 
+/// The descriptor that the main file of a disk holds. Errors are those of reading it.
+yx::P<CVMDKDescriptor> readDescriptor(yx::IFileSystem* fileSystem, yx::CURI const& mainFile);
+
 /// The disk and its parents, the nearest first. No password is needed, since none of this is
 /// enciphered. The files are reached as the disk reaches them (`SafeDisk::getFileSystem`).
 ///

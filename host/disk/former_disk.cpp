@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "host/disk/chain_members.h"
 #include "host/disk/digest_file_name.h"
 #include "host/disk/extent_names.h"
 #include "host/store/file_status.h"
@@ -14,12 +15,6 @@
 namespace kelm::host {
 
 namespace {
-
-yx::P<CVMDKDescriptor> readDescriptor(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
-    yx::P<yx::IIOStream> const stream =
-        openVMDKFileStream(fileSystem, uri, yx::IIOStream::ReadOnly);
-    return CVMDKDescriptorAccessor(stream.get(), yx::IIOStream::ReadOnly).getDescriptor();
-}
 
 bool isExtentWithoutDescriptor(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     try {

@@ -130,7 +130,7 @@ namespace {
 /// where they have begun in any case.
 constexpr std::size_t kDirectoriesBytes = std::size_t{66} * kSectorSizeBytes;
 constexpr std::size_t kDirectoriesEndBytes = 65536;
-constexpr int kLookedAtBytes = 131072;
+constexpr int kSealedStartBytes = 131072;
 
 bool isText(unsigned char byte) {
     return byte >= ' ' || byte == '\n' || byte == '\r' || byte == '\t';
@@ -158,8 +158,8 @@ bool isSealedFile(yx::IFileSystem* fileSystem, yx::CURI const& uri) {
     unsigned int options = yx::IFileSystem::DoNotFollowLink;
     yx::P<yx::IIOStream> const stream =
         fileSystem->openFile(uri, yx::IIOStream::ReadOnly, &options);
-    std::vector<unsigned char> start(kLookedAtBytes);
-    start.resize(static_cast<std::size_t>(stream->readLax(start.data(), kLookedAtBytes)));
+    std::vector<unsigned char> start(kSealedStartBytes);
+    start.resize(static_cast<std::size_t>(stream->readLax(start.data(), kSealedStartBytes)));
     return mayBeSealed(start);
 }
 

@@ -1,12 +1,12 @@
 #include "integrations/cephfs/client_life.h"
 
 #include <cstdint>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include <sys/utsname.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "integrations/cephfs/client_note.h"

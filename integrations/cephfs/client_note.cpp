@@ -193,10 +193,11 @@ std::optional<bool> ClientNote::findWhetherLives(std::string const& uuid) {
                         uuid.find_first_not_of("0123456789abcdef-") == std::string::npos;
     if (!isUUID)
         return std::nullopt;
+    std::string const name = kNamePrefix + uuid;
     for (std::string const& folder : listFolders()) {
         if (!isSafeFolder(folder))
             continue;
-        int const descriptor = openNote(folder + "/" + kNamePrefix + uuid);
+        int const descriptor = openNote(std::string(folder).append("/").append(name));
         if (descriptor < 0)
             continue;
         ClientNote const note(folder, uuid, descriptor);
